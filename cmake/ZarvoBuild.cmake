@@ -1,0 +1,58 @@
+# SPDX-License-Identifier: MIT
+# What every target of the project shares: language level, warnings, sanitizers, output folders.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_AUTOMOC ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES)
+    set(CMAKE_BUILD_TYPE Release CACHE STRING "Debug, Release, RelWithDebInfo" FORCE)
+endif()
+
+option(ZARVO_WERROR "Treat warnings as errors" OFF)
+set(ZARVO_SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize=, for example address,undefined")
+
+find_program(ZARVO_CCACHE ccache)
+if(ZARVO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${ZARVO_CCACHE}")
+endif()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow)
+if(ZARVO_WERROR)
+    add_compile_options(-Werror)
+endif()
+
+add_compile_definitions(
+    QT_NO_CAST_FROM_ASCII
+    QT_NO_CAST_TO_ASCII
+    QT_NO_CAST_FROM_BYTEARRAY
+    QT_NO_URL_CAST_FROM_STRING
+    QT_NO_NARROWING_CONVERSIONS_IN_CONNECT
+    QT_NO_CONTEXTLESS_CONNECT
+    QT_NO_FOREACH
+    QT_STRICT_ITERATORS)
+
+if(ZARVO_SANITIZE)
+    add_compile_options(-fsanitize=${ZARVO_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${ZARVO_SANITIZE})
+endif()
+
+# Includes are written from the root of the project.
+include_directories("${PROJECT_SOURCE_DIR}")
+
+# zarvo_library(NAME SOURCES... [LINK targets...]): a static library for one folder.
+function(zarvo_library name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_link_libraries(${name} PUBLIC ${ARG_LINK})
+endfunction()
+
+# zarvo_program(NAME FOLDER SOURCES... LINK...): an executable that is put into <build>/<FOLDER>.
+function(zarvo_program name folder)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE ${ARG_LINK})
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/${folder}")
+endfunction()

@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: MIT
+#include "engine/agentinfo.h"
+
+#include "engine/session.h"
+#include "support/datetimetext.h"
+#include "support/json.h"
+
+#include <QLocalSocket>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kAnswerTimeoutMs = 1000;
+/** Far more than any state; an agent that sends more is not read on and so counts as one that never ends. */
+constexpr qint64 kMaxAnswerBytes = 1024 * 1024;
+
+bool receiveAnswer(const QString &socketPath, QByteArray *answer)
+{
+    QLocalSocket socket;
+    socket.setReadBufferSize(kMaxAnswerBytes);
+    socket.connectToServer(socketPath, QIODevice::ReadWrite);
+    if (socket.state() == QLocalSocket::UnconnectedState || !socket.waitForDisconnected(kAnswerTimeoutMs)) {
+        return false;
+    }
+    *answer = socket.readAll();
+    return true;
+}
+
+void updateTime(QDateTime *time, const Json::Value &value)
+{
+    if (value.isString()) {
+        *time = dateTimeFromText(stringFromJson(value));
+    }
+}
+
+void updatePasswords(QStringList *passwords, const Json::Value &value)
+{
+    passwords->clear();
+    if (!value.isArray()) {
+        return;
+    }
+    for (const Json::Value &element : value) {
+        if (element.isString()) {
+            passwords->append(stringFromJson(element));
+        }
+    }
+}
+
+void updateSession(Session *session, const Json::Value &state)
+{
+    updateTime(&session->started, member(state, "Started"));
+    updateTime(&session->lastConnect, member(state, "LastConnect"));
+    updateTime(&session->lastDisconnect, member(state, "LastDisconnect"));
+
+    const Json::Value &width = member(state, "ScreenWidth");
+    const Json::Value &height = member(state, "ScreenHeight");
+    if (width.isInt() && height.isInt()) {
+        session->screenSize = QSize(width.asInt(), height.asInt());
+    }
+    const Json::Value &clients = member(state, "Clients");
+    if (clients.isInt()) {
+        session->clients = clients.asInt();
+    }
+    if (hasMember(state, "Passwords")) {
+        updatePasswords(&session->passwords, member(state, "Passwords"));
+    }
+}
+
+} // namespace
+
+bool readAgentInfo(Session *session, const QString &socketPath, QString *error)
+{
+    QByteArray answer;
+    if (!receiveAnswer(socketPath, &answer)) {
+        *error = u"Failed to get the info from the session"_s;
+        return false;
+    }
+    Json::Value state;
+    if (!parseJson(answer, &state)) {
+        *error = u"Failed to parse the info from the session: %1"_s.arg("Invalid JSON"_L1);
+        return false;
+    }
+    updateSession(session, state);
+    return true;
+}

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+struct Session;
+
+/**
+ * Applies what the agent's log tells to the record: every line of one of the six known forms, up to the end
+ * of the file or its first empty line. Adds to what the record holds: a log read twice counts twice. Callable
+ * from any thread.
+ *
+ * @param session  keeps what was applied before a failure
+ * @param error    set only on failure: the file's name and the reason
+ */
+[[nodiscard]] bool readAgentLog(Session *session, const QString &path, QString *error);

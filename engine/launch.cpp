@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+#include "engine/launch.h"
+
+#include "engine/displays.h"
+#include "engine/session.h"
+#include "engine/sessionerror.h"
+#include "engine/sessionfiles.h"
+#include "server/logging.h"
+#include "support/programrunner.h"
+#include "support/randomdata.h"
+
+#include <QDir>
+#include <QHostInfo>
+#include <QProcess>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kXauthTimeoutMs = 10000;
+
+int fail(SessionError code, const QString &cause)
+{
+    logMessage(LogWarning, cause);
+    return code;
+}
+
+bool addAuthority(const QDir &files, const QString &displayName, const QString &cookie, QString *error)
+{
+    const QStringList arguments = {
+        u"-f"_s, files.filePath(SessionFile::kAuthority), u"add"_s, displayName, u"MIT-MAGIC-COOKIE-1"_s, cookie};
+    return runProgram(u"xauth"_s, arguments, QString(), kXauthTimeoutMs, error);
+}
+
+bool writeDescription(const QDir &files, quint16 display, const QString &windowMode, const QString &name,
+                      QString *error)
+{
+    return writeNumberFile(files.filePath(SessionFile::kDisplay), display, error) &&
+           writeTextFile(files.filePath(SessionFile::kWindowMode), windowMode, error) &&
+           writeTextFile(files.filePath(SessionFile::kName), name, error) &&
+           writeTextFile(files.filePath(SessionFile::kInfo), u"{\n}"_s, error);
+}
+
+/** Starts the agent. It inherits the standard streams alone: every other descriptor is close-on-exec. */
+bool startAgent(const QString &directory, const QString &geometry, quint16 display, qint64 *pid)
+{
+    const QStringList arguments = {geometry, QString::number(agentPort(display))};
+    return QProcess::startDetached(u"start-agent"_s, arguments, directory, pid);
+}
+
+} // namespace
+
+int startSession(Session *session, const QString &directory, quint16 base, quint16 limit, const QString &geometry,
+                 const QString &name)
+{
+    const std::optional<quint16> display = findOpenDisplay(base, limit);
+    if (!display) {
+        return fail(NoOpenDisplay, u"Failed to find an open display"_s);
+    }
+    const QString windowMode = geometry == "rootless"_L1 ? u"rootless"_s : u"desktop"_s;
+
+    QString error;
+    QString cookie;
+    if (!randomHex(&cookie, &error)) {
+        return fail(CookieFailed, error);
+    }
+    if (!QDir(directory).exists() && !QDir().mkpath(directory)) {
+        return fail(DirectoryFailed, u"Failed to create the directory \"%1\""_s.arg(directory));
+    }
+    const QDir files(directory);
+    if (!writeDescription(files, *display, windowMode, name, &error)) {
+        return fail(WriteFailed, error);
+    }
+    if (!addAuthority(files, u"unix:%1"_s.arg(*display), cookie, &error)) {
+        return fail(WriteFailed, error);
+    }
+    // By the host's name as well, for programs that reach the display that way; most do without.
+    if (!addAuthority(files, u"%2:%1"_s.arg(*display).arg(QHostInfo::localHostName()), cookie, &error)) {
+        logMessage(LogWarning, error);
+    }
+
+    qint64 pid = 0;
+    if (!startAgent(directory, geometry, *display, &pid)) {
+        return fail(AgentFailed, u"Failed to start the agent in the directory \"%1\""_s.arg(directory));
+    }
+    if (!writeNumberFile(files.filePath(SessionFile::kMonitorPid), pid, &error)) {
+        return fail(WriteFailed, error);
+    }
+
+    *session = Session();
+    session->directory = directory;
+    session->display = *display;
+    session->monitorPid = static_cast<qint32>(pid);
+    session->windowMode = windowMode;
+    session->name = name;
+    session->logStamp = epoch();
+    return SessionOk;
+}
+
+int startApplication(const Session &session, const QString &command)
+{
+    if (session.directory.isEmpty()) {
+        return NotInitialized;
+    }
+    QString error;
+    if (!writeTextFile(QDir(session.directory).filePath(SessionFile::kAppLog), QString(), &error)) {
+        return fail(WriteFailed, error);
+    }
+    if (!QProcess::startDetached(u"start-app"_s, {command}, session.directory)) {
+        return fail(ApplicationFailed,
+                    u"Failed to start the applicaion in the directory \"%1\""_s.arg(session.directory));
+    }
+    return SessionOk;
+}

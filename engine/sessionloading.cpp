@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+#include "engine/sessionloading.h"
+
+#include "engine/session.h"
+#include "engine/sessionerror.h"
+#include "engine/sessionfiles.h"
+#include "server/logging.h"
+
+#include <QDir>
+
+using namespace Qt::StringLiterals;
+
+int loadSession(Session *session, const QString &directory)
+{
+    const QDir files(directory);
+    if (!files.exists()) {
+        logMessage(LogWarning, u"The directory \"%1\" does not exist"_s.arg(directory));
+        return NotASession;
+    }
+
+    Session loaded;
+    QString error;
+    if (!readDisplayFile(files.filePath(SessionFile::kDisplay), &loaded.display, &error) ||
+        !readWordFile(files.filePath(SessionFile::kWindowMode), &loaded.windowMode, &error) ||
+        !readWordFile(files.filePath(SessionFile::kName), &loaded.name, &error) ||
+        !readNumberFile(files.filePath(SessionFile::kMonitorPid), &loaded.monitorPid, &error)) {
+        logMessage(LogWarning, error);
+        return ReadFailed;
+    }
+    loaded.directory = directory;
+    loaded.logStamp = epoch();
+    *session = loaded;
+    return SessionOk;
+}

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+struct Session;
+
+/**
+ * Builds the record of a session from its directory: how it was started. What has happened since is for
+ * refreshSession() to find out. A missing or unreadable file is logged. Callable from any thread.
+ *
+ * @param session    set only on success
+ * @param directory  the session's directory
+ * @return SessionOk, NotASession or ReadFailed
+ */
+[[nodiscard]] int loadSession(Session *session, const QString &directory);

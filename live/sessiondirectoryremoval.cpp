@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: MIT
+#include "live/sessiondirectoryremoval.h"
+
+#include <QDir>
+
+using namespace Qt::StringLiterals;
+
+bool removeSessionDirectory(const QString &path, QString &error)
+{
+    // Sockets and dangling links are what the filter calls system files; they would keep the directory alive.
+    const QDir directory(path, QString(), QDir::Unsorted, QDir::Files | QDir::Hidden | QDir::System);
+    const QStringList names = directory.entryList();
+    for (const QString &name : names) {
+        const QString file = directory.filePath(name);
+        if (!QFile::remove(file)) {
+            error = u"Failed to remove the file \"%1\""_s.arg(file);
+            return false;
+        }
+    }
+    if (!QDir().rmdir(path)) {
+        error = u"Failed to remove the directory \"%1\""_s.arg(path);
+        return false;
+    }
+    return true;
+}

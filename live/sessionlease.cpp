@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: MIT
+#include "live/sessionlease.h"
+
+#include "engine/session.h"
+#include "live/sessionstore.h"
+
+SessionLease::SessionLease(SessionStore *store_, const QString &id_)
+    : store(store_)
+    , id(id_)
+{
+    acquireCode = store->acquire(id, session);
+}
+
+SessionLease::SessionLease(SessionStore *store_, const QString &id_, Session *session_)
+    : store(store_)
+    , id(id_)
+    , session(session_)
+{
+}
+
+SessionLease::~SessionLease()
+{
+    if (session) {
+        store->release(id);
+    }
+}
+
+void SessionLease::remove()
+{
+    session = nullptr;
+    store->removeSession(id);
+}
+
+int SessionLease::removeIfBroken(int failure)
+{
+    if (session->broken) {
+        remove();
+    }
+    return failure;
+}

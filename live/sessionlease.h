@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+struct Session;
+class SessionStore;
+
+/**
+ * The right to work on one session while everybody else waits: ends in exactly one release() or
+ * removeSession() of the registry, on every way out of the scope that holds it. Used by the thread that made
+ * it.
+ */
+class SessionLease final
+{
+public:
+    /** Waits until nobody works on the session and takes it; code() tells whether that came to pass. */
+    SessionLease(SessionStore *store, const QString &id);
+    /** Takes over an id that is busy on the caller's behalf already. */
+    SessionLease(SessionStore *store, const QString &id, Session *session);
+    ~SessionLease();
+    SessionLease(const SessionLease &) = delete;
+    SessionLease &operator=(const SessionLease &) = delete;
+
+    /** SessionOk, or why there is no session to work on. */
+    [[nodiscard]] int code() const { return acquireCode; }
+
+    [[nodiscard]] Session *operator->() const { return session; }
+    [[nodiscard]] Session &operator*() const { return *session; }
+    [[nodiscard]] Session *get() const { return session; }
+
+    /** Takes the session out of the registry and deletes its record; the lease is over. */
+    void remove();
+
+    /** Ends the lease after an operation that failed with @p failure: a broken session is removed. */
+    int removeIfBroken(int failure);
+
+private:
+    SessionStore *store;
+    QString id;
+    Session *session = nullptr; ///< null when there is nothing to give back
+    int acquireCode = 0;
+};

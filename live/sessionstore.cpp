@@ -1,0 +1,380 @@
+// SPDX-License-Identifier: MIT
+#include "live/sessionstore.h"
+
+#include "engine/launch.h"
+#include "engine/session.h"
+#include "engine/sessionerror.h"
+#include "engine/sessionid.h"
+#include "engine/sessionloading.h"
+#include "engine/supervision.h"
+#include "live/sessiondirectoryremoval.h"
+#include "live/sessionlease.h"
+#include "server/idletimer.h"
+#include "server/logging.h"
+
+#include <QDir>
+#include <QMutexLocker>
+
+#include <csignal>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/** How long an agent may take for what it was asked. */
+constexpr int kAgentTimeoutMs = 15000;
+
+QString geometryOf(const Session &session)
+{
+    return u"%1x%2"_s.arg(session.screenSize.width()).arg(session.screenSize.height());
+}
+
+void describeConnection(const Session &session, QString &windowMode, QString &geometry, QString &password,
+                        quint16 &port)
+{
+    windowMode = session.windowMode;
+    geometry = geometryOf(session);
+    password = session.passwords.constLast();
+    port = agentPort(session.display);
+}
+
+/** A session that ended well leaves nothing behind; any other keeps its files for whoever looks into it. */
+void cleanUp(const Session &session)
+{
+    QString error;
+    if (session.exitCode == 0 && !removeSessionDirectory(session.directory, error)) {
+        logMessage(LogWarning, error);
+    }
+}
+
+/** Asks the agent for one more password and waits until it is there. */
+int offerPassword(SessionLease &lease)
+{
+    if (const int code = signalSession(*lease, SIGUSR1); code != SessionOk) {
+        return code;
+    }
+    if (const int code = waitForPasswordsChange(lease.get(), kAgentTimeoutMs); code != SessionOk) {
+        return lease.removeIfBroken(code);
+    }
+    return SessionOk;
+}
+
+/** Whether the session has been without a client for this long; one that never had any counts as such. */
+bool isForsaken(const Session &session, qint32 seconds)
+{
+    return session.clients == 0 &&
+           (session.lastDisconnect.isNull() || QDateTime::currentDateTime() >= session.lastDisconnect.addSecs(seconds));
+}
+
+} // namespace
+
+SessionStore::SessionStore(const QString &root_, quint16 displayBase_, quint16 displayLimit_, const QString &location_)
+    : root(root_)
+    , displayBase(displayBase_)
+    , displayLimit(displayLimit_)
+    , location(location_)
+{
+    scan();
+}
+
+SessionStore::~SessionStore()
+{
+    for (size_t left = sessions.size(); left > 0; --left) {
+        releaseSession();
+    }
+}
+
+void SessionStore::scan()
+{
+    const QDir directory(root, QString(), QDir::Unsorted, QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);
+    const QStringList names = directory.entryList();
+    for (const QString &name : names) {
+        const QString path = directory.filePath(name);
+        const QString id = sessionIdFromPath(path);
+        auto session = std::make_unique<Session>();
+        if (id.isNull() || loadSession(session.get(), path) != SessionOk ||
+            refreshSession(session.get()) != SessionOk) {
+            continue;
+        }
+        sessions[id] = std::move(session);
+        holdSession();
+    }
+}
+
+bool SessionStore::isBusy(const QString &id) const
+{
+    const QMutexLocker locker(&mutex);
+    return busy.contains(id);
+}
+
+bool SessionStore::reserve(const QString &id)
+{
+    const QMutexLocker locker(&mutex);
+    if (busy.contains(id)) {
+        return false;
+    }
+    busy.insert(id);
+    return true;
+}
+
+int SessionStore::acquire(const QString &id, Session *&session)
+{
+    const QMutexLocker locker(&mutex);
+    while (busy.contains(id)) {
+        changed.wait(&mutex);
+    }
+    const auto found = sessions.find(id);
+    if (found == sessions.end() || !found->second) {
+        return NoSuchSession;
+    }
+    busy.insert(id);
+    session = found->second.get();
+    return SessionOk;
+}
+
+void SessionStore::release(const QString &id)
+{
+    const QMutexLocker locker(&mutex);
+    busy.remove(id);
+    changed.wakeAll();
+}
+
+void SessionStore::addSession(const QString &id, std::unique_ptr<Session> session)
+{
+    const QMutexLocker locker(&mutex);
+    std::unique_ptr<Session> &entry = sessions[id];
+    if (!entry) {
+        holdSession(); // a replaced entry hands its hold on
+    }
+    entry = std::move(session);
+    busy.insert(id);
+}
+
+std::unique_ptr<Session> SessionStore::removeSession(const QString &id)
+{
+    const QMutexLocker locker(&mutex);
+    busy.remove(id);
+    changed.wakeAll();
+    auto entry = sessions.extract(id);
+    if (entry.empty()) {
+        return nullptr;
+    }
+    releaseSession();
+    return std::move(entry.mapped());
+}
+
+QStringList SessionStore::sessionIds() const
+{
+    const QMutexLocker locker(&mutex);
+    QStringList ids;
+    ids.reserve(static_cast<qsizetype>(sessions.size()));
+    for (const auto &[id, session] : sessions) {
+        ids.append(id);
+    }
+    return ids;
+}
+
+void SessionStore::refreshAll(QList<SessionInfo> &out)
+{
+    purgeRemoteSessions();
+    out = remoteSessions();
+    const QStringList ids = sessionIds();
+    for (const QString &id : ids) {
+        refreshOne(id, out);
+    }
+}
+
+void SessionStore::refreshOne(const QString &id, QList<SessionInfo> &out)
+{
+    SessionLease lease(this, id);
+    if (lease.code() != SessionOk) {
+        return;
+    }
+    if (refreshSession(lease.get()) != SessionOk) {
+        lease.remove();
+    } else if (lease->exited) {
+        cleanUp(*lease);
+        lease.remove();
+    } else {
+        out.append(SessionInfo(id, location, *lease));
+    }
+}
+
+int SessionStore::listLocalSessions(QList<SessionInfo> &out)
+{
+    out.clear();
+    return appendLocalSessions(out);
+}
+
+int SessionStore::listSessions(QList<SessionInfo> &out)
+{
+    out = remoteSessions();
+    return appendLocalSessions(out);
+}
+
+int SessionStore::appendLocalSessions(QList<SessionInfo> &out)
+{
+    const QStringList ids = sessionIds();
+    for (const QString &id : ids) {
+        const SessionLease lease(this, id);
+        if (lease.code() != SessionOk) {
+            return lease.code();
+        }
+        out.append(SessionInfo(id, location, *lease));
+    }
+    return SessionOk;
+}
+
+void SessionStore::suspendIdle(int minutes)
+{
+    // In 32 bits, where a huge setting wraps around, but without the undefined behaviour of a signed product.
+    const auto seconds = static_cast<qint32>(static_cast<quint32>(minutes) * 60U);
+    const QStringList ids = sessionIds();
+    for (const QString &id : ids) {
+        const SessionLease lease(this, id);
+        if (lease.code() == SessionOk && isForsaken(*lease, seconds)) {
+            [[maybe_unused]] const int code = signalSession(*lease, SIGTERM);
+        }
+    }
+}
+
+int SessionStore::start(const QString &id, const QString &command, const QString &geometry, QString &password,
+                        quint16 &port)
+{
+    // Busy from here on, so that of two starts of one id only one gets as far as the directory.
+    if (!isValidSessionId(id) || !reserve(id)) {
+        logMessage(LogWarning, u"Got a bad id"_s);
+        return NoSuchSession;
+    }
+    return startReserved(id, command, geometry, password, port);
+}
+
+int SessionStore::startReserved(const QString &id, const QString &command, const QString &geometry, QString &password,
+                                quint16 &port)
+{
+    auto created = std::make_unique<Session>();
+    Session *session = created.get();
+    if (const int code =
+            startSession(session, sessionDirectory(root, id), displayBase, displayLimit, geometry, command);
+        code != SessionOk) {
+        release(id);
+        return code;
+    }
+    addSession(id, std::move(created));
+
+    SessionLease lease(this, id, session);
+    if (const int code = waitForStarted(session, kAgentTimeoutMs); code != SessionOk) {
+        return lease.removeIfBroken(code);
+    }
+    if (const int code = startApplication(*lease, command); code != SessionOk) {
+        return code;
+    }
+    if (const int code = offerPassword(lease); code != SessionOk) {
+        return code;
+    }
+    password = lease->passwords.constLast();
+    port = agentPort(lease->display);
+    return SessionOk;
+}
+
+int SessionStore::resume(const QString &id, QString &windowMode, QString &geometry, QString &password, quint16 &port)
+{
+    SessionLease lease(this, id);
+    if (lease.code() != SessionOk) {
+        return lease.code();
+    }
+    if (lease->clients != 0 || !lease->passwords.isEmpty()) {
+        return InvalidState;
+    }
+    if (const int code = offerPassword(lease); code != SessionOk) {
+        return code;
+    }
+    describeConnection(*lease, windowMode, geometry, password, port);
+    return SessionOk;
+}
+
+int SessionStore::replay(const QString &id, QString &windowMode, QString &geometry, QString &password, quint16 &port)
+{
+    const SessionLease lease(this, id);
+    if (lease.code() != SessionOk) {
+        return lease.code();
+    }
+    if (lease->clients != 0 || lease->passwords.isEmpty()) {
+        return InvalidState;
+    }
+    describeConnection(*lease, windowMode, geometry, password, port);
+    return SessionOk;
+}
+
+int SessionStore::suspend(const QString &id)
+{
+    SessionLease lease(this, id);
+    if (lease.code() != SessionOk) {
+        return lease.code();
+    }
+    if (lease->clients == 0) {
+        return InvalidState;
+    }
+    if (const int code = signalSession(*lease, SIGUSR2); code != SessionOk) {
+        return code;
+    }
+    if (const int code = waitForDisconnect(lease.get(), kAgentTimeoutMs); code != SessionOk) {
+        return lease.removeIfBroken(code);
+    }
+    return SessionOk;
+}
+
+int SessionStore::terminate(const QString &id)
+{
+    SessionLease lease(this, id);
+    if (lease.code() != SessionOk) {
+        return lease.code();
+    }
+    if (const int code = signalSession(*lease, SIGTERM); code != SessionOk) {
+        return code;
+    }
+    if (const int code = waitForExit(lease.get(), kAgentTimeoutMs); code != SessionOk) {
+        return lease.removeIfBroken(code);
+    }
+    cleanUp(*lease);
+    lease.remove();
+    return SessionOk;
+}
+
+void SessionStore::storeRemoteSessions(const QString &key, const QDateTime &expiry, const QList<SessionInfo> &list)
+{
+    const QMutexLocker locker(&mutex);
+    remoteExpiry[key] = expiry;
+    remoteLists[key] = list;
+}
+
+void SessionStore::forgetRemoteSessions(const QString &key)
+{
+    const QMutexLocker locker(&mutex);
+    remoteExpiry.remove(key);
+    remoteLists.remove(key);
+}
+
+void SessionStore::purgeRemoteSessions()
+{
+    const QMutexLocker locker(&mutex);
+    const QDateTime now = QDateTime::currentDateTime();
+    for (auto expiry = remoteExpiry.begin(); expiry != remoteExpiry.end();) {
+        if (expiry.value() < now) {
+            remoteLists.remove(expiry.key());
+            expiry = remoteExpiry.erase(expiry);
+        } else {
+            ++expiry;
+        }
+    }
+}
+
+QList<SessionInfo> SessionStore::remoteSessions() const
+{
+    const QMutexLocker locker(&mutex);
+    QList<SessionInfo> all;
+    for (const QList<SessionInfo> &list : remoteLists) {
+        all.append(list);
+    }
+    return all;
+}

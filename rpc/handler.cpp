@@ -1,0 +1,229 @@
+// SPDX-License-Identifier: MIT
+#include "rpc/handler.h"
+
+#include "rpc/netstring.h"
+#include "server/idletimer.h"
+#include "server/logging.h"
+#include "support/json.h"
+
+#include <QSslSocket>
+#include <QtConcurrentRun>
+
+#include <utility>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/**
+ * How many answer bytes may wait for a peer before it counts as one that does not read. As much as the
+ * responder lets a socket buffer of what it receives.
+ */
+constexpr qint64 kMaxUnsentBytes = 1024 * 1024;
+
+qint64 unsentBytes(const QIODevice &device)
+{
+    const auto *socket = qobject_cast<const QSslSocket *>(&device);
+    return device.bytesToWrite() + (socket ? socket->encryptedBytesToWrite() : 0);
+}
+
+/**
+ * Whether what is written now reaches a peer that was let in. A TLS socket takes data before its handshake has
+ * ended and would deliver it to whoever is there.
+ */
+bool isServing(const QIODevice &device)
+{
+    const auto *socket = qobject_cast<const QSslSocket *>(&device);
+    return device.isOpen() && (!socket || socket->isEncrypted());
+}
+
+Json::Value invalidRequestError()
+{
+    return rpcError(-32600, "Invalid JSON-RPC request.");
+}
+
+Json::Value makeResponse(const Json::Value &id)
+{
+    Json::Value response(Json::objectValue);
+    response["jsonrpc"] = "2.0";
+    response["id"] = id;
+    return response;
+}
+
+/** Whether an answer can carry this "id"; null is refused, for it is what errors without an id carry. */
+bool isUsableId(const Json::Value &id)
+{
+    return !id.isNull() && !id.isObject() && !id.isArray();
+}
+
+bool isValidRequest(const Json::Value &request)
+{
+    return request.isObject() && (!hasMember(request, "id") || isUsableId(member(request, "id"))) &&
+           stringFromJson(member(request, "jsonrpc")) == "2.0"_L1 && member(request, "method").isString();
+}
+
+} // namespace
+
+Handler::Handler(QIODevice *device_, const QMap<QString, RpcMethod *> &methods_, QObject *parent)
+    : QObject(parent)
+    , device(device_)
+    , watcher(new QFutureWatcher<QByteArray>(this))
+    , methods(methods_)
+{
+    connect(device, &QIODevice::readyRead, this, &Handler::Device_readyRead);
+    connect(device, &QIODevice::bytesWritten, this, &Handler::Device_bytesWritten);
+    if (const auto *socket = qobject_cast<QSslSocket *>(device)) {
+        connect(socket, &QSslSocket::encryptedBytesWritten, this, &Handler::Device_bytesWritten);
+    }
+    connect(watcher, &QFutureWatcherBase::finished, this, &Handler::Watcher_finished);
+    methods.insert(u"system.describe"_s, this);
+    holdConnection();
+}
+
+Handler::~Handler()
+{
+    watcher->waitForFinished();
+    methods.remove(u"system.describe"_s);
+    qDeleteAll(methods);
+    releaseConnection();
+}
+
+QByteArray Handler::processMessage(const QByteArray &payload)
+{
+    Json::Value root;
+    Json::Value response;
+    if (!parseJson(payload, &root)) {
+        response = makeErrorResponse(rpcError(-32700, "Parse error."), Json::nullValue);
+    } else if (root.isNull() || root.isArray()) {
+        response = processBatch(root); // a bare null is an empty batch
+    } else {
+        response = handleRequest(root);
+    }
+    return response.isNull() ? QByteArray() : encodeNetString(writeJson(response));
+}
+
+bool Handler::execute(const Json::Value &, Json::Value &result)
+{
+    result = Json::Value(Json::objectValue);
+    for (auto method = methods.cbegin(); method != methods.cend(); ++method) {
+        result[method.key().toStdString()] = method.value()->describe();
+    }
+    return true;
+}
+
+Json::Value Handler::describe() const
+{
+    Json::Value description(Json::objectValue);
+    description["description"] = "List the RPC methods available";
+    description["parameters"] = Json::nullValue;
+    description["returns"] = "Object that contains description of all methods registered";
+    return description;
+}
+
+void Handler::writeToDevice(QByteArray msg)
+{
+    if (!isServing(*device)) {
+        return;
+    }
+    if (peerLags()) {
+        pendingUpdate = msg;
+        return;
+    }
+    device->write(msg);
+}
+
+void Handler::Device_readyRead()
+{
+    if (busy || peerLags() || !isServing(*device)) {
+        return;
+    }
+    QByteArray payload;
+    QString error;
+    int outcome = decodeNetString(buffer, payload, error);
+    // Only what is needed for one more frame is taken from the device; the rest waits there, where it is bounded.
+    if (outcome == 1 && device->bytesAvailable() > 0) {
+        buffer += device->readAll();
+        outcome = decodeNetString(buffer, payload, error);
+    }
+    if (outcome == 0) {
+        startRequest(payload);
+    } else if (outcome < 0) {
+        logMessage(LogWarning, error);
+        device->close();
+    }
+}
+
+void Handler::Watcher_finished()
+{
+    busy = false;
+    const QByteArray answer = watcher->result();
+    if (!answer.isEmpty() && isServing(*device)) {
+        device->write(answer);
+    }
+    Device_readyRead();
+}
+
+void Handler::Device_bytesWritten()
+{
+    if (peerLags()) {
+        return;
+    }
+    if (!pendingUpdate.isEmpty()) {
+        device->write(std::exchange(pendingUpdate, QByteArray()));
+    }
+    Device_readyRead();
+}
+
+bool Handler::peerLags() const
+{
+    return unsentBytes(*device) > kMaxUnsentBytes;
+}
+
+void Handler::startRequest(const QByteArray &payload)
+{
+    busy = true;
+    watcher->setFuture(QtConcurrent::run([this, payload] { return processMessage(payload); }));
+}
+
+Json::Value Handler::processBatch(const Json::Value &requests)
+{
+    Json::Value responses; // stays null, and unsent, until the first answer
+    for (const Json::Value &request : requests) {
+        Json::Value response = handleRequest(request);
+        if (!response.isNull()) {
+            responses.append(std::move(response));
+        }
+    }
+    return responses;
+}
+
+Json::Value Handler::handleRequest(const Json::Value &request)
+{
+    if (!isValidRequest(request)) {
+        return makeErrorResponse(invalidRequestError(), Json::nullValue);
+    }
+    const bool isNotification = !hasMember(request, "id");
+    const Json::Value &id = member(request, "id");
+    RpcMethod *method = methods.value(stringFromJson(member(request, "method")));
+    if (!method) {
+        return isNotification ? Json::Value() : makeErrorResponse(rpcError(-32601, "Method not found."), id);
+    }
+    Json::Value result;
+    const bool succeeded = method->execute(member(request, "params"), result);
+    if (isNotification) {
+        return {};
+    }
+    if (!succeeded) {
+        return makeErrorResponse(result, id);
+    }
+    Json::Value response = makeResponse(id);
+    response["result"] = std::move(result);
+    return response;
+}
+
+Json::Value Handler::makeErrorResponse(const Json::Value &error, const Json::Value &id)
+{
+    Json::Value response = makeResponse(id);
+    response["error"] = error;
+    return response;
+}

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: MIT
+#include "rpc/netstring.h"
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kDecoded = 0;
+constexpr int kIncomplete = 1;
+constexpr int kInvalid = -1;
+
+/** How long a buffer without a colon may be: the digits of kMaxFrameBytes. */
+constexpr qsizetype kMaxLengthDigits = 5;
+
+/** The length that the prefix gives; false for a sign, letters, no digits at all or too long a frame. */
+bool parseLength(const QByteArray &prefix, qsizetype *length)
+{
+    bool isNumber = false;
+    const unsigned long value = prefix.toULong(&isNumber, 10);
+    if (!isNumber || prefix.contains('+') || prefix.contains('-') || value > kMaxFrameBytes) {
+        return false;
+    }
+    *length = static_cast<qsizetype>(value);
+    return true;
+}
+
+} // namespace
+
+QByteArray encodeNetString(const QByteArray &payload)
+{
+    return QByteArray::number(payload.size()) + ':' + payload + ',';
+}
+
+int decodeNetString(QByteArray &buffer, QByteArray &payload, QString &error)
+{
+    const auto fail = [&error](const QString &text) {
+        error = text;
+        return kInvalid;
+    };
+
+    const qsizetype colon = buffer.indexOf(':');
+    if (colon < 0) {
+        return buffer.size() > kMaxLengthDigits ? fail(u"Invalid NetString length"_s) : kIncomplete;
+    }
+    qsizetype length = 0;
+    if (!parseLength(buffer.first(colon), &length)) {
+        return fail(u"Invalid NetString length"_s);
+    }
+    const qsizetype frameBytes = colon + length + 2;
+    if (buffer.size() < frameBytes) {
+        return kIncomplete;
+    }
+    if (buffer.at(frameBytes - 1) != ',') {
+        return fail(u"Missing NetString comma"_s);
+    }
+    payload = buffer.sliced(colon + 1, length);
+    buffer.remove(0, frameBytes);
+    return kDecoded;
+}

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: MIT
+#include "rpc/sslserver.h"
+
+#include "server/logging.h"
+
+#include <QSslConfiguration>
+#include <QSslSocket>
+
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+SslServer::SslServer(QObject *parent)
+    : QTcpServer(parent)
+{
+}
+
+void SslServer::setPrivateKey(const QSslKey &key)
+{
+    privateKey = key;
+}
+
+void SslServer::setLocalCertificate(const QSslCertificate &certificate)
+{
+    localCertificate = certificate;
+}
+
+void SslServer::setExtraCertificates(const QList<QSslCertificate> &certificates)
+{
+    extraCertificates = certificates;
+}
+
+void SslServer::incomingConnection(qintptr socketDescriptor)
+{
+    auto *socket = new QSslSocket(this);
+    connect(socket, &QSslSocket::encrypted, this, &SslServer::socketEncrypted);
+    if (!socket->setSocketDescriptor(socketDescriptor)) {
+        delete socket;
+        ::close(static_cast<int>(socketDescriptor));
+        return;
+    }
+
+    QSslConfiguration configuration = socket->sslConfiguration();
+    configuration.setPrivateKey(privateKey);
+    configuration.setLocalCertificateChain(QList{localCertificate} + extraCertificates);
+    configuration.setPeerVerifyMode(QSslSocket::VerifyPeer);
+    // No authority is trusted, so none is named in the request: a client that is shown names which do not fit its
+    // certificate may hold the certificate back.
+    configuration.setCaCertificates({});
+    socket->setSslConfiguration(configuration);
+    socket->ignoreSslErrors();
+    socket->startServerEncryption();
+    addPendingConnection(socket);
+}
+
+void SslServer::socketEncrypted()
+{
+    auto *socket = qobject_cast<QSslSocket *>(sender());
+    if (!socket || socket->peerCertificate() == localCertificate) {
+        return;
+    }
+    logMessage(LogWarning, u"A unverified client attempted to connect from \"%1\" port \"%2\""_s.arg(
+                               socket->peerName(), QString::number(socket->peerPort())));
+    socket->close();
+}

@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: MIT
+#include "server/daemon.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr const char *kNullDevice = "/dev/null";
+
+QString systemError()
+{
+    return QString::fromLocal8Bit(std::strerror(errno));
+}
+
+bool moveDescriptor(int from, int to)
+{
+    if (from == to) {
+        return true;
+    }
+    if (::dup2(from, to) == -1) {
+        return false;
+    }
+    ::close(from);
+    return true;
+}
+
+bool openNullDevice(int descriptor, int flags)
+{
+    const int null = ::open(kNullDevice, flags);
+    return null != -1 && moveDescriptor(null, descriptor);
+}
+
+bool writeAll(const char *data, size_t length)
+{
+    while (length > 0) {
+        const ssize_t written = ::write(STDERR_FILENO, data, length);
+        if (written == -1) {
+            return false;
+        }
+        data += written;
+        length -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+/** The parent's whole remaining life. */
+[[noreturn]] void relayMessages(int readEnd)
+{
+    moveDescriptor(readEnd, STDIN_FILENO);
+    std::array<char, 256> chunk{};
+    for (;;) {
+        const ssize_t length = ::read(STDIN_FILENO, chunk.data(), chunk.size());
+        if (length <= 0 || !writeAll(chunk.data(), static_cast<size_t>(length))) {
+            ::_exit(0);
+        }
+    }
+}
+
+/** A blocked signal would stay blocked in the server and in all that it starts. */
+void unblockSignals()
+{
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+bool detach(int writeEnd)
+{
+    if (!moveDescriptor(writeEnd, STDERR_FILENO)) {
+        return false;
+    }
+    // What the caller left open is not ours to keep, nor to hand on to the agents.
+    ::close_range(STDERR_FILENO + 1, ~0U, 0);
+    unblockSignals();
+    return ::setsid() != -1 && ::chdir("/") == 0 && openNullDevice(STDIN_FILENO, O_RDONLY) &&
+           openNullDevice(STDOUT_FILENO, O_WRONLY);
+}
+
+} // namespace
+
+bool becomeDaemon(QString *error)
+{
+    const auto fail = [error] {
+        *error = u"Failed to become a daemon: %1"_s.arg(systemError());
+        return false;
+    };
+
+    int ends[2] = {-1, -1};
+    if (::pipe(ends) == -1) {
+        return fail();
+    }
+    const pid_t child = ::fork();
+    if (child == -1) {
+        const bool failed = fail();
+        ::close(ends[0]);
+        ::close(ends[1]);
+        return failed;
+    }
+    if (child != 0) {
+        ::close(ends[1]);
+        relayMessages(ends[0]);
+    }
+    ::close(ends[0]);
+    return detach(ends[1]) || fail();
+}
+
+bool closeStartupChannel(QString *error)
+{
+    if (!openNullDevice(STDERR_FILENO, O_WRONLY)) {
+        *error = u"Failed to close the communication pipe: %1"_s.arg(systemError());
+        return false;
+    }
+    return true;
+}

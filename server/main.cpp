@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: MIT
+#include "server/daemon.h"
+#include "server/logging.h"
+#include "server/qtsinglecoreapplication.h"
+#include "server/server.h"
+#include "server/startupfailure.h"
+
+#include <QThreadPool>
+
+#include <algorithm>
+
+#include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/** Requests wait for agents on pool threads, so a machine with few processors still needs some. */
+constexpr int kMinPoolThreads = 4;
+
+/**
+ * What Qt itself has to say goes to the log: standard error belongs to the one line of a failed start-up. Queued,
+ * because Qt may speak up while the logger is writing.
+ */
+void logQtMessage(QtMsgType, const QMessageLogContext &, const QString &text)
+{
+    if (qApp && Logging::instance()) {
+        QMetaObject::invokeMethod(
+            qApp, [text] { logMessage(LogDebug1, text); }, Qt::QueuedConnection);
+    }
+}
+
+void nameApplication()
+{
+    QCoreApplication::setApplicationName(u"Zarvo Server"_s);
+    QCoreApplication::setApplicationVersion(QStringLiteral(ZARVO_VERSION));
+    QCoreApplication::setOrganizationName(u"Halvorn Media"_s);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QString error;
+    if (!becomeDaemon(&error)) {
+        return reportStartupFailure(error);
+    }
+    ::umask(077);
+    qInstallMessageHandler(logQtMessage);
+    QtSingleCoreApplication application(u"zarvo_server-%1"_s.arg(qEnvironmentVariable("USER")), argc, argv);
+    nameApplication();
+    if (application.isRunning()) {
+        return 0;
+    }
+    QThreadPool *pool = QThreadPool::globalInstance();
+    pool->setMaxThreadCount(std::max(pool->maxThreadCount(), kMinPoolThreads));
+
+    Server server;
+    return server.run();
+}

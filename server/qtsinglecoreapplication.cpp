@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+#include "server/qtsinglecoreapplication.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/**
+ * Other users may put what they like under our name into the temporary directory. Their files are passed
+ * over, for as many names as this.
+ */
+constexpr int kLockNames = 16;
+
+/** The id is hashed, for it holds the user's name, which may be of any length and form. */
+QString lockPath(const QString &id, int number)
+{
+    const QByteArray digest = QCryptographicHash::hash(id.toUtf8(), QCryptographicHash::Sha256).toHex().first(16);
+    return QDir::temp().filePath(
+        u"zarvo-%1-%2-%3.lock"_s.arg(QString::fromLatin1(digest)).arg(::geteuid()).arg(number));
+}
+
+/** Opens a lock file of ours, with O_CREAT in @p create if need be; -1 for one that somebody else has put there. */
+int openLockFile(const QString &path, int create)
+{
+    const int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    const int descriptor = ::open(QFile::encodeName(path).constData(), flags | create, S_IRUSR | S_IWUSR);
+    if (descriptor == -1) {
+        return -1;
+    }
+    struct stat status = {};
+    if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == ::geteuid() &&
+        status.st_nlink == 1) {
+        return descriptor;
+    }
+    ::close(descriptor);
+    return -1;
+}
+
+} // namespace
+
+QtSingleCoreApplication::QtSingleCoreApplication(const QString &id_, int &argc, char **argv)
+    : QCoreApplication(argc, argv)
+    , id(id_)
+{
+}
+
+QtSingleCoreApplication::~QtSingleCoreApplication()
+{
+    if (lock != -1) {
+        ::close(lock);
+    }
+}
+
+bool QtSingleCoreApplication::isRunning()
+{
+    if (lock != -1) {
+        return false;
+    }
+    // Every name is tried, also behind the one that we could have: the other process may have started when
+    // somebody's file stood in its way.
+    for (int number = 0; number < kLockNames; ++number) {
+        const int descriptor = openLockFile(lockPath(id, number), lock == -1 ? O_CREAT : 0);
+        if (descriptor == -1) {
+            continue;
+        }
+        const bool locked = ::flock(descriptor, LOCK_EX | LOCK_NB) == 0;
+        if (!locked && errno == EWOULDBLOCK) {
+            ::close(descriptor);
+            return true;
+        }
+        if (locked && lock == -1) {
+            lock = descriptor;
+        } else {
+            ::close(descriptor);
+        }
+    }
+    return false;
+}

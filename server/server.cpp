@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: MIT
+#include "server/server.h"
+
+#include "engine/sessionfiles.h"
+#include "live/sessionstore.h"
+#include "rpc/sslserver.h"
+#include "server/certificates.h"
+#include "server/daemon.h"
+#include "server/idletimer.h"
+#include "server/signalcatcher.h"
+#include "server/sslresponder.h"
+#include "server/startupfailure.h"
+#include "support/credentials.h"
+#include "workers/sessionupdater.h"
+#include "workers/suspendchecker.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QHostAddress>
+#include <QUdpSocket>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+using namespace Qt::StringLiterals;
+
+Server::Server() = default;
+Server::~Server() = default;
+
+int Server::run()
+{
+    QString error;
+    if (!openLog(&error)) {
+        return reportStartupFailure(error);
+    }
+    if (!start(&error)) {
+        const int code = reportStartupFailure(error);
+        logMessage(LogCritical, error);
+        return code;
+    }
+    armIdleTimer();
+    logMessage(LogInfo, u"Starting the server version %1"_s.arg(QCoreApplication::applicationVersion()));
+    const int code = QCoreApplication::exec();
+    logMessage(LogInfo, u"Exiting the server"_s);
+    return code;
+}
+
+bool Server::openLog(QString *error)
+{
+    settings = Settings::read();
+    if (!logger.open(userFile(u"server_log"_s), error)) {
+        return false;
+    }
+    Logging::setInstance(&logger);
+    logger.setLevel(Logging::levelFromName(settings.logLevel));
+    return true;
+}
+
+bool Server::start(QString *error)
+{
+    return writePidFile(error) && provideCertificates(error) && createSessionDirectory(error) && startWorkers() &&
+           readCredentials(error) && listenForClients(error) && writePortFile(error) && startDiscovery(error) &&
+           setUpSignals(error) && closeStartupChannel(error);
+}
+
+bool Server::writePidFile(QString *error)
+{
+    logMessage(LogDebug1, u"Writing the pid file"_s);
+    pidFile.setPath(userFile(u"server_pid"_s));
+    return writeNumberFile(pidFile.path(), QCoreApplication::applicationPid(), error);
+}
+
+bool Server::provideCertificates(QString *error)
+{
+    logMessage(LogDebug1, u"Creating certificate files"_s);
+    return createCertificates(certificatePath(), keyPath(), error);
+}
+
+bool Server::createSessionDirectory(QString *error)
+{
+    logMessage(LogDebug1, u"Creating the session directory"_s);
+    const QString path = sessionsPath();
+    if (!QDir(path).exists() && !QDir().mkpath(path)) {
+        *error = u"Failed to create the session directory \"%1\""_s.arg(path);
+        return false;
+    }
+    return true;
+}
+
+bool Server::startWorkers()
+{
+    logMessage(LogDebug1, u"Initializing data stores"_s);
+    // Without discovery nobody could do anything with the URL.
+    const QString location = settings.broadcastPort != 0 ? settings.sciUrl : QString();
+    store = std::make_unique<SessionStore>(sessionsPath(), settings.displayBase, settings.displayEnd(), location);
+    QList<SessionInfo> ignored;
+    store->refreshAll(ignored);
+    updater = std::make_unique<SessionUpdater>(store.get(), nullptr);
+    updater->start(QThread::LowPriority);
+    checker = std::make_unique<SuspendChecker>(store.get(), settings.suspendTimeout, nullptr);
+    checker->start(QThread::LowPriority);
+    return true;
+}
+
+bool Server::readCredentials(QString *error)
+{
+    logMessage(LogDebug1, u"Reading the certificate files"_s);
+    return readPrivateKey(keyPath(), &privateKey, error) && readCertificate(certificatePath(), &certificate, error);
+}
+
+bool Server::listenForClients(QString *error)
+{
+    logMessage(LogDebug1, u"Creating the SSL socket"_s);
+    listener = std::make_unique<SslServer>();
+    listener->setPrivateKey(privateKey);
+    listener->setLocalCertificate(certificate);
+    if (!listener->listen(QHostAddress(QHostAddress::AnyIPv4), settings.listenPort)) {
+        *error = u"Failed to listen for SSL connections on port \"%1\": %2"_s.arg(QString::number(settings.listenPort),
+                                                                                  listener->errorString());
+        return false;
+    }
+    factory.emplace(store.get(), updater.get());
+    responder = std::make_unique<SslResponder>(&*factory, nullptr);
+    QObject::connect(listener.get(), &SslServer::newConnection, responder.get(), &SslResponder::newConnection);
+    return true;
+}
+
+bool Server::writePortFile(QString *error)
+{
+    logMessage(LogDebug1, u"Writing the port file"_s);
+    portFile.setPath(userFile(u"server_port"_s));
+    return writeNumberFile(portFile.path(), listener->serverPort(), error);
+}
+
+bool Server::startDiscovery(QString *error)
+{
+    logMessage(LogDebug1, u"Creating the UDP socket"_s);
+    udpSocket = std::make_unique<QUdpSocket>();
+    if (settings.broadcastPort != 0 &&
+        !udpSocket->bind(settings.broadcastPort, QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint)) {
+        *error = u"Failed to listen for UDP connections on port \"%1\": %2"_s.arg(
+            QString::number(settings.broadcastPort), udpSocket->errorString());
+        return false;
+    }
+    QHostAddress broadcastAddress;
+    if (!broadcastAddress.setAddress(settings.broadcastAddress)) {
+        *error = u"Invalid broadcast address \"%1\""_s.arg(settings.broadcastAddress);
+        return false;
+    }
+    return true;
+}
+
+bool Server::setUpSignals(QString *error)
+{
+    logMessage(LogDebug1, u"Setting up signal handlers"_s);
+    int ends[2] = {-1, -1};
+    if (!createSignalPair(ends)) {
+        *error = u"Failed to setup signal handling: %1"_s.arg(QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
+    setSignalWriteEnd(ends[0]);
+    signalCatcher = std::make_unique<SignalCatcher>(ends[1]);
+    QObject::connect(signalCatcher.get(), &SignalCatcher::gotTERM, qApp, &QCoreApplication::quit);
+    QObject::connect(signalCatcher.get(), &SignalCatcher::gotINT, qApp, &QCoreApplication::quit);
+    QObject::connect(signalCatcher.get(), &SignalCatcher::gotHUP, &logger, &FileLogging::reopen);
+    catchSignal(SIGTERM);
+    catchSignal(SIGHUP);
+    catchSignal(SIGINT);
+    return true;
+}
+
+QString Server::userFile(const QString &name) const
+{
+    return QDir(settings.userPath).filePath(name);
+}
+
+QString Server::certificatePath() const
+{
+    return userFile(u"../server_cert"_s);
+}
+
+QString Server::keyPath() const
+{
+    return userFile(u"../server_key"_s);
+}
+
+QString Server::sessionsPath() const
+{
+    return userFile(u"sessions"_s);
+}

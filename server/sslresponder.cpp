@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+#include "server/sslresponder.h"
+
+#include "rpc/handler.h"
+#include "rpc/sslserver.h"
+#include "server/handlerfactory.h"
+
+#include <QTcpSocket>
+
+namespace {
+
+/** What a client may send ahead before the system makes it wait. */
+constexpr qint64 kReadBufferBytes = 1048576;
+
+} // namespace
+
+SslResponder::SslResponder(HandlerFactory *factory_, QObject *parent)
+    : QObject(parent)
+    , factory(factory_)
+{
+}
+
+void SslResponder::newConnection()
+{
+    auto *server = qobject_cast<SslServer *>(sender());
+    if (!server) {
+        return;
+    }
+    while (QTcpSocket *socket = server->nextPendingConnection()) {
+        connect(socket, &QAbstractSocket::disconnected, socket, &QObject::deleteLater);
+        socket->setReadBufferSize(kReadBufferBytes);
+        factory->createHandler(socket)->setParent(socket);
+    }
+}

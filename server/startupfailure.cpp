@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: MIT
+#include "server/startupfailure.h"
+
+#include "server/logging.h"
+
+#include <unistd.h>
+
+int reportStartupFailure(const QString &cause)
+{
+    const QByteArray line = Logging::formatLine(LogCritical, cause).toLocal8Bit() + '\n';
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.constData(), static_cast<size_t>(line.size()));
+    return 1;
+}

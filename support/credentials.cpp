@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+#include "support/credentials.h"
+
+#include "support/filereader.h"
+
+#include <QSslCertificate>
+#include <QSslKey>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kMaxCredentialBytes = 1024 * 1024;
+
+} // namespace
+
+bool readCertificate(const QString &path, QSslCertificate *certificate, QString *error)
+{
+    QByteArray data;
+    if (!readFile(path, kMaxCredentialBytes, &data, error)) {
+        return false;
+    }
+    const QSslCertificate parsed(data, QSsl::Pem);
+    if (parsed.isNull()) {
+        *error = u"Invalid certificate in file \"%1\""_s.arg(path);
+        return false;
+    }
+    *certificate = parsed;
+    return true;
+}
+
+bool readPrivateKey(const QString &path, QSslKey *key, QString *error)
+{
+    QByteArray data;
+    if (!readFile(path, kMaxCredentialBytes, &data, error)) {
+        return false;
+    }
+    const QSslKey parsed(data, QSsl::Rsa, QSsl::Pem, QSsl::PrivateKey, QByteArray(""));
+    if (parsed.isNull()) {
+        *error = u"Invalid private key in file \"%1\""_s.arg(path);
+        return false;
+    }
+    *key = parsed;
+    return true;
+}

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: MIT
+#include "support/filereader.h"
+
+#include <QFile>
+
+using namespace Qt::StringLiterals;
+
+bool readFile(const QString &path, int maxSize, QByteArray *data, QString *error)
+{
+    QFile file(path);
+    // Unbuffered: a device such as the random generator is asked for the wanted bytes and no more.
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+        *error = u"Failed to open the file \"%1\": %2"_s.arg(file.fileName(), file.errorString());
+        return false;
+    }
+    QByteArray bytes = file.read(maxSize);
+    if (file.error() != QFileDevice::NoError) {
+        *error = u"Failed to read from the file \"%1\": %2"_s.arg(file.fileName(), file.errorString());
+        return false;
+    }
+    *data = std::move(bytes);
+    return true;
+}

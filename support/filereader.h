@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+/**
+ * Reads a file into memory, at most @p maxSize bytes of it: what lies behind is cut off silently, for the
+ * bound protects the process and is no property of the file.
+ *
+ * @param maxSize  in bytes
+ * @param data     set only on success
+ * @param error    set only on failure: one sentence with the file's name and the reason
+ * @return true when the file could be opened and read. Callable from any thread.
+ */
+[[nodiscard]] bool readFile(const QString &path, int maxSize, QByteArray *data, QString *error);

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+#include "support/programrunner.h"
+
+#include <QProcess>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+void killAndReap(QProcess *process)
+{
+    process->kill();
+    process->waitForFinished(-1);
+}
+
+QString firstErrorLine(QProcess *process)
+{
+    process->setReadChannel(QProcess::StandardError);
+    QByteArray line = process->readLine();
+    while (line.endsWith('\n') || line.endsWith('\r')) {
+        line.chop(1);
+    }
+    return QString::fromLocal8Bit(line);
+}
+
+} // namespace
+
+bool runProgram(const QString &program, const QStringList &arguments, const QString &workingDirectory, int timeoutMs,
+                QString *error)
+{
+    const auto fail = [&](const QString &reason) {
+        *error = u"Failed to run the program \"%1\": %2"_s.arg(program, reason);
+        return false;
+    };
+
+    QProcess process;
+    process.setWorkingDirectory(workingDirectory);
+    process.start(program, arguments);
+    if (!process.waitForFinished(timeoutMs)) {
+        const QString reason = process.errorString();
+        killAndReap(&process);
+        return fail(reason);
+    }
+    if (process.exitStatus() == QProcess::CrashExit) {
+        return fail(u"The process crashed"_s);
+    }
+    if (process.exitCode() != 0) {
+        return fail(firstErrorLine(&process));
+    }
+    return true;
+}

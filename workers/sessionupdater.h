@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "workers/periodicworker.h"
+
+#include <QByteArray>
+
+class SessionStore;
+
+/**
+ * Keeps the registry current and tells everybody who listens when the list of sessions has changed: every 400
+ * ms it refreshes all sessions and, when the resulting notification differs from the last one, sends it.
+ * Created on the main thread, where doWork() runs and sendUpdates() is emitted.
+ */
+class SessionUpdater final : public PeriodicWorker
+{
+    Q_OBJECT
+
+public:
+    SessionUpdater(SessionStore *store, QObject *parent);
+
+public slots:
+    void doWork() override;
+    void sendUpdatesHelper(QByteArray bytes);
+
+signals:
+    /** The list has changed; @p bytes is a whole frame with an "UpdateSessions" notification. */
+    void sendUpdates(QByteArray bytes);
+
+private:
+    SessionStore *store;    ///< not owned
+    QByteArray lastMessage; ///< the last frame sent; touched by doWork() alone
+};
