@@ -10,6 +10,7 @@
 #include "support/randomdata.h"
 
 #include <QDir>
+#include <QFile>
 #include <QHostInfo>
 #include <QProcess>
 
@@ -39,6 +40,21 @@ bool writeDescription(const QDir &files, quint16 display, const QString &windowM
            writeTextFile(files.filePath(SessionFile::kWindowMode), windowMode, error) &&
            writeTextFile(files.filePath(SessionFile::kName), name, error) &&
            writeTextFile(files.filePath(SessionFile::kInfo), u"{\n}"_s, error);
+}
+
+/**
+ * An id may be used again, and what the agent of an earlier run left in the directory would be taken for the word
+ * of the new one. Its log is kept under another name.
+ */
+void setAsideEarlierRun(const QDir &files)
+{
+    const QString log = files.filePath(SessionFile::kServerLog);
+    if (QFile::exists(log)) {
+        const QString earlierLog = log + ".old"_L1;
+        QFile::remove(earlierLog);
+        QFile::rename(log, earlierLog);
+    }
+    QFile::remove(files.filePath(SessionFile::kServerExit));
 }
 
 /** Starts the agent. It inherits the standard streams alone: every other descriptor is close-on-exec. */
@@ -79,6 +95,7 @@ int startSession(Session *session, const QString &directory, quint16 base, quint
         logMessage(LogWarning, error);
     }
 
+    setAsideEarlierRun(files);
     qint64 pid = 0;
     if (!startAgent(directory, geometry, *display, &pid)) {
         return fail(AgentFailed, u"Failed to start the agent in the directory \"%1\""_s.arg(directory));

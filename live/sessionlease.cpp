@@ -11,6 +11,13 @@ SessionLease::SessionLease(SessionStore *store_, const QString &id_)
     acquireCode = store->acquire(id, session);
 }
 
+SessionLease::SessionLease(SessionStore *store_, const QString &id_, IfFree)
+    : store(store_)
+    , id(id_)
+{
+    acquireCode = store->tryAcquire(id, session);
+}
+
 SessionLease::SessionLease(SessionStore *store_, const QString &id_, Session *session_)
     : store(store_)
     , id(id_)

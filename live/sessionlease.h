@@ -14,8 +14,15 @@ class SessionStore;
 class SessionLease final
 {
 public:
+    /** Says that the caller would rather go without the session than wait for it. */
+    struct IfFree
+    {
+    };
+
     /** Waits until nobody works on the session and takes it; code() tells whether that came to pass. */
     SessionLease(SessionStore *store, const QString &id);
+    /** Takes the session only if nobody works on it. */
+    SessionLease(SessionStore *store, const QString &id, IfFree);
     /** Takes over an id that is busy on the caller's behalf already. */
     SessionLease(SessionStore *store, const QString &id, Session *session);
     ~SessionLease();

@@ -123,6 +123,18 @@ int SessionStore::acquire(const QString &id, Session *&session)
     while (busy.contains(id)) {
         changed.wait(&mutex);
     }
+    return markBusy(id, session);
+}
+
+int SessionStore::tryAcquire(const QString &id, Session *&session)
+{
+    const QMutexLocker locker(&mutex);
+    return busy.contains(id) ? InvalidState : markBusy(id, session);
+}
+
+/** Marks a session busy that is not. The mutex is held. */
+int SessionStore::markBusy(const QString &id, Session *&session)
+{
     const auto found = sessions.find(id);
     if (found == sessions.end() || !found->second) {
         return NoSuchSession;
@@ -178,26 +190,37 @@ void SessionStore::refreshAll(QList<SessionInfo> &out)
 {
     purgeRemoteSessions();
     out = remoteSessions();
+    QMap<QString, SessionInfo> listed;
     const QStringList ids = sessionIds();
     for (const QString &id : ids) {
-        refreshOne(id, out);
+        if (const std::optional<SessionInfo> info = refreshOne(id)) {
+            out.append(*info);
+            listed.insert(id, *info);
+        }
     }
+    lastListed = listed;
 }
 
-void SessionStore::refreshOne(const QString &id, QList<SessionInfo> &out)
+std::optional<SessionInfo> SessionStore::refreshOne(const QString &id)
 {
-    SessionLease lease(this, id);
+    SessionLease lease(this, id, SessionLease::IfFree());
+    if (lease.code() == InvalidState) {
+        const auto last = lastListed.constFind(id);
+        return last == lastListed.cend() ? std::nullopt : std::optional(*last);
+    }
     if (lease.code() != SessionOk) {
-        return;
+        return std::nullopt;
     }
     if (refreshSession(lease.get()) != SessionOk) {
         lease.remove();
-    } else if (lease->exited) {
+        return std::nullopt;
+    }
+    if (lease->exited) {
         cleanUp(*lease);
         lease.remove();
-    } else {
-        out.append(SessionInfo(id, location, *lease));
+        return std::nullopt;
     }
+    return SessionInfo(id, location, *lease);
 }
 
 int SessionStore::listLocalSessions(QList<SessionInfo> &out)
@@ -231,7 +254,7 @@ void SessionStore::suspendIdle(int minutes)
     const auto seconds = static_cast<qint32>(static_cast<quint32>(minutes) * 60U);
     const QStringList ids = sessionIds();
     for (const QString &id : ids) {
-        const SessionLease lease(this, id);
+        const SessionLease lease(this, id, SessionLease::IfFree());
         if (lease.code() == SessionOk && isForsaken(*lease, seconds)) {
             [[maybe_unused]] const int code = signalSession(*lease, SIGTERM);
         }

@@ -14,6 +14,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 
 struct Session;
 
@@ -45,6 +46,8 @@ public:
      * @param session  set only on success; the caller's until release() or removeSession()
      */
     [[nodiscard]] int acquire(const QString &id, Session *&session);
+    /** The same without waiting: InvalidState when somebody works on the id. */
+    [[nodiscard]] int tryAcquire(const QString &id, Session *&session);
     void release(const QString &id);
     /** Registers the session, busy for the caller. An earlier one of this id, which nobody may hold, is deleted. */
     void addSession(const QString &id, std::unique_ptr<Session> session);
@@ -53,13 +56,20 @@ public:
     /** The ids of all sessions in ascending order. */
     [[nodiscard]] QStringList sessionIds() const;
 
-    /** Refreshes every session, drops those that are gone, and lists peers' sessions, then the local ones. */
+    /**
+     * Refreshes every session, drops those that are gone, and lists peers' sessions, then the local ones. A session
+     * that somebody works on is listed as it was the last time, and not at all before the first time: an action may
+     * take half a minute, for which this pass would hold up the main thread. One thread at a time may call it.
+     */
     void refreshAll(QList<SessionInfo> &out);
     /** The local sessions as the last refresh left them; fails when one goes while the listing waits for it. */
     [[nodiscard]] int listLocalSessions(QList<SessionInfo> &out);
     /** The same, behind what peers reported. */
     [[nodiscard]] int listSessions(QList<SessionInfo> &out);
-    /** Asks every session to end that has been without a client for this many minutes. */
+    /**
+     * Asks every session to end that has been without a client for this many minutes. One that somebody works on is
+     * left for the next time.
+     */
     void suspendIdle(int minutes);
 
     /** Starts a session and its application. Blocks for up to half a minute and more. */
@@ -89,7 +99,8 @@ private:
     [[nodiscard]] bool reserve(const QString &id);
     [[nodiscard]] int startReserved(const QString &id, const QString &command, const QString &geometry,
                                     QString &password, quint16 &port);
-    void refreshOne(const QString &id, QList<SessionInfo> &out);
+    [[nodiscard]] std::optional<SessionInfo> refreshOne(const QString &id);
+    [[nodiscard]] int markBusy(const QString &id, Session *&session);
     [[nodiscard]] int appendLocalSessions(QList<SessionInfo> &out);
 
     const QString root;
@@ -103,4 +114,6 @@ private:
     QMap<QString, QDateTime> remoteExpiry;
     QMap<QString, QList<SessionInfo>> remoteLists;
     QSet<QString> busy; ///< ids that one caller works on, or is about to register
+
+    QMap<QString, SessionInfo> lastListed; ///< by id, what refreshAll() listed; touched by it alone
 };

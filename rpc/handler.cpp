@@ -132,9 +132,17 @@ void Handler::writeToDevice(QByteArray msg)
     device->write(msg);
 }
 
+void Handler::retire()
+{
+    retired = true;
+    if (!busy) {
+        device->deleteLater();
+    }
+}
+
 void Handler::Device_readyRead()
 {
-    if (busy || peerLags() || !isServing(*device)) {
+    if (busy || retired || peerLags() || !isServing(*device)) {
         return;
     }
     QByteArray payload;
@@ -156,6 +164,10 @@ void Handler::Device_readyRead()
 void Handler::Watcher_finished()
 {
     busy = false;
+    if (retired) {
+        device->deleteLater();
+        return;
+    }
     const QByteArray answer = watcher->result();
     if (!answer.isEmpty() && isServing(*device)) {
         device->write(answer);

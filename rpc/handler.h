@@ -45,6 +45,12 @@ public slots:
      */
     void writeToDevice(QByteArray msg);
 
+    /**
+     * The peer is gone: deletes the device, and the handler with it, as soon as no request runs any more. A request
+     * may take half a minute, for which the destructor would hold up every other connection.
+     */
+    void retire();
+
 private slots:
     void Device_readyRead();
     void Watcher_finished();
@@ -60,7 +66,8 @@ private:
     QIODevice *device;
     QByteArray buffer; ///< received and not yet taken as a frame
     QFutureWatcher<QByteArray> *watcher;
-    bool busy = false; ///< from the start of a request until its answer is written; the future ends earlier
+    bool retired = false; ///< nothing is taken up any more
+    bool busy = false;    ///< from the start of a request until its answer is written; the future ends earlier
     QMap<QString, RpcMethod *> methods; ///< only read once the first request has started
     QByteArray pendingUpdate;           ///< the newest frame that a lagging peer has still to get
 };

@@ -27,8 +27,9 @@ void SslResponder::newConnection()
         return;
     }
     while (QTcpSocket *socket = server->nextPendingConnection()) {
-        connect(socket, &QAbstractSocket::disconnected, socket, &QObject::deleteLater);
         socket->setReadBufferSize(kReadBufferBytes);
-        factory->createHandler(socket)->setParent(socket);
+        Handler *handler = factory->createHandler(socket);
+        handler->setParent(socket);
+        connect(socket, &QAbstractSocket::disconnected, handler, &Handler::retire);
     }
 }

@@ -18,8 +18,17 @@ PeriodicWorker::~PeriodicWorker()
 void PeriodicWorker::run()
 {
     QTimer timer;
-    // The worker lives elsewhere, so each tick is queued to its thread.
-    connect(&timer, &QTimer::timeout, this, &PeriodicWorker::doWork);
+    connect(&timer, &QTimer::timeout, &timer, [this] {
+        if (!tickPending.exchange(true)) {
+            QMetaObject::invokeMethod(this, &PeriodicWorker::tick, Qt::QueuedConnection);
+        }
+    });
     timer.start(interval);
     exec();
+}
+
+void PeriodicWorker::tick()
+{
+    doWork();
+    tickPending = false;
 }

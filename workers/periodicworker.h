@@ -3,11 +3,14 @@
 
 #include <QThread>
 
+#include <atomic>
 #include <chrono>
 
 /**
  * Calls doWork() at regular intervals on the thread that created the worker, which is the main thread: its own
- * thread does nothing but host the timer. Destroying the worker ends that thread.
+ * thread does nothing but host the timer. A tick is left out while the one before it waits or is at work, so
+ * that work which takes longer than the interval does not fill the event queue. Destroying the worker ends
+ * its thread.
  */
 class PeriodicWorker : public QThread
 {
@@ -24,5 +27,8 @@ protected:
     void run() override;
 
 private:
+    void tick();
+
+    std::atomic<bool> tickPending = false; ///< set by the timer's thread, cleared by the main thread
     const std::chrono::milliseconds interval;
 };
