@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "rpc/handler.h"
 
+#include "rpc/clientsocket.h"
 #include "rpc/netstring.h"
 #include "server/idletimer.h"
 #include "server/logging.h"
 #include "support/json.h"
 
-#include <QSslSocket>
 #include <QtConcurrentRun>
 
 #include <utility>
@@ -23,18 +23,15 @@ constexpr qint64 kMaxUnsentBytes = 1024 * 1024;
 
 qint64 unsentBytes(const QIODevice &device)
 {
-    const auto *socket = qobject_cast<const QSslSocket *>(&device);
+    const auto *socket = qobject_cast<const ClientSocket *>(&device);
     return device.bytesToWrite() + (socket ? socket->encryptedBytesToWrite() : 0);
 }
 
-/**
- * Whether what is written now reaches a peer that was let in. A TLS socket takes data before its handshake has
- * ended and would deliver it to whoever is there.
- */
+/** Whether the peer may be spoken to: it is there, and it was let in where that is asked for. */
 bool isServing(const QIODevice &device)
 {
-    const auto *socket = qobject_cast<const QSslSocket *>(&device);
-    return device.isOpen() && (!socket || socket->isEncrypted());
+    const auto *socket = qobject_cast<const ClientSocket *>(&device);
+    return device.isOpen() && (!socket || socket->isAdmitted());
 }
 
 Json::Value invalidRequestError()
@@ -71,9 +68,11 @@ Handler::Handler(QIODevice *device_, const QMap<QString, RpcMethod *> &methods_,
     , methods(methods_)
 {
     connect(device, &QIODevice::readyRead, this, &Handler::Device_readyRead);
-    connect(device, &QIODevice::bytesWritten, this, &Handler::Device_bytesWritten);
-    if (const auto *socket = qobject_cast<QSslSocket *>(device)) {
-        connect(socket, &QSslSocket::encryptedBytesWritten, this, &Handler::Device_bytesWritten);
+    // Queued: a TLS socket emits these in the middle of its work, where closing it would take that away from it.
+    connect(device, &QIODevice::bytesWritten, this, &Handler::Device_bytesWritten, Qt::QueuedConnection);
+    if (const auto *socket = qobject_cast<ClientSocket *>(device)) {
+        connect(socket, &ClientSocket::encryptedBytesWritten, this, &Handler::Device_bytesWritten,
+                Qt::QueuedConnection);
     }
     connect(watcher, &QFutureWatcherBase::finished, this, &Handler::Watcher_finished);
     methods.insert(u"system.describe"_s, this);

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "rpc/sslserver.h"
 
+#include "rpc/clientsocket.h"
 #include "server/logging.h"
 
 #include <QSslConfiguration>
-#include <QSslSocket>
 
 #include <unistd.h>
 
@@ -32,8 +32,8 @@ void SslServer::setExtraCertificates(const QList<QSslCertificate> &certificates)
 
 void SslServer::incomingConnection(qintptr socketDescriptor)
 {
-    auto *socket = new QSslSocket(this);
-    connect(socket, &QSslSocket::encrypted, this, &SslServer::socketEncrypted);
+    auto *socket = new ClientSocket(this);
+    connect(socket, &ClientSocket::encrypted, this, &SslServer::socketEncrypted);
     if (!socket->setSocketDescriptor(socketDescriptor)) {
         delete socket;
         ::close(static_cast<int>(socketDescriptor));
@@ -55,11 +55,17 @@ void SslServer::incomingConnection(qintptr socketDescriptor)
 
 void SslServer::socketEncrypted()
 {
-    auto *socket = qobject_cast<QSslSocket *>(sender());
-    if (!socket || socket->peerCertificate() == localCertificate) {
+    auto *socket = qobject_cast<ClientSocket *>(sender());
+    if (!socket) {
+        return;
+    }
+    if (socket->peerCertificate() == localCertificate) {
+        socket->admit();
         return;
     }
     logMessage(LogWarning, u"A unverified client attempted to connect from \"%1\" port \"%2\""_s.arg(
                                socket->peerName(), QString::number(socket->peerPort())));
-    socket->close();
+    // Queued, so that the last part of the handshake gets out first and the client does not take it for a broken one.
+    QMetaObject::invokeMethod(
+        socket, [socket] { socket->close(); }, Qt::QueuedConnection);
 }
