@@ -5,14 +5,28 @@
 #include "server/logging.h"
 
 #include <QSslConfiguration>
+#include <QTimer>
+
+#include <chrono>
 
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+/** How long no connection is accepted after the system refused one. */
+constexpr auto kAcceptPause = 1s;
+
+} // namespace
 
 SslServer::SslServer(QObject *parent)
     : QTcpServer(parent)
 {
+    // Out of descriptors, Qt stops accepting for good; clients that go make room again.
+    connect(this, &QTcpServer::acceptError, this,
+            [this] { QTimer::singleShot(kAcceptPause, this, &QTcpServer::resumeAccepting); });
 }
 
 void SslServer::setPrivateKey(const QSslKey &key)

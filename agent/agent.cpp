@@ -1,0 +1,217 @@
+// SPDX-License-Identifier: MIT
+#include "agent/agent.h"
+
+#include "agent/agentlog.h"
+#include "agent/sessionenvironment.h"
+#include "agent/valuefile.h"
+#include "agent/windowmanager.h"
+#include "server/signalcatcher.h"
+#include "support/filereader.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <cerrno>
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kMaxTitleBytes = 400;
+
+// What viewers show; a session may lack a name, or have one that no window title should hold.
+QString sessionTitle(quint16 display)
+{
+    QByteArray bytes;
+    QString error;
+    if (!readFile(SessionFiles::kName, kMaxTitleBytes, &bytes, &error)) {
+        bytes.clear();
+    }
+    const QString title = QString::fromUtf8(bytes).simplified();
+    return title.isEmpty() ? u"Session :%1"_s.arg(display) : title;
+}
+
+bool becomeSubreaper(QString *error)
+{
+    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
+        *error = u"Failed to become the parent of orphaned processes: %1"_s.arg(qt_error_string(errno));
+        return false;
+    }
+    return true;
+}
+
+QString absolute(QLatin1StringView name)
+{
+    return QDir::current().absoluteFilePath(name);
+}
+
+} // namespace
+
+Agent::Agent(AgentLog *log_, SignalCatcher *signals_, QObject *parent)
+    : QObject(parent)
+    , log(log_)
+    , state(log_)
+    , stateSocket(&state)
+    , frontDoor(state.passwords(), SessionFiles::kRfbSocket)
+    , server(&children)
+    , ending(&server, &children)
+{
+    connect(signals_, &SignalCatcher::gotUSR1, this, [this] { state.offerPassword(); });
+    connect(signals_, &SignalCatcher::gotUSR2, &frontDoor, &FrontDoor::disconnectClients);
+    connect(signals_, &SignalCatcher::gotTERM, this, [this] { end(ExitCode::Ended); });
+    connect(signals_, &SignalCatcher::gotINT, this, [this] { end(ExitCode::Ended); });
+    connect(signals_, &SignalCatcher::gotHUP, this, [this] { end(ExitCode::Ended); });
+    connect(
+        &frontDoor, &FrontDoor::clientAuthenticated, this,
+        [this](const QString &address, const QByteArray &password) { state.clientAuthenticated(address, password); });
+    connect(&frontDoor, &FrontDoor::clientsDisconnected, this,
+            [this](const QStringList &addresses) { state.clientsDisconnected(addresses); });
+    connect(&server, &XServer::ready, this, &Agent::Server_ready);
+    connect(&server, &XServer::ended, this, &Agent::Server_ended);
+    connect(&screenWatcher, &ScreenWatcher::started, this, &Agent::ScreenWatcher_started);
+    connect(&screenWatcher, &ScreenWatcher::failed, this,
+            [this](const QString &error) { fail(ExitCode::NotStarted, error); });
+    connect(&screenWatcher, &ScreenWatcher::resized, this, [this](const QSize &size) { state.setScreenSize(size); });
+    connect(&ending, &Ending::finished, this, [this] { emit finished(*exitCode); });
+}
+
+Agent::~Agent()
+{
+    QFile::remove(SessionFiles::kRfbSocket);
+    QFile::remove(SessionFiles::kWindowManagerSettings);
+}
+
+void Agent::start(const QStringList &arguments)
+{
+    QString error;
+    if (!parseAgentArguments(arguments, &options, &error)) {
+        fail(ExitCode::BadArguments, error);
+        return;
+    }
+    if (!readDisplayNumber(SessionFiles::kDisplay, &display, &error)) {
+        fail(ExitCode::NotStarted, error);
+        return;
+    }
+    if (options.port != kFirstAgentPort + display) {
+        fail(ExitCode::BadArguments,
+             u"The port of display %1 is %2, not %3"_s.arg(display).arg(kFirstAgentPort + display).arg(options.port));
+        return;
+    }
+    if (!prepare(&error) || !startServer(&error)) {
+        fail(ExitCode::NotStarted, error);
+    }
+}
+
+// What can be missing or taken is looked at before anything is started.
+bool Agent::prepare(QString *error)
+{
+    return readAuthorityFile(SessionFiles::kAuthority, display, &authority, error) && becomeSubreaper(error) &&
+           children.start(error) && frontDoor.listen(options.port, error) &&
+           stateSocket.listen(StateSocket::pathForDisplay(display), error) &&
+           writeValueFile(SessionFiles::kPid, QByteArray::number(::getpid()), error);
+}
+
+bool Agent::startServer(QString *error)
+{
+    XServerSettings settings;
+    settings.display = display;
+    settings.size = options.size;
+    settings.title = sessionTitle(display);
+    settings.authorityEntries = authority.entries;
+    settings.rfbSocket = SessionFiles::kRfbSocket;
+    return server.start(settings, error);
+}
+
+void Agent::Server_ready()
+{
+    screenWatcher.start(display, authority.cookie);
+}
+
+void Agent::ScreenWatcher_started(const QSize &size)
+{
+    if (exitCode) {
+        return;
+    }
+    state.setScreenSize(size);
+    QString error;
+    if (!openForApplications(&error)) {
+        fail(ExitCode::NotStarted, error);
+        return;
+    }
+    if (options.rootless) {
+        startWindowManager();
+    }
+    frontDoor.open();
+    state.setReady();
+}
+
+bool Agent::openForApplications(QString *error)
+{
+    ApplicationSettings settings;
+    settings.environment = applicationEnvironment(currentEnvironment(), display, absolute(SessionFiles::kAuthority));
+    settings.fileCreationMask = userFileCreationMask();
+    settings.workingDirectory = QFile::encodeName(QDir::homePath());
+    settings.logPath = SessionFiles::kApplicationLog;
+    applications = std::make_unique<ApplicationRunner>(std::move(settings), &children);
+    applicationDoor = std::make_unique<ApplicationDoor>([this](const QByteArray &commandLine, QString *startError) {
+        return applications->run(commandLine, startError);
+    });
+    return applicationDoor->listen(SessionFiles::kApplicationSocket, error);
+}
+
+// The application is usable without one, if less comfortably, so nothing here ends the session.
+void Agent::startWindowManager()
+{
+    QList<QByteArray> arguments;
+    QString error;
+    if (!prepareWindowManager(absolute(SessionFiles::kWindowManagerSettings), &arguments, &error)) {
+        logMessage(LogWarning, error);
+        return;
+    }
+    if (arguments.isEmpty()) {
+        logMessage(LogWarning, u"No window manager is installed, neither openbox nor matchbox-window-manager"_s);
+        return;
+    }
+    if (!applications->runProgram(arguments, &error)) {
+        logMessage(LogWarning, error);
+    }
+}
+
+void Agent::Server_ended(const QString &reason)
+{
+    if (exitCode) {
+        return; // we asked it to
+    }
+    for (const QString &line : server.lastLines()) {
+        logMessage(LogWarning, u"X server: "_s + line);
+    }
+    if (state.isReady()) {
+        fail(ExitCode::ServerDied, u"The X server ended: "_s + reason);
+    } else {
+        fail(ExitCode::NotStarted, u"The X server did not start: "_s + reason);
+    }
+}
+
+void Agent::fail(ExitCode code, const QString &reason)
+{
+    if (!exitCode) {
+        logMessage(LogCritical, reason);
+    }
+    end(code);
+}
+
+void Agent::end(ExitCode code)
+{
+    if (exitCode) {
+        return; // under way
+    }
+    exitCode = code;
+    frontDoor.close();
+    frontDoor.disconnectClients();
+    state.expirePasswords();
+    applicationDoor.reset();
+    ending.start();
+}

@@ -1,0 +1,31 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QSize>
+#include <QString>
+#include <QStringList>
+
+/** What the command line of start-agent asks for. A value. */
+struct AgentOptions
+{
+    bool rootless = false; ///< one maximised application instead of a desktop
+    QSize size;            ///< of the screen at the start
+    quint16 port = 0;      ///< where clients connect
+};
+
+/**
+ * Reads "GEOMETRY PORT", with a screen size or "rootless" for the geometry.
+ *
+ * @param arguments  without the program's name
+ * @param options    set only on success
+ * @param error      set only on failure: one sentence
+ */
+[[nodiscard]] bool parseAgentArguments(const QStringList &arguments, AgentOptions *options, QString *error);
+
+/**
+ * Reads the display's number from the file at @p path.
+ *
+ * @param display  set only on success
+ * @param error    set only on failure: one sentence that names the file
+ */
+[[nodiscard]] bool readDisplayNumber(const QString &path, quint16 *display, QString *error);

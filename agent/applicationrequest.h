@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QByteArray>
+#include <QLocalSocket>
+#include <QObject>
+#include <QString>
+#include <QTimer>
+
+/**
+ * The other side of ApplicationDoor: hands one command line to the agent of a session. Owned by start-app's main
+ * function; used once.
+ */
+class ApplicationRequest final : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit ApplicationRequest(QObject *parent = nullptr);
+
+    /**
+     * Sends @p commandLine to the agent that listens at @p path. finished() follows, from the event loop, within 10 s.
+     */
+    void send(const QString &path, const QByteArray &commandLine);
+
+signals:
+    /** @p error is empty when the agent has started the application, else one sentence. */
+    void finished(const QString &error);
+
+private:
+    void Socket_readyRead();
+    void Socket_disconnected();
+    void finish(const QString &error);
+
+    QLocalSocket socket;
+    QByteArray answer;
+    QTimer deadline;
+    bool isFinished = false;
+};

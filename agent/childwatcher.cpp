@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+#include "agent/childwatcher.h"
+
+#include <QSocketNotifier>
+
+#include <cerrno>
+#include <csignal>
+
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+sigset_t childSignal()
+{
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, SIGCHLD);
+    return set;
+}
+
+} // namespace
+
+ChildWatcher::ChildWatcher(QObject *parent)
+    : QObject(parent)
+{
+}
+
+ChildWatcher::~ChildWatcher()
+{
+    notifier.reset();
+    if (descriptor != -1) {
+        ::pthread_sigmask(SIG_SETMASK, &maskBefore, nullptr);
+        ::close(descriptor);
+    }
+}
+
+bool ChildWatcher::start(QString *error)
+{
+    const sigset_t set = childSignal();
+    descriptor = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (descriptor == -1) {
+        *error = u"Failed to watch child processes: %1"_s.arg(qt_error_string(errno));
+        return false;
+    }
+    // Ignored, as some parents leave it, it would let the kernel throw the exit codes away.
+    ::signal(SIGCHLD, SIG_DFL);
+    ::pthread_sigmask(SIG_BLOCK, &set, &maskBefore);
+    notifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
+    connect(notifier.get(), &QSocketNotifier::activated, this, &ChildWatcher::reap);
+    return true;
+}
+
+void ChildWatcher::reap()
+{
+    signalfd_siginfo information;
+    while (::read(descriptor, &information, sizeof information) > 0) {
+    }
+    // One signal may stand for any number of children.
+    int status = 0;
+    for (pid_t pid = ::waitpid(-1, &status, WNOHANG); pid > 0; pid = ::waitpid(-1, &status, WNOHANG)) {
+        emit ended(pid, status);
+    }
+}

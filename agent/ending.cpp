@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: MIT
+#include "agent/ending.h"
+
+#include "agent/childwatcher.h"
+#include "agent/processtree.h"
+#include "agent/xserver.h"
+#include "server/logging.h"
+
+#include <chrono>
+#include <csignal>
+
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+// A process below an application that dies is not our child and tells us nothing, so we look.
+constexpr auto kPollInterval = 20ms;
+
+void signalAll(const QList<pid_t> &processes, int number)
+{
+    for (const pid_t pid : processes) {
+        ::kill(pid, number);
+    }
+}
+
+} // namespace
+
+Ending::Ending(XServer *server_, ChildWatcher *watcher, EndingLimits limits_, QObject *parent)
+    : QObject(parent)
+    , server(server_)
+    , limits(limits_)
+{
+    connect(watcher, &ChildWatcher::ended, this, [this] {
+        if (isStarted && !isEndingServer) {
+            pollTimer.start(0ms);
+        }
+    });
+    connect(server, &XServer::ended, this, [this] {
+        if (isEndingServer) {
+            finish();
+        }
+    });
+    connect(&pollTimer, &QTimer::timeout, this, &Ending::lookAround);
+    connect(&politeTimer, &QTimer::timeout, this, [this] { isForced = true; });
+    connect(&forcedTimer, &QTimer::timeout, this, &Ending::endServer);
+    pollTimer.setSingleShot(true);
+    politeTimer.setSingleShot(true);
+    forcedTimer.setSingleShot(true);
+}
+
+void Ending::start()
+{
+    isStarted = true;
+    politeTimer.start(limits.polite);
+    forcedTimer.start(limits.polite + limits.forced);
+    signalAll(liveDescendants(::getpid(), server->pid()), SIGTERM);
+    pollTimer.start(0ms);
+}
+
+void Ending::lookAround()
+{
+    const QList<pid_t> left = liveDescendants(::getpid(), server->pid());
+    if (left.isEmpty()) {
+        endServer();
+        return;
+    }
+    if (isForced) {
+        signalAll(left, SIGKILL);
+    }
+    pollTimer.start(kPollInterval);
+}
+
+void Ending::endServer()
+{
+    if (isEndingServer) {
+        return;
+    }
+    isEndingServer = true;
+    pollTimer.stop();
+    politeTimer.stop();
+    forcedTimer.stop();
+    const qsizetype left = liveDescendants(::getpid(), server->pid()).size();
+    if (left > 0) {
+        logMessage(LogWarning, u"%1 processes of the session could not be ended"_s.arg(left));
+    }
+    if (server->isRunning()) {
+        server->stop();
+    } else {
+        finish();
+    }
+}
+
+void Ending::finish()
+{
+    if (!isFinished) {
+        isFinished = true;
+        emit finished();
+    }
+}

@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QObject>
+#include <QTimer>
+
+#include <functional>
+
+#include <sys/types.h>
+
+class ChildWatcher;
+class XServer;
+
+/** How long the end of a session may take. A value; the defaults are the product's. */
+struct EndingLimits
+{
+    std::chrono::milliseconds polite{3000}; ///< between SIGTERM and SIGKILL for the applications
+    std::chrono::milliseconds forced{2000}; ///< for SIGKILL to take effect, before the X server is ended anyway
+};
+
+/**
+ * Ends what runs in a session, in order: the applications, by SIGTERM and then by SIGKILL, and when none of our
+ * descendants is left, the X server. An application may have started anything, and anything may have left its
+ * parent; as long as this process is the subreaper of its children, all of it is found.
+ * Owned by the agent, lives on the main thread, started at most once.
+ */
+class Ending final : public QObject
+{
+    Q_OBJECT
+
+public:
+    /** @param server and @param watcher outlive this object */
+    Ending(XServer *server, ChildWatcher *watcher, EndingLimits limits = {}, QObject *parent = nullptr);
+
+    /** finished() follows, from the event loop. */
+    void start();
+
+signals:
+    /** Nothing is left. Emitted once. */
+    void finished();
+
+private:
+    void lookAround();
+    void endServer();
+    void finish();
+
+    XServer *server;
+    EndingLimits limits;
+    QTimer pollTimer;
+    QTimer politeTimer;
+    QTimer forcedTimer;
+    bool isStarted = false;
+    bool isForced = false;
+    bool isEndingServer = false;
+    bool isFinished = false;
+};

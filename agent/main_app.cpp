@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+#include "agent/applicationrequest.h"
+#include "agent/sessionfiles.h"
+
+#include <QCoreApplication>
+
+#include <cstdio>
+
+// Usage: start-app COMMAND, in a session directory. The command is one line for the shell, taken byte for byte.
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    if (argc != 2) {
+        std::fprintf(stderr, "Usage: start-app COMMAND\n");
+        return 2;
+    }
+    ApplicationRequest request;
+    QObject::connect(&request, &ApplicationRequest::finished, &request, [](const QString &error) {
+        if (!error.isEmpty()) {
+            std::fprintf(stderr, "start-app: %s\n", qPrintable(error));
+        }
+        QCoreApplication::exit(error.isEmpty() ? 0 : 1);
+    });
+    request.send(SessionFiles::kApplicationSocket, argv[1]);
+    return QCoreApplication::exec();
+}

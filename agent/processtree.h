@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QList>
+
+#include <sys/types.h>
+
+/**
+ * The live descendants of @p root, children before grandchildren, without @p root itself. Processes that have ended and
+ * wait to be reaped are left out.
+ *
+ * @param except  a process to leave out together with its own descendants; 0 for none
+ */
+[[nodiscard]] QList<pid_t> liveDescendants(pid_t root, pid_t except);

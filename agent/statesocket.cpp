@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+#include "agent/statesocket.h"
+
+#include "agent/sessionstate.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+StateSocket::StateSocket(const SessionState *state_, QObject *parent)
+    : QObject(parent)
+    , state(state_)
+{
+    connect(&endpoint, &LocalEndpoint::accepted, this, &StateSocket::Endpoint_accepted);
+}
+
+bool StateSocket::listen(const QString &path, QString *error)
+{
+    return endpoint.listen(path, error);
+}
+
+QString StateSocket::pathForDisplay(quint16 display)
+{
+    return u"/tmp/Xrdp_%1.sock"_s.arg(display);
+}
+
+void StateSocket::Endpoint_accepted(int descriptor)
+{
+    const QByteArray text = state->toJson();
+    [[maybe_unused]] const ssize_t sent =
+        ::send(descriptor, text.constData(), static_cast<size_t>(text.size()), MSG_DONTWAIT | MSG_NOSIGNAL);
+    ::close(descriptor);
+}

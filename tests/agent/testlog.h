@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "server/logging.h"
+
+#include <QStringList>
+
+/** Collects what is logged during its life, as "Level: text". Main thread only. */
+class TestLog final : public Logging
+{
+public:
+    TestLog();
+    ~TestLog() override;
+
+    void write(int level, const QString &text) override;
+
+    QStringList lines;
+};
+
+/** The whole file at @p path; empty when there is none. */
+[[nodiscard]] QByteArray contentOf(const QString &path);
+
+/** Writes a shell script that can be run. */
+[[nodiscard]] bool writeScript(const QString &path, const QByteArray &text);

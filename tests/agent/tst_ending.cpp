@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: MIT
+#include "agent/childwatcher.h"
+#include "agent/ending.h"
+#include "agent/processtree.h"
+#include "agent/spawn.h"
+#include "agent/xserver.h"
+#include "tests/agent/testlog.h"
+#include "tests/testmain.h"
+
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <chrono>
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+class EndingTest final : public QObject
+{
+    Q_OBJECT
+
+private:
+    QByteArray searchPath;
+    std::unique_ptr<QTemporaryDir> directory;
+    std::unique_ptr<TestLog> log;
+    std::unique_ptr<ChildWatcher> watcher;
+    std::unique_ptr<XServer> server;
+
+    QString path(const QString &name) const { return directory->filePath(name); }
+
+    [[nodiscard]] bool startServer()
+    {
+        XServerSettings settings;
+        settings.size = QSize(800, 600);
+        settings.rfbSocket = path(u"rfb"_s);
+        QString error;
+        return writeScript(path(u"Xtigervnc"_s), "exec sleep 1000") && server->start(settings, &error);
+    }
+
+    // Runs a script and waits until it has left its mark.
+    [[nodiscard]] bool startApplication(const QByteArray &script)
+    {
+        SpawnRequest request;
+        request.program = "/bin/sh";
+        request.arguments = {"sh", "-c", "cd " + QFile::encodeName(directory->path()) + "; " + script};
+        request.environment = {"PATH=/usr/bin:/bin"};
+        QString error;
+        return spawnProcess(request, &error) != -1 &&
+               QTest::qWaitFor([this] { return QFile::exists(path(u"mark"_s)); }, 10000);
+    }
+
+private slots:
+    void initTestCase() { QCOMPARE(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0); }
+
+    void init()
+    {
+        searchPath = qgetenv("PATH");
+        directory = std::make_unique<QTemporaryDir>();
+        qputenv("PATH", QFile::encodeName(directory->path()) + ":/usr/bin:/bin");
+        log = std::make_unique<TestLog>();
+        watcher = std::make_unique<ChildWatcher>();
+        QString error;
+        QVERIFY(watcher->start(&error));
+        server = std::make_unique<XServer>(watcher.get());
+    }
+
+    void cleanup()
+    {
+        server.reset();
+        watcher.reset();
+        log.reset();
+        qputenv("PATH", searchPath);
+    }
+
+    void hasNothingToDo()
+    {
+        Ending ending(server.get(), watcher.get());
+        QSignalSpy finished(&ending, &Ending::finished);
+        ending.start();
+        QCOMPARE(finished.count(), 0);
+        QTRY_COMPARE(finished.count(), 1);
+    }
+
+    void endsEverything()
+    {
+        QVERIFY(startServer());
+        // Daemons in sessions of their own, parents gone.
+        QVERIFY(startApplication("(setsid sh -c 'sleep 1000 & touch mark; sleep 1000' &) & sleep 1000"));
+        Ending ending(server.get(), watcher.get(), {20s, 2s});
+        QSignalSpy finished(&ending, &Ending::finished);
+        ending.start();
+        QTRY_COMPARE(finished.count(), 1);
+        QVERIFY(!server->isRunning());
+        QCOMPARE(liveDescendants(::getpid(), 0), QList<pid_t>{});
+        QVERIFY(log->lines.isEmpty());
+    }
+
+    void applicationsGoBeforeTheServer()
+    {
+        QVERIFY(startServer());
+        QVERIFY(startApplication("trap 'sleep 0.3; kill -0 " + QByteArray::number(server->pid()) +
+                                 " && touch served; exit' TERM; touch mark; while :; do sleep 0.05; done"));
+        Ending ending(server.get(), watcher.get(), {20s, 2s});
+        QSignalSpy finished(&ending, &Ending::finished);
+        ending.start();
+        QTRY_COMPARE(finished.count(), 1);
+        QVERIFY(QFile::exists(path(u"served"_s)));
+    }
+
+    void killsWhatDoesNotEnd()
+    {
+        QVERIFY(startServer());
+        QVERIFY(startApplication("trap '' TERM; touch mark; while :; do sleep 0.05; done"));
+        Ending ending(server.get(), watcher.get(), {300ms, 20s});
+        QSignalSpy finished(&ending, &Ending::finished);
+        ending.start();
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 15000);
+        QCOMPARE(liveDescendants(::getpid(), 0), QList<pid_t>{});
+    }
+};
+
+ZARVO_TEST(EndingTest)
+#include "tst_ending.moc"

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+#include "agent/valuefile.h"
+#include "tests/agent/testlog.h"
+#include "tests/testmain.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+class ValueFileTest final : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void writesPrivateFile()
+    {
+        const QTemporaryDir directory;
+        const QString path = directory.filePath(u"value"_s);
+        QString error;
+        QVERIFY(writeValueFile(path, "12", &error));
+        QCOMPARE(contentOf(path), QByteArray("12"));
+        QVERIFY(writeValueFile(path, "7", &error));
+        QCOMPARE(contentOf(path), QByteArray("7"));
+        QVERIFY(error.isEmpty());
+        const QFile::Permissions permissions = QFileInfo(path).permissions();
+        QVERIFY(!(permissions & (QFile::ReadGroup | QFile::WriteGroup | QFile::ReadOther | QFile::WriteOther)));
+        QCOMPARE(QDir(directory.path()).entryList(QDir::Files | QDir::Hidden), QStringList{u"value"_s});
+    }
+
+    void reportsFailure()
+    {
+        QString error;
+        QVERIFY(!writeValueFile(u"/nowhere/value"_s, "12", &error));
+        QVERIFY(error.startsWith(u"Failed to open the file \"/nowhere/value\": "_s));
+    }
+};
+
+ZARVO_TEST(ValueFileTest)
+#include "tst_valuefile.moc"

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: MIT
+#include "agent/windowmanager.h"
+#include "tests/agent/testlog.h"
+#include "tests/testmain.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QXmlStreamReader>
+
+using namespace Qt::StringLiterals;
+
+class WindowManagerTest final : public QObject
+{
+    Q_OBJECT
+
+private:
+    QByteArray searchPath;
+    std::unique_ptr<QTemporaryDir> directory;
+
+    QString path(const QString &name) const { return directory->filePath(name); }
+
+private slots:
+    void init()
+    {
+        searchPath = qgetenv("PATH");
+        directory = std::make_unique<QTemporaryDir>();
+        qputenv("PATH", QFile::encodeName(directory->path()));
+    }
+
+    void cleanup() { qputenv("PATH", searchPath); }
+
+    void choosesNoneWhenNoneIsInstalled()
+    {
+        QList<QByteArray> arguments = {"before"};
+        QString error;
+        QVERIFY(prepareWindowManager(path(u"settings"_s), &arguments, &error));
+        QVERIFY(arguments.isEmpty());
+        QVERIFY(!QFileInfo::exists(path(u"settings"_s)));
+    }
+
+    void choosesTheSecond()
+    {
+        QVERIFY(writeScript(path(u"matchbox-window-manager"_s), ""));
+        QList<QByteArray> arguments;
+        QString error;
+        QVERIFY(prepareWindowManager(path(u"settings"_s), &arguments, &error));
+        QCOMPARE(arguments.first(), QFile::encodeName(path(u"matchbox-window-manager"_s)));
+    }
+
+    void prefersTheFirstAndWritesItsSettings()
+    {
+        QVERIFY(writeScript(path(u"matchbox-window-manager"_s), ""));
+        QVERIFY(writeScript(path(u"openbox"_s), ""));
+        QList<QByteArray> arguments;
+        QString error;
+        QVERIFY(prepareWindowManager(path(u"settings"_s), &arguments, &error));
+        QCOMPARE(arguments.first(), QFile::encodeName(path(u"openbox"_s)));
+        QVERIFY(arguments.contains(QFile::encodeName(path(u"settings"_s))));
+        QXmlStreamReader reader(contentOf(path(u"settings"_s)));
+        QStringList elements;
+        while (!reader.atEnd()) {
+            if (reader.readNext() == QXmlStreamReader::StartElement) {
+                elements.append(reader.name().toString());
+            }
+        }
+        QVERIFY(!reader.hasError());
+        QVERIFY(elements.contains(u"maximized"_s) && elements.contains(u"decor"_s));
+    }
+
+    void reportsSettingsThatCannotBeWritten()
+    {
+        QVERIFY(writeScript(path(u"openbox"_s), ""));
+        QList<QByteArray> arguments;
+        QString error;
+        QVERIFY(!prepareWindowManager(u"/nowhere/settings"_s, &arguments, &error));
+        QVERIFY(error.contains(u"/nowhere/settings"_s));
+    }
+};
+
+ZARVO_TEST(WindowManagerTest)
+#include "tst_windowmanager.moc"

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QByteArray>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QString>
+
+#include <cstddef>
+#include <cstring>
+#include <vector>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+/**
+ * A run of display numbers that no other test uses at the same time, in this program or in another: each number
+ * stands for an abstract socket, which the system takes back with the process. They are high enough for their
+ * ports to lie where nothing else listens. Removes on destruction what a test left in /tmp under these numbers.
+ */
+class ReservedDisplays final
+{
+public:
+    explicit ReservedDisplays(quint16 count_ = 1)
+        : count(count_)
+    {
+        do {
+            closeAll();
+            base = static_cast<quint16>(QRandomGenerator::global()->bounded(21000, 24000 - count));
+        } while (!reserveAll());
+    }
+    ~ReservedDisplays()
+    {
+        for (quint16 display = first(); display != end(); ++display) {
+            QFile::remove(QStringLiteral("/tmp/Xrdp_%1.sock").arg(display));
+            QFile::remove(lockPath(display));
+        }
+        closeAll();
+    }
+    ReservedDisplays(const ReservedDisplays &) = delete;
+    ReservedDisplays &operator=(const ReservedDisplays &) = delete;
+
+    [[nodiscard]] quint16 first() const { return base; }
+    [[nodiscard]] quint16 end() const { return static_cast<quint16>(base + count); }
+
+    [[nodiscard]] static QString lockPath(quint16 display) { return QStringLiteral("/tmp/.X%1-lock").arg(display); }
+
+private:
+    bool reserveAll()
+    {
+        for (quint16 display = first(); display != end(); ++display) {
+            if (!reserve(display) || !isPortUnused(static_cast<quint16>(6000 + display)) ||
+                !isPortUnused(static_cast<quint16>(41000 + display)) || QFile::exists(lockPath(display)) ||
+                QFile::exists(QStringLiteral("/tmp/Xrdp_%1.sock").arg(display))) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    bool reserve(quint16 display)
+    {
+        const QByteArray name = "test-display-" + QByteArray::number(display);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX; // the path's first byte stays 0: an abstract name
+        std::memcpy(address.sun_path + 1, name.constData(), static_cast<size_t>(name.size()));
+        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+
+        const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockets.push_back(socket);
+        return ::bind(socket, reinterpret_cast<const sockaddr *>(&address), length) == 0;
+    }
+
+    static bool isPortUnused(quint16 port)
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool isUnused = ::bind(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+        ::close(socket);
+        return isUnused;
+    }
+
+    void closeAll()
+    {
+        for (const int socket : sockets) {
+            ::close(socket);
+        }
+        sockets.clear();
+    }
+
+    const quint16 count;
+    quint16 base = 0;
+    std::vector<int> sockets;
+};

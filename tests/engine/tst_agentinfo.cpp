@@ -1,0 +1,273 @@
+// SPDX-License-Identifier: MIT
+#include "engine/agentinfo.h"
+#include "engine/session.h"
+#include "tests/engine/agentsocket.h"
+#include "tests/testmain.h"
+
+#include <QElapsedTimer>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+class TestAgentInfo : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void wholeStateIsTakenOver();
+    void onlyWhatIsThereAndOfTheRightTypeIsTakenOver_data();
+    void onlyWhatIsThereAndOfTheRightTypeIsTakenOver();
+    void answerInPiecesIsPutTogether();
+    void largeAnswerIsTaken();
+    void nothingIsSaidToTheAgent();
+    void answerThatIsNoJsonFails_data();
+    void answerThatIsNoJsonFails();
+    void agentThatDoesNotCloseInTimeFails_data();
+    void agentThatDoesNotCloseInTimeFails();
+    void missingSocketFails();
+    void fileInTheSocketsPlaceFails();
+    void abandonedSocketFails();
+
+private:
+    /** What the record holds before each question. */
+    [[nodiscard]] static Session knownSession();
+
+    QTemporaryDir folder;
+    const QString path = folder.filePath(u"socket"_s);
+};
+
+namespace {
+
+QDateTime at(int hour)
+{
+    return QDateTime(QDate(2024, 5, 6), QTime(hour, 8, 9));
+}
+
+/** The fields that an agent tells, as text: one comparison shows all differences. */
+QString told(const Session &session)
+{
+    const auto text = [](const QDateTime &time) { return time.isNull() ? u"null"_s : time.toString(Qt::ISODate); };
+    return u"started %1, connect %2, disconnect %3, clients %4, size %5x%6, passwords [%7]"_s
+        .arg(text(session.started), text(session.lastConnect), text(session.lastDisconnect))
+        .arg(session.clients)
+        .arg(session.screenSize.width())
+        .arg(session.screenSize.height())
+        .arg(session.passwords.join(u','));
+}
+
+} // namespace
+
+Session TestAgentInfo::knownSession()
+{
+    Session session;
+    session.started = at(1);
+    session.lastConnect = at(2);
+    session.lastDisconnect = at(3);
+    session.clients = 7;
+    session.screenSize = QSize(640, 480);
+    session.passwords = QStringList{u"old"_s};
+    return session;
+}
+
+void TestAgentInfo::wholeStateIsTakenOver()
+{
+    const AgentSocket agent(path, R"({"Started":"2024-05-06T11:08:09","LastConnect":"2024-05-06T12:08:09",
+        "LastDisconnect":"2024-05-06T13:08:09","ScreenWidth":1024,"ScreenHeight":768,"Clients":2,
+        "Passwords":["one","two"],"Something":{"else":[]}})");
+    Session session = knownSession();
+    QString error = u"untouched"_s;
+    QVERIFY(readAgentInfo(&session, path, &error));
+    QCOMPARE(error, u"untouched"_s);
+    QCOMPARE(session.started, at(11));
+    QCOMPARE(session.lastConnect, at(12));
+    QCOMPARE(session.lastDisconnect, at(13));
+    QCOMPARE(session.started.timeSpec(), Qt::LocalTime);
+    QCOMPARE(session.screenSize, QSize(1024, 768));
+    QCOMPARE(session.clients, 2);
+    QCOMPARE(session.passwords, QStringList({u"one"_s, u"two"_s}));
+}
+
+void TestAgentInfo::onlyWhatIsThereAndOfTheRightTypeIsTakenOver_data()
+{
+    QTest::addColumn<QByteArray>("state");
+    QTest::addColumn<Session>("expected");
+    const auto add = [](const char *state, const std::function<void(Session &)> &change) {
+        Session expected = knownSession();
+        change(expected);
+        QTest::newRow(state) << QByteArray(state) << expected;
+    };
+    const auto nothing = [](Session &) {};
+    add("{}", nothing);
+    add("null", nothing);
+    add("[]", nothing);
+    add("5", nothing);
+    add("\"Clients\"", nothing);
+    add(R"(["Clients",1])", nothing);
+
+    add(R"({"Started":"2024-05-06T11:08:09"})", [](Session &s) { s.started = at(11); });
+    add(R"({"Started":"tomorrow"})", [](Session &s) { s.started = QDateTime(); });
+    add(R"({"Started":""})", [](Session &s) { s.started = QDateTime(); });
+    add(R"({"Started":5})", nothing);
+    add(R"({"Started":null})", nothing);
+    add(R"({"Started":["2024-05-06T11:08:09"]})", nothing);
+    add(R"({"LastConnect":"2024-05-06T11:08:09"})", [](Session &s) { s.lastConnect = at(11); });
+    add(R"({"LastConnect":true})", nothing);
+    add(R"({"LastDisconnect":"2024-05-06T11:08:09"})", [](Session &s) { s.lastDisconnect = at(11); });
+    add(R"({"LastDisconnect":{}})", nothing);
+    add(R"({"started":"2024-05-06T11:08:09","clients":1})", nothing);
+
+    add(R"({"ScreenWidth":1,"ScreenHeight":2})", [](Session &s) { s.screenSize = QSize(1, 2); });
+    add(R"({"ScreenWidth":0,"ScreenHeight":-5})", [](Session &s) { s.screenSize = QSize(0, -5); });
+    add(R"({"ScreenWidth":1})", nothing);
+    add(R"({"ScreenHeight":2})", nothing);
+    add(R"({"ScreenWidth":"1","ScreenHeight":2})", nothing);
+    add(R"({"ScreenWidth":1,"ScreenHeight":2.5})", nothing);
+    add(R"({"ScreenWidth":2147483647,"ScreenHeight":2})", [](Session &s) { s.screenSize = QSize(2147483647, 2); });
+    add(R"({"ScreenWidth":2147483648,"ScreenHeight":2})", nothing);
+
+    add(R"({"Clients":0})", [](Session &s) { s.clients = 0; });
+    add(R"({"Clients":-1})", [](Session &s) { s.clients = -1; });
+    add(R"({"Clients":"1"})", nothing);
+    add(R"({"Clients":1.5})", nothing);
+    add(R"({"Clients":true})", nothing);
+    add(R"({"Clients":1e300})", nothing);
+    add(R"({"Clients":18446744073709551615})", nothing);
+
+    add(R"({"Passwords":["a","b","a"]})", [](Session &s) { s.passwords = QStringList{u"a"_s, u"b"_s, u"a"_s}; });
+    add(R"({"Passwords":["a",5,"b"]})", [](Session &s) { s.passwords = QStringList{u"a"_s, u"b"_s}; });
+    add(R"({"Passwords":["",null,["x"],"b"]})", [](Session &s) { s.passwords = QStringList{u""_s, u"b"_s}; });
+    add("{\"Passwords\":[\"\xc3\xa4\"]}", [](Session &s) { s.passwords = QStringList{u"\u00e4"_s}; });
+    add(R"({"Passwords":[]})", [](Session &s) { s.passwords.clear(); });
+    add(R"({"Passwords":null})", [](Session &s) { s.passwords.clear(); });
+    add(R"({"Passwords":"a"})", [](Session &s) { s.passwords.clear(); });
+    add(R"({"Passwords":{"a":"b"}})", [](Session &s) { s.passwords.clear(); });
+
+    add("/* comment */ {\"Clients\":1} and more", [](Session &s) { s.clients = 1; });
+}
+
+void TestAgentInfo::onlyWhatIsThereAndOfTheRightTypeIsTakenOver()
+{
+    QFETCH(QByteArray, state);
+    QFETCH(Session, expected);
+    const AgentSocket agent(path, state);
+    Session session = knownSession();
+    QString error;
+    QVERIFY2(readAgentInfo(&session, path, &error), qPrintable(error));
+    QCOMPARE(told(session), told(expected));
+}
+
+void TestAgentInfo::answerInPiecesIsPutTogether()
+{
+    const AgentSocket agent(path, R"({"Clients":12,"Passwords":["one","two"]})", AgentSocket::Manner::AnswerInPieces);
+    Session session;
+    QString error;
+    QVERIFY2(readAgentInfo(&session, path, &error), qPrintable(error));
+    QCOMPARE(session.clients, 12);
+    QCOMPARE(session.passwords, QStringList({u"one"_s, u"two"_s}));
+}
+
+void TestAgentInfo::largeAnswerIsTaken()
+{
+    const AgentSocket agent(path, "{\"Clients\":3,\"Padding\":\"" + QByteArray(500000, 'x') + "\"}");
+    Session session;
+    QString error;
+    QVERIFY2(readAgentInfo(&session, path, &error), qPrintable(error));
+    QCOMPARE(session.clients, 3);
+}
+
+void TestAgentInfo::nothingIsSaidToTheAgent()
+{
+    const AgentSocket agent(path, "{}", AgentSocket::Manner::AnswerAndHearMore);
+    Session session;
+    QString error;
+    QVERIFY2(readAgentInfo(&session, path, &error), qPrintable(error));
+    QTRY_COMPARE(agent.goodbyes(), 1);
+    QCOMPARE(agent.calls(), 1);
+    QCOMPARE(agent.heard(), QByteArray());
+}
+
+void TestAgentInfo::answerThatIsNoJsonFails_data()
+{
+    QTest::addColumn<QByteArray>("state");
+    QTest::newRow("nothing") << QByteArray();
+    QTest::newRow("blanks") << QByteArray(" \n");
+    QTest::newRow("word") << QByteArray("state");
+    QTest::newRow("half an object") << QByteArray("{\"Clients\":1");
+    QTest::newRow("missing value") << QByteArray("{\"Clients\":}");
+    QTest::newRow("bytes") << QByteArray("\xff\xfe\x00\x01", 4);
+    QTest::newRow("nested too deep") << QByteArray(5000, '[');
+}
+
+void TestAgentInfo::answerThatIsNoJsonFails()
+{
+    QFETCH(QByteArray, state);
+    const AgentSocket agent(path, state);
+    Session session = knownSession();
+    QString error;
+    QVERIFY(!readAgentInfo(&session, path, &error));
+    QCOMPARE(error, u"Failed to parse the info from the session: Invalid JSON"_s);
+    QCOMPARE(told(session), told(knownSession()));
+}
+
+void TestAgentInfo::agentThatDoesNotCloseInTimeFails_data()
+{
+    QTest::addColumn<AgentSocket::Manner>("manner");
+    QTest::newRow("silent") << AgentSocket::Manner::NeverAnswer;
+    QTest::newRow("answers and stays") << AgentSocket::Manner::AnswerAndLinger;
+    QTest::newRow("sends without end") << AgentSocket::Manner::Flood;
+}
+
+void TestAgentInfo::agentThatDoesNotCloseInTimeFails()
+{
+    QFETCH(AgentSocket::Manner, manner);
+    const AgentSocket agent(path, R"({"Clients":1})", manner);
+    Session session = knownSession();
+    QString error;
+    QElapsedTimer timer;
+    timer.start();
+    QVERIFY(!readAgentInfo(&session, path, &error));
+    const qint64 elapsed = timer.elapsed();
+    QVERIFY2(elapsed >= 900 && elapsed < 15000, qPrintable(QString::number(elapsed)));
+    QCOMPARE(error, u"Failed to get the info from the session"_s);
+    QCOMPARE(told(session), told(knownSession()));
+}
+
+void TestAgentInfo::missingSocketFails()
+{
+    Session session = knownSession();
+    QString error;
+    QVERIFY(!readAgentInfo(&session, folder.filePath(u"missing"_s), &error));
+    QCOMPARE(error, u"Failed to get the info from the session"_s);
+    QCOMPARE(told(session), told(knownSession()));
+}
+
+void TestAgentInfo::fileInTheSocketsPlaceFails()
+{
+    const QString file = folder.filePath(u"file"_s);
+    putFile(file, R"({"Clients":1})");
+    Session session = knownSession();
+    QString error;
+    QVERIFY(!readAgentInfo(&session, file, &error));
+    QCOMPARE(error, u"Failed to get the info from the session"_s);
+    QCOMPARE(told(session), told(knownSession()));
+}
+
+void TestAgentInfo::abandonedSocketFails()
+{
+    const QString abandoned = folder.filePath(u"abandoned"_s);
+    {
+        const AgentSocket agent(path, "{}");
+        QCOMPARE(::link(QFile::encodeName(path).constData(), QFile::encodeName(abandoned).constData()), 0);
+    }
+    QVERIFY(QFile::exists(abandoned));
+    Session session = knownSession();
+    QString error;
+    QVERIFY(!readAgentInfo(&session, abandoned, &error));
+    QCOMPARE(error, u"Failed to get the info from the session"_s);
+    QCOMPARE(told(session), told(knownSession()));
+}
+
+ZARVO_TEST(TestAgentInfo)
+
+#include "tst_agentinfo.moc"

@@ -1,0 +1,220 @@
+// SPDX-License-Identifier: MIT
+#include "engine/displays.h"
+#include "engine/session.h"
+#include "tests/engine/files.h"
+#include "tests/engine/reserveddisplays.h"
+#include "tests/testmain.h"
+
+#include <QDir>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+class TestDisplays : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanupTestCase();
+    void agentPortIsBesideTheDisplay_data();
+    void agentPortIsBesideTheDisplay();
+    void portIsTakenWhileSomebodyListens();
+    void portIsTakenWhenNobodyAnswers();
+    void emptyRangeHasNoDisplay_data();
+    void emptyRangeHasNoDisplay();
+    void firstDisplayIsTaken();
+    void usedDisplayIsSkipped_data();
+    void usedDisplayIsSkipped();
+    void limitIsExcluded();
+    void whatIsFreedIsFoundAgain();
+    void socketElsewhereDoesNotCount();
+
+private:
+    QTemporaryDir temporary; ///< the system's temporary directory for this test
+    QByteArray previousTemporary;
+};
+
+namespace {
+
+using Occupy = void (*)(quint16 display);
+
+/** The listeners that the rows of a test make; gone with the test function. */
+QList<QTcpServer *> &listeners()
+{
+    static QList<QTcpServer *> all;
+    return all;
+}
+
+void listenOn(int port)
+{
+    auto *server = new QTcpServer;
+    listeners().append(server);
+    if (!server->listen(QHostAddress::LocalHost, static_cast<quint16>(port))) {
+        qFatal("Failed to listen on port %d", port);
+    }
+}
+
+QString socketFile(quint16 display)
+{
+    return QDir::temp().filePath(u".X11-unix/X%1"_s.arg(display));
+}
+
+void occupyAll(quint16 display)
+{
+    listenOn(6000 + display);
+    listenOn(41000 + display);
+    putFile(socketFile(display), "");
+    putFile(ReservedDisplays::lockPath(display), "");
+    putFile(agentSocketPath(display), "");
+}
+
+} // namespace
+
+void TestDisplays::initTestCase()
+{
+    previousTemporary = qgetenv("TMPDIR");
+    qputenv("TMPDIR", QFile::encodeName(temporary.path()));
+    QVERIFY(QDir(temporary.path()).mkdir(u".X11-unix"_s));
+}
+
+void TestDisplays::cleanupTestCase()
+{
+    if (previousTemporary.isNull()) {
+        qunsetenv("TMPDIR");
+    } else {
+        qputenv("TMPDIR", previousTemporary);
+    }
+}
+
+void TestDisplays::agentPortIsBesideTheDisplay_data()
+{
+    QTest::addColumn<quint16>("display");
+    QTest::addColumn<quint16>("port");
+    QTest::newRow("0") << quint16(0) << quint16(41000);
+    QTest::newRow("12") << quint16(12) << quint16(41012);
+    QTest::newRow("100") << quint16(100) << quint16(41100);
+    QTest::newRow("last within 16 bits") << quint16(24535) << quint16(65535);
+    QTest::newRow("first beyond 16 bits") << quint16(24536) << quint16(0);
+    QTest::newRow("65535") << quint16(65535) << quint16(40999);
+}
+
+void TestDisplays::agentPortIsBesideTheDisplay()
+{
+    QFETCH(quint16, display);
+    QTEST(agentPort(display), "port");
+}
+
+void TestDisplays::portIsTakenWhileSomebodyListens()
+{
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    const quint16 port = server.serverPort();
+    QVERIFY(!isPortFree(port));
+
+    const ReservedDisplays displays;
+    QVERIFY(isPortFree(agentPort(displays.first())));
+}
+
+void TestDisplays::portIsTakenWhenNobodyAnswers()
+{
+    // A full queue of connections: the system neither accepts nor refuses another.
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    QCOMPARE(::bind(listener, reinterpret_cast<const sockaddr *>(&address), length), 0);
+    QCOMPARE(::listen(listener, 0), 0);
+    QCOMPARE(::getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length), 0);
+    QList<int> waiting;
+    for (int count = 0; count < 8; ++count) {
+        waiting.append(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        (void) ::connect(waiting.constLast(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    }
+    const bool isFree = isPortFree(ntohs(address.sin_port));
+    for (const int socket : waiting) {
+        ::close(socket);
+    }
+    ::close(listener);
+    QVERIFY(!isFree);
+}
+
+void TestDisplays::emptyRangeHasNoDisplay_data()
+{
+    QTest::addColumn<quint16>("number");
+    QTest::newRow("0") << quint16(0);
+    QTest::newRow("10") << quint16(10);
+    QTest::newRow("65535") << quint16(65535);
+}
+
+void TestDisplays::emptyRangeHasNoDisplay()
+{
+    QFETCH(quint16, number);
+    QVERIFY(!findOpenDisplay(number, number));
+}
+
+void TestDisplays::firstDisplayIsTaken()
+{
+    const ReservedDisplays displays(3);
+    QCOMPARE(findOpenDisplay(displays.first(), displays.end()), displays.first());
+}
+
+void TestDisplays::usedDisplayIsSkipped_data()
+{
+    QTest::addColumn<Occupy>("occupy");
+    const auto add = [](const char *name, Occupy occupy) { QTest::newRow(name) << occupy; };
+    add("X server listens", [](quint16 display) { listenOn(6000 + display); });
+    add("agent listens", [](quint16 display) { listenOn(41000 + display); });
+    add("X socket", [](quint16 display) { putFile(socketFile(display), ""); });
+    add("X lock", [](quint16 display) { putFile(ReservedDisplays::lockPath(display), ""); });
+    add("agent's socket", [](quint16 display) { putFile(agentSocketPath(display), ""); });
+    add("all of it", occupyAll);
+}
+
+void TestDisplays::usedDisplayIsSkipped()
+{
+    QFETCH(Occupy, occupy);
+    const ReservedDisplays displays(3);
+    const quint16 next = displays.first() + 1;
+    occupy(displays.first());
+    const auto open = findOpenDisplay(displays.first(), displays.end());
+    const auto none = findOpenDisplay(displays.first(), next);
+    qDeleteAll(listeners());
+    listeners().clear();
+    QCOMPARE(open, next);
+    QVERIFY(!none);
+}
+
+void TestDisplays::limitIsExcluded()
+{
+    const ReservedDisplays displays(3);
+    const quint16 last = displays.end() - 1;
+    putFile(ReservedDisplays::lockPath(displays.first()), "");
+    putFile(ReservedDisplays::lockPath(displays.first() + 1), "");
+    QVERIFY(!findOpenDisplay(displays.first(), last));
+    QCOMPARE(findOpenDisplay(displays.first(), displays.end()), last);
+}
+
+void TestDisplays::whatIsFreedIsFoundAgain()
+{
+    const ReservedDisplays displays;
+    putFile(ReservedDisplays::lockPath(displays.first()), "");
+    QVERIFY(!findOpenDisplay(displays.first(), displays.end()));
+    QVERIFY(QFile::remove(ReservedDisplays::lockPath(displays.first())));
+    QCOMPARE(findOpenDisplay(displays.first(), displays.end()), displays.first());
+}
+
+void TestDisplays::socketElsewhereDoesNotCount()
+{
+    const ReservedDisplays displays;
+    const QString elsewhere = temporary.filePath(u"X%1"_s.arg(displays.first()));
+    putFile(elsewhere, "");
+    QCOMPARE(findOpenDisplay(displays.first(), displays.end()), displays.first());
+}
+
+ZARVO_TEST(TestDisplays)
+
+#include "tst_displays.moc"

@@ -1,0 +1,228 @@
+# SPDX-License-Identifier: MIT
+"""A scripted agent: keeps the contract of a real one, or breaks it in the way that a test asks for.
+
+usage: fake_agent.py RECORDS GEOMETRY PORT, started by the server in a session directory
+
+RECORDS is a folder outside the session directory. RECORDS/agent-SESSION.conf, else RECORDS/agent.conf, holds
+"key=value" lines (SESSION is the name of the session directory):
+    state=socket|log        serve the state on /tmp/Xrdp_N.sock, or write it to server_log
+    ready=no                never report that the session started
+    ready_delay=SECONDS     report it so much later
+    exit_at_once=CODE       end before anything is reported
+    exit_file=no            end without server_exit
+    pid_file=no             write no server_pid
+    listen=no               do not listen on PORT
+    password=no             offer none on SIGUSR1
+    disconnect=no           keep the clients on SIGUSR2
+    terminate=no            ignore SIGTERM
+    exit_code=CODE          end with it on SIGTERM
+    die_on=USR1|USR2        end by SIGKILL in answer to this signal
+    socket=hang|garbage     never answer on the socket, or answer with what is no JSON
+RECORDS/SESSION/reply, when it exists, is sent in place of the state. RECORDS/SESSION/die, when it exists, makes the
+next signal end the agent by SIGKILL.
+
+What it sees is written to RECORDS/SESSION/: argv, cwd, environ, fds, status, umask, sid; "signals" grows by a line per
+signal. A client of PORT sends one password and a line feed and gets "ok"; it counts as connected until it hangs up.
+"""
+import json
+import os
+import select
+import signal
+import socket
+import sys
+import time
+
+RECORDS, GEOMETRY, PORT = sys.argv[1], sys.argv[2], sys.argv[3]
+SESSION = os.path.basename(os.getcwd())
+SEEN = os.path.join(RECORDS, SESSION)
+with open("display", encoding="ascii") as display:
+    SOCKET_PATH = f"/tmp/Xrdp_{int(display.read())}.sock"
+
+
+def read_options():
+    for name in (f"agent-{SESSION}.conf", "agent.conf"):
+        try:
+            with open(os.path.join(RECORDS, name), encoding="utf-8") as lines:
+                return dict(line.rstrip("\n").split("=", 1) for line in lines)
+        except FileNotFoundError:
+            pass
+    return {}
+
+
+def write(path, text):
+    """Whole or not at all: the reader may look at any moment."""
+    with open(path + "~", "w", encoding="utf-8", errors="surrogateescape") as file:
+        file.write(text)
+    os.rename(path + "~", path)
+
+
+def record_surroundings():
+    descriptors = []
+    for entry in sorted(os.listdir("/proc/self/fd"), key=int):
+        try:
+            descriptors.append(f"{entry} {os.readlink('/proc/self/fd/' + entry)}")
+        except FileNotFoundError:
+            pass  # the descriptor that the listing itself needed
+    with open("/proc/self/status", encoding="ascii", errors="replace") as status:
+        write(os.path.join(SEEN, "status"), status.read())
+    umask = os.umask(0)
+    os.umask(umask)
+    write(os.path.join(SEEN, "umask"), f"{umask:o}")
+    write(os.path.join(SEEN, "fds"), "\n".join(descriptors))
+    write(os.path.join(SEEN, "cwd"), os.getcwd())
+    write(os.path.join(SEEN, "environ"), "\n".join(f"{key}={value}" for key, value in os.environ.items()))
+    write(os.path.join(SEEN, "sid"), f"{os.getsid(0)} {os.getpid()}")
+    write(os.path.join(SEEN, "argv"), json.dumps(sys.argv[2:]))
+
+
+class Agent:
+    def __init__(self, options):
+        self.options = options
+        self.passwords = []
+        self.clients = {}
+        self.state = {}
+        self.last_stamp = 0
+        self.poll = select.poll()
+        self.listeners = {}
+        self.held = []
+
+    def allows(self, key):
+        return self.options.get(key) != "no"
+
+    def log(self, line):
+        if self.options.get("state") == "log":
+            with open("server_log", "a", encoding="utf-8") as file:
+                file.write(line + "\n")
+
+    def stamp(self):
+        """Times have whole seconds, and two events must not look like one."""
+        self.last_stamp = max(int(time.time()), self.last_stamp + 1)
+        return time.strftime("%Y-%m-%dT%H:%M:%S", time.localtime(self.last_stamp))
+
+    def listen(self):
+        if self.options.get("state") != "log":
+            server = socket.socket(socket.AF_UNIX)
+            server.bind(SOCKET_PATH)
+            self.add(server, self.answer)
+        if self.allows("listen"):
+            server = socket.socket()
+            server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            server.bind(("127.0.0.1", int(PORT)))
+            self.add(server, self.admit)
+
+    def add(self, server, handler):
+        server.listen(64)
+        self.listeners[server.fileno()] = (server, handler)
+        self.poll.register(server, select.POLLIN)
+
+    def answer(self, connection):
+        kind = self.options.get("socket")
+        if kind == "hang":
+            self.held.append(connection)
+            return
+        try:
+            with open(os.path.join(SEEN, "reply"), "rb") as file:
+                reply = file.read()
+        except FileNotFoundError:
+            state = dict(self.state, Clients=len(self.clients), Passwords=self.passwords)
+            reply = b"\xff{]garbage" if kind == "garbage" else json.dumps(state).encode()
+        try:
+            connection.sendall(reply)
+        except OSError:
+            pass
+        connection.close()
+
+    def admit(self, connection):
+        connection.settimeout(5)
+        try:
+            password = connection.makefile("r", encoding="utf-8").readline().strip()
+            if password not in self.passwords:
+                connection.close()
+                return
+            self.passwords.remove(password)
+            self.clients[connection.fileno()] = connection
+            self.poll.register(connection, select.POLLIN)
+            self.state["LastConnect"] = self.stamp()
+            self.log(f"Client authenticated from '127.0.0.1' at '{self.state['LastConnect']}' with password '{password}'")
+            connection.sendall(b"ok\n")
+        except OSError:
+            connection.close()
+
+    def drop(self, descriptor):
+        self.poll.unregister(descriptor)
+        self.clients.pop(descriptor).close()
+        self.state["LastDisconnect"] = self.stamp()
+        self.log(f"Client disconnected from '127.0.0.1' at '{self.state['LastDisconnect']}'")
+
+    def ready(self):
+        width, _, height = GEOMETRY.partition("x")
+        if not (width.isdigit() and height.isdigit()):
+            width, height = 1024, 768
+        self.state.update(Started=self.stamp(), ScreenWidth=int(width), ScreenHeight=int(height))
+        self.log(f"RDP initialized at '{self.state['Started']}'")
+        self.log(f"Screen resized to '{width}x{height}'")
+
+    def end(self, code):
+        if self.options.get("state") != "log":
+            try:
+                os.unlink(SOCKET_PATH)
+            except FileNotFoundError:
+                pass
+        if self.allows("exit_file"):
+            write("server_exit", str(code))
+        os._exit(code)
+
+    def handle(self, name):
+        with open(os.path.join(SEEN, "signals"), "a", encoding="ascii") as file:
+            file.write(name + "\n")
+        if self.options.get("die_on") == name or os.path.exists(os.path.join(SEEN, "die")):
+            os.kill(os.getpid(), signal.SIGKILL)
+        if name == "USR1" and self.allows("password"):
+            self.passwords.append(os.urandom(4).hex())
+            self.log(f"Added new password {self.passwords[-1]}")
+        elif name == "USR2" and self.allows("disconnect"):
+            for descriptor in list(self.clients):
+                self.drop(descriptor)
+        elif name == "TERM" and self.allows("terminate"):
+            self.end(int(self.options.get("exit_code", "0")))
+
+    def run(self):
+        wake, signalled = os.pipe()
+        os.set_blocking(signalled, False)
+        signal.set_wakeup_fd(signalled)
+        for number in (signal.SIGUSR1, signal.SIGUSR2, signal.SIGTERM):
+            signal.signal(number, lambda *_: None)
+        self.poll.register(wake, select.POLLIN)
+        if self.allows("pid_file"):
+            write("server_pid", str(os.getpid()))
+        write(os.path.join(SEEN, "pid"), str(os.getpid()))
+        if "exit_at_once" in self.options:
+            self.end(int(self.options["exit_at_once"]))
+        self.listen()
+        pending = self.allows("ready")
+        due = time.monotonic() + float(self.options.get("ready_delay", "0"))
+        while True:
+            if pending and time.monotonic() >= due:
+                pending = False
+                self.ready()
+            events = self.poll.poll(max(0, (due - time.monotonic()) * 1000) if pending else None)
+            for descriptor, _ in events:
+                if descriptor == wake:
+                    for number in os.read(wake, 64):
+                        self.handle(signal.Signals(number).name[3:])
+                elif descriptor in self.listeners:
+                    server, handler = self.listeners[descriptor]
+                    handler(server.accept()[0])
+                elif descriptor in self.clients and self.has_left(descriptor):
+                    self.drop(descriptor)
+
+    def has_left(self, descriptor):
+        try:
+            return not self.clients[descriptor].recv(4096)
+        except ConnectionResetError:
+            return True
+
+
+os.makedirs(SEEN, exist_ok=True)
+record_surroundings()
+Agent(read_options()).run()

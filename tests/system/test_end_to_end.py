@@ -1,0 +1,181 @@
+# SPDX-License-Identifier: MIT
+"""The server with the bundled agent: real X servers, real applications, looked at by a real client."""
+import os
+import signal
+import socket
+import unittest
+
+import rfb
+import zarvo
+
+BLUE, GREEN = bytes((0x20, 0x40, 0x80)), bytes((0x10, 0xA0, 0x30))
+XTERM = "xterm -bg '#204080' -fg white -geometry 60x20+10+10"
+
+
+class EndToEnd(zarvo.TestCase):
+    def setUp(self):
+        self.instance = self.prepare(agent=False)
+        self.instance.environment["PATH"] = zarvo.LIBEXEC + ":" + self.instance.environment["PATH"]
+        self.instance.start()
+        self.client = self.instance.client()
+
+    def start(self, command=XTERM, geometry="640x480"):
+        session = zarvo.new_id()
+        return session, self.client.call("Live.Start", [session, command, geometry])
+
+    def connect(self, answer):
+        viewer = rfb.Client("127.0.0.1", answer["port"], answer["password"], timeout=zarvo.DEADLINE)
+        self.addCleanup(viewer.close)
+        return viewer
+
+    def wait_permissions(self, session, expected):
+        def permissions():
+            return {entry["id"]: entry["permissions"] for entry in self.client.call("Live.ListLocalSessions") or []}
+        zarvo.wait_until(lambda: permissions().get(session) == expected, f"the permissions {expected}")
+
+    def others(self):
+        """Every process of this server's user but the server itself."""
+        found = {}
+        for entry in os.listdir("/proc"):
+            if entry.isdigit() and int(entry) != self.instance.pid:
+                try:
+                    with open(f"/proc/{entry}/environ", "rb") as environment:
+                        if b"HOME=" + self.instance.home.encode() in environment.read().split(b"\0"):
+                            found[int(entry)] = zarvo.read(f"/proc/{entry}/cmdline").replace("\0", " ")
+                except OSError:
+                    pass
+        return {pid: command for pid, command in found.items() if "keeper.py" not in command}
+
+    def assert_all_gone(self, session, port):
+        display = port - 41000
+        self.assertFalse(os.path.exists(self.instance.directory(session)))
+        zarvo.wait_until(lambda: self.others() == {}, f"the session's processes to end: {self.others()}")
+        for path in (f"/tmp/.X{display}-lock", f"/tmp/Xrdp_{display}.sock"):
+            self.assertFalse(os.path.exists(path), path)
+        with self.assertRaises(ConnectionRefusedError), socket.create_connection(("127.0.0.1", port), 5):
+            pass
+
+    def test_picture_of_a_desktop_application(self):
+        session, answer = self.start()
+        viewer = self.connect(answer)
+        self.assertEqual((viewer.width, viewer.height), (640, 480))
+        # The window's ground and its text: an empty terminal or an empty screen would be one colour less.
+        zarvo.wait_until(lambda: len(viewer.framebuffer().colours() - {BLUE}) and BLUE in viewer.framebuffer().colours(),
+                         "the window of xterm")
+        self.wait_permissions(session, "disconnect|terminate")
+        viewer.close()
+        self.wait_permissions(session, "connect|terminate")
+        self.client.call("Live.Terminate", [session])
+        self.assert_all_gone(session, answer["port"])
+
+    def test_what_is_typed_runs_in_the_session(self):
+        session, answer = self.start()
+        viewer = self.connect(answer)
+        zarvo.wait_until(lambda: BLUE in viewer.framebuffer().colours(), "the window of xterm")
+        proof = os.path.join(self.instance.home, "proof")
+        display = str(answer["port"] - 41000)
+
+        def typed():
+            # Until the window has the keyboard nothing arrives, and once is as good as twice.
+            viewer.type(f"echo $DISPLAY > {proof}\n")
+            viewer.framebuffer()
+            return os.path.exists(proof) and zarvo.read(proof).strip()
+        self.assertIn(zarvo.wait_until(typed, "the typed command"), (":" + display, f"unix:{display}", f":{display}.0"))
+        self.client.call("Live.Terminate", [session])
+
+    def test_rootless_application_fills_the_screen(self):
+        session, answer = self.start("xterm -bg '#10a030' -b 20 -geometry 20x5", "rootless")
+        self.assertEqual(answer["geometry"], "rootless")
+        viewer = self.connect(answer)
+
+        def filled():
+            image = viewer.framebuffer()
+            return bytes(image.pixel(5, image.height - 6)) == GREEN and bytes(image.pixel(image.width - 6, 5)) == GREEN
+        zarvo.wait_until(filled, "the application to fill the screen")
+        self.client.call("Live.Terminate", [session])
+        self.assert_all_gone(session, answer["port"])
+
+    def test_password_opens_exactly_once(self):
+        session, answer = self.start()
+        self.connect(answer)
+        with self.assertRaises(rfb.AuthenticationFailed):
+            self.connect(answer)
+        self.wait_permissions(session, "disconnect|terminate")
+        self.client.call("Live.Terminate", [session])
+
+    def test_wrong_password_uses_none_up(self):
+        session, answer = self.start()
+        with self.assertRaises(rfb.AuthenticationFailed):
+            self.connect(dict(answer, password="wrong"))
+        self.wait_permissions(session, "retry|terminate")
+        self.assertEqual(self.client.call("Live.Replay", [session])["password"], answer["password"])
+        self.connect(answer)
+        self.client.call("Live.Terminate", [session])
+
+    def test_suspend_and_resume(self):
+        session, first = self.start()
+        viewer = self.connect(first)
+        zarvo.wait_until(lambda: BLUE in viewer.framebuffer().colours(), "the window of xterm")
+        self.wait_permissions(session, "disconnect|terminate")
+        self.assertIsNone(self.client.call("Live.Suspend", [session]))
+        viewer.wait_for_close()
+        second = self.client.call("Live.Resume", [session])
+        self.assertEqual((second["windowMode"], second["geometry"], second["port"]), ("desktop", "640x480", first["port"]))
+        self.assertNotEqual(second["password"], first["password"])
+        self.assertEqual(self.client.call("Live.Replay", [session]), second)
+        viewer = self.connect(second)
+        self.assertIn(BLUE, viewer.framebuffer().colours())  # the same window, and not a new one
+        self.client.call("Live.Terminate", [session])
+        viewer.wait_for_close()
+        self.assert_all_gone(session, first["port"])
+
+    def test_sessions_outlive_the_server(self):
+        session, answer = self.start()
+        viewer = self.connect(answer)
+        zarvo.wait_until(lambda: BLUE in viewer.framebuffer().colours(), "the window of xterm")
+        for number in (signal.SIGTERM, signal.SIGKILL):
+            self.instance.stop(number)
+            self.assertIn(BLUE, viewer.framebuffer().colours())
+            self.instance.start()
+            self.client = self.instance.client()
+            self.wait_permissions(session, "disconnect|terminate")
+        self.client.call("Live.Terminate", [session])
+        viewer.wait_for_close()
+        self.assert_all_gone(session, answer["port"])
+
+    def test_three_sessions_side_by_side(self):
+        started = [self.start(XTERM, size) for size in ("320x240", "640x480", "800x600")]
+        self.assertEqual(len({answer["port"] for _, answer in started}), 3)
+        for (session, answer), size in zip(started, ((320, 240), (640, 480), (800, 600))):
+            viewer = self.connect(answer)
+            self.assertEqual((viewer.width, viewer.height), size)
+        for session, answer in started:
+            self.client.call("Live.Terminate", [session])
+        self.assertEqual(self.client.call("Live.ListSessions"), None)
+        self.assert_all_gone(session, answer["port"])
+
+    def test_geometry_that_is_none_fails_and_leaves_no_process(self):
+        for geometry in ("nonsense", "99999x99999", "0x0", "-5x5", "800x600x24", ""):
+            with self.subTest(geometry=geometry):
+                session = zarvo.new_id()
+                self.assert_fails(-32099, "An unknown error occurred.", self.client.call, "Live.Start",
+                                  [session, XTERM, geometry])
+                zarvo.wait_until(lambda: self.client.call("Live.ListLocalSessions") is None, "the session to be dropped")
+                self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "2")
+        zarvo.wait_until(lambda: self.others() == {}, "the agents to end")
+
+    def test_killed_agent_takes_its_session_along(self):
+        session, answer = self.start()
+        viewer = self.connect(answer)
+        pid = int(zarvo.read(os.path.join(self.instance.directory(session), "server_pid")))
+        os.kill(pid, signal.SIGKILL)
+        viewer.wait_for_close()
+        zarvo.wait_until(lambda: self.client.call("Live.ListLocalSessions") is None, "the session to be dropped")
+        zarvo.wait_until(lambda: self.others() == {}, "the session's processes to end")
+        # Its display can be used again.
+        _, again = self.start()
+        self.connect(again)
+
+
+if __name__ == "__main__":
+    unittest.main()
