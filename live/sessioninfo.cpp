@@ -5,9 +5,15 @@
 #include "support/datetimetext.h"
 #include "support/json.h"
 
+#include <algorithm>
+#include <array>
+
 using namespace Qt::StringLiterals;
 
 namespace {
+
+constexpr std::array kKeys = {"id",      "location",    "windowMode",     "name",
+                              "started", "lastConnect", "lastDisconnect", "permissions"};
 
 QStringList permissionsOf(const Session &session)
 {
@@ -48,8 +54,13 @@ Json::Value SessionInfo::toJson() const
     return value;
 }
 
-SessionInfo SessionInfo::fromJson(const Json::Value &value)
+std::optional<SessionInfo> SessionInfo::fromJson(const Json::Value &value)
 {
+    if (!value.isObject() || !std::all_of(kKeys.begin(), kKeys.end(), [&value](const char *key) {
+            return !hasMember(value, key) || member(value, key).isString();
+        })) {
+        return std::nullopt;
+    }
     const auto text = [&value](const char *key) { return stringFromJson(member(value, key)); };
 
     SessionInfo info;

@@ -9,6 +9,8 @@
 #include <QStringList>
 #include <QUrl>
 
+#include <optional>
+
 struct Session;
 
 /** What clients see of one session, here or on a peer. A plain value. */
@@ -29,8 +31,11 @@ struct SessionInfo
 
     /** The description as an object of eight strings, all of them always there. */
     [[nodiscard]] Json::Value toJson() const;
-    /** Reads the description that a peer sent; what is missing there stays empty. */
-    [[nodiscard]] static SessionInfo fromJson(const Json::Value &value);
+    /**
+     * Reads the description that a peer sent; what is missing there stays empty.
+     * @return nothing for what is no object, or has one of the eight members with a value that is no string
+     */
+    [[nodiscard]] static std::optional<SessionInfo> fromJson(const Json::Value &value);
 };
 
 /** The list as clients get it: an array, or null when it is empty. */

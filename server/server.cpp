@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "server/server.h"
 
+#include "discovery/udptalker.h"
 #include "engine/sessionfiles.h"
 #include "live/sessionstore.h"
 #include "rpc/sslserver.h"
@@ -147,6 +148,12 @@ bool Server::startDiscovery(QString *error)
     if (!broadcastAddress.setAddress(settings.broadcastAddress)) {
         *error = u"Invalid broadcast address \"%1\""_s.arg(settings.broadcastAddress);
         return false;
+    }
+    talker = std::make_unique<UdpTalker>(udpSocket.get(), broadcastAddress, settings.broadcastPort,
+                                         listener->serverPort(), store.get(), keyPath(), certificatePath(), nullptr);
+    if (settings.broadcastPort != 0) {
+        QObject::connect(updater.get(), &SessionUpdater::sendUpdates, talker.get(), &UdpTalker::sendUpdate);
+        talker->sendHello();
     }
     return true;
 }

@@ -20,6 +20,7 @@ class SignalCatcher;
 class SslResponder;
 class SslServer;
 class SuspendChecker;
+class UdpTalker;
 
 /**
  * The server's long-lived objects, in the order in which start-up makes them, and so destroyed in reverse:
@@ -73,5 +74,6 @@ private:
     std::unique_ptr<SslResponder> responder;
     InfoFile portFile;
     std::unique_ptr<QUdpSocket> udpSocket;
+    std::unique_ptr<UdpTalker> talker;
     std::unique_ptr<SignalCatcher> signalCatcher;
 };

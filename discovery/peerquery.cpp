@@ -1,0 +1,155 @@
+// SPDX-License-Identifier: MIT
+#include "discovery/peerquery.h"
+
+#include "rpc/netstring.h"
+#include "support/json.h"
+
+#include <QDeadlineTimer>
+#include <QHostAddress>
+#include <QSslCertificate>
+#include <QSslConfiguration>
+#include <QSslKey>
+#include <QSslSocket>
+
+#include <optional>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kExchangeTimeoutMs = 15000;
+constexpr const char *kRequestId = "ServerUpdate";
+
+QByteArray requestFrame()
+{
+    Json::Value request(Json::objectValue);
+    request["id"] = kRequestId;
+    request["jsonrpc"] = "2.0";
+    request["method"] = "Live.ListLocalSessions";
+    request["params"] = Json::nullValue;
+    return encodeNetString(writeJson(request));
+}
+
+/** One exchange with one peer, under one deadline. */
+class Exchange
+{
+public:
+    explicit Exchange(QString *error_)
+        : error(error_)
+        , deadline(kExchangeTimeoutMs)
+    {
+    }
+
+    bool connect(const QHostAddress &address, quint16 port)
+    {
+        socket.connectToHost(address, port);
+        return socket.waitForConnected(timeLeft()) || fail("Failed to connect to \"%1\" port \"%2\": %3");
+    }
+
+    bool encrypt(const QSslCertificate &certificate, const QSslKey &key)
+    {
+        QSslConfiguration configuration = socket.sslConfiguration();
+        configuration.setPrivateKey(key);
+        configuration.setLocalCertificate(certificate);
+        // Identity is the comparison below, so the system's authorities are not even loaded.
+        configuration.setCaCertificates({});
+        socket.setSslConfiguration(configuration);
+        socket.ignoreSslErrors();
+        socket.startClientEncryption();
+        if (!socket.waitForEncrypted(timeLeft())) {
+            return fail("Failed to connect to \"%1\" port \"%2\": %3");
+        }
+        return socket.peerCertificate() == certificate || fail("The certificate at \"%1\" port \"%2\" does not match");
+    }
+
+    bool send(const QByteArray &frame)
+    {
+        socket.write(frame);
+        while (socket.bytesToWrite() + socket.encryptedBytesToWrite() > 0) {
+            if (!socket.waitForBytesWritten(timeLeft())) {
+                return fail("Failed to write to \"%1\" port \"%2\": %3");
+            }
+        }
+        return true;
+    }
+
+    bool receive(QByteArray *payload)
+    {
+        QByteArray buffer;
+        for (;;) {
+            // What arrived while we were writing is there already and would not be announced again.
+            if (socket.bytesAvailable() == 0 && !socket.waitForReadyRead(timeLeft())) {
+                return fail("Failed to read from \"%1\" port \"%2\": %3");
+            }
+            buffer += socket.readAll();
+            const int outcome = decodeNetString(buffer, *payload, *error);
+            if (outcome <= 0) {
+                return outcome == 0;
+            }
+        }
+    }
+
+private:
+    [[nodiscard]] int timeLeft() const { return static_cast<int>(deadline.remainingTime()); }
+
+    bool fail(const char *pattern)
+    {
+        QString text = QString::fromLatin1(pattern);
+        text.replace("%1"_L1, socket.peerName());
+        text.replace("%2"_L1, QString::number(socket.peerPort()));
+        *error = text.replace("%3"_L1, socket.errorString());
+        return false;
+    }
+
+    QString *error;
+    QDeadlineTimer deadline;
+    QSslSocket socket;
+};
+
+bool isReply(const Json::Value &reply)
+{
+    return stringFromJson(member(reply, "jsonrpc")) == "2.0"_L1 &&
+           stringFromJson(member(reply, "id")) == QLatin1StringView(kRequestId);
+}
+
+/** The peer's own words, if it has answered with an error. */
+std::optional<QString> errorOf(const Json::Value &reply)
+{
+    const Json::Value &object = member(reply, "error");
+    const Json::Value &message = member(object, "message");
+    if (!member(object, "code").isInt() || !message.isString()) {
+        return std::nullopt;
+    }
+    return stringFromJson(message);
+}
+
+bool readReply(const QByteArray &payload, QList<SessionInfo> &sessions, QString &error)
+{
+    Json::Value reply;
+    const bool isValid = parseJson(payload, &reply) && isReply(reply);
+    const Json::Value &result = member(reply, "result");
+    if (isValid && hasMember(reply, "result") && (result.isArray() || result.isNull())) {
+        QList<SessionInfo> read;
+        for (const Json::Value &element : result) {
+            if (const std::optional<SessionInfo> info = SessionInfo::fromJson(element)) {
+                read.append(*info);
+            }
+        }
+        sessions = read;
+        return true;
+    }
+    const bool isError = isValid && !hasMember(reply, "result");
+    error = (isError ? errorOf(reply) : std::nullopt).value_or(u"Received invalid JSON"_s);
+    return false;
+}
+
+} // namespace
+
+bool fetchPeerSessions(const QHostAddress &address, quint16 port, const QSslCertificate &certificate,
+                       const QSslKey &key, QList<SessionInfo> &sessions, QString &error)
+{
+    Exchange exchange(&error);
+    QByteArray payload;
+    return exchange.connect(address, port) && exchange.encrypt(certificate, key) && exchange.send(requestFrame()) &&
+           exchange.receive(&payload) && readReply(payload, sessions, error);
+}

@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: MIT
+#include "discovery/udptalker.h"
+
+#include "discovery/announcement.h"
+#include "discovery/peerquery.h"
+#include "live/sessionstore.h"
+#include "server/logging.h"
+#include "support/credentials.h"
+
+#include <QFutureWatcher>
+#include <QNetworkInterface>
+#include <QSslCertificate>
+#include <QSslKey>
+#include <QThreadPool>
+#include <QUdpSocket>
+#include <QtConcurrentRun>
+
+#include <chrono>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+/** So often everybody is told of us even without a change, before peers forget what they know. */
+constexpr auto kRepeatInterval = 300000ms;
+/** How long a peer's list counts: longer than it takes the peer to announce itself again. */
+constexpr qint64 kExpirySeconds = 400;
+/** Each costs a thread that mostly waits. */
+constexpr int kMaxAsking = 32;
+/** Enough for the answers of a large site to one "HELLO". */
+constexpr qsizetype kMaxWaiting = 4096;
+/** After so many datagrams everybody else has his turn. */
+constexpr int kMaxDatagramsAtOnce = 256;
+
+/** IPv4 peers reach a socket of both families in the mapped form, which nobody wants to see. */
+QHostAddress plainAddress(const QHostAddress &address)
+{
+    bool isIPv4 = false;
+    const quint32 ipv4 = address.toIPv4Address(&isIPv4);
+    return isIPv4 ? QHostAddress(ipv4) : address;
+}
+
+QString ownUser()
+{
+    return qEnvironmentVariable("USER");
+}
+
+} // namespace
+
+UdpTalker::UdpTalker(QUdpSocket *socket_, const QHostAddress &broadcastAddress_, quint16 broadcastPort_,
+                     quint16 serverPort_, SessionStore *store_, const QString &keyPath_, const QString &certPath_,
+                     QObject *parent)
+    : QObject(parent)
+    , socket(socket_)
+    , broadcastAddress(broadcastAddress_)
+    , broadcastPort(broadcastPort_)
+    , serverPort(serverPort_)
+    , store(store_)
+    , keyPath(keyPath_)
+    , certPath(certPath_)
+{
+    connect(socket, &QUdpSocket::readyRead, this, &UdpTalker::Socket_readyRead);
+    connect(&timer, &QTimer::timeout, this, &UdpTalker::sendUpdate);
+    timer.start(kRepeatInterval);
+}
+
+UdpTalker::~UdpTalker()
+{
+    const auto watchers = findChildren<QFutureWatcher<void> *>();
+    for (QFutureWatcher<void> *watcher : watchers) {
+        watcher->waitForFinished();
+    }
+}
+
+void UdpTalker::sendHello()
+{
+    send(u"HELLO"_s, broadcastAddress, broadcastPort);
+}
+
+void UdpTalker::sendUpdate()
+{
+    send(u"UPDATE"_s, broadcastAddress, broadcastPort);
+}
+
+void UdpTalker::sendUpdateTo(QHostAddress address, quint16 port)
+{
+    send(u"UPDATE"_s, address, port);
+}
+
+void UdpTalker::send(const QString &method, const QHostAddress &address, quint16 port)
+{
+    // Nobody can be told of a failure, and the next announcement follows anyway.
+    socket->writeDatagram(Announcement{method, serverPort, ownUser()}.toDatagram(), address, port);
+}
+
+void UdpTalker::Socket_readyRead()
+{
+    auto *source = qobject_cast<QUdpSocket *>(sender());
+    if (!source) {
+        return;
+    }
+    const QList<QHostAddress> ownAddresses = QNetworkInterface::allAddresses();
+    for (int count = 0; count < kMaxDatagramsAtOnce && source->hasPendingDatagrams(); ++count) {
+        QByteArray datagram(source->pendingDatagramSize(), Qt::Uninitialized);
+        QHostAddress peer;
+        quint16 peerPort = 0;
+        const qint64 length = source->readDatagram(datagram.data(), datagram.size(), &peer, &peerPort);
+        peer = plainAddress(peer);
+        if (length >= 0 && !ownAddresses.contains(peer)) {
+            handleDatagram(datagram.first(length), peer, peerPort);
+        }
+    }
+}
+
+void UdpTalker::handleDatagram(const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort)
+{
+    bool isJson = false;
+    const std::optional<Announcement> announcement = Announcement::fromDatagram(datagram, &isJson);
+    if (!isJson) {
+        logMessage(LogWarning, u"Received invalid JSON"_s);
+    }
+    if (!announcement || announcement->user != ownUser()) {
+        return;
+    }
+    if (announcement->method == "HELLO"_L1) {
+        askPeer({sender, announcement->port});
+        sendUpdateTo(sender, senderPort);
+    } else if (announcement->method == "UPDATE"_L1) {
+        askPeer({sender, announcement->port});
+    }
+}
+
+void UdpTalker::askPeer(const Peer &peer)
+{
+    if (waiting.size() < kMaxWaiting) {
+        waiting.enqueue(peer);
+        askNext();
+    }
+}
+
+void UdpTalker::askNext()
+{
+    if (waiting.isEmpty() || asking >= kMaxAsking) {
+        return;
+    }
+    const Peer peer = waiting.dequeue();
+    auto *watcher = new QFutureWatcher<void>(this);
+    ++asking;
+    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher] {
+        watcher->deleteLater();
+        --asking;
+        askNext();
+    });
+    watcher->setFuture(QtConcurrent::run([this, peer] { queryPeer(peer.first, peer.second, keyPath, certPath); }));
+}
+
+void UdpTalker::queryPeer(QHostAddress address, quint16 port, QString keyPath_, QString certPath_)
+{
+    // A query does nothing but wait; clients' requests need the pool's threads meanwhile.
+    QThreadPool::globalInstance()->releaseThread();
+    QSslKey key;
+    QSslCertificate certificate;
+    QString error;
+    if (!readPrivateKey(keyPath_, &key, &error) || !readCertificate(certPath_, &certificate, &error)) {
+        logMessage(LogWarning, error);
+    } else {
+        const QString location = u"%1:%2"_s.arg(address.toString()).arg(port);
+        QList<SessionInfo> sessions;
+        if (fetchPeerSessions(address, port, certificate, key, sessions, error)) {
+            store->storeRemoteSessions(location, QDateTime::currentDateTime().addSecs(kExpirySeconds), sessions);
+        } else {
+            logMessage(LogWarning, error);
+            store->forgetRemoteSessions(location);
+        }
+    }
+    QThreadPool::globalInstance()->reserveThread();
+}

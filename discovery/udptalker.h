@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QByteArray>
+#include <QHostAddress>
+#include <QObject>
+#include <QQueue>
+#include <QString>
+#include <QTimer>
+
+#include <utility>
+
+class QUdpSocket;
+class SessionStore;
+
+/**
+ * Finds the other servers of the same user: announces this one by broadcast, and asks a server that it hears of for its
+ * sessions, which go into the registry. A datagram is only a hint where to ask; what counts is the peer's certificate.
+ *
+ * Lives on the main thread. The questions are asked on pool threads, so many at a time and so many waiting, whatever is
+ * sent to us.
+ */
+class UdpTalker : public QObject
+{
+    Q_OBJECT
+
+public:
+    /**
+     * @param socket         not owned; bound to @p broadcastPort unless that is 0
+     * @param serverPort     where our service listens
+     * @param store          not owned
+     * @param keyPath        our key and certificate, read anew for each question
+     */
+    UdpTalker(QUdpSocket *socket, const QHostAddress &broadcastAddress, quint16 broadcastPort, quint16 serverPort,
+              SessionStore *store, const QString &keyPath, const QString &certPath, QObject *parent);
+    /** Waits for the questions that are being asked, up to 15 seconds; those that wait are dropped. */
+    ~UdpTalker() override;
+
+public slots:
+    /** Tells everybody that we have started. */
+    void sendHello();
+    /** Tells everybody that our sessions have changed. */
+    void sendUpdate();
+    void sendUpdateTo(QHostAddress address, quint16 port);
+
+private slots:
+    void Socket_readyRead();
+
+private:
+    using Peer = std::pair<QHostAddress, quint16>;
+
+    void send(const QString &method, const QHostAddress &address, quint16 port);
+    void handleDatagram(const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort);
+    void askPeer(const Peer &peer);
+    void askNext();
+    void queryPeer(QHostAddress address, quint16 port, QString keyPath, QString certPath);
+
+    QUdpSocket *socket;
+    const QHostAddress broadcastAddress;
+    const quint16 broadcastPort;
+    const quint16 serverPort;
+    SessionStore *store;
+    const QString keyPath;
+    const QString certPath;
+    QTimer timer;
+    QQueue<Peer> waiting; ///< to be asked when one of those being asked has answered
+    int asking = 0;       ///< as many as there are watchers among the children
+};
