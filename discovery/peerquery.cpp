@@ -34,13 +34,15 @@ QByteArray requestFrame()
 class Exchange
 {
 public:
-    explicit Exchange(QString *error_)
-        : error(error_)
+    Exchange(const QHostAddress &address_, quint16 port_, QString *error_)
+        : address(address_)
+        , port(port_)
+        , error(error_)
         , deadline(kExchangeTimeoutMs)
     {
     }
 
-    bool connect(const QHostAddress &address, quint16 port)
+    bool connect()
     {
         socket.connectToHost(address, port);
         return socket.waitForConnected(timeLeft()) || fail("Failed to connect to \"%1\" port \"%2\": %3");
@@ -94,13 +96,16 @@ private:
 
     bool fail(const char *pattern)
     {
+        // Our own copies, for a socket forgets its peer when the connection ends.
         QString text = QString::fromLatin1(pattern);
-        text.replace("%1"_L1, socket.peerName());
-        text.replace("%2"_L1, QString::number(socket.peerPort()));
+        text.replace("%1"_L1, address.toString());
+        text.replace("%2"_L1, QString::number(port));
         *error = text.replace("%3"_L1, socket.errorString());
         return false;
     }
 
+    const QHostAddress address;
+    const quint16 port;
     QString *error;
     QDeadlineTimer deadline;
     QSslSocket socket;
@@ -148,8 +153,8 @@ bool readReply(const QByteArray &payload, QList<SessionInfo> &sessions, QString 
 bool fetchPeerSessions(const QHostAddress &address, quint16 port, const QSslCertificate &certificate,
                        const QSslKey &key, QList<SessionInfo> &sessions, QString &error)
 {
-    Exchange exchange(&error);
+    Exchange exchange(address, port, &error);
     QByteArray payload;
-    return exchange.connect(address, port) && exchange.encrypt(certificate, key) && exchange.send(requestFrame()) &&
+    return exchange.connect() && exchange.encrypt(certificate, key) && exchange.send(requestFrame()) &&
            exchange.receive(&payload) && readReply(payload, sessions, error);
 }

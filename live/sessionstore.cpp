@@ -12,6 +12,7 @@
 #include "server/idletimer.h"
 #include "server/logging.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QMutexLocker>
 
@@ -53,9 +54,14 @@ int offerPassword(SessionLease &lease)
     if (const int code = signalSession(*lease, SIGUSR1); code != SessionOk) {
         return code;
     }
-    if (const int code = waitForPasswordsChange(lease.get(), kAgentTimeoutMs); code != SessionOk) {
-        return lease.removeIfBroken(code);
-    }
+    QDeadlineTimer deadline(kAgentTimeoutMs);
+    do {
+        const auto timeLeft = static_cast<int>(deadline.remainingTime());
+        if (const int code = waitForPasswordsChange(lease.get(), timeLeft); code != SessionOk) {
+            return lease.removeIfBroken(code);
+        }
+        // A client that uses up an earlier password changes the list as well, and may leave nothing in it.
+    } while (lease->passwords.isEmpty());
     return SessionOk;
 }
 

@@ -1,0 +1,29 @@
+# SPDX-License-Identifier: MIT
+"""What the benchmarks share: a server of their own with the bundled agent, from the tests' library."""
+import os
+import re
+import statistics
+import sys
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "system"))
+if len(sys.argv) < 2:
+    sys.exit(f"usage: {sys.argv[0]} BUILD_FOLDER")
+os.environ["ZARVO_BUILD_DIR"] = os.path.abspath(sys.argv[1])
+
+import zarvo  # noqa: E402  (needs the two lines above)
+
+
+def server(**settings):
+    """A started server that finds the bundled agent."""
+    made = zarvo.Server(agent=False, settings={"LogLevel": "Info", **settings})
+    made.environment["PATH"] = zarvo.LIBEXEC + ":" + made.environment["PATH"]
+    made.start()
+    return made
+
+
+def milliseconds(seconds):
+    return f"median {statistics.median(seconds) * 1000:.1f} ms, worst {max(seconds) * 1000:.1f} ms of {len(seconds)}"
+
+
+def resident_mib(pid):
+    return int(re.search(r"VmRSS:\s+(\d+) kB", zarvo.read(f"/proc/{pid}/status")).group(1)) / 1024
