@@ -12,15 +12,18 @@
 #include <QFile>
 
 #include <cerrno>
+#include <chrono>
 
 #include <sys/prctl.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr int kMaxTitleBytes = 400;
+constexpr auto kWindowManagerDeadline = 3s;
 
 // What viewers show; a session may lack a name, or have one that no window title should hold.
 QString sessionTitle(quint16 display)
@@ -75,6 +78,16 @@ Agent::Agent(AgentLog *log_, SignalCatcher *signals_, QObject *parent)
     connect(&screenWatcher, &ScreenWatcher::failed, this,
             [this](const QString &error) { fail(ExitCode::NotStarted, error); });
     connect(&screenWatcher, &ScreenWatcher::resized, this, [this](const QSize &size) { state.setScreenSize(size); });
+    connect(&screenWatcher, &ScreenWatcher::windowManagerStarted, this, [this] {
+        if (windowManagerDeadline.isActive()) {
+            open();
+        }
+    });
+    connect(&windowManagerDeadline, &QTimer::timeout, this, [this] {
+        logMessage(LogWarning, u"The window manager is not ready, the session goes on without it"_s);
+        open();
+    });
+    windowManagerDeadline.setSingleShot(true);
     connect(&ending, &Ending::finished, this, [this] { emit finished(*exitCode); });
 }
 
@@ -136,19 +149,16 @@ void Agent::ScreenWatcher_started(const QSize &size)
         return;
     }
     state.setScreenSize(size);
-    QString error;
-    if (!openForApplications(&error)) {
-        fail(ExitCode::NotStarted, error);
+    prepareApplications();
+    if (options.rootless && startWindowManager()) {
+        // It does not give windows that it finds the treatment of those that come later.
+        windowManagerDeadline.start(kWindowManagerDeadline);
         return;
     }
-    if (options.rootless) {
-        startWindowManager();
-    }
-    frontDoor.open();
-    state.setReady();
+    open();
 }
 
-bool Agent::openForApplications(QString *error)
+void Agent::prepareApplications()
 {
     ApplicationSettings settings;
     settings.environment = applicationEnvironment(currentEnvironment(), display, absolute(SessionFiles::kAuthority));
@@ -159,25 +169,42 @@ bool Agent::openForApplications(QString *error)
     applicationDoor = std::make_unique<ApplicationDoor>([this](const QByteArray &commandLine, QString *startError) {
         return applications->run(commandLine, startError);
     });
-    return applicationDoor->listen(SessionFiles::kApplicationSocket, error);
 }
 
 // The application is usable without one, if less comfortably, so nothing here ends the session.
-void Agent::startWindowManager()
+bool Agent::startWindowManager()
 {
     QList<QByteArray> arguments;
     QString error;
     if (!prepareWindowManager(absolute(SessionFiles::kWindowManagerSettings), &arguments, &error)) {
         logMessage(LogWarning, error);
-        return;
+        return false;
     }
     if (arguments.isEmpty()) {
         logMessage(LogWarning, u"No window manager is installed, neither openbox nor matchbox-window-manager"_s);
-        return;
+        return false;
     }
     if (!applications->runProgram(arguments, &error)) {
         logMessage(LogWarning, error);
+        return false;
     }
+    return true;
+}
+
+// Everything is there: lets applications and clients in, and says so.
+void Agent::open()
+{
+    windowManagerDeadline.stop();
+    if (exitCode || state.isReady()) {
+        return;
+    }
+    QString error;
+    if (!applicationDoor->listen(SessionFiles::kApplicationSocket, &error)) {
+        fail(ExitCode::NotStarted, error);
+        return;
+    }
+    frontDoor.open();
+    state.setReady();
 }
 
 void Agent::Server_ended(const QString &reason)
@@ -209,6 +236,7 @@ void Agent::end(ExitCode code)
         return; // under way
     }
     exitCode = code;
+    windowManagerDeadline.stop();
     frontDoor.close();
     frontDoor.disconnectClients();
     state.expirePasswords();

@@ -15,6 +15,7 @@
 #include "agent/xserver.h"
 
 #include <QObject>
+#include <QTimer>
 
 #include <memory>
 #include <optional>
@@ -49,8 +50,9 @@ private:
     void Server_ready();
     void Server_ended(const QString &reason);
     void ScreenWatcher_started(const QSize &size);
-    [[nodiscard]] bool openForApplications(QString *error);
-    void startWindowManager();
+    void prepareApplications();
+    [[nodiscard]] bool startWindowManager();
+    void open();
     void fail(ExitCode code, const QString &reason);
     void end(ExitCode code);
 
@@ -66,6 +68,7 @@ private:
     ScreenWatcher screenWatcher;
     std::unique_ptr<ApplicationRunner> applications;
     std::unique_ptr<ApplicationDoor> applicationDoor;
+    QTimer windowManagerDeadline;
     Ending ending;
     std::optional<ExitCode> exitCode; ///< set from the moment that the end has begun
 };

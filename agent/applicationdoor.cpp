@@ -32,6 +32,11 @@ public:
         socket.setSocketDescriptor(descriptor);
     }
 
+    ~CommandReader() override
+    {
+        socket.disconnect(this); // it closes itself when most of us is gone already
+    }
+
 private:
     void Socket_readyRead()
     {

@@ -24,6 +24,11 @@ ApplicationRequest::ApplicationRequest(QObject *parent)
     deadline.setSingleShot(true);
 }
 
+ApplicationRequest::~ApplicationRequest()
+{
+    socket.disconnect(this); // it closes itself when most of us is gone already
+}
+
 void ApplicationRequest::send(const QString &path, const QByteArray &commandLine)
 {
     const auto finishLater = [this](const QString &error) {

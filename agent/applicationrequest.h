@@ -17,6 +17,7 @@ class ApplicationRequest final : public QObject
 
 public:
     explicit ApplicationRequest(QObject *parent = nullptr);
+    ~ApplicationRequest() override;
 
     /**
      * Sends @p commandLine to the agent that listens at @p path. finished() follows, from the event loop, within 10 s.

@@ -72,9 +72,9 @@ ClientConnection::ClientConnection(std::unique_ptr<QTcpSocket> client_, QByteArr
 
 ClientConnection::~ClientConnection()
 {
-    isEnded = true; // closing the sockets is no news to anybody
-    client->abort();
-    backend.abort();
+    // The sockets close themselves when most of us is gone already.
+    client->disconnect(this);
+    backend.disconnect(this);
 }
 
 void ClientConnection::configureClientSocket()

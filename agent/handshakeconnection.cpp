@@ -42,6 +42,13 @@ HandshakeConnection::HandshakeConnection(std::unique_ptr<QTcpSocket> socket_, Pa
     send();
 }
 
+HandshakeConnection::~HandshakeConnection()
+{
+    if (socket) {
+        socket->disconnect(this); // it closes itself when most of us is gone already
+    }
+}
+
 std::unique_ptr<QTcpSocket> HandshakeConnection::takeSocket(QByteArray *unread)
 {
     socket->disconnect(this);

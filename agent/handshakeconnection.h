@@ -33,6 +33,7 @@ public:
     /** @param socket  connected. @param passwords and @param limiter outlive this object */
     HandshakeConnection(std::unique_ptr<QTcpSocket> socket, PasswordStore *passwords, AttemptLimiter *limiter,
                         HandshakeLimits limits, QObject *parent = nullptr);
+    ~HandshakeConnection() override;
 
     [[nodiscard]] QHostAddress address() const { return peer; }
 

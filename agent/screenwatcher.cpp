@@ -42,6 +42,7 @@ struct ScreenWatcher::Connection
     QByteArray cookie;
     std::unique_ptr<xcb_connection_t, XcbDeleter> xcb;
     xcb_window_t root = 0;
+    xcb_atom_t windowManagerCheck = XCB_ATOM_NONE; // the property by which a window manager shows itself
     QSize size;
 
     Connection() = default;
@@ -64,12 +65,16 @@ void ScreenWatcher::Connection::open()
         return;
     }
     root = xcb_setup_roots_iterator(xcb_get_setup(xcb.get())).data->root;
-    const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+    const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY | XCB_EVENT_MASK_PROPERTY_CHANGE;
     xcb_change_window_attributes(xcb.get(), root, XCB_CW_EVENT_MASK, &events);
     // Asked after the events are ordered: the size in the greeting may be an older one.
     const Malloced<xcb_get_geometry_reply_t> geometry(
         xcb_get_geometry_reply(xcb.get(), xcb_get_geometry(xcb.get(), root), nullptr));
-    if (geometry) {
+    const QByteArray name = "_NET_SUPPORTING_WM_CHECK";
+    const Malloced<xcb_intern_atom_reply_t> atom(xcb_intern_atom_reply(
+        xcb.get(), xcb_intern_atom(xcb.get(), 0, static_cast<uint16_t>(name.size()), name.constData()), nullptr));
+    if (geometry && atom) {
+        windowManagerCheck = atom->atom;
         size = QSize(geometry->width, geometry->height);
     }
 }
@@ -119,18 +124,27 @@ void ScreenWatcher::Thread_finished()
     takeEvents();
 }
 
+// Types are compared whole: their highest bit marks what an application sent, and that may claim anything.
+void ScreenWatcher::takeEvent(const xcb_generic_event_t *event)
+{
+    if (event->response_type == XCB_CONFIGURE_NOTIFY) {
+        const auto *configured = reinterpret_cast<const xcb_configure_notify_event_t *>(event);
+        if (configured->window == connection->root) {
+            emit resized(QSize(configured->width, configured->height));
+        }
+    } else if (event->response_type == XCB_PROPERTY_NOTIFY) {
+        const auto *changed = reinterpret_cast<const xcb_property_notify_event_t *>(event);
+        if (changed->atom == connection->windowManagerCheck && changed->state == XCB_PROPERTY_NEW_VALUE) {
+            emit windowManagerStarted();
+        }
+    }
+}
+
 void ScreenWatcher::takeEvents()
 {
     xcb_connection_t *const xcb = connection->xcb.get();
     for (Malloced<xcb_generic_event_t> event(xcb_poll_for_event(xcb)); event; event.reset(xcb_poll_for_event(xcb))) {
-        // Compared whole: the highest bit marks what an application sent, who may claim any size.
-        if (event->response_type != XCB_CONFIGURE_NOTIFY) {
-            continue;
-        }
-        const auto *configured = reinterpret_cast<const xcb_configure_notify_event_t *>(event.get());
-        if (configured->window == connection->root) {
-            emit resized(QSize(configured->width, configured->height));
-        }
+        takeEvent(event.get());
     }
     if (xcb_connection_has_error(xcb) != 0) {
         notifier->setEnabled(false); // the X server is gone, which its process tells

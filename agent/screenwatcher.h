@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <xcb/xcb.h>
+
 #include <QByteArray>
 #include <QObject>
 #include <QSize>
@@ -12,7 +14,8 @@ class QSocketNotifier;
 class QThread;
 
 /**
- * Follows the size of a display's screen, as a client of its X server. The X library waits for the server's answers
+ * Follows what happens to a display's screen, as a client of its X server: its size, and whether a window manager looks
+ * after it. The X library waits for the server's answers
  * while it connects, so that happens on a thread of its own; what comes later are events, which are
  * taken on the main thread without waiting. Owned by the agent, lives on the main thread, started at most once.
  */
@@ -35,12 +38,15 @@ signals:
     void failed(const QString &error);
     /** The screen has this size from now on. */
     void resized(const QSize &size);
+    /** From now on, a window manager decides on every window that appears. */
+    void windowManagerStarted();
 
 private:
     struct Connection;
 
     void Thread_finished();
     void takeEvents();
+    void takeEvent(const xcb_generic_event_t *event);
 
     std::unique_ptr<Connection> connection;
     std::unique_ptr<QThread> thread;

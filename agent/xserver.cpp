@@ -56,8 +56,9 @@ QList<QByteArray> serverArguments(const QByteArray &program, const XServerSettin
         "-SecurityTypes", "None",
         "-UseBlacklist=0",
         "-AlwaysShared",
+        // Of the local names it takes both, the file and the abstract one. Clients try the abstract one first: left
+        // free, any user of the machine could take it, and would be sent the cookie by every application.
         "-nolisten", "tcp",
-        "-nolisten", "local",
         "-noreset",
         "-Log", "*:stderr:30",
     };
@@ -89,6 +90,7 @@ XServer::~XServer()
     if (isRunning()) {
         ::kill(process, SIGTERM);
     }
+    dropProbe();
     outputNotifier.reset();
     if (output != -1) {
         ::close(output);

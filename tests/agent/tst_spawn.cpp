@@ -3,6 +3,8 @@
 #include "agent/spawn.h"
 #include "tests/testmain.h"
 
+#include <QDir>
+#include <QFile>
 #include <QTest>
 
 #include <array>
@@ -135,7 +137,7 @@ private slots:
         request.workingDirectory = "/usr";
         QCOMPARE(run(request).output, QByteArray("0027\n/usr\nleader\n"));
         request.workingDirectory = "/nowhere";
-        const QByteArray here = QByteArray(::get_current_dir_name());
+        const QByteArray here = QFile::encodeName(QDir::currentPath());
         QCOMPARE(run(request).output, "0027\n" + here + "\nleader\n");
     }
 
