@@ -30,7 +30,7 @@ QString sessionTitle(quint16 display)
 {
     QByteArray bytes;
     QString error;
-    if (!readFile(SessionFiles::kName, kMaxTitleBytes, &bytes, &error)) {
+    if (!readFile(SessionFile::kName, kMaxTitleBytes, &bytes, &error)) {
         bytes.clear();
     }
     const QString title = QString::fromUtf8(bytes).simplified();
@@ -58,7 +58,7 @@ Agent::Agent(AgentLog *log_, SignalCatcher *signals_, QObject *parent)
     , log(log_)
     , state(log_)
     , stateSocket(&state)
-    , frontDoor(state.passwords(), SessionFiles::kRfbSocket)
+    , frontDoor(state.passwords(), AgentFile::kRfbSocket)
     , server(&children)
     , ending(&server, &children)
 {
@@ -93,8 +93,8 @@ Agent::Agent(AgentLog *log_, SignalCatcher *signals_, QObject *parent)
 
 Agent::~Agent()
 {
-    QFile::remove(SessionFiles::kRfbSocket);
-    QFile::remove(SessionFiles::kWindowManagerSettings);
+    QFile::remove(AgentFile::kRfbSocket);
+    QFile::remove(AgentFile::kWindowManagerSettings);
 }
 
 void Agent::start(const QStringList &arguments)
@@ -104,7 +104,7 @@ void Agent::start(const QStringList &arguments)
         fail(ExitCode::BadArguments, error);
         return;
     }
-    if (!readDisplayNumber(SessionFiles::kDisplay, &display, &error)) {
+    if (!readDisplayNumber(SessionFile::kDisplay, &display, &error)) {
         fail(ExitCode::NotStarted, error);
         return;
     }
@@ -121,10 +121,10 @@ void Agent::start(const QStringList &arguments)
 // What can be missing or taken is looked at before anything is started.
 bool Agent::prepare(QString *error)
 {
-    return readAuthorityFile(SessionFiles::kAuthority, display, &authority, error) && becomeSubreaper(error) &&
+    return readAuthorityFile(SessionFile::kAuthority, display, &authority, error) && becomeSubreaper(error) &&
            children.start(error) && frontDoor.listen(options.port, error) &&
-           stateSocket.listen(StateSocket::pathForDisplay(display), error) &&
-           writeValueFile(SessionFiles::kPid, QByteArray::number(::getpid()), error);
+           stateSocket.listen(agentSocketPath(display), error) &&
+           writeValueFile(SessionFile::kServerPid, QByteArray::number(::getpid()), error);
 }
 
 bool Agent::startServer(QString *error)
@@ -134,7 +134,7 @@ bool Agent::startServer(QString *error)
     settings.size = options.size;
     settings.title = sessionTitle(display);
     settings.authorityEntries = authority.entries;
-    settings.rfbSocket = SessionFiles::kRfbSocket;
+    settings.rfbSocket = AgentFile::kRfbSocket;
     return server.start(settings, error);
 }
 
@@ -161,10 +161,10 @@ void Agent::ScreenWatcher_started(const QSize &size)
 void Agent::prepareApplications()
 {
     ApplicationSettings settings;
-    settings.environment = applicationEnvironment(currentEnvironment(), display, absolute(SessionFiles::kAuthority));
+    settings.environment = applicationEnvironment(currentEnvironment(), display, absolute(SessionFile::kAuthority));
     settings.fileCreationMask = userFileCreationMask();
     settings.workingDirectory = QFile::encodeName(QDir::homePath());
-    settings.logPath = SessionFiles::kApplicationLog;
+    settings.logPath = SessionFile::kAppLog;
     applications = std::make_unique<ApplicationRunner>(std::move(settings), &children);
     applicationDoor = std::make_unique<ApplicationDoor>([this](const QByteArray &commandLine, QString *startError) {
         return applications->run(commandLine, startError);
@@ -176,7 +176,7 @@ bool Agent::startWindowManager()
 {
     QList<QByteArray> arguments;
     QString error;
-    if (!prepareWindowManager(absolute(SessionFiles::kWindowManagerSettings), &arguments, &error)) {
+    if (!prepareWindowManager(absolute(AgentFile::kWindowManagerSettings), &arguments, &error)) {
         logMessage(LogWarning, error);
         return false;
     }
@@ -199,7 +199,7 @@ void Agent::open()
         return;
     }
     QString error;
-    if (!applicationDoor->listen(SessionFiles::kApplicationSocket, &error)) {
+    if (!applicationDoor->listen(AgentFile::kApplicationSocket, &error)) {
         fail(ExitCode::NotStarted, error);
         return;
     }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "agent/agentfiles.h"
 #include "agent/agentoptions.h"
 #include "agent/applicationdoor.h"
 #include "agent/applicationrunner.h"
@@ -9,7 +10,6 @@
 #include "agent/ending.h"
 #include "agent/frontdoor.h"
 #include "agent/screenwatcher.h"
-#include "agent/sessionfiles.h"
 #include "agent/sessionstate.h"
 #include "agent/statesocket.h"
 #include "agent/xserver.h"

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "agent/agentlog.h"
 
+#include "support/datetimetext.h"
+
 #include <QDateTime>
 #include <QFile>
-#include <QLocale>
 #include <QSize>
 
 #include <cerrno>
@@ -31,11 +32,6 @@ QString singleLine(const QString &text)
 }
 
 } // namespace
-
-QString agentDate(const QDateTime &time)
-{
-    return QLocale::c().toString(time, u"yyyy-MM-dd'T'hh:mm:ss"_s);
-}
 
 AgentLog::~AgentLog()
 {
@@ -68,7 +64,7 @@ void AgentLog::write(int level, const QString &text)
 
 void AgentLog::ready(const QDateTime &time)
 {
-    writeLine(u"RDP initialized at '%1'"_s.arg(agentDate(time)));
+    writeLine(u"RDP initialized at '%1'"_s.arg(dateTimeToText(time)));
 }
 
 void AgentLog::passwordAdded(const QString &password)
@@ -83,12 +79,13 @@ void AgentLog::passwordExpired(const QString &password)
 
 void AgentLog::clientAuthenticated(const QString &address, const QDateTime &time, const QString &password)
 {
-    writeLine(u"Client authenticated from '%1' at '%2' with password '%3'"_s.arg(address, agentDate(time), password));
+    writeLine(
+        u"Client authenticated from '%1' at '%2' with password '%3'"_s.arg(address, dateTimeToText(time), password));
 }
 
 void AgentLog::clientDisconnected(const QString &address, const QDateTime &time)
 {
-    writeLine(u"Client disconnected from '%1' at '%2'"_s.arg(address, agentDate(time)));
+    writeLine(u"Client disconnected from '%1' at '%2'"_s.arg(address, dateTimeToText(time)));
 }
 
 void AgentLog::screenResized(const QSize &size)

@@ -8,9 +8,6 @@
 class QDateTime;
 class QSize;
 
-/** The form of every date that the agent hands out, in local time and to the second. */
-[[nodiscard]] QString agentDate(const QDateTime &time);
-
 /**
  * The agent's log file. It is read by people, and by the session server, which rebuilds a session's state from it when
  * the agent cannot be asked; so the six kinds of event below have fixed forms. All other lines begin with a date and

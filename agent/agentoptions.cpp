@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "agent/agentoptions.h"
 
+#include "agent/agentfiles.h"
 #include "agent/geometry.h"
-#include "agent/sessionfiles.h"
 #include "support/filereader.h"
 
 using namespace Qt::StringLiterals;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "agent/agent.h"
+#include "agent/agentfiles.h"
 #include "agent/agentlog.h"
-#include "agent/sessionfiles.h"
 #include "agent/valuefile.h"
 #include "server/signalcatcher.h"
 
@@ -81,12 +81,12 @@ int main(int argc, char **argv)
     const QCoreApplication application(argc, argv);
 
     // From a former run in the same directory; until the end there is no exit code.
-    QFile::remove(SessionFiles::kExit);
+    QFile::remove(SessionFile::kServerExit);
 
     QString error;
     AgentLog log;
     std::array<int, 2> signalEnds = {};
-    if (!log.open(SessionFiles::kLog, &error)) {
+    if (!log.open(SessionFile::kServerLog, &error)) {
         return report(error);
     }
     Logging::setInstance(&log);
@@ -95,7 +95,7 @@ int main(int argc, char **argv)
     }
 
     const ExitCode code = runSession(&log, signalEnds[1], signalEnds[0]);
-    if (!writeValueFile(SessionFiles::kExit, QByteArray::number(static_cast<int>(code)), &error)) {
+    if (!writeValueFile(SessionFile::kServerExit, QByteArray::number(static_cast<int>(code)), &error)) {
         logMessage(LogCritical, error);
     }
     return static_cast<int>(code);

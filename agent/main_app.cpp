@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include "agent/agentfiles.h"
 #include "agent/applicationrequest.h"
-#include "agent/sessionfiles.h"
 
 #include <QCoreApplication>
 
@@ -21,6 +21,6 @@ int main(int argc, char **argv)
         }
         QCoreApplication::exit(error.isEmpty() ? 0 : 1);
     });
-    request.send(SessionFiles::kApplicationSocket, argv[1]);
+    request.send(AgentFile::kApplicationSocket, argv[1]);
     return QCoreApplication::exec();
 }

@@ -2,6 +2,7 @@
 #include "agent/sessionstate.h"
 
 #include "agent/agentlog.h"
+#include "support/datetimetext.h"
 #include "support/json.h"
 
 #include <utility>
@@ -11,7 +12,7 @@ namespace {
 void setDate(Json::Value *object, const char *name, const QDateTime &time)
 {
     if (time.isValid()) {
-        (*object)[name] = jsonString(agentDate(time));
+        (*object)[name] = jsonString(dateTimeToText(time));
     }
 }
 

@@ -20,11 +20,6 @@ bool StateSocket::listen(const QString &path, QString *error)
     return endpoint.listen(path, error);
 }
 
-QString StateSocket::pathForDisplay(quint16 display)
-{
-    return u"/tmp/Xrdp_%1.sock"_s.arg(display);
-}
-
 void StateSocket::Endpoint_accepted(int descriptor)
 {
     const QByteArray text = state->toJson();

@@ -27,9 +27,6 @@ public:
      */
     [[nodiscard]] bool listen(const QString &path, QString *error);
 
-    /** The socket of the agent on this display. */
-    [[nodiscard]] static QString pathForDisplay(quint16 display);
-
 private:
     void Endpoint_accepted(int descriptor);
 

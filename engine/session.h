@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "support/sessioncontract.h"
+
 #include <QDateTime>
 #include <QSize>
 #include <QString>
@@ -33,16 +35,4 @@ struct Session
 [[nodiscard]] inline QDateTime epoch()
 {
     return QDateTime::fromMSecsSinceEpoch(0);
-}
-
-/** Where the agent listens for clients. */
-[[nodiscard]] constexpr quint16 agentPort(quint16 display)
-{
-    return static_cast<quint16>(41000 + display);
-}
-
-/** The local socket on which the agent of this display tells its state. */
-[[nodiscard]] inline QString agentSocketPath(quint16 display)
-{
-    return QStringLiteral("/tmp/Xrdp_%1.sock").arg(display);
 }

@@ -20,8 +20,6 @@ class StateSocketTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void hasAPathPerDisplay() { QCOMPARE(StateSocket::pathForDisplay(12), u"/tmp/Xrdp_12.sock"_s); }
-
     void tellsTheStateAndCloses()
     {
         const QTemporaryDir directory;

@@ -143,7 +143,8 @@ class Agent:
             self.clients[connection.fileno()] = connection
             self.poll.register(connection, select.POLLIN)
             self.state["LastConnect"] = self.stamp()
-            self.log(f"Client authenticated from '127.0.0.1' at '{self.state['LastConnect']}' with password '{password}'")
+            self.log(f"Client authenticated from '127.0.0.1' at '{self.state['LastConnect']}' "
+                     f"with password '{password}'")
             connection.sendall(b"ok\n")
         except OSError:
             connection.close()

@@ -60,8 +60,10 @@ class EndToEnd(zarvo.TestCase):
         viewer = self.connect(answer)
         self.assertEqual((viewer.width, viewer.height), (640, 480))
         # The window's ground and its text: an empty terminal or an empty screen would be one colour less.
-        zarvo.wait_until(lambda: len(viewer.framebuffer().colours() - {BLUE}) and BLUE in viewer.framebuffer().colours(),
-                         "the window of xterm")
+        def drawn():
+            colours = viewer.framebuffer().colours()
+            return BLUE in colours and len(colours) > 1
+        zarvo.wait_until(drawn, "the window of xterm")
         self.wait_permissions(session, "disconnect|terminate")
         viewer.close()
         self.wait_permissions(session, "connect|terminate")
@@ -88,10 +90,15 @@ class EndToEnd(zarvo.TestCase):
         self.assertEqual(answer["geometry"], "rootless")
         viewer = self.connect(answer)
 
-        def filled():
+        def corners():
             image = viewer.framebuffer()
-            return bytes(image.pixel(5, image.height - 6)) == GREEN and bytes(image.pixel(image.width - 6, 5)) == GREEN
-        zarvo.wait_until(filled, "the application to fill the screen")
+            return {bytes(image.pixel(x, y)) for x in (5, image.width - 6) for y in (5, image.height - 6)}
+        try:
+            zarvo.wait_until(lambda: corners() == {GREEN}, "the application to fill the screen")
+        except AssertionError as failure:
+            logs = [zarvo.read(os.path.join(self.instance.directory(session), name))
+                    for name in ("server_log", "app_log")]
+            raise AssertionError(f"{failure}; corners {corners()}, processes {self.others()}, logs {logs}") from None
         self.client.call("Live.Terminate", [session])
         self.assert_all_gone(session, answer["port"])
 
@@ -120,7 +127,8 @@ class EndToEnd(zarvo.TestCase):
         self.assertIsNone(self.client.call("Live.Suspend", [session]))
         viewer.wait_for_close()
         second = self.client.call("Live.Resume", [session])
-        self.assertEqual((second["windowMode"], second["geometry"], second["port"]), ("desktop", "640x480", first["port"]))
+        self.assertEqual((second["windowMode"], second["geometry"], second["port"]),
+                         ("desktop", "640x480", first["port"]))
         self.assertNotEqual(second["password"], first["password"])
         self.assertEqual(self.client.call("Live.Replay", [session]), second)
         viewer = self.connect(second)
@@ -160,7 +168,7 @@ class EndToEnd(zarvo.TestCase):
                 session = zarvo.new_id()
                 self.assert_fails(-32099, "An unknown error occurred.", self.client.call, "Live.Start",
                                   [session, XTERM, geometry])
-                zarvo.wait_until(lambda: self.client.call("Live.ListLocalSessions") is None, "the session to be dropped")
+                zarvo.wait_until(lambda: self.client.call("Live.ListLocalSessions") is None, "the session to go")
                 self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "2")
         zarvo.wait_until(lambda: self.others() == {}, "the agents to end")
 

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Clients that send without end, and clients that do not read: neither may grow the server or hold up the others."""
 import json
+import re
 import select
 import ssl
 import time
@@ -76,6 +77,12 @@ class Frames:
         return frames
 
 
+def instrumentation(server):
+    """What a sanitizer's bookkeeping may add to the growth. It shows by the address space that it sets aside."""
+    size = int(re.search(r"VmSize:\s+(\d+) kB", zarvo.read(f"/proc/{server.pid}/status")).group(1)) * 1024
+    return 80 * MEBIBYTE if size > 1024 * 1024 * MEBIBYTE else 0
+
+
 class Flow(zarvo.TestCase):
     def pipeline(self, server, requests, answer_of):
         """Sends all requests as fast as they are taken while answers are read; returns the server's growth in bytes."""
@@ -100,20 +107,20 @@ class Flow(zarvo.TestCase):
     def test_pipelined_frames_are_answered_in_order_in_bounded_memory(self):
         server = self.server()
         # Far more bytes than the bound below, so that a server that takes them all in at once is found out.
-        filler = b" " * 400
+        filler = b" " * 1400
         requests = [zarvo.frame(b'{"id":%d,"jsonrpc":"2.0","method":"x"}%s' % (i, filler)) for i in range(100000)]
         expected = b'{"error":{"code":-32601,"message":"Method not found."},"id":%d,"jsonrpc":"2.0"}\n'
         growth = self.pipeline(server, requests, lambda number: expected % number)
-        self.assertLess(growth, 16 * MEBIBYTE)
+        self.assertLess(growth, 16 * MEBIBYTE + instrumentation(server))
         self.assert_serves(server)
 
     def test_pipelined_large_frames_in_bounded_memory(self):
         server = self.server()
         requests = [zarvo.frame((b'{"id":%d,"jsonrpc":"2.0","method":"Live.GetVersion"}' % i).ljust(65536))
-                    for i in range(1000)]
+                    for i in range(3000)]
         growth = self.pipeline(server, requests,
                                lambda number: b'{"id":%d,"jsonrpc":"2.0","result":"1.0.38"}\n' % number)
-        self.assertLess(growth, 24 * MEBIBYTE)
+        self.assertLess(growth, 24 * MEBIBYTE + instrumentation(server))
 
     def test_client_that_reads_nothing_is_no_longer_read_from(self):
         server = self.server()
@@ -124,12 +131,12 @@ class Flow(zarvo.TestCase):
             client.send(batch)
             answer = len(client.answer_bytes())
         self.assertGreater(answer, 500000)
-        base = server.resident()
+        base, bound = server.resident(), 64 * MEBIBYTE + instrumentation(server)
         stream = Stream(server.client())
         stream.unsent = memoryview(request * 2000)
         end = time.monotonic() + PATIENCE
         while True:
-            self.assertLess(server.resident() - base, 64 * MEBIBYTE)
+            self.assertLess(server.resident() - base, bound)
             self.assertLess(time.monotonic(), end, "the client never had to wait")
             if not select.select([], [stream.socket], [], 3)[1]:
                 break  # nothing was taken for a while
@@ -138,7 +145,7 @@ class Flow(zarvo.TestCase):
         self.assert_serves(server)
         # The server has come to rest: it does not go on with what it has already got.
         zarvo.wait_until(lambda: self.processor_time(server, 0.5) < 0.2, "the server to rest")
-        self.assertLess(server.resident() - base, 64 * MEBIBYTE)
+        self.assertLess(server.resident() - base, bound)
         self.assert_serves(server)
 
         # When the client reads again it gets every answer, in whole frames.
@@ -156,7 +163,7 @@ class Flow(zarvo.TestCase):
                 if count % 16 == 0:
                     self.assertEqual([element["id"] for element in json.loads(payload)], list(range(400)))
                 count += 1
-        self.assertLess(server.resident() - base, 64 * MEBIBYTE)
+        self.assertLess(server.resident() - base, bound)
 
     @staticmethod
     def processor_time(server, seconds):
@@ -185,12 +192,12 @@ class Flow(zarvo.TestCase):
     def test_client_that_stops_in_the_middle_of_a_frame_costs_nothing(self):
         server = self.server()
         self.assert_serves(server)
-        base = server.resident()
+        base, bound = server.resident(), 64 * MEBIBYTE + instrumentation(server)
         clients = [server.client() for _ in range(20)]
         for client in clients:
             client.send_raw(b"65536:" + b" " * 60000)
         self.assert_serves(server)
-        self.assertLess(server.resident() - base, 64 * MEBIBYTE)
+        self.assertLess(server.resident() - base, bound)
         for client in clients:
             client.send_raw(b" " * 5536 + b",")
         for client in clients:

@@ -2,6 +2,7 @@
 """The frames that carry every message: where one begins and ends, to the byte."""
 import json
 import os
+import ssl
 import unittest
 
 import zarvo
@@ -24,18 +25,17 @@ class GoodFrames(zarvo.SharedServer):
         return self.client.answer()
 
     def test_an_answer_is_one_frame_without_sign_or_leading_zeros(self):
+        expected = zarvo.frame(zarvo.compact(VERSION_ANSWER))
+        # The first notification after the start may come before the answer or behind it.
+        notification = zarvo.frame('{"jsonrpc":"2.0","method":"UpdateSessions","params":null}\n')
         with self.shared.client() as client:
             client.send(VERSION_CALL)
-            expected = zarvo.frame(zarvo.compact(VERSION_ANSWER))
-            client.socket.settimeout(zarvo.DEADLINE)
             received = b""
-            while len(received) < len(expected):
+            while len(received.replace(notification, b"")) < len(expected):
                 data = client.socket.recv(4096)
                 self.assertTrue(data, "closed")
                 received += data
-            if b"UpdateSessions" in received:
-                self.skipTest("the first notification came in between")
-            self.assertEqual(received, expected)
+        self.assertEqual(received.replace(notification, b""), expected)
 
     def test_frame_arriving_byte_by_byte(self):
         data = zarvo.frame(VERSION_CALL)
@@ -108,7 +108,10 @@ class BadFrames(zarvo.TestCase):
         with self.instance.client() as client:
             client.call("Live.GetVersion")
             for piece in (data, *more):
-                client.send_raw(piece)
+                try:
+                    client.send_raw(piece)
+                except (ssl.SSLEOFError, ConnectionResetError, BrokenPipeError):
+                    break  # closed before all of it was sent
             received = client.wait_closed()
         # A notification is no answer: the first one goes out soon after the start.
         self.assertNotIn(b'"id"', received)

@@ -236,7 +236,7 @@ class Server:
     agent         False: the search path holds no fake agent
     """
 
-    pair = None  # made once per process: making a key takes its time
+    pair = pair_folder = None  # made once per process: making a key takes its time
 
     def __init__(self, settings=None, certificate=True, environment=None, programs=None, agent=True, displays=20):
         if not os.access(BINARY, os.X_OK):
@@ -284,17 +284,10 @@ class Server:
 
     def install_certificate(self):
         if Server.pair is None:
-            folder = tempfile.mkdtemp(prefix="zarvo-pair-")
-            unittest.addModuleCleanup(Server.forget_pair, folder)
-            Server.pair = make_certificate(folder)
-        # Servers of one process share the pair, which admits no client of another test process.
+            Server.pair_folder = tempfile.TemporaryDirectory(prefix="zarvo-pair-")  # removed with the process
+            Server.pair = make_certificate(Server.pair_folder.name)
         shutil.copy(Server.pair[0], self.certificate)
         shutil.copy(Server.pair[1], self.key)
-
-    @staticmethod
-    def forget_pair(folder):
-        Server.pair = None
-        shutil.rmtree(folder, ignore_errors=True)
 
     def install_program(self, name, script):
         path = os.path.join(self.bin, name)

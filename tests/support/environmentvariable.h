@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QByteArray>
+#include <QtGlobal>
+
+#include <optional>
+
+/** Gives an environment variable another value for as long as it lives. Used on the main thread. */
+class EnvironmentVariable final
+{
+public:
+    /** Without a value the variable is unset. */
+    explicit EnvironmentVariable(const QByteArray &name_, const std::optional<QByteArray> &value = std::nullopt)
+        : name(name_)
+    {
+        if (qEnvironmentVariableIsSet(name.constData())) {
+            previous = qgetenv(name.constData());
+        }
+        set(value);
+    }
+    ~EnvironmentVariable() { set(previous); }
+    Q_DISABLE_COPY_MOVE(EnvironmentVariable)
+
+private:
+    void set(const std::optional<QByteArray> &value) const
+    {
+        if (value) {
+            qputenv(name.constData(), *value);
+        } else {
+            qunsetenv(name.constData());
+        }
+    }
+
+    const QByteArray name;
+    std::optional<QByteArray> previous;
+};

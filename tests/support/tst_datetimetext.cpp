@@ -1,0 +1,121 @@
+// SPDX-License-Identifier: MIT
+#include "support/datetimetext.h"
+#include "tests/support/environmentvariable.h"
+#include "tests/testmain.h"
+
+#include <QTest>
+
+#include <ctime>
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+class TestDateTimeText : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanupTestCase();
+    void timeBecomesLocalTextToTheSecond_data();
+    void timeBecomesLocalTextToTheSecond();
+    void textBecomesLocalTime();
+    void textOfAnotherFormIsNull_data();
+    void textOfAnotherFormIsNull();
+    void timeSurvivesTheWayThroughText();
+
+private:
+    std::unique_ptr<EnvironmentVariable> zone;
+};
+
+void TestDateTimeText::initTestCase()
+{
+    zone = std::make_unique<EnvironmentVariable>("TZ", "XYZ-3"); // three hours before UTC, all year
+    ::tzset();
+}
+
+void TestDateTimeText::cleanupTestCase()
+{
+    zone.reset();
+    ::tzset();
+}
+
+void TestDateTimeText::timeBecomesLocalTextToTheSecond_data()
+{
+    QTest::addColumn<QDateTime>("time");
+    QTest::addColumn<QString>("text");
+    const QDate date(2024, 2, 29);
+    QTest::newRow("null") << QDateTime() << QString();
+    QTest::newRow("local") << QDateTime(date, QTime(3, 4, 5)) << u"2024-02-29T03:04:05"_s;
+    QTest::newRow("fraction is cut off") << QDateTime(date, QTime(3, 4, 5, 999)) << u"2024-02-29T03:04:05"_s;
+    QTest::newRow("UTC") << QDateTime(date, QTime(22, 0), Qt::UTC) << u"2024-03-01T01:00:00"_s;
+    QTest::newRow("other offset") << QDateTime(date, QTime(12, 0), Qt::OffsetFromUTC, -3600)
+                                  << u"2024-02-29T16:00:00"_s;
+    QTest::newRow("afternoon") << QDateTime(date, QTime(23, 59, 59)) << u"2024-02-29T23:59:59"_s;
+    QTest::newRow("midnight") << QDateTime(date, QTime(0, 0)) << u"2024-02-29T00:00:00"_s;
+    QTest::newRow("epoch") << QDateTime::fromSecsSinceEpoch(0) << u"1970-01-01T03:00:00"_s;
+}
+
+void TestDateTimeText::timeBecomesLocalTextToTheSecond()
+{
+    QFETCH(const QDateTime, time);
+    QFETCH(const QString, text);
+    QCOMPARE(dateTimeToText(time), text);
+}
+
+void TestDateTimeText::textBecomesLocalTime()
+{
+    const QDateTime time = dateTimeFromText(u"2024-02-29T23:04:05"_s);
+    QVERIFY(time.isValid());
+    QCOMPARE(time.timeSpec(), Qt::LocalTime);
+    QCOMPARE(time.date(), QDate(2024, 2, 29));
+    QCOMPARE(time.time(), QTime(23, 4, 5));
+    QCOMPARE(time.toUTC().time(), QTime(20, 4, 5));
+}
+
+void TestDateTimeText::textOfAnotherFormIsNull_data()
+{
+    QTest::addColumn<QString>("text");
+    for (const char *text : {"",
+                             " ",
+                             "2024",
+                             "2024-02-29",
+                             "2024-02-29T03:04",
+                             "2024-02-29 03:04:05",
+                             "2024-02-29T03:04:05Z",
+                             "2024-02-29T03:04:05+01:00",
+                             "2024-02-29T03:04:05.000",
+                             "2024-02-29T03:04:05\n",
+                             " 2024-02-29T03:04:05",
+                             "2024-02-29T03:04:05 ",
+                             "2024-02-30T03:04:05",
+                             "2023-02-29T03:04:05",
+                             "2024-13-01T03:04:05",
+                             "2024-00-01T03:04:05",
+                             "2024-02-29T24:00:00",
+                             "2024-02-29T03:60:05",
+                             "2024-02-29T03:04:60",
+                             "24-02-29T03:04:05",
+                             "29.02.2024 03:04:05",
+                             "2024-02-29T03-04-05",
+                             "null"}) {
+        QTest::addRow("\"%s\"", text) << QString::fromLatin1(text);
+    }
+}
+
+void TestDateTimeText::textOfAnotherFormIsNull()
+{
+    QFETCH(const QString, text);
+    QVERIFY(dateTimeFromText(text).isNull());
+}
+
+void TestDateTimeText::timeSurvivesTheWayThroughText()
+{
+    const QDateTime time(QDate(1999, 12, 31), QTime(23, 59, 58));
+    QCOMPARE(dateTimeFromText(dateTimeToText(time)), time);
+    QVERIFY(dateTimeFromText(dateTimeToText(QDateTime())).isNull());
+}
+
+ZARVO_TEST(TestDateTimeText)
+
+#include "tst_datetimetext.moc"

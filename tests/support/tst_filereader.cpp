@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: MIT
+#include "support/filereader.h"
+#include "tests/engine/files.h"
+#include "tests/testmain.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <array>
+
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+class TestFileReader : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void contentIsCutAtTheLimit_data();
+    void contentIsCutAtTheLimit();
+    void bytesAreReadAsTheyAre();
+    void failureNamesTheFileAndTheReason_data();
+    void failureNamesTheFileAndTheReason();
+    void noMoreThanTheWantedBytesAreTakenFromADevice();
+};
+
+namespace {
+
+/** Qt has a text of its own for this, which is not the same in all versions. */
+QString whyADirectoryDoesNotOpen()
+{
+    QFile directory(QDir::rootPath());
+    [[maybe_unused]] const bool opened = directory.open(QIODevice::ReadOnly);
+    return directory.errorString();
+}
+
+} // namespace
+
+void TestFileReader::contentIsCutAtTheLimit_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<int>("maxSize");
+    QTest::addColumn<QByteArray>("expected");
+    QTest::newRow("empty file") << QByteArray("") << 10 << QByteArray("");
+    QTest::newRow("one below the limit") << QByteArray("123456789") << 10 << QByteArray("123456789");
+    QTest::newRow("the limit") << QByteArray("1234567890") << 10 << QByteArray("1234567890");
+    QTest::newRow("one over the limit") << QByteArray("1234567890A") << 10 << QByteArray("1234567890");
+    QTest::newRow("limit of one byte") << QByteArray("12") << 1 << QByteArray("1");
+    QTest::newRow("limit of no bytes") << QByteArray("12") << 0 << QByteArray("");
+    // More than any buffer on the way holds.
+    const QByteArray large = QByteArray(3 * 1024 * 1024, 'a') + 'b';
+    QTest::newRow("large, one below") << large << static_cast<int>(large.size()) + 1 << large;
+    QTest::newRow("large, at the limit") << large << static_cast<int>(large.size()) << large;
+    QTest::newRow("large, one over") << large << static_cast<int>(large.size()) - 1 << large.chopped(1);
+}
+
+void TestFileReader::contentIsCutAtTheLimit()
+{
+    QFETCH(const QByteArray, content);
+    QFETCH(const int, maxSize);
+    QFETCH(const QByteArray, expected);
+    const QTemporaryDir dir;
+    const QString path = dir.filePath(u"file"_s);
+    putFile(path, content);
+
+    QByteArray data = "before";
+    QString error = u"untouched"_s;
+    QVERIFY(readFile(path, maxSize, &data, &error));
+    QVERIFY(data == expected);
+    QCOMPARE(error, u"untouched"_s);
+}
+
+void TestFileReader::bytesAreReadAsTheyAre()
+{
+    const QTemporaryDir dir;
+    const QString path = dir.filePath(u"file"_s);
+    const QByteArray content("a\r\nb\0c\x1a\xff\xfe\n\n", 12);
+    putFile(path, content);
+    QByteArray data;
+    QString error;
+    QVERIFY(readFile(path, 100, &data, &error));
+    QCOMPARE(data, content);
+}
+
+void TestFileReader::failureNamesTheFileAndTheReason_data()
+{
+    QTest::addColumn<QString>("name"); // relative names lie in the test's directory
+    QTest::addColumn<QString>("pattern");
+    QTest::newRow("missing") << u"missing"_s << u"Failed to open the file \"%1\": No such file or directory"_s;
+    QTest::newRow("directory missing") << u"no/file"_s
+                                       << u"Failed to open the file \"%1\": No such file or directory"_s;
+    QTest::newRow("file as directory") << u"file/x"_s << u"Failed to open the file \"%1\": Not a directory"_s;
+    QTest::newRow("directory") << u"directory"_s
+                               << QString(u"Failed to open the file \"%1\": "_s + whyADirectoryDoesNotOpen());
+    QTest::newRow("dangling link") << u"link"_s << u"Failed to open the file \"%1\": No such file or directory"_s;
+    QTest::newRow("name with place markers")
+        << u"%2 %1"_s << u"Failed to open the file \"%1\": No such file or directory"_s;
+    // Nothing is mapped at address 0.
+    QTest::newRow("opens and cannot be read")
+        << u"/proc/self/mem"_s << u"Failed to read from the file \"%1\": Input/output error"_s;
+}
+
+void TestFileReader::failureNamesTheFileAndTheReason()
+{
+    QFETCH(const QString, name);
+    QFETCH(const QString, pattern);
+    const QTemporaryDir dir;
+    putFile(dir.filePath(u"file"_s), "x");
+    QVERIFY(QDir(dir.path()).mkdir(u"directory"_s));
+    QVERIFY(QFile::link(u"nowhere"_s, dir.filePath(u"link"_s)));
+    const QString path = QDir(dir.path()).filePath(name);
+
+    QByteArray data = "untouched";
+    QString error;
+    QVERIFY(!readFile(path, 100, &data, &error));
+    QCOMPARE(error, QString(pattern).replace(u"%1"_s, path));
+    QCOMPARE(data, "untouched"_ba);
+}
+
+void TestFileReader::noMoreThanTheWantedBytesAreTakenFromADevice()
+{
+    std::array<int, 2> ends{};
+    QCOMPARE(::pipe(ends.data()), 0);
+    QCOMPARE(::write(ends[1], "0123456789", 10), 10);
+    ::close(ends[1]);
+
+    QByteArray data;
+    QString error;
+    QVERIFY2(readFile(u"/proc/self/fd/%1"_s.arg(ends[0]), 4, &data, &error), qPrintable(error));
+    QCOMPARE(data, "0123"_ba);
+    std::array<char, 16> rest{};
+    const ssize_t length = ::read(ends[0], rest.data(), rest.size());
+    ::close(ends[0]);
+    QCOMPARE(QByteArray(rest.data(), length), "456789"_ba);
+}
+
+ZARVO_TEST(TestFileReader)
+
+#include "tst_filereader.moc"
