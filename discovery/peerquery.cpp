@@ -97,10 +97,10 @@ private:
     bool fail(const char *pattern)
     {
         // Our own copies, for a socket forgets its peer when the connection ends.
-        QString text = QString::fromLatin1(pattern);
-        text.replace("%1"_L1, address.toString());
-        text.replace("%2"_L1, QString::number(port));
-        *error = text.replace("%3"_L1, socket.errorString());
+        const QString text = QString::fromLatin1(pattern);
+        const QString host = address.toString();
+        const QString number = QString::number(port);
+        *error = text.contains("%3"_L1) ? text.arg(host, number, socket.errorString()) : text.arg(host, number);
         return false;
     }
 

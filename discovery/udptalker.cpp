@@ -41,6 +41,18 @@ QHostAddress plainAddress(const QHostAddress &address)
     return isIPv4 ? QHostAddress(ipv4) : address;
 }
 
+/** Those of every interface, also of one that is down: it may still be what a datagram of ours names. */
+QList<QHostAddress> allOwnAddresses()
+{
+    QList<QHostAddress> addresses;
+    for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {
+        for (const QNetworkAddressEntry &entry : interface.addressEntries()) {
+            addresses.append(entry.ip());
+        }
+    }
+    return addresses;
+}
+
 QString ownUser()
 {
     return qEnvironmentVariable("USER");
@@ -100,7 +112,7 @@ void UdpTalker::Socket_readyRead()
     if (!source) {
         return;
     }
-    const QList<QHostAddress> ownAddresses = QNetworkInterface::allAddresses();
+    const QList<QHostAddress> ownAddresses = allOwnAddresses();
     for (int count = 0; count < kMaxDatagramsAtOnce && source->hasPendingDatagrams(); ++count) {
         QByteArray datagram(source->pendingDatagramSize(), Qt::Uninitialized);
         QHostAddress peer;

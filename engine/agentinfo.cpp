@@ -5,6 +5,7 @@
 #include "support/datetimetext.h"
 #include "support/json.h"
 
+#include <QDeadlineTimer>
 #include <QLocalSocket>
 
 using namespace Qt::StringLiterals;
@@ -12,19 +13,24 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kAnswerTimeoutMs = 1000;
-/** Far more than any state; an agent that sends more is not read on and so counts as one that never ends. */
-constexpr qint64 kMaxAnswerBytes = 1024 * 1024;
+/** Far more than any state; an agent that sends more counts as one that never ends. */
+constexpr qsizetype kMaxAnswerBytes = 1024 * 1024;
 
 bool receiveAnswer(const QString &socketPath, QByteArray *answer)
 {
     QLocalSocket socket;
-    socket.setReadBufferSize(kMaxAnswerBytes);
     socket.connectToServer(socketPath, QIODevice::ReadWrite);
-    if (socket.state() == QLocalSocket::UnconnectedState || !socket.waitForDisconnected(kAnswerTimeoutMs)) {
+    if (socket.state() != QLocalSocket::ConnectedState) {
         return false;
     }
-    *answer = socket.readAll();
-    return true;
+    const QDeadlineTimer deadline(kAnswerTimeoutMs);
+    while (socket.state() == QLocalSocket::ConnectedState && !deadline.hasExpired() &&
+           answer->size() <= kMaxAnswerBytes) {
+        socket.waitForReadyRead(static_cast<int>(deadline.remainingTime()));
+        *answer += socket.readAll();
+    }
+    // Only an answer that ends with the connection is a whole one.
+    return socket.state() == QLocalSocket::UnconnectedState;
 }
 
 void updateTime(QDateTime *time, const Json::Value &value)

@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QHostAddress>
+#include <QMutexLocker>
 #include <QTcpSocket>
 
 using namespace Qt::StringLiterals;
@@ -45,12 +46,62 @@ bool isPortFree(quint16 port)
     return !socket.waitForConnected(kConnectTimeoutMs) && socket.error() == QAbstractSocket::ConnectionRefusedError;
 }
 
-std::optional<quint16> findOpenDisplay(quint16 base, quint16 limit)
+bool DisplayReservations::insert(quint16 display)
+{
+    const QMutexLocker locker(&mutex);
+    if (displays.contains(display)) {
+        return false;
+    }
+    displays.insert(display);
+    return true;
+}
+
+void DisplayReservations::remove(quint16 display)
+{
+    const QMutexLocker locker(&mutex);
+    displays.remove(display);
+}
+
+DisplayReservation::DisplayReservation(DisplayReservations *all_)
+    : all(all_)
+{
+}
+
+DisplayReservation::~DisplayReservation()
+{
+    release();
+}
+
+bool DisplayReservation::take(quint16 display)
+{
+    release();
+    if (!all->insert(display)) {
+        return false;
+    }
+    held = display;
+    return true;
+}
+
+void DisplayReservation::release()
+{
+    if (held) {
+        all->remove(*held);
+        held.reset();
+    }
+}
+
+std::optional<quint16> findOpenDisplay(quint16 base, quint16 limit, DisplayReservation *reservation)
 {
     for (quint16 display = base; display != limit; ++display) {
+        if (reservation && !reservation->take(display)) {
+            continue;
+        }
         if (isDisplayOpen(display)) {
             return display;
         }
+    }
+    if (reservation) {
+        reservation->release();
     }
     return std::nullopt;
 }

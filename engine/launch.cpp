@@ -67,9 +67,9 @@ bool startAgent(const QString &directory, const QString &geometry, quint16 displ
 } // namespace
 
 int startSession(Session *session, const QString &directory, quint16 base, quint16 limit, const QString &geometry,
-                 const QString &name)
+                 const QString &name, DisplayReservation *reservation)
 {
-    const std::optional<quint16> display = findOpenDisplay(base, limit);
+    const std::optional<quint16> display = findOpenDisplay(base, limit, reservation);
     if (!display) {
         return fail(NoOpenDisplay, u"Failed to find an open display"_s);
     }

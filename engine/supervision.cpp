@@ -169,6 +169,7 @@ int refreshSession(Session *session)
     }
     session->exited = liveness == Liveness::Gone;
     refreshAgentState(session);
+    session->broken = false;
     return session->exited ? refreshExitCode(session) : SessionOk;
 }
 

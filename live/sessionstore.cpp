@@ -102,8 +102,10 @@ void SessionStore::scan()
             refreshSession(session.get()) != SessionOk) {
             continue;
         }
-        sessions[id] = std::move(session);
-        holdSession();
+        // Two directories may carry one id, with a suffix that does not count.
+        if (sessions.insert_or_assign(id, std::move(session)).second) {
+            holdSession();
+        }
     }
 }
 
@@ -281,10 +283,11 @@ int SessionStore::start(const QString &id, const QString &command, const QString
 int SessionStore::startReserved(const QString &id, const QString &command, const QString &geometry, QString &password,
                                 quint16 &port)
 {
+    DisplayReservation reservation(&reservations);
     auto created = std::make_unique<Session>();
     Session *session = created.get();
-    if (const int code =
-            startSession(session, sessionDirectory(root, id), displayBase, displayLimit, geometry, command);
+    if (const int code = startSession(session, sessionDirectory(root, id), displayBase, displayLimit, geometry, command,
+                                      &reservation);
         code != SessionOk) {
         release(id);
         return code;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "engine/displays.h"
 #include "live/sessioninfo.h"
 
 #include <QDateTime>
@@ -107,6 +108,7 @@ private:
     const quint16 displayBase;
     const quint16 displayLimit;
     const QString location;
+    DisplayReservations reservations; ///< has a mutex of its own
 
     mutable QMutex mutex; ///< guards all below
     QWaitCondition changed;

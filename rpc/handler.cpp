@@ -15,6 +15,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+const QString kDescribe = u"system.describe"_s;
+
 /**
  * How many answer bytes may wait for a peer before it counts as one that does not read. As much as the
  * responder lets a socket buffer of what it receives.
@@ -75,14 +77,15 @@ Handler::Handler(QIODevice *device_, const QMap<QString, RpcMethod *> &methods_,
                 Qt::QueuedConnection);
     }
     connect(watcher, &QFutureWatcherBase::finished, this, &Handler::Watcher_finished);
-    methods.insert(u"system.describe"_s, this);
+    delete methods.value(kDescribe);
+    methods.insert(kDescribe, this);
     holdConnection();
 }
 
 Handler::~Handler()
 {
     watcher->waitForFinished();
-    methods.remove(u"system.describe"_s);
+    methods.remove(kDescribe);
     qDeleteAll(methods);
     releaseConnection();
 }

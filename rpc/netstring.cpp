@@ -12,12 +12,15 @@ constexpr int kInvalid = -1;
 /** How long a buffer without a colon may be: the digits of kMaxFrameBytes. */
 constexpr qsizetype kMaxLengthDigits = 5;
 
-/** The length that the prefix gives; false for a sign, letters, no digits at all or too long a frame. */
+/** The length that the prefix gives; false for a sign, anything behind the digits, no digits, or too long a frame. */
 bool parseLength(const QByteArray &prefix, qsizetype *length)
 {
+    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
     bool isNumber = false;
     const unsigned long value = prefix.toULong(&isNumber, 10);
-    if (!isNumber || prefix.contains('+') || prefix.contains('-') || value > kMaxFrameBytes) {
+    // The conversion itself takes a sign, and blanks and NUL characters behind the digits.
+    const bool endsInDigit = !prefix.isEmpty() && isDigit(prefix.back()) && !prefix.contains('\0');
+    if (!isNumber || !endsInDigit || prefix.contains('+') || prefix.contains('-') || value > kMaxFrameBytes) {
         return false;
     }
     *length = static_cast<qsizetype>(value);

@@ -57,8 +57,14 @@ QtSingleCoreApplication::QtSingleCoreApplication(const QString &id_, int &argc, 
 
 QtSingleCoreApplication::~QtSingleCoreApplication()
 {
+    releaseLock();
+}
+
+void QtSingleCoreApplication::releaseLock()
+{
     if (lock != -1) {
         ::close(lock);
+        lock = -1;
     }
 }
 
@@ -77,6 +83,7 @@ bool QtSingleCoreApplication::isRunning()
         const bool locked = ::flock(descriptor, LOCK_EX | LOCK_NB) == 0;
         if (!locked && errno == EWOULDBLOCK) {
             ::close(descriptor);
+            releaseLock();
             return true;
         }
         if (locked && lock == -1) {

@@ -21,6 +21,8 @@ public:
     [[nodiscard]] bool isRunning();
 
 private:
+    void releaseLock();
+
     const QString id;
     int lock = -1; ///< the descriptor that holds the lock
 };

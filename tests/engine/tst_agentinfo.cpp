@@ -228,7 +228,9 @@ void TestAgentInfo::agentThatDoesNotCloseInTimeFails()
     timer.start();
     QVERIFY(!readAgentInfo(&session, path, &error));
     const qint64 elapsed = timer.elapsed();
-    QVERIFY2(elapsed >= 900 && elapsed < 15000, qPrintable(QString::number(elapsed)));
+    // Who sends without end is given up as soon as that is clear, the others when their time is over.
+    const qint64 shortest = manner == AgentSocket::Manner::Flood ? 0 : 900;
+    QVERIFY2(elapsed >= shortest && elapsed < 15000, qPrintable(QString::number(elapsed)));
     QCOMPARE(error, u"Failed to get the info from the session"_s);
     QCOMPARE(told(session), told(knownSession()));
 }

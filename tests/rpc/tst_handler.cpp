@@ -271,9 +271,8 @@ void TestHandler::describeListsAllMethodsInOrder()
 
 void TestHandler::describeReplacesAMethodOfThatName()
 {
-    const auto replaced = std::make_unique<EchoMethod>(control.get());
     FakeDevice other;
-    const Handler alone(&other, {{u"system.describe"_s, replaced.get()}}, nullptr);
+    const Handler alone(&other, {{u"system.describe"_s, new EchoMethod(control.get())}}, nullptr);
     other.feed(request("system.describe", "1", "[1]"));
     QTRY_VERIFY_WITH_TIMEOUT(!other.output().isEmpty(), kPatienceMs);
     const QByteArray beginning = R"("result":{"system.describe":{"description":"List the RPC)";

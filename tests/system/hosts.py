@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 """Several hosts on one network, each with a server of the same user, and peers that are played by hand.
 
-A host is a thread in namespaces of its own: network, host name, mounts. Nothing of it has a name outside, and the kernel
-drops all of it with the last process inside: two runs cannot meet, and one that is killed leaves nothing behind.
+A host is a thread in namespaces of its own: network, host name, mounts. Nothing of it has a name outside, and the
+kernel drops all of it with the last process inside: two runs cannot meet, and one that is killed leaves nothing behind.
 
     site = hosts.Site(self)
     alpha, beta = site.server("alpha"), site.server("beta")

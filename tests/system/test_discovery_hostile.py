@@ -109,7 +109,8 @@ class Datagrams(HostileCase):
 
     def test_what_is_no_json_costs_a_line(self):
         good = hosts.announcement("UPDATE", 9, self.instance.user)
-        texts = [b"", b" ", b"\n", b"\0", b"{", b"}", b'"', b"[", b"nul", b"tru", b"UPDATE", b"\xff\xfe", b"\xef\xbb\xbf",
+        texts = [b"", b" ", b"\n", b"\0", b"{", b"}", b'"', b"[", b"nul", b"tru", b"UPDATE", b"\xff\xfe",
+                 b"\xef\xbb\xbf",
                  b"\0" + good, b"'" + good, good[:-2], good.replace(b":", b"="), good.replace(b",", b";"),
                  good.replace(b'"', b"'"), b"[" * 65507, b"{\"a\":" * 10000, b"\xff" * 65507, b"/*" * 30000]
         for count, text in enumerate(texts, 1):
@@ -152,9 +153,9 @@ class Datagrams(HostileCase):
             if kind == 5:
                 return [value(depth + 1) for _ in range(dice.randrange(5))]
             if kind == 6:
-                return {dice.choice(("Method", "Port", "User", "x")): value(depth + 1) for _ in range(dice.randrange(5))}
-            return (None, dice.random() < 0.5, dice.randrange(-2 ** 70, 2 ** 70), dice.uniform(-1e9, 1e9),
-                    dice.choice((*good, "UPDATE", "HELLO", self.instance.user, "\0", "\u00e4\U0001f600", "x" * 300)))[kind]
+                return {dice.choice((*good, "x")): value(depth + 1) for _ in range(dice.randrange(5))}
+            text = dice.choice((*good, "UPDATE", "HELLO", self.instance.user, "\0", "\u00e4\U0001f600", "x" * 300))
+            return (None, dice.random() < 0.5, dice.randrange(-2 ** 70, 2 ** 70), dice.uniform(-1e9, 1e9), text)[kind]
 
         def shape():  # JSON, and with one member that is wrong
             wrong = value()
@@ -178,7 +179,8 @@ class Datagrams(HostileCase):
                 elif change == 2 and place < len(text):
                     text[place] ^= 1 << dice.randrange(8)
                 else:
-                    text[place:place] = dice.choice((b"{", b"[", b'"', b"\\", b"\\u", b"/*", b"//", b"1e9", b"\0", b","))
+                    token = dice.choice((b"{", b"[", b'"', b"\\", b"\\u", b"/*", b"//", b"1e9", b"\0", b","))
+                    text[place:place] = token
             return bytes(text)
 
         with self.latencies() as latencies:
@@ -303,7 +305,8 @@ class Answers(HostileCase):
                                 ([b"5x:hello,"], "Invalid NetString length"),
                                 ([b"99999999999999999999:"], "Invalid NetString length"),
                                 ([b"0" * 100000], "Invalid NetString length"),
-                                ([whole[:-1] + b";"], "Missing NetString comma"), ([b"5:hello!"], "Missing NetString comma"),
+                                ([whole[:-1] + b";"], "Missing NetString comma"),
+                                ([b"5:hello!"], "Missing NetString comma"),
                                 ([b"0:!"], "Missing NetString comma"), ([b"0:,"], INVALID)):
             with self.subTest(pieces=[piece[:40] for piece in pieces]):
                 self.assert_refused(peer, message, *pieces)
@@ -327,7 +330,8 @@ class Answers(HostileCase):
                 before = len(self.warnings())
                 self.ask(peer, *pieces)
                 zarvo.wait_until(lambda: len(self.warnings()) > before, "the warning")
-                self.assertRegex(self.warnings()[before], f'^Failed to read from "{OTHER_HOST}" port "{peer.port}": .+$')
+                self.assertRegex(self.warnings()[before],
+                                 f'^Failed to read from "{OTHER_HOST}" port "{peer.port}": .+$')
                 self.wait_listed(None)
 
     def test_peer_that_breaks_off_before_it_is_trusted(self):
@@ -377,7 +381,8 @@ class Answers(HostileCase):
     def test_text_that_is_no_utf8(self):
         """The clients get JSON all the same, also in what is pushed to them."""
         peer = self.peer()
-        for broken in (b"\xff", b"\xc3", b"\xe4\xf6\xfc", b"\xed\xa0\x80", b"\xf8\x88\x80\x80\x80", b"\xc0\xaf", b"a\x80b"):
+        for broken in (b"\xff", b"\xc3", b"\xe4\xf6\xfc", b"\xed\xa0\x80", b"\xf8\x88\x80\x80\x80", b"\xc0\xaf",
+                       b"a\x80b"):
             with self.subTest(bytes=broken):
                 self.ask(peer, reply(None))
                 self.wait_listed(None)
@@ -406,7 +411,8 @@ class Answers(HostileCase):
             self.ask(peer, reply([entry(f"{number:032x}") for number in range(5000)]))
             zarvo.wait_until(lambda: len(self.warnings()) > before, "the warning")
             self.assertEqual(self.warnings()[before:], ["Invalid NetString length"])
-            zarvo.wait_until(lambda: [item["id"] for item in self.listed()] == [session], "the sessions to be forgotten")
+            zarvo.wait_until(lambda: [item["id"] for item in self.listed()] == [session],
+                             "the sessions to be forgotten")
         self.assertLess(max(latencies), SLOW)
 
 

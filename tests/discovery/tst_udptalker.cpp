@@ -1,0 +1,351 @@
+// SPDX-License-Identifier: MIT
+#include "discovery/announcement.h"
+#include "discovery/udptalker.h"
+#include "live/sessionstore.h"
+#include "rpc/netstring.h"
+#include "tests/discovery/peerservice.h"
+#include "tests/engine/collectinglogger.h"
+#include "tests/support/environmentvariable.h"
+#include "tests/testmain.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QFutureWatcher>
+#include <QNetworkDatagram>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUdpSocket>
+
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+/** The other host is played from 127.0.0.2, which belongs to this machine but to no interface. */
+class TestUdpTalker : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void announcementsGoToTheBroadcastAddress();
+    void updateGoesWhereItIsTold();
+    void userIsReadWhenItIsSent_data();
+    void userIsReadWhenItIsSent();
+    void helloIsAnsweredToItsSourcePortAndAsked();
+    void updateIsAskedAndNotAnswered();
+    void everyPendingDatagramIsHandled();
+    void otherDatagramsAreDropped_data();
+    void otherDatagramsAreDropped();
+    void ownDatagramsAreDropped();
+    void failureForgetsThePeer();
+    void unreadableCredentialsLeaveTheListAlone_data();
+    void unreadableCredentialsLeaveTheListAlone();
+    void finishedQueriesLeaveNoWatcher();
+    void endWaitsForTheQuery();
+    void withoutAPortSendingDoesNothing();
+
+private:
+    void say(const QByteArray &datagram, QUdpSocket *from = nullptr)
+    {
+        (from ? from : ear.get())->writeDatagram(datagram, QHostAddress(QHostAddress::LocalHost), socket->localPort());
+    }
+    [[nodiscard]] QByteArray message(const QString &method, quint16 port) const
+    {
+        return Announcement{method, port, u"alice"_s}.toDatagram();
+    }
+    /** What the other host hears next; empty when nothing comes. */
+    [[nodiscard]] static QByteArray hear(QUdpSocket *at)
+    {
+        return QTest::qWaitFor([at] { return at->hasPendingDatagrams(); }, 10000) ? at->receiveDatagram().data()
+                                                                                  : QByteArray();
+    }
+    /** A mark: once it is heard everything that was sent before is handled. */
+    void waitUntilHandled();
+    [[nodiscard]] QStringList remoteIds() const;
+    [[nodiscard]] QString location(const PeerService &peer) const { return u"127.0.0.2:%1"_s.arg(peer.port()); }
+
+    KeyPair pair;
+    std::unique_ptr<EnvironmentVariable> user;
+    std::unique_ptr<CollectingLogger> log;
+    std::unique_ptr<QTemporaryDir> dir;
+    std::unique_ptr<SessionStore> store;
+    std::unique_ptr<QUdpSocket> ear;    ///< of the other host, where broadcasts go
+    std::unique_ptr<QUdpSocket> socket; ///< of the talker
+    std::unique_ptr<UdpTalker> talker;
+};
+
+namespace {
+
+const QHostAddress kOtherHost(u"127.0.0.2"_s);
+constexpr quint16 kServicePort = 40123;
+
+QByteArray answer(const QByteArray &sessions)
+{
+    return encodeNetString(R"({"id":"ServerUpdate","jsonrpc":"2.0","result":)" + sessions + "}");
+}
+
+void putFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QCOMPARE(file.write(content), content.size());
+}
+
+} // namespace
+
+void TestUdpTalker::initTestCase()
+{
+    pair = KeyPair::make();
+    QVERIFY(!pair.key.isNull());
+}
+
+void TestUdpTalker::init()
+{
+    user = std::make_unique<EnvironmentVariable>("USER", "alice"_ba);
+    log = std::make_unique<CollectingLogger>();
+    dir = std::make_unique<QTemporaryDir>();
+    putFile(dir->filePath(u"cert"_s), pair.certificateText);
+    putFile(dir->filePath(u"key"_s), pair.keyText);
+    store = std::make_unique<SessionStore>(dir->filePath(u"sessions"_s), 100, 200, QString());
+    ear = std::make_unique<QUdpSocket>();
+    QVERIFY(ear->bind(kOtherHost));
+    socket = std::make_unique<QUdpSocket>();
+    QVERIFY(socket->bind(0, QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint));
+    talker = std::make_unique<UdpTalker>(socket.get(), kOtherHost, ear->localPort(), kServicePort, store.get(),
+                                         dir->filePath(u"key"_s), dir->filePath(u"cert"_s), nullptr);
+}
+
+void TestUdpTalker::cleanup()
+{
+    talker.reset();
+    socket.reset();
+    ear.reset();
+    store.reset();
+    dir.reset();
+    log.reset();
+    user.reset();
+}
+
+void TestUdpTalker::waitUntilHandled()
+{
+    QStringList lines = log->takeLines();
+    QCOMPARE(lines, QStringList());
+    say("?");
+    QTRY_VERIFY(!(lines += log->takeLines()).isEmpty());
+    QCOMPARE(lines, QStringList{u"Warning: Received invalid JSON"_s});
+}
+
+QStringList TestUdpTalker::remoteIds() const
+{
+    QStringList ids;
+    for (const SessionInfo &info : store->remoteSessions()) {
+        ids << info.id;
+    }
+    return ids;
+}
+
+void TestUdpTalker::announcementsGoToTheBroadcastAddress()
+{
+    talker->sendHello();
+    QCOMPARE(hear(ear.get()), "{\"Method\":\"HELLO\",\"Port\":40123,\"User\":\"alice\"}\n"_ba);
+    talker->sendUpdate();
+    QCOMPARE(hear(ear.get()), "{\"Method\":\"UPDATE\",\"Port\":40123,\"User\":\"alice\"}\n"_ba);
+}
+
+void TestUdpTalker::updateGoesWhereItIsTold()
+{
+    QUdpSocket other;
+    QVERIFY(other.bind(kOtherHost));
+    talker->sendUpdateTo(kOtherHost, other.localPort());
+    QCOMPARE(hear(&other), "{\"Method\":\"UPDATE\",\"Port\":40123,\"User\":\"alice\"}\n"_ba);
+    QVERIFY(!ear->hasPendingDatagrams());
+}
+
+void TestUdpTalker::userIsReadWhenItIsSent_data()
+{
+    QTest::addColumn<std::optional<QByteArray>>("value");
+    QTest::addColumn<QByteArray>("sent");
+    QTest::newRow("another") << std::optional("bob"_ba) << "bob"_ba;
+    QTest::newRow("letters") << std::optional("älice€"_ba) << "älice€"_ba;
+    QTest::newRow("empty") << std::optional(""_ba) << ""_ba;
+    QTest::newRow("unset") << std::optional<QByteArray>() << ""_ba;
+}
+
+void TestUdpTalker::userIsReadWhenItIsSent()
+{
+    QFETCH(const std::optional<QByteArray>, value);
+    QFETCH(const QByteArray, sent);
+    const EnvironmentVariable other("USER", value);
+    talker->sendHello();
+    QCOMPARE(hear(ear.get()), "{\"Method\":\"HELLO\",\"Port\":40123,\"User\":\"" + sent + "\"}\n");
+    PeerService peer(kOtherHost, pair);
+    peer.setPieces({answer(R"([{"id":"a"}])")});
+    say("{\"Method\":\"UPDATE\",\"Port\":" + QByteArray::number(peer.port()) + ",\"User\":\"" + sent + "\"}");
+    QTRY_COMPARE(remoteIds(), QStringList{u"a"_s});
+}
+
+void TestUdpTalker::helloIsAnsweredToItsSourcePortAndAsked()
+{
+    PeerService peer(kOtherHost, pair);
+    peer.setPieces({answer(R"([{"id":"a"},{"id":"b"}])")});
+    QUdpSocket other;
+    QVERIFY(other.bind(kOtherHost));
+    say(message(u"HELLO"_s, peer.port()), &other);
+    QCOMPARE(hear(&other), message(u"UPDATE"_s, kServicePort));
+    QTRY_COMPARE(remoteIds(), (QStringList{u"a"_s, u"b"_s}));
+    QCOMPARE(peer.connections(), 1);
+    QVERIFY(!other.hasPendingDatagrams());
+    QVERIFY(!ear->hasPendingDatagrams());
+    // It is kept under this name and no other.
+    store->forgetRemoteSessions(location(peer));
+    QCOMPARE(remoteIds(), QStringList());
+    QCOMPARE(log->takeLines(), QStringList());
+}
+
+void TestUdpTalker::updateIsAskedAndNotAnswered()
+{
+    PeerService peer(kOtherHost, pair);
+    peer.setPieces({answer(R"([{"id":"a"}])")});
+    say(message(u"UPDATE"_s, peer.port()));
+    QTRY_COMPARE(remoteIds(), QStringList{u"a"_s});
+    peer.setPieces({answer("null")});
+    // The answer to this one would come second.
+    say(message(u"HELLO"_s, peer.port()));
+    QTRY_COMPARE(remoteIds(), QStringList());
+    QCOMPARE(hear(ear.get()), message(u"UPDATE"_s, kServicePort));
+    QVERIFY(!ear->hasPendingDatagrams());
+    QCOMPARE(peer.connections(), 2);
+}
+
+void TestUdpTalker::everyPendingDatagramIsHandled()
+{
+    // More than are taken at once, and all there before the first is looked at: the system has to hold that many.
+    constexpr int kCount = 300;
+    socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, 400000);
+    for (int i = 0; i < kCount; ++i) {
+        say("?");
+    }
+    QStringList lines;
+    QTRY_COMPARE((lines += log->takeLines()).size(), kCount);
+    QCOMPARE(lines.count(u"Warning: Received invalid JSON"_s), kCount);
+}
+
+void TestUdpTalker::otherDatagramsAreDropped_data()
+{
+    QTest::addColumn<QByteArray>("form");
+    QTest::newRow("other user") << R"({"Method":"HELLO","Port":%1,"User":"bob"})"_ba;
+    QTest::newRow("other letter case") << R"({"Method":"HELLO","Port":%1,"User":"Alice"})"_ba;
+    QTest::newRow("longer user") << R"({"Method":"HELLO","Port":%1,"User":"alice\u0000"})"_ba;
+    QTest::newRow("no user") << R"({"Method":"HELLO","Port":%1})"_ba;
+    QTest::newRow("port as text") << R"({"Method":"HELLO","Port":"%1","User":"alice"})"_ba;
+    QTest::newRow("port with a fraction") << R"({"Method":"HELLO","Port":%1.0,"User":"alice"})"_ba;
+    QTest::newRow("other method") << R"({"Method":"HELP","Port":%1,"User":"alice"})"_ba;
+    QTest::newRow("method in small letters") << R"({"Method":"hello","Port":%1,"User":"alice"})"_ba;
+    QTest::newRow("longer method") << R"({"Method":"HELLO\u0000","Port":%1,"User":"alice"})"_ba;
+    QTest::newRow("array") << R"([{"Method":"HELLO","Port":%1,"User":"alice"}])"_ba;
+}
+
+void TestUdpTalker::otherDatagramsAreDropped()
+{
+    QFETCH(QByteArray, form);
+    PeerService peer(kOtherHost, pair);
+    say(form.replace("%1", QByteArray::number(peer.port())));
+    waitUntilHandled();
+    QCOMPARE(talker->findChildren<QFutureWatcherBase *>().size(), 0);
+    QCOMPARE(peer.connections(), 0);
+    QVERIFY(!ear->hasPendingDatagrams());
+}
+
+void TestUdpTalker::ownDatagramsAreDropped()
+{
+    PeerService bait(QHostAddress(QHostAddress::LocalHost), pair);
+    QUdpSocket own;
+    QVERIFY(own.bind(QHostAddress(QHostAddress::LocalHost)));
+    say(message(u"HELLO"_s, bait.port()), &own);
+    say("no JSON", &own);
+    waitUntilHandled();
+    QCOMPARE(bait.connections(), 0);
+    QVERIFY(!own.hasPendingDatagrams());
+}
+
+void TestUdpTalker::failureForgetsThePeer()
+{
+    PeerService peer(kOtherHost, pair);
+    const QDateTime later = QDateTime::currentDateTime().addSecs(1000);
+    SessionInfo info;
+    info.id = u"a"_s;
+    store->storeRemoteSessions(location(peer), later, {info});
+    info.id = u"other"_s;
+    store->storeRemoteSessions(u"127.0.0.2:1"_s, later, {info});
+    peer.setPieces({"3:abcX"});
+    say(message(u"UPDATE"_s, peer.port()));
+    QTRY_COMPARE(remoteIds(), QStringList{u"other"_s});
+    QCOMPARE(log->takeLines(), QStringList{u"Warning: Missing NetString comma"_s});
+}
+
+void TestUdpTalker::unreadableCredentialsLeaveTheListAlone_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::newRow("key") << u"key"_s;
+    QTest::newRow("certificate") << u"cert"_s;
+}
+
+void TestUdpTalker::unreadableCredentialsLeaveTheListAlone()
+{
+    QFETCH(const QString, file);
+    PeerService peer(kOtherHost, pair);
+    SessionInfo info;
+    info.id = u"a"_s;
+    store->storeRemoteSessions(location(peer), QDateTime::currentDateTime().addSecs(1000), {info});
+    QVERIFY(QFile::remove(dir->filePath(file)));
+    say(message(u"UPDATE"_s, peer.port()));
+    QStringList lines;
+    QTRY_VERIFY(!(lines += log->takeLines()).isEmpty());
+    QTRY_VERIFY(talker->findChildren<QFutureWatcherBase *>().isEmpty());
+    QCOMPARE(lines.size(), 1);
+    QVERIFY2(lines.first().startsWith(u"Warning: "_s) && lines.first().contains(dir->filePath(file)),
+             qPrintable(lines.first()));
+    QCOMPARE(remoteIds(), QStringList{u"a"_s});
+    QCOMPARE(peer.connections(), 0);
+}
+
+void TestUdpTalker::finishedQueriesLeaveNoWatcher()
+{
+    PeerService peer(kOtherHost, pair);
+    peer.setPieces({answer("null")});
+    for (int i = 0; i < 50; ++i) {
+        say(message(u"UPDATE"_s, peer.port()));
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(peer.connections(), 50, 60000);
+    QTRY_VERIFY(talker->findChildren<QFutureWatcherBase *>().isEmpty());
+    QCOMPARE(log->takeLines(), QStringList());
+}
+
+void TestUdpTalker::endWaitsForTheQuery()
+{
+    PeerService peer(kOtherHost, pair, PeerService::Manner::NeverEncrypts);
+    say(message(u"UPDATE"_s, peer.port()));
+    QTRY_COMPARE(peer.connections(), 1);
+    talker.reset();
+    const QStringList lines = log->takeLines();
+    QCOMPARE(lines.size(), 1);
+    QVERIFY2(lines.first().startsWith(u"Warning: Failed to connect to \"127.0.0.2\" port \"%1\": "_s.arg(peer.port())),
+             qPrintable(lines.first()));
+}
+
+void TestUdpTalker::withoutAPortSendingDoesNothing()
+{
+    QUdpSocket unbound;
+    UdpTalker silent(&unbound, kOtherHost, 0, kServicePort, store.get(), QString(), QString(), nullptr);
+    silent.sendUpdate();
+    talker->sendUpdate();
+    QCOMPARE(hear(ear.get()), message(u"UPDATE"_s, kServicePort));
+    QVERIFY(!ear->hasPendingDatagrams());
+    QCOMPARE(log->takeLines(), QStringList());
+}
+
+ZARVO_TEST(TestUdpTalker)
+
+#include "tst_udptalker.moc"

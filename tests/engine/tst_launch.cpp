@@ -1,0 +1,661 @@
+// SPDX-License-Identifier: MIT
+#include "engine/launch.h"
+#include "engine/session.h"
+#include "engine/sessionerror.h"
+#include "tests/engine/collectinglogger.h"
+#include "tests/engine/fakeprograms.h"
+#include "tests/engine/files.h"
+#include "tests/engine/reserveddisplays.h"
+#include "tests/testmain.h"
+
+#include <QDir>
+#include <QRegularExpression>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QTemporaryFile>
+#include <QTest>
+
+#include <memory>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+class TestLaunch : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void directoryIsMadeWithItsParents();
+    void sessionIsDescribedInPrivateFiles_data();
+    void sessionIsDescribedInPrivateFiles();
+    void earlierFilesAreReplacedAndMadePrivate();
+    void authorityIsMadeUnderBothNames();
+    void everySessionHasItsOwnCookie();
+    void agentGetsTheRequestAndItsPort_data();
+    void agentGetsTheRequestAndItsPort();
+    void agentWorksInTheDirectory();
+    void agentInheritsNothingButTheStandardStreams();
+    void agentOutlivesTheServer();
+    void agentSeesTheWholeDescription();
+    void recordIsFilled();
+    void firstOpenDisplayIsTaken();
+
+    void logOfAnEarlierRunIsSetAside();
+    void logOfTheLastRunReplacesTheOneBefore();
+    void newDirectoryHasNoEarlierRun();
+
+    void withoutDisplayNothingIsMade();
+    void directoryThatCannotBeMadeFails();
+    void fileThatCannotBeWrittenFails_data();
+    void fileThatCannotBeWrittenFails();
+    void missingXauthFails();
+    void failedAuthorityFails();
+    void failedSecondAuthorityIsOnlyLogged();
+    void agentThatCannotBeStartedFails_data();
+    void agentThatCannotBeStartedFails();
+    void agentWhosePidCannotBeWrittenRunsOn();
+
+    void applicationGetsTheCommandAsOneArgument_data();
+    void applicationGetsTheCommandAsOneArgument();
+    void applicationWorksInTheDirectory();
+    void applicationInheritsNothingButTheStandardStreams();
+    void applicationLogIsEmptiedBeforeTheStart();
+    void applicationLogThatCannotBeWrittenFails();
+    void applicationThatCannotBeStartedFails();
+    void applicationNeedsADirectory();
+
+private:
+    int start(const QString &geometry = u"desktop"_s, const QString &name = u"xterm"_s);
+    [[nodiscard]] QString file(const QString &name) const { return directory + u'/' + name; }
+    [[nodiscard]] QByteArray recorded(const QString &name) const { return contentOf(programs->filePath(name)); }
+    [[nodiscard]] QStringList files() const
+    {
+        return QDir(directory).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+    }
+    [[nodiscard]] Session sessionInDirectory() const;
+
+    std::unique_ptr<QTemporaryDir> folder;
+    std::unique_ptr<CollectingLogger> logger;
+    std::unique_ptr<FakePrograms> programs;
+    std::unique_ptr<ReservedDisplays> displays;
+    QString directory;
+    Session session;
+    QList<qint32> agents; ///< those that a test has started
+};
+
+namespace {
+
+constexpr auto kUntouched = "untouched"_L1;
+
+/** A line of a script that records something beside the program, in one step. */
+QString record(const QString &name, const QString &command)
+{
+    return u"%2 > \"${0%/*}/%1.new\"; mv \"${0%/*}/%1.new\" \"${0%/*}/%1\"\n"_s.arg(name, command);
+}
+
+/** A program that records how it was called: the arguments in brackets. */
+QString recordingScript()
+{
+    return record(u"arguments"_s, u"printf '[%s]' \"$@\""_s);
+}
+
+/** An xauth that notes its arguments, one call to a line, and puts the file in place. */
+QString xauthScript()
+{
+    return u"{ printf '[%s]' \"$@\"; echo; } >> \"${0%/*}/xauth_calls\"\n: > \"$2\"\n"_s;
+}
+
+/** A program that runs until somebody removes the file "alive" beside it, or its whole folder. */
+QString lastingScript()
+{
+    return u": > \"${0%/*}/alive\"\n"_s + record(u"pid"_s, u"printf %s $$"_s) +
+           u"while [ -e \"${0%/*}/alive\" ]; do sleep 0.1; done\n"_s;
+}
+
+/**
+ * A program that records its descriptors. A shell that reads its commands from an argument has none of its own;
+ * looking a number up, other than listing them all, needs none either.
+ */
+QString descriptorsScript()
+{
+    return u"exec /bin/sh -c '\n"
+           "number=0\n"
+           "while [ $number -lt 256 ]; do\n"
+           "    if [ -e /proc/$$/fd/$number ]; then all=\"$all $number\"; fi\n"
+           "    number=$((number + 1))\n"
+           "done\n"
+           "printf %s \"$all\" > \"${0%/*}/descriptors.new\"\n"
+           "mv \"${0%/*}/descriptors.new\" \"${0%/*}/descriptors\"' \"$0\"\n"_s;
+}
+
+/** What this process was handed by whoever started the tests is not the server's to close. */
+void keepInheritedDescriptors()
+{
+    const QStringList numbers = QDir(u"/proc/self/fd"_s).entryList(QDir::AllEntries | QDir::System);
+    for (const QString &number : numbers) {
+        bool isNumber = false;
+        const int descriptor = number.toInt(&isNumber);
+        if (isNumber && descriptor > 2) {
+            ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+        }
+    }
+}
+
+/** Whether the process works anywhere: one that has ended does not, even while its parent has not asked for it. */
+bool isRunning(qint32 pid)
+{
+    return QFile::exists(u"/proc/%1/cwd"_s.arg(pid));
+}
+
+QString hostName()
+{
+    char name[256] = {};
+    ::gethostname(name, sizeof name - 1);
+    return QString::fromLocal8Bit(name);
+}
+
+} // namespace
+
+void TestLaunch::init()
+{
+    folder = std::make_unique<QTemporaryDir>();
+    directory = folder->filePath(u"sessions/C-1"_s);
+    logger = std::make_unique<CollectingLogger>();
+    displays = std::make_unique<ReservedDisplays>();
+    programs = std::make_unique<FakePrograms>();
+    programs->add(u"xauth"_s, xauthScript());
+    programs->add(u"start-agent"_s, recordingScript());
+    programs->add(u"start-app"_s, recordingScript());
+    session = Session();
+    session.directory = kUntouched;
+}
+
+void TestLaunch::cleanup()
+{
+    // Their folder does not go before they do. Those that last end with this file.
+    QFile::remove(programs->filePath(u"alive"_s));
+    for (const qint32 agent : std::as_const(agents)) {
+        QVERIFY(QTest::qWaitFor([agent] { return !isRunning(agent); }, 20000));
+    }
+    agents.clear();
+    programs.reset();
+    displays.reset();
+    logger.reset();
+    folder.reset();
+}
+
+int TestLaunch::start(const QString &geometry, const QString &name)
+{
+    const int code = startSession(&session, directory, displays->first(), displays->end(), geometry, name);
+    if (code == SessionOk) {
+        agents.append(session.monitorPid);
+    }
+    return code;
+}
+
+Session TestLaunch::sessionInDirectory() const
+{
+    QDir().mkpath(directory);
+    Session made;
+    made.directory = directory;
+    return made;
+}
+
+void TestLaunch::directoryIsMadeWithItsParents()
+{
+    QVERIFY(!QFile::exists(folder->filePath(u"sessions"_s)));
+    QCOMPARE(start(), 0);
+    QVERIFY(QDir(directory).exists());
+    QCOMPARE(logger->takeLines(), QStringList());
+}
+
+void TestLaunch::sessionIsDescribedInPrivateFiles_data()
+{
+    QTest::addColumn<QString>("geometry");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QByteArray>("windowModeFile");
+    QTest::addColumn<QByteArray>("nameFile");
+    QTest::newRow("rootless") << u"rootless"_s << u"xterm"_s << QByteArray("rootless") << QByteArray("xterm");
+    QTest::newRow("size") << u"1024x768"_s << u"xterm"_s << QByteArray("desktop") << QByteArray("xterm");
+    QTest::newRow("capital") << u"Rootless"_s << u"xterm"_s << QByteArray("desktop") << QByteArray("xterm");
+    QTest::newRow("blank behind") << u"rootless "_s << u"xterm"_s << QByteArray("desktop") << QByteArray("xterm");
+    QTest::newRow("no mode") << QString() << u"xterm"_s << QByteArray("desktop") << QByteArray("xterm");
+    QTest::newRow("no name") << u"rootless"_s << QString() << QByteArray("rootless") << QByteArray("");
+    QTest::newRow("words") << u"desktop"_s << u" two  words\n"_s << QByteArray("desktop")
+                           << QByteArray(" two  words\n");
+    QTest::newRow("beyond ASCII") << u"desktop"_s << u"\u00e4\u20ac\U0001f427"_s << QByteArray("desktop")
+                                  << QByteArray("\xc3\xa4\xe2\x82\xac\xf0\x9f\x90\xa7");
+}
+
+void TestLaunch::sessionIsDescribedInPrivateFiles()
+{
+    QFETCH(QString, geometry);
+    QFETCH(QString, name);
+    // The mode is not the umask's doing.
+    const mode_t previous = ::umask(0);
+    const int code = start(geometry, name);
+    ::umask(previous);
+
+    QCOMPARE(code, 0);
+    QCOMPARE(contentOf(file(u"display"_s)), QByteArray::number(displays->first()));
+    QTEST(contentOf(file(u"window_mode"_s)), "windowModeFile");
+    QTEST(contentOf(file(u"name"_s)), "nameFile");
+    QCOMPARE(contentOf(file(u"info"_s)), QByteArray("{\n}"));
+    QCOMPARE(contentOf(file(u"monitor_pid"_s)), QByteArray::number(session.monitorPid));
+    for (const auto &described : {u"display"_s, u"window_mode"_s, u"name"_s, u"info"_s, u"monitor_pid"_s}) {
+        QCOMPARE(modeOf(file(described)), 0600);
+    }
+    QCOMPARE(files(),
+             QStringList({u"authority"_s, u"display"_s, u"info"_s, u"monitor_pid"_s, u"name"_s, u"window_mode"_s}));
+}
+
+void TestLaunch::earlierFilesAreReplacedAndMadePrivate()
+{
+    QVERIFY(QDir().mkpath(directory));
+    const QStringList described = {u"display"_s, u"window_mode"_s, u"name"_s, u"info"_s, u"monitor_pid"_s};
+    for (const QString &name : described) {
+        putFile(file(name), QByteArray(100, 'x'));
+        QVERIFY(::chmod(QFile::encodeName(file(name)).constData(), 0666) == 0);
+    }
+    QCOMPARE(start(), 0);
+    QCOMPARE(contentOf(file(u"display"_s)), QByteArray::number(displays->first()));
+    QCOMPARE(contentOf(file(u"window_mode"_s)), QByteArray("desktop"));
+    QCOMPARE(contentOf(file(u"name"_s)), QByteArray("xterm"));
+    QCOMPARE(contentOf(file(u"info"_s)), QByteArray("{\n}"));
+    QCOMPARE(contentOf(file(u"monitor_pid"_s)), QByteArray::number(session.monitorPid));
+    for (const QString &name : described) {
+        QCOMPARE(modeOf(file(name)), 0600);
+    }
+}
+
+void TestLaunch::authorityIsMadeUnderBothNames()
+{
+    QCOMPARE(start(), 0);
+    const QString calls = QString::fromUtf8(recorded(u"xauth_calls"_s));
+    const QRegularExpression cookies(u"\\[([0-9a-f]{32})\\]\n"_s);
+    const QString cookie = cookies.match(calls).captured(1);
+    QCOMPARE(cookie.size(), 32);
+    QCOMPARE(calls, u"[-f][%1][add][unix:%2][MIT-MAGIC-COOKIE-1][%4]\n"
+                    "[-f][%1][add][%3:%2][MIT-MAGIC-COOKIE-1][%4]\n"_s.arg(file(u"authority"_s))
+                        .arg(displays->first())
+                        .arg(hostName(), cookie));
+}
+
+void TestLaunch::everySessionHasItsOwnCookie()
+{
+    const QRegularExpression cookies(u"\\[([0-9a-f]{32})\\]\n"_s);
+    QCOMPARE(start(), 0);
+    QCOMPARE(start(), 0);
+    const QStringList calls = QString::fromUtf8(recorded(u"xauth_calls"_s)).split(u'\n');
+    QCOMPARE(calls.size(), 5);
+    QVERIFY(calls[0] != calls[2]);
+    QCOMPARE(QString(calls[0]).remove(QRegularExpression(u"\\[[0-9a-f]{32}\\]$"_s)),
+             QString(calls[2]).remove(QRegularExpression(u"\\[[0-9a-f]{32}\\]$"_s)));
+}
+
+void TestLaunch::agentGetsTheRequestAndItsPort_data()
+{
+    QTest::addColumn<QString>("geometry");
+    QTest::newRow("rootless") << u"rootless"_s;
+    QTest::newRow("size") << u"1024x768"_s;
+    QTest::newRow("capital") << u"Rootless"_s;
+    QTest::newRow("nothing") << u""_s;
+    QTest::newRow("blanks") << u" two words "_s;
+    QTest::newRow("what a shell would take apart") << u"$(id) `id` 'a' \"b\" \\ *"_s;
+}
+
+void TestLaunch::agentGetsTheRequestAndItsPort()
+{
+    QFETCH(QString, geometry);
+    QCOMPARE(start(geometry), 0);
+    QVERIFY(waitForFile(programs->filePath(u"arguments"_s)));
+    QCOMPARE(QString::fromUtf8(recorded(u"arguments"_s)),
+             u"[%1][%2]"_s.arg(geometry, QString::number(41000 + displays->first())));
+}
+
+void TestLaunch::agentWorksInTheDirectory()
+{
+    programs->add(u"start-agent"_s, record(u"cwd"_s, u"pwd -P"_s));
+    QCOMPARE(start(), 0);
+    QVERIFY(waitForFile(programs->filePath(u"cwd"_s)));
+    QCOMPARE(QString::fromUtf8(recorded(u"cwd"_s)), QDir(directory).canonicalPath() + u'\n');
+}
+
+void TestLaunch::agentInheritsNothingButTheStandardStreams()
+{
+    keepInheritedDescriptors();
+    QTemporaryFile open;
+    QVERIFY(open.open());
+    QTcpServer listener;
+    QVERIFY(listener.listen(QHostAddress::LocalHost));
+    programs->add(u"start-agent"_s, descriptorsScript());
+    QCOMPARE(start(), 0);
+    QVERIFY(waitForFile(programs->filePath(u"descriptors"_s)));
+    QCOMPARE(recorded(u"descriptors"_s), QByteArray(" 0 1 2"));
+}
+
+void TestLaunch::agentOutlivesTheServer()
+{
+    programs->add(u"start-agent"_s, lastingScript());
+    QCOMPARE(start(), 0);
+    QVERIFY(waitForFile(programs->filePath(u"pid"_s)));
+    // No child, so that nobody has to ask for its end, and in no group or terminal that could take it along.
+    QVERIFY(isRunning(session.monitorPid));
+    QVERIFY(::waitpid(session.monitorPid, nullptr, WNOHANG) == -1);
+    QVERIFY(::getsid(session.monitorPid) != ::getsid(0));
+    QVERIFY(::getpgid(session.monitorPid) != ::getpgid(0));
+}
+
+void TestLaunch::agentSeesTheWholeDescription()
+{
+    programs->add(u"start-agent"_s,
+                  u"set -- display window_mode name info authority\n"_s + record(u"found"_s, u"ls -d \"$@\" 2>&1"_s));
+    QCOMPARE(start(), 0);
+    QVERIFY(waitForFile(programs->filePath(u"found"_s)));
+    QCOMPARE(recorded(u"found"_s), QByteArray("authority\ndisplay\ninfo\nname\nwindow_mode\n"));
+}
+
+void TestLaunch::recordIsFilled()
+{
+    programs->add(u"start-agent"_s, lastingScript());
+    session.logStamp = QDateTime::currentDateTime();
+    session.started = session.lastConnect = session.lastDisconnect = session.logStamp;
+    session.broken = true;
+    session.clients = 3;
+    session.passwords = QStringList{u"pw"_s};
+    session.screenSize = QSize(1, 2);
+    session.exited = true;
+    session.exitCode = 5;
+    QCOMPARE(start(u"rootless"_s, u"two words"_s), 0);
+
+    QCOMPARE(session.directory, directory);
+    QCOMPARE(session.display, displays->first());
+    QCOMPARE(session.windowMode, u"rootless"_s);
+    QCOMPARE(session.name, u"two words"_s);
+    QCOMPARE(session.logStamp, QDateTime::fromMSecsSinceEpoch(0));
+    QCOMPARE(session.broken, false);
+    QVERIFY(session.started.isNull());
+    QVERIFY(session.lastConnect.isNull());
+    QVERIFY(session.lastDisconnect.isNull());
+    QCOMPARE(session.clients, 0);
+    QCOMPARE(session.passwords, QStringList());
+    QCOMPARE(session.screenSize, QSize(-1, -1));
+    QCOMPARE(session.exited, false);
+    QCOMPARE(session.exitCode, -1);
+
+    QVERIFY(waitForFile(programs->filePath(u"pid"_s)));
+    QCOMPARE(QByteArray::number(session.monitorPid), recorded(u"pid"_s));
+}
+
+void TestLaunch::firstOpenDisplayIsTaken()
+{
+    displays = std::make_unique<ReservedDisplays>(3);
+    putFile(ReservedDisplays::lockPath(displays->first()), "");
+    QCOMPARE(start(), 0);
+    QCOMPARE(session.display, displays->first() + 1);
+    QCOMPARE(contentOf(file(u"display"_s)), QByteArray::number(displays->first() + 1));
+    QVERIFY(recorded(u"xauth_calls"_s).contains("[unix:" + QByteArray::number(displays->first() + 1) + ']'));
+    QVERIFY(waitForFile(programs->filePath(u"arguments"_s)));
+    QCOMPARE(recorded(u"arguments"_s), "[desktop][" + QByteArray::number(41000 + displays->first() + 1) + ']');
+}
+
+void TestLaunch::logOfAnEarlierRunIsSetAside()
+{
+    QVERIFY(QDir().mkpath(directory));
+    putFile(file(u"server_log"_s), "earlier\n");
+    putFile(file(u"server_exit"_s), "3");
+    programs->add(u"start-agent"_s, record(u"found"_s, u"ls server_*"_s));
+    QCOMPARE(start(), 0);
+    QVERIFY(waitForFile(programs->filePath(u"found"_s)));
+    QCOMPARE(recorded(u"found"_s), QByteArray("server_log.old\n"));
+    QCOMPARE(contentOf(file(u"server_log.old"_s)), QByteArray("earlier\n"));
+}
+
+void TestLaunch::logOfTheLastRunReplacesTheOneBefore()
+{
+    QVERIFY(QDir().mkpath(directory));
+    putFile(file(u"server_log"_s), "earlier\n");
+    putFile(file(u"server_log.old"_s), "much earlier\n");
+    programs->add(u"start-agent"_s, record(u"found"_s, u"ls server_*"_s));
+    QCOMPARE(start(), 0);
+    QVERIFY(waitForFile(programs->filePath(u"found"_s)));
+    QCOMPARE(recorded(u"found"_s), QByteArray("server_log.old\n"));
+    QCOMPARE(contentOf(file(u"server_log.old"_s)), QByteArray("earlier\n"));
+    QCOMPARE(logger->takeLines(), QStringList());
+}
+
+void TestLaunch::newDirectoryHasNoEarlierRun()
+{
+    // A log set aside earlier stays when there is none to replace it.
+    QVERIFY(QDir().mkpath(directory));
+    putFile(file(u"server_log.old"_s), "much earlier\n");
+    QCOMPARE(start(), 0);
+    QCOMPARE(contentOf(file(u"server_log.old"_s)), QByteArray("much earlier\n"));
+    QVERIFY(!QFile::exists(file(u"server_log"_s)));
+    QVERIFY(!QFile::exists(file(u"server_exit"_s)));
+}
+
+// Programs that the failing step comes before are missing in the tests below: had the start gone on, it would have
+// failed with another code.
+
+void TestLaunch::withoutDisplayNothingIsMade()
+{
+    programs->remove(u"xauth"_s);
+    programs->remove(u"start-agent"_s);
+    const auto tryRange = [this](quint16 base, quint16 limit) {
+        return startSession(&session, directory, base, limit, u"desktop"_s, u"xterm"_s);
+    };
+    const QStringList line = {u"Warning: Failed to find an open display"_s};
+
+    QCOMPARE(tryRange(10, 10), NoOpenDisplay);
+    QCOMPARE(logger->takeLines(), line);
+    putFile(ReservedDisplays::lockPath(displays->first()), "");
+    QCOMPARE(tryRange(displays->first(), displays->end()), NoOpenDisplay);
+    QCOMPARE(logger->takeLines(), line);
+    QVERIFY(!QFile::exists(folder->filePath(u"sessions"_s)));
+    QCOMPARE(session.directory, kUntouched);
+}
+
+void TestLaunch::directoryThatCannotBeMadeFails()
+{
+    programs->remove(u"xauth"_s);
+    programs->remove(u"start-agent"_s);
+    putFile(folder->filePath(u"sessions"_s), "a file");
+    QCOMPARE(start(), DirectoryFailed);
+    QCOMPARE(logger->takeLines(), QStringList{u"Warning: Failed to create the directory \"%1\""_s.arg(directory)});
+    QCOMPARE(session.directory, kUntouched);
+}
+
+void TestLaunch::fileThatCannotBeWrittenFails_data()
+{
+    QTest::addColumn<QString>("blocked");
+    QTest::addColumn<QStringList>("left");
+    QTest::newRow("display") << u"display"_s << QStringList{u"display"_s};
+    QTest::newRow("window_mode") << u"window_mode"_s << QStringList{u"display"_s, u"window_mode"_s};
+    QTest::newRow("name") << u"name"_s << QStringList{u"display"_s, u"name"_s, u"window_mode"_s};
+    QTest::newRow("info") << u"info"_s << QStringList{u"display"_s, u"info"_s, u"name"_s, u"window_mode"_s};
+}
+
+void TestLaunch::fileThatCannotBeWrittenFails()
+{
+    QFETCH(QString, blocked);
+    programs->remove(u"start-agent"_s);
+    programs->remove(u"xauth"_s);
+    QVERIFY(QDir().mkpath(file(blocked)));
+    QCOMPARE(start(), WriteFailed);
+    QCOMPARE(logger->takeLines(),
+             QStringList{u"Warning: Failed to open the file \"%1\": Is a directory"_s.arg(file(blocked))});
+    QTEST(files(), "left");
+    QCOMPARE(session.directory, kUntouched);
+}
+
+void TestLaunch::missingXauthFails()
+{
+    programs->remove(u"xauth"_s);
+    programs->remove(u"start-agent"_s);
+    QCOMPARE(start(), WriteFailed);
+    const QStringList lines = logger->takeLines();
+    QCOMPARE(lines.size(), 1);
+    // The reason's words are Qt's own.
+    const auto beginning = "Warning: Failed to run the program \"xauth\": "_L1;
+    QVERIFY2(lines[0].startsWith(beginning) && lines[0].size() > beginning.size(), qPrintable(lines[0]));
+    QCOMPARE(files(), QStringList({u"display"_s, u"info"_s, u"name"_s, u"window_mode"_s}));
+    QCOMPARE(session.directory, kUntouched);
+}
+
+void TestLaunch::failedAuthorityFails()
+{
+    programs->add(u"xauth"_s, xauthScript() + u"echo 'no luck' >&2\necho more >&2\nexit 1\n"_s);
+    programs->remove(u"start-agent"_s);
+    QCOMPARE(start(), WriteFailed);
+    QCOMPARE(logger->takeLines(), QStringList{u"Warning: Failed to run the program \"xauth\": no luck"_s});
+    QCOMPARE(recorded(u"xauth_calls"_s).count('\n'), 1);
+    QCOMPARE(contentOf(file(u"display"_s)), QByteArray::number(displays->first()));
+    QCOMPARE(files(), QStringList({u"authority"_s, u"display"_s, u"info"_s, u"name"_s, u"window_mode"_s}));
+    QCOMPARE(session.directory, kUntouched);
+}
+
+void TestLaunch::failedSecondAuthorityIsOnlyLogged()
+{
+    programs->add(u"xauth"_s, xauthScript() + u"case $4 in unix:*) exit 0;; esac\necho 'no luck' >&2\nexit 1\n"_s);
+    QCOMPARE(start(), 0);
+    QCOMPARE(logger->takeLines(), QStringList{u"Warning: Failed to run the program \"xauth\": no luck"_s});
+    QCOMPARE(recorded(u"xauth_calls"_s).count('\n'), 2);
+    QCOMPARE(session.directory, directory);
+    QVERIFY(waitForFile(programs->filePath(u"arguments"_s)));
+}
+
+void TestLaunch::agentThatCannotBeStartedFails_data()
+{
+    QTest::addColumn<QByteArray>("program");
+    QTest::newRow("missing") << QByteArray();
+    QTest::newRow("without its interpreter") << QByteArray("#!/nonexistent/interpreter\n");
+}
+
+void TestLaunch::agentThatCannotBeStartedFails()
+{
+    QFETCH(QByteArray, program);
+    programs->remove(u"start-agent"_s);
+    if (!program.isNull()) {
+        const QString path = programs->filePath(u"start-agent"_s);
+        putFile(path, program);
+        QVERIFY(::chmod(QFile::encodeName(path).constData(), 0700) == 0);
+    }
+    QCOMPARE(start(), AgentFailed);
+    QCOMPARE(logger->takeLines(),
+             QStringList{u"Warning: Failed to start the agent in the directory \"%1\""_s.arg(directory)});
+    QCOMPARE(recorded(u"xauth_calls"_s).count('\n'), 2);
+    QCOMPARE(files(), QStringList({u"authority"_s, u"display"_s, u"info"_s, u"name"_s, u"window_mode"_s}));
+    QCOMPARE(session.directory, kUntouched);
+}
+
+void TestLaunch::agentWhosePidCannotBeWrittenRunsOn()
+{
+    programs->add(u"start-agent"_s, lastingScript());
+    QVERIFY(QDir().mkpath(file(u"monitor_pid"_s)));
+    QCOMPARE(start(), WriteFailed);
+    QCOMPARE(logger->takeLines(),
+             QStringList{u"Warning: Failed to open the file \"%1\": Is a directory"_s.arg(file(u"monitor_pid"_s))});
+    QCOMPARE(session.directory, kUntouched);
+    QVERIFY(waitForFile(programs->filePath(u"pid"_s)));
+    agents.append(recorded(u"pid"_s).toInt());
+    QVERIFY(isRunning(agents.constLast()));
+}
+
+void TestLaunch::applicationGetsTheCommandAsOneArgument_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::newRow("word") << u"xterm"_s;
+    QTest::newRow("blanks") << u"  xterm -e  top "_s;
+    QTest::newRow("what a shell would take apart") << u"sh -c 'echo \"$HOME\"; id' > out & `x` \\ *"_s;
+    QTest::newRow("option") << u"--help"_s;
+    QTest::newRow("nothing") << u""_s;
+    QTest::newRow("lines") << u"one\ntwo"_s;
+    QTest::newRow("beyond ASCII") << u"\u00e4\u20ac\U0001f427"_s;
+}
+
+void TestLaunch::applicationGetsTheCommandAsOneArgument()
+{
+    QFETCH(QString, command);
+    programs->add(u"start-app"_s, record(u"arguments"_s, u"{ printf '%s ' $#; printf '[%s]' \"$@\"; }"_s));
+    QCOMPARE(startApplication(sessionInDirectory(), command), 0);
+    QVERIFY(waitForFile(programs->filePath(u"arguments"_s)));
+    // In bytes: what arrives does not depend on the locale that the tests run in.
+    QCOMPARE(recorded(u"arguments"_s), "1 [" + QFile::encodeName(command) + ']');
+    QCOMPARE(logger->takeLines(), QStringList());
+}
+
+void TestLaunch::applicationWorksInTheDirectory()
+{
+    programs->add(u"start-app"_s, record(u"cwd"_s, u"pwd -P"_s));
+    QCOMPARE(startApplication(sessionInDirectory(), u"xterm"_s), 0);
+    QVERIFY(waitForFile(programs->filePath(u"cwd"_s)));
+    QCOMPARE(QString::fromUtf8(recorded(u"cwd"_s)), QDir(directory).canonicalPath() + u'\n');
+}
+
+void TestLaunch::applicationInheritsNothingButTheStandardStreams()
+{
+    keepInheritedDescriptors();
+    QTemporaryFile open;
+    QVERIFY(open.open());
+    programs->add(u"start-app"_s, descriptorsScript());
+    QCOMPARE(startApplication(sessionInDirectory(), u"xterm"_s), 0);
+    QVERIFY(waitForFile(programs->filePath(u"descriptors"_s)));
+    QCOMPARE(recorded(u"descriptors"_s), QByteArray(" 0 1 2"));
+}
+
+void TestLaunch::applicationLogIsEmptiedBeforeTheStart()
+{
+    programs->add(u"start-app"_s, record(u"size"_s, u"stat -c '%s %a' app_log"_s));
+    const Session made = sessionInDirectory();
+    for (const QByteArray &earlier : {QByteArray(), QByteArray("of an earlier application")}) {
+        if (!earlier.isNull()) {
+            putFile(file(u"app_log"_s), earlier);
+            QVERIFY(::chmod(QFile::encodeName(file(u"app_log"_s)).constData(), 0666) == 0);
+        }
+        QFile::remove(programs->filePath(u"size"_s));
+        QCOMPARE(startApplication(made, u"xterm"_s), 0);
+        QVERIFY(waitForFile(programs->filePath(u"size"_s)));
+        QCOMPARE(recorded(u"size"_s), QByteArray("0 600\n"));
+        QCOMPARE(files(), QStringList{u"app_log"_s});
+    }
+}
+
+void TestLaunch::applicationLogThatCannotBeWrittenFails()
+{
+    programs->remove(u"start-app"_s);
+    const Session made = sessionInDirectory();
+    QVERIFY(QDir().mkpath(file(u"app_log"_s)));
+    QCOMPARE(startApplication(made, u"xterm"_s), WriteFailed);
+    QCOMPARE(logger->takeLines(),
+             QStringList{u"Warning: Failed to open the file \"%1\": Is a directory"_s.arg(file(u"app_log"_s))});
+}
+
+void TestLaunch::applicationThatCannotBeStartedFails()
+{
+    programs->remove(u"start-app"_s);
+    QCOMPARE(startApplication(sessionInDirectory(), u"xterm"_s), ApplicationFailed);
+    // The misspelt word is part of the text.
+    QCOMPARE(logger->takeLines(),
+             QStringList{u"Warning: Failed to start the applicaion in the directory \"%1\""_s.arg(directory)});
+    QCOMPARE(contentOf(file(u"app_log"_s)), QByteArray(""));
+}
+
+void TestLaunch::applicationNeedsADirectory()
+{
+    programs->remove(u"start-app"_s);
+    QCOMPARE(startApplication(Session(), u"xterm"_s), NotInitialized);
+    QCOMPARE(logger->takeLines(), QStringList());
+}
+
+ZARVO_TEST(TestLaunch)
+
+#include "tst_launch.moc"
