@@ -18,6 +18,7 @@ class TestSessionLoading : public QObject
 
 private slots:
     void init();
+    void cleanup() { logger.reset(); }
     void newRecordIsEmpty();
     void recordIsBuiltFromTheFiles();
     void nothingOfAnEarlierRecordIsKept();
