@@ -58,7 +58,7 @@ Agent::Agent(AgentLog *log_, SignalCatcher *signals_, QObject *parent)
     , log(log_)
     , state(log_)
     , stateSocket(&state)
-    , frontDoor(state.passwords(), AgentFile::kRfbSocket)
+    , frontDoor(state.passwords(), QString())
     , server(&children)
     , ending(&server, &children)
 {
@@ -93,7 +93,7 @@ Agent::Agent(AgentLog *log_, SignalCatcher *signals_, QObject *parent)
 
 Agent::~Agent()
 {
-    QFile::remove(AgentFile::kRfbSocket);
+    QFile::remove(AgentFile::rfbSocket(display));
     QFile::remove(AgentFile::kWindowManagerSettings);
 }
 
@@ -134,7 +134,8 @@ bool Agent::startServer(QString *error)
     settings.size = options.size;
     settings.title = sessionTitle(display);
     settings.authorityEntries = authority.entries;
-    settings.rfbSocket = AgentFile::kRfbSocket;
+    settings.rfbSocket = AgentFile::rfbSocket(display);
+    frontDoor.setBackendPath(settings.rfbSocket);
     return server.start(settings, error);
 }
 
@@ -199,7 +200,7 @@ void Agent::open()
         return;
     }
     QString error;
-    if (!applicationDoor->listen(AgentFile::kApplicationSocket, &error)) {
+    if (!applicationDoor->listen(AgentFile::applicationSocket(display), &error)) {
         fail(ExitCode::NotStarted, error);
         return;
     }

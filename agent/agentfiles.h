@@ -11,8 +11,18 @@
  */
 namespace AgentFile {
 
-inline constexpr QLatin1StringView kApplicationSocket("app.sock"); ///< where start-app hands its command line over
-inline constexpr QLatin1StringView kRfbSocket("rfb.sock");         ///< where the X server waits for the front door
+// By display: a session that is started again under its id works in the directory where the earlier one still may.
+/** Where start-app hands its command line over. */
+[[nodiscard]] inline QString applicationSocket(quint16 display)
+{
+    return QStringLiteral("app-%1.sock").arg(display);
+}
+/** Where the X server waits for the front door. */
+[[nodiscard]] inline QString rfbSocket(quint16 display)
+{
+    return QStringLiteral("rfb-%1.sock").arg(display);
+}
+
 inline constexpr QLatin1StringView kWindowManagerSettings("openbox.xml");
 
 } // namespace AgentFile

@@ -34,6 +34,9 @@ public:
     FrontDoor(PasswordStore *passwords, QString backendPath, HandshakeLimits limits = {}, QObject *parent = nullptr);
     ~FrontDoor() override;
 
+    /** Where the X server will be, if that was not known from the start. Called before open(). */
+    void setBackendPath(const QString &path) { backendPath = path; }
+
     /**
      * Takes the port on all addresses, without letting anybody in yet: connections wait until open().
      *

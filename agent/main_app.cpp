@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "agent/agentfiles.h"
+#include "agent/agentoptions.h"
 #include "agent/applicationrequest.h"
 
 #include <QCoreApplication>
@@ -21,6 +22,12 @@ int main(int argc, char **argv)
         }
         QCoreApplication::exit(error.isEmpty() ? 0 : 1);
     });
-    request.send(AgentFile::kApplicationSocket, argv[1]);
+    quint16 display = 0;
+    QString error;
+    if (!readDisplayNumber(SessionFile::kDisplay, &display, &error)) {
+        std::fprintf(stderr, "start-app: %s\n", qPrintable(error));
+        return 1;
+    }
+    request.send(AgentFile::applicationSocket(display), argv[1]);
     return QCoreApplication::exec();
 }

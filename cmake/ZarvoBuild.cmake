@@ -14,9 +14,17 @@ endif()
 option(ZARVO_WERROR "Treat warnings as errors" OFF)
 set(ZARVO_SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize=, for example address,undefined")
 
+# Most of a compilation is Qt's headers. Off by default, so that the plain build shows a missing include.
+option(ZARVO_PCH "Precompile the headers that nearly every file needs" OFF)
+
 find_program(ZARVO_CCACHE ccache)
 if(ZARVO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    set(CMAKE_CXX_COMPILER_LAUNCHER "${ZARVO_CCACHE}")
+    # Without this it would leave alone what uses a precompiled header.
+    set(CMAKE_CXX_COMPILER_LAUNCHER
+        "${CMAKE_COMMAND}" -E env CCACHE_SLOPPINESS=pch_defines,time_macros "${ZARVO_CCACHE}")
+endif()
+if(ZARVO_PCH AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options(-fpch-preprocess)
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow)
@@ -42,11 +50,31 @@ endif()
 # Includes are written from the root of the project.
 include_directories("${PROJECT_SOURCE_DIR}")
 
+# zarvo_precompile(TARGET HEADERS...): makes a target whose precompiled headers others reuse.
+function(zarvo_precompile name)
+    if(NOT ZARVO_PCH)
+        return()
+    endif()
+    file(WRITE "${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp" "")
+    add_library(${name} OBJECT "${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp")
+    set_target_properties(${name} PROPERTIES AUTOMOC OFF)
+    target_link_libraries(${name} PRIVATE Qt6::Core Qt6::Network)
+    target_precompile_headers(${name} PRIVATE ${ARGN})
+endfunction()
+
+# zarvo_reuse(TARGET FROM): compiles the target with the headers of zarvo_precompile(FROM).
+function(zarvo_reuse name from)
+    if(ZARVO_PCH)
+        target_precompile_headers(${name} REUSE_FROM ${from})
+    endif()
+endfunction()
+
 # zarvo_library(NAME SOURCES... [LINK targets...]): a static library for one folder.
 function(zarvo_library name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})
     target_link_libraries(${name} PUBLIC ${ARG_LINK})
+    zarvo_reuse(${name} zarvo_headers)
 endfunction()
 
 # zarvo_program(NAME FOLDER SOURCES... LINK...): an executable that is put into <build>/<FOLDER>.

@@ -3,6 +3,7 @@
 
 #include "engine/session.h"
 #include "support/datetimetext.h"
+#include "support/filereader.h"
 
 #include <QFile>
 #include <QRegularExpression>
@@ -99,6 +100,10 @@ void applyLine(Session *session, const QString &line)
 
 bool readAgentLog(Session *session, const QString &path, QString *error)
 {
+    if (isSpecialFile(path)) {
+        *error = u"Failed to open the file \"%1\": %2"_s.arg(path, u"Not a regular file"_s);
+        return false;
+    }
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
         *error = u"Failed to open the file \"%1\": %2"_s.arg(file.fileName(), file.errorString());
@@ -106,7 +111,10 @@ bool readAgentLog(Session *session, const QString &path, QString *error)
     }
     QTextStream stream(&file);
     QString line;
-    while (stream.readLineInto(&line, kMaxLineCharacters) && !line.isEmpty()) {
+    bool isWholePiece = false;
+    // The rest of a line that fits a piece exactly is empty, and is no empty line.
+    while (stream.readLineInto(&line, kMaxLineCharacters) && (!line.isEmpty() || isWholePiece)) {
+        isWholePiece = line.size() == kMaxLineCharacters;
         applyLine(session, line);
     }
     if (stream.status() != QTextStream::Ok) {

@@ -49,12 +49,14 @@ bool writeDescription(const QDir &files, quint16 display, const QString &windowM
 void setAsideEarlierRun(const QDir &files)
 {
     const QString log = files.filePath(SessionFile::kServerLog);
-    if (QFile::exists(log)) {
-        const QString earlierLog = log + ".old"_L1;
-        QFile::remove(earlierLog);
-        QFile::rename(log, earlierLog);
+    const QString earlierLog = log + ".old"_L1;
+    QFile::remove(earlierLog);
+    if (!QFile::rename(log, earlierLog)) {
+        QFile::remove(log);
     }
     QFile::remove(files.filePath(SessionFile::kServerExit));
+    // The system may have given its number to another program, which our signals are not for.
+    QFile::remove(files.filePath(SessionFile::kServerPid));
 }
 
 /** Starts the agent. It inherits the standard streams alone: every other descriptor is close-on-exec. */

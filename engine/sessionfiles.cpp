@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "engine/sessionfiles.h"
 
+#include "support/filereader.h"
+
 #include <QFile>
 #include <QTextStream>
 
@@ -39,6 +41,10 @@ template <typename Value>
 bool readValue(const QString &path, Value *value, QString *error)
 {
     QFile file(path);
+    if (isSpecialFile(path)) {
+        *error = QString::fromLatin1("Failed to open the file \"%1\": %2").arg(path, u"Not a regular file"_s);
+        return false;
+    }
     if (!file.open(QIODevice::ReadOnly)) {
         *error = fileError("Failed to open the file \"%1\": %2", file);
         return false;

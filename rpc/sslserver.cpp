@@ -9,6 +9,7 @@
 
 #include <chrono>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -18,6 +19,18 @@ namespace {
 
 /** How long no connection is accepted after the system refused one. */
 constexpr auto kAcceptPause = 1s;
+
+/**
+ * Descriptors that strangers who just connect do not get. The system gives the lowest free number, so a high one says
+ * that there are few left; what the requests of those who are let in need would abort the process without.
+ */
+constexpr qintptr kReservedDescriptors = 64;
+
+qintptr descriptorLimit()
+{
+    rlimit limit = {};
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? static_cast<qintptr>(limit.rlim_cur) : 1024;
+}
 
 } // namespace
 
@@ -46,6 +59,10 @@ void SslServer::setExtraCertificates(const QList<QSslCertificate> &certificates)
 
 void SslServer::incomingConnection(qintptr socketDescriptor)
 {
+    if (socketDescriptor >= descriptorLimit() - kReservedDescriptors) {
+        ::close(static_cast<int>(socketDescriptor));
+        return;
+    }
     auto *socket = new ClientSocket(this);
     connect(socket, &ClientSocket::encrypted, this, &SslServer::socketEncrypted);
     if (!socket->setSocketDescriptor(socketDescriptor)) {
@@ -53,6 +70,9 @@ void SslServer::incomingConnection(qintptr socketDescriptor)
         ::close(static_cast<int>(socketDescriptor));
         return;
     }
+
+    // An answer is one piece; waiting for more to send with it would only delay it.
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
 
     QSslConfiguration configuration = socket->sslConfiguration();
     configuration.setPrivateKey(privateKey);

@@ -34,8 +34,20 @@ bool moveDescriptor(int from, int to)
 
 bool openNullDevice(int descriptor, int flags)
 {
-    const int null = ::open(kNullDevice, flags);
+    const int null = ::open(kNullDevice, flags | O_CLOEXEC);
     return null != -1 && moveDescriptor(null, descriptor);
+}
+
+void doNothing(int)
+{
+}
+
+/** Makes a signal have no effect here and, unlike an ignored one, its usual effect in programs that we start. */
+void catchNothingOf(int number)
+{
+    struct sigaction action = {};
+    action.sa_handler = doNothing;
+    ::sigaction(number, &action, nullptr);
 }
 
 bool writeAll(const char *data, size_t length)
@@ -54,6 +66,7 @@ bool writeAll(const char *data, size_t length)
 /** The parent's whole remaining life. */
 [[noreturn]] void relayMessages(int readEnd)
 {
+    catchNothingOf(SIGPIPE);
     moveDescriptor(readEnd, STDIN_FILENO);
     std::array<char, 256> chunk{};
     for (;;) {
@@ -64,12 +77,19 @@ bool writeAll(const char *data, size_t length)
     }
 }
 
-/** A blocked signal would stay blocked in the server and in all that it starts. */
-void unblockSignals()
+/** A blocked or ignored signal would stay so in the server and in all that it starts. */
+void resetSignals()
 {
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    struct sigaction action = {};
+    action.sa_handler = SIG_DFL;
+    for (int number = 1; number <= SIGRTMAX; ++number) {
+        ::sigaction(number, &action, nullptr); // some cannot be changed, and need not be
+    }
+    // Whoever reads our messages may go away; that is no reason to end without cleaning up.
+    catchNothingOf(SIGPIPE);
 }
 
 bool detach(int writeEnd)
@@ -79,7 +99,7 @@ bool detach(int writeEnd)
     }
     // What the caller left open is not ours to keep, nor to hand on to the agents.
     ::close_range(STDERR_FILENO + 1, ~0U, 0);
-    unblockSignals();
+    resetSignals();
     return ::setsid() != -1 && ::chdir("/") == 0 && openNullDevice(STDIN_FILENO, O_RDONLY) &&
            openNullDevice(STDOUT_FILENO, O_WRONLY);
 }

@@ -23,10 +23,10 @@ namespace {
 constexpr int kLockNames = 16;
 
 /** The id is hashed, for it holds the user's name, which may be of any length and form. */
-QString lockPath(const QString &id, int number)
+QString lockPath(const QString &folder, const QString &id, int number)
 {
     const QByteArray digest = QCryptographicHash::hash(id.toUtf8(), QCryptographicHash::Sha256).toHex().first(16);
-    return QDir::temp().filePath(
+    return QDir(folder).filePath(
         u"zarvo-%1-%2-%3.lock"_s.arg(QString::fromLatin1(digest)).arg(::geteuid()).arg(number));
 }
 
@@ -75,8 +75,10 @@ bool QtSingleCoreApplication::isRunning()
     }
     // Every name is tried, also behind the one that we could have: the other process may have started when
     // somebody's file stood in its way.
-    for (int number = 0; number < kLockNames; ++number) {
-        const int descriptor = openLockFile(lockPath(id, number), lock == -1 ? O_CREAT : 0);
+    for (int number = 0; number < 2 * kLockNames; ++number) {
+        // The second half is for a temporary directory that is missing or full.
+        const QString folder = number < kLockNames ? QDir::tempPath() : u"/tmp"_s;
+        const int descriptor = openLockFile(lockPath(folder, id, number % kLockNames), lock == -1 ? O_CREAT : 0);
         if (descriptor == -1) {
             continue;
         }

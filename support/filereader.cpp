@@ -2,6 +2,7 @@
 #include "support/filereader.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 using namespace Qt::StringLiterals;
 
@@ -20,4 +21,10 @@ bool readFile(const QString &path, int maxSize, QByteArray *data, QString *error
     }
     *data = std::move(bytes);
     return true;
+}
+
+bool isSpecialFile(const QString &path)
+{
+    const QFileInfo info(path);
+    return info.exists() && !info.isFile() && !info.isDir();
 }

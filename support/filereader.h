@@ -14,3 +14,9 @@
  * @return true when the file could be opened and read. Callable from any thread.
  */
 [[nodiscard]] bool readFile(const QString &path, int maxSize, QByteArray *data, QString *error);
+
+/**
+ * Whether there is something at @p path that is neither a file nor a directory: a pipe or a device, which would let who
+ * opens or reads it wait for ever. Callable from any thread.
+ */
+[[nodiscard]] bool isSpecialFile(const QString &path);

@@ -5,6 +5,8 @@
 #include <json/writer.h>
 
 #include <QByteArrayView>
+#include <QStringDecoder>
+#include <QUtf8StringView>
 
 #include <cstring>
 #include <memory>
@@ -33,6 +35,9 @@ Json::StreamWriterBuilder writerSettings()
 
 bool parseJson(const QByteArray &text, Json::Value *value)
 {
+    if (!QUtf8StringView(text.constData(), text.size()).isValidUtf8()) {
+        return false;
+    }
     static const Json::CharReaderBuilder settings = readerSettings();
     const std::unique_ptr<Json::CharReader> reader(settings.newCharReader());
     Json::Value parsed;
@@ -69,7 +74,9 @@ QString stringFromJson(const Json::Value &value)
     if (!value.isString() || !value.getString(&begin, &end)) {
         return {};
     }
-    return QString::fromUtf8(QByteArrayView(begin, end));
+    // A byte order mark is a character like any other here; the plain conversion would drop it.
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringConverter::Flag::ConvertInitialBom);
+    return decoder.decode(QByteArrayView(begin, end));
 }
 
 bool hasMember(const Json::Value &value, const char *name)

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDir>
 #include <QFile>
 #include <QRandomGenerator>
 #include <QString>
@@ -51,13 +52,20 @@ private:
     bool reserveAll()
     {
         for (quint16 display = first(); display != end(); ++display) {
-            if (!reserve(display) || !isPortUnused(static_cast<quint16>(6000 + display)) ||
-                !isPortUnused(static_cast<quint16>(41000 + display)) || QFile::exists(lockPath(display)) ||
-                QFile::exists(QStringLiteral("/tmp/Xrdp_%1.sock").arg(display))) {
+            if (!reserve(display) || !isUnused(display)) {
                 return false;
             }
         }
         return true;
+    }
+
+    /** Whether nothing is there, not even what a program that ended badly left behind. */
+    static bool isUnused(quint16 display)
+    {
+        return isPortUnused(static_cast<quint16>(6000 + display)) &&
+               isPortUnused(static_cast<quint16>(41000 + display)) && !QFile::exists(lockPath(display)) &&
+               !QFile::exists(QStringLiteral("/tmp/Xrdp_%1.sock").arg(display)) &&
+               !QFile::exists(QDir::temp().filePath(QStringLiteral(".X11-unix/X%1").arg(display)));
     }
 
     bool reserve(quint16 display)

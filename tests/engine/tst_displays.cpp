@@ -10,6 +10,10 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 using namespace Qt::StringLiterals;
 
 class TestDisplays : public QObject
@@ -31,6 +35,15 @@ private slots:
     void limitIsExcluded();
     void whatIsFreedIsFoundAgain();
     void socketElsewhereDoesNotCount();
+    void reservedNumberCannotBeReservedAgain();
+    void oneThreadAloneReservesANumber();
+    void reservationEndsWithItsObject();
+    void reservationHoldsTheLastNumberAlone();
+    void refusedReservationHoldsNothing();
+    void releasedReservationIsNotReleasedAgain();
+    void searchReservesWhatItFinds();
+    void searchPassesOverWhatOthersReserved();
+    void searchThatFindsNothingReservesNothing();
 
 private:
     QTemporaryDir temporary; ///< the system's temporary directory for this test
@@ -213,6 +226,127 @@ void TestDisplays::socketElsewhereDoesNotCount()
     const QString elsewhere = temporary.filePath(u"X%1"_s.arg(displays.first()));
     putFile(elsewhere, "");
     QCOMPARE(findOpenDisplay(displays.first(), displays.end()), displays.first());
+}
+
+void TestDisplays::reservedNumberCannotBeReservedAgain()
+{
+    DisplayReservations all;
+    for (const quint16 display : {quint16(0), quint16(100), quint16(65535)}) {
+        QVERIFY(all.insert(display));
+        QVERIFY(!all.insert(display));
+    }
+    all.remove(100);
+    QVERIFY(all.insert(100));
+    QVERIFY(!all.insert(0));
+    all.remove(5);
+    QVERIFY(all.insert(5));
+}
+
+void TestDisplays::oneThreadAloneReservesANumber()
+{
+    constexpr int kNumbers = 2000;
+    DisplayReservations all;
+    std::atomic<int> reserved = 0;
+    std::vector<std::thread> threads;
+    for (int count = 0; count < 4; ++count) {
+        threads.emplace_back([&all, &reserved] {
+            for (int display = 0; display < kNumbers; ++display) {
+                reserved += all.insert(static_cast<quint16>(display)) ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    QCOMPARE(reserved.load(), kNumbers);
+}
+
+void TestDisplays::reservationEndsWithItsObject()
+{
+    DisplayReservations all;
+    {
+        DisplayReservation reservation(&all);
+        QVERIFY(reservation.take(100));
+        QVERIFY(!all.insert(100));
+    }
+    QVERIFY(all.insert(100));
+}
+
+void TestDisplays::reservationHoldsTheLastNumberAlone()
+{
+    DisplayReservations all;
+    DisplayReservation reservation(&all);
+    QVERIFY(reservation.take(100));
+    QVERIFY(reservation.take(101));
+    QVERIFY(!all.insert(101));
+    QVERIFY(all.insert(100));
+}
+
+void TestDisplays::refusedReservationHoldsNothing()
+{
+    DisplayReservations all;
+    QVERIFY(all.insert(101));
+    {
+        DisplayReservation reservation(&all);
+        QVERIFY(reservation.take(100));
+        QVERIFY(!reservation.take(101));
+        QVERIFY(all.insert(100));
+    }
+    QVERIFY(!all.insert(101));
+}
+
+void TestDisplays::releasedReservationIsNotReleasedAgain()
+{
+    DisplayReservations all;
+    {
+        DisplayReservation reservation(&all);
+        QVERIFY(reservation.take(100));
+        reservation.release();
+        QVERIFY(all.insert(100));
+    }
+    QVERIFY(!all.insert(100));
+}
+
+void TestDisplays::searchReservesWhatItFinds()
+{
+    const ReservedDisplays displays(2);
+    const quint16 next = displays.first() + 1;
+    putFile(ReservedDisplays::lockPath(displays.first()), "");
+    DisplayReservations all;
+    {
+        DisplayReservation reservation(&all);
+        QCOMPARE(findOpenDisplay(displays.first(), displays.end(), &reservation), next);
+        QVERIFY(!all.insert(next));
+        QVERIFY(all.insert(displays.first()));
+    }
+    QVERIFY(all.insert(next));
+}
+
+void TestDisplays::searchPassesOverWhatOthersReserved()
+{
+    const ReservedDisplays displays(2);
+    const quint16 next = displays.first() + 1;
+    DisplayReservations all;
+    DisplayReservation first(&all);
+    DisplayReservation second(&all);
+    DisplayReservation third(&all);
+    QCOMPARE(findOpenDisplay(displays.first(), displays.end(), &first), displays.first());
+    QCOMPARE(findOpenDisplay(displays.first(), displays.end(), &second), next);
+    QVERIFY(!findOpenDisplay(displays.first(), displays.end(), &third));
+    first.release();
+    QCOMPARE(findOpenDisplay(displays.first(), displays.end(), &third), displays.first());
+}
+
+void TestDisplays::searchThatFindsNothingReservesNothing()
+{
+    const ReservedDisplays displays(2);
+    putFile(ReservedDisplays::lockPath(displays.first()), "");
+    putFile(ReservedDisplays::lockPath(displays.first() + 1), "");
+    DisplayReservations all;
+    DisplayReservation reservation(&all);
+    QVERIFY(!findOpenDisplay(displays.first(), displays.end(), &reservation));
+    QVERIFY(all.insert(displays.first()));
+    QVERIFY(all.insert(displays.first() + 1));
 }
 
 ZARVO_TEST(TestDisplays)

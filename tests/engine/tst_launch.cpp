@@ -30,6 +30,8 @@ class TestLaunch : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
+    void cleanupTestCase();
     void init();
     void cleanup();
 
@@ -82,6 +84,8 @@ private:
     }
     [[nodiscard]] Session sessionInDirectory() const;
 
+    QTemporaryDir temporary; ///< the system's temporary directory for this test
+    QByteArray previousTemporary;
     std::unique_ptr<QTemporaryDir> folder;
     std::unique_ptr<CollectingLogger> logger;
     std::unique_ptr<FakePrograms> programs;
@@ -163,6 +167,22 @@ QString hostName()
 }
 
 } // namespace
+
+void TestLaunch::initTestCase()
+{
+    // The sockets of X servers that ended badly stay where they are, and would take displays away.
+    previousTemporary = qgetenv("TMPDIR");
+    qputenv("TMPDIR", QFile::encodeName(temporary.path()));
+}
+
+void TestLaunch::cleanupTestCase()
+{
+    if (previousTemporary.isEmpty()) {
+        qunsetenv("TMPDIR");
+    } else {
+        qputenv("TMPDIR", previousTemporary);
+    }
+}
 
 void TestLaunch::init()
 {

@@ -166,8 +166,8 @@ class Session:
     def leftovers(self):
         """What must be gone when the session is over."""
         display = self.display
-        paths = [self.state_socket, f"/tmp/.X{display}-lock", f"/tmp/.X11-unix/X{display}", self.path("rfb.sock"),
-                 self.path("app.sock"), self.path("openbox.xml")]
+        paths = [self.state_socket, f"/tmp/.X{display}-lock", f"/tmp/.X11-unix/X{display}", self.path(f"rfb-{display}.sock"),
+                 self.path(f"app-{display}.sock"), self.path("openbox.xml")]
         return [path for path in paths if os.path.lexists(path)] + self.processes()
 
     def port_is_open(self):
@@ -236,7 +236,7 @@ class Start(AgentTest):
         self.assertFalse(os.path.exists(session.path("server_exit")))
         self.assertEqual(session.read("server_log").splitlines(),
                          ["Screen resized to '1000x700'", f"RDP initialized at '{state['Started']}'"])
-        for name in ("server_pid", "server_log", "rfb.sock", "app.sock"):
+        for name in ("server_pid", "server_log", f"rfb-{session.display}.sock", f"app-{session.display}.sock"):
             self.assertIn(zarvo.mode(session.path(name)), ("0o600",), name)
         self.assertEqual(zarvo.mode(session.state_socket), "0o600")
 
@@ -680,7 +680,7 @@ class Applications(AgentTest):
         with contextlib.ExitStack() as stack:
             for _ in range(20):
                 client = stack.enter_context(socket.socket(socket.AF_UNIX))
-                client.connect(session.path("app.sock"))
+                client.connect(session.path(f"app-{session.display}.sock"))
                 with contextlib.suppress(BrokenPipeError):
                     client.sendall(b"touch half")
         self.assertEqual(zarvo.wait_until(lambda: session.app("true").returncode == 0, "a free place"), True)

@@ -151,6 +151,16 @@ class EndToEnd(zarvo.TestCase):
         viewer.wait_for_close()
         self.assert_all_gone(session, answer["port"])
 
+    def test_id_that_is_started_again_gets_a_session_of_its_own(self):
+        session, first = self.start()
+        before = self.connect(first)
+        again = self.client.call("Live.Start", [session, XTERM, "320x240"])
+        self.assertNotEqual(again["port"], first["port"])
+        viewer = self.connect(again)
+        self.assertEqual((viewer.width, viewer.height), (320, 240))
+        self.assertEqual((before.framebuffer().width, before.framebuffer().height), (640, 480))
+        self.client.call("Live.Terminate", [session])
+
     def test_three_sessions_side_by_side(self):
         started = [self.start(XTERM, size) for size in ("320x240", "640x480", "800x600")]
         self.assertEqual(len({answer["port"] for _, answer in started}), 3)
