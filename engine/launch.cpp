@@ -11,6 +11,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QHostInfo>
 #include <QProcess>
 
@@ -49,10 +50,13 @@ bool writeDescription(const QDir &files, quint16 display, const QString &windowM
 void setAsideEarlierRun(const QDir &files)
 {
     const QString log = files.filePath(SessionFile::kServerLog);
-    const QString earlierLog = log + ".old"_L1;
-    QFile::remove(earlierLog);
-    if (!QFile::rename(log, earlierLog)) {
-        QFile::remove(log);
+    const QFileInfo logInfo(log);
+    if (logInfo.exists() || logInfo.isSymLink()) {
+        const QString earlierLog = log + ".old"_L1;
+        QFile::remove(earlierLog);
+        if (!QFile::rename(log, earlierLog)) {
+            QFile::remove(log);
+        }
     }
     QFile::remove(files.filePath(SessionFile::kServerExit));
     // The system may have given its number to another program, which our signals are not for.

@@ -6,7 +6,6 @@
 
 #include <QByteArrayView>
 #include <QStringDecoder>
-#include <QUtf8StringView>
 
 #include <cstring>
 #include <memory>
@@ -35,9 +34,6 @@ Json::StreamWriterBuilder writerSettings()
 
 bool parseJson(const QByteArray &text, Json::Value *value)
 {
-    if (!QUtf8StringView(text.constData(), text.size()).isValidUtf8()) {
-        return false;
-    }
     static const Json::CharReaderBuilder settings = readerSettings();
     const std::unique_ptr<Json::CharReader> reader(settings.newCharReader());
     Json::Value parsed;

@@ -15,7 +15,7 @@
  * Parses the first JSON value of @p text. Comments are allowed, and what follows the first value is ignored.
  *
  * @param value  set only on success
- * @return false for anything that is no JSON in UTF-8, nesting deeper than the library takes (1000) included
+ * @return false for anything that is no JSON, nesting deeper than the library takes (1000) included
  */
 [[nodiscard]] bool parseJson(const QByteArray &text, Json::Value *value);
 

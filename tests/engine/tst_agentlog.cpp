@@ -20,6 +20,7 @@ private slots:
     void linesChangeTheRecord_data();
     void linesChangeTheRecord();
     void lineIsTakenInPiecesOf512Characters();
+    void lineOfWholePiecesEndsNoLog();
     void longLineIsNoEventAsAWhole();
     void readingTwiceCountsTwice();
     void onlyTheFieldsOfTheEventsChange();
@@ -231,6 +232,17 @@ void TestAgentLog::lineIsTakenInPiecesOf512Characters()
 
         session = Session();
         putFile(path, (filler.repeated(1024) + u"Screen resized to '3x4'\n"_s).toUtf8());
+        QVERIFY(readAgentLog(&session, path, &error));
+        QCOMPARE(session.screenSize, QSize(3, 4));
+    }
+}
+
+void TestAgentLog::lineOfWholePiecesEndsNoLog()
+{
+    for (const int length : {511, 512, 513, 1024}) {
+        Session session;
+        QString error;
+        putFile(path, QByteArray(length, 'x') + "\nScreen resized to '3x4'\n");
         QVERIFY(readAgentLog(&session, path, &error));
         QCOMPARE(session.screenSize, QSize(3, 4));
     }

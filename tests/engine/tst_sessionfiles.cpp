@@ -12,6 +12,7 @@
 #include <limits>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 
@@ -42,6 +43,7 @@ private slots:
     void fileWithoutAWordIsNotRead_data();
     void fileWithoutAWordIsNotRead();
     void missingFileIsNotRead();
+    void pipeIsNotWaitedFor();
     void directoryIsNotRead();
 
 private:
@@ -335,6 +337,17 @@ void TestSessionFiles::missingFileIsNotRead()
     QVERIFY(!readWordFile(missing, &word, &error));
     QCOMPARE(error, expected);
     QCOMPARE(word, untouched);
+}
+
+void TestSessionFiles::pipeIsNotWaitedFor()
+{
+    const QString pipe = folder.filePath(u"pipe"_s);
+    QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    QString error;
+    qint32 number = 4711;
+    QVERIFY(!readNumberFile(pipe, &number, &error));
+    QCOMPARE(error, u"Failed to open the file \"%1\": Not a regular file"_s.arg(pipe));
+    QCOMPARE(number, 4711);
 }
 
 void TestSessionFiles::directoryIsNotRead()

@@ -19,6 +19,7 @@ private slots:
     void valuesAreWrittenCompactly();
     void textIsKeptWhole_data();
     void textIsKeptWhole();
+    void byteOrderMarkIsKept();
     void onlyStringsHaveText_data();
     void onlyStringsHaveText();
     void membersAreFoundInObjectsAlone_data();
@@ -168,6 +169,13 @@ void TestJson::textIsKeptWhole()
     Json::Value read;
     QVERIFY(parseJson(writeJson(value), &read));
     QCOMPARE(stringFromJson(read), text);
+}
+
+void TestJson::byteOrderMarkIsKept()
+{
+    Json::Value value;
+    QVERIFY(parseJson("\"\\ufeff2.0\"", &value));
+    QCOMPARE(stringFromJson(value), u"\ufeff2.0"_s);
 }
 
 void TestJson::onlyStringsHaveText_data()
