@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "client/console.h"
+#include "client/exitcode.h"
+#include "client/rpcclient.h"
+#include "client/serverconnector.h"
+#include "client/serverfiles.h"
+#include "client/sessionentry.h"
+#include "server/settings.h"
+
+/**
+ * What every verb works with: the console, the settings, and the server, to which a connection is made when a
+ * verb asks for it. One per run of the program; used on the main thread.
+ */
+class ClientContext
+{
+public:
+    ClientContext(Console &console, const Settings &settings);
+
+    Console &console;
+    const Settings settings;
+    const ServerFiles files;
+    RpcClient client;
+
+    /** Connects, unless that is done; @p start says whether a server may be started for it. */
+    [[nodiscard]] bool connectToServer(ServerConnector::Start start, Failure *failure);
+
+    /** The sessions of the connected server itself. */
+    [[nodiscard]] bool listLocal(SessionList *sessions, Failure *failure);
+
+    /** The same with those that other servers of the user have reported. */
+    [[nodiscard]] bool listAll(SessionList *sessions, Failure *failure);
+
+    /**
+     * Finds a session that the connected server can work with.
+     * @param failure  for one on another host: WrongState, with the way to get there
+     */
+    [[nodiscard]] bool findLocal(const QString &target, SessionEntry *found, Failure *failure);
+
+    /** Calls a method that takes the id of a session. */
+    [[nodiscard]] bool callWithId(const QString &method, const QString &id, Json::Value *result, Failure *failure);
+
+private:
+    bool list(const QString &method, SessionList *sessions, Failure *failure);
+};
+
+/** A JSON array of texts, for the parameters of a request. */
+[[nodiscard]] Json::Value jsonTexts(const QStringList &texts);
+
+/** The name of this host, for people. */
+[[nodiscard]] QString localHostName();

@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: MIT
+#include "client/doctorcheck.h"
+#include "client/serverconnector.h"
+#include "support/filereader.h"
+
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <QDateTime>
+#include <QFile>
+#include <QFileInfo>
+#include <QSslCertificate>
+
+#include <memory>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kMaxPemBytes = 1024 * 1024;
+constexpr int kSoonDays = 14;
+
+QString octal(mode_t mode)
+{
+    return QString::number(mode & 07777, 8).rightJustified(4, u'0');
+}
+
+using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
+using CertificatePtr = std::unique_ptr<X509, decltype(&X509_free)>;
+using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+
+/** Never asks for the pass phrase of an encrypted key. */
+int noPassPhrase(char *, int, int, void *)
+{
+    return -1;
+}
+
+BioPtr memory(const QByteArray &text)
+{
+    return {BIO_new_mem_buf(text.constData(), static_cast<int>(text.size())), &BIO_free};
+}
+
+bool belongTogether(const QByteArray &certificateText, const QByteArray &keyText)
+{
+    const BioPtr certificateBio = memory(certificateText);
+    const BioPtr keyBio = memory(keyText);
+    const CertificatePtr certificate(PEM_read_bio_X509(certificateBio.get(), nullptr, noPassPhrase, nullptr),
+                                     &X509_free);
+    const KeyPtr key(PEM_read_bio_PrivateKey(keyBio.get(), nullptr, noPassPhrase, nullptr), &EVP_PKEY_free);
+    return certificate && key && X509_check_private_key(certificate.get(), key.get()) == 1;
+}
+
+QString renewal(const DoctorInput &input)
+{
+    return u"End the server, remove \"%1\" and \"%2\", and start it again"_s.arg(input.files.certificatePath(),
+                                                                                 input.files.keyPath());
+}
+
+Finding dateFinding(const QByteArray &text, const DoctorInput &input)
+{
+    const QSslCertificate certificate(text, QSsl::Pem);
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    const QString end = certificate.expiryDate().toString(u"yyyy-MM-dd"_s);
+    if (certificate.isNull()) {
+        return failed(u"\"%1\" holds no certificate"_s.arg(input.files.certificatePath()), renewal(input));
+    }
+    if (certificate.effectiveDate() > now) {
+        return warning(u"It is valid from %1 on"_s.arg(certificate.effectiveDate().toString(u"yyyy-MM-dd"_s)),
+                       u"Set the clock of this host"_s);
+    }
+    if (certificate.expiryDate() < now) {
+        return warning(u"It has expired on %1; the server uses it none the less"_s.arg(end), renewal(input));
+    }
+    if (certificate.expiryDate() < now.addDays(kSoonDays)) {
+        return warning(u"It expires on %1"_s.arg(end), renewal(input));
+    }
+    return fine(u"It is valid until %1"_s.arg(end));
+}
+
+void addPrivacy(const QString &path, QList<Finding> *findings)
+{
+    struct stat status = {};
+    if (::stat(QFile::encodeName(path).constData(), &status) == 0 && (status.st_mode & 077) != 0) {
+        findings->append(failed(u"\"%1\" is open to others (mode %2)"_s.arg(path, octal(status.st_mode)),
+                                u"chmod 600 \"%1\", and renew the certificate if others use this host"_s.arg(path)));
+    }
+}
+
+} // namespace
+
+QList<Finding> checkUserPath(const DoctorInput &input)
+{
+    const QString path = input.files.userPath();
+    if (!path.startsWith(u'/')) {
+        return {warning(u"\"%1\" is relative: the server takes it for \"/%1\""_s.arg(path),
+                        u"Give UserPath from the root, or begin it with @HOME@"_s)};
+    }
+    struct stat status = {};
+    if (::stat(QFile::encodeName(path).constData(), &status) == -1) {
+        return {fine(u"\"%1\" is made at the first start"_s.arg(path))};
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        return {failed(u"\"%1\" is no directory"_s.arg(path), u"Move it out of the way"_s)};
+    }
+    if (status.st_uid != ::geteuid()) {
+        return {failed(u"\"%1\" belongs to somebody else"_s.arg(path), u"chown it, or set another UserPath"_s)};
+    }
+    if ((status.st_mode & 0700) != 0700) {
+        return {failed(u"\"%1\" has mode %2, which keeps its owner out"_s.arg(path, octal(status.st_mode)),
+                       u"chmod 700 \"%1\""_s.arg(path))};
+    }
+    if ((status.st_mode & 077) != 0) {
+        return {warning(u"\"%1\" is open to others (mode %2)"_s.arg(path, octal(status.st_mode)),
+                        u"chmod 700 \"%1\""_s.arg(path))};
+    }
+    return {fine(u"\"%1\" is private"_s.arg(path))};
+}
+
+QList<Finding> checkCertificate(const DoctorInput &input)
+{
+    if (!QFile::exists(input.files.certificatePath())) {
+        return {fine(u"It is made at the first start"_s)};
+    }
+    QByteArray certificate;
+    QByteArray key;
+    QString error;
+    if (!readFile(input.files.certificatePath(), kMaxPemBytes, &certificate, &error) ||
+        !readFile(input.files.keyPath(), kMaxPemBytes, &key, &error)) {
+        return {failed(error, renewal(input))};
+    }
+    QList<Finding> findings = {dateFinding(certificate, input)};
+    if (findings.first().level == Finding::Level::Fail) {
+        return findings;
+    }
+    if (belongTogether(certificate, key)) {
+        findings.append(fine(u"Certificate and key belong together"_s));
+    } else {
+        findings.append(failed(u"Certificate and key do not belong together"_s, renewal(input)));
+    }
+    addPrivacy(input.files.keyPath(), &findings);
+    return findings;
+}
+
+QList<Finding> checkServerProcess(const DoctorInput &input)
+{
+    const ServerSighting sighting = input.files.look();
+    switch (sighting.trace) {
+    case ServerTrace::Missing:
+        return {fine(u"None is running; it is started when it is needed"_s)};
+    case ServerTrace::Starting:
+        return {warning(sighting.detail, u"Wait a moment; if this stays, see \"zarvoctl server log\""_s)};
+    case ServerTrace::Stale:
+        return {warning(sighting.detail, u"zarvoctl server start"_s)};
+    case ServerTrace::Unreadable:
+        return {
+            failed(sighting.detail, u"Remove the file, end the process %1 and start the server"_s.arg(sighting.pid))};
+    case ServerTrace::Running:
+        break;
+    }
+    RpcClient client;
+    Failure failure;
+    if (!ServerConnector(input.files).connect(&client, ServerConnector::Start::Forbidden, &failure)) {
+        return {failed(u"%1, but: %2"_s.arg(sighting.detail, failure.text),
+                       u"zarvoctl server stop; zarvoctl server start"_s)};
+    }
+    return {fine(sighting.detail + u" and lets us in"_s)};
+}

@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+class Verb;
+
+/** What "zarvoctl --help" prints. */
+[[nodiscard]] QString programHelp();
+
+/** What "zarvoctl VERB --help" prints. */
+[[nodiscard]] QString verbHelp(const Verb &verb);
+
+/** The option as the help text and the manual show it: "-n, --lines N". */
+class QCommandLineOption;
+[[nodiscard]] QString optionSynopsis(const QCommandLineOption &option);

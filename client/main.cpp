@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+#include "client/clientcontext.h"
+#include "client/help.h"
+#include "client/verbtable.h"
+
+#include <QCoreApplication>
+
+#include <cerrno>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/** Qt's own remarks, on the locale for one, are nothing that a user of this program asked for. */
+void dropQtMessage(QtMsgType, const QMessageLogContext &, const QString &)
+{
+}
+
+/** The names under which the server stores its settings, for they are ours as well. */
+void nameApplication()
+{
+    QCoreApplication::setApplicationName(u"Zarvo Server"_s);
+    QCoreApplication::setApplicationVersion(QStringLiteral(ZARVO_VERSION));
+    QCoreApplication::setOrganizationName(u"Halvorn Media"_s);
+}
+
+ExitCode refuseUsage(Console &console, const QString &verb, const QString &problem)
+{
+    const QString name = verb.isEmpty() ? QString() : u' ' + verb;
+    console.note(u"zarvoctl%1: %2\nTry: zarvoctl%1 --help"_s.arg(name, problem));
+    return ExitCode::Usage;
+}
+
+QString argumentProblem(const VerbText &text, const QStringList &arguments)
+{
+    if (arguments.size() < text.minArguments) {
+        return u"Something is missing: %1."_s.arg(text.arguments);
+    }
+    if (text.maxArguments >= 0 && arguments.size() > text.maxArguments) {
+        return u"\"%1\" is one argument too many."_s.arg(arguments.at(text.maxArguments));
+    }
+    return {};
+}
+
+ExitCode runVerb(Console &console, Verb &verb, const QStringList &arguments)
+{
+    const VerbText text = verb.text();
+    QCommandLineParser line;
+    const QCommandLineOption help(QStringList{u"h"_s, u"help"_s});
+    line.addOption(help);
+    line.addOptions(verb.options());
+    if (verb.endsWithCommand()) {
+        line.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+    }
+    const bool parsed = line.parse(arguments);
+    if (line.isSet(help)) {
+        console.print(verbHelp(verb));
+        return ExitCode::Done;
+    }
+    if (!parsed) {
+        return refuseUsage(console, text.name, line.errorText());
+    }
+    if (const QString problem = argumentProblem(text, line.positionalArguments()); !problem.isEmpty()) {
+        return refuseUsage(console, text.name, problem);
+    }
+    ClientContext context(console, Settings::read());
+    return verb.run(line, context);
+}
+
+ExitCode run(Console &console, const QStringList &arguments)
+{
+    const QString first = arguments.value(1);
+    if (first.isEmpty()) {
+        return refuseUsage(console, {}, u"A verb is missing."_s);
+    }
+    if (first == "--help"_L1 || first == "-h"_L1 || (first == "help"_L1 && arguments.size() == 2)) {
+        console.print(programHelp());
+        return ExitCode::Done;
+    }
+    if (first == "--version"_L1) {
+        console.printLine(u"zarvoctl "_s + QCoreApplication::applicationVersion());
+        return ExitCode::Done;
+    }
+    const bool asksForHelp = first == "help"_L1;
+    const QString name = asksForHelp ? arguments.at(2) : first;
+    const std::unique_ptr<Verb> verb = findVerb(name);
+    if (!verb) {
+        return refuseUsage(console, {}, u"There is no verb \"%1\"."_s.arg(name));
+    }
+    return runVerb(console, *verb, asksForHelp ? QStringList{name, u"--help"_s} : arguments.sliced(1));
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    qInstallMessageHandler(dropQtMessage);
+    const QCoreApplication application(argc, argv);
+    nameApplication();
+    Console console;
+    ExitCode code = run(console, QCoreApplication::arguments());
+    // A reader that has seen enough and gone is no failure.
+    if (!console.flush() && console.writeError() != EPIPE) {
+        console.note(u"zarvoctl: Failed to write to the standard output: "_s + qt_error_string(console.writeError()));
+        code = code == ExitCode::Done ? ExitCode::Negative : code;
+    }
+    return static_cast<int>(code);
+}

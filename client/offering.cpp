@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: MIT
+#include "client/offering.h"
+
+#include "client/progress.h"
+#include "client/verb.h"
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QString wayOut(SessionState state)
+{
+    switch (state) {
+    case SessionState::Connected:
+        return u"A viewer is connected; \"zarvoctl suspend\" throws it out."_s;
+    case SessionState::Offered:
+        return u"A password is offered already; \"zarvoctl replay\" prints it."_s;
+    case SessionState::Suspended:
+        return u"No password is offered; \"zarvoctl resume\" makes one."_s;
+    case SessionState::Unknown:
+        break;
+    }
+    return {};
+}
+
+} // namespace
+
+bool requestOffer(ClientContext &context, const QString &method, const SessionEntry &session, ConnectionOffer *offer,
+                  Failure *failure)
+{
+    Json::Value answer;
+    const Progress progress(u"Asking for a password"_s);
+    if (!context.callWithId(method, session.id, &answer, failure)) {
+        if (failure->code == ExitCode::WrongState) {
+            failure->text += u' ' + wayOut(session.state());
+        }
+        return false;
+    }
+    ConnectionOffer made;
+    if (!made.readAnswer(answer)) {
+        return failAnswer(failure);
+    }
+    made.id = session.id;
+    made.host = localHostName();
+    *offer = made;
+    return true;
+}
+
+ExitCode runOfferVerb(const QCommandLineParser &line, ClientContext &context, const QString &method)
+{
+    Failure failure;
+    SessionEntry session;
+    ConnectionOffer offer;
+    if (!context.connectToServer(startMode(line), &failure) ||
+        !context.findLocal(firstArgument(line), &session, &failure) ||
+        !requestOffer(context, method, session, &offer, &failure)) {
+        return context.console.report(failure);
+    }
+    offer.print(context.console, line.isSet(u"json"_s));
+    return ExitCode::Done;
+}

@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: MIT
+#include "client/serverconnector.h"
+
+#include "client/eventwait.h"
+#include "client/serverlauncher.h"
+#include "support/credentials.h"
+
+#include <QElapsedTimer>
+
+#include <chrono>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+/** A server that is there answers within milliseconds; this is for a machine on its knees. */
+constexpr auto kConnectTimeout = 10s;
+
+/** A first start makes a key, which takes seconds on a slow machine. */
+constexpr auto kStartTimeout = 60s;
+
+/** How often the files are looked at while a server starts: nobody tells us that it is ready. */
+constexpr auto kLookInterval = 10ms;
+
+/**
+ * A start beside another one ends at once and without a word. When nothing has come of the other one after this
+ * time, for it was that of a server about to end, it is tried again.
+ */
+constexpr auto kRestartPause = 1s;
+
+/** Lets the launcher do its work for a while. */
+void serveEvents(std::chrono::milliseconds time)
+{
+    EventWait wait([] { return false; });
+    [[maybe_unused]] const bool never = wait.run(time);
+}
+
+} // namespace
+
+ServerConnector::ServerConnector(const ServerFiles &files_)
+    : files(files_)
+{
+}
+
+bool ServerConnector::connect(RpcClient *client, Start start, Failure *failure)
+{
+    switch (attempt(client, failure)) {
+    case Attempt::Connected:
+        return true;
+    case Attempt::Failed:
+        return false;
+    case Attempt::NotYet:
+        break;
+    }
+    // A server that is about to serve needs no start, so waiting for it is allowed in any case.
+    if (start == Start::Forbidden && files.look().trace != ServerTrace::Starting) {
+        return fail(failure, ExitCode::NoServer, lastDetail + u'.');
+    }
+    return connectToStarting(client, start, failure);
+}
+
+bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure *failure)
+{
+    ServerLauncher launcher;
+    QElapsedTimer total;
+    QElapsedTimer sinceStart;
+    total.start();
+    QString error;
+    const auto launch = [&] {
+        sinceStart.start();
+        return launcher.start(files.userPath(), &error);
+    };
+    if (start == Start::Allowed && !launch()) {
+        return fail(failure, ExitCode::NoServer, error + u'.');
+    }
+    while (std::chrono::milliseconds(total.elapsed()) < kStartTimeout) {
+        serveEvents(kLookInterval);
+        const bool launched = !launcher.isRunning();
+        const Attempt result = attempt(client, failure);
+        if (result != Attempt::NotYet) {
+            return result == Attempt::Connected;
+        }
+        const bool hopeless = launched && files.look().trace != ServerTrace::Starting;
+        if (hopeless && start == Start::Forbidden) {
+            return fail(failure, ExitCode::NoServer, lastDetail + u'.'); // what was there has ended
+        }
+        if (hopeless && !launcher.messages().isEmpty()) {
+            return fail(failure, ExitCode::NoServer,
+                        u"The server does not start:\n%1"_s.arg(launcher.messages().trimmed()));
+        }
+        if (hopeless && std::chrono::milliseconds(sinceStart.elapsed()) > kRestartPause && !launch()) {
+            return fail(failure, ExitCode::NoServer, error + u'.');
+        }
+    }
+    return fail(failure, ExitCode::NoServer, u"The server did not start in time: %1."_s.arg(lastDetail));
+}
+
+ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *failure)
+{
+    const ServerSighting sighting = files.look();
+    lastDetail = sighting.detail;
+    if (sighting.trace == ServerTrace::Unreadable) {
+        fail(failure, ExitCode::NoServer, sighting.detail + u'.');
+        return Attempt::Failed;
+    }
+    if (sighting.trace != ServerTrace::Running) {
+        return Attempt::NotYet;
+    }
+    Credentials credentials;
+    if (!readCredentials(&credentials, failure)) {
+        return Attempt::Failed;
+    }
+    QString error;
+    switch (client->connectTo(sighting.port, credentials, kConnectTimeout, &error)) {
+    case RpcClient::Outcome::Connected:
+        return Attempt::Connected;
+    case RpcClient::Outcome::Refused:
+        lastDetail = error;
+        return Attempt::NotYet;
+    case RpcClient::Outcome::TimedOut:
+        fail(failure, ExitCode::TimedOut, error + u'.');
+        return Attempt::Failed;
+    case RpcClient::Outcome::Distrust:
+        break;
+    }
+    fail(failure, ExitCode::CertificateRefused, error + u'.');
+    return Attempt::Failed;
+}
+
+bool ServerConnector::readCredentials(Credentials *credentials, Failure *failure) const
+{
+    QString error;
+    if (!readCertificate(files.certificatePath(), &credentials->certificate, &error) ||
+        !readPrivateKey(files.keyPath(), &credentials->key, &error)) {
+        return fail(failure, ExitCode::CertificateRefused, error + u'.');
+    }
+    return true;
+}

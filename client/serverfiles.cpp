@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: MIT
+#include "client/serverfiles.h"
+
+#include "support/filereader.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <optional>
+
+#include <signal.h>
+#include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kMaxNumberBytes = 32;
+constexpr int kMaxNameBytes = 64;
+
+enum class NumberFile { Missing, Empty, Unreadable, Invalid, Valid };
+
+NumberFile readNumber(const QString &path, qint64 limit, qint64 *number, QString *error)
+{
+    if (!QFile::exists(path)) {
+        return NumberFile::Missing;
+    }
+    QByteArray text;
+    if (!readFile(path, kMaxNumberBytes, &text, error)) {
+        return NumberFile::Unreadable;
+    }
+    if (text.isEmpty()) {
+        return NumberFile::Empty; // the server writes it this very moment
+    }
+    bool isNumber = false;
+    const qint64 value = text.trimmed().toLongLong(&isNumber);
+    if (!isNumber || value <= 0 || value > limit) {
+        *error = u"The file \"%1\" holds no usable number"_s.arg(path);
+        return NumberFile::Invalid;
+    }
+    *number = value;
+    return NumberFile::Valid;
+}
+
+std::optional<timespec> modificationTime(const QString &path)
+{
+    struct stat status = {};
+    if (::stat(QFile::encodeName(path).constData(), &status) == -1) {
+        return std::nullopt;
+    }
+    return status.st_mtim;
+}
+
+/** A killed server leaves its port file behind, and its successor overwrites that later than the pid file. */
+bool isOlder(const QString &path, const QString &otherPath)
+{
+    const std::optional<timespec> first = modificationTime(path);
+    const std::optional<timespec> second = modificationTime(otherPath);
+    return first && second &&
+           (first->tv_sec < second->tv_sec || (first->tv_sec == second->tv_sec && first->tv_nsec < second->tv_nsec));
+}
+
+} // namespace
+
+bool isServerProcess(qint64 pid)
+{
+    if (pid <= 0 || ::kill(static_cast<pid_t>(pid), 0) == -1) {
+        return false;
+    }
+    // The kernel gives the numbers of dead processes to others, so the name has to fit as well.
+    QByteArray name;
+    QString error;
+    return readFile(u"/proc/%1/comm"_s.arg(pid), kMaxNameBytes, &name, &error) && name.trimmed() == "zarvo_server";
+}
+
+ServerFiles::ServerFiles(const QString &userPath)
+    : path(userPath)
+{
+}
+
+QString ServerFiles::certificatePath() const
+{
+    return QDir::cleanPath(file("../server_cert"));
+}
+
+QString ServerFiles::keyPath() const
+{
+    return QDir::cleanPath(file("../server_key"));
+}
+
+QString ServerFiles::sessionDirectory(const QString &id) const
+{
+    return QDir(sessionsPath()).filePath(u"C-"_s + id);
+}
+
+ServerSighting ServerFiles::look() const
+{
+    ServerSighting sighting;
+    QString error;
+    if (readNumber(pidPath(), 0x7FFFFFFF, &sighting.pid, &error) == NumberFile::Unreadable) {
+        return {ServerTrace::Unreadable, 0, 0, error};
+    }
+    const bool alive = isServerProcess(sighting.pid);
+    qint64 port = 0;
+    switch (readNumber(portPath(), 65535, &port, &error)) {
+    case NumberFile::Unreadable:
+        return {ServerTrace::Unreadable, 0, sighting.pid, error};
+    case NumberFile::Invalid:
+        if (alive) {
+            return {ServerTrace::Unreadable, 0, sighting.pid, error};
+        }
+        break;
+    case NumberFile::Missing:
+        if (!alive) {
+            sighting.detail = u"No server is running: there is no file \"%1\""_s.arg(portPath());
+            return sighting;
+        }
+        break;
+    case NumberFile::Empty:
+        break;
+    case NumberFile::Valid:
+        if (alive && !isOlder(portPath(), pidPath())) {
+            return {ServerTrace::Running, static_cast<quint16>(port), sighting.pid,
+                    u"The server is process %1 on port %2"_s.arg(sighting.pid).arg(port)};
+        }
+    }
+    if (alive) {
+        sighting.trace = ServerTrace::Starting;
+        sighting.detail = u"The server, process %1, does not tell its port yet"_s.arg(sighting.pid);
+    } else {
+        sighting.trace = ServerTrace::Stale;
+        sighting.detail = u"The server has ended without removing its files: there is \"%1\" and no process%2"_s.arg(
+            portPath(), sighting.pid != 0 ? u" %1"_s.arg(sighting.pid) : QString());
+    }
+    return sighting;
+}
+
+QString ServerFiles::file(const char *name) const
+{
+    return QDir(path).filePath(QString::fromLatin1(name));
+}

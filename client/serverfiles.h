@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+
+/** What the files of the user path tell about the server. */
+enum class ServerTrace {
+    Missing,    ///< no port file: nobody has started a server, or it has ended
+    Starting,   ///< a server process is there and has not written its port yet
+    Stale,      ///< left behind by a server whose process is gone
+    Unreadable, ///< a file is there and cannot be used
+    Running,    ///< a server process is there and names its port
+};
+
+/** One look at the files. A plain value. */
+struct ServerSighting
+{
+    ServerTrace trace = ServerTrace::Missing;
+    quint16 port = 0; ///< set for Running
+    qint64 pid = 0;   ///< 0 when the pid file names none
+    QString detail;   ///< one sentence about the trace, for the user
+};
+
+/**
+ * The files by which the server of this user and host is found. Only reads. Callable from any thread.
+ */
+class ServerFiles
+{
+public:
+    explicit ServerFiles(const QString &userPath);
+
+    [[nodiscard]] QString userPath() const { return path; }
+    [[nodiscard]] QString portPath() const { return file("server_port"); }
+    [[nodiscard]] QString pidPath() const { return file("server_pid"); }
+    [[nodiscard]] QString logPath() const { return file("server_log"); }
+    [[nodiscard]] QString sessionsPath() const { return file("sessions"); }
+    [[nodiscard]] QString certificatePath() const;
+    [[nodiscard]] QString keyPath() const;
+
+    /** The directory of a session; the id must be one that the server or the disk gave. */
+    [[nodiscard]] QString sessionDirectory(const QString &id) const;
+
+    [[nodiscard]] ServerSighting look() const;
+
+private:
+    [[nodiscard]] QString file(const char *name) const;
+
+    QString path;
+};
+
+/** Whether @p pid is a live process of a server, and one of this user. */
+[[nodiscard]] bool isServerProcess(qint64 pid);

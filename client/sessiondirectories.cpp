@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#include "client/sessiondirectories.h"
+
+#include "client/sessiontarget.h"
+
+#include <QDir>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr auto kDirectoryPrefix = "C-"_L1;
+
+SessionList sessionsOnDisk(const ServerFiles &files)
+{
+    SessionList sessions;
+    const QStringList names = QDir(files.sessionsPath()).entryList({kDirectoryPrefix + u'*'}, QDir::Dirs);
+    for (const QString &name : names) {
+        SessionEntry entry;
+        entry.id = name.sliced(kDirectoryPrefix.size());
+        sessions.append(entry);
+    }
+    return sessions;
+}
+
+} // namespace
+
+bool findSessionDirectory(ClientContext &context, const QString &target, QString *directory, Failure *failure)
+{
+    SessionEntry session;
+    SessionList listed;
+    Failure noServer;
+    if (context.connectToServer(ServerConnector::Start::Forbidden, &noServer) &&
+        context.listLocal(&listed, &noServer)) {
+        if (findSession(listed, target, &session, failure)) {
+            *directory = context.files.sessionDirectory(session.id);
+            return true;
+        }
+        if (failure->code == ExitCode::Ambiguous) {
+            return false;
+        }
+    }
+    if (!findSession(sessionsOnDisk(context.files), target, &session, failure)) {
+        return false;
+    }
+    *directory = context.files.sessionDirectory(session.id);
+    return true;
+}

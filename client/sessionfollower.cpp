@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+#include "client/sessionfollower.h"
+
+#include "client/eventwait.h"
+
+#include <QElapsedTimer>
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+/** How often a server that has gone is looked for. */
+constexpr auto kRetryInterval = 250ms;
+
+/** Lists that wait for a slow reader; the newest say it all. */
+constexpr qsizetype kMaxLists = 64;
+
+} // namespace
+
+SessionFollower::SessionFollower(ClientContext *context_, std::chrono::milliseconds patience_, QObject *parent)
+    : QObject(parent)
+    , context(context_)
+    , patience(patience_)
+{
+    connect(&context->client, &RpcClient::sessionsUpdated, this, &SessionFollower::Client_sessionsUpdated);
+}
+
+void SessionFollower::Client_sessionsUpdated(const Json::Value &value)
+{
+    lists.append(sessionListFromJson(value));
+    if (lists.size() > kMaxLists) {
+        lists.removeFirst();
+    }
+}
+
+SessionFollower::Event SessionFollower::next(std::chrono::milliseconds timeout, SessionList *sessions, Failure *failure)
+{
+    RpcClient &client = context->client;
+    if (!client.isConnected()) {
+        knowsList = false;
+        if (!toldLoss) {
+            toldLoss = true;
+            return Event::Lost;
+        }
+        if (!reconnect(timeout, failure)) {
+            return failure->code == ExitCode::TimedOut ? Event::TimedOut : Event::Failed;
+        }
+        toldLoss = false;
+    }
+    if (!knowsList) {
+        return takeFirstList(sessions, failure);
+    }
+    EventWait wait([this, &client] { return !lists.isEmpty() || !client.isConnected(); });
+    connect(&client, &RpcClient::sessionsUpdated, wait.context(), [&wait] { wait.wake(); });
+    connect(&client, &RpcClient::progressed, wait.context(), [&wait] { wait.wake(); });
+    if (!wait.run(timeout)) {
+        return Event::TimedOut;
+    }
+    if (lists.isEmpty()) {
+        toldLoss = true;
+        return Event::Lost;
+    }
+    *sessions = lists.takeFirst();
+    return Event::List;
+}
+
+SessionFollower::Event SessionFollower::takeFirstList(SessionList *sessions, Failure *failure)
+{
+    SessionList listed;
+    if (!context->listAll(&listed, failure)) {
+        if (context->client.isConnected()) {
+            return Event::Failed;
+        }
+        toldLoss = true;
+        return Event::Lost;
+    }
+    knowsList = true;
+    // Of a list that was sent meanwhile nobody knows whether it is older than the answer. It is the safe one to take:
+    // whatever is newer than it is sent as well.
+    *sessions = lists.isEmpty() ? listed : lists.takeLast();
+    lists.clear();
+    return Event::List;
+}
+
+bool SessionFollower::reconnect(std::chrono::milliseconds timeout, Failure *failure)
+{
+    const auto isOver = [](std::chrono::milliseconds limit, const QElapsedTimer &since) {
+        return limit >= 0ms && std::chrono::milliseconds(since.elapsed()) >= limit;
+    };
+    QElapsedTimer elapsed;
+    elapsed.start();
+    lists.clear();
+    while (!context->connectToServer(ServerConnector::Start::Forbidden, failure)) {
+        if (failure->code != ExitCode::NoServer || isOver(patience, elapsed)) {
+            return false;
+        }
+        if (isOver(timeout, elapsed)) {
+            failure->code = ExitCode::TimedOut;
+            return false;
+        }
+        EventWait pause([] { return false; });
+        [[maybe_unused]] const bool never = pause.run(kRetryInterval);
+    }
+    return true;
+}

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "client/clientcontext.h"
+#include "client/connectionoffer.h"
+
+#include <QStringList>
+
+/**
+ * Starts a session of a new id on the connected server and shows meanwhile, on a terminal, that it goes on.
+ *
+ * @param command  as the arguments of our own command line
+ * @param offer    set only on success
+ * @param failure  set only on failure; with the end of the agent's log, if it wrote any
+ */
+[[nodiscard]] bool startSession(ClientContext &context, const QStringList &command, const QString &geometry,
+                                ConnectionOffer *offer, Failure *failure);

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/** A picture of three bytes per pixel: red, green, blue. */
+struct Picture
+{
+    std::uint16_t width = 0;
+    std::uint16_t height = 0;
+    std::vector<std::uint8_t> pixels;
+};
+
+/**
+ * Takes a picture of the whole screen of an X display. Blocks for as long as the X server takes, which may be for
+ * ever, so only a program that somebody else can kill may call it.
+ *
+ * @param display  as in ":100"
+ * @param error    set only on failure: one sentence
+ */
+[[nodiscard]] bool takePicture(const std::string &display, const std::string &cookie, Picture *picture,
+                               std::string *error);

@@ -1,0 +1,59 @@
+# SPDX-License-Identifier: MIT
+# bash completion for zarvoctl. Asks a server that runs for its sessions and never starts one.
+
+_zarvoctl_sessions()
+{
+    zarvoctl list --plain --no-start 2>/dev/null | cut -f 1
+}
+
+_zarvoctl_options()
+{
+    case $1 in
+        connect) echo "--new --geometry --print --json --no-start" ;;
+        list | ls) echo "--local --json --plain --no-legend --no-start" ;;
+        start) echo "--geometry --connect --json --no-start" ;;
+        resume | replay | version | describe) echo "--json --no-start" ;;
+        suspend | watch | screenshot) echo "--no-start" ;;
+        terminate) echo "--all -y --yes --no-start" ;;
+        wait) echo "--for --timeout --no-start" ;;
+        logs) echo "-n --lines --app" ;;
+        doctor) echo "--json" ;;
+        server) echo "--json -n --lines" ;;
+    esac
+    echo "-h --help"
+}
+
+_zarvoctl()
+{
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} verb=${COMP_WORDS[1]}
+    COMPREPLY=()
+    if [ "$COMP_CWORD" -eq 1 ]; then
+        COMPREPLY=($(compgen -W "connect list ls start resume replay suspend terminate watch wait logs screenshot doctor
+            server version describe help --help --version" -- "$current"))
+        return
+    fi
+    case $previous in
+        --for) COMPREPLY=($(compgen -W "connected suspended ended" -- "$current")) && return ;;
+        --geometry) COMPREPLY=($(compgen -W "rootless 1280x800 1920x1080" -- "$current")) && return ;;
+        --timeout | --lines | -n) return ;;
+    esac
+    case $current in
+        -*) COMPREPLY=($(compgen -W "$(_zarvoctl_options "$verb")" -- "$current")) && return ;;
+    esac
+    case $verb in
+        connect | resume | replay | suspend | terminate | wait | logs)
+            COMPREPLY=($(compgen -W "$(_zarvoctl_sessions)" -- "$current")) ;;
+        screenshot)
+            if [ "$COMP_CWORD" -eq 2 ]; then
+                COMPREPLY=($(compgen -W "$(_zarvoctl_sessions)" -- "$current"))
+            else
+                COMPREPLY=($(compgen -f -- "$current"))
+            fi ;;
+        server) COMPREPLY=($(compgen -W "start stop status log" -- "$current")) ;;
+        start) COMPREPLY=($(compgen -c -- "$current")) ;;
+        help) COMPREPLY=($(compgen -W "connect list start resume replay suspend terminate watch wait logs screenshot doctor
+            server version describe" -- "$current")) ;;
+    esac
+}
+
+complete -F _zarvoctl zarvoctl

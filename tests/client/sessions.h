@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "client/sessionentry.h"
+
+/** A session of this host whose id is the given digits filled up with zeros. */
+inline SessionEntry makeSession(const QString &digits, const QString &name,
+                                const QString &permission = QStringLiteral("connect"))
+{
+    SessionEntry entry;
+    entry.id = digits.leftJustified(32, u'0');
+    entry.name = name;
+    entry.windowMode = QStringLiteral("desktop");
+    entry.started = QStringLiteral("2026-01-31T23:59:58");
+    entry.permissions = {permission, QStringLiteral("terminate")};
+    return entry;
+}

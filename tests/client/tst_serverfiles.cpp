@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: MIT
+#include "client/serverfiles.h"
+#include "tests/testmain.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+/** The process under test passes itself off as a server, so that there is a live one. */
+class TestServerFiles : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        folder = std::make_unique<QTemporaryDir>();
+        ::prctl(PR_SET_NAME, "zarvo_server");
+    }
+
+    void traces_data()
+    {
+        QTest::addColumn<QByteArray>("pid");
+        QTest::addColumn<QByteArray>("port");
+        QTest::addColumn<int>("trace");
+        const QByteArray self = QByteArray::number(::getpid());
+        const QByteArray none; // a null array: no file
+        const QByteArray empty("");
+        const auto row = [](const char *name, const QByteArray &pid, const QByteArray &port, ServerTrace trace) {
+            QTest::newRow(name) << pid << port << static_cast<int>(trace);
+        };
+        row("nothing", none, none, ServerTrace::Missing);
+        row("running", self, "4000", ServerTrace::Running);
+        row("no port yet", self, none, ServerTrace::Starting);
+        row("port is being written", self, empty, ServerTrace::Starting);
+        row("dead", "999999999", "4000", ServerTrace::Stale);
+        row("dead before its port", "999999999", none, ServerTrace::Missing);
+        row("process 1", "1", "4000", ServerTrace::Stale);
+        row("no pid", none, "4000", ServerTrace::Stale);
+        row("pid is no number", "x", "4000", ServerTrace::Stale);
+        row("negative pid", "-1", "4000", ServerTrace::Stale);
+        row("port is no number", self, "x", ServerTrace::Unreadable);
+        row("port 0", self, "0", ServerTrace::Unreadable);
+        row("last port", self, "65535", ServerTrace::Running);
+        row("no port", self, "65536", ServerTrace::Unreadable);
+        row("broken port of the dead", none, "x", ServerTrace::Stale);
+    }
+    void traces()
+    {
+        QFETCH(QByteArray, pid);
+        QFETCH(QByteArray, port);
+        write(u"server_pid"_s, pid);
+        write(u"server_port"_s, port);
+        const ServerSighting sighting = ServerFiles(folder->path()).look();
+        QTEST(static_cast<int>(sighting.trace), "trace");
+        QCOMPARE(sighting.port, sighting.trace == ServerTrace::Running ? port.toUShort() : quint16(0));
+        QVERIFY(!sighting.detail.isEmpty());
+    }
+
+    void portOfAnEarlierServer()
+    {
+        write(u"server_pid"_s, QByteArray::number(::getpid()));
+        write(u"server_port"_s, "4000");
+        const timespec times[2] = {{1000, 0}, {1000, 0}};
+        QVERIFY(::utimensat(AT_FDCWD, qPrintable(folder->filePath(u"server_port"_s)), times, 0) == 0);
+        QVERIFY(ServerFiles(folder->path()).look().trace == ServerTrace::Starting);
+    }
+
+    void otherProgramOfThatNumber()
+    {
+        QVERIFY(isServerProcess(::getpid()));
+        ::prctl(PR_SET_NAME, "another");
+        QVERIFY(!isServerProcess(::getpid()));
+        QVERIFY(!isServerProcess(0));
+        QVERIFY(!isServerProcess(-1));
+    }
+
+    void paths()
+    {
+        const ServerFiles files(u"/home/me/.zarvo_server/host"_s);
+        QCOMPARE(files.certificatePath(), u"/home/me/.zarvo_server/server_cert"_s);
+        QCOMPARE(files.sessionDirectory(u"ab"_s), u"/home/me/.zarvo_server/host/sessions/C-ab"_s);
+    }
+
+private:
+    void write(const QString &name, const QByteArray &text)
+    {
+        if (!text.isNull()) {
+            QFile file(folder->filePath(name));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(text);
+        }
+    }
+
+    std::unique_ptr<QTemporaryDir> folder;
+};
+
+ZARVO_TEST(TestServerFiles)
+#include "tst_serverfiles.moc"

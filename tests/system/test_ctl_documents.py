@@ -1,0 +1,217 @@
+# SPDX-License-Identifier: MIT
+"""zarvoctl: help text, manual pages and completions say the same; the installed tree works."""
+import json
+import os
+import re
+import shutil
+import subprocess
+import unittest
+
+import test_ctl
+import zarvo
+
+ROOT = os.path.dirname(os.path.dirname(zarvo.HERE))
+COMPLETIONS = os.path.join(ROOT, "packaging", "completions")
+MANUAL = os.path.join(ROOT, "docs", "man")
+OPTION = re.compile(r"(?<![\w-])--?[a-z][a-z-]*")
+
+
+def help_text(*arguments):
+    result = subprocess.run([test_ctl.CTL, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=True,
+                            timeout=zarvo.DEADLINE)
+    assert result.stderr == "", result.stderr
+    return result.stdout
+
+
+def verbs():
+    """The aliases of each verb by its name."""
+    block = help_text("--help").split("Verbs:\n")[1].split("\n\n")[0]
+    names = [re.match(r"  ([a-z, ]+?)  +[A-Z]", line).group(1).split(", ") for line in block.splitlines()]
+    return {name: aliases for name, *aliases in names}
+
+
+def options(verb):
+    block = help_text(verb, "--help").split("Options:\n")[1].split("\n\n")[0]
+    return {option for line in block.splitlines() for option in OPTION.findall(re.split(r"   +| [A-Z]", line[2:])[0])}
+
+
+def plain(roff):
+    """The text of a manual page."""
+    text = re.sub(r"\\f[BRI]", "", roff).replace("\\-", "-").replace("\\(aq", "'").replace("\\e", "\\")
+    return re.sub(r"(?m)^\.(?:B|I|BR|RI|IR) ", "", text)
+
+
+def manual(name):
+    return zarvo.read(os.path.join(MANUAL, name))
+
+
+class Help(unittest.TestCase):
+    def test_every_verb_has_an_example(self):
+        self.assertEqual(len(verbs()), 15)
+        for verb, aliases in verbs().items():
+            for name in (verb, *aliases):
+                text = help_text(name, "--help")
+                self.assertIn("Usage: zarvoctl " + verb, text)
+                self.assertRegex(text, r"\nExamples?:\n  zarvoctl " + verb)
+                self.assertEqual(text, help_text("help", name))
+                self.assertEqual(text, help_text(name, "-h"))
+
+    def test_lines_fit_a_terminal(self):
+        for text in (help_text("--help"), *(help_text(verb, "--help") for verb in verbs())):
+            self.assertLessEqual(max(map(len, text.splitlines())), 110)
+
+
+class Manual(unittest.TestCase):
+    def sections(self):
+        """The text of each verb's section."""
+        block = manual("zarvoctl.1").split(".SH VERBS\n")[1].split("\n.SH ")[0]
+        parts = block.split(".SS zarvoctl ")[1:]
+        return {part.split()[0]: part for part in parts}
+
+    def test_verbs(self):
+        self.assertEqual(list(self.sections()), list(verbs()))
+
+    def test_options(self):
+        for verb, section in self.sections().items():
+            with self.subTest(verb):
+                tags = "\n".join(re.findall(r"\.TP\n(.*)", section))
+                self.assertEqual(set(OPTION.findall(plain(tags))) | {"-h", "--help"}, options(verb))
+                for line in re.findall(r"\.TP\n.*\n(.*)", section):
+                    self.assertIn(plain(line), help_text(verb, "--help"))
+
+    def test_descriptions_and_examples(self):
+        for verb, section in self.sections().items():
+            with self.subTest(verb):
+                _, description, *_ = help_text(verb, "--help").split("\n\n")
+                self.assertIn(" ".join(description.split()), " ".join(plain(section).split()).replace("...", "…"))
+                for example in re.split(r"Examples?:\n", help_text(verb, "--help"))[1].splitlines():
+                    self.assertIn("\n" + example.strip() + "\n", plain(section))
+
+    def test_usage(self):
+        for verb, section in self.sections().items():
+            usage = help_text(verb, "--help").splitlines()[0].replace("Usage: zarvoctl ", "")
+            self.assertEqual(plain(section.splitlines()[0]).strip(), usage.replace("…", "..."))
+
+    def test_exit_codes(self):
+        listed = help_text("--help").split("Exit codes:\n")[1].split("\n\n")[0]
+        block = plain(manual("zarvoctl.1")).split(".SH EXIT STATUS\n")[1].split("\n.SH ")[0]
+        self.assertEqual(re.findall(r"\.TP\n(\d+)\n(.*)", block), re.findall(r"(?m)^ +(\d+)  (.*)$", listed))
+
+    def test_settings(self):
+        source = zarvo.read(os.path.join(ROOT, "server", "settings.cpp"))
+        keys = set(re.findall(r'"([A-Z][A-Za-z]+)"_L1', source))
+        self.assertGreater(len(keys), 5)
+        self.assertEqual(set(re.findall(r"(?m)^\.BR (\w+) \" \(default", manual("zarvo_server.conf.5"))), keys)
+
+    def test_pages_are_sound(self):
+        if not shutil.which("man"):
+            self.skipTest("man is not installed")
+        for name in os.listdir(MANUAL):
+            result = subprocess.run(["man", "--warnings", "-l", os.path.join(MANUAL, name)], stdout=subprocess.PIPE, text=True,
+                                    stderr=subprocess.PIPE, env={**os.environ, "MANWIDTH": "100", "LC_ALL": "C.UTF-8"},
+                                    timeout=zarvo.DEADLINE)
+            self.assertEqual((result.returncode, result.stderr), (0, ""), name)
+            self.assertIn("SEE ALSO", result.stdout)
+
+
+class Completions(test_ctl.CtlTestCase):
+    def assert_covers(self, verb, found):
+        self.assertEqual(set(found) | {"-h", "--help"}, options(verb), verb)
+
+    def bash(self, server, *words):
+        """What bash offers for the last word."""
+        script = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _zarvoctl; printf "%s\\n" "${COMPREPLY[@]}"'
+        environment = dict(os.environ) if server is None else server.environment
+        path = os.path.dirname(test_ctl.CTL) + ":" + environment["PATH"]
+        result = subprocess.run(["bash", "--norc", "-c", script, os.path.join(COMPLETIONS, "zarvoctl.bash"), "zarvoctl", *words],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env={**environment, "PATH": path},
+                                timeout=zarvo.DEADLINE)
+        self.assertEqual(result.stderr, "")
+        return set(result.stdout.split())
+
+    def test_bash_knows_verbs_and_options(self):
+        names = {name for verb, aliases in verbs().items() for name in (verb, *aliases)}
+        self.assertEqual(self.bash(None, ""), names | {"help", "--help", "--version"})
+        for verb in verbs():
+            self.assert_covers(verb, self.bash(None, verb, "-"))
+        self.assertEqual(self.bash(None, "wait", "x", "--for", ""), {"connected", "suspended", "ended"})
+        self.assertEqual(self.bash(None, "server", "st"), {"start", "stop", "status"})
+
+    def test_bash_knows_sessions(self):
+        server = self.server()
+        sessions = {self.start(server, "a name")["id"], self.start(server)["id"]}
+        for verb in ("connect", "suspend", "screenshot", "wait"):
+            self.assertEqual(self.bash(server, verb, ""), sessions)
+
+    def test_no_server_is_started(self):
+        server = self.unattended()
+        self.assertEqual(self.bash(server, "suspend", ""), set())
+        self.assertEqual(self.servers(server), [])
+
+    def test_fish(self):
+        if not shutil.which("fish"):
+            self.skipTest("fish is not installed")
+        server = self.server()
+        session = self.start(server, "a name")["id"]
+
+        def offered(line):
+            path = os.path.dirname(test_ctl.CTL) + ":" + server.environment["PATH"]
+            script = f'source {os.path.join(COMPLETIONS, "zarvoctl.fish")}; complete -C "{line}"'
+            result = subprocess.run(["fish", "--no-config", "-c", script], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                    text=True, env={**server.environment, "PATH": path}, timeout=zarvo.DEADLINE)
+            self.assertEqual(result.stderr, "")
+            return [entry.split("\t") for entry in result.stdout.splitlines()]
+
+        self.assertIn([session, "a name"], offered("zarvoctl suspend "))
+        self.assertIn("screenshot", [entry[0] for entry in offered("zarvoctl s")])
+        for verb in verbs():
+            self.assert_covers(verb, {entry[0] for dashes in ("-", "--") for entry in offered(f"zarvoctl {verb} {dashes}")})
+
+    def test_zsh(self):
+        text = zarvo.read(os.path.join(COMPLETIONS, "_zarvoctl"))
+        self.assertEqual(set(re.findall(r"(?m)^        ['\"]([a-z]+):", text)),
+                         {name for verb, aliases in verbs().items() for name in (verb, *aliases)} | {"help"})
+        variables = {"$json": "--json", "$noStart": "--no-start", "$geometry": "--geometry", "$help": "-h --help",
+                     "$lines": "-n --lines"}
+        body = text.split("    case $verb in\n")[1].replace("\\\n", " ")
+        for verb in verbs():
+            (line,) = re.findall(rf"(?m)^        (?:[a-z| ]+ )?{verb}(?: [a-z| ]+)?\) (.*);;", body)
+            for name, value in variables.items():
+                line = line.replace(name, value)
+            self.assert_covers(verb, OPTION.findall(re.sub(r"\[[^]]*\]", " ", line)))
+        if not shutil.which("zsh"):
+            self.skipTest("zsh is not installed")
+        subprocess.run(["zsh", "-n", os.path.join(COMPLETIONS, "_zarvoctl")], check=True, timeout=zarvo.DEADLINE)
+
+
+class Installed(test_ctl.CtlTestCase):
+    def test_installed_tree(self):
+        server = self.unattended(agent=False)
+        prefix = os.path.join(server.top, "usr")
+        subprocess.run(["cmake", "--install", zarvo.BUILD, "--prefix", prefix], check=True, stdout=subprocess.DEVNULL,
+                       timeout=2 * zarvo.DEADLINE)
+        for path in ("bin/zarvo_server", "bin/zarvoctl", "libexec/zarvo/start-agent", "libexec/zarvo/start-app",
+                     "libexec/zarvo/take-screenshot", "share/man/man1/zarvoctl.1", "share/man/man1/start-agent.1",
+                     "share/man/man5/zarvo_server.conf.5", "share/man/man8/zarvo_server.8",
+                     "share/bash-completion/completions/zarvoctl", "share/zsh/site-functions/_zarvoctl",
+                     "share/fish/vendor_completions.d/zarvoctl.fish"):
+            self.assertTrue(os.path.isfile(os.path.join(prefix, path)), path)
+
+        def run(*arguments):
+            result = subprocess.run([os.path.join(prefix, "bin", "zarvoctl"), *arguments], env=server.environment, text=True,
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=2 * zarvo.DEADLINE)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            return result.stdout
+
+        session = json.loads(run("start", "--json", "--geometry", "320x240", "xterm"))["id"]
+        (pid,) = self.servers(server)
+        self.assertEqual(os.readlink(f"/proc/{pid}/exe"), os.path.join(prefix, "bin", "zarvo_server"))
+        picture = os.path.join(server.top, "picture.png")
+        run("screenshot", session, picture)
+        with open(picture, "rb") as file:
+            self.assertEqual(file.read(8), b"\x89PNG\r\n\x1a\n")
+        run("terminate", session)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,196 @@
+# SPDX-License-Identifier: MIT
+"""zarvoctl: sessions on another host, through a real sshd on the loopback interface with keys of its own."""
+import contextlib
+import getpass
+import json
+import os
+import shlex
+import shutil
+import socket
+import ssl
+import subprocess
+import sys
+import threading
+import unittest
+
+import test_ctl
+import zarvo
+from test_ctl import DONE, NO_SERVER, NO_SESSION, WRONG_STATE
+
+SSHD = shutil.which("sshd", path=os.environ.get("PATH", "") + ":/usr/sbin:/sbin")
+
+# Goes through the tunnel with a password that it knows, and says so.
+VIEWER = """
+import os, socket, sys
+host, _, port = sys.argv[-1].partition("::")
+with socket.create_connection((host, int(port)), {deadline}) as connection:
+    connection.sendall(b"{password}\\n")
+    answer = connection.recv(16)
+    print("answer", answer.decode().strip(), flush=True)
+    connection.recv(1)
+"""
+
+
+def run_ssh_keygen(path):
+    subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", path], check=True, timeout=zarvo.DEADLINE)
+
+
+class Sshd:
+    """A sshd for this user alone. Every command runs in the surroundings of one server."""
+
+    def __init__(self, folder, environment):
+        os.makedirs(folder)
+        self.path = lambda name: os.path.join(folder, name)
+        for name in ("host_key", "user_key"):
+            run_ssh_keygen(self.path(name))
+        shutil.copy(self.path("user_key.pub"), self.path("authorized_keys"))
+        with open(self.path("command"), "w", encoding="utf-8") as file:
+            file.write("#!/bin/sh\n" + "".join(f"export {key}={shlex.quote(value)}\n" for key, value in environment.items())
+                       + 'exec /bin/sh -c "$SSH_ORIGINAL_COMMAND"\n')
+        os.chmod(self.path("command"), 0o755)
+        with socket.socket() as probe:
+            probe.bind(("127.0.0.1", 0))
+            self.port = probe.getsockname()[1]
+        zarvo.write(self.path("sshd_config"), f"""
+ListenAddress 127.0.0.1
+Port {self.port}
+HostKey {self.path("host_key")}
+AuthorizedKeysFile {self.path("authorized_keys")}
+PidFile none
+StrictModes no
+UsePAM no
+PasswordAuthentication no
+PermitRootLogin prohibit-password
+ForceCommand {self.path("command")}
+""")
+        # The client's file; nothing of the user's own is read or written.
+        zarvo.write(self.path("ssh_config"), f"""
+IdentityFile {self.path("user_key")}
+IdentitiesOnly yes
+UserKnownHostsFile {self.path("known_hosts")}
+StrictHostKeyChecking yes
+BatchMode yes
+""")
+        key = zarvo.read(self.path("host_key.pub"))
+        zarvo.write(self.path("known_hosts"), f"[127.0.0.1]:{self.port} {key}")
+        self.log = open(self.path("log"), "wb")
+        self.process = subprocess.Popen([SSHD, "-D", "-e", "-f", self.path("sshd_config")], stdin=subprocess.DEVNULL,
+                                        stdout=self.log, stderr=self.log)
+        zarvo.wait_until(self.listens, "sshd: " + zarvo.read(self.path("log")))
+
+    def listens(self):
+        if self.process.poll() is not None:
+            raise AssertionError("sshd ended: " + zarvo.read(self.path("log")))
+        return "Server listening" in zarvo.read(self.path("log"))
+
+    def close(self):
+        self.process.terminate()
+        self.process.wait(zarvo.DEADLINE)
+        self.log.close()
+
+
+class Remote(test_ctl.CtlTestCase):
+    def setUp(self):
+        if not SSHD or not shutil.which("ssh"):
+            self.skipTest("openssh-server and openssh-client are not installed")
+        if os.geteuid() == 0:
+            os.makedirs("/run/sshd", mode=0o755, exist_ok=True)  # sshd's own, which its service would make
+        self.far = self.server()
+        self.near = self.server()
+        path = os.path.dirname(test_ctl.CTL) + ":" + self.far.environment["PATH"]
+        self.sshd = Sshd(os.path.join(self.far.top, "ssh"), {**self.far.environment, "PATH": path})
+        self.addCleanup(self.sshd.close)
+        self.environment = {"ZARVO_SSH": f'ssh -F "{self.sshd.path("ssh_config")}"'}
+        self.location = f"ssh://{getpass.getuser()}@127.0.0.1:{self.sshd.port}/zarvo_sci"
+
+    def list_far_sessions(self, location=None):
+        """Puts in the place of the near server one that lists the far one's sessions with their location."""
+        entries = self.far.client().call("Live.ListLocalSessions") or []
+        for entry in entries:
+            entry["location"] = self.location if location is None else location
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(self.near.certificate, self.near.key)
+        listener = socket.create_server(("127.0.0.1", 0))
+
+        def serve():
+            while True:
+                try:
+                    connection = listener.accept()[0]
+                except OSError:
+                    return
+                connection.settimeout(zarvo.DEADLINE)
+                with contextlib.suppress(OSError, EOFError), context.wrap_socket(connection, server_side=True) as encrypted:
+                    reader = zarvo.Client.__new__(zarvo.Client)
+                    reader.buffer, reader.socket = b"", encrypted
+                    while True:
+                        request = json.loads(reader.frame())
+                        result = entries if request["method"] == "Live.ListSessions" else None
+                        encrypted.sendall(zarvo.frame({"id": request["id"], "jsonrpc": "2.0", "result": result}))
+
+        thread = threading.Thread(target=serve, daemon=True)
+        thread.start()
+        self.addCleanup(thread.join, zarvo.DEADLINE)
+        self.addCleanup(listener.close)
+        self.addCleanup(listener.shutdown, socket.SHUT_RDWR)
+        zarvo.write(self.near.port_file, str(listener.getsockname()[1]))
+
+    def test_connect(self):
+        started = self.start(self.far)
+        self.list_far_sessions()
+        viewer = os.path.join(self.near.top, "viewer.py")
+        zarvo.write(viewer, VIEWER.format(password=started["password"], deadline=zarvo.DEADLINE))
+        environment = {**self.environment, "ZARVO_VIEWER": f'"{sys.executable}" "{viewer}"'}
+        process = self.background(self.near, "connect", started["id"], environment=environment)
+        self.assertEqual(process.stderr.readline(), "answer ok\n")
+        self.wait_state(self.far, started["id"], "connected")
+        self.ctl(self.far, "suspend")
+        self.assertEqual(process.wait(zarvo.DEADLINE), DONE, process.stderr.read())
+
+    def test_print(self):
+        started = self.start(self.far)
+        self.list_far_sessions()
+        offer = self.ctl_json(self.near, "connect", "--print", started["id"][:6], environment=self.environment)
+        self.assertEqual(offer, {**started, "host": "127.0.0.1"})
+        self.assertEqual(self.ctl_json(self.near, "list")[0]["location"], self.location)
+        (line,) = self.ctl(self.near, "list", "--no-legend").splitlines()
+        self.assertIn(" 127.0.0.1 ", line)
+
+    def test_failures_over_there(self):
+        started = self.start(self.far)
+        self.list_far_sessions()
+        viewer = self.far.viewer(started["port"], started["password"])
+        self.wait_state(self.far, started["id"], "connected")
+        self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=WRONG_STATE)
+        viewer.close()
+        self.ctl(self.far, "terminate")
+        self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=NO_SESSION)
+
+    def test_no_way_there(self):
+        self.start(self.far)
+        self.list_far_sessions()
+        zarvo.write(self.sshd.path("authorized_keys"), "")
+        error = self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=NO_SERVER)
+        self.assertIn("Permission denied", error)
+
+    def test_no_zarvoctl_there(self):
+        self.start(self.far)
+        self.list_far_sessions()
+        zarvo.write(self.sshd.path("command"), "#!/bin/sh\nexit 127\n")
+        error = self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=NO_SERVER)
+        self.assertIn("no zarvoctl", error)
+
+    def test_location_that_is_no_host(self):
+        self.start(self.far)
+        self.list_far_sessions(location="ssh://-oProxyCommand=true/x")
+        error = self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=WRONG_STATE)
+        self.assertIn("names no host", error)
+
+    def test_other_verbs_say_where_it_is(self):
+        started = self.start(self.far)
+        self.list_far_sessions()
+        error = self.ctl_error(self.near, "terminate", started["id"], code=WRONG_STATE)
+        self.assertIn('on the host "127.0.0.1"', error)
+
+
+if __name__ == "__main__":
+    unittest.main()

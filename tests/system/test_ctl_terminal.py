@@ -1,0 +1,161 @@
+# SPDX-License-Identifier: MIT
+"""zarvoctl on a terminal: colour, width, progress, questions, the live table."""
+import fcntl
+import os
+import pty
+import re
+import select
+import struct
+import subprocess
+import termios
+import time
+import unicodedata
+import unittest
+
+import test_ctl
+import zarvo
+
+ESCAPE = re.compile(r"\x1b\[[0-9;]*[A-Za-z]")
+
+
+class Terminal:
+    """A program on a pseudo-terminal of its own."""
+
+    def __init__(self, environment, *arguments, columns=80, rows=24):
+        self.master, slave = pty.openpty()
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        self.process = subprocess.Popen([test_ctl.CTL, *arguments], stdin=slave, stdout=slave, stderr=slave,
+                                        env={"TERM": "xterm", **environment})
+        os.close(slave)
+        self.text = ""
+
+    def read_some(self, timeout):
+        if not select.select([self.master], [], [], timeout)[0]:
+            return False
+        try:
+            data = os.read(self.master, 65536)
+        except OSError:
+            data = b""
+        self.text += data.decode("utf-8", "replace")
+        return bool(data)
+
+    def wait_for(self, text):
+        end = time.monotonic() + zarvo.DEADLINE
+        while text not in self.text:
+            if not self.read_some(max(0, end - time.monotonic())):
+                raise AssertionError(f"no {text!r} on the terminal: {self.text!r}")
+
+    def type(self, text):
+        os.write(self.master, text.encode())
+
+    def finish(self):
+        """Reads on to the end of the program; returns its exit code and the lines of the terminal."""
+        while self.read_some(zarvo.DEADLINE):
+            pass
+        code = self.process.wait(zarvo.DEADLINE)
+        return code, self.text.replace("\r\n", "\n")
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait(zarvo.DEADLINE)
+        os.close(self.master)
+
+
+def width(text):
+    return sum(0 if unicodedata.combining(c) else 2 if unicodedata.east_asian_width(c) in "WF" else 1 for c in text)
+
+
+class OnTerminal(test_ctl.CtlTestCase):
+    def terminal(self, server, *arguments, environment=None, **how):
+        terminal = Terminal({**server.environment, **(environment or {})}, *arguments, **how)
+        self.addCleanup(terminal.close)
+        return terminal
+
+    def test_colour(self):
+        server = self.server()
+        self.start(server)
+        _, text = self.terminal(server, "list").finish()
+        self.assertIn("\x1b[33moffered\x1b[0m", text)
+        for environment in ({"NO_COLOR": "1"}, {"TERM": "dumb"}):
+            code, text = self.terminal(server, "list", environment=environment).finish()
+            self.assertEqual(code, 0)
+            self.assertNotIn("\x1b", text)
+        self.assertNotIn("\x1b", self.ctl(server, "list"))
+
+    def test_width(self):
+        server = self.server()
+        for name in ("a" * 200, "統合開発環境" * 10, "short"):
+            self.start(server, name)
+        for columns in (60, 80, 100, 133, 300):
+            with self.subTest(columns):
+                _, text = self.terminal(server, "list", columns=columns).finish()
+                lines = [ESCAPE.sub("", line) for line in text.splitlines()]
+                self.assertEqual(len(lines), 4)
+                self.assertLessEqual(max(map(width, lines)), columns)
+                if columns >= 100:
+                    places = {width(line[:line.index("desktop")]) for line in lines[1:]}
+                    self.assertEqual(places, {width(lines[0][:lines[0].index("MODE")])})
+                    self.assertIn("…" if columns < 300 else "a" * 200, text)
+        self.assertIn("a" * 200, self.ctl(server, "list"))
+
+    def test_progress(self):
+        server = self.server()
+        server.agent(ready_delay=1)
+        code, text = self.terminal(server, "start", "slow program").finish()
+        self.assertEqual(code, 0)
+        self.assertRegex(text, r"\r\x1b\[KStarting slow program… 0\.\d s\r\x1b\[K")
+        self.assertRegex(text.split("\r\x1b[K")[-1], r"\Asession   [0-9a-f]{32}\n")
+        server.agent(ready_delay=1)
+        self.assertNotIn("Starting", self.ctl_result(server, "start", "slow program").stderr)
+
+    def test_question(self):
+        server = self.server()
+        sessions = [self.start(server, name)["id"] for name in ("one", "two")]
+        for answer, left in (("\n", 2), ("n\n", 2), ("\x04", 2), ("nonsense\n", 2), ("y\n", 0)):
+            with self.subTest(answer):
+                terminal = self.terminal(server, "terminate", "--all")
+                terminal.wait_for("End these 2 sessions? [y/N]")
+                self.assertIn(sessions[0][:8], terminal.text)
+                terminal.type(answer)
+                self.assertEqual(terminal.finish()[0], 0 if left == 0 else 1)
+                self.assertEqual(len(self.ctl_json(server, "list")), left)
+
+    def test_no_question(self):
+        server = self.server()
+        for arguments in (("--all", "--yes"), ("-y",), ("named",)):
+            self.start(server, "named")
+            code, text = self.terminal(server, "terminate", *arguments).finish()
+            self.assertEqual(code, 0)
+            self.assertNotIn("[y/N]", text)
+            self.assertEqual(self.ctl_json(server, "list"), [])
+
+    def test_question_about_the_only_one(self):
+        server = self.server()
+        self.start(server)
+        terminal = self.terminal(server, "terminate")
+        terminal.wait_for("End this session?")
+        terminal.type("yes\n")
+        self.assertEqual(terminal.finish()[0], 0)
+
+    def test_live_table(self):
+        server = self.server()
+        self.start(server, "first")
+        terminal = self.terminal(server, "watch", rows=5)
+        terminal.wait_for("first")
+        for name in ("second", "third", "fourth", "fifth"):
+            self.start(server, name)
+        self.ctl(server, "terminate", "first")
+        screen = lambda: terminal.text.split("\x1b[H\x1b[J")[-1].replace("\r\n", "\n")
+
+        def is_last():
+            terminal.read_some(0.05)
+            return "first" not in screen() and screen().count("\n") == 4
+        zarvo.wait_until(is_last, "a table without the first session, cut to the height of the terminal")
+        self.assertTrue(screen().startswith("Sessions at "))
+        terminal.process.send_signal(2)
+        self.assertEqual(terminal.finish()[0], -2)
+
+
+if __name__ == "__main__":
+    unittest.main()
