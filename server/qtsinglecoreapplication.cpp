@@ -47,6 +47,13 @@ int openLockFile(const QString &path, int create)
     return -1;
 }
 
+bool isSameFile(int first, int second)
+{
+    struct stat a = {};
+    struct stat b = {};
+    return ::fstat(first, &a) == 0 && ::fstat(second, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 } // namespace
 
 QtSingleCoreApplication::QtSingleCoreApplication(const QString &id_, int &argc, char **argv)
@@ -80,6 +87,11 @@ bool QtSingleCoreApplication::isRunning()
         const QString folder = number < kLockNames ? QDir::tempPath() : u"/tmp"_s;
         const int descriptor = openLockFile(lockPath(folder, id, number % kLockNames), lock == -1 ? O_CREAT : 0);
         if (descriptor == -1) {
+            continue;
+        }
+        // Usually the two folders are one, and our own lock on the same file would look like somebody else's.
+        if (lock != -1 && isSameFile(descriptor, lock)) {
+            ::close(descriptor);
             continue;
         }
         const bool locked = ::flock(descriptor, LOCK_EX | LOCK_NB) == 0;

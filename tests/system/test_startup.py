@@ -474,3 +474,38 @@ class Signals(zarvo.TestCase):
 
 if __name__ == "__main__":
     unittest.main()
+
+
+class TemporaryDirectory(zarvo.TestCase):
+    """The guard against a second server works wherever the temporary directory is, and when it is missing."""
+
+    def assert_one_server(self, folder):
+        server = self.server(environment={"TMPDIR": folder})
+        second = server.start(check=False)
+        self.assertEqual((second.stdout, second.stderr, second.status, second.wait_daemon_exit()), ("", "", 0, 0))
+        self.assertEqual(zarvo.read(server.pid_file), str(server.pid))
+        self.assert_serves(server)
+
+    def test_usual_place(self):
+        self.assert_one_server(None)
+
+    def test_missing_folder(self):
+        self.assert_one_server("/no/such/folder")
+
+
+class OddLaunchers(zarvo.TestCase):
+    def test_ignored_signals_are_not_inherited(self):
+        server = self.prepare()
+        ignored = [signal.SIGCHLD, signal.SIGUSR1, signal.SIGUSR2, signal.SIGQUIT]
+        before = [signal.signal(number, signal.SIG_IGN) for number in ignored]
+        try:
+            server.start()
+        finally:
+            for number, handler in zip(ignored, before):
+                signal.signal(number, handler)
+        ignoring = next(line for line in zarvo.read(f"/proc/{server.pid}/status").splitlines()
+                        if line.startswith("SigIgn:"))
+        mask = int(ignoring.split()[1], 16)
+        self.assertEqual([number for number in ignored if mask >> (number - 1) & 1], [])
+        with server.client() as client:
+            client.call("Live.Start", [zarvo.new_id(), "xterm", "800x600"])
