@@ -53,8 +53,6 @@ int main(int argc, char **argv)
         return 0;
     }
     QThreadPool *pool = QThreadPool::globalInstance();
-    // A thread that is kept needs no new descriptors when it is needed most.
-    pool->setExpiryTimeout(-1);
     pool->setMaxThreadCount(std::max(pool->maxThreadCount(), kMinPoolThreads));
 
     Server server;

@@ -70,8 +70,10 @@ QString stringFromJson(const Json::Value &value)
     if (!value.isString() || !value.getString(&begin, &end)) {
         return {};
     }
-    // A byte order mark is a character like any other here; the plain conversion would drop it.
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringConverter::Flag::ConvertInitialBom);
+    // A byte order mark is a character like any other here; the plain conversion would drop it. Stateless, so that a
+    // character cut off at the end shows.
+    QStringDecoder decoder(QStringDecoder::Utf8,
+                           QStringConverter::Flag::ConvertInitialBom | QStringConverter::Flag::Stateless);
     return decoder.decode(QByteArrayView(begin, end));
 }
 

@@ -21,6 +21,7 @@ private slots:
     void linesChangeTheRecord();
     void lineIsTakenInPiecesOf512Characters();
     void lineOfWholePiecesEndsNoLog();
+    void pipeInTheLogsPlaceIsNotWaitedFor();
     void longLineIsNoEventAsAWhole();
     void readingTwiceCountsTwice();
     void onlyTheFieldsOfTheEventsChange();
@@ -245,7 +246,22 @@ void TestAgentLog::lineOfWholePiecesEndsNoLog()
         putFile(path, QByteArray(length, 'x') + "\nScreen resized to '3x4'\n");
         QVERIFY(readAgentLog(&session, path, &error));
         QCOMPARE(session.screenSize, QSize(3, 4));
+
+        putFile(path, QByteArray(length, 'x') + "\n\nScreen resized to '5x6'\n");
+        QVERIFY(readAgentLog(&session, path, &error));
+        QCOMPARE(session.screenSize, QSize(3, 4));
     }
+}
+
+void TestAgentLog::pipeInTheLogsPlaceIsNotWaitedFor()
+{
+    const QString pipe = folder.filePath(u"pipe"_s);
+    QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    Session session = knownSession();
+    QString error;
+    QVERIFY(!readAgentLog(&session, pipe, &error));
+    QCOMPARE(error, u"Failed to open the file \"%1\": Not a regular file"_s.arg(pipe));
+    QCOMPARE(told(session), told(knownSession()));
 }
 
 void TestAgentLog::longLineIsNoEventAsAWhole()

@@ -51,6 +51,7 @@ private slots:
     void firstOpenDisplayIsTaken();
 
     void logOfAnEarlierRunIsSetAside();
+    void pidOfAnEarlierRunIsForgotten();
     void logOfTheLastRunReplacesTheOneBefore();
     void newDirectoryHasNoEarlierRun();
 
@@ -437,6 +438,18 @@ void TestLaunch::logOfAnEarlierRunIsSetAside()
     QVERIFY(waitForFile(programs->filePath(u"found"_s)));
     QCOMPARE(recorded(u"found"_s), QByteArray("server_log.old\n"));
     QCOMPARE(contentOf(file(u"server_log.old"_s)), QByteArray("earlier\n"));
+}
+
+void TestLaunch::pidOfAnEarlierRunIsForgotten()
+{
+    // It may be another process's by now.
+    QVERIFY(QDir().mkpath(directory));
+    putFile(file(u"server_pid"_s), QByteArray::number(::getpid()));
+    programs->add(u"start-agent"_s, record(u"found"_s, u"ls"_s));
+    QCOMPARE(start(), 0);
+    QVERIFY(waitForFile(programs->filePath(u"found"_s)));
+    QVERIFY(recorded(u"found"_s).contains("display\n"));
+    QVERIFY(!recorded(u"found"_s).contains("server_pid\n"));
 }
 
 void TestLaunch::logOfTheLastRunReplacesTheOneBefore()

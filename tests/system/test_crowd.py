@@ -143,7 +143,7 @@ class Crowd(zarvo.TestCase):
 
     def assert_listed_are_those_alive(self, server, client):
         def agree():
-            listed = {session["id"] for session in client.call("Live.ListLocalSessions") or []}
+            listed = {session["id"] for session in client.local_sessions()}
             return listed == self.running(server) or None
         zarvo.wait_until(agree, "the listing to be the sessions whose agents run")
 

@@ -580,7 +580,9 @@ class Growth(HostileCase):
         zarvo.wait_until(lambda: self.measure()[0] <= first[0], "the descriptors to be closed")
         _, threads, resident = quiet()
         self.assertLessEqual(threads, first[1] + 8)
-        self.assertLess(resident - first[2], 8 << 20, "bytes more after many queries")
+        # A sanitizer keeps what is freed for a while, and books.
+        allowed = (8 << 20) + self.instance.instrumentation()
+        self.assertLess(resident - first[2], allowed, "bytes more after many queries")
 
 
 if __name__ == "__main__":

@@ -30,7 +30,7 @@ class EndToEnd(zarvo.TestCase):
 
     def wait_permissions(self, session, expected):
         def permissions():
-            return {entry["id"]: entry["permissions"] for entry in self.client.call("Live.ListLocalSessions") or []}
+            return {entry["id"]: entry["permissions"] for entry in self.client.local_sessions()}
         zarvo.wait_until(lambda: permissions().get(session) == expected, f"the permissions {expected}")
 
     def others(self):

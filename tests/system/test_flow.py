@@ -77,12 +77,6 @@ class Frames:
         return frames
 
 
-def instrumentation(server):
-    """What a sanitizer's bookkeeping may add to the growth. It shows by the address space that it sets aside."""
-    size = int(re.search(r"VmSize:\s+(\d+) kB", zarvo.read(f"/proc/{server.pid}/status")).group(1)) * 1024
-    return 80 * MEBIBYTE if size > 1024 * 1024 * MEBIBYTE else 0
-
-
 class Flow(zarvo.TestCase):
     def pipeline(self, server, requests, answer_of):
         """Sends all requests as fast as they are taken while answers are read; returns the server's growth in bytes."""
@@ -111,7 +105,7 @@ class Flow(zarvo.TestCase):
         requests = [zarvo.frame(b'{"id":%d,"jsonrpc":"2.0","method":"x"}%s' % (i, filler)) for i in range(100000)]
         expected = b'{"error":{"code":-32601,"message":"Method not found."},"id":%d,"jsonrpc":"2.0"}\n'
         growth = self.pipeline(server, requests, lambda number: expected % number)
-        self.assertLess(growth, 16 * MEBIBYTE + instrumentation(server))
+        self.assertLess(growth, 16 * MEBIBYTE + server.instrumentation())
         self.assert_serves(server)
 
     def test_pipelined_large_frames_in_bounded_memory(self):
@@ -120,7 +114,7 @@ class Flow(zarvo.TestCase):
                     for i in range(3000)]
         growth = self.pipeline(server, requests,
                                lambda number: b'{"id":%d,"jsonrpc":"2.0","result":"1.0.38"}\n' % number)
-        self.assertLess(growth, 24 * MEBIBYTE + instrumentation(server))
+        self.assertLess(growth, 24 * MEBIBYTE + server.instrumentation())
 
     def test_client_that_reads_nothing_is_no_longer_read_from(self):
         server = self.server()
@@ -131,7 +125,7 @@ class Flow(zarvo.TestCase):
             client.send(batch)
             answer = len(client.answer_bytes())
         self.assertGreater(answer, 500000)
-        base, bound = server.resident(), 64 * MEBIBYTE + instrumentation(server)
+        base, bound = server.resident(), 64 * MEBIBYTE + server.instrumentation()
         stream = Stream(server.client())
         stream.unsent = memoryview(request * 2000)
         end = time.monotonic() + PATIENCE
@@ -192,7 +186,7 @@ class Flow(zarvo.TestCase):
     def test_client_that_stops_in_the_middle_of_a_frame_costs_nothing(self):
         server = self.server()
         self.assert_serves(server)
-        base, bound = server.resident(), 64 * MEBIBYTE + instrumentation(server)
+        base, bound = server.resident(), 64 * MEBIBYTE + server.instrumentation()
         clients = [server.client() for _ in range(20)]
         for client in clients:
             client.send_raw(b"65536:" + b" " * 60000)

@@ -271,7 +271,7 @@ class AgentFailures(zarvo.TestCase):
         return session
 
     def listed(self, server):
-        return [entry["id"] for entry in server.client().call("Live.ListLocalSessions") or []]
+        return [entry["id"] for entry in server.client().local_sessions()]
 
     def wait_unlisted(self, server, session):
         zarvo.wait_until(lambda: session not in self.listed(server), "the session to be dropped")
