@@ -124,7 +124,8 @@ class Displays:
                     with socket.socket() as probe:
                         probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
                         probe.bind(("127.0.0.1", port))
-                if os.path.lexists(f"/tmp/.X{number}-lock") or os.path.lexists(f"/tmp/Xrdp_{number}.sock"):
+                if any(map(os.path.lexists, (f"/tmp/.X{number}-lock", f"/tmp/.X11-unix/X{number}",
+                                             f"/tmp/Xrdp_{number}.sock"))):
                     raise OSError
         except OSError:
             self.close()
