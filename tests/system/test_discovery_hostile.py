@@ -227,14 +227,15 @@ class Latencies:
             self.failure = failure
 
     def __exit__(self, kind, *_):
-        self.done.set()
-        self.thread.join()
-        self.client.close()
-        if kind is None:
-            if self.failure:
-                raise self.failure
-            if len(self.found) < 10:
-                raise AssertionError(f"too few answers to judge by: {len(self.found)}")
+        try:
+            if kind is None:  # a busy machine answers late, so the number to judge by is waited for
+                zarvo.wait_until(lambda: self.failure or len(self.found) >= 10, "answers to judge by")
+        finally:
+            self.done.set()
+            self.thread.join()
+            self.client.close()
+        if kind is None and self.failure:
+            raise self.failure
 
 
 class Answers(HostileCase):
