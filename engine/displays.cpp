@@ -2,12 +2,20 @@
 #include "engine/displays.h"
 
 #include "engine/session.h"
+#include "engine/sessionfiles.h"
 
 #include <QDir>
 #include <QFile>
 #include <QHostAddress>
+#include <QLocalSocket>
 #include <QMutexLocker>
 #include <QTcpSocket>
+
+#include <cerrno>
+#include <csignal>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -37,6 +45,33 @@ bool isDisplayOpen(quint16 display)
            !QFile::exists(agentSocketPath(display));
 }
 
+/** Whether the path is of this type and belongs to this user; what a link points to does not count. */
+bool isOwn(const QByteArray &path, mode_t type)
+{
+    struct stat status = {};
+    return ::lstat(path.constData(), &status) == 0 && (status.st_mode & S_IFMT) == type && status.st_uid == ::geteuid();
+}
+
+void removeStaleSocket(const QString &path)
+{
+    if (!isOwn(QFile::encodeName(path), S_IFSOCK)) {
+        return;
+    }
+    QLocalSocket socket;
+    socket.connectToServer(path);
+    if (socket.error() == QLocalSocket::ConnectionRefusedError) {
+        QFile::remove(path);
+    }
+}
+
+/** Whether the X server that made the lock file, which holds its pid, is still there; in doubt it is. */
+bool isLockHeld(const QString &path)
+{
+    qint32 pid = 0;
+    QString error;
+    return !readNumberFile(path, &pid, &error) || pid <= 0 || ::kill(pid, 0) == 0 || errno != ESRCH;
+}
+
 } // namespace
 
 bool isPortFree(quint16 port)
@@ -52,14 +87,23 @@ bool DisplayReservations::insert(quint16 display)
     if (displays.contains(display)) {
         return false;
     }
-    displays.insert(display);
+    displays.insert(display, 1);
     return true;
+}
+
+void DisplayReservations::hold(quint16 display)
+{
+    const QMutexLocker locker(&mutex);
+    ++displays[display];
 }
 
 void DisplayReservations::remove(quint16 display)
 {
     const QMutexLocker locker(&mutex);
-    displays.remove(display);
+    const auto found = displays.find(display);
+    if (found != displays.end() && --*found == 0) {
+        displays.erase(found);
+    }
 }
 
 DisplayReservation::DisplayReservation(DisplayReservations *all_)
@@ -104,4 +148,16 @@ std::optional<quint16> findOpenDisplay(quint16 base, quint16 limit, DisplayReser
         reservation->release();
     }
     return std::nullopt;
+}
+
+void removeStaleDisplayFiles(quint16 display)
+{
+    removeStaleSocket(agentSocketPath(display));
+    const QString lock = displayLockPath(display);
+    if (!isOwn(QFile::encodeName(lock), S_IFREG) || isLockHeld(lock)) {
+        return;
+    }
+    // The lock last: it keeps another X server from making the socket anew meanwhile.
+    removeStaleSocket(displaySocketPath(display));
+    QFile::remove(lock);
 }

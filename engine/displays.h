@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QHash>
 #include <QMutex>
-#include <QSet>
 
 #include <optional>
 
@@ -13,19 +13,23 @@
 [[nodiscard]] bool isPortFree(quint16 port);
 
 /**
- * The display numbers of sessions that are being started: nothing on the system shows yet that they are taken. Two
- * sessions on one display would see each other's state, passwords included. Callable from any thread.
+ * The display numbers of our sessions, from before they are started until they have left the registry: nothing on the
+ * system shows yet that they are taken while an agent is slow. Two sessions on one display would see each other's
+ * state, passwords included. Callable from any thread.
  */
 class DisplayReservations
 {
 public:
     /** Reserves the number; false when it is reserved already. */
     [[nodiscard]] bool insert(quint16 display);
+    /** Reserves the number once more, whoever else has. */
+    void hold(quint16 display);
+    /** Takes back one insert() or hold(). */
     void remove(quint16 display);
 
 private:
-    QMutex mutex; ///< guards the set
-    QSet<quint16> displays;
+    QMutex mutex;                 ///< guards the table
+    QHash<quint16, int> displays; ///< how often each is reserved, never 0
 };
 
 /** One number in such a set, for as long as this object lives. Used by one thread. */
@@ -54,3 +58,11 @@ private:
  */
 [[nodiscard]] std::optional<quint16> findOpenDisplay(quint16 base, quint16 limit,
                                                      DisplayReservation *reservation = nullptr);
+
+/**
+ * Removes what processes of this user that were killed have left of the display: the agent's socket, the X socket when
+ * nobody listens on them, and the X lock file when its process is gone. The display could never be found open
+ * otherwise. Call it once the display's agent is gone and before its number may be given away again; callable from any
+ * thread.
+ */
+void removeStaleDisplayFiles(quint16 display);

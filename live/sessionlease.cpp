@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "live/sessionlease.h"
 
+#include "engine/displays.h"
 #include "engine/session.h"
 #include "live/sessionstore.h"
 
@@ -34,6 +35,10 @@ SessionLease::~SessionLease()
 
 void SessionLease::remove()
 {
+    // Before the registry lets go of the display's number, so that no new session's files can be meant.
+    if (session->exited) {
+        removeStaleDisplayFiles(session->display);
+    }
     session = nullptr;
     store->removeSession(id);
 }

@@ -36,7 +36,10 @@ public:
     [[nodiscard]] Session &operator*() const { return *session; }
     [[nodiscard]] Session *get() const { return session; }
 
-    /** Takes the session out of the registry and deletes its record; the lease is over. */
+    /**
+     * Takes the session out of the registry and deletes its record; the lease is over. What an agent that was killed
+     * has left of its display goes as well.
+     */
     void remove();
 
     /** Ends the lease after an operation that failed with @p failure: a broken session is removed. */

@@ -102,10 +102,28 @@ void SessionStore::scan()
             refreshSession(session.get()) != SessionOk) {
             continue;
         }
-        // Two directories may carry one id, with a suffix that does not count.
-        if (sessions.insert_or_assign(id, std::move(session)).second) {
-            holdSession();
-        }
+        insert(id, std::move(session)); // two directories may carry one id, with a suffix that does not count
+    }
+}
+
+/** Registers the session in place of an earlier one of this id. The mutex is held, or nobody else is there yet. */
+void SessionStore::insert(const QString &id, std::unique_ptr<Session> session)
+{
+    if (session) {
+        reservations.hold(session->display);
+    }
+    const auto [entry, isNew] = sessions.try_emplace(id);
+    if (isNew) {
+        holdSession(); // a replaced entry hands its hold on
+    }
+    releaseDisplay(entry->second);
+    entry->second = {std::move(session), std::nullopt};
+}
+
+void SessionStore::releaseDisplay(const Entry &entry)
+{
+    if (entry.session) {
+        reservations.remove(entry.session->display);
     }
 }
 
@@ -144,11 +162,11 @@ int SessionStore::tryAcquire(const QString &id, Session *&session)
 int SessionStore::markBusy(const QString &id, Session *&session)
 {
     const auto found = sessions.find(id);
-    if (found == sessions.end() || !found->second) {
+    if (found == sessions.end() || !found->second.session) {
         return NoSuchSession;
     }
     busy.insert(id);
-    session = found->second.get();
+    session = found->second.session.get();
     return SessionOk;
 }
 
@@ -162,11 +180,7 @@ void SessionStore::release(const QString &id)
 void SessionStore::addSession(const QString &id, std::unique_ptr<Session> session)
 {
     const QMutexLocker locker(&mutex);
-    std::unique_ptr<Session> &entry = sessions[id];
-    if (!entry) {
-        holdSession(); // a replaced entry hands its hold on
-    }
-    entry = std::move(session);
+    insert(id, std::move(session));
     busy.insert(id);
 }
 
@@ -180,7 +194,8 @@ std::unique_ptr<Session> SessionStore::removeSession(const QString &id)
         return nullptr;
     }
     releaseSession();
-    return std::move(entry.mapped());
+    releaseDisplay(entry.mapped());
+    return std::move(entry.mapped().session);
 }
 
 QStringList SessionStore::sessionIds() const
@@ -188,33 +203,45 @@ QStringList SessionStore::sessionIds() const
     const QMutexLocker locker(&mutex);
     QStringList ids;
     ids.reserve(static_cast<qsizetype>(sessions.size()));
-    for (const auto &[id, session] : sessions) {
+    for (const auto &[id, entry] : sessions) {
         ids.append(id);
     }
     return ids;
+}
+
+std::optional<SessionInfo> SessionStore::lastListed(const QString &id) const
+{
+    const QMutexLocker locker(&mutex);
+    const auto found = sessions.find(id);
+    return found == sessions.end() ? std::nullopt : found->second.listed;
+}
+
+void SessionStore::setListed(const QString &id, const SessionInfo &info)
+{
+    const QMutexLocker locker(&mutex);
+    const auto found = sessions.find(id);
+    if (found != sessions.end()) {
+        found->second.listed = info;
+    }
 }
 
 void SessionStore::refreshAll(QList<SessionInfo> &out)
 {
     purgeRemoteSessions();
     out = remoteSessions();
-    QMap<QString, SessionInfo> listed;
     const QStringList ids = sessionIds();
     for (const QString &id : ids) {
         if (const std::optional<SessionInfo> info = refreshOne(id)) {
             out.append(*info);
-            listed.insert(id, *info);
         }
     }
-    lastListed = listed;
 }
 
 std::optional<SessionInfo> SessionStore::refreshOne(const QString &id)
 {
     SessionLease lease(this, id, SessionLease::IfFree());
     if (lease.code() == InvalidState) {
-        const auto last = lastListed.constFind(id);
-        return last == lastListed.cend() ? std::nullopt : std::optional(*last);
+        return lastListed(id);
     }
     if (lease.code() != SessionOk) {
         return std::nullopt;
@@ -228,7 +255,9 @@ std::optional<SessionInfo> SessionStore::refreshOne(const QString &id)
         lease.remove();
         return std::nullopt;
     }
-    return SessionInfo(id, location, *lease);
+    const SessionInfo info(id, location, *lease);
+    setListed(id, info); // while the session is ours, so that nobody can have replaced it
+    return info;
 }
 
 int SessionStore::listLocalSessions(QList<SessionInfo> &out)

@@ -96,11 +96,22 @@ public:
     [[nodiscard]] QList<SessionInfo> remoteSessions() const;
 
 private:
+    /** A registered session: its display number is reserved until it leaves the registry. */
+    struct Entry
+    {
+        std::unique_ptr<Session> session;
+        std::optional<SessionInfo> listed; ///< as the last refreshAll() listed it
+    };
+
     void scan();
+    void insert(const QString &id, std::unique_ptr<Session> session);
+    void releaseDisplay(const Entry &entry);
     [[nodiscard]] bool reserve(const QString &id);
     [[nodiscard]] int startReserved(const QString &id, const QString &command, const QString &geometry,
                                     QString &password, quint16 &port);
     [[nodiscard]] std::optional<SessionInfo> refreshOne(const QString &id);
+    [[nodiscard]] std::optional<SessionInfo> lastListed(const QString &id) const;
+    void setListed(const QString &id, const SessionInfo &info);
     [[nodiscard]] int markBusy(const QString &id, Session *&session);
     [[nodiscard]] int appendLocalSessions(QList<SessionInfo> &out);
 
@@ -112,10 +123,8 @@ private:
 
     mutable QMutex mutex; ///< guards all below
     QWaitCondition changed;
-    std::map<QString, std::unique_ptr<Session>> sessions;
+    std::map<QString, Entry> sessions;
     QMap<QString, QDateTime> remoteExpiry;
     QMap<QString, QList<SessionInfo>> remoteLists;
     QSet<QString> busy; ///< ids that one caller works on, or is about to register
-
-    QMap<QString, SessionInfo> lastListed; ///< by id, what refreshAll() listed; touched by it alone
 };

@@ -2,10 +2,13 @@
 #include "engine/displays.h"
 #include "engine/session.h"
 #include "tests/engine/files.h"
+#include "tests/engine/leftsocket.h"
 #include "tests/engine/reserveddisplays.h"
 #include "tests/testmain.h"
 
 #include <QDir>
+#include <QLocalServer>
+#include <QProcess>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
@@ -44,6 +47,10 @@ private slots:
     void searchReservesWhatItFinds();
     void searchPassesOverWhatOthersReserved();
     void searchThatFindsNothingReservesNothing();
+    void numberIsReservedUntilItsLastHoldEnds();
+    void whatKilledProcessesLeftIsRemoved();
+    void whatIsInUseStays_data();
+    void whatIsInUseStays();
 
 private:
     QTemporaryDir temporary; ///< the system's temporary directory for this test
@@ -55,9 +62,9 @@ namespace {
 using Occupy = void (*)(quint16 display);
 
 /** The listeners that the rows of a test make; gone with the test function. */
-QList<QTcpServer *> &listeners()
+QList<QObject *> &listeners()
 {
-    static QList<QTcpServer *> all;
+    static QList<QObject *> all;
     return all;
 }
 
@@ -68,6 +75,31 @@ void listenOn(int port)
     if (!server->listen(QHostAddress::LocalHost, static_cast<quint16>(port))) {
         qFatal("Failed to listen on port %d", port);
     }
+}
+
+void listenLocally(const QString &path)
+{
+    auto *server = new QLocalServer;
+    listeners().append(server);
+    if (!server->listen(path)) {
+        qFatal("Failed to listen on %s", qPrintable(path));
+    }
+}
+
+/** What an X server writes into its lock file. */
+QByteArray lockOf(qint64 pid)
+{
+    return QByteArray::number(pid).rightJustified(10) + '\n';
+}
+
+/** The pid of a process that is gone. */
+qint64 pidOfNobody()
+{
+    QProcess process;
+    process.start(u"/bin/true"_s);
+    const qint64 pid = process.waitForStarted() ? process.processId() : 0;
+    process.waitForFinished();
+    return pid;
 }
 
 QString socketFile(quint16 display)
@@ -347,6 +379,68 @@ void TestDisplays::searchThatFindsNothingReservesNothing()
     QVERIFY(!findOpenDisplay(displays.first(), displays.end(), &reservation));
     QVERIFY(all.insert(displays.first()));
     QVERIFY(all.insert(displays.first() + 1));
+}
+
+void TestDisplays::numberIsReservedUntilItsLastHoldEnds()
+{
+    DisplayReservations all;
+    {
+        DisplayReservation reservation(&all);
+        QVERIFY(reservation.take(100));
+        all.hold(100);
+    }
+    all.hold(100);
+    QVERIFY(!all.insert(100));
+    all.remove(100);
+    QVERIFY(!all.insert(100));
+    all.remove(100);
+    QVERIFY(all.insert(100));
+}
+
+void TestDisplays::whatKilledProcessesLeftIsRemoved()
+{
+    const ReservedDisplays displays;
+    leaveSocket(agentSocketPath(displays.first()));
+    leaveSocket(socketFile(displays.first()));
+    putFile(ReservedDisplays::lockPath(displays.first()), lockOf(pidOfNobody()));
+    QVERIFY(!findOpenDisplay(displays.first(), displays.end()));
+    removeStaleDisplayFiles(displays.first());
+    QCOMPARE(findOpenDisplay(displays.first(), displays.end()), displays.first());
+    removeStaleDisplayFiles(displays.first()); // where nothing is, nothing happens
+}
+
+void TestDisplays::whatIsInUseStays_data()
+{
+    QTest::addColumn<Occupy>("occupy");
+    const auto add = [](const char *name, Occupy occupy) { QTest::newRow(name) << occupy; };
+    add("agent that listens", [](quint16 display) { listenLocally(agentSocketPath(display)); });
+    add("no socket of an agent", [](quint16 display) { putFile(agentSocketPath(display), ""); });
+    add("link to a socket that was left", [](quint16 display) {
+        leaveSocket(socketFile(0));
+        QFile::link(socketFile(0), agentSocketPath(display));
+    });
+    add("X server that lives", [](quint16 display) {
+        putFile(ReservedDisplays::lockPath(display), lockOf(::getpid()));
+        leaveSocket(socketFile(display));
+    });
+    add("X socket without a lock", [](quint16 display) { leaveSocket(socketFile(display)); });
+    add("lock without a pid", [](quint16 display) { putFile(ReservedDisplays::lockPath(display), "?"); });
+    add("lock of all processes", [](quint16 display) { putFile(ReservedDisplays::lockPath(display), lockOf(-1)); });
+}
+
+void TestDisplays::whatIsInUseStays()
+{
+    QFETCH(Occupy, occupy);
+    const ReservedDisplays displays;
+    occupy(displays.first());
+    QVERIFY(!findOpenDisplay(displays.first(), displays.end()));
+    removeStaleDisplayFiles(displays.first());
+    const auto open = findOpenDisplay(displays.first(), displays.end());
+    qDeleteAll(listeners());
+    listeners().clear();
+    QFile::remove(socketFile(displays.first()));
+    QFile::remove(socketFile(0));
+    QVERIFY(!open);
 }
 
 ZARVO_TEST(TestDisplays)

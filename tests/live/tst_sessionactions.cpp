@@ -5,6 +5,7 @@
 #include "server/idletimer.h"
 #include "tests/engine/collectinglogger.h"
 #include "tests/engine/fakeprograms.h"
+#include "tests/engine/leftsocket.h"
 #include "tests/engine/reserveddisplays.h"
 #include "tests/live/backgroundtask.h"
 #include "tests/live/livesession.h"
@@ -92,6 +93,9 @@ private slots:
     void actionsOnARemovedSessionFail();
 
     void idleSessionIsAskedToEnd_data();
+    void displayOfARegisteredSessionIsNotGivenAway();
+    void displayOfASessionFoundAgainIsNotGivenAway();
+    void displayOfAKilledAgentIsGivenAwayAgain();
     void idleSessionIsAskedToEnd();
     void busySessionIsNotAskedToEnd();
     void everyIdleSessionIsAskedToEnd();
@@ -104,8 +108,15 @@ private:
     [[nodiscard]] int start(const QString &id);
     [[nodiscard]] QString fileOf(const QString &name) const { return sessionDirectory(root, id) + u'/' + name; }
 
-    /** Adds a session in this state whose agent is not there to answer; its directory takes signals for it. */
-    Session *addRecord(const QString &directory, qint32 clients = 0, const QStringList &passwords = {});
+    /**
+     * Adds a session in this state whose agent is not there to answer; its directory takes signals for it. It has the
+     * one display that there is.
+     */
+    Session *addRecord(const QString &directory, qint32 clients = 0, const QStringList &passwords = {})
+    {
+        return addRecordOn(displays->first(), directory, clients, passwords);
+    }
+    Session *addRecordOn(quint16 display, const QString &directory, qint32 clients, const QStringList &passwords);
     [[nodiscard]] int resume();
     [[nodiscard]] int replay();
     void makeStore();
@@ -198,12 +209,13 @@ int TestSessionActions::replay()
     return store->replay(id, windowMode, geometry, password, port);
 }
 
-Session *TestSessionActions::addRecord(const QString &directory, qint32 clients, const QStringList &passwords)
+Session *TestSessionActions::addRecordOn(quint16 display, const QString &directory, qint32 clients,
+                                         const QStringList &passwords)
 {
     auto session = std::make_unique<Session>();
     Session *record = session.get();
     record->directory = directory;
-    record->display = displays->first();
+    record->display = display;
     record->windowMode = u"desktop"_s;
     record->clients = clients;
     record->passwords = passwords;
@@ -357,7 +369,7 @@ void TestSessionActions::startRefusesABusySession()
 
 void TestSessionActions::startReplacesASession()
 {
-    addRecord(QString(), 5);
+    addRecordOn(displays->end(), QString(), 5, {});
     addAgent(tellState(kReady), {.onUsr1 = tellState(stateWith(0, u"\"pw\""_s))});
     QCOMPARE(start(id), SessionOk);
     QCOMPARE(store->sessionIds(), QStringList{id});
@@ -420,7 +432,7 @@ void TestSessionActions::startWithoutAnAgentFails()
 
 void TestSessionActions::failedStartKeepsTheEarlierSession()
 {
-    Session *record = addRecord(QString(), 5);
+    Session *record = addRecordOn(displays->end(), QString(), 5, {});
     QCOMPARE(start(id), AgentFailed);
     Session *session = nullptr;
     QCOMPARE(store->acquire(id, session), SessionOk);
@@ -868,6 +880,38 @@ void TestSessionActions::idleSessionIsAskedToEnd_data()
     QTest::newRow("connected for the first time") << 1 << 0 << 0 << false;
     QTest::newRow("fewer than no clients") << -1 << 100000 << 0 << false;
     QTest::newRow("longest setting without an overflow") << 0 << 3600 << 35791394 << false;
+}
+
+void TestSessionActions::displayOfARegisteredSessionIsNotGivenAway()
+{
+    // Its agent is slow: nothing on the system shows yet that the number is taken.
+    const QString directory = makeSessionDirectory(root, id, displays->first());
+    addRecord(directory);
+    QCOMPARE(start(testId(1)), NoOpenDisplay);
+    store->removeSession(id);
+    QCOMPARE(start(testId(1)), AgentFailed); // there is no program for it, but a display
+}
+
+void TestSessionActions::displayOfASessionFoundAgainIsNotGivenAway()
+{
+    const QString directory = makeSessionDirectory(root, id, displays->first());
+    const AgentProcess agent(directory);
+    putFile(fileOf(u"monitor_pid"_s), QByteArray::number(agent.pid()));
+    makeStore();
+    QCOMPARE(store->sessionIds(), QStringList{id});
+    QCOMPARE(start(testId(1)), NoOpenDisplay);
+}
+
+void TestSessionActions::displayOfAKilledAgentIsGivenAwayAgain()
+{
+    const QString directory = makeSessionDirectory(root, id, displays->first());
+    addRecord(directory);
+    leaveSocket(agentSocketPath(displays->first()));
+    QList<SessionInfo> list;
+    store->refreshAll(list);
+    QCOMPARE(list.size(), 0);
+    QVERIFY(!QFile::exists(agentSocketPath(displays->first())));
+    QCOMPARE(start(testId(1)), AgentFailed); // there is no program for it, but a display
 }
 
 void TestSessionActions::idleSessionIsAskedToEnd()

@@ -70,6 +70,7 @@ private slots:
     void busySessionIsListedAsBefore();
     void busySessionThatIsNewIsNotListed();
     void busySessionIsNotListedOnceItHasGone();
+    void busySessionIsNotListedAsTheOneItReplaced();
     void freeSessionIsListedAsItIs();
 
     void listingOfNothingIsEmpty();
@@ -687,6 +688,19 @@ void TestSessionStore::busySessionIsNotListedOnceItHasGone()
     add(testId(1), directory, agent.pid());
     Session *session = nullptr;
     QCOMPARE(store->acquire(testId(1), session), SessionOk);
+    QCOMPARE(refreshedIds(), QStringList());
+}
+
+void TestSessionStore::busySessionIsNotListedAsTheOneItReplaced()
+{
+    const QString directory = newDirectory(1);
+    const AgentProcess agent(directory);
+    add(testId(1), directory, agent.pid());
+    QCOMPARE(refreshedIds(), QStringList{testId(1)});
+    store->removeSession(testId(1)); // and no pass sees that it is gone
+    auto next = std::make_unique<Session>();
+    next->directory = directory;
+    store->addSession(testId(1), std::move(next));
     QCOMPARE(refreshedIds(), QStringList());
 }
 
