@@ -114,7 +114,7 @@ bool becomeDaemon(QString *error)
     };
 
     int ends[2] = {-1, -1};
-    if (::pipe(ends) == -1) {
+    if (::pipe2(ends, O_CLOEXEC) == -1) {
         return fail();
     }
     const pid_t child = ::fork();

@@ -20,11 +20,17 @@ constexpr int kMinPoolThreads = 4;
 
 /**
  * What Qt itself has to say goes to the log: standard error belongs to the one line of a failed start-up. Queued,
- * because Qt may speak up while the logger is writing.
+ * because Qt may speak up while the logger is writing; but Qt's last words would be lost in a queue.
  */
-void logQtMessage(QtMsgType, const QMessageLogContext &, const QString &text)
+void logQtMessage(QtMsgType type, const QMessageLogContext &, const QString &text)
 {
-    if (qApp && Logging::instance()) {
+    if (type == QtFatalMsg) {
+        if (Logging::instance()) {
+            logMessage(LogCritical, text);
+        } else {
+            (void) reportStartupFailure(text);
+        }
+    } else if (qApp && Logging::instance()) {
         QMetaObject::invokeMethod(
             qApp, [text] { logMessage(LogDebug1, text); }, Qt::QueuedConnection);
     }

@@ -60,8 +60,11 @@ bool Server::openLog(QString *error)
 
 bool Server::start(QString *error)
 {
-    return writePidFile(error) && provideCertificates(error) && createSessionDirectory(error) && startWorkers() &&
-           readCredentials(error) && listenForClients(error) && writePortFile(error) && startDiscovery(error) &&
+    if (!writePidFile(error) || !provideCertificates(error) || !createSessionDirectory(error)) {
+        return false;
+    }
+    startWorkers();
+    return readCredentials(error) && listenForClients(error) && writePortFile(error) && startDiscovery(error) &&
            setUpSignals(error) && closeStartupChannel(error);
 }
 
@@ -89,7 +92,7 @@ bool Server::createSessionDirectory(QString *error)
     return true;
 }
 
-bool Server::startWorkers()
+void Server::startWorkers()
 {
     logMessage(LogDebug1, u"Initializing data stores"_s);
     // Without discovery nobody could do anything with the URL.
@@ -101,7 +104,6 @@ bool Server::startWorkers()
     updater->start(QThread::LowPriority);
     checker = std::make_unique<SuspendChecker>(store.get(), settings.suspendTimeout, nullptr);
     checker->start(QThread::LowPriority);
-    return true;
 }
 
 bool Server::readCredentials(QString *error)

@@ -49,7 +49,7 @@ private:
     [[nodiscard]] bool writePidFile(QString *error);
     [[nodiscard]] bool provideCertificates(QString *error);
     [[nodiscard]] bool createSessionDirectory(QString *error);
-    [[nodiscard]] bool startWorkers();
+    void startWorkers();
     [[nodiscard]] bool readCredentials(QString *error);
     [[nodiscard]] bool listenForClients(QString *error);
     [[nodiscard]] bool writePortFile(QString *error);
