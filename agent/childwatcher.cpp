@@ -22,6 +22,11 @@ sigset_t childSignal()
     return set;
 }
 
+int statusOf(const siginfo_t &child)
+{
+    return child.si_code == CLD_EXITED ? W_EXITCODE(child.si_status, 0) : child.si_status;
+}
+
 } // namespace
 
 ChildWatcher::ChildWatcher(QObject *parent)
@@ -60,8 +65,10 @@ void ChildWatcher::reap()
     while (::read(descriptor, &information, sizeof information) > 0) {
     }
     // One signal may stand for any number of children.
-    int status = 0;
-    for (pid_t pid = ::waitpid(-1, &status, WNOHANG); pid > 0; pid = ::waitpid(-1, &status, WNOHANG)) {
-        emit ended(pid, status);
+    siginfo_t child = {};
+    while (::waitid(P_ALL, 0, &child, WEXITED | WNOHANG | WNOWAIT) == 0 && child.si_pid != 0) {
+        emit ended(child.si_pid, statusOf(child));
+        ::waitpid(child.si_pid, nullptr, WNOHANG);
+        child = {};
     }
 }

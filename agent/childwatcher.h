@@ -31,7 +31,8 @@ public:
     [[nodiscard]] bool start(QString *error);
 
 signals:
-    /** The child @p pid ended with @p status, in the form of waitpid(). Its number may be taken again from now on. */
+    /** The child @p pid ended with @p status, in the form of waitpid(). Nobody else gets its number before the
+     * receivers return. */
     void ended(pid_t pid, int status);
 
 private:

@@ -5,6 +5,7 @@
 #include "agent/backendhandshake.h"
 #include "agent/childwatcher.h"
 #include "agent/localendpoint.h"
+#include "agent/serverfiles.h"
 #include "agent/sessionenvironment.h"
 #include "agent/spawn.h"
 
@@ -203,6 +204,7 @@ void XServer::Watcher_ended(pid_t pid, int status)
         return;
     }
     Output_activated(); // its last words
+    removeServerFiles(settings.display, pid);
     process = 0;
     probeTimer.stop();
     deadline.stop();

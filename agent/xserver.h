@@ -27,7 +27,7 @@ struct XServerSettings
 
 /**
  * The X server behind a session: its process from the start to the end, with what it says on the way. It tells when
- * the screen is served, and when the process is gone, whoever ended it.
+ * the screen is served, and when the process is gone, whoever ended it; what a killed one leaves behind is removed.
  * Owned by the agent, lives on the main thread, started at most once.
  */
 class XServer final : public QObject

@@ -776,9 +776,7 @@ class End(AgentTest):
         session = self.session().start()
         os.kill(session.x_server(), signal.SIGSTOP)
         session.signal(signal.SIGTERM)
-        self.assertEqual(session.wait_exit(), 0)
-        self.assertEqual(session.read("server_exit"), "0")
-        self.assertEqual(session.processes(), [])
+        self.assert_over(session, 0)
 
     def test_signal_during_start(self):
         for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
@@ -797,11 +795,18 @@ class End(AgentTest):
         os.kill(session.x_server(), signal.SIGKILL)
         client.wait_for_close()
         client.close()
-        self.assertEqual(session.wait_exit(), 3)
-        self.assertEqual(session.read("server_exit"), "3")
-        self.assertEqual(session.processes(), [])
-        self.assertFalse(os.path.exists(session.state_socket))
+        self.assert_over(session, 3)
         self.assertIn("Critical: The X server ended: signal 9", session.read("server_log"))
+
+    def test_lock_of_another_x_server_stays(self):
+        session = self.session().start()
+        lock, x_socket = f"/tmp/.X{session.display}-lock", f"/tmp/.X11-unix/X{session.display}"
+        with open(lock, "r+", encoding="ascii") as file:
+            file.write(f"{os.getpid():10}\n")
+        os.chmod(lock, 0o644)
+        os.kill(session.x_server(), signal.SIGKILL)
+        self.assertEqual(session.wait_exit(), 3)
+        self.assertEqual([os.path.lexists(path) for path in (lock, x_socket)], [True, True])
 
     def test_killed_agent(self):
         session = self.session().start()
