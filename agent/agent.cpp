@@ -2,6 +2,8 @@
 #include "agent/agent.h"
 
 #include "agent/agentlog.h"
+#include "agent/guardlink.h"
+#include "agent/processtree.h"
 #include "agent/sessionenvironment.h"
 #include "agent/valuefile.h"
 #include "agent/windowmanager.h"
@@ -11,10 +13,8 @@
 #include <QDir>
 #include <QFile>
 
-#include <cerrno>
 #include <chrono>
 
-#include <sys/prctl.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -37,15 +37,6 @@ QString sessionTitle(quint16 display)
     return title.isEmpty() ? u"Session :%1"_s.arg(display) : title;
 }
 
-bool becomeSubreaper(QString *error)
-{
-    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
-        *error = u"Failed to become the parent of orphaned processes: %1"_s.arg(qt_error_string(errno));
-        return false;
-    }
-    return true;
-}
-
 QString absolute(QLatin1StringView name)
 {
     return QDir::current().absoluteFilePath(name);
@@ -53,9 +44,10 @@ QString absolute(QLatin1StringView name)
 
 } // namespace
 
-Agent::Agent(AgentLog *log_, SignalCatcher *signals_, QObject *parent)
+Agent::Agent(AgentLog *log_, SignalCatcher *signals_, GuardLink *guard_, QObject *parent)
     : QObject(parent)
     , log(log_)
+    , guard(guard_)
     , state(log_)
     , stateSocket(&state)
     , frontDoor(state.passwords(), QString())
@@ -67,6 +59,7 @@ Agent::Agent(AgentLog *log_, SignalCatcher *signals_, QObject *parent)
     connect(signals_, &SignalCatcher::gotTERM, this, [this] { end(ExitCode::Ended); });
     connect(signals_, &SignalCatcher::gotINT, this, [this] { end(ExitCode::Ended); });
     connect(signals_, &SignalCatcher::gotHUP, this, [this] { end(ExitCode::Ended); });
+    connect(guard, &GuardLink::lost, this, [this] { fail(ExitCode::AgentDied, u"The agent's guard was killed"_s); });
     connect(
         &frontDoor, &FrontDoor::clientAuthenticated, this,
         [this](const QString &address, const QByteArray &password) { state.clientAuthenticated(address, password); });
@@ -95,6 +88,7 @@ Agent::~Agent()
 {
     QFile::remove(AgentFile::rfbSocket(display));
     QFile::remove(AgentFile::kWindowManagerSettings);
+    guard->tell({});
 }
 
 void Agent::start(const QStringList &arguments)
@@ -121,10 +115,13 @@ void Agent::start(const QStringList &arguments)
 // What can be missing or taken is looked at before anything is started.
 bool Agent::prepare(QString *error)
 {
-    return readAuthorityFile(SessionFile::kAuthority, display, &authority, error) && becomeSubreaper(error) &&
-           children.start(error) && frontDoor.listen(options.port, error) &&
-           stateSocket.listen(agentSocketPath(display), error) &&
-           writeValueFile(SessionFile::kServerPid, QByteArray::number(::getpid()), error);
+    if (!readAuthorityFile(SessionFile::kAuthority, display, &authority, error) || !becomeSubreaper(error) ||
+        !children.start(error) || !frontDoor.listen(options.port, error) ||
+        !stateSocket.listen(agentSocketPath(display), error)) {
+        return false;
+    }
+    guard->tell({display, 0});
+    return writeValueFile(SessionFile::kServerPid, QByteArray::number(::getpid()), error);
 }
 
 bool Agent::startServer(QString *error)
@@ -136,7 +133,11 @@ bool Agent::startServer(QString *error)
     settings.authorityEntries = authority.entries;
     settings.rfbSocket = AgentFile::rfbSocket(display);
     frontDoor.setBackendPath(settings.rfbSocket);
-    return server.start(settings, error);
+    if (!server.start(settings, error)) {
+        return false;
+    }
+    guard->tell({display, server.pid()});
+    return true;
 }
 
 void Agent::Server_ready()

@@ -21,6 +21,7 @@
 #include <optional>
 
 class AgentLog;
+class GuardLink;
 class SignalCatcher;
 
 /**
@@ -33,8 +34,8 @@ class Agent final : public QObject
     Q_OBJECT
 
 public:
-    /** @param log and @param signals_ outlive this object */
-    Agent(AgentLog *log, SignalCatcher *signals_, QObject *parent = nullptr);
+    /** @param log and @param signals_ and @param guard outlive this object */
+    Agent(AgentLog *log, SignalCatcher *signals_, GuardLink *guard, QObject *parent = nullptr);
     ~Agent() override;
 
     /** Begins with the command line's @p arguments, without the program's name. finished() follows. */
@@ -57,6 +58,7 @@ private:
     void end(ExitCode code);
 
     AgentLog *log;
+    GuardLink *guard;
     AgentOptions options;
     quint16 display = 0;
     DisplayAuthority authority;

@@ -4,6 +4,7 @@
 #include "support/sessioncontract.h"
 
 #include <QLatin1StringView>
+#include <QString>
 
 /*
  * The agent's own files. They stand in the session directory, which is its working directory, and are used relative to
@@ -33,4 +34,5 @@ enum class ExitCode : int {
     NotStarted = 1,   ///< something that it needs is missing, taken or refused
     BadArguments = 2, ///< its command line makes no sense
     ServerDied = 3,   ///< the X server ended by itself
+    AgentDied = 4,    ///< the agent was killed, or its guard
 };

@@ -19,13 +19,6 @@ namespace {
 // A process below an application that dies is not our child and tells us nothing, so we look.
 constexpr auto kPollInterval = 20ms;
 
-void signalAll(const QList<pid_t> &processes, int number)
-{
-    for (const pid_t pid : processes) {
-        ::kill(pid, number);
-    }
-}
-
 } // namespace
 
 Ending::Ending(XServer *server_, ChildWatcher *watcher, EndingLimits limits_, QObject *parent)

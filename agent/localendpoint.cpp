@@ -46,33 +46,6 @@ int closeKeepingErrno(int descriptor)
     return -1;
 }
 
-// Makes sure that nothing stands at @p path, or says why that must not be changed.
-bool removeLeftover(const QString &path, QString *error)
-{
-    struct stat found = {};
-    const QByteArray encoded = QFile::encodeName(path);
-    if (::lstat(encoded.constData(), &found) != 0) {
-        return true; // what else may be wrong with the path shows when it is bound
-    }
-    if (!S_ISSOCK(found.st_mode)) {
-        *error = u"The path \"%1\" is taken by something that is no socket"_s.arg(path);
-        return false;
-    }
-    const int probe = connectLocalSocket(path);
-    if (probe != -1 || errno == EAGAIN) {
-        *error = u"The socket \"%1\" is in use by another process"_s.arg(path);
-        if (probe != -1) {
-            ::close(probe);
-        }
-        return false;
-    }
-    if (::unlink(encoded.constData()) != 0) {
-        *error = u"Failed to remove the socket \"%1\": %2"_s.arg(path, qt_error_string(errno));
-        return false;
-    }
-    return true;
-}
-
 // A socket's permissions come from the mask at the moment of bind(); changed later, there would be a gap.
 int bindPrivately(int descriptor, const sockaddr_un &address)
 {
@@ -100,6 +73,32 @@ int connectLocalSocket(const QString &path)
     return descriptor;
 }
 
+bool removeDeadSocket(const QString &path, QString *error)
+{
+    struct stat found = {};
+    const QByteArray encoded = QFile::encodeName(path);
+    if (::lstat(encoded.constData(), &found) != 0) {
+        return true; // what else may be wrong with the path shows when it is bound
+    }
+    if (!S_ISSOCK(found.st_mode)) {
+        *error = u"The path \"%1\" is taken by something that is no socket"_s.arg(path);
+        return false;
+    }
+    const int probe = connectLocalSocket(path);
+    if (probe != -1 || errno == EAGAIN) {
+        *error = u"The socket \"%1\" is in use by another process"_s.arg(path);
+        if (probe != -1) {
+            ::close(probe);
+        }
+        return false;
+    }
+    if (::unlink(encoded.constData()) != 0) {
+        *error = u"Failed to remove the socket \"%1\": %2"_s.arg(path, qt_error_string(errno));
+        return false;
+    }
+    return true;
+}
+
 LocalEndpoint::LocalEndpoint(QObject *parent)
     : QObject(parent)
 {
@@ -117,7 +116,7 @@ LocalEndpoint::~LocalEndpoint()
 bool LocalEndpoint::listen(const QString &path, QString *error)
 {
     Q_ASSERT(listener == -1);
-    if (!removeLeftover(path, error)) {
+    if (!removeDeadSocket(path, error)) {
         return false;
     }
     const QByteArray encoded = QFile::encodeName(path);

@@ -47,3 +47,10 @@ private:
  * @return a close-on-exec, non-blocking descriptor that the caller owns; -1 with errno set on failure
  */
 [[nodiscard]] int connectLocalSocket(const QString &path);
+
+/**
+ * Makes sure that nothing stands at @p path: removes the socket of a process that is dead.
+ *
+ * @param error  set only on failure: one sentence that says what is there and must stay
+ */
+[[nodiscard]] bool removeDeadSocket(const QString &path, QString *error);

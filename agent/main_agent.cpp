@@ -2,6 +2,8 @@
 #include "agent/agent.h"
 #include "agent/agentfiles.h"
 #include "agent/agentlog.h"
+#include "agent/guard.h"
+#include "agent/guardlink.h"
 #include "agent/valuefile.h"
 #include "server/signalcatcher.h"
 
@@ -20,14 +22,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Whoever started us may have had signals blocked, and with SIGTERM blocked we could not be ended.
-void clearSignalMask()
-{
-    sigset_t none;
-    ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
 // Without them, our first files and sockets would get their numbers, and what a library prints would end up there.
 void ensureStandardDescriptors()
 {
@@ -38,12 +32,13 @@ void ensureStandardDescriptors()
     ::close(descriptor);
 }
 
-int report(const QString &error)
+ExitCode report(const QString &error)
 {
     std::fprintf(stderr, "start-agent: %s\n", qPrintable(error));
-    return static_cast<int>(ExitCode::NotStarted);
+    return ExitCode::NotStarted;
 }
 
+// They have waited since before there was a handler.
 void catchSignals(int writeEnd)
 {
     setSignalWriteEnd(writeEnd);
@@ -51,14 +46,18 @@ void catchSignals(int writeEnd)
         catchSignal(number);
     }
     ::signal(SIGPIPE, SIG_IGN);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
 // Everything that a session owns is gone when this returns.
-ExitCode runSession(AgentLog *log, int signalReadEnd, int signalWriteEnd)
+ExitCode runSession(AgentLog *log, int guard, int signalReadEnd, int signalWriteEnd)
 {
     ExitCode code = ExitCode::NotStarted;
     SignalCatcher catcher(signalReadEnd);
-    Agent agent(log, &catcher);
+    GuardLink link(guard);
+    Agent agent(log, &catcher, &link);
     QObject::connect(&agent, &Agent::finished, &agent, [&code](ExitCode finalCode) {
         code = finalCode;
         QCoreApplication::quit();
@@ -70,19 +69,9 @@ ExitCode runSession(AgentLog *log, int signalReadEnd, int signalWriteEnd)
     return code;
 }
 
-} // namespace
-
-// Usage: start-agent GEOMETRY PORT, in a session directory.
-int main(int argc, char **argv)
+ExitCode runAgent(int argc, char **argv, int guard)
 {
-    clearSignalMask();
-    ensureStandardDescriptors();
-    ::umask(077);
     const QCoreApplication application(argc, argv);
-
-    // From a former run in the same directory; until the end there is no exit code.
-    QFile::remove(SessionFile::kServerExit);
-
     QString error;
     AgentLog log;
     std::array<int, 2> signalEnds = {};
@@ -93,10 +82,40 @@ int main(int argc, char **argv)
     if (!createSignalPair(signalEnds.data())) {
         return report(qt_error_string());
     }
+    return runSession(&log, guard, signalEnds[1], signalEnds[0]);
+}
 
-    const ExitCode code = runSession(&log, signalEnds[1], signalEnds[0]);
-    if (!writeValueFile(SessionFile::kServerExit, QByteArray::number(static_cast<int>(code)), &error)) {
-        logMessage(LogCritical, error);
+// The last thing that happens in a session, on every way out of it.
+int leave(ExitCode code)
+{
+    const int number = static_cast<int>(code);
+    QString error;
+    if (!writeValueFile(SessionFile::kServerExit, QByteArray::number(number), &error)) {
+        report(error);
     }
-    return static_cast<int>(code);
+    return number;
+}
+
+} // namespace
+
+// Usage: start-agent GEOMETRY PORT, in a session directory.
+int main(int argc, char **argv)
+{
+    ensureStandardDescriptors();
+    ::umask(077);
+
+    // From a former run in the same directory; until the end there is no exit code.
+    QFile::remove(SessionFile::kServerExit);
+
+    pid_t agent = 0;
+    int link = -1;
+    QString error;
+    if (!forkAgent(&agent, &link, &error)) {
+        return leave(report(error));
+    }
+    if (agent != 0) {
+        return leave(guardAgent(agent, link));
+    }
+    const ExitCode code = runAgent(argc, argv, link);
+    return isGuardAlive(link) ? static_cast<int>(code) : leave(code);
 }

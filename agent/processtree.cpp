@@ -6,7 +6,11 @@
 #include <QDir>
 #include <QMultiHash>
 
+#include <cerrno>
+#include <csignal>
 #include <optional>
+
+#include <sys/prctl.h>
 
 using namespace Qt::StringLiterals;
 
@@ -65,4 +69,20 @@ QList<pid_t> liveDescendants(pid_t root, pid_t except)
     }
     found.removeFirst();
     return found;
+}
+
+void signalAll(const QList<pid_t> &processes, int number)
+{
+    for (const pid_t pid : processes) {
+        ::kill(pid, number);
+    }
+}
+
+bool becomeSubreaper(QString *error)
+{
+    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) {
+        *error = u"Failed to become the parent of orphaned processes: %1"_s.arg(qt_error_string(errno));
+        return false;
+    }
+    return true;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QList>
+#include <QString>
 
 #include <sys/types.h>
 
@@ -12,3 +13,13 @@
  * @param except  a process to leave out together with its own descendants; 0 for none
  */
 [[nodiscard]] QList<pid_t> liveDescendants(pid_t root, pid_t except);
+
+/** Sends the signal @p number to each of @p processes. */
+void signalAll(const QList<pid_t> &processes, int number);
+
+/**
+ * Makes this process the parent of all its descendants whose own parent ends. Its children do not inherit that.
+ *
+ * @param error  set only on failure: one sentence
+ */
+[[nodiscard]] bool becomeSubreaper(QString *error);

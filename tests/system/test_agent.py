@@ -232,7 +232,7 @@ class Start(AgentTest):
         self.assertEqual((state["Clients"], state["Passwords"]), (0, []))
         self.assertNotIn("LastConnect", state)
         self.assertNotIn("LastDisconnect", state)
-        self.assertEqual(session.pid(), session.process.pid)
+        self.assertEqual(zarvo.parent(session.pid()), session.process.pid)
         self.assertFalse(os.path.exists(session.path("server_exit")))
         self.assertEqual(session.read("server_log").splitlines(),
                          ["Screen resized to '1000x700'", f"RDP initialized at '{state['Started']}'"])
@@ -808,38 +808,89 @@ class End(AgentTest):
         self.assertEqual(session.wait_exit(), 3)
         self.assertEqual([os.path.lexists(path) for path in (lock, x_socket)], [True, True])
 
-    def test_killed_agent(self):
-        session = self.session().start()
+    def start_daemons(self, session):
+        """Programs that are no children of the agent, and one that does not end when asked to."""
         session.app("xterm")
-        client = session.connect()
-        zarvo.wait_until(lambda: len(session.processes()) >= 4, "the application")
+        session.app("(setsid sh -c 'sleep 1000 & sleep 1000' &) & exit 0")
+        session.app("setsid sh -c 'trap \"\" TERM; touch ready; while :; do sleep 0.1; done' & exit 0")
+        zarvo.wait_until(lambda: len(session.processes()) >= 8, "all processes")
+        zarvo.wait_until(lambda: os.path.exists(os.path.join(session.home, "ready")), "the stubborn program")
+
+    def test_nothing_survives_a_killed_agent(self):
+        for number in (signal.SIGKILL, signal.SIGSEGV):
+            with self.subTest(number):
+                session = self.session().start("rootless")
+                self.start_daemons(session)
+                client = session.connect()
+                session.signal(number)
+                client.wait_for_close()
+                client.close()
+                self.assert_over(session, 4)
+                session.start()
+                session.connect().close()
+                session.signal(signal.SIGTERM)
+                self.assert_over(session, 0)
+                session.close()
+
+    def test_nothing_survives_an_agent_killed_during_its_start(self):
+        session = self.session()
+        session.launch("800x600", str(session.port))
+        zarvo.wait_until(lambda: os.path.exists(session.path("server_pid")), "the pid")
         session.signal(signal.SIGKILL)
+        self.assert_over(session, 4)
+
+    def test_killed_guard_ends_the_session(self):
+        session = self.session().start()
+        self.start_daemons(session)
+        session.process.kill()
+        session.wait_exit()
+        zarvo.wait_until(lambda: os.path.exists(session.path("server_exit")), "the exit code")
+        self.assertEqual(session.read("server_exit"), "4")
+        zarvo.wait_until(lambda: session.leftovers() == [], "the end of everything")
+        self.assertFalse(session.port_is_open())
+        self.assertIn(": Critical: ", session.read("server_log"))
+
+    def test_killed_with_a_stopped_x_server(self):
+        session = self.session().start()
+        os.kill(session.x_server(), signal.SIGSTOP)
+        session.signal(signal.SIGKILL)
+        self.assert_over(session, 4)
+
+    def test_leftovers_of_a_dead_session_are_taken_over(self):
+        session = self.session().start()
+        agent, x_server = session.pid(), session.x_server()
+        for pid in (agent, x_server):
+            os.kill(pid, signal.SIGSTOP)  # or the first death would lead to an orderly end
+        for pid in (session.process.pid, agent, x_server):
+            os.kill(pid, signal.SIGKILL)
         session.wait_exit()
         zarvo.wait_until(lambda: session.processes() == [], "the end of everything")
-        self.assertFalse(os.path.exists(f"/tmp/.X{session.display}-lock"))
-        client.close()
-        # Again, over what it left behind.
+        for orphan in (agent, x_server):
+            os.waitpid(orphan, 0)
         self.assertTrue(os.path.exists(session.state_socket))
-        session.process.wait()
-        os.unlink(session.path("server_pid"))
+        self.assertTrue(os.path.exists(f"/tmp/.X{session.display}-lock"))
         session.start()
         session.connect().close()
         session.signal(signal.SIGTERM)
         self.assert_over(session, 0)
 
-    def test_killed_with_its_x_server(self):
+    def test_signals_to_the_guard_reach_the_agent(self):
         session = self.session().start()
-        os.kill(session.x_server(), signal.SIGSTOP)
-        x_server = session.x_server()
-        session.signal(signal.SIGKILL)
-        session.wait_exit()
-        os.kill(x_server, signal.SIGKILL)
-        os.waitpid(x_server, 0)
-        zarvo.wait_until(lambda: session.processes() == [], "the end of everything")
-        self.assertTrue(os.path.exists(f"/tmp/.X{session.display}-lock"))
-        session.start()
-        session.signal(signal.SIGTERM)
+        session.process.send_signal(signal.SIGUSR1)
+        session.wait_state("a password", lambda state: state["Passwords"])
+        with session.connect(session.state()["Passwords"][0]) as client:
+            session.process.send_signal(signal.SIGUSR2)
+            client.wait_for_close()
+        session.process.send_signal(signal.SIGTERM)
         self.assert_over(session, 0)
+
+    def test_log_that_cannot_be_opened(self):
+        session = self.session()
+        os.mkdir(session.path("server_log"))
+        session.launch("800x600", str(session.port))
+        self.assertEqual(session.wait_exit(), 1)
+        self.assertEqual(session.read("server_exit"), "1")
+        self.assertEqual(session.leftovers(), [])
 
     def test_two_runs_in_one_directory(self):
         session = self.session().start()

@@ -76,6 +76,12 @@ def alive(pid):
     return False
 
 
+def parent(pid):
+    """The id of the process's parent."""
+    with open(f"/proc/{pid}/stat", "rb") as stat:
+        return int(stat.read().rpartition(b")")[2].split()[1])
+
+
 def compact(value):
     """The JSON text that the server writes for a value."""
     return json.dumps(value, sort_keys=True, separators=(",", ":"), ensure_ascii=False) + "\n"
