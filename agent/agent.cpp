@@ -60,6 +60,7 @@ Agent::Agent(AgentLog *log_, SignalCatcher *signals_, GuardLink *guard_, QObject
     connect(signals_, &SignalCatcher::gotINT, this, [this] { end(ExitCode::Ended); });
     connect(signals_, &SignalCatcher::gotHUP, this, [this] { end(ExitCode::Ended); });
     connect(guard, &GuardLink::lost, this, [this] { fail(ExitCode::AgentDied, u"The agent's guard was killed"_s); });
+    connect(&directoryWatcher, &DirectoryWatcher::removed, this, &Agent::DirectoryWatcher_removed);
     connect(
         &frontDoor, &FrontDoor::clientAuthenticated, this,
         [this](const QString &address, const QByteArray &password) { state.clientAuthenticated(address, password); });
@@ -137,7 +138,15 @@ bool Agent::startServer(QString *error)
         return false;
     }
     guard->tell({display, server.pid()});
-    return true;
+    // Only now: beside a great many files it takes its time, and the X server needs longer.
+    return directoryWatcher.watch(u"."_s, error);
+}
+
+// Without it nobody can reach the session any more.
+void Agent::DirectoryWatcher_removed()
+{
+    logMessage(LogWarning, u"The directory of the session was removed"_s);
+    end(ExitCode::Ended);
 }
 
 void Agent::Server_ready()

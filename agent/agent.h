@@ -7,6 +7,7 @@
 #include "agent/applicationrunner.h"
 #include "agent/authorityfile.h"
 #include "agent/childwatcher.h"
+#include "agent/directorywatcher.h"
 #include "agent/ending.h"
 #include "agent/frontdoor.h"
 #include "agent/screenwatcher.h"
@@ -49,6 +50,7 @@ private:
     [[nodiscard]] bool prepare(QString *error);
     [[nodiscard]] bool startServer(QString *error);
     void Server_ready();
+    void DirectoryWatcher_removed();
     void Server_ended(const QString &reason);
     void ScreenWatcher_started(const QSize &size);
     void prepareApplications();
@@ -65,6 +67,7 @@ private:
     SessionState state;
     StateSocket stateSocket;
     ChildWatcher children;
+    DirectoryWatcher directoryWatcher;
     FrontDoor frontDoor;
     XServer server;
     ScreenWatcher screenWatcher;

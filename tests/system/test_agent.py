@@ -884,6 +884,33 @@ class End(AgentTest):
         session.process.send_signal(signal.SIGTERM)
         self.assert_over(session, 0)
 
+    def test_removed_directory_ends_the_session(self):
+        session = self.session().start()
+        self.start_daemons(session)
+        shutil.rmtree(session.directory)
+        self.assertEqual(session.wait_exit(), 0)
+        self.assertEqual(session.leftovers(), [])
+        self.assertFalse(session.port_is_open())
+
+    def test_directory_removed_during_start(self):
+        session = self.session()
+        session.launch("800x600", str(session.port))
+        zarvo.wait_until(lambda: os.path.exists(session.path("server_pid")), "the pid")
+        shutil.rmtree(session.directory)
+        session.wait_exit()
+        self.assertEqual(session.leftovers(), [])
+
+    def test_renamed_directory_does_not_end_the_session(self):
+        session = self.session().start()
+        before = session.directory
+        session.directory += "-renamed"
+        os.rename(before, session.directory)
+        session.home = os.path.join(session.directory, "home")
+        session.connect().close()
+        self.assertEqual(session.app("true").returncode, 0)
+        session.signal(signal.SIGTERM)
+        self.assert_over(session, 0)
+
     def test_log_that_cannot_be_opened(self):
         session = self.session()
         os.mkdir(session.path("server_log"))

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QFileSystemWatcher>
+#include <QObject>
+#include <QTimer>
+
+#include <chrono>
+
+/**
+ * Notices that a directory was removed. One that is renamed is still there: who moves it away can move it back.
+ * Owned by the agent, lives on the main thread.
+ */
+class DirectoryWatcher final : public QObject
+{
+    Q_OBJECT
+
+public:
+    /** @param fallback  how often to look when the system does not tell, as with removals by other hosts */
+    explicit DirectoryWatcher(std::chrono::milliseconds fallback = std::chrono::seconds(10), QObject *parent = nullptr);
+    ~DirectoryWatcher() override;
+
+    /**
+     * Begins to watch the directory at @p path, once. removed() may follow.
+     *
+     * @param error  set only on failure: one sentence that names the directory
+     */
+    [[nodiscard]] bool watch(const QString &path, QString *error);
+
+signals:
+    /** The directory is gone. Emitted at most once. */
+    void removed();
+
+private:
+    void check();
+
+    int descriptor = -1;
+    QFileSystemWatcher parentWatcher;
+    QTimer timer;
+};
