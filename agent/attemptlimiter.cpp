@@ -13,8 +13,17 @@ constexpr std::chrono::seconds kLongestLock = 600s;
 // An address that has been quiet for this long starts afresh.
 constexpr std::chrono::seconds kMemory = 2 * kLongestLock;
 
-// What counts as one address: one host owns at least 64 bits of an IPv6 address, and an IPv4 host must not
-// get a second set of tries by coming in through the mapped form.
+std::chrono::seconds lockTime(int wrong)
+{
+    std::chrono::seconds time = kFirstLock;
+    for (int i = AttemptLimiter::kFreeAttempts + 1; i < wrong && time < kLongestLock; ++i) {
+        time *= 2;
+    }
+    return std::min(time, kLongestLock);
+}
+
+} // namespace
+
 QHostAddress countedAddress(const QHostAddress &address)
 {
     bool isIPv4 = false;
@@ -26,17 +35,6 @@ QHostAddress countedAddress(const QHostAddress &address)
     std::fill(std::begin(network.c) + 8, std::end(network.c), quint8{0});
     return QHostAddress(network);
 }
-
-std::chrono::seconds lockTime(int wrong)
-{
-    std::chrono::seconds time = kFirstLock;
-    for (int i = AttemptLimiter::kFreeAttempts + 1; i < wrong && time < kLongestLock; ++i) {
-        time *= 2;
-    }
-    return std::min(time, kLongestLock);
-}
-
-} // namespace
 
 bool AttemptLimiter::isLocked(const QHostAddress &address, Clock::time_point now) const
 {

@@ -7,6 +7,12 @@
 #include <chrono>
 
 /**
+ * What counts as one address where somebody's share is limited: one host owns at least 64 bits of an IPv6 address, and
+ * an IPv4 host must not get a second share by coming in through the mapped form.
+ */
+[[nodiscard]] QHostAddress countedAddress(const QHostAddress &address);
+
+/**
  * Slows down guessing: after five wrong passwords from one address, each further one locks that address out, first for
  * 10 s and then for twice as long each time, up to 600 s. Only a wrong password counts; who connects and says nothing
  * has guessed nothing. A right password clears the address.

@@ -4,6 +4,8 @@
 #include "agent/passwordstore.h"
 #include "server/logging.h"
 
+#include <QHash>
+
 #include <algorithm>
 #include <chrono>
 #include <utility>
@@ -100,8 +102,12 @@ void FrontDoor::Server_newConnection()
     while (server.hasPendingConnections()) {
         std::unique_ptr<QTcpSocket> socket(server.nextPendingConnection());
         socket->setParent(nullptr);
-        if (isOpen && handshakes.size() < kMaxHandshakes && clients.size() < kMaxClients) {
-            addHandshake(std::move(socket));
+        if (!isOpen || clients.size() >= kMaxClients) {
+            continue;
+        }
+        addHandshake(std::move(socket));
+        if (handshakes.size() > kMaxHandshakes) {
+            dropHandshake();
         }
     }
 }
@@ -169,6 +175,21 @@ void FrontDoor::removeHandshake(const HandshakeConnection *handshake)
     if (std::unique_ptr<HandshakeConnection> removed = takeFrom(&handshakes, handshake)) {
         removed.release()->deleteLater(); // we are in its signal
     }
+}
+
+// The newest one counts: a host that has most of the places gets no further one.
+void FrontDoor::dropHandshake()
+{
+    QHash<QHostAddress, int> counts;
+    for (const std::unique_ptr<HandshakeConnection> &handshake : handshakes) {
+        ++counts[countedAddress(handshake->address())];
+    }
+    const int most = *std::max_element(counts.cbegin(), counts.cend());
+    const auto oldest = std::find_if(handshakes.begin(), handshakes.end(), [&](const auto &handshake) {
+        return counts.value(countedAddress(handshake->address())) == most;
+    });
+    logRefusal((*oldest)->address(), u"Others came while it took its time"_s);
+    handshakes.erase(oldest);
 }
 
 void FrontDoor::removeClient(const ClientConnection *client, const QString &reason)

@@ -25,9 +25,12 @@ class FrontDoor final : public QObject
     Q_OBJECT
 
 public:
-    /** Handshakes at one time; a further connection is closed unseen. */
+    /**
+     * Handshakes at one time. A further connection takes the place of the oldest one from the address that has the most
+     * of them, so that nobody keeps others out by saying nothing.
+     */
     static constexpr size_t kMaxHandshakes = 16;
-    /** Clients at one time. */
+    /** Clients at one time; a further connection is closed unseen. */
     static constexpr size_t kMaxClients = 64;
 
     /** @param passwords  outlives this object. @param backendPath  the X server's socket */
@@ -69,6 +72,7 @@ private:
     void addHandshake(std::unique_ptr<QTcpSocket> socket);
     void addClient(HandshakeConnection *handshake, const QByteArray &password);
     void removeHandshake(const HandshakeConnection *handshake);
+    void dropHandshake();
     void removeClient(const ClientConnection *client, const QString &reason);
 
     PasswordStore *passwords;

@@ -63,6 +63,14 @@ private:
     PasswordStore passwords;
     std::unique_ptr<FrontDoor> door;
 
+    [[nodiscard]] std::unique_ptr<QTcpSocket> connectFrom(const QHostAddress &address) const
+    {
+        auto socket = std::make_unique<QTcpSocket>();
+        socket->bind(address);
+        socket->connectToHost(QHostAddress::LocalHost, door->port());
+        return socket;
+    }
+
 private slots:
     void init()
     {
@@ -180,24 +188,44 @@ private slots:
         QTRY_COMPARE(late.error(), QAbstractSocket::ConnectionRefusedError);
     }
 
-    void handshakesAreLimited()
+    // One address: its oldest connection goes for its newest.
+    void silentConnectionsKeepNobodyOut()
     {
         door->open();
+        const QByteArray password = passwords.add().password;
         std::vector<std::unique_ptr<QTcpSocket>> silent;
         for (size_t i = 0; i < FrontDoor::kMaxHandshakes; ++i) {
-            silent.push_back(std::make_unique<QTcpSocket>());
-            silent.back()->connectToHost(QHostAddress::LocalHost, door->port());
+            silent.push_back(connectFrom(QHostAddress(QHostAddress::LocalHost)));
+            QTRY_COMPARE(door->handshakeCount(), i + 1);
         }
-        QTRY_COMPARE(door->handshakeCount(), FrontDoor::kMaxHandshakes);
-        QTcpSocket extra;
-        QSignalSpy disconnected(&extra, &QTcpSocket::disconnected);
-        extra.connectToHost(QHostAddress::LocalHost, door->port());
-        QTRY_COMPARE(disconnected.count(), 1);
-        QVERIFY(extra.readAll().isEmpty());
-        silent.pop_back();
-        QTRY_COMPARE(door->handshakeCount(), FrontDoor::kMaxHandshakes - 1);
-        Viewer viewer(door->port(), passwords.add().password);
+        Viewer viewer(door->port(), password);
+        QTRY_COMPARE(silent.front()->state(), QAbstractSocket::UnconnectedState);
         QTRY_VERIFY(viewer.isIn());
+        for (size_t i = 1; i < silent.size(); ++i) {
+            QCOMPARE(silent[i]->state(), QAbstractSocket::ConnectedState);
+        }
+        QCOMPARE(door->handshakeCount(), FrontDoor::kMaxHandshakes - 1);
+        QVERIFY(log->lines.first().startsWith(u"Info: Refused a client from 127.0.0.1: "_s));
+    }
+
+    // Several addresses: who has the most of the places pays, even if others are older.
+    void floodFromOneAddressDropsNoOther()
+    {
+        door->open();
+        const std::unique_ptr<QTcpSocket> quiet = connectFrom(QHostAddress(u"127.0.0.2"_s));
+        QTRY_COMPARE(door->handshakeCount(), size_t{1});
+        std::vector<std::unique_ptr<QTcpSocket>> flood;
+        for (size_t i = 0; i < 4 * FrontDoor::kMaxHandshakes; ++i) {
+            flood.push_back(connectFrom(QHostAddress(QHostAddress::LocalHost)));
+        }
+        const auto connected = [&flood] {
+            return std::count_if(flood.begin(), flood.end(), [](const std::unique_ptr<QTcpSocket> &socket) {
+                return socket->state() == QAbstractSocket::ConnectedState;
+            });
+        };
+        QTRY_COMPARE(static_cast<size_t>(connected()), FrontDoor::kMaxHandshakes - 1);
+        QCOMPARE(door->handshakeCount(), FrontDoor::kMaxHandshakes);
+        QCOMPARE(quiet->state(), QAbstractSocket::ConnectedState);
     }
 
     void clientsAreLimited()
