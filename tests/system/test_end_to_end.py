@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """The server with the bundled agent: real X servers, real applications, looked at by a real client."""
 import os
+import shutil
 import signal
 import socket
 import unittest
@@ -14,7 +15,10 @@ XTERM = "xterm -bg '#204080' -fg white -geometry 60x20+10+10"
 
 class EndToEnd(zarvo.TestCase):
     def setUp(self):
-        self.instance = self.prepare(agent=False)
+        self.use_server()
+
+    def use_server(self, **surroundings):
+        self.instance = self.prepare(agent=False, **surroundings)
         self.instance.environment["PATH"] = zarvo.LIBEXEC + ":" + self.instance.environment["PATH"]
         self.instance.start()
         self.client = self.instance.client()
@@ -190,9 +194,36 @@ class EndToEnd(zarvo.TestCase):
         viewer.wait_for_close()
         zarvo.wait_until(lambda: self.client.call("Live.ListLocalSessions") is None, "the session to be dropped")
         zarvo.wait_until(lambda: self.others() == {}, "the session's processes to end")
-        # Its display can be used again.
-        _, again = self.start()
-        self.connect(again)
+        self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "4")
+
+    def test_display_of_a_session_that_ended_can_be_used_again(self):
+        def terminate(session):
+            self.client.call("Live.Terminate", [session])
+
+        def kill_agent(session):
+            os.kill(int(zarvo.read(os.path.join(self.instance.directory(session), "server_pid"))), signal.SIGKILL)
+
+        def kill_x_server(_):
+            (pid,) = [pid for pid, command in self.others().items() if command.startswith("/usr/bin/Xtigervnc ")]
+            os.kill(pid, signal.SIGKILL)
+
+        def remove_directory(session):
+            shutil.rmtree(self.instance.directory(session))
+
+        # The one display that this server has.
+        self.use_server(settings={"DisplayLimit": 1})
+        ports = set()
+        for end in (terminate, kill_agent, kill_x_server, remove_directory):
+            with self.subTest(end.__name__):
+                session, answer = self.start()
+                self.connect(answer).close()
+                ports.add(answer["port"])
+                end(session)
+                zarvo.wait_until(lambda: self.client.call("Live.ListLocalSessions") is None, "the session to be dropped")
+                zarvo.wait_until(lambda: self.others() == {}, "the session's processes to end")
+        _, last = self.start()
+        self.connect(last)
+        self.assertEqual(ports, {last["port"]})
 
 
 if __name__ == "__main__":
