@@ -182,7 +182,7 @@ class EndToEnd(zarvo.TestCase):
                 session = zarvo.new_id()
                 self.assert_fails(-32099, "An unknown error occurred.", self.client.call, "Live.Start",
                                   [session, XTERM, geometry])
-                zarvo.wait_until(lambda: self.client.call("Live.ListLocalSessions") is None, "the session to go")
+                zarvo.wait_until(lambda: self.client.local_sessions() == [], "the session to go")
                 self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "2")
         zarvo.wait_until(lambda: self.others() == {}, "the agents to end")
 
@@ -192,7 +192,7 @@ class EndToEnd(zarvo.TestCase):
         pid = int(zarvo.read(os.path.join(self.instance.directory(session), "server_pid")))
         os.kill(pid, signal.SIGKILL)
         viewer.wait_for_close()
-        zarvo.wait_until(lambda: self.client.call("Live.ListLocalSessions") is None, "the session to be dropped")
+        zarvo.wait_until(lambda: self.client.local_sessions() == [], "the session to be dropped")
         zarvo.wait_until(lambda: self.others() == {}, "the session's processes to end")
         self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "4")
 
@@ -219,7 +219,7 @@ class EndToEnd(zarvo.TestCase):
                 self.connect(answer).close()
                 ports.add(answer["port"])
                 end(session)
-                zarvo.wait_until(lambda: self.client.call("Live.ListLocalSessions") is None, "the session to be dropped")
+                zarvo.wait_until(lambda: self.client.local_sessions() == [], "the session to be dropped")
                 zarvo.wait_until(lambda: self.others() == {}, "the session's processes to end")
         _, last = self.start()
         self.connect(last)
