@@ -5,11 +5,13 @@
 #include "support/json.h"
 
 #include <QDeadlineTimer>
+#include <QEventLoop>
 #include <QHostAddress>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QSslKey>
 #include <QSslSocket>
+#include <QTimer>
 
 #include <optional>
 
@@ -30,7 +32,10 @@ QByteArray requestFrame()
     return encodeNetString(writeJson(request));
 }
 
-/** One exchange with one peer, under one deadline. */
+/**
+ * One exchange with one peer, under one deadline. The socket's own waiting functions would look at the clock only when
+ * there is nothing to read, and a peer that sends all the time would hold them for ever; so events are waited for.
+ */
 class Exchange
 {
 public:
@@ -38,14 +43,16 @@ public:
         : address(address_)
         , port(port_)
         , error(error_)
-        , deadline(kExchangeTimeoutMs)
+        , deadline(kExchangeTimeoutMs, Qt::PreciseTimer)
     {
+        alarm.setTimerType(Qt::PreciseTimer);
     }
 
     bool connect()
     {
         socket.connectToHost(address, port);
-        return socket.waitForConnected(timeLeft()) || fail("Failed to connect to \"%1\" port \"%2\": %3");
+        return waitUntil([this] { return socket.state() == QAbstractSocket::ConnectedState; }) ||
+               fail("Failed to connect to \"%1\" port \"%2\": %3");
     }
 
     bool encrypt(const QSslCertificate &certificate, const QSslKey &key)
@@ -58,7 +65,7 @@ public:
         socket.setSslConfiguration(configuration);
         socket.ignoreSslErrors();
         socket.startClientEncryption();
-        if (!socket.waitForEncrypted(timeLeft())) {
+        if (!waitUntil([this] { return socket.isEncrypted(); })) {
             return fail("Failed to connect to \"%1\" port \"%2\": %3");
         }
         return socket.peerCertificate() == certificate || fail("The certificate at \"%1\" port \"%2\" does not match");
@@ -67,20 +74,15 @@ public:
     bool send(const QByteArray &frame)
     {
         socket.write(frame);
-        while (socket.bytesToWrite() + socket.encryptedBytesToWrite() > 0) {
-            if (!socket.waitForBytesWritten(timeLeft())) {
-                return fail("Failed to write to \"%1\" port \"%2\": %3");
-            }
-        }
-        return true;
+        return waitUntil([this] { return socket.bytesToWrite() + socket.encryptedBytesToWrite() == 0; }) ||
+               fail("Failed to write to \"%1\" port \"%2\": %3");
     }
 
     bool receive(QByteArray *payload)
     {
         QByteArray buffer;
         for (;;) {
-            // What arrived while we were writing is there already and would not be announced again.
-            if (socket.bytesAvailable() == 0 && !socket.waitForReadyRead(timeLeft())) {
+            if (!waitUntil([this] { return socket.bytesAvailable() > 0; })) {
                 return fail("Failed to read from \"%1\" port \"%2\": %3");
             }
             buffer += socket.readAll();
@@ -92,7 +94,20 @@ public:
     }
 
 private:
-    [[nodiscard]] int timeLeft() const { return static_cast<int>(deadline.remainingTime()); }
+    /** Lets the socket work until the condition holds; false when it has failed before that, or time is up. */
+    template <typename Condition>
+    bool waitUntil(Condition condition)
+    {
+        QEventLoop loop;
+        while (!condition()) {
+            if (deadline.hasExpired() || socket.error() != QAbstractSocket::UnknownSocketError) {
+                return false;
+            }
+            alarm.start(static_cast<int>(deadline.remainingTime()) + 1);
+            loop.processEvents(QEventLoop::WaitForMoreEvents);
+        }
+        return true;
+    }
 
     bool fail(const char *pattern)
     {
@@ -100,7 +115,9 @@ private:
         const QString text = QString::fromLatin1(pattern);
         const QString host = address.toString();
         const QString number = QString::number(port);
-        *error = text.contains("%3"_L1) ? text.arg(host, number, socket.errorString()) : text.arg(host, number);
+        const bool isLate = socket.error() == QAbstractSocket::UnknownSocketError;
+        const QString reason = isLate ? u"Network operation timed out"_s : socket.errorString();
+        *error = text.contains("%3"_L1) ? text.arg(host, number, reason) : text.arg(host, number);
         return false;
     }
 
@@ -108,6 +125,7 @@ private:
     const quint16 port;
     QString *error;
     QDeadlineTimer deadline;
+    QTimer alarm; ///< wakes the event loop when time is up
     QSslSocket socket;
 };
 
@@ -122,7 +140,8 @@ std::optional<QString> errorOf(const Json::Value &reply)
 {
     const Json::Value &object = member(reply, "error");
     const Json::Value &message = member(object, "message");
-    if (!member(object, "code").isInt() || !message.isString()) {
+    const Json::ValueType codeType = member(object, "code").type();
+    if ((codeType != Json::intValue && codeType != Json::uintValue) || !message.isString()) {
         return std::nullopt;
     }
     return stringFromJson(message);

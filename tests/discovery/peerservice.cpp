@@ -11,6 +11,10 @@
 #include <QTcpServer>
 #include <QTemporaryDir>
 
+#include <cerrno>
+
+#include <sys/socket.h>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -102,6 +106,23 @@ void PeerService::run()
     }
 }
 
+/** Asks for a new handshake in the middle of the first one, which the other side has to ignore, over and over. */
+void PeerService::flood(qintptr descriptor) const
+{
+    const QByteArray record = QByteArray::fromHex("1603034000") + QByteArray(0x4000, '\0');
+    const QByteArray many = record.repeated(16);
+    const QDeadlineTimer deadline(40000);
+    qsizetype sent = 0;
+    while (!ended && !deadline.hasExpired()) {
+        const ssize_t count = ::send(static_cast<int>(descriptor), many.constData() + sent,
+                                     static_cast<size_t>(many.size() - sent), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count == -1 && errno != EAGAIN) {
+            return;
+        }
+        sent = count > 0 ? (sent + count) % many.size() : sent;
+    }
+}
+
 void PeerService::serve(qintptr descriptor)
 {
     QSslSocket socket;
@@ -111,6 +132,11 @@ void PeerService::serve(qintptr descriptor)
             socket.waitForDisconnected(kPollMs);
         }
     };
+    if (manner == Manner::FloodsHandshake) {
+        socket.waitForReadyRead(kPatienceMs); // what the other side greets with
+        flood(descriptor);
+        return;
+    }
     if (manner == Manner::NoTls) {
         socket.write("no TLS at all\r\n");
         socket.waitForBytesWritten(kPatienceMs);

@@ -31,10 +31,11 @@ class PeerService : public QThread
 {
 public:
     enum class Manner {
-        Answers,       ///< as above
-        HangsUp,       ///< the same, but hangs up itself
-        NoTls,         ///< sends what is no TLS
-        NeverEncrypts, ///< accepts, and that is all
+        Answers,         ///< as above
+        HangsUp,         ///< the same, but hangs up itself
+        NoTls,           ///< sends what is no TLS
+        NeverEncrypts,   ///< accepts, and that is all
+        FloodsHandshake, ///< sends as fast as it can what a handshake passes over, for 40 seconds at most
     };
 
     PeerService(const QHostAddress &address, const KeyPair &pair, Manner manner = Manner::Answers);
@@ -54,6 +55,7 @@ protected:
 
 private:
     void serve(qintptr descriptor);
+    void flood(qintptr descriptor) const;
 
     const QHostAddress address;
     const KeyPair pair;

@@ -33,6 +33,7 @@ private slots:
     void peerWithoutTlsIsNamed();
     void silenceEndsAfterFifteenSeconds_data();
     void silenceEndsAfterFifteenSeconds();
+    void floodEndsAfterFifteenSeconds();
 
 private:
     [[nodiscard]] bool ask(const PeerService &peer) { return ask(peer.port()); }
@@ -180,6 +181,11 @@ void TestPeerQuery::refusedAnswersLeaveTheListAlone_data()
     json("version is a number", R"({"id":"ServerUpdate","jsonrpc":2.0,"result":[]})");
     json("other id with an error", R"({"id":"x","jsonrpc":"2.0","error":{"code":1,"message":"late"}})");
     json("neither", R"({"id":"ServerUpdate","jsonrpc":"2.0"})");
+    json("result is an object", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":{"a":{"id":"a"}}})");
+    json("result is text", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":"a"})");
+    json("result is a number", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":0})");
+    json("result is no list, and an error", // the result counts
+         R"({"id":"ServerUpdate","jsonrpc":"2.0","result":false,"error":{"code":1,"message":"late"}})");
     const auto failed = [&](const char *name, const QByteArray &value, const QString &message) {
         QTest::newRow(name) << answer("\"error\":" + value) << message;
     };
@@ -189,6 +195,8 @@ void TestPeerQuery::refusedAnswersLeaveTheListAlone_data()
     failed("error without message", R"({"code":1})", invalid);
     failed("code is text", R"({"code":"1","message":"late"})", invalid);
     failed("code has a fraction", R"({"code":1.5,"message":"late"})", invalid);
+    failed("code has a fraction of zero", R"({"code":1.0,"message":"late"})", invalid);
+    failed("large code", R"({"code":-1099511627776,"message":"late"})", u"late"_s);
     failed("message is a number", R"({"code":1,"message":5})", invalid);
     failed("error", R"({"code":-32094,"message":"No session exists with the given id."})",
            u"No session exists with the given id."_s);
@@ -284,6 +292,18 @@ void TestPeerQuery::silenceEndsAfterFifteenSeconds()
     QVERIFY2(timer.elapsed() < 25000, qPrintable(QString::number(timer.elapsed())));
     const QString start = u"Failed to %1 \"127.0.0.1\" port \"%2\": "_s.arg(what, QString::number(peer.port()));
     QVERIFY2(error.startsWith(start) && error.size() > start.size(), qPrintable(error));
+}
+
+void TestPeerQuery::floodEndsAfterFifteenSeconds()
+{
+    // There is always something to read, and it never comes to anything.
+    PeerService peer(kLocal, own, Manner::FloodsHandshake);
+    QElapsedTimer timer;
+    timer.start();
+    QVERIFY(!ask(peer));
+    QVERIFY2(timer.elapsed() >= 14900, qPrintable(QString::number(timer.elapsed())));
+    QVERIFY2(timer.elapsed() < 25000, qPrintable(QString::number(timer.elapsed())));
+    QCOMPARE(error, u"Failed to connect to \"127.0.0.1\" port \"%1\": Network operation timed out"_s.arg(peer.port()));
 }
 
 ZARVO_TEST(TestPeerQuery)
