@@ -26,10 +26,6 @@ namespace {
 constexpr auto kRepeatInterval = 300000ms;
 /** How long a peer's list counts: longer than it takes the peer to announce itself again. */
 constexpr qint64 kExpirySeconds = 400;
-/** Each costs a thread that mostly waits. */
-constexpr int kMaxAsking = 32;
-/** Enough for the answers of a large site to one "HELLO". */
-constexpr qsizetype kMaxWaiting = 4096;
 /** After so many datagrams everybody else has his turn. */
 constexpr int kMaxDatagramsAtOnce = 256;
 
@@ -80,6 +76,9 @@ UdpTalker::UdpTalker(QUdpSocket *socket_, const QHostAddress &broadcastAddress_,
 UdpTalker::~UdpTalker()
 {
     const auto watchers = findChildren<QFutureWatcher<void> *>();
+    for (QFutureWatcher<void> *watcher : watchers) {
+        watcher->cancel(); // what has no thread yet would be asked by this one
+    }
     for (QFutureWatcher<void> *watcher : watchers) {
         watcher->waitForFinished();
     }
@@ -136,35 +135,31 @@ void UdpTalker::handleDatagram(const QByteArray &datagram, const QHostAddress &s
         return;
     }
     if (announcement->method == "HELLO"_L1) {
-        askPeer({sender, announcement->port});
+        askPeer(sender, announcement->port);
         sendUpdateTo(sender, senderPort);
     } else if (announcement->method == "UPDATE"_L1) {
-        askPeer({sender, announcement->port});
+        askPeer(sender, announcement->port);
     }
 }
 
-void UdpTalker::askPeer(const Peer &peer)
+void UdpTalker::askPeer(const QHostAddress &address, quint16 port)
 {
-    if (waiting.size() < kMaxWaiting) {
-        waiting.enqueue(peer);
-        askNext();
-    }
+    queue.add({address, port});
+    askNext();
 }
 
 void UdpTalker::askNext()
 {
-    if (waiting.isEmpty() || asking >= kMaxAsking) {
-        return;
+    while (const std::optional<PeerQueue::Peer> peer = queue.next()) {
+        auto *watcher = new QFutureWatcher<void>(this);
+        connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher, peer = *peer] {
+            watcher->deleteLater();
+            queue.finish(peer);
+            askNext();
+        });
+        watcher->setFuture(
+            QtConcurrent::run([this, peer = *peer] { queryPeer(peer.first, peer.second, keyPath, certPath); }));
     }
-    const Peer peer = waiting.dequeue();
-    auto *watcher = new QFutureWatcher<void>(this);
-    ++asking;
-    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher] {
-        watcher->deleteLater();
-        --asking;
-        askNext();
-    });
-    watcher->setFuture(QtConcurrent::run([this, peer] { queryPeer(peer.first, peer.second, keyPath, certPath); }));
 }
 
 void UdpTalker::queryPeer(QHostAddress address, quint16 port, QString keyPath_, QString certPath_)

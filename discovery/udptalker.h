@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "discovery/peerqueue.h"
+
 #include <QByteArray>
 #include <QHostAddress>
 #include <QObject>
-#include <QQueue>
 #include <QString>
 #include <QTimer>
-
-#include <utility>
 
 class QUdpSocket;
 class SessionStore;
@@ -33,7 +32,7 @@ public:
      */
     UdpTalker(QUdpSocket *socket, const QHostAddress &broadcastAddress, quint16 broadcastPort, quint16 serverPort,
               SessionStore *store, const QString &keyPath, const QString &certPath, QObject *parent);
-    /** Waits for the questions that are being asked, up to 15 seconds; those that wait are dropped. */
+    /** Waits for the questions that are being asked, up to 15 seconds; those that have no thread yet are dropped. */
     ~UdpTalker() override;
 
 public slots:
@@ -47,11 +46,9 @@ private slots:
     void Socket_readyRead();
 
 private:
-    using Peer = std::pair<QHostAddress, quint16>;
-
     void send(const QString &method, const QHostAddress &address, quint16 port);
     void handleDatagram(const QByteArray &datagram, const QHostAddress &sender, quint16 senderPort);
-    void askPeer(const Peer &peer);
+    void askPeer(const QHostAddress &address, quint16 port);
     void askNext();
     void queryPeer(QHostAddress address, quint16 port, QString keyPath, QString certPath);
 
@@ -63,6 +60,5 @@ private:
     const QString keyPath;
     const QString certPath;
     QTimer timer;
-    QQueue<Peer> waiting; ///< to be asked when one of those being asked has answered
-    int asking = 0;       ///< as many as there are watchers among the children
+    PeerQueue queue; ///< as many are being asked as there are watchers among the children
 };

@@ -9,12 +9,17 @@
 #include "tests/testmain.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFutureWatcher>
 #include <QNetworkDatagram>
+#include <QScopeGuard>
+#include <QSemaphore>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThreadPool>
 #include <QUdpSocket>
+#include <QtConcurrentRun>
 
 #include <memory>
 
@@ -44,6 +49,8 @@ private slots:
     void unreadableCredentialsLeaveTheListAlone();
     void finishedQueriesLeaveNoWatcher();
     void endWaitsForTheQuery();
+    void endDropsQueriesThatHaveNotBegun();
+    void silentAddressLeavesPlacesToOthers();
     void withoutAPortSendingDoesNothing();
 
 private:
@@ -333,6 +340,51 @@ void TestUdpTalker::endWaitsForTheQuery()
     QCOMPARE(lines.size(), 1);
     QVERIFY2(lines.first().startsWith(u"Warning: Failed to connect to \"127.0.0.2\" port \"%1\": "_s.arg(peer.port())),
              qPrintable(lines.first()));
+}
+
+void TestUdpTalker::endDropsQueriesThatHaveNotBegun()
+{
+    // Requests that wait for an agent have all threads of the pool.
+    QThreadPool *pool = QThreadPool::globalInstance();
+    QSemaphore answered;
+    const int threads = pool->maxThreadCount();
+    QList<QFuture<void>> requests;
+    for (int i = 0; i < threads; ++i) {
+        requests << QtConcurrent::run([&answered] { answered.acquire(); });
+    }
+    const auto release = qScopeGuard([&] {
+        answered.release(threads);
+        for (QFuture<void> &request : requests) {
+            request.waitForFinished();
+        }
+    });
+    PeerService peer(kOtherHost, pair, PeerService::Manner::NeverEncrypts);
+    for (int i = 0; i < 2; ++i) {
+        say(message(u"UPDATE"_s, peer.port()));
+    }
+    QTRY_COMPARE(talker->findChildren<QFutureWatcherBase *>().size(), 2);
+    QElapsedTimer timer;
+    timer.start();
+    talker.reset();
+    QVERIFY2(timer.elapsed() < 10000, qPrintable(QString::number(timer.elapsed())));
+    QCOMPARE(peer.connections(), 0);
+    QCOMPARE(log->takeLines(), QStringList());
+}
+
+void TestUdpTalker::silentAddressLeavesPlacesToOthers()
+{
+    PeerService silent(kOtherHost, pair, PeerService::Manner::NeverEncrypts);
+    for (int i = 0; i < 40; ++i) {
+        say(message(u"UPDATE"_s, silent.port()));
+    }
+    QTRY_VERIFY(talker->findChildren<QFutureWatcherBase *>().size() > 1);
+    const QHostAddress third(u"127.0.0.3"_s);
+    PeerService good(third, pair);
+    good.setPieces({answer(R"([{"id":"a"}])")});
+    QUdpSocket other;
+    QVERIFY(other.bind(third));
+    say(message(u"UPDATE"_s, good.port()), &other);
+    QTRY_COMPARE_WITH_TIMEOUT(remoteIds(), QStringList{u"a"_s}, 10000);
 }
 
 void TestUdpTalker::withoutAPortSendingDoesNothing()

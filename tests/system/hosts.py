@@ -303,7 +303,7 @@ class Service:
     """Listens like a server's TLS service; what it does with a connection is the test's: behave(raw socket)."""
 
     def __init__(self, case, behave, address=OTHER_HOST, host=None, backlog=128):
-        self.behave = behave
+        self.behave, self.address = behave, address
         make = functools.partial(socket.create_server, (address, 0), backlog=backlog)
         self.listener = host.run(make) if host else make()
         self.port = self.listener.getsockname()[1]
