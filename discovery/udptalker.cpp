@@ -49,6 +49,19 @@ QList<QHostAddress> allOwnAddresses()
     return addresses;
 }
 
+/** With a peer's own words in it a text could pass for several lines of the log, or command a terminal. */
+QString onOneLine(const QString &text)
+{
+    QString line;
+    line.reserve(text.size());
+    for (const QChar c : text) {
+        const bool breaksLine = c.category() == QChar::Other_Control || c.category() == QChar::Separator_Line ||
+                                c.category() == QChar::Separator_Paragraph;
+        line += breaksLine ? u"\\u%1"_s.arg(uint(c.unicode()), 4, 16, QChar(u'0')) : QString(c);
+    }
+    return line;
+}
+
 QString ownUser()
 {
     return qEnvironmentVariable("USER");
@@ -67,6 +80,7 @@ UdpTalker::UdpTalker(QUdpSocket *socket_, const QHostAddress &broadcastAddress_,
     , store(store_)
     , keyPath(keyPath_)
     , certPath(certPath_)
+    , timer(this)
 {
     connect(socket, &QUdpSocket::readyRead, this, &UdpTalker::Socket_readyRead);
     connect(&timer, &QTimer::timeout, this, &UdpTalker::sendUpdate);
@@ -177,7 +191,7 @@ void UdpTalker::queryPeer(QHostAddress address, quint16 port, QString keyPath_, 
         if (fetchPeerSessions(address, port, certificate, key, sessions, error)) {
             store->storeRemoteSessions(location, QDateTime::currentDateTime().addSecs(kExpirySeconds), sessions);
         } else {
-            logMessage(LogWarning, error);
+            logMessage(LogWarning, onOneLine(error));
             store->forgetRemoteSessions(location);
         }
     }

@@ -18,6 +18,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThreadPool>
+#include <QTimer>
 #include <QUdpSocket>
 #include <QtConcurrentRun>
 
@@ -51,7 +52,9 @@ private slots:
     void endWaitsForTheQuery();
     void endDropsQueriesThatHaveNotBegun();
     void silentAddressLeavesPlacesToOthers();
+    void wordsOfThePeerStayOneLine();
     void withoutAPortSendingDoesNothing();
+    void updateIsRepeatedEveryFiveMinutes();
 
 private:
     void say(const QByteArray &datagram, QUdpSocket *from = nullptr)
@@ -385,6 +388,31 @@ void TestUdpTalker::silentAddressLeavesPlacesToOthers()
     QVERIFY(other.bind(third));
     say(message(u"UPDATE"_s, good.port()), &other);
     QTRY_COMPARE_WITH_TIMEOUT(remoteIds(), QStringList{u"a"_s}, 10000);
+}
+
+void TestUdpTalker::wordsOfThePeerStayOneLine()
+{
+    PeerService peer(kOtherHost, pair);
+    peer.setPieces(
+        {encodeNetString(R"({"id":"ServerUpdate","jsonrpc":"2.0","error":{"code":1,"message":)"
+                         R"("l\u00e4te\r\nFri 1 00:00:00: Info: \u0000\u001b[2J\t\u007f\u0085\u2028\u2029 \\n"}})")});
+    say(message(u"UPDATE"_s, peer.port()));
+    QStringList lines;
+    QTRY_VERIFY(!(lines += log->takeLines()).isEmpty());
+    QCOMPARE(lines,
+             QStringList{u"Warning: l\u00e4te"_s +
+                         R"(\u000d\u000aFri 1 00:00:00: Info: \u0000\u001b[2J\u0009\u007f\u0085\u2028\u2029 \n)"_L1});
+}
+
+void TestUdpTalker::updateIsRepeatedEveryFiveMinutes()
+{
+    const auto timers = talker->findChildren<QTimer *>();
+    QCOMPARE(timers.size(), 1);
+    QVERIFY(timers.first()->isActive());
+    QVERIFY(!timers.first()->isSingleShot());
+    QCOMPARE(timers.first()->interval(), 300000);
+    QVERIFY(QMetaObject::invokeMethod(timers.first(), "timeout", Qt::DirectConnection));
+    QCOMPARE(hear(ear.get()), message(u"UPDATE"_s, kServicePort));
 }
 
 void TestUdpTalker::withoutAPortSendingDoesNothing()

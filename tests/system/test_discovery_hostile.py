@@ -307,6 +307,16 @@ class Answers(HostileCase):
                 self.assert_refused(peer, re.escape(message), zarvo.frame(
                     {"id": "ServerUpdate", "jsonrpc": "2.0", "error": {"code": code, "message": message}}))
 
+    def test_words_of_the_peer_cannot_pass_for_lines_of_the_log(self):
+        peer = self.peer()
+        forged = "late\nSat 1 00:00:00: Info: Exiting the server\r\n\x1b[2J\0\x85\u2028"
+        self.assert_refused(peer, re.escape(
+            r"late\u000aSat 1 00:00:00: Info: Exiting the server\u000d\u000a\u001b[2J\u0000\u0085\u2028"), zarvo.frame(
+                {"id": "ServerUpdate", "jsonrpc": "2.0", "error": {"code": 1, "message": forged}}))
+        for line in self.instance.log().splitlines():
+            self.assertRegex(line, f"^{zarvo.DAY}: (Info|Warning): ")
+        self.assertNotIn("Exiting the server", [line.split(": ", 2)[2] for line in self.instance.log().splitlines()])
+
     def test_frames_that_are_refused(self):
         peer = self.peer()
         whole = reply([entry("2" * 32)])
