@@ -7,6 +7,8 @@
 #include "server/logging.h"
 #include "support/credentials.h"
 
+#include <openssl/crypto.h>
+
 #include <QFutureWatcher>
 #include <QNetworkInterface>
 #include <QSslCertificate>
@@ -171,8 +173,12 @@ void UdpTalker::askNext()
             queue.finish(peer);
             askNext();
         });
-        watcher->setFuture(
-            QtConcurrent::run([this, peer = *peer] { queryPeer(peer.first, peer.second, keyPath, certPath); }));
+        watcher->setFuture(QtConcurrent::run([this, peer = *peer] {
+            queryPeer(peer.first, peer.second, keyPath, certPath);
+            // The pool does not wait for the very end of its threads, and the process would leave what the library
+            // keeps for each, or free it under the library's own clean-up.
+            OPENSSL_thread_stop();
+        }));
     }
 }
 

@@ -277,6 +277,23 @@ class Discovery(hosts.NeighbourCase):
         self.assertRegex(self.warnings()[0], f'^Failed to read from "{OTHER_HOST}" port "{peer.port}": .+$')
         self.assertFalse(os.path.exists(self.instance.pid_file))
 
+    def test_threads_that_asked_leave_no_state_of_the_tls_library(self):
+        library = os.path.join(zarvo.BUILD, "tests", "discovery", "libcryptostates.so")
+        self.assertTrue(os.path.exists(library), "the build folder's tests are not built")
+        seen = os.path.join(self.instance.top, "states")
+        self.instance.environment.update(LD_PRELOAD=library, ZARVO_CRYPTO_STATES=seen)
+        # Of two libraries that both want to be the first the sanitizer's lets this one pass.
+        self.instance.environment["ASAN_OPTIONS"] += ":verify_asan_link_order=0"
+        self.start()
+        peer = self.peer()
+        for sessions in ([entry("1" * 32)], [entry("2" * 32)], None):
+            peer.replies.put([reply(sessions)])
+            self.say(self.message(peer))
+            zarvo.wait_until(lambda: self.listed() == sessions, "the peer's sessions")
+        self.assertIn(library, zarvo.read(f"/proc/{self.instance.pid}/maps"))
+        self.assertEqual(self.instance.stop(), 0)
+        self.assertFalse(os.path.exists(seen), "threads ended with a state")
+
     def test_without_discovery_nothing_is_sent_or_heard(self):
         self.instance.settings["BroadcastPort"] = 0
         self.instance.write_settings()

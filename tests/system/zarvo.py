@@ -325,8 +325,6 @@ class Server:
         for name in ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
             own = f"log_path={self.reports}/report:quarantine_size_mb=16" if name == "ASAN_OPTIONS" \
                 else f"log_path={self.reports}/report"
-            if name == "LSAN_OPTIONS":
-                own += f":suppressions={HERE}/lsan.supp:print_suppressions=0"
             environment[name] = ":".join(filter(None, [os.environ.get(name), own]))
         return environment
 
