@@ -6,12 +6,12 @@ import shutil
 import subprocess
 import unittest
 
-import test_ctl
+import ctl
 import zarvo
-from test_ctl import DONE, NEGATIVE
+from ctl import DONE, NEGATIVE
 
 
-class Doctor(test_ctl.CtlTestCase):
+class Doctor(ctl.CtlTestCase):
     def findings(self, server, code=DONE, environment=None):
         """The findings of a check by its title."""
         result = self.ctl_result(server, "doctor", "--json", environment=environment)
@@ -54,8 +54,9 @@ class Doctor(test_ctl.CtlTestCase):
         self.assert_found(self.findings(server), "user path", "WARN", "open to others")
 
     def test_settings(self):
-        server = self.unattended(settings={"ListenPort": 70000, "DisplayBase": "many", "LogLevel": "Loud", "Colour": "red",
-                                           "SuspendTimeout": "never", "DisplayLimit": 0, "BroadcastAddress": "here"})
+        server = self.unattended(settings={"ListenPort": 70000, "DisplayBase": "many", "LogLevel": "Loud",
+                                           "Colour": "red", "SuspendTimeout": "never", "DisplayLimit": 0,
+                                           "BroadcastAddress": "here"})
         findings = self.findings(server, NEGATIVE)
         for text in ('ListenPort is "70000", which becomes 4464', 'DisplayBase is "many", which becomes 0',
                      'LogLevel is "Loud", which becomes Info', "no setting Colour",

@@ -7,7 +7,7 @@ import shutil
 import subprocess
 import unittest
 
-import test_ctl
+import ctl
 import zarvo
 
 ROOT = os.path.dirname(os.path.dirname(zarvo.HERE))
@@ -17,8 +17,8 @@ OPTION = re.compile(r"(?<![\w-])--?[a-z][a-z-]*")
 
 
 def help_text(*arguments):
-    result = subprocess.run([test_ctl.CTL, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, check=True,
-                            timeout=zarvo.DEADLINE)
+    result = subprocess.run([ctl.CTL, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                            check=True, timeout=zarvo.DEADLINE)
     assert result.stderr == "", result.stderr
     return result.stdout
 
@@ -107,14 +107,14 @@ class Manual(unittest.TestCase):
         if not shutil.which("man"):
             self.skipTest("man is not installed")
         for name in os.listdir(MANUAL):
-            result = subprocess.run(["man", "--warnings", "-l", os.path.join(MANUAL, name)], stdout=subprocess.PIPE, text=True,
-                                    stderr=subprocess.PIPE, env={**os.environ, "MANWIDTH": "100", "LC_ALL": "C.UTF-8"},
-                                    timeout=zarvo.DEADLINE)
+            result = subprocess.run(["man", "--warnings", "-l", os.path.join(MANUAL, name)], text=True,
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=zarvo.DEADLINE,
+                                    env={**os.environ, "MANWIDTH": "100", "LC_ALL": "C.UTF-8"})
             self.assertEqual((result.returncode, result.stderr), (0, ""), name)
             self.assertIn("SEE ALSO", result.stdout)
 
 
-class Completions(test_ctl.CtlTestCase):
+class Completions(ctl.CtlTestCase):
     def assert_covers(self, verb, found):
         self.assertEqual(set(found) | {"-h", "--help"}, options(verb), verb)
 
@@ -122,10 +122,11 @@ class Completions(test_ctl.CtlTestCase):
         """What bash offers for the last word."""
         script = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _zarvoctl; printf "%s\\n" "${COMPREPLY[@]}"'
         environment = dict(os.environ) if server is None else server.environment
-        path = os.path.dirname(test_ctl.CTL) + ":" + environment["PATH"]
-        result = subprocess.run(["bash", "--norc", "-c", script, os.path.join(COMPLETIONS, "zarvoctl.bash"), "zarvoctl", *words],
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env={**environment, "PATH": path},
-                                timeout=zarvo.DEADLINE)
+        path = os.path.dirname(ctl.CTL) + ":" + environment["PATH"]
+        source = os.path.join(COMPLETIONS, "zarvoctl.bash")
+        result = subprocess.run(["bash", "--norc", "-c", script, source, "zarvoctl", *words], text=True,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=zarvo.DEADLINE,
+                                env={**environment, "PATH": path})
         self.assertEqual(result.stderr, "")
         return set(result.stdout.split())
 
@@ -155,17 +156,19 @@ class Completions(test_ctl.CtlTestCase):
         session = self.start(server, "a name")["id"]
 
         def offered(line):
-            path = os.path.dirname(test_ctl.CTL) + ":" + server.environment["PATH"]
+            path = os.path.dirname(ctl.CTL) + ":" + server.environment["PATH"]
             script = f'source {os.path.join(COMPLETIONS, "zarvoctl.fish")}; complete -C "{line}"'
-            result = subprocess.run(["fish", "--no-config", "-c", script], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                    text=True, env={**server.environment, "PATH": path}, timeout=zarvo.DEADLINE)
+            result = subprocess.run(["fish", "--no-config", "-c", script], text=True, timeout=zarvo.DEADLINE,
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                    env={**server.environment, "PATH": path})
             self.assertEqual(result.stderr, "")
             return [entry.split("\t") for entry in result.stdout.splitlines()]
 
         self.assertIn([session, "a name"], offered("zarvoctl suspend "))
         self.assertIn("screenshot", [entry[0] for entry in offered("zarvoctl s")])
         for verb in verbs():
-            self.assert_covers(verb, {entry[0] for dashes in ("-", "--") for entry in offered(f"zarvoctl {verb} {dashes}")})
+            found = [entry[0] for dashes in ("-", "--") for entry in offered(f"zarvoctl {verb} {dashes}")]
+            self.assert_covers(verb, found)
 
     def test_zsh(self):
         text = zarvo.read(os.path.join(COMPLETIONS, "_zarvoctl"))
@@ -184,7 +187,7 @@ class Completions(test_ctl.CtlTestCase):
         subprocess.run(["zsh", "-n", os.path.join(COMPLETIONS, "_zarvoctl")], check=True, timeout=zarvo.DEADLINE)
 
 
-class Installed(test_ctl.CtlTestCase):
+class Installed(ctl.CtlTestCase):
     def test_installed_tree(self):
         server = self.unattended(agent=False)
         prefix = os.path.join(server.top, "usr")
@@ -198,8 +201,9 @@ class Installed(test_ctl.CtlTestCase):
             self.assertTrue(os.path.isfile(os.path.join(prefix, path)), path)
 
         def run(*arguments):
-            result = subprocess.run([os.path.join(prefix, "bin", "zarvoctl"), *arguments], env=server.environment, text=True,
-                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=2 * zarvo.DEADLINE)
+            result = subprocess.run([os.path.join(prefix, "bin", "zarvoctl"), *arguments], env=server.environment,
+                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                    timeout=2 * zarvo.DEADLINE)
             self.assertEqual(result.returncode, 0, result.stderr)
             return result.stdout
 

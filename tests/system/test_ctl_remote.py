@@ -13,9 +13,9 @@ import sys
 import threading
 import unittest
 
-import test_ctl
+import ctl
 import zarvo
-from test_ctl import DONE, NO_SERVER, NO_SESSION, WRONG_STATE
+from ctl import DONE, NO_SERVER, NO_SESSION, WRONG_STATE
 
 SSHD = shutil.which("sshd", path=os.environ.get("PATH", "") + ":/usr/sbin:/sbin")
 
@@ -45,8 +45,8 @@ class Sshd:
             run_ssh_keygen(self.path(name))
         shutil.copy(self.path("user_key.pub"), self.path("authorized_keys"))
         with open(self.path("command"), "w", encoding="utf-8") as file:
-            file.write("#!/bin/sh\n" + "".join(f"export {key}={shlex.quote(value)}\n" for key, value in environment.items())
-                       + 'exec /bin/sh -c "$SSH_ORIGINAL_COMMAND"\n')
+            exports = "".join(f"export {key}={shlex.quote(value)}\n" for key, value in environment.items())
+            file.write(f'#!/bin/sh\n{exports}exec /bin/sh -c "$SSH_ORIGINAL_COMMAND"\n')
         os.chmod(self.path("command"), 0o755)
         with socket.socket() as probe:
             probe.bind(("127.0.0.1", 0))
@@ -89,7 +89,7 @@ BatchMode yes
         self.log.close()
 
 
-class Remote(test_ctl.CtlTestCase):
+class Remote(ctl.CtlTestCase):
     def setUp(self):
         if not SSHD or not shutil.which("ssh"):
             self.skipTest("openssh-server and openssh-client are not installed")
@@ -97,7 +97,7 @@ class Remote(test_ctl.CtlTestCase):
             os.makedirs("/run/sshd", mode=0o755, exist_ok=True)  # sshd's own, which its service would make
         self.far = self.server()
         self.near = self.server()
-        path = os.path.dirname(test_ctl.CTL) + ":" + self.far.environment["PATH"]
+        path = os.path.dirname(ctl.CTL) + ":" + self.far.environment["PATH"]
         self.sshd = Sshd(os.path.join(self.far.top, "ssh"), {**self.far.environment, "PATH": path})
         self.addCleanup(self.sshd.close)
         self.environment = {"ZARVO_SSH": f'ssh -F "{self.sshd.path("ssh_config")}"'}
@@ -119,7 +119,8 @@ class Remote(test_ctl.CtlTestCase):
                 except OSError:
                     return
                 connection.settimeout(zarvo.DEADLINE)
-                with contextlib.suppress(OSError, EOFError), context.wrap_socket(connection, server_side=True) as encrypted:
+                with contextlib.suppress(OSError, EOFError), \
+                        context.wrap_socket(connection, server_side=True) as encrypted:
                     reader = zarvo.Client.__new__(zarvo.Client)
                     reader.buffer, reader.socket = b"", encrypted
                     while True:

@@ -12,7 +12,7 @@ import time
 import unicodedata
 import unittest
 
-import test_ctl
+import ctl
 import zarvo
 
 ESCAPE = re.compile(r"\x1b\[[0-9;]*[A-Za-z]")
@@ -24,7 +24,7 @@ class Terminal:
     def __init__(self, environment, *arguments, columns=80, rows=24):
         self.master, slave = pty.openpty()
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
-        self.process = subprocess.Popen([test_ctl.CTL, *arguments], stdin=slave, stdout=slave, stderr=slave,
+        self.process = subprocess.Popen([ctl.CTL, *arguments], stdin=slave, stdout=slave, stderr=slave,
                                         env={"TERM": "xterm", **environment})
         os.close(slave)
         self.text = ""
@@ -66,7 +66,7 @@ def width(text):
     return sum(0 if unicodedata.combining(c) else 2 if unicodedata.east_asian_width(c) in "WF" else 1 for c in text)
 
 
-class OnTerminal(test_ctl.CtlTestCase):
+class OnTerminal(ctl.CtlTestCase):
     def terminal(self, server, *arguments, environment=None, **how):
         terminal = Terminal({**server.environment, **(environment or {})}, *arguments, **how)
         self.addCleanup(terminal.close)

@@ -1,0 +1,107 @@
+# SPDX-License-Identifier: MIT
+"""What the tests of zarvoctl share."""
+import contextlib
+import json
+import os
+import signal
+import subprocess
+
+import zarvo
+
+CTL = os.path.join(zarvo.BUILD, "bin", "zarvoctl")
+
+DONE, NEGATIVE, USAGE, NO_SESSION, AMBIGUOUS, NO_SERVER, REFUSED, TIMED_OUT, FAILED, WRONG_STATE, NO_VIEWER = range(11)
+
+
+class CtlTestCase(zarvo.TestCase):
+    """Runs zarvoctl in the surroundings of a server."""
+
+    def ctl(self, server, *arguments, code=DONE, environment=None, **how):
+        """Runs zarvoctl to its end, checks the exit code and returns its output."""
+        result = self.ctl_result(server, *arguments, environment=environment, **how)
+        self.assertEqual(result.returncode, code, f"{arguments}: {result.stdout}{result.stderr}")
+        return result.stdout
+
+    def ctl_error(self, server, *arguments, code, environment=None):
+        """The same for a run that fails: nothing on standard output, and what it complained about."""
+        result = self.ctl_result(server, *arguments, environment=environment)
+        self.assertEqual(result.returncode, code, f"{arguments}: {result.stdout}{result.stderr}")
+        self.assertEqual(result.stdout, "")
+        self.assertTrue(result.stderr.startswith("zarvoctl"), result.stderr)
+        return result.stderr
+
+    @staticmethod
+    def ctl_result(server, *arguments, environment=None, **how):
+        return subprocess.run([CTL, *arguments], env={**server.environment, **(environment or {})}, text=True,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              timeout=2 * zarvo.DEADLINE, **how)
+
+    def ctl_json(self, server, verb, *arguments, **how):
+        return json.loads(self.ctl(server, verb, "--json", *arguments, **how))
+
+    def background(self, server, *arguments, environment=None, stdin=subprocess.DEVNULL):
+        """zarvoctl as a process that runs on; it is killed after the test."""
+        process = subprocess.Popen([CTL, *arguments], env={**server.environment, **(environment or {})}, text=True,
+                                   stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(self.end, process)
+        return process
+
+    @staticmethod
+    def end(process):
+        if process.poll() is None:
+            process.kill()
+        process.wait(zarvo.DEADLINE)
+        for stream in (process.stdin, process.stdout, process.stderr):
+            if stream:
+                stream.close()
+
+    def unattended(self, *arguments, **how):
+        """Surroundings in which zarvoctl itself starts the server; that one is gone after the test."""
+        server = self.prepare(*arguments, **how)
+        self.addCleanup(self.end_unattended, server)
+        return server
+
+    def end_unattended(self, server):
+        with contextlib.suppress(OSError, ValueError):
+            pid = int(zarvo.read(server.pid_file))
+            if "zarvo_server" in zarvo.read(f"/proc/{pid}/comm"):
+                os.kill(pid, signal.SIGTERM)
+                zarvo.wait_until(lambda: not zarvo.alive(pid), "the end of the server")
+
+    def servers(self, server):
+        """The processes of servers that run in these surroundings."""
+        found = []
+        for entry in os.listdir("/proc"):
+            if entry.isdigit():
+                with contextlib.suppress(OSError):
+                    if zarvo.read(f"/proc/{entry}/comm").strip() == "zarvo_server":
+                        with open(f"/proc/{entry}/environ", "rb") as environment:
+                            if b"USER=" + server.user.encode() in environment.read().split(b"\0"):
+                                found.append(int(entry))
+        return found
+
+    def start(self, server, *arguments):
+        """A session started through zarvoctl."""
+        return self.ctl_json(server, "start", *(arguments or ("xterm",)))
+
+    def state(self, server, session):
+        found = [entry["state"] for entry in self.ctl_json(server, "list") if entry["id"] == session]
+        return found[0] if found else None
+
+    def wait_state(self, server, session, state):
+        zarvo.wait_until(lambda: self.state(server, session) == state, f"the state {state}")
+
+    def assert_waits(self, server, process):
+        """A zarvoctl in the background is connected, and does not end."""
+        zarvo.wait_until(lambda: self.is_connected(server, process), "a connection to the server")
+        with self.assertRaises(subprocess.TimeoutExpired):
+            process.wait(0.3)
+
+    @staticmethod
+    def is_connected(server, process):
+        own = set()
+        for descriptor in os.listdir(f"/proc/{process.pid}/fd"):
+            with contextlib.suppress(OSError):
+                own.add(os.readlink(f"/proc/{process.pid}/fd/{descriptor}"))
+        connections = [line.split() for line in zarvo.read("/proc/net/tcp").splitlines()[1:]]
+        return any(entry[2].endswith(f":{server.port:04X}") and f"socket:[{entry[9]}]" in own for entry in connections)

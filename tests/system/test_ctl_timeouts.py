@@ -1,0 +1,94 @@
+# SPDX-License-Identifier: MIT
+"""zarvoctl: what does not answer is waited for, and not for ever. The waits are long, so they go side by side."""
+import os
+import signal
+import unittest
+from concurrent.futures import ThreadPoolExecutor
+
+import ctl
+import zarvo
+from ctl import NO_SERVER, TIMED_OUT
+
+
+class Patience(ctl.CtlTestCase):
+    def test_waits_have_an_end(self):
+        waits = [prepare() for prepare in (self.server_that_hangs, self.agent_that_refuses_to_end,
+                                           self.agent_that_is_never_ready, self.server_that_stays_away,
+                                           self.display_that_hangs)]
+        with ThreadPoolExecutor(len(waits)) as pool:
+            for wait in [pool.submit(wait) for wait in waits]:
+                wait.result()
+
+    # Each of these prepares one case, and returns the function that waits for its end.
+
+    def server_that_hangs(self):
+        server = self.server()
+        self.pause(server.pid)
+        return lambda: self.assertIn("does not answer", self.ctl_error(server, "list", code=TIMED_OUT))
+
+    def agent_that_refuses_to_end(self):
+        server = self.server()
+        server.agent(terminate="no")
+        session = self.start(server)["id"]
+        return lambda: self.assertIn("Timed out waiting for the agent.",
+                                     self.ctl_error(server, "terminate", session, code=TIMED_OUT))
+
+    def agent_that_is_never_ready(self):
+        server = self.server()
+        server.agent(state="log", ready="no")
+        process = self.background(server, "start", "xterm")
+        directory = zarvo.wait_until(lambda: os.path.exists(server.sessions) and os.listdir(server.sessions),
+                                     "the session")[0]
+        zarvo.wait_until(lambda: os.path.exists(os.path.join(server.records, directory, "pid")), "the agent")
+        with open(os.path.join(server.sessions, directory, "server_log"), "a", encoding="utf-8") as file:
+            file.write("Something is wrong\nAdded new password secret12\n")
+
+        def wait():
+            output, error = process.communicate(timeout=2 * zarvo.DEADLINE)
+            self.assertEqual((process.returncode, output), (TIMED_OUT, ""))
+            self.assertIn("Timed out waiting for the agent.", error)
+            self.assertIn("Something is wrong", error)
+            self.assertNotIn("secret12", error)
+        return wait
+
+    def server_that_stays_away(self):
+        server = self.server()
+        self.start(server)
+        process = self.background(server, "wait", "--for", "ended")
+        self.assert_waits(server, process)
+        server.stop()
+        return lambda: self.assertEqual(process.wait(2 * zarvo.DEADLINE), NO_SERVER)
+
+    def display_that_hangs(self):
+        server = self.prepare(agent=False)
+        server.environment["PATH"] += ":" + zarvo.LIBEXEC
+        server.start()
+        session = self.start(server, "--geometry", "640x480", "xterm")["id"]
+        self.pause(self.x_server(server, session))
+        path = os.path.join(server.top, "picture.png")
+
+        def wait():
+            self.assertIn("did not end in time", self.ctl_error(server, "screenshot", session, path, code=TIMED_OUT))
+            self.assertFalse(any(name.startswith("picture") for name in os.listdir(server.top)))
+        return wait
+
+    def pause(self, pid):
+        os.kill(pid, signal.SIGSTOP)
+        self.addCleanup(os.kill, pid, signal.SIGCONT)
+
+    @staticmethod
+    def x_server(server, session):
+        display = ":" + zarvo.read(os.path.join(server.directory(session), "display"))
+        for entry in os.listdir("/proc"):
+            if entry.isdigit():
+                try:
+                    words = zarvo.read(f"/proc/{entry}/cmdline").split("\0")
+                except OSError:
+                    continue
+                if "Xtigervnc" in words[0] and display in words:
+                    return int(entry)
+        raise AssertionError("no X server")
+
+
+if __name__ == "__main__":
+    unittest.main()
