@@ -103,7 +103,7 @@ private:
         }
         Tunnel tunnel(remote->streamCommand(offer.port));
         QString error;
-        if (!tunnel.listen(&error)) {
+        if (!tunnel.open(&error)) {
             return fail(failure, ExitCode::NoViewer, error + u'.');
         }
         ConnectionOffer tunnelled = offer;

@@ -6,35 +6,36 @@
 #include <csignal>
 
 #include <sys/prctl.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-/** What may wait on one side for the other; a sender that is faster has to wait. */
-constexpr qint64 kMaxPendingBytes = 1024 * 1024;
-
 constexpr int kEndMs = 2000;
+
+/** Runs in the child, between fork and exec. */
+void prepareChild(int connection)
+{
+    ::dup2(connection, STDIN_FILENO);
+    ::dup2(connection, STDOUT_FILENO);
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+}
 
 } // namespace
 
 Tunnel::Tunnel(const QStringList &command_, QObject *parent)
-    : QObject(parent)
+    : QTcpServer(parent)
     , command(command_)
 {
-    connect(&server, &QTcpServer::newConnection, this, &Tunnel::Server_newConnection);
-    connect(&process, &QProcess::readyReadStandardOutput, this, &Tunnel::copyToClient);
-    connect(&process, &QProcess::bytesWritten, this, &Tunnel::copyToProcess);
-    connect(&process, &QProcess::finished, this, &Tunnel::close);
-    connect(&process, &QProcess::errorOccurred, this, &Tunnel::close);
     process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.setStandardOutputFile(QProcess::nullDevice());
 }
 
 Tunnel::~Tunnel()
 {
     if (process.state() != QProcess::NotRunning) {
-        process.disconnect(this);
         process.terminate();
         if (!process.waitForFinished(kEndMs)) {
             process.kill();
@@ -43,44 +44,21 @@ Tunnel::~Tunnel()
     }
 }
 
-bool Tunnel::listen(QString *error)
+bool Tunnel::open(QString *error)
 {
-    if (!server.listen(QHostAddress(QHostAddress::LocalHost))) {
-        *error = u"Failed to listen for the viewer: %1"_s.arg(server.errorString());
+    if (!listen(QHostAddress(QHostAddress::LocalHost))) {
+        *error = u"Failed to listen for the viewer: %1"_s.arg(errorString());
         return false;
     }
+    openPort = serverPort();
     return true;
 }
 
-void Tunnel::Server_newConnection()
+void Tunnel::incomingConnection(qintptr descriptor)
 {
-    client = server.nextPendingConnection();
-    server.close(); // one viewer, and nobody behind it
-    client->setReadBufferSize(kMaxPendingBytes);
-    connect(client, &QTcpSocket::readyRead, this, &Tunnel::copyToProcess);
-    connect(client, &QTcpSocket::bytesWritten, this, &Tunnel::copyToClient);
-    connect(client, &QTcpSocket::disconnected, &process, &QProcess::closeWriteChannel);
+    close(); // one viewer, and nobody behind it
+    const int connection = static_cast<int>(descriptor);
+    process.setChildProcessModifier([connection] { prepareChild(connection); });
     process.start(command.first(), command.sliced(1));
-}
-
-void Tunnel::copyToProcess()
-{
-    if (client && process.bytesToWrite() < kMaxPendingBytes) {
-        process.write(client->readAll());
-    }
-}
-
-void Tunnel::copyToClient()
-{
-    if (client && client->bytesToWrite() < kMaxPendingBytes) {
-        client->write(process.readAllStandardOutput());
-    }
-}
-
-void Tunnel::close()
-{
-    copyToClient();
-    if (client) {
-        client->disconnectFromHost();
-    }
+    ::close(connection); // the viewer notices the end of the command
 }

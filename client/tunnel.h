@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include <QObject>
 #include <QProcess>
 #include <QStringList>
 #include <QTcpServer>
-#include <QTcpSocket>
 
 /**
  * Lets one viewer on this host reach a port of another one: takes its connection on a port of the loopback
- * interface and copies bytes to and from the standard streams of a command. Used on the main thread.
+ * interface and makes it the standard input and output of a command, which ends with this object at the latest. No
+ * byte passes through this program, so whoever is faster waits for the other. Used on the main thread.
  */
-class Tunnel : public QObject
+class Tunnel final : private QTcpServer
 {
     Q_OBJECT
 
@@ -20,18 +19,15 @@ public:
     ~Tunnel() override;
 
     /** @param error  set only on failure: one sentence */
-    [[nodiscard]] bool listen(QString *error);
+    [[nodiscard]] bool open(QString *error);
 
-    [[nodiscard]] quint16 port() const { return server.serverPort(); }
+    /** Where the viewer has to go; set by open(). */
+    [[nodiscard]] quint16 port() const { return openPort; }
 
 private:
-    void Server_newConnection();
-    void copyToProcess();
-    void copyToClient();
-    void close();
+    void incomingConnection(qintptr descriptor) override;
 
     const QStringList command;
-    QTcpServer server;
-    QTcpSocket *client = nullptr; ///< a child of the server
+    quint16 openPort = 0;
     QProcess process;
 };
