@@ -36,10 +36,19 @@ ExitCode exitCodeFor(int errorCode)
     }
 }
 
-RpcClient::Outcome outcomeOf(QAbstractSocket::SocketError error)
+RpcClient::Outcome describeFailure(const QSslSocket &socket, quint16 port, QString *error)
 {
-    return error == QAbstractSocket::ConnectionRefusedError ? RpcClient::Outcome::Refused
-                                                            : RpcClient::Outcome::Distrust;
+    switch (socket.error()) {
+    case QAbstractSocket::ConnectionRefusedError:
+        *error = u"Nothing listens on port %1"_s.arg(port);
+        return RpcClient::Outcome::Refused;
+    case QAbstractSocket::RemoteHostClosedError:
+        *error = u"What listens on port %1 hangs up"_s.arg(port);
+        return RpcClient::Outcome::Refused;
+    default:
+        *error = u"What listens on port %1 is not our server: %2"_s.arg(QString::number(port), socket.errorString());
+        return RpcClient::Outcome::Distrust;
+    }
 }
 
 /**
@@ -85,12 +94,7 @@ RpcClient::Outcome RpcClient::connectTo(quint16 port, const Credentials &credent
         return Outcome::TimedOut;
     }
     if (!socket.isEncrypted()) {
-        *error = u"What listens on port %1 is not our server: %2"_s.arg(QString::number(port), socket.errorString());
-        const Outcome outcome = outcomeOf(socket.error());
-        if (outcome == Outcome::Refused) {
-            *error = u"Nothing listens on port %1"_s.arg(port);
-        }
-        return outcome;
+        return describeFailure(socket, port, error);
     }
     if (socket.peerCertificate() != credentials.certificate) {
         socket.abort();

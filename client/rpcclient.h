@@ -35,7 +35,7 @@ class RpcClient : public QObject
 public:
     enum class Outcome {
         Connected,
-        Refused,  ///< nobody listens there
+        Refused,  ///< nobody listens there, or who does hangs up at once, as a server does that is about to end
         Distrust, ///< what answers is not proved to be the server
         TimedOut, ///< what answers says nothing
     };

@@ -146,6 +146,15 @@ class Trust(CtlTestCase):
         self.listen(server, lambda connection: connection.sendall(b"220 hello\r\n" * 20))
         self.assertIn("is not our server", self.ctl_error(server, "list", code=REFUSED))
 
+    def test_server_that_hangs_up(self):
+        # As one does that fails to start after it has written its port: that says nothing against it.
+        server = self.server()
+        port = zarvo.read(server.port_file)
+        self.listen(server, lambda connection: None)
+        self.assertIn("hangs up", self.ctl_error(server, "list", "--no-start", code=NO_SERVER))
+        self.listen(server, lambda connection: zarvo.write(server.port_file, port))
+        self.assertEqual(self.ctl_json(server, "list"), [])
+
     def test_other_own_certificate(self):
         # The files have been replaced under a running server.
         server = self.server()
