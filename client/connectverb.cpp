@@ -99,17 +99,14 @@ private:
             return true;
         }
         if (!remote) {
-            return viewer.run(offer, failure);
+            return viewer.run(offer.port, offer.password, failure);
         }
         Tunnel tunnel(remote->streamCommand(offer.port));
         QString error;
         if (!tunnel.open(&error)) {
             return fail(failure, ExitCode::NoViewer, error + u'.');
         }
-        ConnectionOffer tunnelled = offer;
-        tunnelled.host = u"127.0.0.1"_s;
-        tunnelled.port = tunnel.port();
-        return viewer.run(tunnelled, failure);
+        return viewer.run(tunnel.port(), offer.password, failure);
     }
 
     const QCommandLineParser &line;

@@ -38,7 +38,7 @@ ExitCode StartVerb::run(const QCommandLineParser &line, ClientContext &context)
         return context.console.report(failure);
     }
     offer.print(context.console, line.isSet(u"json"_s));
-    if (connects && (!context.console.flush() || !viewer.run(offer, &failure))) {
+    if (connects && (!context.console.flush() || !viewer.run(offer.port, offer.password, &failure))) {
         return context.console.report(failure);
     }
     return ExitCode::Done;

@@ -79,11 +79,11 @@ bool Viewer::find(Failure *failure)
     return true;
 }
 
-bool Viewer::run(const ConnectionOffer &offer, Failure *failure)
+bool Viewer::run(quint16 port, const QString &password, Failure *failure)
 {
     VncPasswordFile passwordFile;
     QString error;
-    if (!passwordFile.create(offer.password, &error)) {
+    if (!passwordFile.create(password, &error)) {
         return fail(failure, ExitCode::NoViewer, error + u'.');
     }
     QProcess process;
@@ -103,8 +103,8 @@ bool Viewer::run(const ConnectionOffer &offer, Failure *failure)
             finish();
         }
     });
-    process.start(command.first(), command.sliced(1) + QStringList{u"-passwd"_s, passwordFile.path(),
-                                                                   u"%1::%2"_s.arg(offer.host).arg(offer.port)});
+    process.start(command.first(),
+                  command.sliced(1) + QStringList{u"-passwd"_s, passwordFile.path(), u"127.0.0.1::%1"_s.arg(port)});
     // As long as its user likes: this is no wait for an answer.
     [[maybe_unused]] const bool always = wait.run(kNoDeadline);
     if (process.error() == QProcess::FailedToStart) {

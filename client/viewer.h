@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "client/connectionoffer.h"
 #include "client/exitcode.h"
 
 #include <QString>
@@ -21,11 +20,13 @@ public:
     [[nodiscard]] QString name() const { return command.join(u' '); }
 
     /**
-     * Shows a session until its user closes the viewer, which ends with this program at the latest. The password
-     * gets to it through a private file.
-     * @param failure  set only on failure: NoViewer
+     * Shows a session until its user closes the viewer, which ends with this program at the latest.
+     *
+     * @param port      where the session is to be had on this host
+     * @param password  gets to the viewer through a private file
+     * @param failure   set only on failure: NoViewer
      */
-    [[nodiscard]] bool run(const ConnectionOffer &offer, Failure *failure);
+    [[nodiscard]] bool run(quint16 port, const QString &password, Failure *failure);
 
 private:
     QStringList command;

@@ -71,7 +71,7 @@ class WithFakeViewer(ctl.CtlTestCase):
         result = self.ctl_result(server, "connect", environment=environment)
         self.assertEqual((result.returncode, result.stdout, result.stderr), (DONE, "", "the viewer speaks\n"))
         password = started["password"].encode()
-        self.assertEqual(self.recorded("address").decode(), f"{zarvo.HOST}::{started['port']}\n")
+        self.assertEqual(self.recorded("address").decode(), f"127.0.0.1::{started['port']}\n")
         self.assertEqual(self.recorded("password"), rfb.des_encrypt(PASSWORD_FILE_KEY, password[:8]))
         self.assertIn(b"-extra\none argument\n-passwd\n", self.recorded("cmdline"))
         for name in ("cmdline", "environ"):
