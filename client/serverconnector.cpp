@@ -2,6 +2,7 @@
 #include "client/serverconnector.h"
 
 #include "client/eventwait.h"
+#include "client/progress.h"
 #include "client/serverlauncher.h"
 #include "support/credentials.h"
 
@@ -62,6 +63,7 @@ bool ServerConnector::connect(RpcClient *client, Start start, Failure *failure)
 
 bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure *failure)
 {
+    const Progress progress(u"Starting the server"_s);
     ServerLauncher launcher;
     QElapsedTimer total;
     QElapsedTimer sinceStart;
