@@ -4,6 +4,7 @@
 #include "client/sessiontarget.h"
 #include "support/json.h"
 
+#include <QDir>
 #include <QHostInfo>
 
 using namespace Qt::StringLiterals;
@@ -11,7 +12,7 @@ using namespace Qt::StringLiterals;
 ClientContext::ClientContext(Console &console_, const Settings &settings_)
     : console(console_)
     , settings(settings_)
-    , files(settings_.userPath)
+    , files(QDir::root().absoluteFilePath(settings_.userPath)) // where a relative path leads the server, a daemon
 {
 }
 

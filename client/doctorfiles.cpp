@@ -94,8 +94,8 @@ void addPrivacy(const QString &path, QList<Finding> *findings)
 QList<Finding> checkUserPath(const DoctorInput &input)
 {
     const QString path = input.files.userPath();
-    if (!path.startsWith(u'/')) {
-        return {warning(u"\"%1\" is relative: the server takes it for \"/%1\""_s.arg(path),
+    if (!input.settings.userPath.startsWith(u'/')) {
+        return {warning(u"\"%1\" is relative: it is taken for \"%2\""_s.arg(input.settings.userPath, path),
                         u"Give UserPath from the root, or begin it with @HOME@"_s)};
     }
     struct stat status = {};

@@ -91,6 +91,16 @@ class Starting(CtlTestCase):
         (path,) = re.findall(r"(?:\A|\0)PATH=([^\0]*)", zarvo.read(f"/proc/{pid}/environ"))
         self.assertEqual(path.split(":")[-1], os.path.realpath(zarvo.LIBEXEC))
 
+    def test_relative_user_path(self):
+        # The server is a daemon and works in the root directory; where zarvoctl is called makes no difference.
+        server = self.unattended()
+        path = os.path.relpath(server.path, "/")
+        server.settings["UserPath"] = path
+        server.write_settings()
+        self.assertEqual(self.ctl(server, "list", "--json", cwd=server.top), "[]\n")
+        self.assertEqual(len(self.servers(server)), 1)
+        self.assertFalse(os.path.exists(os.path.join(server.top, path)))
+
     def test_server_in_the_midst_of_its_start(self):
         # A server process is there and has not written its port: zarvoctl waits, and starts no other.
         server = self.server()

@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "client/doctorcheck.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+
+#include <algorithm>
+
+/** A system of its own for the doctor to look at, in which all is well or missing. */
+class DoctorSurroundings
+{
+public:
+    DoctorSurroundings()
+    {
+        for (const char *path : {"zarvo/host", "tmp/.X11-unix", "net", "bin"}) {
+            QDir(folder.path()).mkpath(QString::fromLatin1(path));
+        }
+        QFile::setPermissions(path("zarvo/host"),
+                              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    }
+
+    [[nodiscard]] QString path(const char *name) const { return folder.filePath(QString::fromLatin1(name)); }
+
+    [[nodiscard]] DoctorInput input() const
+    {
+        Settings settings{};
+        settings.userPath = path("zarvo/host");
+        settings.displayBase = 100;
+        settings.displayLimit = 100;
+        settings.suspendTimeout = -1;
+        settings.broadcastAddress = QStringLiteral("255.255.255.255");
+        return {.settings = settings,
+                .rawSettings = {},
+                .settingsPath = path("settings.conf"),
+                .files = ServerFiles(settings.userPath),
+                .searchPath = path("bin"),
+                .temporaryPath = path("tmp"),
+                .networkPath = path("net"),
+                .systemPath = folder.path()};
+    }
+
+private:
+    QTemporaryDir folder;
+};
+
+/** The findings as one line of text each: the level and the sentence. */
+[[nodiscard]] inline QStringList texts(const QList<Finding> &findings)
+{
+    QStringList lines;
+    for (const Finding &finding : findings) {
+        lines.append(levelName(finding.level) + u' ' + finding.text);
+    }
+    return lines;
+}
+
+/** Whether everything but what is fine comes with a remedy. */
+[[nodiscard]] inline bool haveRemedies(const QList<Finding> &findings)
+{
+    return std::all_of(findings.begin(), findings.end(), [](const Finding &finding) {
+        return finding.remedy.isEmpty() == (finding.level == Finding::Level::Ok);
+    });
+}

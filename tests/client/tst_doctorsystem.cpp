@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: MIT
+#include "tests/client/doctorinput.h"
+#include "tests/engine/files.h"
+#include "tests/engine/reserveddisplays.h"
+#include "tests/support/environmentvariable.h"
+#include "tests/testmain.h"
+
+#include <QHostAddress>
+#include <QTcpServer>
+#include <QTest>
+
+#include <memory>
+
+using namespace Qt::StringLiterals;
+
+class TestDoctorSystem : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init() { surroundings = std::make_unique<DoctorSurroundings>(); }
+
+    void programs()
+    {
+        const QStringList none = texts(checkPrograms(surroundings->input()));
+        QVERIFY(none.contains(u"FAIL start-agent, which runs each session, is not on the search path"_s));
+        QVERIFY(none.contains(u"FAIL xauth, which each start of a session needs, is not on the search path"_s));
+        QVERIFY(none.contains(u"FAIL openssl, which makes the certificate, is not on the search path"_s));
+        QVERIFY(haveRemedies(checkPrograms(surroundings->input())));
+
+        for (const char *name : {"bin/start-agent", "bin/start-app", "bin/xauth", "bin/openssl"}) {
+            putProgram(name);
+        }
+        const QString all = texts(checkPrograms(surroundings->input())).join(u'\n');
+        QVERIFY2(all.contains(u"OK start-agent is \"%1\""_s.arg(surroundings->path("bin/start-agent"))),
+                 qPrintable(all));
+        QVERIFY2(!all.contains("Xtigervnc"_L1), qPrintable(all)); // only the bundled agent needs it
+    }
+
+    void opensslIsNotNeededAgain()
+    {
+        putFile(surroundings->path("zarvo/server_cert"), "");
+        QVERIFY(texts(checkPrograms(surroundings->input()))
+                    .contains(u"WARN openssl, which makes the certificate, is not on the search path"_s));
+    }
+
+    void viewer()
+    {
+        const EnvironmentVariable named("ZARVO_VIEWER", "nothing-of-the-kind");
+        QList<Finding> findings = checkViewer(surroundings->input());
+        QCOMPARE(findings.first().level, Finding::Level::Warn);
+        QVERIFY(haveRemedies(findings));
+        const EnvironmentVariable other("ZARVO_VIEWER", "sh -c");
+        QCOMPARE(texts(checkViewer(surroundings->input())), QStringList{u"OK sh -c"_s});
+    }
+
+    void displays()
+    {
+        const ReservedDisplays reserved(3);
+        DoctorInput input = surroundings->input();
+        input.settings.displayBase = reserved.first();
+        input.settings.displayLimit = 3;
+        const auto found = [&input] { return texts(checkDisplays(input)).join(u'\n'); };
+        const QString text = u"%1 %2 of 3 displays from :%3 on are free"_s;
+        const int base = reserved.first();
+        QCOMPARE(found(), text.arg(u"OK"_s).arg(3).arg(base));
+        putFile(surroundings->path("tmp") + u"/.X%1-lock"_s.arg(base), "");
+        QCOMPARE(found(), text.arg(u"OK"_s).arg(2).arg(base));
+        putFile(surroundings->path("tmp/.X11-unix") + u"/X%1"_s.arg(base + 1), "");
+        QCOMPARE(found(), text.arg(u"OK"_s).arg(1).arg(base));
+        QTcpServer agent;
+        QVERIFY(agent.listen(QHostAddress(QHostAddress::AnyIPv4), static_cast<quint16>(41000 + base + 2)));
+        QCOMPARE(found(), text.arg(u"FAIL"_s).arg(0).arg(base));
+        QVERIFY(haveRemedies(checkDisplays(input)));
+    }
+
+    void socketDirectory_data()
+    {
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<QString>("found");
+        QTest::newRow("closed") << 0755 << u"FAIL \"%1\" is not open to all users"_s;
+        QTest::newRow("without the sticky bit")
+            << 0777 << u"WARN In \"%1\" others can replace the sockets of your displays"_s;
+    }
+    void socketDirectory()
+    {
+        QFETCH(int, mode);
+        QFETCH(QString, found);
+        const QString path = surroundings->path("tmp/.X11-unix");
+        QCOMPARE(::chmod(QFile::encodeName(path).constData(), static_cast<mode_t>(mode)), 0);
+        const QList<Finding> findings = checkSocketDirectory(surroundings->input());
+        QCOMPARE(texts(findings), QStringList{found.arg(path)});
+        QVERIFY(haveRemedies(findings));
+    }
+
+    void socketDirectoryThatIsNone()
+    {
+        const QString path = surroundings->path("tmp/.X11-unix");
+        QVERIFY(QDir().rmdir(path));
+        QCOMPARE(texts(checkSocketDirectory(surroundings->input())),
+                 QStringList{u"WARN There is no directory \"%1\"; the first X server makes it"_s.arg(path)});
+        QVERIFY(QFile::link(surroundings->path("tmp"), path)); // where somebody else may have put it
+        QCOMPARE(texts(checkSocketDirectory(surroundings->input())),
+                 QStringList{u"FAIL \"%1\" is no directory"_s.arg(path)});
+    }
+
+    void portRange_data()
+    {
+        QTest::addColumn<QByteArray>("ephemeral");
+        QTest::addColumn<QByteArray>("reserved");
+        QTest::addColumn<bool>("isFine");
+        QTest::newRow("within") << "32768\t60999\n"_ba
+                                << "\n"_ba << false;
+        QTest::newRow("begins with the last one") << "41199\t60999\n"_ba
+                                                  << "\n"_ba << false;
+        QTest::newRow("begins behind the last one") << "41200\t60999\n"_ba
+                                                    << "\n"_ba << true;
+        QTest::newRow("ends before the first one") << "30000\t41099\n"_ba
+                                                   << "\n"_ba << true;
+        QTest::newRow("reserved") << "32768\t60999\n"_ba
+                                  << "80,41100-41199\n"_ba << true;
+        QTest::newRow("reserved in part") << "32768\t60999\n"_ba
+                                          << "41100-41198\n"_ba << false;
+        QTest::newRow("nothing is told") << ""_ba
+                                         << ""_ba << true;
+    }
+    void portRange()
+    {
+        QFETCH(QByteArray, ephemeral);
+        QFETCH(QByteArray, reserved);
+        QFETCH(bool, isFine);
+        putFile(surroundings->path("net/ip_local_port_range"), ephemeral);
+        putFile(surroundings->path("net/ip_local_reserved_ports"), reserved);
+        const QList<Finding> findings = checkPortRange(surroundings->input());
+        QCOMPARE(findings.size(), 1);
+        QCOMPARE(findings.first().level == Finding::Level::Ok, isFine);
+        QVERIFY2(findings.first().text.contains("41100-41199"_L1), qPrintable(findings.first().text));
+        QVERIFY(haveRemedies(findings));
+    }
+
+    void lingering()
+    {
+        const EnvironmentVariable user("USER", "anna");
+        const auto found = [this] { return texts(checkLingering(surroundings->input())).join(u'\n'); };
+        QCOMPARE(found(), u"OK Nothing ends the processes of users who log out"_s);
+        make("run/systemd/system");
+        QCOMPARE(found(), u"OK Processes stay after a logout"_s);
+        make("etc/systemd/logind.conf.d");
+        putFile(surroundings->path("etc/systemd/logind.conf"), "[Login]\n#KillUserProcesses=yes\n");
+        QCOMPARE(found(), u"OK Processes stay after a logout"_s);
+        putFile(surroundings->path("etc/systemd/logind.conf"), "[Login]\nKillUserProcesses=yes\n");
+        QCOMPARE(found(), u"FAIL Sessions end when anna logs out (KillUserProcesses)"_s);
+        QVERIFY(haveRemedies(checkLingering(surroundings->input())));
+        putFile(surroundings->path("etc/systemd/logind.conf.d/own.conf"), "[Login]\n KillUserProcesses = no\n");
+        QCOMPARE(found(), u"OK Processes stay after a logout"_s);
+        putFile(surroundings->path("etc/systemd/logind.conf.d/own.conf"), "[Login]\nKillUserProcesses=on\n");
+        make("var/lib/systemd/linger");
+        putFile(surroundings->path("var/lib/systemd/linger/anna"), "");
+        QCOMPARE(found(), u"OK The processes of anna stay after a logout"_s);
+    }
+
+private:
+    void make(const char *name) const { QVERIFY(QDir().mkpath(surroundings->path(name))); }
+
+    void putProgram(const char *name) const
+    {
+        putFile(surroundings->path(name), "#!/bin/sh\n");
+        QCOMPARE(::chmod(QFile::encodeName(surroundings->path(name)).constData(), 0700), 0);
+    }
+
+    std::unique_ptr<DoctorSurroundings> surroundings;
+};
+
+ZARVO_TEST(TestDoctorSystem)
+#include "tst_doctorsystem.moc"
