@@ -1,0 +1,35 @@
+# SPDX-License-Identifier: MIT
+# Two ways to run the same targets. With a compiler that is told to instrument for it, each becomes a program of the
+# fuzzer. With the address sanitizer alone all of them together become one program, and CTest runs it on the kept
+# inputs and on a fixed number of changed ones: the same ones every time.
+
+# zarvo_fuzz_support(SOURCES files... LINK targets...): what all targets share.
+function(zarvo_fuzz_support)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
+    zarvo_library(fuzz_support SOURCES ${ARG_SOURCES} LINK ${ARG_LINK})
+    if(NOT ZARVO_SANITIZE MATCHES "fuzzer")
+        add_executable(fuzz_replay main_replay.cpp mutation.cpp)
+        target_link_libraries(fuzz_replay PRIVATE fuzz_support)
+        zarvo_reuse(fuzz_replay zarvo_headers)
+    endif()
+endfunction()
+
+# zarvo_fuzz(NAME REPLAYS count [SOURCES files...] [LINK targets...] [OPTIONS link options...])
+#
+# The target in fuzz_NAME.cpp, with dict/NAME.dict and corpus/NAME/. REPLAYS: how many changed inputs CTest tries.
+function(zarvo_fuzz name)
+    cmake_parse_arguments(ARG "" "REPLAYS" "SOURCES;LINK;OPTIONS" ${ARGN})
+    if(ZARVO_SANITIZE MATCHES "fuzzer")
+        set(program fuzz_${name})
+        add_executable(${program} main_libfuzzer.cpp)
+        target_link_libraries(${program} PRIVATE fuzz_support)
+        target_link_options(${program} PRIVATE -fsanitize=fuzzer)
+    else()
+        set(program fuzz_replay)
+        add_test(NAME fuzz.${name} COMMAND fuzz_replay ${name} "${CMAKE_CURRENT_SOURCE_DIR}" ${ARG_REPLAYS})
+        set_tests_properties(fuzz.${name} PROPERTIES TIMEOUT 120)
+    endif()
+    target_sources(${program} PRIVATE fuzz_${name}.cpp ${ARG_SOURCES})
+    target_link_libraries(${program} PRIVATE ${ARG_LINK})
+    target_link_options(${program} PRIVATE ${ARG_OPTIONS})
+endfunction()

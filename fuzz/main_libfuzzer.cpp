@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: MIT
+#include "fuzz/environment.h"
+#include "fuzz/target.h"
+
+#include <cstddef>
+#include <cstdint>
+
+namespace {
+
+FuzzFunction target = nullptr;
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
+{
+    // Never destroyed: the fuzzer leaves the process without a word to anybody.
+    static auto *const environment = new FuzzEnvironment(*argc, *argv);
+    Q_UNUSED(environment)
+    target = fuzzTarget({});
+    return target ? 0 : 1;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    // A copy of its own, so that reading beyond its end is noticed.
+    target(QByteArray(reinterpret_cast<const char *>(data), static_cast<qsizetype>(size)));
+    return 0;
+}
