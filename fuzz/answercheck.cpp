@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: MIT
+#include "fuzz/answercheck.h"
+
+#include "fuzz/target.h"
+#include "rpc/netstring.h"
+#include "support/json.h"
+
+#include <json/reader.h>
+
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace {
+
+/** What the answer to one request of a batch, or to a single one, has to carry as "id". */
+using ExpectedId = Json::Value;
+
+bool isRequest(const Json::Value &value)
+{
+    if (!value.isObject()) {
+        return false;
+    }
+    const Json::Value version = value.get("jsonrpc", Json::Value());
+    const Json::Value id = value.get("id", Json::Value(0));
+    return version.isString() && version.asString() == "2.0" && value.get("method", Json::Value()).isString() &&
+           (id.isString() || id.isNumeric() || id.isBool());
+}
+
+/** Nothing for a notification. */
+std::optional<ExpectedId> answerTo(const Json::Value &request)
+{
+    if (!isRequest(request)) {
+        return ExpectedId();
+    }
+    return request.isMember("id") ? std::optional(request["id"]) : std::nullopt;
+}
+
+std::vector<ExpectedId> answersTo(const Json::Value &root)
+{
+    std::vector<ExpectedId> answers;
+    if (!root.isArray() && !root.isNull()) {
+        if (const std::optional<ExpectedId> answer = answerTo(root)) {
+            answers.push_back(*answer);
+        }
+        return answers;
+    }
+    for (const Json::Value &request : root) {
+        if (const std::optional<ExpectedId> answer = answerTo(request)) {
+            answers.push_back(*answer);
+        }
+    }
+    return answers;
+}
+
+/** What others parse of it, with nothing allowed that is not in the standard. */
+Json::Value parsedStrictly(const QByteArray &text)
+{
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    std::string errors;
+    FUZZ_CHECK(reader->parse(text.constData(), text.constData() + text.size(), &value, &errors));
+    return value;
+}
+
+bool isErrorCode(int code)
+{
+    return code == -32700 || code == -32600 || code == -32601 || code == -32602 || (code >= -32099 && code <= -32077);
+}
+
+void checkError(const Json::Value &error)
+{
+    FUZZ_CHECK(error.isObject() && error.size() == 2);
+    FUZZ_CHECK(error["code"].isInt() && isErrorCode(error["code"].asInt()));
+    FUZZ_CHECK(error["message"].isString() && !error["message"].asString().empty());
+}
+
+void checkOne(const Json::Value &answer, const ExpectedId &id)
+{
+    FUZZ_CHECK(answer.isObject() && answer.size() == 3 && answer.isMember("id"));
+    FUZZ_CHECK(answer["jsonrpc"] == "2.0");
+    FUZZ_CHECK(answer["id"] == id);
+    if (!answer.isMember("result")) {
+        checkError(answer["error"]);
+    }
+}
+
+QByteArray payloadOf(const QByteArray &frame)
+{
+    // Longer ones may be sent than are taken, so it is not the decoder that takes the frame apart.
+    const qsizetype colon = frame.indexOf(':');
+    const QByteArray payload = frame.mid(colon + 1, frame.size() - colon - 2);
+    FUZZ_CHECK(encodeNetString(payload) == frame);
+    return payload;
+}
+
+} // namespace
+
+bool isAnswered(const QByteArray &request)
+{
+    Json::Value root;
+    return !parseJson(request, &root) || !answersTo(root).empty();
+}
+
+void checkAnswer(const QByteArray &request, const QByteArray &answer)
+{
+    Json::Value root;
+    const bool isJson = parseJson(request, &root);
+    const std::vector<ExpectedId> ids = isJson ? answersTo(root) : std::vector{ExpectedId()};
+    if (ids.empty()) {
+        FUZZ_CHECK(answer.isEmpty());
+        return;
+    }
+    const QByteArray text = payloadOf(answer);
+    FUZZ_CHECK(text.endsWith('\n') && text.count('\n') == 1);
+    const Json::Value parsed = parsedStrictly(text);
+    if (!root.isArray()) {
+        checkOne(parsed, ids.front());
+        return;
+    }
+    FUZZ_CHECK(parsed.isArray() && parsed.size() == ids.size());
+    for (Json::ArrayIndex index = 0; index < parsed.size(); ++index) {
+        checkOne(parsed[index], ids[index]);
+    }
+}
