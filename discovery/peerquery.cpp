@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "discovery/peerquery.h"
 
+#include "discovery/peerreply.h"
 #include "rpc/netstring.h"
 #include "support/json.h"
 
@@ -13,19 +14,16 @@
 #include <QSslSocket>
 #include <QTimer>
 
-#include <optional>
-
 using namespace Qt::StringLiterals;
 
 namespace {
 
 constexpr int kExchangeTimeoutMs = 15000;
-constexpr const char *kRequestId = "ServerUpdate";
 
 QByteArray requestFrame()
 {
     Json::Value request(Json::objectValue);
-    request["id"] = kRequestId;
+    request["id"] = kPeerRequestId;
     request["jsonrpc"] = "2.0";
     request["method"] = "Live.ListLocalSessions";
     request["params"] = Json::nullValue;
@@ -129,44 +127,6 @@ private:
     QSslSocket socket;
 };
 
-bool isReply(const Json::Value &reply)
-{
-    return stringFromJson(member(reply, "jsonrpc")) == "2.0"_L1 &&
-           stringFromJson(member(reply, "id")) == QLatin1StringView(kRequestId);
-}
-
-/** The peer's own words, if it has answered with an error. */
-std::optional<QString> errorOf(const Json::Value &reply)
-{
-    const Json::Value &object = member(reply, "error");
-    const Json::Value &message = member(object, "message");
-    const Json::ValueType codeType = member(object, "code").type();
-    if ((codeType != Json::intValue && codeType != Json::uintValue) || !message.isString()) {
-        return std::nullopt;
-    }
-    return stringFromJson(message);
-}
-
-bool readReply(const QByteArray &payload, QList<SessionInfo> &sessions, QString &error)
-{
-    Json::Value reply;
-    const bool isValid = parseJson(payload, &reply) && isReply(reply);
-    const Json::Value &result = member(reply, "result");
-    if (isValid && hasMember(reply, "result") && (result.isArray() || result.isNull())) {
-        QList<SessionInfo> read;
-        for (const Json::Value &element : result) {
-            if (const std::optional<SessionInfo> info = SessionInfo::fromJson(element)) {
-                read.append(*info);
-            }
-        }
-        sessions = read;
-        return true;
-    }
-    const bool isError = isValid && !hasMember(reply, "result");
-    error = (isError ? errorOf(reply) : std::nullopt).value_or(u"Received invalid JSON"_s);
-    return false;
-}
-
 } // namespace
 
 bool fetchPeerSessions(const QHostAddress &address, quint16 port, const QSslCertificate &certificate,
@@ -175,5 +135,5 @@ bool fetchPeerSessions(const QHostAddress &address, quint16 port, const QSslCert
     Exchange exchange(address, port, &error);
     QByteArray payload;
     return exchange.connect() && exchange.encrypt(certificate, key) && exchange.send(requestFrame()) &&
-           exchange.receive(&payload) && readReply(payload, sessions, error);
+           exchange.receive(&payload) && readPeerReply(payload, sessions, error);
 }
