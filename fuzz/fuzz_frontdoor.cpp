@@ -1,0 +1,252 @@
+// SPDX-License-Identifier: MIT
+#include "agent/attemptlimiter.h"
+#include "agent/backendhandshake.h"
+#include "agent/clientconnection.h"
+#include "agent/handshakeconnection.h"
+#include "agent/passwordstore.h"
+#include "agent/rfbhandshake.h"
+#include "agent/vncauth.h"
+#include "fuzz/dice.h"
+#include "fuzz/rawsocket.h"
+#include "fuzz/target.h"
+
+#include <QCoreApplication>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+
+#include <chrono>
+#include <memory>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+/** In the client's bytes: what somebody answers who knows the password. */
+const QByteArray kRightResponse = "<right>";
+/** Between the client's bytes and those of the X server. */
+const QByteArray kSeparator = "\n--\n";
+/** After so many rounds without any news there will be none. */
+constexpr int kQuietRounds = 6;
+constexpr int kMostRounds = 100;
+
+/** The X server's socket, the same one for all inputs. */
+class BackendDoor final
+{
+public:
+    [[nodiscard]] static BackendDoor &instance()
+    {
+        static auto *const door = new BackendDoor;
+        return *door;
+    }
+    [[nodiscard]] QString path() const { return folder.filePath(u"rfb"_s); }
+    [[nodiscard]] RawSocket accept() const { return listener.accept(); }
+
+private:
+    QTemporaryDir folder;
+    RawSocket listener = RawSocket::listenAt(path());
+};
+
+/** A client from the moment it has connected, with an X server behind: what the front door does with each. */
+class Door final
+{
+public:
+    explicit Door(int descriptor)
+        : password(passwords.add().password)
+    {
+        auto socket = std::make_unique<QTcpSocket>();
+        FUZZ_CHECK(socket->setSocketDescriptor(descriptor));
+        handshake =
+            std::make_unique<HandshakeConnection>(std::move(socket), &passwords, &limiter, HandshakeLimits{20s, 0ms});
+        QObject::connect(handshake.get(), &HandshakeConnection::authenticated, handshake.get(),
+                         [this](const QByteArray &used) { letIn(used); });
+        QObject::connect(handshake.get(), &HandshakeConnection::failed, handshake.get(), [this] { ++failures; });
+    }
+    Q_DISABLE_COPY_MOVE(Door)
+
+    [[nodiscard]] bool isLetIn() const { return client != nullptr; }
+    [[nodiscard]] bool isOver() const { return failures + ends > 0; }
+    [[nodiscard]] int endings() const { return failures + ends; }
+    [[nodiscard]] bool isPasswordOpen() const { return passwords.all() == QList<QByteArray>{password}; }
+    [[nodiscard]] QByteArray rightResponse(const QByteArray &challenge) const
+    {
+        return vncAuthResponse(password, challenge);
+    }
+
+private:
+    void letIn(const QByteArray &used)
+    {
+        FUZZ_CHECK(used == password && !client && failures == 0);
+        QByteArray unread;
+        std::unique_ptr<QTcpSocket> socket = handshake->takeSocket(&unread);
+        client = std::make_unique<ClientConnection>(std::move(socket), unread);
+        QObject::connect(client.get(), &ClientConnection::ended, client.get(), [this] { ++ends; });
+        client->start(BackendDoor::instance().path());
+    }
+
+    PasswordStore passwords;
+    const QByteArray password;
+    AttemptLimiter limiter;
+    std::unique_ptr<HandshakeConnection> handshake;
+    std::unique_ptr<ClientConnection> client;
+    int failures = 0;
+    int ends = 0;
+};
+
+/** Both peers of one connection, who say what the input says, each as fast as the dice want it. */
+class Play final
+{
+public:
+    explicit Play(const QByteArray &input)
+        : Play(input, RawSocket::pair())
+    {
+    }
+    Q_DISABLE_COPY_MOVE(Play)
+
+    void run()
+    {
+        int quiet = 0;
+        while (quiet < kQuietRounds) {
+            quiet = round() ? 0 : quiet + 1;
+        }
+        check();
+        clientSocket.close();
+        for (int count = 0; count < kMostRounds && !door.isOver(); ++count) {
+            round();
+        }
+        FUZZ_CHECK(door.endings() == 1);
+    }
+
+private:
+    Play(const QByteArray &input, std::pair<RawSocket, int> ends)
+        : dice(input)
+        , clientSocket(std::move(ends.first))
+        , door(ends.second)
+    {
+        const qsizetype separator = input.indexOf(kSeparator);
+        toSay = input.left(separator < 0 ? input.size() : separator);
+        backendToSay = separator < 0 ? QByteArray(kBackendGreeting) + QByteArray("\1\1\0\0\0\0hello", 11)
+                                     : input.mid(separator + kSeparator.size());
+    }
+
+    /** Everybody does a little. @return whether anything happened */
+    bool round()
+    {
+        QCoreApplication::processEvents();
+        bool isNews = hear(clientSocket, &heard);
+        if (!backendSocket.isOpen()) {
+            backendSocket = BackendDoor::instance().accept();
+            isNews = isNews || backendSocket.isOpen();
+        }
+        isNews = hear(backendSocket, &backendHeard) || isNews;
+        isNews = sayAsBackend() || isNews;
+        return sayAsClient() || isNews;
+    }
+
+    static bool hear(const RawSocket &socket, QByteArray *what)
+    {
+        const QByteArray news = socket.readAll();
+        *what += news;
+        return !news.isEmpty();
+    }
+
+    bool sayAsBackend()
+    {
+        if (!backendSocket.isOpen() || backendToSay.isEmpty()) {
+            return false;
+        }
+        QByteArray piece = takePiece(&backendToSay, &dice);
+        backendSaid += piece.first(backendSocket.write(piece));
+        return true;
+    }
+
+    bool sayAsClient()
+    {
+        if (!clientSocket.isOpen() || toSay.isEmpty()) {
+            return false;
+        }
+        // The right response comes as one piece, once the challenge is there.
+        const qsizetype token = toSay.indexOf(kRightResponse);
+        if (token == 0) {
+            toSay.remove(0, kRightResponse.size());
+            say(door.rightResponse(challenge()).leftJustified(kVncChallengeBytes, '\0'));
+            return true;
+        }
+        QByteArray next = toSay.left(token < 0 ? toSay.size() : token);
+        const qsizetype before = next.size();
+        say(takePiece(&next, &dice));
+        toSay.remove(0, before - next.size());
+        return true;
+    }
+
+    void say(const QByteArray &bytes) { said += bytes.first(clientSocket.write(bytes)); }
+
+    [[nodiscard]] bool speaks33() const { return said.size() >= 12 && said.mid(8, 3).toInt() < 7; }
+    [[nodiscard]] qsizetype challengeStart() const { return 12 + (speaks33() ? 4 : 2); }
+    [[nodiscard]] QByteArray challenge() const { return heard.mid(challengeStart(), kVncChallengeBytes); }
+    /** Where in the client's bytes those begin that are for the X server. */
+    [[nodiscard]] qsizetype handshakeBytes() const { return 12 + (speaks33() ? 0 : 1) + kVncChallengeBytes; }
+
+    void check() const
+    {
+        FUZZ_CHECK(heard.startsWith("RFB 003.008\n"));
+        FUZZ_CHECK(door.isLetIn() == knowsPassword());
+        FUZZ_CHECK(door.isLetIn() != door.isPasswordOpen());
+        if (door.isLetIn()) {
+            checkRelay();
+        } else {
+            FUZZ_CHECK(!backendSocket.isOpen());
+        }
+    }
+
+    /** Whether the client has done everything that opens the door. */
+    [[nodiscard]] bool knowsPassword() const
+    {
+        if (challenge().size() != kVncChallengeBytes) {
+            return false;
+        }
+        RfbHandshake handshake(challenge());
+        QByteArray input = said;
+        handshake.receive(&input);
+        return handshake.state() == RfbHandshake::State::Judgement &&
+               handshake.response() == door.rightResponse(challenge());
+    }
+
+    /** Every byte arrives as it was said, and nothing but that. */
+    void checkRelay() const
+    {
+        BackendHandshake handshake;
+        QByteArray forClient = backendSaid;
+        handshake.receive(&forClient);
+        const bool isRelaying = handshake.state() == BackendHandshake::State::Done;
+        const QByteArray toClient = heard.mid(challengeStart() + kVncChallengeBytes + 4);
+        const QByteArray toBackend = backendHeard.mid(handshake.output().size());
+        FUZZ_CHECK(isRelaying || (toClient.isEmpty() && toBackend.isEmpty()));
+        if (!isRelaying || door.isOver()) {
+            return;
+        }
+        FUZZ_CHECK(toClient == forClient);
+        FUZZ_CHECK(toBackend == said.mid(handshakeBytes()));
+    }
+
+    Dice dice;
+    RawSocket clientSocket;
+    RawSocket backendSocket;
+    Door door;
+    QByteArray toSay;
+    QByteArray backendToSay;
+    QByteArray said;
+    QByteArray backendSaid;
+    QByteArray heard;
+    QByteArray backendHeard;
+};
+
+void fuzzFrontDoor(const QByteArray &input)
+{
+    Play play(input);
+    play.run();
+}
+
+} // namespace
+
+ZARVO_FUZZ(fuzzFrontDoor)

@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: MIT
+#include "agent/backendhandshake.h"
+#include "agent/rfbhandshake.h"
+#include "agent/vncauth.h"
+#include "fuzz/dice.h"
+#include "fuzz/target.h"
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QByteArray kChallenge = "0123456789abcdef";
+
+/** How a handshake went: all that was said, what is left for others, and where it ended. */
+template <typename State>
+struct Outcome
+{
+    State state;
+    QByteArray output;
+    QByteArray rest;
+
+    bool operator==(const Outcome &) const = default;
+};
+
+using ClientOutcome = Outcome<RfbHandshake::State>;
+using BackendOutcome = Outcome<BackendHandshake::State>;
+
+enum class Verdict { Right, Wrong, TurnedAway };
+
+/** Lets the handshake take what has arrived, and judges when it is asked to. */
+void receive(RfbHandshake *handshake, QByteArray *input, QByteArray *output, Verdict verdict)
+{
+    handshake->receive(input);
+    *output += handshake->output();
+    if (handshake->state() != RfbHandshake::State::Judgement) {
+        return;
+    }
+    FUZZ_CHECK(handshake->response().size() == kVncChallengeBytes);
+    if (verdict == Verdict::Right) {
+        handshake->accept();
+    } else {
+        handshake->refuse("No");
+    }
+    *output += handshake->output();
+    const QByteArray before = *input;
+    handshake->receive(input);
+    FUZZ_CHECK(*input == before && handshake->output().isEmpty()); // what follows belongs to others
+}
+
+template <typename Piece>
+ClientOutcome playClient(QByteArray stream, Verdict verdict, Piece nextPiece)
+{
+    RfbHandshake handshake(kChallenge);
+    if (verdict == Verdict::TurnedAway) {
+        handshake.turnAway("Go away");
+    }
+    QByteArray output = handshake.output();
+    QByteArray input;
+    while (!stream.isEmpty()) {
+        input += nextPiece(&stream);
+        receive(&handshake, &input, &output, verdict);
+    }
+    return {handshake.state(), output, input};
+}
+
+template <typename Piece>
+BackendOutcome playBackend(QByteArray stream, Piece nextPiece)
+{
+    BackendHandshake handshake;
+    QByteArray output;
+    QByteArray input;
+    while (!stream.isEmpty()) {
+        input += nextPiece(&stream);
+        handshake.receive(&input);
+        output += handshake.output();
+    }
+    return {handshake.state(), output, input};
+}
+
+QByteArray all(QByteArray *stream)
+{
+    return std::exchange(*stream, {});
+}
+
+void checkClient(const QByteArray &stream, Verdict verdict)
+{
+    using State = RfbHandshake::State;
+    const ClientOutcome whole = playClient(stream, verdict, all);
+    Dice dice(stream);
+    const ClientOutcome pieces =
+        playClient(stream, verdict, [&dice](QByteArray *rest) { return takePiece(rest, &dice); });
+    FUZZ_CHECK(whole.state == pieces.state && whole.output == pieces.output);
+    // A refused client is not listened to any more, so how much of it was taken depends on how it came.
+    FUZZ_CHECK(whole.state == State::Refused || whole.rest == pieces.rest);
+    FUZZ_CHECK(whole.output.startsWith("RFB 003.008\n"));
+    FUZZ_CHECK(stream.endsWith(whole.rest) && whole.state != State::Judgement);
+    // Nobody is in who was not asked for a password and has not said what 3.3, 3.7 and 3.8 want said.
+    const bool isIn = whole.state == State::Accepted;
+    FUZZ_CHECK(!isIn || (verdict == Verdict::Right && whole.output.contains(kChallenge)));
+    FUZZ_CHECK(!isIn || stream.size() - whole.rest.size() == 28 || stream.size() - whole.rest.size() == 29);
+    FUZZ_CHECK(!isIn || whole.output.endsWith(QByteArray(4, '\0')));
+    FUZZ_CHECK(verdict != Verdict::TurnedAway || !whole.output.contains(kChallenge));
+}
+
+void checkBackend(const QByteArray &stream)
+{
+    using State = BackendHandshake::State;
+    const BackendOutcome whole = playBackend(stream, all);
+    Dice dice(stream);
+    FUZZ_CHECK(whole == playBackend(stream, [&dice](QByteArray *rest) { return takePiece(rest, &dice); }));
+    FUZZ_CHECK(stream.endsWith(whole.rest));
+    FUZZ_CHECK(whole.state != State::Done || (stream.startsWith(kBackendGreeting) && whole.output.size() == 13));
+}
+
+void fuzzRfbHandshake(const QByteArray &input)
+{
+    for (const Verdict verdict : {Verdict::Right, Verdict::Wrong, Verdict::TurnedAway}) {
+        checkClient(input, verdict);
+    }
+    checkBackend(input);
+}
+
+} // namespace
+
+ZARVO_FUZZ(fuzzRfbHandshake)
