@@ -76,18 +76,18 @@ public:
                fail("Failed to write to \"%1\" port \"%2\": %3");
     }
 
+    /** The payload of the next frame. */
     bool receive(QByteArray *payload)
     {
-        QByteArray buffer;
         for (;;) {
-            if (!waitUntil([this] { return socket.bytesAvailable() > 0; })) {
-                return fail("Failed to read from \"%1\" port \"%2\": %3");
-            }
-            buffer += socket.readAll();
             const int outcome = decodeNetString(buffer, *payload, *error);
             if (outcome <= 0) {
                 return outcome == 0;
             }
+            if (!waitUntil([this] { return socket.bytesAvailable() > 0; })) {
+                return fail("Failed to read from \"%1\" port \"%2\": %3");
+            }
+            buffer += socket.readAll();
         }
     }
 
@@ -123,9 +123,18 @@ private:
     const quint16 port;
     QString *error;
     QDeadlineTimer deadline;
-    QTimer alarm; ///< wakes the event loop when time is up
+    QByteArray buffer; ///< what has arrived and was not taken
+    QTimer alarm;      ///< wakes the event loop when time is up
     QSslSocket socket;
 };
+
+/** A peer tells all of its clients of changes, and we are one of them while it prepares the answer. */
+bool isNotification(const QByteArray &payload)
+{
+    Json::Value message;
+    return parseJson(payload, &message) && stringFromJson(member(message, "jsonrpc")) == "2.0"_L1 &&
+           stringFromJson(member(message, "method")) == "UpdateSessions"_L1 && !hasMember(message, "id");
+}
 
 } // namespace
 
@@ -134,6 +143,13 @@ bool fetchPeerSessions(const QHostAddress &address, quint16 port, const QSslCert
 {
     Exchange exchange(address, port, &error);
     QByteArray payload;
-    return exchange.connect() && exchange.encrypt(certificate, key) && exchange.send(requestFrame()) &&
-           exchange.receive(&payload) && readPeerReply(payload, sessions, error);
+    if (!exchange.connect() || !exchange.encrypt(certificate, key) || !exchange.send(requestFrame())) {
+        return false;
+    }
+    do {
+        if (!exchange.receive(&payload)) {
+            return false;
+        }
+    } while (isNotification(payload));
+    return readPeerReply(payload, sessions, error);
 }

@@ -99,6 +99,10 @@ void TestPeerQuery::sessionsAreRead_data()
     QTest::newRow("bytes behind") << answer(R"("result":[{"id":"a"}])") + "nonsense" << QStringList{u"a"_s};
     QTest::newRow("leading zeros") << "0" + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
     QTest::newRow("invalid UTF-8") << answer("\"result\":[{\"id\":\"a\xff\"}]") << QStringList{u"a\uFFFD"_s};
+    // A peer tells all of its clients of changes, and who asks is one of them until it is answered.
+    const QByteArray change = encodeNetString(R"({"jsonrpc":"2.0","method":"UpdateSessions","params":[{"id":"x"}]})");
+    QTest::newRow("behind a notification") << change + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
+    QTest::newRow("behind many") << change.repeated(5000) + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
     const QByteArray head = R"({"id":"ServerUpdate","jsonrpc":"2.0","result":[],"x":")";
     QTest::newRow("largest frame") << encodeNetString(head + QByteArray(65536 - head.size() - 2, 'x') + "\"}")
                                    << QStringList();
@@ -181,6 +185,9 @@ void TestPeerQuery::refusedAnswersLeaveTheListAlone_data()
     json("version is a number", R"({"id":"ServerUpdate","jsonrpc":2.0,"result":[]})");
     json("other id with an error", R"({"id":"x","jsonrpc":"2.0","error":{"code":1,"message":"late"}})");
     json("neither", R"({"id":"ServerUpdate","jsonrpc":"2.0"})");
+    json("other notification", R"({"jsonrpc":"2.0","method":"Update","params":null})");
+    json("notification with an id", R"({"id":"x","jsonrpc":"2.0","method":"UpdateSessions","params":null})");
+    json("notification of no version", R"({"method":"UpdateSessions","params":null})");
     json("result is an object", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":{"a":{"id":"a"}}})");
     json("result is text", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":"a"})");
     json("result is a number", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":0})");
