@@ -170,6 +170,26 @@ class Discovery(hosts.NeighbourCase):
         zarvo.wait_until(lambda: self.listed() == far.client().call("Live.ListLocalSessions"), "the far session")
         self.assertEqual(self.listed()[0]["location"], f"ssh://{far.user}@{zarvo.HOST}:22/zarvo_sci")
 
+    def test_change_while_a_peer_prepares_its_answer(self):
+        """The peer's listing waits for a session that starts; it tells all clients of another one meanwhile."""
+        self.start()
+        far = self.prepare({"DisplayLimit": 10, "BroadcastAddress": "127.0.0.1"})
+        far.settings["BroadcastPort"] = 6000 + far.displays.base + 15
+        far.write_settings()
+        far.start()
+        starting, other = far.client(), far.client()
+        slow, quick = zarvo.new_id(), zarvo.new_id()
+        far.agent(slow, ready_delay=4)
+        request = starting.begin("Live.Start", [slow, "xterm", "800x600"])
+        far.seen(slow, "argv")
+        before = len(far.descriptors())
+        self.say({"Method": "UPDATE", "Port": far.port, "User": self.instance.user})
+        zarvo.wait_until(lambda: len(far.descriptors()) > before, "the query")
+        other.call("Live.Start", [quick, "xterm", "800x600"])
+        starting.finish(request)
+        zarvo.wait_until(lambda: slow in [item["id"] for item in self.listed() or []], "the session")
+        self.assertEqual(self.warnings(), [])
+
     def test_datagrams_that_are_ignored(self):
         self.start()
         peer, bait = self.peer(), self.peer()
