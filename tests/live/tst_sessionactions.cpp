@@ -895,7 +895,7 @@ void TestSessionActions::displayOfARegisteredSessionIsNotGivenAway()
 void TestSessionActions::displayOfASessionFoundAgainIsNotGivenAway()
 {
     const QString directory = makeSessionDirectory(root, id, displays->first());
-    const AgentProcess agent(directory);
+    const AgentProcess agent(directory, u"exec /bin/sleep 1000"_s);
     putFile(fileOf(u"monitor_pid"_s), QByteArray::number(agent.pid()));
     makeStore();
     QCOMPARE(store->sessionIds(), QStringList{id});
