@@ -1,9 +1,17 @@
 # SPDX-License-Identifier: MIT
 # bash completion for zarvoctl. Asks a server that runs for its sessions and never starts one.
 
+# Ids that begin with what is typed so far, and names, unless nothing is typed: then they would only double the choice.
 _zarvoctl_sessions()
 {
-    zarvoctl list --plain --no-start 2>/dev/null | cut -f 1
+    local current=$1 line id name
+    while IFS= read -r line; do
+        id=${line%%$'\t'*}
+        line=${line#*$'\t'}
+        printf -v name %q "${line%%$'\t'*}"
+        if [[ $id == "$current"* ]]; then COMPREPLY+=("$id"); fi
+        if [[ -n $current && $name == "$current"* ]]; then COMPREPLY+=("$name"); fi
+    done < <(zarvoctl list --plain --no-start 2>/dev/null)
 }
 
 _zarvoctl_options()
@@ -42,10 +50,10 @@ _zarvoctl()
     esac
     case $verb in
         connect | resume | replay | suspend | terminate | wait | logs)
-            COMPREPLY=($(compgen -W "$(_zarvoctl_sessions)" -- "$current")) ;;
+            _zarvoctl_sessions "$current" ;;
         screenshot)
             if [ "$COMP_CWORD" -eq 2 ]; then
-                COMPREPLY=($(compgen -W "$(_zarvoctl_sessions)" -- "$current"))
+                _zarvoctl_sessions "$current"
             else
                 COMPREPLY=($(compgen -f -- "$current"))
             fi ;;

@@ -2,7 +2,12 @@
 # fish completion for zarvoctl. Asks a server that runs for its sessions and never starts one.
 
 function __zarvoctl_sessions
-    zarvoctl list --plain --no-start 2>/dev/null | string replace -r '^([^\t]*)\t([^\t]*)\t.*' '$1\t$2'
+    set -l lines (zarvoctl list --plain --no-start 2>/dev/null)
+    string replace -r '^([^\t]*)\t([^\t]*)\t.*' '$1\t$2' -- $lines
+    # Names only once something is typed, or they would double the choice.
+    if test -n "$(commandline -ct)"
+        string replace -r '^([^\t]*)\t([^\t]*)\t.*' '$2\t$1' -- $lines
+    end
 end
 
 set -l verbs connect list ls start resume replay suspend terminate watch wait logs screenshot doctor server version describe help

@@ -1,14 +1,17 @@
 # SPDX-License-Identifier: MIT
 """zarvoctl: help text, manual pages and completions say the same; the installed tree works."""
+import functools
 import json
 import os
 import re
+import shlex
 import shutil
 import subprocess
 import unittest
 
 import ctl
 import zarvo
+from terminal import Terminal
 
 ROOT = os.path.dirname(os.path.dirname(zarvo.HERE))
 COMPLETIONS = os.path.join(ROOT, "packaging", "completions")
@@ -16,6 +19,7 @@ MANUAL = os.path.join(ROOT, "docs", "man")
 OPTION = re.compile(r"(?<![\w-])--?[a-z][a-z-]*")
 
 
+@functools.lru_cache(maxsize=None)
 def help_text(*arguments):
     result = subprocess.run([ctl.CTL, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                             check=True, timeout=zarvo.DEADLINE)
@@ -128,7 +132,7 @@ class Completions(ctl.CtlTestCase):
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=zarvo.DEADLINE,
                                 env={**environment, "PATH": path})
         self.assertEqual(result.stderr, "")
-        return set(result.stdout.split())
+        return set(result.stdout.splitlines()) - {""}
 
     def test_bash_knows_verbs_and_options(self):
         names = {name for verb, aliases in verbs().items() for name in (verb, *aliases)}
@@ -140,9 +144,14 @@ class Completions(ctl.CtlTestCase):
 
     def test_bash_knows_sessions(self):
         server = self.server()
-        sessions = {self.start(server, "a name")["id"], self.start(server)["id"]}
+        sessions = {self.start(server, "a name")["id"], self.start(server, "zz")["id"]}
         for verb in ("connect", "suspend", "screenshot", "wait"):
             self.assertEqual(self.bash(server, verb, ""), sessions)
+        one = min(sessions)
+        self.assertEqual(self.bash(server, "wait", one[:8]), {one})
+        self.assertEqual(self.bash(server, "wait", "z"), {"zz"})
+        self.assertIn("a\\ name", self.bash(server, "wait", "a"))
+        self.assertEqual(self.bash(server, "wait", "a\\ n"), {"a\\ name"})
 
     def test_no_server_is_started(self):
         server = self.unattended()
@@ -164,7 +173,8 @@ class Completions(ctl.CtlTestCase):
             self.assertEqual(result.stderr, "")
             return [entry.split("\t") for entry in result.stdout.splitlines()]
 
-        self.assertIn([session, "a name"], offered("zarvoctl suspend "))
+        self.assertEqual(offered("zarvoctl suspend "), [[session, "a name"]])
+        self.assertIn(["a name", session], offered("zarvoctl suspend a"))
         self.assertIn("screenshot", [entry[0] for entry in offered("zarvoctl s")])
         for verb in verbs():
             found = [entry[0] for dashes in ("-", "--") for entry in offered(f"zarvoctl {verb} {dashes}")]
@@ -184,7 +194,20 @@ class Completions(ctl.CtlTestCase):
             self.assert_covers(verb, OPTION.findall(re.sub(r"\[[^]]*\]", " ", line)))
         if not shutil.which("zsh"):
             self.skipTest("zsh is not installed")
-        subprocess.run(["zsh", "-n", os.path.join(COMPLETIONS, "_zarvoctl")], check=True, timeout=zarvo.DEADLINE)
+        server = self.server()
+        session = self.start(server, "nameless-thing")["id"]
+        zarvo.write(os.path.join(server.home, ".zshrc"), f"fpath=({shlex.quote(COMPLETIONS)} $fpath); PS1='ready> '\n"
+                    "autoload -Uz compinit; compinit -D -u\n")
+        path = os.path.dirname(ctl.CTL) + ":" + server.environment["PATH"]
+        zsh = Terminal({**server.environment, "PATH": path, "ZDOTDIR": server.home}, "zsh", "-di", columns=200)
+        self.addCleanup(zsh.close)
+        zsh.wait_for("ready> ")
+        zsh.type("zarvoctl suspend \t")
+        zsh.wait_for(session)
+        zsh.type("\x15zarvoctl wait namel\t")
+        zsh.wait_for("ess-thing")
+        zsh.type("\x15zarvoctl screen\t")
+        zsh.wait_for("shot")
 
 
 class Installed(ctl.CtlTestCase):

@@ -1,65 +1,15 @@
 # SPDX-License-Identifier: MIT
 """zarvoctl on a terminal: colour, width, progress, questions, the live table."""
-import fcntl
 import os
-import pty
 import re
-import select
-import struct
-import subprocess
-import termios
-import time
 import unicodedata
 import unittest
 
 import ctl
 import zarvo
+from terminal import Terminal
 
 ESCAPE = re.compile(r"\x1b\[[0-9;]*[A-Za-z]")
-
-
-class Terminal:
-    """A program on a pseudo-terminal of its own."""
-
-    def __init__(self, environment, *arguments, columns=80, rows=24):
-        self.master, slave = pty.openpty()
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
-        self.process = subprocess.Popen([ctl.CTL, *arguments], stdin=slave, stdout=slave, stderr=slave,
-                                        env={"TERM": "xterm", **environment})
-        os.close(slave)
-        self.text = ""
-
-    def read_some(self, timeout):
-        if not select.select([self.master], [], [], timeout)[0]:
-            return False
-        try:
-            data = os.read(self.master, 65536)
-        except OSError:
-            data = b""
-        self.text += data.decode("utf-8", "replace")
-        return bool(data)
-
-    def wait_for(self, text):
-        end = time.monotonic() + zarvo.DEADLINE
-        while text not in self.text:
-            if not self.read_some(max(0, end - time.monotonic())):
-                raise AssertionError(f"no {text!r} on the terminal: {self.text!r}")
-
-    def type(self, text):
-        os.write(self.master, text.encode())
-
-    def finish(self):
-        """Reads on to the end of the program; returns its exit code and the lines of the terminal."""
-        while self.read_some(zarvo.DEADLINE):
-            pass
-        code = self.process.wait(zarvo.DEADLINE)
-        return code, self.text.replace("\r\n", "\n")
-
-    def close(self):
-        if self.process.poll() is None:
-            self.process.kill()
-        self.process.wait(zarvo.DEADLINE)
-        os.close(self.master)
 
 
 def width(text):
@@ -68,7 +18,7 @@ def width(text):
 
 class OnTerminal(ctl.CtlTestCase):
     def terminal(self, server, *arguments, environment=None, **how):
-        terminal = Terminal({**server.environment, **(environment or {})}, *arguments, **how)
+        terminal = Terminal({**server.environment, **(environment or {})}, ctl.CTL, *arguments, **how)
         self.addCleanup(terminal.close)
         return terminal
 
