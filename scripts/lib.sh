@@ -24,5 +24,5 @@ need_packages() {
 
 build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev libjsoncpp-dev libssl-dev libxcb1-dev libpng-dev)
 # The sessions, and below them what "zarvoctl connect" runs to get into one.
-run_packages=(tigervnc-standalone-server xauth openssl python3 xterm xfonts-base openbox
+run_packages=(tigervnc-standalone-server xauth openssl xterm xfonts-base openbox
     tigervnc-viewer openssh-client)
