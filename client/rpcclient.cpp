@@ -9,10 +9,6 @@
 
 #include <utility>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -51,16 +47,6 @@ RpcClient::Outcome describeFailure(const QSslSocket &socket, quint16 port, QStri
     }
 }
 
-/**
- * Has the system acknowledge what arrives at once. Else an answer behind the last part of the handshake, which the
- * server's system holds back until that is acknowledged, comes 40 ms late. Holds for a while only.
- */
-void acknowledgeAtOnce(const QSslSocket &socket)
-{
-    const int on = 1;
-    ::setsockopt(static_cast<int>(socket.socketDescriptor()), IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-}
-
 } // namespace
 
 RpcClient::RpcClient(QObject *parent)
@@ -71,7 +57,6 @@ RpcClient::RpcClient(QObject *parent)
     // Small requests: nothing is gained by collecting them.
     connect(&socket, &QSslSocket::connected, this,
             [this] { socket.setSocketOption(QAbstractSocket::LowDelayOption, 1); });
-    connect(&socket, &QSslSocket::encryptedBytesWritten, this, [this] { acknowledgeAtOnce(socket); });
 }
 
 RpcClient::Outcome RpcClient::connectTo(quint16 port, const Credentials &credentials, std::chrono::milliseconds timeout,
