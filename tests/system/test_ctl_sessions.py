@@ -162,8 +162,8 @@ class Sessions(CtlTestCase):
         server = self.unattended()
         for arguments in ((), ("nothing",), ("list", "--nothing"), ("list", "more"), ("start",),
                           ("start", "--geometry"), ("terminate", "--everything"), ("wait", "x"),
-                          ("wait", "x", "--for", "offered"), ("server",), ("server", "restart"), ("screenshot", "x"), ("connect", "--json"),
-                          ("connect", "a", "b", "--print"), ("connect", "--new", "--print"),
+                          ("wait", "x", "--for", "offered"), ("server",), ("server", "restart"), ("screenshot", "x"),
+                          ("connect", "--json"), ("connect", "a", "b", "--print"), ("connect", "--new", "--print"),
                           ("wait", "x", "--for", "ended", "--timeout", "-1"),
                           ("wait", "x", "--for", "ended", "--timeout", "nan"), ("server", "log", "--lines", "x")):
             with self.subTest(arguments):
