@@ -17,7 +17,8 @@ bool writeValueFile(const QString &path, const QByteArray &content, QString *err
         *error = u"Failed to set permissions on the file \"%1\": %2"_s.arg(path, file.errorString());
         return false;
     }
-    if (file.write(content) != content.size() || !file.commit()) {
+    // Committed without the flush, a file whose content found no room would appear empty.
+    if (file.write(content) != content.size() || !file.flush() || !file.commit()) {
         *error = u"Failed to write to the file \"%1\": %2"_s.arg(path, file.errorString());
         return false;
     }

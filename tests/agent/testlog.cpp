@@ -42,6 +42,20 @@ QByteArray contentOf(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
+FullDisk::FullDisk()
+{
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit none = {0, before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &none);
+}
+
+FullDisk::~FullDisk()
+{
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    ::signal(SIGXFSZ, SIG_DFL);
+}
+
 bool writeScript(const QString &path, const QByteArray &text)
 {
     QFile file(path);

@@ -36,6 +36,21 @@ private slots:
         QVERIFY(!writeValueFile(u"/nowhere/value"_s, "12", &error));
         QVERIFY(error.startsWith(u"Failed to open the file \"/nowhere/value\": "_s));
     }
+
+    void leavesNoEmptyFileOnAFullDisk()
+    {
+        const QTemporaryDir directory;
+        const QString path = directory.filePath(u"value"_s);
+        QString error;
+        bool isWritten = true;
+        {
+            const FullDisk full;
+            isWritten = writeValueFile(path, "12", &error);
+        }
+        QVERIFY(!isWritten);
+        QVERIFY(error.startsWith(u"Failed to write to the file \""_s + path));
+        QVERIFY(!QFileInfo::exists(path));
+    }
 };
 
 ZARVO_TEST(ValueFileTest)
