@@ -10,7 +10,7 @@
 /*
  * The agent works under a guard, its parent process, so that nothing of a session outlives an agent that is killed:
  * what the applications have started in turn learns nothing of the agent's death, and would run on without a display.
- * The guard does nothing while all goes well. It has no event loop, no thread and no descriptor but its end of the link
+ * The guard does nothing while all goes well. It has no event loop and no thread, and its one connection is the link
  * to the agent, over which the agent tells what it holds, and notices when the guard itself is gone.
  */
 

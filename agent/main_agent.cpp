@@ -2,13 +2,12 @@
 #include "agent/agent.h"
 #include "agent/agentfiles.h"
 #include "agent/agentlog.h"
+#include "agent/exitfile.h"
 #include "agent/guard.h"
 #include "agent/guardlink.h"
-#include "agent/valuefile.h"
 #include "server/signalcatcher.h"
 
 #include <QCoreApplication>
-#include <QFile>
 
 #include <array>
 #include <csignal>
@@ -86,14 +85,13 @@ ExitCode runAgent(int argc, char **argv, int guard)
 }
 
 // The last thing that happens in a session, on every way out of it.
-int leave(ExitCode code)
+int leave(ExitFile *exitFile, ExitCode code)
 {
-    const int number = static_cast<int>(code);
     QString error;
-    if (!writeValueFile(SessionFile::kServerExit, QByteArray::number(number), &error)) {
+    if (!exitFile->write(code, &error)) {
         report(error);
     }
-    return number;
+    return static_cast<int>(code);
 }
 
 } // namespace
@@ -103,19 +101,18 @@ int main(int argc, char **argv)
 {
     ensureStandardDescriptors();
     ::umask(077);
+    ::signal(SIGXFSZ, SIG_IGN); // a file that may not grow any further is no reason to end
 
-    // From a former run in the same directory; until the end there is no exit code.
-    QFile::remove(SessionFile::kServerExit);
-
+    ExitFile exitFile;
     pid_t agent = 0;
     int link = -1;
     QString error;
     if (!forkAgent(&agent, &link, &error)) {
-        return leave(report(error));
+        return leave(&exitFile, report(error));
     }
     if (agent != 0) {
-        return leave(guardAgent(agent, link));
+        return leave(&exitFile, guardAgent(agent, link));
     }
     const ExitCode code = runAgent(argc, argv, link);
-    return isGuardAlive(link) ? static_cast<int>(code) : leave(code);
+    return isGuardAlive(link) ? static_cast<int>(code) : leave(&exitFile, code);
 }

@@ -7,6 +7,7 @@ import glob
 import json
 import os
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -298,6 +299,15 @@ class Start(AgentTest):
         session = self.session()
         session.launch("800x600", str(session.port), PATH=session.home)
         self.assert_refuses_to_start(session, 1, "Xtigervnc")
+        self.assertEqual(session.leftovers(), [])
+
+    def test_files_that_cannot_be_written(self):
+        session = self.session()
+        # Room for the exit code and nothing else.
+        session.launch("800x600", str(session.port), preexec=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1, 1)))
+        self.assertEqual(session.wait_exit(), 1)
+        self.assertEqual(session.read("server_exit"), "1")
+        self.assertFalse(os.path.exists(session.path("server_pid")))
         self.assertEqual(session.leftovers(), [])
 
     def test_x_server_that_cannot_be_run(self):
@@ -814,7 +824,7 @@ class End(AgentTest):
         zarvo.wait_until(lambda: os.path.exists(os.path.join(session.home, "ready")), "the stubborn program")
 
     def test_nothing_survives_a_killed_agent(self):
-        for number in (signal.SIGKILL, signal.SIGSEGV):
+        for number in (signal.SIGKILL, signal.SIGABRT):
             with self.subTest(number):
                 session = self.session().start("rootless")
                 self.start_daemons(session)
