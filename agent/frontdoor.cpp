@@ -16,6 +16,9 @@ namespace {
 
 constexpr std::chrono::seconds kPauseWithoutDescriptors(1);
 
+// Connections that the kernel keeps until we come to them. They cost nothing else, and the next one is turned away.
+constexpr int kQueueLength = 1024;
+
 // Strangers decide how often they are refused, and must not decide how large the log gets.
 constexpr std::chrono::seconds kRefusalPause(10);
 
@@ -60,6 +63,7 @@ FrontDoor::~FrontDoor() = default;
 bool FrontDoor::listen(quint16 port, QString *error)
 {
     // One socket for both families; where the machine has IPv6 switched off, for the one that it has.
+    server.setListenBacklogSize(kQueueLength);
     bool isListening = server.listen(QHostAddress::Any, port);
     if (!isListening && server.serverError() != QAbstractSocket::AddressInUseError) {
         isListening = server.listen(QHostAddress::AnyIPv4, port);

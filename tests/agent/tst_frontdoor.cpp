@@ -151,6 +151,21 @@ private slots:
         QTRY_VERIFY(viewer.isIn());
     }
 
+    // A client that finds no place in the queue is told nothing and tries again after a second, or two, or four.
+    void burstOfConnectionsFindsRoomInTheQueue()
+    {
+        std::vector<std::unique_ptr<QTcpSocket>> burst;
+        for (int i = 0; i < 200; ++i) {
+            burst.push_back(connectFrom(QHostAddress(QHostAddress::LocalHost)));
+        }
+        const auto connected = [&burst] {
+            return std::count_if(burst.begin(), burst.end(), [](const std::unique_ptr<QTcpSocket> &socket) {
+                return socket->state() == QAbstractSocket::ConnectedState;
+            });
+        };
+        QTRY_COMPARE(connected(), 200);
+    }
+
     void disconnectsEveryClientAtOnce()
     {
         door->open();
