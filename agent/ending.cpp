@@ -49,19 +49,43 @@ void Ending::start()
     isStarted = true;
     politeTimer.start(limits.polite);
     forcedTimer.start(limits.polite + limits.forced);
-    signalAll(liveDescendants(::getpid(), server->pid()), SIGTERM);
+    const QList<pid_t> left = liveDescendants(::getpid(), server->pid());
+    asked = QSet<pid_t>(left.begin(), left.end());
+    signalAll(left, SIGTERM);
     pollTimer.start(0ms);
+}
+
+// What was started while we were asking, by a process that ended when it was asked. Not what has a parent: an
+// application that clears up before it ends needs its helpers.
+void Ending::askNewOrphans(const QList<pid_t> &left)
+{
+    const QSet<pid_t> unasked = QSet<pid_t>(left.begin(), left.end()) - asked;
+    if (unasked.isEmpty()) {
+        return;
+    }
+    const QSet<pid_t> orphans = unasked & liveChildren();
+    signalAll(orphans.values(), SIGTERM);
+    asked += orphans;
 }
 
 void Ending::lookAround()
 {
     const QList<pid_t> left = liveDescendants(::getpid(), server->pid());
     if (left.isEmpty()) {
-        endServer();
+        // Looked at twice: what starts while we read the list can be missed, with its parent gone already.
+        if (wasEmpty) {
+            endServer();
+        } else {
+            wasEmpty = true;
+            pollTimer.start(0ms);
+        }
         return;
     }
+    wasEmpty = false;
     if (isForced) {
         signalAll(left, SIGKILL);
+    } else {
+        askNewOrphans(left);
     }
     pollTimer.start(kPollInterval);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QObject>
+#include <QSet>
 #include <QTimer>
 
 #include <functional>
@@ -41,16 +42,19 @@ signals:
 
 private:
     void lookAround();
+    void askNewOrphans(const QList<pid_t> &left);
     void endServer();
     void finish();
 
     XServer *server;
     EndingLimits limits;
+    QSet<pid_t> asked; ///< to end, by SIGTERM
     QTimer pollTimer;
     QTimer politeTimer;
     QTimer forcedTimer;
     bool isStarted = false;
     bool isForced = false;
+    bool wasEmpty = false; ///< at the last look
     bool isEndingServer = false;
     bool isFinished = false;
 };

@@ -11,6 +11,7 @@
 #include <optional>
 
 #include <sys/prctl.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -69,6 +70,20 @@ QList<pid_t> liveDescendants(pid_t root, pid_t except)
     }
     found.removeFirst();
     return found;
+}
+
+QSet<pid_t> liveChildren()
+{
+    QSet<pid_t> children;
+    for (const QString &entry : QDir(u"/proc"_s).entryList(QDir::Dirs)) {
+        bool isPid = false;
+        const pid_t pid = entry.toInt(&isPid);
+        const std::optional<ProcessStat> stat = isPid ? readStat(entry) : std::nullopt;
+        if (stat && stat->isLive && stat->parent == ::getpid()) {
+            children.insert(pid);
+        }
+    }
+    return children;
 }
 
 void signalAll(const QList<pid_t> &processes, int number)

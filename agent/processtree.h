@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QList>
+#include <QSet>
 #include <QString>
 
 #include <sys/types.h>
@@ -13,6 +14,9 @@
  * @param except  a process to leave out together with its own descendants; 0 for none
  */
 [[nodiscard]] QList<pid_t> liveDescendants(pid_t root, pid_t except);
+
+/** The live children of this process alone, its orphaned descendants included if it is a subreaper. */
+[[nodiscard]] QSet<pid_t> liveChildren();
 
 /** Sends the signal @p number to each of @p processes. */
 void signalAll(const QList<pid_t> &processes, int number);

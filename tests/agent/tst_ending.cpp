@@ -111,6 +111,18 @@ private slots:
         QVERIFY(QFile::exists(path(u"served"_s)));
     }
 
+    // Its parent ends when asked, and it was not there yet when the others were.
+    void endsWhatIsStartedMeanwhile()
+    {
+        QVERIFY(startServer());
+        QVERIFY(startApplication("trap 'sleep 1000 & exit' TERM; touch mark; while :; do sleep 0.05; done"));
+        Ending ending(server.get(), watcher.get(), {60s, 2s});
+        QSignalSpy finished(&ending, &Ending::finished);
+        ending.start();
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 15000);
+        QVERIFY(liveDescendants(::getpid(), 0).isEmpty());
+    }
+
     void killsWhatDoesNotEnd()
     {
         QVERIFY(startServer());

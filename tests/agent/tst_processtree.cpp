@@ -41,6 +41,7 @@ private slots:
         QCOMPARE(liveDescendants(::getpid(), 0), (QList<pid_t>{child, grandchild}));
         QCOMPARE(liveDescendants(::getpid(), grandchild), QList<pid_t>{child});
         QVERIFY(liveDescendants(::getpid(), child).isEmpty());
+        QCOMPARE(liveChildren(), QSet<pid_t>{child});
         QCOMPARE(liveDescendants(child, 0), QList<pid_t>{grandchild});
 
         // Ended and not yet reaped: no longer live.
