@@ -903,7 +903,12 @@ class End(AgentTest):
         session = self.session()
         session.launch("800x600", str(session.port))
         zarvo.wait_until(lambda: os.path.exists(session.path("server_pid")), "the pid")
-        shutil.rmtree(session.directory)
+
+        def removed():
+            shutil.rmtree(session.directory, ignore_errors=True)  # what the agent still writes may come in between
+            return not os.path.exists(session.directory)
+
+        zarvo.wait_until(removed, "the directory to be removed")
         session.wait_exit()
         self.assertEqual(session.leftovers(), [])
 
