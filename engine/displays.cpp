@@ -14,6 +14,8 @@
 #include <cerrno>
 #include <csignal>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,11 +40,32 @@ QString displayLockPath(quint16 display)
     return u"/tmp/.X%1-lock"_s.arg(display);
 }
 
+/**
+ * Whether the port has an owner, though nobody may listen there: an outgoing connection that the system gave this
+ * number, or the remains of one. No agent could listen on it.
+ */
+bool isPortOwned(quint16 port)
+{
+    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (probe == -1) {
+        return false;
+    }
+    const int on = 1;
+    ::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on); // as an agent's own listener does
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    const bool isOwned =
+        ::bind(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 && errno == EADDRINUSE;
+    ::close(probe);
+    return isOwned;
+}
+
 bool isDisplayOpen(quint16 display)
 {
     return isPortFree(displayPort(display)) && !QFile::exists(displaySocketPath(display)) &&
            isPortFree(agentPort(display)) && !QFile::exists(displayLockPath(display)) &&
-           !QFile::exists(agentSocketPath(display));
+           !QFile::exists(agentSocketPath(display)) && !isPortOwned(agentPort(display));
 }
 
 /** Whether the path is of this type and belongs to this user; what a link points to does not count. */

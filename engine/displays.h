@@ -51,8 +51,8 @@ private:
 
 /**
  * The first display number from @p base up to, but not including, @p limit (in 16 bits) whose ports, sockets and lock
- * file nobody uses; nothing when there is none. Blocks for up to 2000 ms for each number tried; callable from any
- * thread.
+ * file nobody uses, an outgoing connection on the agent's port included; nothing when there is none. Blocks for up to
+ * 2000 ms for each number tried; callable from any thread.
  *
  * @param reservation  where given, holds the number afterwards; numbers that others hold are passed over
  */

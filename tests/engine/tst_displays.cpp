@@ -10,6 +10,7 @@
 #include <QLocalServer>
 #include <QProcess>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -105,6 +106,22 @@ qint64 pidOfNobody()
 QString socketFile(quint16 display)
 {
     return QDir::temp().filePath(u".X11-unix/X%1"_s.arg(display));
+}
+
+/** Makes a connection that goes out from this port. */
+void connectFrom(quint16 port)
+{
+    auto *server = new QTcpServer;
+    auto *socket = new QTcpSocket(server);
+    listeners().append(server);
+    if (!server->listen(QHostAddress::LocalHost) ||
+        !socket->bind(QHostAddress::LocalHost, port, QAbstractSocket::DontShareAddress)) {
+        qFatal("Failed to bind to port %d", port);
+    }
+    socket->connectToHost(QHostAddress::LocalHost, server->serverPort());
+    if (!socket->waitForConnected(20000)) {
+        qFatal("Failed to connect from port %d", port);
+    }
 }
 
 void occupyAll(quint16 display)
@@ -213,6 +230,7 @@ void TestDisplays::usedDisplayIsSkipped_data()
     const auto add = [](const char *name, Occupy occupy) { QTest::newRow(name) << occupy; };
     add("X server listens", [](quint16 display) { listenOn(6000 + display); });
     add("agent listens", [](quint16 display) { listenOn(41000 + display); });
+    add("outgoing connection", [](quint16 display) { connectFrom(41000 + display); });
     add("X socket", [](quint16 display) { putFile(socketFile(display), ""); });
     add("X lock", [](quint16 display) { putFile(ReservedDisplays::lockPath(display), ""); });
     add("agent's socket", [](quint16 display) { putFile(agentSocketPath(display), ""); });
