@@ -8,6 +8,8 @@
 
 #include <cstdio>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -21,8 +23,12 @@ Makers &makers()
 
 int runClass(const QString &name, int argc, char **argv)
 {
+    // Qt's own handler asks a debugger for the stack, again and again when the handler crashes in its turn.
+    std::string noCrashHandler = "-nocrashhandler";
+    std::vector<char *> arguments(argv, argv + argc);
+    arguments.push_back(noCrashHandler.data());
     const std::unique_ptr<QObject> test(makers().value(name)());
-    return QTest::qExec(test.get(), argc, argv);
+    return QTest::qExec(test.get(), argc + 1, arguments.data());
 }
 
 } // namespace
