@@ -80,11 +80,13 @@ void FakeAgents::viewersCome()
     }
 }
 
-std::optional<quint16> FakeAgents::begin(const QString &directory, const QString &command)
+std::optional<quint16> FakeAgents::begin(const QString &directory, const QString &command,
+                                         DisplayReservation *reservation)
 {
     for (size_t index = 0; index < agents.size(); ++index) {
         Agent &agent = agents[index];
-        if (agent.directory.isEmpty()) {
+        const auto display = static_cast<quint16>(kFirstDisplay + index);
+        if (agent.directory.isEmpty() && reservation->take(display)) {
             agent.directory = directory;
             agent.command = command;
             agent.thread->enter(QFile::encodeName(directory));
@@ -92,7 +94,7 @@ std::optional<quint16> FakeAgents::begin(const QString &directory, const QString
             log(agent, "RDP initialized at '" + nextTime() + "'");
             put(pathOf(directory, SessionFile::kServerPid), QByteArray::number(agent.thread->id()),
                 QIODevice::WriteOnly);
-            return static_cast<quint16>(kFirstDisplay + index);
+            return display;
         }
     }
     return std::nullopt;
@@ -168,11 +170,11 @@ int startSession(Session *session, const QString &directory, quint16 base, quint
     FUZZ_CHECK(QDir().mkpath(directory));
     QFile::remove(pathOf(directory, SessionFile::kServerExit));
     FakeAgents &agents = FakeAgents::instance();
-    const std::optional<quint16> display = geometry == u"none"_s ? std::nullopt : agents.begin(directory, name);
+    const std::optional<quint16> display =
+        geometry == u"none"_s ? std::nullopt : agents.begin(directory, name, reservation);
     if (!display) {
         return NoOpenDisplay;
     }
-    FUZZ_CHECK(reservation->take(*display));
     const QString windowMode = geometry == u"rootless"_s ? u"rootless"_s : u"desktop"_s;
     const pid_t process = agents.processOf(*display);
     QString error;

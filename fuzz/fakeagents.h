@@ -12,6 +12,8 @@
 
 #include <sys/types.h>
 
+class DisplayReservation;
+
 /**
  * Stands in for all programs that a start of a session runs, and for the signals sent to them: linking this in
  * replaces engine/launch.h and kill(). What an agent does depends on the command line of its session:
@@ -39,7 +41,8 @@ public:
     void viewersCome();
 
     /** Starts an agent in this directory; gives the display. Nothing when all displays are in use. */
-    [[nodiscard]] std::optional<quint16> begin(const QString &directory, const QString &command);
+    [[nodiscard]] std::optional<quint16> begin(const QString &directory, const QString &command,
+                                               DisplayReservation *reservation);
     /** The number of the agent's process. */
     [[nodiscard]] pid_t processOf(quint16 display) const;
     /** Like kill(), but that there must be such an agent. */
