@@ -136,6 +136,9 @@ bool SessionStore::isBusy(const QString &id) const
 bool SessionStore::reserve(const QString &id)
 {
     const QMutexLocker locker(&mutex);
+    while (glances.contains(id)) {
+        changed.wait(&mutex);
+    }
     if (busy.contains(id)) {
         return false;
     }
@@ -155,7 +158,14 @@ int SessionStore::acquire(const QString &id, Session *&session)
 int SessionStore::tryAcquire(const QString &id, Session *&session)
 {
     const QMutexLocker locker(&mutex);
-    return busy.contains(id) ? InvalidState : markBusy(id, session);
+    if (busy.contains(id)) {
+        return InvalidState;
+    }
+    const int code = markBusy(id, session);
+    if (code == SessionOk) {
+        glances.insert(id);
+    }
+    return code;
 }
 
 /** Marks a session busy that is not. The mutex is held. */
@@ -173,7 +183,14 @@ int SessionStore::markBusy(const QString &id, Session *&session)
 void SessionStore::release(const QString &id)
 {
     const QMutexLocker locker(&mutex);
+    unmarkBusy(id);
+}
+
+/** Ends what markBusy() began. The mutex is held. */
+void SessionStore::unmarkBusy(const QString &id)
+{
     busy.remove(id);
+    glances.remove(id);
     changed.wakeAll();
 }
 
@@ -187,8 +204,7 @@ void SessionStore::addSession(const QString &id, std::unique_ptr<Session> sessio
 std::unique_ptr<Session> SessionStore::removeSession(const QString &id)
 {
     const QMutexLocker locker(&mutex);
-    busy.remove(id);
-    changed.wakeAll();
+    unmarkBusy(id);
     auto entry = sessions.extract(id);
     if (entry.empty()) {
         return nullptr;

@@ -47,7 +47,10 @@ public:
      * @param session  set only on success; the caller's until release() or removeSession()
      */
     [[nodiscard]] int acquire(const QString &id, Session *&session);
-    /** The same without waiting: InvalidState when somebody works on the id. */
+    /**
+     * The same without waiting, for a short look at the session: InvalidState when somebody works on the id. A start
+     * waits for the end of such a look, where it refuses an id that is busy otherwise.
+     */
     [[nodiscard]] int tryAcquire(const QString &id, Session *&session);
     void release(const QString &id);
     /** Registers the session, busy for the caller. An earlier one of this id, which nobody may hold, is deleted. */
@@ -113,6 +116,7 @@ private:
     [[nodiscard]] std::optional<SessionInfo> lastListed(const QString &id) const;
     void setListed(const QString &id, const SessionInfo &info);
     [[nodiscard]] int markBusy(const QString &id, Session *&session);
+    void unmarkBusy(const QString &id);
     [[nodiscard]] int appendLocalSessions(QList<SessionInfo> &out);
 
     const QString root;
@@ -126,5 +130,6 @@ private:
     std::map<QString, Entry> sessions;
     QMap<QString, QDateTime> remoteExpiry;
     QMap<QString, QList<SessionInfo>> remoteLists;
-    QSet<QString> busy; ///< ids that one caller works on, or is about to register
+    QSet<QString> busy;    ///< ids that one caller works on, or is about to register
+    QSet<QString> glances; ///< those of them that tryAcquire() has marked
 };

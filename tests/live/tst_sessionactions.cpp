@@ -44,6 +44,7 @@ private slots:
     void startRefusesABadId();
     void startRefusesAnIdThatIsBeingStarted();
     void startRefusesABusySession();
+    void startWaitsForTheEndOfALook();
     void startReplacesASession();
     void startWithoutADisplayFails();
     void startWithoutADirectoryFails();
@@ -365,6 +366,20 @@ void TestSessionActions::startRefusesABusySession()
     QCOMPARE(logger->takeLines(), QStringList{u"Warning: Got a bad id"_s});
     QVERIFY(store->isBusy(id));
     QVERIFY(!QFileInfo::exists(sessionDirectory(root, id)));
+}
+
+void TestSessionActions::startWaitsForTheEndOfALook()
+{
+    addRecordOn(displays->end(), QString(), 0, {});
+    Session *session = nullptr;
+    QCOMPARE(store->tryAcquire(id, session), SessionOk); // as the refresh pass does, many times a minute
+    std::atomic<int> code = UnknownError;
+    const BackgroundTask starting([&] { code = start(id); });
+    QVERIFY(!QTest::qWaitFor([&] { return starting.isDone(); }, 100));
+    store->release(id);
+    QVERIFY(starting.waitUntilDone());
+    QCOMPARE(code.load(), int(AgentFailed)); // there is no program for it, but it is let in
+    QCOMPARE(logger->takeLines().contains(u"Warning: Got a bad id"_s), false);
 }
 
 void TestSessionActions::startReplacesASession()
