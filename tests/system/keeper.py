@@ -45,6 +45,14 @@ def reap(report):
             pass
 
 
+def program_environment():
+    """ZARVO_PRELOAD is what the program is to be loaded with, and the keeper itself is not."""
+    environment = dict(os.environ)
+    if "ZARVO_PRELOAD" in environment:
+        environment["LD_PRELOAD"] = environment.pop("ZARVO_PRELOAD")
+    return environment
+
+
 def main():
     report, stdin, program = int(sys.argv[1]), sys.argv[2], sys.argv[3]
     if ctypes.CDLL(None, use_errno=True).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
@@ -60,7 +68,7 @@ def main():
         os.dup2(os.open(stdin, os.O_RDONLY), 0)
         signal.signal(signal.SIGPIPE, signal.SIG_DFL)
         try:
-            os.execv(program, [program])
+            os.execve(program, [program], program_environment())
         finally:
             os._exit(127)
     os.write(report, b"started %d\n" % pid)

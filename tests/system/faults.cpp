@@ -1,0 +1,377 @@
+// SPDX-License-Identifier: MIT
+/*
+ * Loaded into the server before its libraries: makes chosen system calls fail, ends the process in front of one, or
+ * lets it see another time. What is to happen stands in a file that the test writes and this maps (faults.py has the
+ * same layout), so it can change while the server runs. Programs that the server starts are not touched.
+ */
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#define EXPORT extern "C" __attribute__((visibility("default")))
+
+namespace {
+
+/** Kinds of calls, as bits. A call may be of several. */
+enum Kind : int64_t {
+    kDisk = 1,       ///< changes a file or a directory
+    kDescriptor = 2, ///< makes a descriptor
+    kProcess = 4,    ///< makes a process
+    kThread = 8,     ///< makes a thread
+    kSignal = 16,    ///< sends a signal
+    kSocket = 32,    ///< writes to a socket, or makes one listen
+};
+
+constexpr int64_t kKill = -1;
+constexpr size_t kTextBytes = 256;
+
+struct Control
+{
+    std::atomic<int64_t> server; ///< pid of the daemon, once there is one
+    std::atomic<int64_t> kinds;  ///< which calls count
+    std::atomic<int64_t> action; ///< 0: nothing happens; an error number; or kKill
+    std::atomic<int64_t> first;  ///< the first call that is acted on, counted from 1
+    std::atomic<int64_t> last;   ///< and the last one
+    std::atomic<int64_t> count;  ///< calls so far
+    std::atomic<int64_t> acted;  ///< calls acted on so far
+    std::atomic<int64_t> shift;  ///< seconds by which the clock is wrong
+    char path[kTextBytes];       ///< only calls on a path that holds this text count
+    char met[kTextBytes];        ///< the last call that was acted on
+};
+
+Control *control = nullptr;
+
+template <typename Function>
+Function *next(Function *, const char *name)
+{
+    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
+}
+
+#define NEXT(name)                                                                                                     \
+    (*[] {                                                                                                             \
+        static auto *const found = next(&::name, #name);                                                               \
+        return found;                                                                                                  \
+    }())
+
+/** The server itself, before and after it has become a daemon; neither who started it, nor what it starts. */
+bool isServer()
+{
+    const int64_t server = control->server;
+    return server == 0 || server == ::getpid();
+}
+
+/** Whether the call has to fail, with errno set. Does not return where the process has to end. */
+bool strike(int64_t kinds, const char *call, const char *path)
+{
+    const int savedErrno = errno;
+    if (!control || (control->kinds & kinds) == 0 || !isServer() ||
+        (control->path[0] != '\0' && !std::strstr(path, control->path))) {
+        return false;
+    }
+    const int64_t number = ++control->count;
+    const int64_t action = control->action;
+    if (action == 0 || number < control->first || number > control->last) {
+        errno = savedErrno;
+        return false;
+    }
+    std::snprintf(control->met, kTextBytes, "%s %s", call, path);
+    ++control->acted;
+    if (action == kKill) {
+        ::syscall(SYS_kill, ::getpid(), SIGKILL);
+        for (;;) {
+            ::pause();
+        }
+    }
+    errno = static_cast<int>(action);
+    return true;
+}
+
+struct Target
+{
+    char path[kTextBytes] = {};
+    int64_t kind = 0;
+};
+
+/** What a write to this descriptor would change. */
+Target target(int descriptor)
+{
+    Target found;
+    struct stat status = {};
+    if (!control || ::fstat(descriptor, &status) != 0) {
+        return found;
+    }
+    if (S_ISREG(status.st_mode)) {
+        found.kind = kDisk;
+    } else if (S_ISSOCK(status.st_mode)) {
+        found.kind = kSocket;
+    }
+    char link[32];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
+    const ssize_t length = ::readlink(link, found.path, sizeof found.path - 1);
+    found.path[length < 0 ? 0 : length] = '\0';
+    return found;
+}
+
+/** Writes to pipes and events, which nobody outside sees, do not count. */
+bool strikeWrite(int descriptor, const char *call)
+{
+    if (!control || control->kinds == 0) {
+        return false;
+    }
+    const int savedErrno = errno;
+    const Target found = target(descriptor);
+    errno = savedErrno;
+    return found.kind != 0 && strike(found.kind, call, found.path);
+}
+
+int64_t kindsOfOpen(int flags)
+{
+    return (flags & (O_CREAT | O_TRUNC)) != 0 ? kDescriptor | kDisk : kDescriptor;
+}
+
+bool strikeOpen(const char *path, int flags)
+{
+    // Devices take up descriptors, but writing to them changes nothing.
+    const int64_t kinds = std::strncmp(path, "/dev/", 5) == 0 ? static_cast<int64_t>(kDescriptor) : kindsOfOpen(flags);
+    return strike(kinds, "open", path);
+}
+
+/** Runs when the library is loaded. */
+struct Loader
+{
+    Loader()
+    {
+        const char *file = std::getenv("ZARVO_FAULTS");
+        if (!file) {
+            return;
+        }
+        ::unsetenv("LD_PRELOAD");
+        const int descriptor = ::open(file, O_RDWR | O_CLOEXEC);
+        void *memory = ::mmap(nullptr, sizeof(Control), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+        if (memory == MAP_FAILED) {
+            std::abort();
+        }
+        ::close(descriptor);
+        control = static_cast<Control *>(memory);
+    }
+};
+
+const Loader loader;
+
+int modeArgument(int flags, va_list arguments)
+{
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, int) : 0;
+}
+
+} // namespace
+
+// Files
+
+#define DEFINE_OPEN(name)                                                                                              \
+    EXPORT int name(const char *path, int flags, ...)                                                                  \
+    {                                                                                                                  \
+        va_list arguments;                                                                                             \
+        va_start(arguments, flags);                                                                                    \
+        const int mode = modeArgument(flags, arguments);                                                               \
+        va_end(arguments);                                                                                             \
+        return strikeOpen(path, flags) ? -1 : NEXT(name)(path, flags, mode);                                           \
+    }
+
+DEFINE_OPEN(open)
+DEFINE_OPEN(open64)
+
+EXPORT ssize_t write(int descriptor, const void *data, size_t size)
+{
+    return strikeWrite(descriptor, "write") ? -1 : NEXT(write)(descriptor, data, size);
+}
+
+EXPORT int mkdir(const char *path, mode_t mode) noexcept
+{
+    return strike(kDisk, "mkdir", path) ? -1 : NEXT(mkdir)(path, mode);
+}
+
+EXPORT int rmdir(const char *path) noexcept
+{
+    return strike(kDisk, "rmdir", path) ? -1 : NEXT(rmdir)(path);
+}
+
+EXPORT int unlink(const char *path) noexcept
+{
+    return strike(kDisk, "unlink", path) ? -1 : NEXT(unlink)(path);
+}
+
+EXPORT int rename(const char *from, const char *to) noexcept
+{
+    return strike(kDisk, "rename", to) ? -1 : NEXT(rename)(from, to);
+}
+
+EXPORT int renameat2(int fromFolder, const char *from, int toFolder, const char *to, unsigned flags) noexcept
+{
+    return strike(kDisk, "rename", to) ? -1 : NEXT(renameat2)(fromFolder, from, toFolder, to, flags);
+}
+
+EXPORT int chmod(const char *path, mode_t mode) noexcept
+{
+    return strike(kDisk, "chmod", path) ? -1 : NEXT(chmod)(path, mode);
+}
+
+EXPORT int fchmod(int descriptor, mode_t mode) noexcept
+{
+    return strikeWrite(descriptor, "chmod") ? -1 : NEXT(fchmod)(descriptor, mode);
+}
+
+EXPORT int ftruncate64(int descriptor, off64_t size) noexcept
+{
+    return strikeWrite(descriptor, "truncate") ? -1 : NEXT(ftruncate64)(descriptor, size);
+}
+
+// Other descriptors
+
+EXPORT int socket(int domain, int type, int protocol) noexcept
+{
+    return strike(kDescriptor, "socket", "") ? -1 : NEXT(socket)(domain, type, protocol);
+}
+
+EXPORT int socketpair(int domain, int type, int protocol, int ends[2]) noexcept
+{
+    return strike(kDescriptor, "socketpair", "") ? -1 : NEXT(socketpair)(domain, type, protocol, ends);
+}
+
+EXPORT int accept4(int descriptor, sockaddr *address, socklen_t *length, int flags)
+{
+    return strike(kDescriptor, "accept", "") ? -1 : NEXT(accept4)(descriptor, address, length, flags);
+}
+
+EXPORT int pipe2(int ends[2], int flags) noexcept
+{
+    return strike(kDescriptor, "pipe", "") ? -1 : NEXT(pipe2)(ends, flags);
+}
+
+EXPORT int eventfd(unsigned value, int flags) noexcept
+{
+    return strike(kDescriptor, "eventfd", "") ? -1 : ::syscall(SYS_eventfd2, value, flags);
+}
+
+EXPORT int dup2(int from, int to) noexcept
+{
+    return strike(kDescriptor, "dup", "") ? -1 : NEXT(dup2)(from, to);
+}
+
+// Sockets
+
+EXPORT int listen(int descriptor, int backlog) noexcept
+{
+    return strike(kSocket, "listen", "") ? -1 : NEXT(listen)(descriptor, backlog);
+}
+
+EXPORT ssize_t send(int descriptor, const void *data, size_t size, int flags)
+{
+    return strikeWrite(descriptor, "send") ? -1 : NEXT(send)(descriptor, data, size, flags);
+}
+
+EXPORT ssize_t sendmsg(int descriptor, const msghdr *message, int flags)
+{
+    return strikeWrite(descriptor, "send") ? -1 : NEXT(sendmsg)(descriptor, message, flags);
+}
+
+// Processes and threads
+
+EXPORT pid_t fork() noexcept
+{
+    return strike(kProcess, "fork", "") ? -1 : NEXT(fork)();
+}
+
+EXPORT int clone(int (*start)(void *), void *stack, int flags, void *argument, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, argument);
+    void *const parentId = va_arg(arguments, void *);
+    void *const storage = va_arg(arguments, void *);
+    void *const childId = va_arg(arguments, void *);
+    va_end(arguments);
+    return strike(kProcess, "fork", "") ? -1 : NEXT(clone)(start, stack, flags, argument, parentId, storage, childId);
+}
+
+/** Qt also makes processes with a call that the C library does not know. */
+EXPORT long syscall(long number, ...) noexcept
+{
+    va_list arguments;
+    va_start(arguments, number);
+    long values[6];
+    for (long &value : values) {
+        value = va_arg(arguments, long);
+    }
+    va_end(arguments);
+    if ((number == SYS_clone || number == SYS_clone3) && strike(kProcess, "fork", "")) {
+        return -1;
+    }
+    return NEXT(syscall)(number, values[0], values[1], values[2], values[3], values[4], values[5]);
+}
+
+EXPORT int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*start)(void *),
+                          void *argument) noexcept
+{
+    return strike(kThread, "thread", "") ? errno : NEXT(pthread_create)(thread, attributes, start, argument);
+}
+
+EXPORT pid_t setsid() noexcept
+{
+    // The first one to leave its terminal is the daemon; agents do so as well, later.
+    int64_t nobody = 0;
+    if (control) {
+        control->server.compare_exchange_strong(nobody, ::getpid());
+    }
+    return NEXT(setsid)();
+}
+
+EXPORT int kill(pid_t process, int number) noexcept
+{
+    // Asking whether a process is there changes nothing.
+    return number != 0 && strike(kSignal, "kill", "") ? -1 : NEXT(kill)(process, number);
+}
+
+// The clock
+
+EXPORT int clock_gettime(clockid_t clock, timespec *now) noexcept
+{
+    const int result = NEXT(clock_gettime)(clock, now);
+    if (result == 0 && clock == CLOCK_REALTIME && control) {
+        now->tv_sec += control->shift;
+    }
+    return result;
+}
+
+EXPORT int gettimeofday(timeval *now, void *zone) noexcept
+{
+    const int result = NEXT(gettimeofday)(now, zone);
+    if (result == 0 && control) {
+        now->tv_sec += control->shift;
+    }
+    return result;
+}
+
+EXPORT time_t time(time_t *result) noexcept
+{
+    timespec now = {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    if (result) {
+        *result = now.tv_sec;
+    }
+    return now.tv_sec;
+}

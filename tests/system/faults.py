@@ -1,0 +1,173 @@
+# SPDX-License-Identifier: MIT
+"""Makes system calls of a running server fail, one by one: see faults.cpp, which does it from inside.
+
+    faults = Faults(server)                 # before server.start()
+    faults.fail(errno.ENOSPC, nth=3)        # the third call that changes a file fails, once
+    faults.kill(nth=7)                      # the server ends in front of the seventh one, as by kill -9
+    faults.off()
+"""
+import contextlib
+import mmap
+import os
+import re
+import signal
+import struct
+import subprocess
+
+import zarvo
+
+LIBRARY = os.path.join(zarvo.BUILD, "tests", "system", "libfaults.so")
+
+DISK, DESCRIPTOR, PROCESS, THREAD, SIGNAL, SOCKET = 1, 2, 4, 8, 16, 32
+# Everything that somebody outside could see.
+CHANGES = DISK | PROCESS | SIGNAL | SOCKET
+
+KILL = -1
+EVER = 2 ** 62
+TEXT = 256
+# The fields of struct Control, in its order; then the two texts.
+SERVER, KINDS, ACTION, FIRST, LAST, COUNT, ACTED, SHIFT = range(0, 64, 8)
+PATH, MET = 64, 64 + TEXT
+SIZE = MET + TEXT
+
+
+def libraries():
+    """What has to be loaded before the server: a sanitizer's runtime insists on being the first."""
+    listed = subprocess.run(["ldd", zarvo.BINARY], check=True, capture_output=True, text=True, timeout=60).stdout
+    sanitizers = re.findall(r"=> (\S*/lib[at]san\.so\S*)", listed)
+    return ":".join([*sanitizers, LIBRARY])
+
+
+class Faults:
+    """To be made for a server that is not running. What is set here holds from then on, also over its restarts."""
+
+    def __init__(self, server):
+        path = os.path.join(server.top, "faults")
+        with open(path, "wb+") as file:
+            file.truncate(SIZE)
+            self.memory = mmap.mmap(file.fileno(), SIZE)
+        server.environment["ZARVO_PRELOAD"] = libraries()
+        server.environment["ZARVO_FAULTS"] = path
+
+    def get(self, field):
+        return struct.unpack_from("q", self.memory, field)[0]
+
+    def set(self, field, value):
+        struct.pack_into("q", self.memory, field, value)
+
+    def arm(self, action, first, last, kinds, path=""):
+        """Counting starts anew."""
+        self.set(KINDS, 0)
+        self.memory[PATH:PATH + TEXT] = path.encode().ljust(TEXT, b"\0")
+        self.memory[MET:MET + TEXT] = bytes(TEXT)
+        for field, value in ((ACTION, action), (FIRST, first), (LAST, last), (COUNT, 0), (ACTED, 0), (KINDS, kinds)):
+            self.set(field, value)
+
+    def kill(self, nth, kinds=CHANGES, path=""):
+        self.arm(KILL, nth, nth, kinds, path)
+
+    def fail(self, error, nth=1, kinds=DISK, path="", last=None):
+        """last: up to which call it goes on failing; the default is one call."""
+        self.arm(error, nth, nth if last is None else last, kinds, path)
+
+    def watch(self, kinds=CHANGES, path=""):
+        """Only counts."""
+        self.arm(0, 0, 0, kinds, path)
+
+    def off(self):
+        self.arm(0, 0, 0, 0)
+
+    def start(self, server, **how):
+        """server.start() for a process that the faults are meant for from its first step on."""
+        self.set(SERVER, 0)
+        return server.start(**how)
+
+    def shift_clock(self, seconds):
+        self.set(SHIFT, seconds)
+
+    @property
+    def count(self):
+        return self.get(COUNT)
+
+    @property
+    def acted(self):
+        return self.get(ACTED)
+
+    @property
+    def met(self):
+        """The last call that was acted on, in words."""
+        return self.memory[MET:MET + TEXT].partition(b"\0")[0].decode(errors="replace")
+
+
+class FaultCase(zarvo.TestCase):
+    """A server with one session that somebody was told of, and that no fault may cost."""
+
+    def setUp(self):
+        self.instance = self.prepare()
+        self.faults = Faults(self.instance)
+        self.faults.start(self.instance)
+        self.kept = zarvo.new_id()
+        self.call("Live.Start", self.kept, "kept", "800x600")
+        with self.instance.client() as client:
+            self.entry = client.local_sessions()[0]
+
+    def call(self, method, *params):
+        with self.instance.client() as client:
+            return client.call(method, list(params))
+
+    def listed(self):
+        """The listed sessions but for the one that is always there; which is checked."""
+        with self.instance.client() as client:
+            entries = {entry["id"]: entry for entry in client.local_sessions()}
+        self.assertEqual(entries.pop(self.kept), self.entry)
+        return entries
+
+    def killed_in(self, nth, method, *params):
+        """Whether the server was killed in front of its nth step after it had got the call; it runs again then."""
+        with self.instance.client() as client:
+            client.call("Live.GetVersion")
+            self.faults.kill(nth)
+            try:
+                client.call(method, list(params))
+            except (EOFError, OSError):
+                self.assertEqual(self.faults.acted, 1, f"the connection ended by itself in {method}")
+            killed = self.faults.acted == 1
+        self.faults.off()
+        if killed:
+            self.assertEqual(self.instance.wait_exit(), -signal.SIGKILL)
+            self.faults.start(self.instance)
+        return killed
+
+    def killed_steps(self, act, limit=400):
+        """Kills in front of one step after another, until act(step) says that none was left."""
+        for step in range(1, limit):
+            with self.subTest(step=step):
+                if not act(step):
+                    return step - 1
+        raise AssertionError("there is no end of steps")
+
+    def agents(self, session):
+        """The processes that work in the session's directory."""
+        directory = os.path.realpath(self.instance.directory(session))
+        found = []
+        for entry in os.listdir("/proc"):
+            if entry.isdigit() and zarvo.alive(entry):
+                with contextlib.suppress(OSError):
+                    if os.readlink(f"/proc/{entry}/cwd") == directory:
+                        found.append(int(entry))
+        return found
+
+    def assert_ends(self, session):
+        """The session, which is listed, can be ended; nothing of it is left."""
+        self.call("Live.Terminate", session)
+        self.assertEqual(self.agents(session), [])
+        self.assertFalse(os.path.exists(self.instance.directory(session)))
+
+    def assert_offers(self, session):
+        """A client can get into the listed session."""
+        zarvo.wait_until(lambda: self.listed()[session]["started"], "the agent to be ready")
+        method = {"connect|terminate": "Live.Resume", "retry|terminate": "Live.Replay"}
+        answer = self.call(method[self.listed()[session]["permissions"]], session)
+        viewer = self.instance.viewer(answer["port"], answer["password"])
+        self.assertIsNotNone(viewer)
+        return viewer

@@ -1,0 +1,38 @@
+# SPDX-License-Identifier: MIT
+"""kill -9 of the server in front of each single step of its start-up: the next start succeeds, and nothing is lost."""
+import os
+import signal
+import unittest
+
+import faults
+import zarvo
+
+
+class StartUp(faults.FaultCase):
+    def test_next_start_succeeds_whatever_the_step(self):
+        # A program that makes the pair in no time: the first start is the one with the most steps.
+        pair = zarvo.Server.pair
+        self.instance.install_program("openssl", f"cp {pair[0]} {self.instance.certificate}\n"
+                                      f"cp {pair[1]} {self.instance.key}\n")
+        self.instance.stop()
+        self.assertGreater(self.killed_steps(self.kill_while_starting), 15)
+
+    def kill_while_starting(self, step):
+        for path in (self.instance.certificate, self.instance.key):
+            os.unlink(path)
+        self.faults.kill(step)
+        launch = self.faults.start(self.instance, check=False)
+        self.assertEqual((launch.stdout, launch.stderr), ("", ""))
+        if self.faults.acted == 0:
+            return False
+        statuses = [launch.status] if launch.status != 0 else [launch.wait_daemon_exit()]
+        self.assertEqual(statuses, [-signal.SIGKILL], self.faults.met)
+        self.faults.off()
+        self.faults.start(self.instance)
+        self.assertEqual(self.listed(), {}, self.faults.met)
+        self.assertEqual(self.instance.stop(), 0)
+        return True
+
+
+if __name__ == "__main__":
+    unittest.main()
