@@ -157,6 +157,11 @@ void DisplayReservation::release()
     }
 }
 
+void DisplayReservation::keep()
+{
+    held.reset();
+}
+
 std::optional<quint16> findOpenDisplay(quint16 base, quint16 limit, DisplayReservation *reservation)
 {
     for (quint16 display = base; display != limit; ++display) {

@@ -43,6 +43,8 @@ public:
     /** Gives up the number held so far and reserves this one, unless another start has. */
     [[nodiscard]] bool take(quint16 display);
     void release();
+    /** Leaves the number reserved for good. */
+    void keep();
 
 private:
     DisplayReservations *all; ///< not owned

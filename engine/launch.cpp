@@ -107,6 +107,10 @@ int startSession(Session *session, const QString &directory, quint16 base, quint
         return fail(AgentFailed, u"Failed to start the agent in the directory \"%1\""_s.arg(directory));
     }
     if (!writeNumberFile(files.filePath(SessionFile::kMonitorPid), pid, &error)) {
+        // The agent goes on, on its display, and nobody will hear of its end.
+        if (reservation) {
+            reservation->keep();
+        }
         return fail(WriteFailed, error);
     }
 

@@ -17,7 +17,8 @@ struct Session;
  * @param base,limit  the display numbers to try, see findOpenDisplay()
  * @param geometry    handed to the agent as it is; "rootless" makes a rootless session, anything else a desktop
  * @param name        the session's name
- * @param reservation  where given, keeps the display from other starts, until the caller ends it
+ * @param reservation  where given, keeps the display from other starts, until the caller ends it; for good
+ *                     when an agent was started that cannot be kept track of
  */
 [[nodiscard]] int startSession(Session *session, const QString &directory, quint16 base, quint16 limit,
                                const QString &geometry, const QString &name, DisplayReservation *reservation = nullptr);

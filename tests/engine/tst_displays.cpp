@@ -45,6 +45,7 @@ private slots:
     void reservationHoldsTheLastNumberAlone();
     void refusedReservationHoldsNothing();
     void releasedReservationIsNotReleasedAgain();
+    void keptReservationOutlivesItsObject();
     void searchReservesWhatItFinds();
     void searchPassesOverWhatOthersReserved();
     void searchThatFindsNothingReservesNothing();
@@ -355,6 +356,19 @@ void TestDisplays::releasedReservationIsNotReleasedAgain()
         QVERIFY(all.insert(100));
     }
     QVERIFY(!all.insert(100));
+}
+
+void TestDisplays::keptReservationOutlivesItsObject()
+{
+    DisplayReservations all;
+    {
+        DisplayReservation reservation(&all);
+        QVERIFY(reservation.take(100));
+        reservation.keep();
+        QVERIFY(reservation.take(101));
+    }
+    QVERIFY(!all.insert(100));
+    QVERIFY(all.insert(101));
 }
 
 void TestDisplays::searchReservesWhatItFinds()

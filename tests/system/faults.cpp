@@ -30,12 +30,13 @@ namespace {
 
 /** Kinds of calls, as bits. A call may be of several. */
 enum Kind : int64_t {
-    kDisk = 1,       ///< changes a file or a directory
+    kDisk = 1,       ///< makes or changes a file or a directory
     kDescriptor = 2, ///< makes a descriptor
     kProcess = 4,    ///< makes a process
     kThread = 8,     ///< makes a thread
     kSignal = 16,    ///< sends a signal
     kSocket = 32,    ///< writes to a socket, or makes one listen
+    kRemoval = 64,   ///< removes a file or a directory
 };
 
 constexpr int64_t kKill = -1;
@@ -208,12 +209,12 @@ EXPORT int mkdir(const char *path, mode_t mode) noexcept
 
 EXPORT int rmdir(const char *path) noexcept
 {
-    return strike(kDisk, "rmdir", path) ? -1 : NEXT(rmdir)(path);
+    return strike(kRemoval, "rmdir", path) ? -1 : NEXT(rmdir)(path);
 }
 
 EXPORT int unlink(const char *path) noexcept
 {
-    return strike(kDisk, "unlink", path) ? -1 : NEXT(unlink)(path);
+    return strike(kRemoval, "unlink", path) ? -1 : NEXT(unlink)(path);
 }
 
 EXPORT int rename(const char *from, const char *to) noexcept

@@ -18,9 +18,9 @@ import zarvo
 
 LIBRARY = os.path.join(zarvo.BUILD, "tests", "system", "libfaults.so")
 
-DISK, DESCRIPTOR, PROCESS, THREAD, SIGNAL, SOCKET = 1, 2, 4, 8, 16, 32
+DISK, DESCRIPTOR, PROCESS, THREAD, SIGNAL, SOCKET, REMOVAL = 1, 2, 4, 8, 16, 32, 64
 # Everything that somebody outside could see.
-CHANGES = DISK | PROCESS | SIGNAL | SOCKET
+CHANGES = DISK | PROCESS | SIGNAL | SOCKET | REMOVAL
 
 KILL = -1
 EVER = 2 ** 62
@@ -138,13 +138,31 @@ class FaultCase(zarvo.TestCase):
             self.faults.start(self.instance)
         return killed
 
-    def killed_steps(self, act, limit=400):
-        """Kills in front of one step after another, until act(step) says that none was left."""
+    def steps(self, act, limit=400):
+        """Calls act(1), act(2) and so on until one says that there was no such step any more; the number of steps."""
         for step in range(1, limit):
             with self.subTest(step=step):
                 if not act(step):
                     return step - 1
         raise AssertionError("there is no end of steps")
+
+    def refused_in(self, error, nth, kinds, method, *params):
+        """The error of the call whose nth step fails, or None; None as well where it makes nothing of the failure."""
+        with self.instance.client() as client:
+            client.call("Live.GetVersion")
+            self.faults.fail(error, nth, kinds=kinds)
+            try:
+                client.call(method, list(params))
+            except zarvo.RpcError as refusal:
+                return refusal.error
+            finally:
+                self.disarm()
+        return None
+
+    def disarm(self):
+        """Ends the fault; "hit" and "met" tell of it from now on."""
+        self.hit, self.met = self.faults.acted, self.faults.met
+        self.faults.off()
 
     def agents(self, session):
         """The processes that work in the session's directory."""

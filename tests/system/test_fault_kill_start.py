@@ -10,7 +10,7 @@ import zarvo
 
 class Start(faults.FaultCase):
     def test_start(self):
-        self.assertGreater(self.killed_steps(self.kill_in_start), 20)
+        self.assertGreater(self.steps(self.kill_in_start), 20)
 
     def kill_in_start(self, step):
         session = zarvo.new_id()

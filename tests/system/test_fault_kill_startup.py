@@ -15,7 +15,7 @@ class StartUp(faults.FaultCase):
         self.instance.install_program("openssl", f"cp {pair[0]} {self.instance.certificate}\n"
                                       f"cp {pair[1]} {self.instance.key}\n")
         self.instance.stop()
-        self.assertGreater(self.killed_steps(self.kill_while_starting), 15)
+        self.assertGreater(self.steps(self.kill_while_starting), 15)
 
     def kill_while_starting(self, step):
         for path in (self.instance.certificate, self.instance.key):
