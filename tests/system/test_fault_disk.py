@@ -32,9 +32,9 @@ class StartUp(faults.FaultCase):
         hit = self.faults.acted > 0
         if launch.stderr:
             self.assertTrue(hit)
-            path = re.escape(self.instance.path)
-            self.assertRegex(launch.stderr, rf'\A{zarvo.DAY}: Critical: Failed to \w[\w ]* the file "{path}/server_\w+": '
-                             rf"{reason}\n\Z")
+            path = re.escape(self.instance.path) + r"/server_\w+"
+            self.assertRegex(launch.stderr,
+                             rf'\A{zarvo.DAY}: Critical: Failed to \w[\w ]* the file "{path}": {reason}\n\Z')
             self.assertEqual(launch.wait_daemon_exit(), 1)
             self.disarm()
             self.faults.start(self.instance)

@@ -1,0 +1,166 @@
+# SPDX-License-Identifier: MIT
+"""A home directory on a file system that is really full, or mounted anew as read-only."""
+import os
+import re
+import subprocess
+import unittest
+
+import hosts
+import zarvo
+
+BYTES = 1 << 20
+
+
+def setUpModule():
+    hosts.need_namespaces()
+    hosts.unshare(hosts.CLONE_NEWNS)
+    mount("--make-rprivate", "/")
+
+
+def mount(*arguments):
+    subprocess.run(["mount", *arguments], check=True, timeout=60)
+
+
+class SmallDisk(zarvo.TestCase):
+    """Everything in the home directory is on a small file system of its own."""
+
+    def prepare(self, **how):
+        server = super().prepare(certificate=False, **how)
+        mount("-t", "tmpfs", "-o", f"size={BYTES},mode=700", "zarvo-test", server.home)
+        self.addCleanup(subprocess.run, ["umount", "--lazy", server.home], check=True, timeout=60)
+        os.makedirs(server.path)
+        server.write_settings()
+        return server
+
+    def server(self, **how):
+        server = self.prepare(**how)
+        server.install_certificate()
+        server.start()
+        return server
+
+    def fill(self, server):
+        """Takes the last byte of the disk."""
+        self.filler = os.path.join(server.home, "filler")
+        with open(self.filler, "wb", buffering=0) as file:
+            for size in (65536, 4096, 1):
+                try:
+                    while file.write(bytes(size)) == size:
+                        pass
+                except OSError:
+                    pass
+
+    def empty(self):
+        os.unlink(self.filler)
+
+    def start(self, server):
+        session = zarvo.new_id()
+        return session, server.client().call("Live.Start", [session, "xterm", "800x600"])
+
+    def listed(self, server):
+        with server.client() as client:
+            return {entry["id"]: entry["permissions"] for entry in client.local_sessions()}
+
+    def assert_start_is_refused(self, server, *expected):
+        with self.assertRaises(zarvo.RpcError) as caught:
+            self.start(server)
+        self.assertIn((caught.exception.error["code"], caught.exception.error["message"]), expected)
+
+    def assert_log_is_whole(self, server):
+        for line in server.log().splitlines():
+            self.assertRegex(line, rf"\A{zarvo.DAY}: (Critical|Warning|Info|Debug[123]): ")
+
+    def use(self, server, session, answer):
+        """Everything that can be done to the session, on a disk that takes nothing."""
+        client = server.client()
+        viewer = server.viewer(answer["port"], answer["password"])
+        self.assertIsNotNone(viewer)
+        zarvo.wait_until(lambda: self.listed(server)[session] == "disconnect|terminate", "the client")
+        self.assertIsNone(client.call("Live.Suspend", [session]))
+        answer = client.call("Live.Resume", [session])
+        self.assertEqual(client.call("Live.Replay", [session]), answer)
+        self.assertIsNotNone(server.viewer(answer["port"], answer["password"]))
+        zarvo.wait_until(lambda: self.listed(server)[session] == "disconnect|terminate", "the next client")
+
+    def test_sessions_go_on_when_the_disk_is_full(self):
+        server = self.server()
+        session, answer = self.start(server)
+        other, _ = self.start(server)
+        self.fill(server)
+        self.assert_start_is_refused(server, (-32080, "Failed to write a session file."),
+                                     (-32087, "Failed to create the session directory."))
+        self.use(server, session, answer)
+        # This agent cannot leave word of its end; the session has ended all the same.
+        agent = int(server.seen(other, "pid"))
+        self.assert_fails(-32086, "Failed to read a session file.", server.client().call, "Live.Terminate", [other])
+        self.assertFalse(zarvo.alive(agent))
+        self.assertEqual(list(self.listed(server)), [session])
+
+        self.empty()
+        third, answer = self.start(server)
+        self.assertIsNotNone(server.viewer(answer["port"], answer["password"]))
+        for each in (session, third):
+            server.client().call("Live.Terminate", [each])
+        self.assertEqual(self.listed(server), {})
+        self.assertEqual(server.stop(), 0)
+        self.assertEqual(server.logged("Info", "Exiting the server"), 1)
+        self.assert_log_is_whole(server)
+
+    def test_start_of_a_server_on_a_full_disk(self):
+        server = self.server()
+        session, _ = self.start(server)
+        before = self.listed(server)
+        server.stop()
+        self.fill(server)
+        launch = server.start(check=False)
+        self.assertRegex(launch.stderr, rf'\A{zarvo.DAY}: Critical: Failed to write to the file '
+                         rf'"{re.escape(server.pid_file)}": No space left on device\n\Z')
+        self.assertEqual(launch.wait_daemon_exit(), 1)
+        self.empty()
+        server.start()
+        self.assertEqual(self.listed(server), before)
+        server.client().call("Live.Terminate", [session])
+
+    def test_first_start_on_a_full_disk(self):
+        server = self.prepare()
+        self.fill(server)
+        launch = server.start(check=False)
+        self.assertRegex(launch.stderr, rf"\A{zarvo.DAY}: Critical: Failed to .+\n\Z")
+        self.assertEqual(launch.wait_daemon_exit(), 1)
+        self.empty()
+        server.start()
+        self.assert_serves(server)
+
+    def test_sessions_go_on_when_their_directories_become_read_only(self):
+        server = self.server()
+        mount("--bind", server.sessions, server.sessions)
+        self.addCleanup(subprocess.run, ["umount", "--lazy", server.sessions], check=True, timeout=60)
+        session, answer = self.start(server)
+        mount("-o", "remount,ro,bind", server.sessions)
+        self.assert_start_is_refused(server, (-32087, "Failed to create the session directory."))
+        self.use(server, session, answer)
+        # A new server finds it as well.
+        before = self.listed(server)
+        server.stop()
+        server.start()
+        self.assertEqual(self.listed(server), before)
+        mount("-o", "remount,rw,bind", server.sessions)
+        server.client().call("Live.Terminate", [session])
+        self.assertFalse(os.path.exists(server.directory(session)))
+
+    def test_start_of_a_server_on_a_read_only_disk(self):
+        server = self.server()
+        session, _ = self.start(server)
+        server.stop()
+        mount("-o", "remount,ro", server.home)
+        launch = server.start(check=False)
+        self.assertRegex(launch.stderr, rf'\A{zarvo.DAY}: Critical: Failed to open the file '
+                         rf'"{re.escape(server.log_file)}": Read-only file system\n\Z')
+        self.assertEqual(launch.wait_daemon_exit(), 1)
+        mount("-o", "remount,rw", server.home)
+        server.start()
+        self.assertEqual(list(self.listed(server)), [session])
+        server.client().call("Live.Terminate", [session])
+
+
+if __name__ == "__main__":
+    unittest.main()
