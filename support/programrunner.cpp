@@ -3,6 +3,10 @@
 
 #include <QProcess>
 
+#include <csignal>
+
+#include <sys/prctl.h>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -35,6 +39,8 @@ bool runProgram(const QString &program, const QStringList &arguments, const QStr
 
     QProcess process;
     process.setWorkingDirectory(workingDirectory);
+    // Nobody waits for it any more when we are killed, and whoever comes next may be writing the same files.
+    process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
     process.start(program, arguments);
     if (!process.waitForFinished(timeoutMs)) {
         const QString reason = process.errorString();

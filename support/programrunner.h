@@ -5,8 +5,8 @@
 #include <QStringList>
 
 /**
- * Runs @p program to its end and reduces the outcome to success or one sentence. Its output is discarded.
- * Blocks the calling thread, so it is not called on the main thread once clients are served.
+ * Runs @p program to its end and reduces the outcome to success or one sentence. Its output is discarded. It does not
+ * outlive the calling thread. Blocks that thread, so it is not called on the main thread once clients are served.
  *
  * @param program           found by name on the search path; no shell is involved
  * @param workingDirectory  empty: the caller's own

@@ -1,0 +1,81 @@
+# SPDX-License-Identifier: MIT
+"""Certificate and key that are spoilt, do not fit, or are being made when the server dies."""
+import os
+import shutil
+import signal
+import tempfile
+import threading
+import unittest
+
+import zarvo
+
+
+class Certificates(zarvo.TestCase):
+    def start_is_refused(self, server, reason):
+        launch = server.start(check=False)
+        self.assertRegex(launch.stderr, rf"\A{zarvo.DAY}: Critical: {reason}\n\Z")
+        self.assertEqual(launch.wait_daemon_exit(), 1)
+
+    def test_spoilt_pair_that_was_there_before_is_left_alone(self):
+        server = self.prepare()
+        zarvo.write(server.key, "")
+        before = zarvo.read(server.certificate)
+        self.start_is_refused(server, 'Invalid private key in file ".+"')
+        self.assertEqual((zarvo.read(server.certificate), zarvo.read(server.key)), (before, ""))
+
+    def test_pair_is_not_made_on_behind_a_server_that_was_killed(self):
+        server = self.prepare(certificate=False)
+        started = os.path.join(server.top, "openssl_pid")
+        server.install_program("openssl", f"echo $$ > {started}~ && mv {started}~ {started}\nexec sleep 600\n")
+        launch = self.launch_without_waiting(server)
+        zarvo.wait_until(lambda: os.path.exists(started), "the start of openssl")
+        openssl = int(zarvo.read(started))
+        daemon = int(zarvo.read(server.pid_file))
+        os.kill(daemon, signal.SIGKILL)
+        # What it wrote later could get mixed up with the pair that the next server makes.
+        zarvo.wait_until(lambda: not zarvo.alive(openssl), "the end of openssl")
+        launch.join(zarvo.DEADLINE)
+        os.unlink(os.path.join(server.bin, "openssl"))
+        server.start()
+        self.assert_serves(server)
+
+    @staticmethod
+    def launch_without_waiting(server):
+        thread = threading.Thread(target=server.start, kwargs={"check": False})
+        thread.start()
+        return thread
+
+    def test_pair_that_is_replaced_while_the_server_runs(self):
+        server = self.server()
+        before = server.client()
+        old = zarvo.client_context(server.certificate, server.key)
+        with tempfile.TemporaryDirectory(prefix="zarvo-other-") as folder:
+            certificate, key = zarvo.make_certificate(folder)
+            shutil.copy(certificate, server.certificate)
+            shutil.copy(key, server.key)
+        # The server has the pair that it read; who holds the new one has to wait for the next start.
+        self.assertEqual(before.call("Live.GetVersion"), zarvo.VERSION)
+        with server.client(context=old) as client:
+            self.assertEqual(client.call("Live.GetVersion"), zarvo.VERSION)
+        with server.client() as client:
+            self.assertEqual(client.wait_closed(), b"")
+        server.stop()
+        server.start()
+        self.assert_serves(server)
+        with server.client(context=old) as client:
+            self.assertEqual(client.wait_closed(), b"")
+
+    def test_pair_that_vanishes_while_the_server_runs(self):
+        server = self.server()
+        context = zarvo.client_context(server.certificate, server.key)
+        os.unlink(server.certificate)
+        os.unlink(server.key)
+        with server.client(context=context) as client:
+            self.assertEqual(client.call("Live.GetVersion"), zarvo.VERSION)
+        server.stop()
+        server.start()
+        self.assert_serves(server)
+
+
+if __name__ == "__main__":
+    unittest.main()
