@@ -17,6 +17,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QHostAddress>
 #include <QUdpSocket>
 
@@ -78,6 +79,7 @@ bool Server::writePidFile(QString *error)
 bool Server::provideCertificates(QString *error)
 {
     logMessage(LogDebug1, u"Creating certificate files"_s);
+    madeCertificates = !QFile::exists(certificatePath());
     return createCertificates(certificatePath(), keyPath(), error);
 }
 
@@ -109,7 +111,15 @@ void Server::startWorkers()
 bool Server::readCredentials(QString *error)
 {
     logMessage(LogDebug1, u"Reading the certificate files"_s);
-    return readPrivateKey(keyPath(), &privateKey, error) && readCertificate(certificatePath(), &certificate, error);
+    if (readPrivateKey(keyPath(), &privateKey, error) && readCertificate(certificatePath(), &certificate, error)) {
+        return true;
+    }
+    if (madeCertificates) {
+        // On a full disk openssl leaves empty files and calls it a success; they would fail every later start.
+        QFile::remove(certificatePath());
+        QFile::remove(keyPath());
+    }
+    return false;
 }
 
 bool Server::listenForClients(QString *error)

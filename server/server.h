@@ -68,6 +68,7 @@ private:
     std::unique_ptr<SessionUpdater> updater;
     std::unique_ptr<SuspendChecker> checker;
     QSslKey privateKey;
+    bool madeCertificates = false; ///< in this very start
     QSslCertificate certificate;
     std::unique_ptr<SslServer> listener;
     std::optional<HandlerFactory> factory;

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """Certificate and key that are spoilt, do not fit, or are being made when the server dies."""
 import os
+import shlex
 import shutil
 import signal
 import tempfile
@@ -15,6 +16,28 @@ class Certificates(zarvo.TestCase):
         launch = server.start(check=False)
         self.assertRegex(launch.stderr, rf"\A{zarvo.DAY}: Critical: {reason}\n\Z")
         self.assertEqual(launch.wait_daemon_exit(), 1)
+
+    def test_pair_that_came_to_nothing_does_not_stand_in_the_way(self):
+        # openssl does not notice that a disk is full.
+        cases = (("", ""), ("", "key"), ("certificate", ""))
+        for certificate, key in cases:
+            with self.subTest(certificate=certificate, key=key):
+                server = self.prepare(certificate=False)
+                server.install_program("openssl", f"printf '{certificate}' > {shlex.quote(server.certificate)}\n"
+                                       f"printf '{key}' > {shlex.quote(server.key)}\n")
+                self.start_is_refused(server, 'Invalid private key in file ".+"')
+                os.unlink(os.path.join(server.bin, "openssl"))
+                server.start()
+                self.assert_serves(server)
+
+    def test_certificate_that_came_to_nothing_does_not_stand_in_the_way(self):
+        server = self.prepare(certificate=False)
+        real = shutil.which("openssl")
+        server.install_program("openssl", f'{real} "$@" && : > {shlex.quote(server.certificate)}\n')
+        self.start_is_refused(server, 'Invalid certificate in file ".+"')
+        os.unlink(os.path.join(server.bin, "openssl"))
+        server.start()
+        self.assert_serves(server)
 
     def test_spoilt_pair_that_was_there_before_is_left_alone(self):
         server = self.prepare()
