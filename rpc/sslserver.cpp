@@ -84,6 +84,12 @@ void SslServer::incomingConnection(qintptr socketDescriptor)
     socket->setSslConfiguration(configuration);
     socket->ignoreSslErrors();
     socket->startServerEncryption();
+    if (socket->error() != QAbstractSocket::UnknownSocketError) {
+        // Not the client's fault, and without this it would wait for ever. Qt has no word about the reason.
+        logMessage(LogWarning, u"Failed to start TLS: the certificate and the private key may not belong together"_s);
+        delete socket;
+        return;
+    }
     addPendingConnection(socket);
 }
 

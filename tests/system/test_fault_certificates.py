@@ -4,6 +4,7 @@ import os
 import shlex
 import shutil
 import signal
+import socket
 import tempfile
 import threading
 import unittest
@@ -67,6 +68,28 @@ class Certificates(zarvo.TestCase):
         thread = threading.Thread(target=server.start, kwargs={"check": False})
         thread.start()
         return thread
+
+    def test_key_of_another_certificate(self):
+        server = self.server()
+        session = zarvo.new_id()
+        server.client().call("Live.Start", [session, "xterm", "800x600"])
+        server.stop()
+        good = zarvo.read(server.key)
+        with tempfile.TemporaryDirectory(prefix="zarvo-other-") as folder:
+            shutil.copy(zarvo.make_certificate(folder)[1], server.key)
+        server.start()
+        # It can serve nobody. They are told at once, the log says why, and nothing is left of them.
+        before = len(server.descriptors())
+        for _ in range(3):
+            with socket.create_connection(("127.0.0.1", server.port), zarvo.DEADLINE) as raw:
+                self.assertEqual(raw.recv(1), b"")
+        reason = "Failed to start TLS: the certificate and the private key may not belong together"
+        server.wait_log("Warning", reason, count=3)
+        zarvo.wait_until(lambda: len(server.descriptors()) <= before, "the connections to be closed")
+        server.stop()
+        zarvo.write(server.key, good)
+        server.start()
+        self.assertEqual([entry["id"] for entry in server.client().local_sessions()], [session])
 
     def test_pair_that_is_replaced_while_the_server_runs(self):
         server = self.server()
