@@ -11,6 +11,7 @@
 #include "server/signalcatcher.h"
 #include "server/sslresponder.h"
 #include "server/startupfailure.h"
+#include "server/threadpool.h"
 #include "support/credentials.h"
 #include "workers/sessionupdater.h"
 #include "workers/suspendchecker.h"
@@ -62,6 +63,9 @@ bool Server::openLog(QString *error)
 bool Server::start(QString *error)
 {
     if (!writePidFile(error) || !provideCertificates(error) || !createSessionDirectory(error)) {
+        return false;
+    }
+    if (!startPoolThreads(error)) {
         return false;
     }
     startWorkers();

@@ -1,0 +1,122 @@
+# SPDX-License-Identifier: MIT
+"""No descriptor, process or thread is to be had, at each place where one is needed. ZARVO_LONG=1 leaves out none."""
+import errno
+import os
+import re
+import unittest
+
+import faults
+import zarvo
+
+# By what could not be done.
+REFUSALS = {
+    -32080: "Failed to write a session file.",
+    -32083: "Failed to start the application.",
+    -32084: "Failed to start the agent.",
+    -32086: "Failed to read a session file.",
+    -32087: "Failed to create the session directory.",
+    -32088: "Failed to generate an xauthority cookie.",
+    -32089: "Failed to find an open display.",
+}
+
+
+class Resources(faults.FaultCase):
+    def start_up(self, error, kinds, path=""):
+        """Fails one call after another in a start-up; returns what was printed."""
+        self.instance.stop()
+        printed = []
+        self.steps(lambda step: self.fail_start_up(step, error, kinds, path, printed))
+        return printed
+
+    def fail_start_up(self, step, error, kinds, path, printed):
+        self.faults.fail(error, step, kinds=kinds, path=path)
+        launch = self.faults.start(self.instance, check=False)
+        self.disarm()
+        if launch.stderr:
+            self.assertTrue(self.hit)
+            self.assertRegex(launch.stderr, rf"\A{zarvo.DAY}: Critical: [^\n]+\n\Z", self.met)
+            if launch.status == 0:
+                self.assertEqual(launch.wait_daemon_exit(), 1)
+            printed.append(launch.stderr)
+            self.faults.start(self.instance)
+        else:
+            self.instance.pid = int(zarvo.read(self.instance.pid_file))
+            self.instance.port = int(zarvo.read(self.instance.port_file))
+        if "/sessions/" in self.met:
+            # A session whose files cannot be read is passed over, and found by the next server.
+            self.assertEqual(self.instance.stop(), 0)
+            self.faults.start(self.instance)
+        self.assertEqual(self.listed(), {}, self.met)
+        self.assertEqual(self.instance.stop(), 0)
+        return self.hit
+
+    def start(self, error, kinds):
+        """Fails one call after another in the start of a session; returns the refusals, by code."""
+        refusals = {}
+        self.steps(lambda step: self.fail_start(step, error, kinds, refusals))
+        return refusals
+
+    def fail_start(self, step, error, kinds, refusals):
+        session = zarvo.new_id()
+        lines = len(self.instance.log().splitlines())
+        refusal = self.refused_in(error, step, kinds, "Live.Start", session, "xterm", "800x600")
+        if refusal is not None:
+            self.assertTrue(self.hit)
+            self.assertEqual(refusal["message"], REFUSALS[refusal["code"]], self.met)
+            self.assertRegex("\n".join(self.instance.log().splitlines()[lines:]), r": Warning: Failed to ", self.met)
+            refusals[refusal["code"]] = refusal["message"]
+        unknown = []
+        if session not in self.listed():
+            unknown = self.agents(session)
+            for agent in unknown:
+                self.assertEqual(self.instance.seen(session, "pid"), str(agent))
+            self.call("Live.Start", session, "again", "800x600")
+        self.assert_ends(session, but=unknown)
+        return self.hit
+
+    def test_no_descriptor_for_a_start_up(self):
+        path = "" if os.environ.get("ZARVO_LONG") else self.instance.home
+        printed = "".join(self.start_up(errno.EMFILE, faults.DESCRIPTOR, path))
+        for file in ("server_log", "server_pid", "server_key", "server_cert", "server_port"):
+            self.assertRegex(printed, rf'Failed to open the file "\S+/{file}": Too many open files\n')
+
+    def test_no_process_for_a_start_up(self):
+        printed = self.start_up(errno.EAGAIN, faults.PROCESS)
+        self.assertEqual([re.sub(r".*Critical: ", "", line) for line in printed],
+                         ["Failed to become a daemon: Resource temporarily unavailable\n"])
+
+    def test_no_thread_for_a_start_up(self):
+        self.instance.stop()
+        for number in (1, 4):
+            self.faults.fail(errno.EAGAIN, number, kinds=faults.THREAD, last=faults.EVER)
+            launch = self.faults.start(self.instance, check=False)
+            self.assertRegex(launch.stderr, rf"\A{zarvo.DAY}: Critical: Failed to start a thread: "
+                             r"Resource temporarily unavailable\n\Z")
+            self.assertEqual(launch.wait_daemon_exit(), 1)
+        self.disarm()
+        self.faults.start(self.instance)
+        self.assertEqual(self.listed(), {})
+
+    def test_no_descriptor_for_a_start(self):
+        refusals = self.start(errno.EMFILE, faults.DESCRIPTOR)
+        self.assertLessEqual({-32080, -32083, -32084, -32088}, set(refusals))
+
+    def test_no_process_for_a_start(self):
+        self.assertEqual(sorted(self.start(errno.EAGAIN, faults.PROCESS)), [-32084, -32083, -32080])
+
+    def test_requests_need_no_further_thread(self):
+        self.faults.fail(errno.EAGAIN, kinds=faults.THREAD, last=faults.EVER)
+        clients = [self.instance.client(timeout=20) for _ in range(8)]
+        sessions = [zarvo.new_id() for _ in clients]
+        pending = [client.begin("Live.Start", [session, "xterm", "800x600"])
+                   for client, session in zip(clients, sessions)]
+        for client, request in zip(clients, pending):
+            client.finish(request)
+        for session in sessions:
+            self.call("Live.Terminate", session)
+        self.assertEqual(self.listed(), {})
+        self.assertEqual(self.instance.stop(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
