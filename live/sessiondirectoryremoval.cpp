@@ -2,11 +2,16 @@
 #include "live/sessiondirectoryremoval.h"
 
 #include <QDir>
+#include <QFileInfo>
 
 using namespace Qt::StringLiterals;
 
 bool removeSessionDirectory(const QString &path, QString &error)
 {
+    if (QFileInfo(path).isSymLink()) {
+        error = u"Failed to remove the directory \"%1\""_s.arg(path);
+        return false; // what is behind it was not made by us, and may hold anything
+    }
     // Sockets and dangling links are what the filter calls system files; they would keep the directory alive.
     const QDir directory(path, QString(), QDir::Unsorted, QDir::Files | QDir::Hidden | QDir::System);
     const QStringList names = directory.entryList();

@@ -79,6 +79,21 @@ class Directories(zarvo.TestCase):
         self.wait_ids(server, session)
         self.assertIsNotNone(server.viewer(answer["port"], answer["password"]))
 
+    def test_directory_that_is_a_link_is_never_emptied(self):
+        server = self.server()
+        precious = os.path.join(server.home, "precious")
+        os.mkdir(precious)
+        zarvo.write(os.path.join(precious, "letter"), "dear")
+        session = zarvo.new_id()
+        os.symlink(precious, server.directory(session))
+        server.client().call("Live.Start", [session, "xterm", "800x600"])
+        self.wait_ids(server, session)
+        server.client().call("Live.Terminate", [session])
+        self.wait_ids(server)
+        self.assertEqual(zarvo.read(os.path.join(precious, "letter")), "dear")
+        self.assertTrue(os.path.islink(server.directory(session)))
+        self.assertEqual(server.logged("Warning", f'Failed to remove the directory "{server.directory(session)}"'), 1)
+
     def test_link_to_a_session_elsewhere_is_found_again(self):
         server = self.server()
         session, _ = self.start(server)
