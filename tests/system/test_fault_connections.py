@@ -1,0 +1,156 @@
+# SPDX-License-Identifier: MIT
+"""Many connections at once, and storms of strangers. ZARVO_LONG=1 lets the storm last for 30 seconds."""
+import contextlib
+import os
+import random
+import resource
+import socket
+import ssl
+import threading
+import time
+import unittest
+
+import zarvo
+
+CONNECTIONS = 1000
+SECONDS = 30 if os.environ.get("ZARVO_LONG") else 5
+STRANGERS = 6
+
+
+def allow_descriptors(count):
+    """For this process and the servers that it starts."""
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    if soft < count:
+        if hard != resource.RLIM_INFINITY and hard < count:
+            raise unittest.SkipTest(f"only {hard} descriptors are allowed here")
+        resource.setrlimit(resource.RLIMIT_NOFILE, (count, hard))
+
+
+class Stranger(threading.Thread):
+    """Comes again and again, and is never let in."""
+
+    def __init__(self, port, end, seed):
+        super().__init__(daemon=True)
+        self.port, self.end = port, end
+        self.random = random.Random(seed)
+        self.context = zarvo.client_context()
+        self.count = 0
+
+    def run(self):
+        while time.monotonic() < self.end:
+            act = self.random.choice((self.shake, self.shake, self.knock, self.babble, self.break_off))
+            with contextlib.suppress(OSError, EOFError):
+                act()
+            self.count += 1
+
+    def connect(self):
+        return socket.create_connection(("127.0.0.1", self.port), zarvo.DEADLINE)
+
+    def shake(self):
+        with zarvo.Client(self.port, context=self.context) as client:
+            client.wait_closed()
+
+    def knock(self):
+        self.connect().close()
+
+    def babble(self):
+        with self.connect() as raw:
+            raw.sendall(self.random.randbytes(2000))
+            raw.shutdown(socket.SHUT_WR)
+            while raw.recv(4096):
+                pass
+
+    def break_off(self):
+        """Leaves in the middle of the handshake."""
+        with self.connect() as raw:
+            raw.sendall(hello(self.context)[:self.random.randrange(1, 300)])
+
+
+def hello(context):
+    """The first flight of a handshake."""
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    with contextlib.suppress(ssl.SSLWantReadError):
+        context.wrap_bio(incoming, outgoing).do_handshake()
+    return outgoing.read()
+
+
+class Crowds(zarvo.TestCase):
+    def test_thousand_connections_half_of_them_idle(self):
+        allow_descriptors(CONNECTIONS * 2 + 200)
+        server = self.server()
+        before = len(server.descriptors())
+        context = zarvo.client_context(server.certificate, server.key)
+        clients = [server.client(context=context) for _ in range(CONNECTIONS)]
+        busy = clients[::2]
+        slowest = 0
+        for _ in range(3):
+            begin = time.monotonic()
+            pending = [client.begin("Live.GetVersion") for client in busy]
+            for client, request in zip(busy, pending):
+                self.assertEqual(client.finish(request), zarvo.VERSION)
+            slowest = max(slowest, time.monotonic() - begin)
+        session = zarvo.new_id()
+        busy[0].call("Live.Start", [session, "xterm", "800x600"])
+        for client in clients:
+            client.wait_notification(lambda params: session in str(params), "the session")
+        busy[0].call("Live.Terminate", [session])
+        print(f"{CONNECTIONS} connections: {len(busy)} requests at once answered in {slowest:.2f} s, "
+              f"{server.resident() / CONNECTIONS / 1024:.0f} KiB of memory for each")
+        for client in clients:
+            client.close()
+        zarvo.wait_until(lambda: len(server.descriptors()) <= before, "the descriptors to be closed")
+        self.assert_serves(server)
+
+    def test_handshakes_that_stall_anywhere(self):
+        server = self.server()
+        whole = hello(zarvo.client_context())
+        before = len(server.descriptors())
+        stalled = []
+        for length in range(0, len(whole) + 1, 8):
+            raw = socket.create_connection(("127.0.0.1", server.port), zarvo.DEADLINE)
+            self.addCleanup(raw.close)
+            raw.sendall(whole[:length])
+            stalled.append(raw)
+        session = zarvo.new_id()
+        with server.client() as client:
+            client.call("Live.Start", [session, "xterm", "800x600"])
+            client.call("Live.Terminate", [session])
+        self.assertGreaterEqual(len(server.descriptors()), before + len(stalled))
+        for raw in stalled:
+            raw.close()
+        zarvo.wait_until(lambda: len(server.descriptors()) <= before, "the descriptors to be closed")
+
+    def test_storm_of_strangers_while_one_client_works(self):
+        server = self.server({"LogLevel": "Critical"})
+        session = zarvo.new_id()
+        client = server.client()
+        client.call("Live.Start", [session, "xterm", "800x600"])
+        before, memory = len(server.descriptors()), server.resident()
+        end = time.monotonic() + SECONDS
+        strangers = [Stranger(server.port, end, number) for number in range(STRANGERS)]
+        for stranger in strangers:
+            stranger.start()
+        delays = []
+        while time.monotonic() < end:
+            begin = time.monotonic()
+            self.assertEqual([entry["id"] for entry in client.call("Live.ListLocalSessions")], [session])
+            delays.append(time.monotonic() - begin)
+        # A new client gets in as well.
+        self.assert_serves(server)
+        for stranger in strangers:
+            stranger.join(2 * zarvo.DEADLINE)
+            self.assertFalse(stranger.is_alive())
+        count = sum(stranger.count for stranger in strangers)
+        delays.sort()
+        print(f"{count} strangers in {SECONDS} s; meanwhile {len(delays)} requests, the median took "
+              f"{delays[len(delays) // 2] * 1000:.0f} ms, the longest {delays[-1] * 1000:.0f} ms")
+        self.assertGreater(count, 20 * SECONDS)
+        self.assertGreater(len(delays), 2 * SECONDS)
+        zarvo.wait_until(lambda: len(server.descriptors()) <= before, "the descriptors to be closed")
+        self.assertLess(server.resident() - memory, (16 << 20) + server.instrumentation())
+        client.call("Live.Terminate", [session])
+        self.assertEqual(server.stop(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
