@@ -6,6 +6,7 @@ import subprocess
 import unittest
 
 import hosts
+import rfb
 import zarvo
 
 BYTES = 1 << 20
@@ -104,6 +105,33 @@ class SmallDisk(zarvo.TestCase):
         self.assertEqual(server.stop(), 0)
         self.assertEqual(server.logged("Info", "Exiting the server"), 1)
         self.assert_log_is_whole(server)
+
+    def test_bundled_agent_goes_on_when_the_disk_is_full(self):
+        server = self.prepare(agent=False)
+        server.environment["PATH"] = zarvo.LIBEXEC + ":" + server.environment["PATH"]
+        server.install_certificate()
+        server.start()
+        session, answer = self.start(server)
+        agent = int(zarvo.read(os.path.join(server.directory(session), "server_pid")))
+        self.fill(server)
+        client = server.client()
+        for _ in range(2):
+            viewer = rfb.Client("127.0.0.1", answer["port"], answer["password"], timeout=zarvo.DEADLINE)
+            self.addCleanup(viewer.close)
+            zarvo.wait_until(lambda: self.listed(server)[session] == "disconnect|terminate", "the client")
+            client.call("Live.Suspend", [session])
+            viewer.wait_for_close()
+            answer = client.call("Live.Resume", [session])
+        # Whether its exit code finds room is up to the file system; the session ends in any case.
+        try:
+            client.call("Live.Terminate", [session])
+        except zarvo.RpcError as failure:
+            self.assertEqual(failure.error, {"code": -32086, "message": "Failed to read a session file."})
+        zarvo.wait_until(lambda: not zarvo.alive(agent), "the agent's end")
+        self.assertEqual(self.listed(server), {})
+        self.empty()
+        again, _ = self.start(server)
+        client.call("Live.Terminate", [again])
 
     def test_start_of_a_server_on_a_full_disk(self):
         server = self.server()
