@@ -155,6 +155,44 @@ class Crowds(zarvo.TestCase):
         client.call("Live.Terminate", [session])
         self.assertEqual(server.stop(), 0)
 
+    def test_subscribers_that_read_nothing_cost_one_update_each(self):
+        server = self.server()
+        client = server.client()
+        sessions = [zarvo.new_id() for _ in range(10)]
+        for session in sessions:
+            client.call("Live.Start", [session, "x" * 60000, "800x600"])
+        silent = [self.silent_client(server) for _ in range(10)]
+        zarvo.wait_until(lambda: sockets(server) >= 12, "the subscribers")
+        watcher = server.client()
+        memory = server.resident()
+        path = os.path.join(server.records, "C-" + sessions[0], "reply")
+        for number in range(15):
+            date = f"2020-01-02T03:04:{number:02d}"
+            zarvo.write(path + "~", f'{{"Clients":0,"LastConnect":"{date}"}}')
+            os.rename(path + "~", path)
+            watcher.wait_notification(lambda params, date=date: date in str(params), "the change")
+        # 9 MB were due to each of them; the system's buffers hold some of it.
+        growth = server.resident() - memory
+        self.assertLess(growth, (32 << 20) + server.instrumentation())
+        # Once one of them reads, it gets to the newest state.
+        newest = next(iter(silent))
+        buffer = b""
+        while date.encode() not in buffer:
+            data = newest.recv(65536)
+            self.assertTrue(data)
+            buffer = buffer[-100:] + data
+        self.assert_serves(server)
+
+    def silent_client(self, server):
+        """Lets the system keep little of what it does not read."""
+        raw = socket.socket()
+        raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+        raw.settimeout(zarvo.DEADLINE)
+        raw.connect(("127.0.0.1", server.port))
+        connection = zarvo.client_context(server.certificate, server.key).wrap_socket(raw)
+        self.addCleanup(connection.close)
+        return connection
+
 
 if __name__ == "__main__":
     unittest.main()
