@@ -15,8 +15,9 @@
 class AgentProcess final
 {
 public:
-    /** @param script  what it does, for the shell; by default it does nothing for long */
-    explicit AgentProcess(const QString &workingDirectory, const QString &script = QStringLiteral("exec sleep 1000"))
+    /** @param script  what it does, for the shell; by default it does nothing for long, whatever the search path */
+    explicit AgentProcess(const QString &workingDirectory,
+                          const QString &script = QStringLiteral("exec /bin/sleep 1000"))
     {
         process.setWorkingDirectory(workingDirectory);
         process.setStandardOutputFile(QProcess::nullDevice());
