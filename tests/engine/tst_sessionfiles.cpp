@@ -347,6 +347,9 @@ void TestSessionFiles::pipeIsNotWaitedFor()
     qint32 number = 4711;
     QVERIFY(!readNumberFile(pipe, &number, &error));
     QCOMPARE(error, u"Failed to open the file \"%1\": Not a regular file"_s.arg(pipe));
+    error.clear();
+    QVERIFY(!writeNumberFile(pipe, 1, &error));
+    QCOMPARE(error, u"Failed to open the file \"%1\": Not a regular file"_s.arg(pipe));
     QCOMPARE(number, 4711);
 }
 

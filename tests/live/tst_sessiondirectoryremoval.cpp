@@ -36,6 +36,7 @@ private slots:
     void subdirectoryKeepsTheDirectory_data();
     void subdirectoryKeepsTheDirectory();
     void linkToADirectoryIsNotFollowed();
+    void linkInPlaceOfTheDirectoryIsNotFollowed();
     void missingDirectoryIsAFailure();
     void fileThatCannotBeRemovedIsNamed();
     void firstFailureEndsTheRemoval();
@@ -149,6 +150,17 @@ void TestSessionDirectoryRemoval::linkToADirectoryIsNotFollowed()
     QVERIFY(!removeSessionDirectory(directory, error));
     QCOMPARE(error, u"Failed to remove the directory \"%1\""_s.arg(directory));
     QCOMPARE(contentOf(outside + u"/file"_s), QByteArray("content"));
+}
+
+void TestSessionDirectoryRemoval::linkInPlaceOfTheDirectoryIsNotFollowed()
+{
+    putFile(inside(u"letter"_s), "content");
+    const QString link = folder->filePath(u"link"_s);
+    QVERIFY(QFile::link(directory, link));
+    QVERIFY(!removeSessionDirectory(link, error));
+    QCOMPARE(error, u"Failed to remove the directory \"%1\""_s.arg(link));
+    QCOMPARE(contentOf(inside(u"letter"_s)), QByteArray("content"));
+    QVERIFY(QFileInfo(link).isSymLink());
 }
 
 void TestSessionDirectoryRemoval::missingDirectoryIsAFailure()
