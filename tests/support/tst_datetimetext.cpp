@@ -3,6 +3,7 @@
 #include "tests/support/environmentvariable.h"
 #include "tests/testmain.h"
 
+#include <QLocale>
 #include <QTest>
 
 #include <ctime>
@@ -23,6 +24,8 @@ private slots:
     void textOfAnotherFormIsNull_data();
     void textOfAnotherFormIsNull();
     void timeSurvivesTheWayThroughText();
+    void everyTextIsReadAsQtReadsIt_data();
+    void everyTextIsReadAsQtReadsIt();
 
 private:
     std::unique_ptr<EnvironmentVariable> zone;
@@ -114,6 +117,35 @@ void TestDateTimeText::timeSurvivesTheWayThroughText()
     const QDateTime time(QDate(1999, 12, 31), QTime(23, 59, 58));
     QCOMPARE(dateTimeFromText(dateTimeToText(time)), time);
     QVERIFY(dateTimeFromText(dateTimeToText(QDateTime())).isNull());
+}
+
+void TestDateTimeText::everyTextIsReadAsQtReadsIt_data()
+{
+    QTest::addColumn<QString>("text");
+    for (const char *text : {"2026-01-31T11:59:00", "2026-07-31T00:00:00", "1969-12-31T23:59:59", "0001-01-01T00:00:00",
+                             "0000-01-01T00:00:00", "9999-12-31T23:59:59", "2026-03-29T01:59:59", "2026-03-29T02:00:00",
+                             "2026-03-29T02:30:00", "2026-03-29T03:00:00", "2026-10-25T02:30:00", "2026-10-25T03:00:00",
+                             "2026-01-31t11:59:00", "+026-01-31T11:59:00", "-026-01-31T11:59:00", "2026-+1-31T11:59:00",
+                             "2026-01-31T11:59:-1", "2026/01/31T11:59:00", "2026-01-31T11:59:00 "}) {
+        QTest::addRow("%s", text) << QString::fromLatin1(text);
+    }
+    QTest::newRow("digits of another script") << u"\u0662\u0660\u0662\u0666-01-31T11:59:00"_s;
+}
+
+void TestDateTimeText::everyTextIsReadAsQtReadsIt()
+{
+    QFETCH(const QString, text);
+    // With summer time: 2026-03-29 has no hour from two to three, and 2026-10-25 has it twice.
+    const EnvironmentVariable summer("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
+    ::tzset();
+    QDateTime expected = QLocale::c().toDateTime(text, u"yyyy-MM-ddThh:mm:ss"_s);
+    expected.setTimeSpec(Qt::LocalTime);
+    const QDateTime time = dateTimeFromText(text);
+    QCOMPARE(time.isValid(), expected.isValid());
+    if (expected.isValid()) {
+        QCOMPARE(time, expected);
+        QCOMPARE(time.toMSecsSinceEpoch(), expected.toMSecsSinceEpoch());
+    }
 }
 
 ZARVO_TEST(TestDateTimeText)

@@ -109,6 +109,9 @@ void TestJson::whatIsNoJsonIsRefused()
     Json::Value value("untouched");
     QVERIFY(!parseJson(text, &value));
     QVERIFY(value == Json::Value("untouched"));
+    // Nothing of it is left for the next text of this thread.
+    QVERIFY(parseJson("[1]", &value));
+    QCOMPARE(writeJson(value), "[1]\n"_ba);
 }
 
 void TestJson::valuesAreWrittenCompactly_data()
