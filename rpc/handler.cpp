@@ -70,11 +70,9 @@ Handler::Handler(QIODevice *device_, const QMap<QString, RpcMethod *> &methods_,
     , methods(methods_)
 {
     connect(device, &QIODevice::readyRead, this, &Handler::Device_readyRead);
-    // Queued: a TLS socket emits these in the middle of its work, where closing it would take that away from it.
-    connect(device, &QIODevice::bytesWritten, this, &Handler::Device_bytesWritten, Qt::QueuedConnection);
+    connect(device, &QIODevice::bytesWritten, this, &Handler::Device_bytesWritten);
     if (const auto *socket = qobject_cast<ClientSocket *>(device)) {
-        connect(socket, &ClientSocket::encryptedBytesWritten, this, &Handler::Device_bytesWritten,
-                Qt::QueuedConnection);
+        connect(socket, &ClientSocket::encryptedBytesWritten, this, &Handler::Device_bytesWritten);
     }
     connect(watcher, &QFutureWatcherBase::finished, this, &Handler::Watcher_finished);
     delete methods.value(kDescribe);
@@ -131,6 +129,7 @@ void Handler::writeToDevice(QByteArray msg)
         pendingUpdate = msg;
         return;
     }
+    pendingUpdate.clear(); // what waited for the peer is older than this
     device->write(msg);
 }
 
@@ -144,7 +143,7 @@ void Handler::retire()
 
 void Handler::Device_readyRead()
 {
-    if (busy || retired || peerLags() || !isServing(*device)) {
+    if (busy || retired || !isServing(*device) || peerLags()) {
         return;
     }
     QByteArray payload;
@@ -179,18 +178,29 @@ void Handler::Watcher_finished()
 
 void Handler::Device_bytesWritten()
 {
+    if (isHeldUp) {
+        // Later: a TLS socket tells this in the middle of its work, where closing it would take that away from it.
+        QMetaObject::invokeMethod(this, &Handler::goOnAfterLag, Qt::QueuedConnection);
+    }
+}
+
+void Handler::goOnAfterLag()
+{
     if (peerLags()) {
         return;
     }
+    isHeldUp = false;
     if (!pendingUpdate.isEmpty()) {
         device->write(std::exchange(pendingUpdate, QByteArray()));
     }
     Device_readyRead();
 }
 
-bool Handler::peerLags() const
+bool Handler::peerLags()
 {
-    return unsentBytes(*device) > kMaxUnsentBytes;
+    const bool lags = unsentBytes(*device) > kMaxUnsentBytes;
+    isHeldUp = isHeldUp || lags;
+    return lags;
 }
 
 void Handler::startRequest(const QByteArray &payload)

@@ -57,7 +57,9 @@ private slots:
     void Device_bytesWritten();
 
 private:
-    [[nodiscard]] bool peerLags() const;
+    /** Whether the peer has too much to read; if so, goOnAfterLag() follows once it has not. */
+    [[nodiscard]] bool peerLags();
+    void goOnAfterLag();
     void startRequest(const QByteArray &payload);
     [[nodiscard]] Json::Value processBatch(const Json::Value &requests);
     [[nodiscard]] Json::Value handleRequest(const Json::Value &request);
@@ -66,8 +68,9 @@ private:
     QIODevice *device;
     QByteArray buffer; ///< received and not yet taken as a frame
     QFutureWatcher<QByteArray> *watcher;
-    bool retired = false; ///< nothing is taken up any more
-    bool busy = false;    ///< from the start of a request until its answer is written; the future ends earlier
+    bool retired = false;  ///< nothing is taken up any more
+    bool busy = false;     ///< from the start of a request until its answer is written; the future ends earlier
+    bool isHeldUp = false; ///< the peer lagged when it was looked at; goOnAfterLag() is due once it does not
     QMap<QString, RpcMethod *> methods; ///< only read once the first request has started
     QByteArray pendingUpdate;           ///< the newest frame that a lagging peer has still to get
 };

@@ -56,6 +56,7 @@ private slots:
     void laggingPeerIsNotReadFrom();
     void laggingPeerGetsOnlyTheNewestUpdate();
     void peerThatLagsAgainStillGetsTheNewestUpdate();
+    void updateThatWaitedIsNotSentBehindANewerOne();
 
     void handlerHoldsTheIdleTimer();
     void destructionDeletesTheMethods();
@@ -591,6 +592,17 @@ void TestHandler::peerThatLagsAgainStillGetsTheNewestUpdate()
     device->resume();
     QTRY_COMPARE_WITH_TIMEOUT(device->writes().size(), 4, kPatienceMs);
     QCOMPARE(device->writes().last(), "newest"_ba);
+}
+
+void TestHandler::updateThatWaitedIsNotSentBehindANewerOne()
+{
+    device->stall();
+    handler->writeToDevice(QByteArray(kMaxUnsent + 1, 'x'));
+    handler->writeToDevice("old"_ba);
+    device->resume();
+    handler->writeToDevice("new"_ba); // before the handler has looked at what waits
+    deliverEvents();
+    QCOMPARE(device->writes().last(), "new"_ba);
 }
 
 void TestHandler::handlerHoldsTheIdleTimer()
