@@ -151,7 +151,7 @@ void Handler::Device_readyRead()
     int outcome = decodeNetString(buffer, payload, error);
     // Only what is needed for one more frame is taken from the device; the rest waits there, where it is bounded.
     if (outcome == 1 && device->bytesAvailable() > 0) {
-        buffer += device->readAll();
+        buffer += device->read(device->bytesAvailable()); // readAll() would set aside 32 kB
         outcome = decodeNetString(buffer, payload, error);
     }
     if (outcome == 0) {
