@@ -1,8 +1,10 @@
 # SPDX-License-Identifier: MIT
 """What the benchmarks share: a server of their own with the bundled agent, from the tests' library."""
+import json
 import os
 import re
 import statistics
+import subprocess
 import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "system"))
@@ -11,6 +13,8 @@ if len(sys.argv) < 2:
 os.environ["ZARVO_BUILD_DIR"] = os.path.abspath(sys.argv[1])
 
 import zarvo  # noqa: E402  (needs the two lines above)
+
+PROGRAMS = os.path.join(zarvo.BUILD, "bench")
 
 
 def server(**settings):
@@ -27,3 +31,10 @@ def milliseconds(seconds):
 
 def resident_mib(pid):
     return int(re.search(r"VmRSS:\s+(\d+) kB", zarvo.read(f"/proc/{pid}/status")).group(1)) / 1024
+
+
+def program(name, *arguments, **how):
+    """What a benchmark program prints, which is JSON."""
+    result = subprocess.run([os.path.join(PROGRAMS, name), *map(str, arguments)], stdout=subprocess.PIPE, check=True,
+                            timeout=600, **how)
+    return json.loads(result.stdout)

@@ -1,0 +1,99 @@
+# SPDX-License-Identifier: MIT
+"""The service under load, beside the least that a TLS server can do and beside nginx with the same bytes."""
+import contextlib
+import os
+import shutil
+import socket
+import subprocess
+
+import common
+import zarvo
+from common import PROGRAMS, program
+
+SECONDS = 3
+ROUNDS = 3  # of which the middle one counts
+
+REQUEST = zarvo.frame('{"jsonrpc":"2.0","id":1,"method":"Live.GetVersion"}').decode()
+ANSWER = zarvo.frame('{"id":1,"jsonrpc":"2.0","result":"%s"}\n' % zarvo.VERSION).decode()
+HTTP_REQUEST = "GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"
+
+# One process, as the others, and the same certificates; what it asks of its clients is what the server asks of its own.
+NGINX = """
+daemon off; master_process off; pid nginx.pid; error_log stderr error;
+events { worker_connections 1024; }
+http {
+    access_log off; keepalive_requests 1000000000; ssl_session_tickets off;
+    client_body_temp_path t; proxy_temp_path t; fastcgi_temp_path t; uwsgi_temp_path t; scgi_temp_path t;
+    server {
+        listen 127.0.0.1:%d ssl; ssl_certificate %s; ssl_certificate_key %s; ssl_verify_client optional_no_ca;
+        location / { default_type application/json; return 200 '%s'; }
+    }
+}
+"""
+
+
+def run(port, server, connections, kind, request="", seconds=SECONDS):
+    return program("load_client", port, server.certificate, server.key, connections, seconds, kind, request)
+
+
+@contextlib.contextmanager
+def echo(server):
+    process = subprocess.Popen([os.path.join(PROGRAMS, "echo_server"), server.certificate, server.key],
+                               stdout=subprocess.PIPE)
+    try:
+        yield int(process.stdout.readline())
+    finally:
+        process.kill()
+        process.wait()
+        process.stdout.close()
+
+
+@contextlib.contextmanager
+def nginx(server):
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        port = probe.getsockname()[1]
+    folder = os.path.join(server.top, "nginx")
+    os.mkdir(folder)
+    zarvo.write(os.path.join(folder, "nginx.conf"), NGINX % (port, server.certificate, server.key, ANSWER))
+    process = subprocess.Popen([shutil.which("nginx"), "-p", folder, "-c", "nginx.conf"], stderr=subprocess.DEVNULL)
+
+    def listens():
+        with contextlib.suppress(OSError):
+            socket.create_connection(("127.0.0.1", port)).close()
+            return True
+    try:
+        zarvo.wait_until(listens, "nginx")
+        yield port
+    finally:
+        process.kill()
+        process.wait()
+
+
+def measure(figures):
+    server = common.server()
+    try:
+        with contextlib.ExitStack() as stack:
+            peers = {"zarvo_server": (server.port, "frames", REQUEST),
+                     "epoll + OpenSSL, one thread": (stack.enter_context(echo(server)), "frames", REQUEST)}
+            if shutil.which("nginx"):
+                peers["nginx, one process"] = (stack.enter_context(nginx(server)), "http", HTTP_REQUEST)
+            for connections, aim in ((1, 6400), (16, 36000)):
+                compare(figures, server, peers, f"Live.GetVersion, {connections} connection{'s'[:connections - 1]}",
+                        connections, aim)
+            handshakes = {name: (port, "handshakes", "") for name, (port, *_) in peers.items()}
+            compare(figures, server, handshakes, "Full handshakes, 16 at a time", 16, 490)
+    finally:
+        server.close()
+
+
+def compare(figures, server, peers, group, connections, aim):
+    results = {name: [] for name in peers}
+    for _ in range(ROUNDS):  # in turn, so that what disturbs the machine disturbs all
+        for name, peer in peers.items():
+            results[name].append(run(peer[0], server, connections, *peer[1:]))
+    for name, rounds in results.items():
+        middle = sorted(rounds, key=lambda item: item["per_second"])[len(rounds) // 2]
+        figures.add(group, name, round(middle["per_second"]), "per second", aim if name == "zarvo_server" else None,
+                    p50_us=round(middle["p50_us"]), p99_us=round(middle["p99_us"]),
+                    worst_round=round(min(item["per_second"] for item in rounds)))
