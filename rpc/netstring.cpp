@@ -31,7 +31,10 @@ bool parseLength(const QByteArray &prefix, qsizetype *length)
 
 QByteArray encodeNetString(const QByteArray &payload)
 {
-    return QByteArray::number(payload.size()) + ':' + payload + ',';
+    const QByteArray length = QByteArray::number(payload.size());
+    QByteArray frame;
+    frame.reserve(length.size() + payload.size() + 2);
+    return frame.append(length).append(':').append(payload).append(',');
 }
 
 int decodeNetString(QByteArray &buffer, QByteArray &payload, QString &error)
