@@ -90,6 +90,7 @@ int main(int argc, char **argv)
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::signal(SIGPIPE, SIG_IGN);
     const tls::Context context = tls::makeContext(TLS_server_method(), argv[1], argv[2]);
+    SSL_CTX_set_num_tickets(context.get(), 0); // the server offers none either
     const int listener = listenOnLoopback();
     const int poll = ::epoll_create1(EPOLL_CLOEXEC);
     watch(poll, listener, nullptr);
