@@ -66,7 +66,7 @@ bool isValidRequest(const Json::Value &request)
 Handler::Handler(QIODevice *device_, const QMap<QString, RpcMethod *> &methods_, QObject *parent)
     : QObject(parent)
     , device(device_)
-    , watcher(new QFutureWatcher<QByteArray>(this))
+    , watcher(new QFutureWatcher<void>(this))
     , methods(methods_)
 {
     connect(device, &QIODevice::readyRead, this, &Handler::Device_readyRead);
@@ -169,10 +169,10 @@ void Handler::Watcher_finished()
         device->deleteLater();
         return;
     }
-    const QByteArray answer = watcher->result();
     if (!answer.isEmpty() && isServing(*device)) {
         device->write(answer);
     }
+    answer.clear();
     Device_readyRead();
 }
 
@@ -206,7 +206,7 @@ bool Handler::peerLags()
 void Handler::startRequest(const QByteArray &payload)
 {
     busy = true;
-    watcher->setFuture(QtConcurrent::run([this, payload] { return processMessage(payload); }));
+    watcher->setFuture(QtConcurrent::run([this, payload] { answer = processMessage(payload); }));
 }
 
 Json::Value Handler::processBatch(const Json::Value &requests)

@@ -66,11 +66,12 @@ private:
     [[nodiscard]] static Json::Value makeErrorResponse(const Json::Value &error, const Json::Value &id);
 
     QIODevice *device;
-    QByteArray buffer; ///< received and not yet taken as a frame
-    QFutureWatcher<QByteArray> *watcher;
-    bool retired = false;  ///< nothing is taken up any more
-    bool busy = false;     ///< from the start of a request until its answer is written; the future ends earlier
-    bool isHeldUp = false; ///< the peer lagged when it was looked at; goOnAfterLag() is due once it does not
+    QByteArray buffer;             ///< received and not yet taken as a frame
+    QFutureWatcher<void> *watcher; ///< of the request; a future with a result would wake the main thread twice
+    QByteArray answer;             ///< the request's; written by its thread while it runs
+    bool retired = false;          ///< nothing is taken up any more
+    bool busy = false;             ///< from the start of a request until its answer is written; the future ends earlier
+    bool isHeldUp = false;         ///< the peer lagged when it was looked at; goOnAfterLag() is due once it does not
     QMap<QString, RpcMethod *> methods; ///< only read once the first request has started
     QByteArray pendingUpdate;           ///< the newest frame that a lagging peer has still to get
 };
