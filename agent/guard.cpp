@@ -51,7 +51,7 @@ void holdSignals()
         ::signal(number, SIG_DFL);
     }
     const sigset_t set = guardedSignals();
-    ::sigprocmask(SIG_SETMASK, &set, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &set, nullptr);
 }
 
 AgentHoldings lastHoldings(int link)

@@ -47,7 +47,7 @@ void catchSignals(int writeEnd)
     ::signal(SIGPIPE, SIG_IGN);
     sigset_t none;
     ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 // Everything that a session owns is gone when this returns.

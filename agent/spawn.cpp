@@ -41,7 +41,7 @@ void resetSignals()
     }
     sigset_t none;
     ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
 void arrangeDescriptors(const SpawnRequest &request)

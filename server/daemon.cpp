@@ -82,7 +82,7 @@ void resetSignals()
 {
     sigset_t none;
     ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
     for (int number = 1; number <= SIGRTMAX; ++number) {

@@ -6,50 +6,14 @@ import signal
 import socket
 import unittest
 
+import bundled
 import rfb
 import zarvo
 
 BLUE, GREEN = bytes((0x20, 0x40, 0x80)), bytes((0x10, 0xA0, 0x30))
-XTERM = "xterm -bg '#204080' -fg white -geometry 60x20+10+10"
 
 
-class EndToEnd(zarvo.TestCase):
-    def setUp(self):
-        self.use_server()
-
-    def use_server(self, **surroundings):
-        self.instance = self.prepare(agent=False, **surroundings)
-        self.instance.environment["PATH"] = zarvo.LIBEXEC + ":" + self.instance.environment["PATH"]
-        self.instance.start()
-        self.client = self.instance.client()
-
-    def start(self, command=XTERM, geometry="640x480"):
-        session = zarvo.new_id()
-        return session, self.client.call("Live.Start", [session, command, geometry])
-
-    def connect(self, answer):
-        viewer = rfb.Client("127.0.0.1", answer["port"], answer["password"], timeout=zarvo.DEADLINE)
-        self.addCleanup(viewer.close)
-        return viewer
-
-    def wait_permissions(self, session, expected):
-        def permissions():
-            return {entry["id"]: entry["permissions"] for entry in self.client.local_sessions()}
-        zarvo.wait_until(lambda: permissions().get(session) == expected, f"the permissions {expected}")
-
-    def others(self):
-        """Every process of this server's user but the server itself."""
-        found = {}
-        for entry in os.listdir("/proc"):
-            if entry.isdigit() and int(entry) != self.instance.pid:
-                try:
-                    with open(f"/proc/{entry}/environ", "rb") as environment:
-                        if b"HOME=" + self.instance.home.encode() in environment.read().split(b"\0"):
-                            found[int(entry)] = zarvo.read(f"/proc/{entry}/cmdline").replace("\0", " ")
-                except OSError:
-                    pass
-        return {pid: command for pid, command in found.items() if "keeper.py" not in command}
-
+class EndToEnd(bundled.BundledAgentTestCase):
     def assert_all_gone(self, session, port):
         display = port - 41000
         self.assertFalse(os.path.exists(self.instance.directory(session)))
@@ -158,7 +122,7 @@ class EndToEnd(zarvo.TestCase):
     def test_id_that_is_started_again_gets_a_session_of_its_own(self):
         session, first = self.start()
         before = self.connect(first)
-        again = self.client.call("Live.Start", [session, XTERM, "320x240"])
+        again = self.client.call("Live.Start", [session, bundled.XTERM, "320x240"])
         self.assertNotEqual(again["port"], first["port"])
         viewer = self.connect(again)
         self.assertEqual((viewer.width, viewer.height), (320, 240))
@@ -166,7 +130,7 @@ class EndToEnd(zarvo.TestCase):
         self.client.call("Live.Terminate", [session])
 
     def test_three_sessions_side_by_side(self):
-        started = [self.start(XTERM, size) for size in ("320x240", "640x480", "800x600")]
+        started = [self.start(bundled.XTERM, size) for size in ("320x240", "640x480", "800x600")]
         self.assertEqual(len({answer["port"] for _, answer in started}), 3)
         for (session, answer), size in zip(started, ((320, 240), (640, 480), (800, 600))):
             viewer = self.connect(answer)
@@ -181,7 +145,7 @@ class EndToEnd(zarvo.TestCase):
             with self.subTest(geometry=geometry):
                 session = zarvo.new_id()
                 self.assert_fails(-32099, "An unknown error occurred.", self.client.call, "Live.Start",
-                                  [session, XTERM, geometry])
+                                  [session, bundled.XTERM, geometry])
                 zarvo.wait_until(lambda: self.client.local_sessions() == [], "the session to go")
                 self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "2")
         zarvo.wait_until(lambda: self.others() == {}, "the agents to end")

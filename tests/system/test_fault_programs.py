@@ -6,7 +6,7 @@ import subprocess
 import sys
 import unittest
 
-import test_end_to_end
+import bundled
 import zarvo
 
 # A viewer in a process of its own, which looks at the session until it is killed.
@@ -18,13 +18,7 @@ sys.stdin.read()
 """
 
 
-class Programs(zarvo.TestCase):
-    setUp = test_end_to_end.EndToEnd.setUp
-    start = test_end_to_end.EndToEnd.start
-    connect = test_end_to_end.EndToEnd.connect
-    wait_permissions = test_end_to_end.EndToEnd.wait_permissions
-    others = test_end_to_end.EndToEnd.others
-
+class Programs(bundled.BundledAgentTestCase):
     def find(self, program, session):
         """The process of the session that runs this program."""
         directory = os.path.realpath(self.instance.directory(session))

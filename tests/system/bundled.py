@@ -1,0 +1,48 @@
+# SPDX-License-Identifier: MIT
+"""What the tests of the server with the bundled agent share."""
+import os
+
+import rfb
+import zarvo
+
+XTERM = "xterm -bg '#204080' -fg white -geometry 60x20+10+10"
+
+
+class BundledAgentTestCase(zarvo.TestCase):
+    """A server whose sessions are those of the bundled agent, and a client of it."""
+
+    def setUp(self):
+        self.use_server()
+
+    def use_server(self, **surroundings):
+        self.instance = self.prepare(agent=False, **surroundings)
+        self.instance.environment["PATH"] = zarvo.LIBEXEC + ":" + self.instance.environment["PATH"]
+        self.instance.start()
+        self.client = self.instance.client()
+
+    def start(self, command=XTERM, geometry="640x480"):
+        session = zarvo.new_id()
+        return session, self.client.call("Live.Start", [session, command, geometry])
+
+    def connect(self, answer):
+        viewer = rfb.Client("127.0.0.1", answer["port"], answer["password"], timeout=zarvo.DEADLINE)
+        self.addCleanup(viewer.close)
+        return viewer
+
+    def wait_permissions(self, session, expected):
+        def permissions():
+            return {entry["id"]: entry["permissions"] for entry in self.client.local_sessions()}
+        zarvo.wait_until(lambda: permissions().get(session) == expected, f"the permissions {expected}")
+
+    def others(self):
+        """Every process of this server's user but the server itself."""
+        found = {}
+        for entry in os.listdir("/proc"):
+            if entry.isdigit() and int(entry) != self.instance.pid:
+                try:
+                    with open(f"/proc/{entry}/environ", "rb") as environment:
+                        if b"HOME=" + self.instance.home.encode() in environment.read().split(b"\0"):
+                            found[int(entry)] = zarvo.read(f"/proc/{entry}/cmdline").replace("\0", " ")
+                except OSError:
+                    pass
+        return {pid: command for pid, command in found.items() if "keeper.py" not in command}
