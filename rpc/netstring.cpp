@@ -18,7 +18,8 @@ bool parseLength(const QByteArray &prefix, qsizetype *length)
     const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
     bool isNumber = false;
     const unsigned long value = prefix.toULong(&isNumber, 10);
-    // The conversion itself takes a sign, and blanks and NUL characters behind the digits.
+    // The conversion itself takes a sign, and blanks and NUL characters behind the digits. Blanks before them may
+    // stand.
     const bool endsInDigit = !prefix.isEmpty() && isDigit(prefix.back()) && !prefix.contains('\0');
     if (!isNumber || !endsInDigit || prefix.contains('+') || prefix.contains('-') || value > kMaxFrameBytes) {
         return false;

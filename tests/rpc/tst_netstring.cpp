@@ -89,6 +89,8 @@ void TestNetString::frameIsTakenOffTheFront_data()
     QTest::newRow("leading zeros") << "000012:abcdefghijkl,"_ba
                                    << "abcdefghijkl"_ba << QByteArray("");
     QTest::newRow("zeros alone") << "00:,x"_ba << QByteArray("") << "x"_ba;
+    QTest::newRow("blanks before the length") << " \t\n\v\f\r5:hello,"_ba
+                                              << "hello"_ba << QByteArray("");
     QTest::newRow("65535 bytes") << frame("65535", 65535) << fill(65535) << QByteArray("");
     QTest::newRow("65536 bytes") << frame("65536", 65536) << fill(65536) << QByteArray("");
     QTest::newRow("65536 bytes and more behind")
@@ -162,6 +164,12 @@ void TestNetString::whatIsNoFrameIsRefused_data()
     QTest::newRow("minus zero") << "-0:,"_ba << kBadLength;
     QTest::newRow("plus") << "+5:hello,"_ba << kBadLength;
     QTest::newRow("fraction") << "5.0:hello,"_ba << kBadLength;
+    QTest::newRow("blank behind") << "5 :hello,"_ba << kBadLength;
+    QTest::newRow("blank in between") << "1 1:hello world,"_ba << kBadLength;
+    QTest::newRow("blanks alone") << "  :"_ba << kBadLength;
+    QTest::newRow("blank and plus") << " +5:hello,"_ba << kBadLength;
+    QTest::newRow("NUL behind") << QByteArray("5\0:hello,", 9) << kBadLength;
+    QTest::newRow("NUL before") << QByteArray("\0005:hello,", 9) << kBadLength;
     QTest::newRow("other byte for the comma") << "3:abcX"_ba << kNoComma;
     QTest::newRow("colon for the comma") << "3:abc:"_ba << kNoComma;
     QTest::newRow("no comma before the next frame") << "5:hello5:world,"_ba << kNoComma;
