@@ -7,6 +7,8 @@
 
 #include <json/reader.h>
 
+#include <QStringDecoder>
+
 #include <memory>
 #include <optional>
 #include <vector>
@@ -96,6 +98,13 @@ QByteArray payloadOf(const QByteArray &frame)
     return payload;
 }
 
+bool isUtf8(const QByteArray &text)
+{
+    QStringDecoder decoder(QStringDecoder::Utf8);
+    const QString decoded = decoder.decode(text);
+    return !decoder.hasError() && decoded.toUtf8().size() == text.size();
+}
+
 } // namespace
 
 bool isAnswered(const QByteArray &request)
@@ -114,6 +123,7 @@ void checkAnswer(const QByteArray &request, const QByteArray &answer)
         return;
     }
     const QByteArray text = payloadOf(answer);
+    FUZZ_CHECK(isUtf8(text) || !isUtf8(request)); // an "id" comes back as it came
     FUZZ_CHECK(text.endsWith('\n') && text.count('\n') == 1);
     const Json::Value parsed = parsedStrictly(text);
     if (!root.isArray()) {

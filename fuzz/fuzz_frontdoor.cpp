@@ -165,17 +165,17 @@ private:
         if (!clientSocket.isOpen() || toSay.isEmpty()) {
             return false;
         }
-        // The right response comes as one piece, once the challenge is there.
-        const qsizetype token = toSay.indexOf(kRightResponse);
-        if (token == 0) {
+        // The right response comes once the challenge is there, in one piece with what follows.
+        QByteArray response;
+        if (toSay.startsWith(kRightResponse)) {
             toSay.remove(0, kRightResponse.size());
-            say(door.rightResponse(challenge()).leftJustified(kVncChallengeBytes, '\0'));
-            return true;
+            response = door.rightResponse(challenge()).leftJustified(kVncChallengeBytes, '\0');
         }
-        QByteArray next = toSay.left(token < 0 ? toSay.size() : token);
-        const qsizetype before = next.size();
-        say(takePiece(&next, &dice));
-        toSay.remove(0, before - next.size());
+        const qsizetype token = toSay.indexOf(kRightResponse);
+        QByteArray next = token < 0 ? toSay : toSay.first(token);
+        const QByteArray piece = takePiece(&next, &dice);
+        toSay.remove(0, piece.size());
+        say(response + piece);
         return true;
     }
 

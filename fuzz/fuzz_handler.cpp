@@ -1,125 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "fuzz/answercheck.h"
 #include "fuzz/dice.h"
-#include "fuzz/fakeagents.h"
+#include "fuzz/fuzzedconnection.h"
 #include "fuzz/target.h"
-#include "live/getversionmethod.h"
-#include "live/listlocalsessionsmethod.h"
-#include "live/listsessionsmethod.h"
-#include "live/replaymethod.h"
-#include "live/resumemethod.h"
-#include "live/sessionstore.h"
-#include "live/startmethod.h"
-#include "live/suspendmethod.h"
-#include "live/terminatemethod.h"
-#include "rpc/handler.h"
 #include "rpc/netstring.h"
 #include "server/idletimer.h"
-#include "tests/rpc/fakedevice.h"
-
-#include <QCoreApplication>
-#include <QDir>
-#include <QFutureWatcher>
-#include <QTemporaryDir>
-
-#include <functional>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-const QByteArray kUpdate = "36:{\"method\":\"UpdateSessions\",\"params\":},";
-
-/** "Tick": what the server does by itself now and then, at a moment that the input decides about. */
-class TickMethod final : public LiveMethod
-{
-public:
-    using LiveMethod::LiveMethod;
-
-    bool execute(const Json::Value &, Json::Value &result) override
-    {
-        FakeAgents::instance().viewersCome();
-        QList<SessionInfo> sessions;
-        store->refreshAll(sessions);
-        result = sessionListToJson(sessions);
-        return true;
-    }
-    [[nodiscard]] Json::Value describe() const override { return {}; }
-};
-
-QMap<QString, RpcMethod *> allMethods(SessionStore *store)
-{
-    return {
-        {u"Live.GetVersion"_s, new GetVersionMethod(store)},
-        {u"Live.ListSessions"_s, new ListSessionsMethod(store)},
-        {u"Live.ListLocalSessions"_s, new ListLocalSessionsMethod(store)},
-        {u"Live.Start"_s, new StartMethod(store)},
-        {u"Live.Resume"_s, new ResumeMethod(store)},
-        {u"Live.Replay"_s, new ReplayMethod(store)},
-        {u"Live.Suspend"_s, new SuspendMethod(store)},
-        {u"Live.Terminate"_s, new TerminateMethod(store)},
-        {u"Tick"_s, new TickMethod(store)},
-    };
-}
-
-/** The sessions directory, empty again with every new object. */
-class SessionsDirectory final
-{
-public:
-    SessionsDirectory() { FUZZ_CHECK(QDir().mkpath(path())); }
-    ~SessionsDirectory() { QDir(path()).removeRecursively(); }
-    Q_DISABLE_COPY_MOVE(SessionsDirectory)
-
-    [[nodiscard]] static QString path()
-    {
-        static const QTemporaryDir *const folder = new QTemporaryDir;
-        return folder->filePath(u"sessions"_s);
-    }
-};
-
-/** One connection to a server of its own. */
-class Connection final
-{
-public:
-    Connection()
-        : store(SessionsDirectory::path(), FakeAgents::kFirstDisplay, FakeAgents::kEndDisplay, u"ssh://alice@a"_s)
-        , handler(&device, allMethods(&store), nullptr)
-        , watcher(static_cast<QFutureWatcher<QByteArray> *>(handler.findChild<QFutureWatcherBase *>()))
-    {
-        // The handler has heard of it before us, and may be busy again by now.
-        QObject::connect(watcher, &QFutureWatcherBase::finished, watcher, [this] { ++finishedRequests; });
-    }
-    Q_DISABLE_COPY_MOVE(Connection)
-
-    void feed(const QByteArray &bytes) { device.feed(bytes); }
-    void update() { handler.writeToDevice(kUpdate); }
-    /** Until nothing more happens without more bytes from the peer. */
-    void finish()
-    {
-        int before = 0;
-        do {
-            before = finishedRequests;
-            watcher->waitForFinished();
-            QCoreApplication::sendPostedEvents();
-        } while (finishedRequests != before);
-    }
-    [[nodiscard]] bool isOpen() const { return device.isOpen(); }
-    [[nodiscard]] QByteArrayList answers() const
-    {
-        QByteArrayList answers = device.writes();
-        answers.removeAll(kUpdate);
-        return answers;
-    }
-
-private:
-    SessionsDirectory directory;
-    FakeAgents agents;
-    SessionStore store;
-    FakeDevice device;
-    Handler handler;
-    QFutureWatcher<QByteArray> *watcher;
-    int finishedRequests = 0;
-};
+/** News of this size are all that the server keeps for a peer that does not read. */
+constexpr qsizetype kMoreThanMayWait = 1024 * 1024 + 1;
 
 struct Outcome
 {
@@ -127,39 +19,91 @@ struct Outcome
     bool isOpen = true;
 };
 
-Outcome play(const std::function<void(Connection *)> &peer)
+void checkNothingIsHeld()
 {
-    Outcome outcome;
-    {
-        Connection connection;
-        peer(&connection);
-        connection.finish();
-        outcome = {connection.answers(), connection.isOpen()};
-    }
     FUZZ_CHECK(TEST_heldConnections() == 0 && TEST_heldSessions() == 0);
-    return outcome;
 }
 
 Outcome playWhole(const QByteArray &stream)
 {
-    return play([&stream](Connection *connection) { connection->feed(stream); });
+    Outcome outcome;
+    {
+        FuzzedConnection connection;
+        connection.feed(stream);
+        connection.finish();
+        outcome = {connection.answers(), connection.isOpen()};
+    }
+    checkNothingIsHeld();
+    return outcome;
+}
+
+/** Something that happens between two pieces. */
+void interfere(FuzzedConnection *connection, Dice *dice)
+{
+    switch (dice->roll(16)) {
+    case 0:
+    case 1:
+    case 2:
+    case 3:
+        connection->finish();
+        break;
+    case 4:
+    case 5:
+        connection->update(1);
+        break;
+    case 6:
+        connection->stall();
+        break;
+    case 7:
+        connection->resume();
+        break;
+    case 8:
+        connection->update(dice->roll(8) == 0 ? kMoreThanMayWait : 1);
+        break;
+    default:
+        break;
+    }
 }
 
 Outcome playInPieces(const QByteArray &stream)
 {
-    return play([&stream](Connection *connection) {
+    Outcome outcome;
+    {
+        FuzzedConnection connection;
         QByteArray rest = stream;
         Dice dice(stream);
         while (!rest.isEmpty()) {
-            connection->feed(takePiece(&rest, &dice));
-            if (dice.roll(4) == 0) {
-                connection->finish();
-            }
-            if (dice.roll(8) == 0) {
-                connection->update();
-            }
+            connection.feed(takePiece(&rest, &dice));
+            interfere(&connection, &dice);
         }
-    });
+        connection.resume();
+        connection.finish();
+        FUZZ_CHECK(!connection.isOpen() || connection.hasLastUpdate());
+        outcome = {connection.answers(), connection.isOpen()};
+    }
+    checkNothingIsHeld();
+    return outcome;
+}
+
+/** The peer goes somewhere in the middle, with a request under way or not. */
+void playAndLeave(const QByteArray &stream)
+{
+    {
+        FuzzedConnection connection;
+        QByteArray rest = stream;
+        Dice dice(stream);
+        do {
+            connection.feed(takePiece(&rest, &dice));
+            interfere(&connection, &dice);
+        } while (!rest.isEmpty() && dice.roll(8) != 0);
+        // Without the first the server itself ends, in the middle of whatever it is doing.
+        if (dice.roll(2) == 0) {
+            connection.leave();
+            connection.finish();
+            FUZZ_CHECK(connection.isLeft());
+        }
+    }
+    checkNothingIsHeld();
 }
 
 /** Whether what is no frame, or is one with zeros before its length, depends on how it arrives. */
@@ -216,6 +160,7 @@ void fuzzHandler(const QByteArray &input)
     } else {
         FUZZ_CHECK(pieces.answers == whole.answers.first(pieces.answers.size()));
     }
+    playAndLeave(stream);
 }
 
 } // namespace

@@ -95,31 +95,33 @@ void checkRecord(const Session &session)
     checkNumberFile(session.monitorPid);
 }
 
-void checkRefresh(Session session)
+/** @return whether the registry has to know it */
+bool checkRefresh(Session *session)
 {
-    const int code = refreshSession(&session);
+    const int code = refreshSession(session);
     FUZZ_CHECK(code == SessionOk || code == ReadFailed);
-    FUZZ_CHECK(session.broken == (code != SessionOk));
+    FUZZ_CHECK(session->broken == (code != SessionOk));
     // Only whoever works in the directory is its agent, whatever number the file names.
-    FUZZ_CHECK(session.exited || session.monitorPid == SessionsDirectory::agent().id());
-    FUZZ_CHECK(session.exited || code == SessionOk);
+    FUZZ_CHECK(session->exited == (session->monitorPid != SessionsDirectory::agent().id()));
+    FUZZ_CHECK(session->exited || code == SessionOk);
     // There is nobody who could be signalled: kill() is replaced at link time, and finds no process.
-    const int outcome = signalSession(session, SIGTERM);
+    const int outcome = signalSession(*session, SIGTERM);
     FUZZ_CHECK(outcome == ReadFailed || outcome == UnknownError);
+    return code == SessionOk;
 }
 
-/** The registry lists what can be read, and is done with what has ended. */
-void checkStore(bool isLoaded)
+/** The registry finds what can be read, and is done with what has ended. */
+void checkStore(bool isUsable, bool isAlive)
 {
     {
         SessionStore store(SessionsDirectory::path(), 0, 0, QString());
-        FUZZ_CHECK(isLoaded || store.sessionIds().isEmpty());
+        FUZZ_CHECK(store.sessionIds() == (isUsable ? QStringList{kId} : QStringList()));
         QList<SessionInfo> sessions;
         FUZZ_CHECK(store.listSessions(sessions) == SessionOk);
         FUZZ_CHECK(sessions.size() == TEST_heldSessions());
         store.refreshAll(sessions);
-        FUZZ_CHECK(sessions.size() == TEST_heldSessions() && sessions.size() <= 1);
-        FUZZ_CHECK(sessions.isEmpty() || sessions[0].id == kId);
+        FUZZ_CHECK(sessions.size() == (isAlive ? 1 : 0) && sessions.size() == TEST_heldSessions());
+        FUZZ_CHECK(!isAlive || sessions[0].id == kId);
         store.suspendIdle(0);
     }
     FUZZ_CHECK(TEST_heldSessions() == 0);
@@ -133,13 +135,12 @@ void fuzzSessionFiles(const QByteArray &input)
     const int code = loadSession(&session, SessionsDirectory::session());
     FUZZ_CHECK(code == SessionOk || code == ReadFailed);
     FUZZ_CHECK(session.directory.isEmpty() == (code != SessionOk));
-    // Where another session of this machine has its socket, it is left alone.
-    if (code == SessionOk && !QFile::exists(agentSocketPath(session.display))) {
+    if (code != SessionOk) {
+        checkStore(false, false);
+    } else if (!QFile::exists(agentSocketPath(session.display))) { // else it is that of a session of this machine
         checkRecord(session);
-        checkRefresh(session);
-        checkStore(true);
-    } else if (code != SessionOk) {
-        checkStore(false);
+        const bool isUsable = checkRefresh(&session);
+        checkStore(isUsable, isUsable && !session.exited);
     }
     SessionsDirectory::agent().leave();
 }

@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: MIT
+#include "fuzz/fuzzedconnection.h"
+
+#include "fuzz/target.h"
+#include "live/getversionmethod.h"
+#include "live/listlocalsessionsmethod.h"
+#include "live/listsessionsmethod.h"
+#include "live/replaymethod.h"
+#include "live/resumemethod.h"
+#include "live/startmethod.h"
+#include "live/suspendmethod.h"
+#include "live/terminatemethod.h"
+#include "rpc/handler.h"
+#include "rpc/netstring.h"
+#include "tests/rpc/fakedevice.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+class TickMethod final : public LiveMethod
+{
+public:
+    using LiveMethod::LiveMethod;
+
+    bool execute(const Json::Value &, Json::Value &result) override
+    {
+        FakeAgents::instance().viewersCome();
+        QList<SessionInfo> sessions;
+        store->refreshAll(sessions);
+        result = sessionListToJson(sessions);
+        return true;
+    }
+    [[nodiscard]] Json::Value describe() const override { return {}; }
+};
+
+class IdleMethod final : public LiveMethod
+{
+public:
+    using LiveMethod::LiveMethod;
+
+    bool execute(const Json::Value &, Json::Value &) override
+    {
+        store->suspendIdle(0);
+        return true;
+    }
+    [[nodiscard]] Json::Value describe() const override { return {}; }
+};
+
+QMap<QString, RpcMethod *> allMethods(SessionStore *store)
+{
+    return {
+        {u"Live.GetVersion"_s, new GetVersionMethod(store)},
+        {u"Live.ListSessions"_s, new ListSessionsMethod(store)},
+        {u"Live.ListLocalSessions"_s, new ListLocalSessionsMethod(store)},
+        {u"Live.Start"_s, new StartMethod(store)},
+        {u"Live.Resume"_s, new ResumeMethod(store)},
+        {u"Live.Replay"_s, new ReplayMethod(store)},
+        {u"Live.Suspend"_s, new SuspendMethod(store)},
+        {u"Live.Terminate"_s, new TerminateMethod(store)},
+        {u"Tick"_s, new TickMethod(store)},
+        {u"Idle"_s, new IdleMethod(store)},
+    };
+}
+
+QStringList namesIn(const QString &directory)
+{
+    return QDir(directory).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+}
+
+} // namespace
+
+EmptySessionsDirectory::EmptySessionsDirectory()
+{
+    FUZZ_CHECK(QDir().mkpath(path()));
+}
+
+EmptySessionsDirectory::~EmptySessionsDirectory()
+{
+    // Whatever ids are asked for, nothing is made anywhere else, nor under another name.
+    static const QRegularExpression sessionName(uR"(\AC-[0-9a-fA-F]{32}\z)"_s);
+    FUZZ_CHECK(namesIn(path() + u"/.."_s) == QStringList{u"sessions"_s});
+    for (const QString &name : namesIn(path())) {
+        FUZZ_CHECK(sessionName.match(name).hasMatch());
+    }
+    QDir(path()).removeRecursively();
+}
+
+QString EmptySessionsDirectory::path()
+{
+    static const QTemporaryDir *const folder = new QTemporaryDir;
+    return folder->filePath(u"sessions"_s);
+}
+
+FuzzedConnection::FuzzedConnection()
+    : store(EmptySessionsDirectory::path(), FakeAgents::kFirstDisplay, FakeAgents::kEndDisplay, u"ssh://alice@a"_s)
+    , device(new FakeDevice)
+    , handler(new Handler(device, allMethods(&store), device))
+    , watcher(handler->findChild<QFutureWatcherBase *>())
+{
+    // The handler has heard of it before us, and may be busy again by now.
+    QObject::connect(watcher, &QFutureWatcherBase::finished, watcher, [this] { ++finishedRequests; });
+}
+
+FuzzedConnection::~FuzzedConnection()
+{
+    delete device;
+}
+
+void FuzzedConnection::feed(const QByteArray &bytes)
+{
+    device->feed(bytes);
+}
+
+void FuzzedConnection::stall()
+{
+    device->stall();
+}
+
+void FuzzedConnection::resume()
+{
+    device->resume();
+    QCoreApplication::sendPostedEvents(); // may start a request
+}
+
+void FuzzedConnection::leave()
+{
+    handler->retire();
+}
+
+void FuzzedConnection::update(qsizetype bytes)
+{
+    updates.append(encodeNetString(QByteArray::number(updates.size()).rightJustified(bytes, ' ')));
+    handler->writeToDevice(updates.constLast());
+}
+
+void FuzzedConnection::finish()
+{
+    int before = -1;
+    while (device && finishedRequests != before) {
+        before = finishedRequests;
+        watcher->waitForFinished();
+        QCoreApplication::sendPostedEvents();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
+}
+
+bool FuzzedConnection::isOpen() const
+{
+    return device->isOpen();
+}
+
+QByteArrayList FuzzedConnection::answers() const
+{
+    QByteArrayList answers;
+    for (const QByteArray &write : device->writes()) {
+        if (!updates.contains(write)) {
+            answers.append(write);
+        }
+    }
+    return answers;
+}
+
+bool FuzzedConnection::hasLastUpdate() const
+{
+    return updates.isEmpty() || device->writes().contains(updates.constLast());
+}
