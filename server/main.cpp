@@ -8,6 +8,7 @@
 #include <QThreadPool>
 
 #include <algorithm>
+#include <optional>
 
 #include <sys/stat.h>
 
@@ -43,6 +44,32 @@ void nameApplication()
     QCoreApplication::setOrganizationName(u"Halvorn Media"_s);
 }
 
+/**
+ * As long as it lives, an application object that is made takes Qt's own event loop: GLib's makes a system call for
+ * each event that is posted, of which a request has several. The programs that we start are to see nothing of it.
+ */
+class WithoutGlib final
+{
+public:
+    WithoutGlib()
+    {
+        if (isOurs) {
+            qputenv(kVariable, "1");
+        }
+    }
+    ~WithoutGlib()
+    {
+        if (isOurs) {
+            qunsetenv(kVariable);
+        }
+    }
+    Q_DISABLE_COPY_MOVE(WithoutGlib)
+
+private:
+    static constexpr const char *kVariable = "QT_NO_GLIB";
+    const bool isOurs = !qEnvironmentVariableIsSet(kVariable);
+};
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -53,7 +80,9 @@ int main(int argc, char **argv)
     }
     ::umask(077);
     qInstallMessageHandler(logQtMessage);
+    std::optional<WithoutGlib> ownLoop(std::in_place);
     QtSingleCoreApplication application(u"zarvo_server-%1"_s.arg(qEnvironmentVariable("USER")), argc, argv);
+    ownLoop.reset();
     nameApplication();
     if (application.isRunning()) {
         return 0;
