@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "client/commandline.h"
 
+#include "agent/geometry.h"
+
 #include <algorithm>
+#include <array>
 
 using namespace Qt::StringLiterals;
 
@@ -13,18 +16,24 @@ bool isPlain(QChar character)
     return (code < 0x80 && character.isLetterOrNumber()) || u"%+,-./:=@_"_s.contains(character);
 }
 
-QString quoted(QString argument)
+bool isPlainWord(const QString &word)
 {
-    if (!argument.isEmpty() && std::all_of(argument.begin(), argument.end(), isPlain)) {
-        return argument;
-    }
-    return u'\'' + argument.replace(u'\'', u"'\\''"_s) + u'\'';
+    return !word.isEmpty() && std::all_of(word.begin(), word.end(), isPlain);
 }
 
-bool isLength(const QString &text)
+/** In the place of a command a shell obeys these words, and takes those with a "=" for assignments. */
+bool isSyntax(const QString &word)
 {
-    const auto isDigit = [](QChar c) { return c >= u'0' && c <= u'9'; };
-    return !text.isEmpty() && text.size() <= 5 && std::all_of(text.begin(), text.end(), isDigit) && text.toInt() > 0;
+    static constexpr std::array kKeywords = {
+        "case"_L1,     "coproc"_L1, "do"_L1, "done"_L1,   "elif"_L1, "else"_L1, "esac"_L1,  "fi"_L1,    "for"_L1,
+        "function"_L1, "if"_L1,     "in"_L1, "select"_L1, "then"_L1, "time"_L1, "until"_L1, "while"_L1,
+    };
+    return word.contains(u'=') || std::find(kKeywords.begin(), kKeywords.end(), word) != kKeywords.end();
+}
+
+QString inQuotes(QString argument)
+{
+    return u'\'' + argument.replace(u'\'', u"'\\''"_s) + u'\'';
 }
 
 } // namespace
@@ -36,13 +45,13 @@ QString commandLine(const QStringList &arguments)
     }
     QStringList words;
     for (const QString &argument : arguments) {
-        words.append(quoted(argument));
+        const bool isLiteral = isPlainWord(argument) && !(words.isEmpty() && isSyntax(argument));
+        words.append(isLiteral ? argument : inQuotes(argument));
     }
     return words.join(u' ');
 }
 
 bool isGeometry(const QString &text)
 {
-    const QStringList lengths = text.split(u'x');
-    return text == "rootless"_L1 || (lengths.size() == 2 && isLength(lengths[0]) && isLength(lengths[1]));
+    return text == "rootless"_L1 || parseGeometry(text).has_value();
 }

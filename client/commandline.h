@@ -9,5 +9,5 @@
  */
 [[nodiscard]] QString commandLine(const QStringList &arguments);
 
-/** Whether @p text is what the server takes as the geometry of a session. */
+/** Whether @p text is what a session can have as its geometry: "rootless", or a size that the agent can make. */
 [[nodiscard]] bool isGeometry(const QString &text);

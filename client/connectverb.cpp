@@ -38,7 +38,11 @@ private:
             return fail(failure, ExitCode::Usage, u"--json goes with --print."_s);
         }
         if (line.isSet(u"new"_s)) {
-            return count > 0 || fail(failure, ExitCode::Usage, u"--new needs a command: connect --new -- COMMAND…"_s);
+            return count > 0 ? checkStart(line.positionalArguments(), line.value(u"geometry"_s), failure)
+                             : fail(failure, ExitCode::Usage, u"--new needs a command: connect --new -- COMMAND…"_s);
+        }
+        if (line.isSet(u"geometry"_s)) {
+            return fail(failure, ExitCode::Usage, u"--geometry goes with --new."_s);
         }
         return count <= 1 || fail(failure, ExitCode::Usage, u"connect takes one session."_s);
     }

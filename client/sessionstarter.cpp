@@ -37,13 +37,21 @@ void addAgentLog(const ServerFiles &files, const QString &id, Failure *failure)
 
 } // namespace
 
+bool checkStart(const QStringList &command, const QString &geometry, Failure *failure)
+{
+    // Of such a session the server itself would know no command after its next start, and so not find it again.
+    if (commandLine(command).trimmed().isEmpty()) {
+        return fail(failure, ExitCode::Usage, u"The command is blank."_s);
+    }
+    return isGeometry(geometry) ||
+           fail(failure, ExitCode::Usage,
+                u"The geometry \"%1\" is neither \"rootless\" nor a size like \"1280x800\" with 10 to 16384 a side and "
+                "64 million pixels at most."_s.arg(geometry));
+}
+
 bool startSession(ClientContext &context, const QStringList &command, const QString &geometry, ConnectionOffer *offer,
                   Failure *failure)
 {
-    if (!isGeometry(geometry)) {
-        return fail(failure, ExitCode::Usage,
-                    u"The geometry \"%1\" is neither \"rootless\" nor a size like \"1280x800\"."_s.arg(geometry));
-    }
     ConnectionOffer made;
     QString error;
     if (!randomHex(&made.id, &error)) {

@@ -33,7 +33,8 @@ ExitCode StartVerb::run(const QCommandLineParser &line, ClientContext &context)
     const bool connects = line.isSet(u"connect"_s);
     Viewer viewer;
     // Better to learn that there is no viewer before a session waits for it.
-    if ((connects && !viewer.find(&failure)) || !context.connectToServer(startMode(line), &failure) ||
+    if (!checkStart(line.positionalArguments(), line.value(u"geometry"_s), &failure) ||
+        (connects && !viewer.find(&failure)) || !context.connectToServer(startMode(line), &failure) ||
         !startSession(context, line.positionalArguments(), line.value(u"geometry"_s), &offer, &failure)) {
         return context.console.report(failure);
     }

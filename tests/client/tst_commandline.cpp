@@ -26,20 +26,39 @@ private slots:
         QCOMPARE(QString::fromUtf8(shell.readAllStandardOutput()).split(QChar(u'\0')), words + QStringList{QString()});
     }
 
+    /** The first of several words is the program, whatever else it may be to a shell. */
+    void firstWordIsTheProgram_data()
+    {
+        QTest::addColumn<QString>("word");
+        for (const char *word : {"if", "time", "for", "A=b", "./x=y", "function"}) {
+            QTest::newRow(word) << QString::fromLatin1(word);
+        }
+    }
+    void firstWordIsTheProgram()
+    {
+        QFETCH(QString, word);
+        QCOMPARE(commandLine({word, u"x"_s}), u"'%1' x"_s.arg(word));
+        QCOMPARE(commandLine({u"env"_s, word}), u"env "_s + word);
+    }
+
     void geometries_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<bool>("isOne");
         QTest::newRow("size") << u"1280x800"_s << true;
         QTest::newRow("rootless") << u"rootless"_s << true;
-        QTest::newRow("smallest") << u"1x1"_s << true;
-        QTest::newRow("zero") << u"0x1"_s << false;
-        QTest::newRow("six digits") << u"100000x1"_s << false;
-        QTest::newRow("sign") << u"+1x1"_s << false;
-        QTest::newRow("capital") << u"1X1"_s << false;
-        QTest::newRow("three") << u"1x1x24"_s << false;
-        QTest::newRow("line feed") << u"1x1\n"_s << false;
-        QTest::newRow("other digits") << u"１x１"_s << false;
+        QTest::newRow("smallest") << u"10x10"_s << true;
+        QTest::newRow("too narrow") << u"9x10"_s << false;
+        QTest::newRow("widest") << u"16384x4096"_s << true;
+        QTest::newRow("too wide") << u"16385x10"_s << false;
+        QTest::newRow("too many pixels") << u"16384x4097"_s << false;
+        QTest::newRow("zero") << u"0x10"_s << false;
+        QTest::newRow("six digits") << u"100000x10"_s << false;
+        QTest::newRow("sign") << u"+10x10"_s << false;
+        QTest::newRow("capital") << u"10X10"_s << false;
+        QTest::newRow("three") << u"10x10x24"_s << false;
+        QTest::newRow("line feed") << u"10x10\n"_s << false;
+        QTest::newRow("other digits") << u"１０x１０"_s << false;
         QTest::newRow("empty") << QString() << false;
     }
     void geometries()

@@ -161,17 +161,18 @@ class Sessions(CtlTestCase):
     def test_usage(self):
         server = self.unattended()
         for arguments in ((), ("nothing",), ("list", "--nothing"), ("list", "more"), ("start",),
-                          ("start", "--geometry"), ("terminate", "--everything"), ("wait", "x"),
+                          ("start", "--geometry"), ("start", ""), ("start", " \t"), ("connect", "--new", "--print", "--", " "),
+                          ("connect", "--print", "--geometry", "640x480", "x"), ("terminate", "--everything"), ("wait", "x"),
                           ("wait", "x", "--for", "offered"), ("server",), ("server", "restart"), ("screenshot", "x"),
                           ("connect", "--json"), ("connect", "a", "b", "--print"), ("connect", "--new", "--print"),
                           ("wait", "x", "--for", "ended", "--timeout", "-1"),
                           ("wait", "x", "--for", "ended", "--timeout", "nan"), ("server", "log", "--lines", "x")):
             with self.subTest(arguments):
                 self.ctl_error(server, *arguments, code=USAGE)
-        self.assertEqual(self.servers(server), [])
-        for geometry in ("", "1280", "x", "1280x", "0x10", "1280x800x24", "123456x1", "Rootless", "-1x5"):
+        for geometry in ("", "1280", "x", "1280x", "0x10", "1280x800x24", "5x5", "99999x99999", "Rootless", "-1x5"):
             with self.subTest(geometry):
                 self.ctl_error(server, "start", "--geometry", geometry, "xterm", code=USAGE)
+        self.assertEqual(self.servers(server), [])
 
 
 if __name__ == "__main__":
