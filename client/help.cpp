@@ -45,8 +45,8 @@ QString programHelp()
     }
     text += u"\nOptions:\n"_s + optionLine(u"-h, --help"_s, u"Print this; after a verb: how to use it."_s) +
             optionLine(u"--version"_s, u"Print the version of this program."_s);
-    text += u"\nSESSION is a whole id, the exact name, or the beginning of an id that only one session has; when\n"
-            "there is only one session it may be left out.\n"_s;
+    text += u"\nSESSION is a whole id, or else the exact name or the beginning of an id, which only one session may\n"
+            "have; when there is only one session it may be left out.\n"_s;
     text += u"\nExit codes:\n"_s + exitCodeHelp();
     text += u"\nExample:\n  zarvoctl connect --new -- openbox-session\n"_s;
     return text;

@@ -4,6 +4,7 @@
 #include "client/sessiontable.h"
 #include "client/textwidth.h"
 
+#include <algorithm>
 #include <functional>
 
 using namespace Qt::StringLiterals;
@@ -29,7 +30,7 @@ bool take(const SessionList &candidates, const QString &what, SessionEntry *foun
     }
     const QString table = sessionTable(candidates, {.legend = false, .localHost = u"here"_s});
     return fail(failure, ExitCode::Ambiguous,
-                u"%1 of %2 sessions; say which:\n%3"_s.arg(what).arg(candidates.size()).arg(table.chopped(1)));
+                u"%1 of %2 sessions; say which:\n%3"_s.arg(what, QString::number(candidates.size()), table.chopped(1)));
 }
 
 } // namespace
@@ -48,14 +49,17 @@ bool findSession(const SessionList &sessions, const QString &target, SessionEntr
         *found = whole.first();
         return true;
     }
-    if (const SessionList named = matching(sessions, [&](const SessionEntry &entry) { return entry.name == target; });
-        !named.isEmpty()) {
-        return take(named, quoted + u" is the name"_s, found, failure);
+    const auto isNamed = [&](const SessionEntry &entry) { return entry.name == target; };
+    const auto isBegun = [&](const SessionEntry &entry) { return entry.id.startsWith(target, Qt::CaseInsensitive); };
+    // What is a name to one session may be the beginning of another one's id, and nobody but the user knows which.
+    const SessionList fitting = matching(sessions, [&](const SessionEntry &e) { return isNamed(e) || isBegun(e); });
+    if (fitting.isEmpty()) {
+        return fail(failure, ExitCode::NoSuchSession, u"There is no session %1."_s.arg(quoted));
     }
-    const SessionList begun =
-        matching(sessions, [&](const SessionEntry &entry) { return entry.id.startsWith(target, Qt::CaseInsensitive); });
-    if (!begun.isEmpty()) {
-        return take(begun, quoted + u" begins the id"_s, found, failure);
-    }
-    return fail(failure, ExitCode::NoSuchSession, u"There is no session %1."_s.arg(quoted));
+    const bool areNamed = std::all_of(fitting.begin(), fitting.end(), isNamed);
+    const bool areBegun = std::all_of(fitting.begin(), fitting.end(), isBegun);
+    const QString what = areNamed   ? u" is the name"_s
+                         : areBegun ? u" begins the id"_s
+                                    : u" is the name or begins the id"_s;
+    return take(fitting, quoted + what, found, failure);
 }

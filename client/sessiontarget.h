@@ -7,8 +7,8 @@
 #include <QString>
 
 /**
- * Finds the session that the user means: a whole id, an exact name, the beginning of an id that only one
- * session has, or, with an empty @p target, the only session there is. The first of these that fits wins.
+ * Finds the session that the user means: a whole id; else an exact name or the beginning of an id, which only one
+ * session may have; or, with an empty @p target, the only session there is.
  *
  * @param found    set only on success
  * @param failure  set only on failure: NoSuchSession, or Ambiguous with the list of those that fit

@@ -27,16 +27,23 @@ private slots:
         QTest::newRow("name") << u"one"_s << done << u"one"_s;
         QTest::newRow("beginning of a name") << u"on"_s << missing << QString();
         QTest::newRow("name of two") << u"twin"_s << ambiguous << QString();
-        QTest::newRow("name before prefix") << u"abc2"_s << done << u"abc2"_s;
+        QTest::newRow("name of one and prefix of another") << u"abc2"_s << ambiguous << QString();
+        QTest::newRow("whole id before name") << u"4"_s.leftJustified(32, u'0') << done << u"whole"_s;
+        QTest::newRow("name and prefix of the same") << u"5"_s << done << u"5"_s;
         QTest::newRow("nothing fits") << u"nobody"_s << missing << QString();
         QTest::newRow("more digits than an id has") << u"abc1"_s.leftJustified(33, u'0') << missing << QString();
         QTest::newRow("not the only one") << QString() << ambiguous << QString();
     }
     void targets()
     {
-        const SessionList sessions = {makeSession(u"abc1"_s, u"one"_s), makeSession(u"abc2"_s, u"two"_s),
-                                      makeSession(u"1"_s, u"twin"_s), makeSession(u"2"_s, u"twin"_s),
-                                      makeSession(u"3"_s, u"abc2"_s)};
+        const SessionList sessions = {makeSession(u"abc1"_s, u"one"_s),
+                                      makeSession(u"abc2"_s, u"two"_s),
+                                      makeSession(u"1"_s, u"twin"_s),
+                                      makeSession(u"2"_s, u"twin"_s),
+                                      makeSession(u"3"_s, u"abc2"_s),
+                                      makeSession(u"4"_s, u"whole"_s),
+                                      makeSession(u"6"_s, u"4"_s.leftJustified(32, u'0')),
+                                      makeSession(u"5"_s, u"5"_s)};
         QFETCH(QString, target);
         SessionEntry found;
         Failure failure;
@@ -53,6 +60,17 @@ private slots:
         Failure failure;
         QVERIFY(!findSession({makeSession(u"1"_s, u"red"_s), makeSession(u"2"_s, u"blue"_s)}, {}, &found, &failure));
         QVERIFY(failure.text.contains(u"red"_s) && failure.text.contains(u"blue"_s));
+    }
+
+    void placeholdersInNamesStay()
+    {
+        SessionEntry found;
+        Failure failure;
+        QVERIFY(!findSession({makeSession(u"1"_s, u"%2 %3"_s), makeSession(u"2"_s, u"%2 %3"_s)}, u"%2 %3"_s, &found,
+                             &failure));
+        QVERIFY2(failure.text.startsWith(u"\"%2 %3\" is the name of 2 sessions; say which:\n"_s),
+                 qPrintable(failure.text));
+        QCOMPARE(failure.text.count(u"%2 %3"_s), 3);
     }
 
     void theOnlyOne()
