@@ -59,7 +59,7 @@ private:
     {
         const QString text = input.rawSettings.value(key).toString();
         if (input.rawSettings.contains(key) && text != QString::number(effective)) {
-            add(u"%1 is \"%2\", which becomes %3"_s.arg(key, text).arg(effective));
+            add(u"%1 is \"%2\", which becomes %3"_s.arg(key, text, QString::number(effective)));
         }
     }
 
@@ -71,7 +71,7 @@ private:
             return;
         }
         if (text != QString::number(effective)) {
-            add(u"SuspendTimeout is \"%1\", which becomes %2"_s.arg(text).arg(effective));
+            add(u"SuspendTimeout is \"%1\", which becomes %2"_s.arg(text, QString::number(effective)));
         }
         if (effective == 0) {
             add(u"SuspendTimeout is 0: sessions end as soon as nobody is connected"_s);
@@ -118,5 +118,6 @@ QList<Finding> checkBroadcastAddress(const DoctorInput &input)
     if (input.settings.broadcastPort == 0) {
         return {fine(u"Off: this server looks for no others"_s)};
     }
-    return {fine(u"Other servers are looked for at %1, port %2"_s.arg(text).arg(input.settings.broadcastPort))};
+    return {fine(
+        u"Other servers are looked for at %1, port %2"_s.arg(text, QString::number(input.settings.broadcastPort)))};
 }

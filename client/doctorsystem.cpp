@@ -47,8 +47,8 @@ bool isPortFree(int port)
 
 bool isDisplayFree(int number, const DoctorInput &input)
 {
-    return !QFile::exists(u"%1/.X%2-lock"_s.arg(input.temporaryPath).arg(number)) &&
-           !QFile::exists(u"%1/.X11-unix/X%2"_s.arg(input.temporaryPath).arg(number)) &&
+    return !QFile::exists(u"%1/.X%2-lock"_s.arg(input.temporaryPath, QString::number(number))) &&
+           !QFile::exists(u"%1/.X11-unix/X%2"_s.arg(input.temporaryPath, QString::number(number))) &&
            isPortFree(kFirstXPort + number) && isPortFree(kFirstAgentPort + number);
 }
 

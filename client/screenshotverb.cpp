@@ -45,7 +45,7 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
     if (!readDisplay(directory, &display, failure)) {
         return false;
     }
-    const QString part = u"%1.%2.part"_s.arg(path).arg(::getpid());
+    const QString part = u"%1.%2.part"_s.arg(path, QString::number(::getpid()));
     const QString program = QDir(bundledProgramsPath()).filePath(u"take-screenshot"_s);
     const Progress progress(u"Taking a picture"_s);
     ChildRun child;

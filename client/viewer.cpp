@@ -115,8 +115,9 @@ bool Viewer::run(quint16 port, const QString &password, Failure *failure)
         return fail(failure, ExitCode::NoViewer, u"The viewer \"%1\" crashed."_s.arg(command.first()));
     }
     if (process.exitCode() != 0) {
-        return fail(failure, ExitCode::NoViewer,
-                    u"The viewer \"%1\" ended with exit code %2."_s.arg(command.first()).arg(process.exitCode()));
+        return fail(
+            failure, ExitCode::NoViewer,
+            u"The viewer \"%1\" ended with exit code %2."_s.arg(command.first(), QString::number(process.exitCode())));
     }
     return true;
 }

@@ -33,6 +33,7 @@ private slots:
         QTest::addColumn<QString>("text");
         QTest::addColumn<int>("value");
         QTest::newRow("too large") << u"ListenPort"_s << u"70000"_s << 4464;
+        QTest::newRow("a placeholder") << u"DisplayBase"_s << u"%2%3"_s << 0;
         QTest::newRow("no number") << u"DisplayBase"_s << u"many"_s << 0;
         QTest::newRow("negative") << u"BroadcastPort"_s << u"-1"_s << 0;
         QTest::newRow("timeout without end") << u"SuspendTimeout"_s << u"99999999999"_s << 7;
@@ -51,7 +52,8 @@ private slots:
         input.settings.suspendTimeout = value;
         input.rawSettings = {{key, text}};
         const QList<Finding> findings = checkSettings(input);
-        QCOMPARE(texts(findings), QStringList{u"WARN %1 is \"%2\", which becomes %3"_s.arg(key, text).arg(value)});
+        QCOMPARE(texts(findings),
+                 QStringList{u"WARN %1 is \"%2\", which becomes %3"_s.arg(key, text, QString::number(value))});
         QVERIFY(haveRemedies(findings));
     }
 
