@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/doctorcheck.h"
 #include "client/serverconnector.h"
+#include "client/serverprocess.h"
 #include "support/filereader.h"
 
 #include <openssl/pem.h>
@@ -12,6 +13,7 @@
 #include <QSslCertificate>
 
 #include <memory>
+#include <optional>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -89,6 +91,19 @@ void addPrivacy(const QString &path, QList<Finding> *findings)
     }
 }
 
+/** A server that the files do not tell of, and which lets no other start. */
+std::optional<Finding> otherServer()
+{
+    const QList<qint64> pids = serversOfSameUser();
+    if (pids.isEmpty()) {
+        return std::nullopt;
+    }
+    const QString home = environmentOf(pids.first(), u"HOME"_s).value_or(QString());
+    return failed(u"A server of USER=%1 runs already with other files: process %2, whose HOME is \"%3\""_s.arg(
+                      qEnvironmentVariable("USER"), QString::number(pids.first()), home),
+                  u"Use its HOME and settings, or end it: kill %1"_s.arg(pids.first()));
+}
+
 } // namespace
 
 QList<Finding> checkUserPath(const DoctorInput &input)
@@ -149,21 +164,22 @@ QList<Finding> checkServerProcess(const DoctorInput &input)
     const ServerSighting sighting = input.files.look();
     switch (sighting.trace) {
     case ServerTrace::Missing:
-        return {fine(u"None is running; it is started when it is needed"_s)};
+        return {otherServer().value_or(fine(u"None is running; it is started when it is needed"_s))};
     case ServerTrace::Starting:
         return {warning(sighting.detail, u"Wait a moment; if this stays, see \"zarvoctl server log\""_s)};
     case ServerTrace::Stale:
-        return {warning(sighting.detail, u"zarvoctl server start"_s)};
+        return {otherServer().value_or(warning(sighting.detail, u"zarvoctl server start"_s))};
     case ServerTrace::Unreadable:
-        return {
-            failed(sighting.detail, u"Remove the file, end the process %1 and start the server"_s.arg(sighting.pid))};
+        return {failed(sighting.detail,
+                       sighting.pid == 0 ? u"Remove it and start the server"_s
+                                         : u"Remove it, end the process %1 and start the server"_s.arg(sighting.pid))};
     case ServerTrace::Running:
         break;
     }
     RpcClient client;
     Failure failure;
     if (!ServerConnector(input.files).connect(&client, ServerConnector::Start::Forbidden, &failure)) {
-        return {failed(u"%1, but: %2"_s.arg(sighting.detail, failure.text),
+        return {failed(u"%1, but: %2"_s.arg(sighting.detail, failure.text.chopped(failure.text.endsWith(u'.') ? 1 : 0)),
                        u"zarvoctl server stop; zarvoctl server start"_s)};
     }
     return {fine(sighting.detail + u" and lets us in"_s)};

@@ -4,6 +4,7 @@
 #include "client/eventwait.h"
 #include "client/progress.h"
 #include "client/serverlauncher.h"
+#include "client/serverprocess.h"
 #include "support/credentials.h"
 
 #include <QElapsedTimer>
@@ -29,6 +30,47 @@ constexpr auto kLookInterval = 10ms;
  * time, for it was that of a server about to end, it is tried again.
  */
 constexpr auto kRestartPause = 1s;
+
+/** After this time without a trace of the other one, and as many starts, it is none that is about to end. */
+constexpr auto kTracelessTime = 5s;
+constexpr int kTracelessStarts = 2;
+
+QString otherServerText()
+{
+    QStringList pids;
+    for (const qint64 pid : serversOfSameUser()) {
+        pids.append(QString::number(pid));
+    }
+    const QString which = pids.isEmpty() ? QString() : u" (process %1)"_s.arg(pids.join(u", "_s));
+    return u"A server of USER=%1 runs already with other files%2."_s.arg(qEnvironmentVariable("USER"), which);
+}
+
+/** Tells one server that is about to start or end, of which files speak, from one that keeps its files elsewhere. */
+class Traceless
+{
+public:
+    Traceless() { since.start(); }
+
+    /** Called at each look at the files. */
+    void see(ServerTrace trace)
+    {
+        if (trace != ServerTrace::Missing && trace != ServerTrace::Stale) {
+            starts = 0;
+            since.start();
+        }
+    }
+    /** Called when a start has ended without a word. */
+    void countStart() { ++starts; }
+
+    [[nodiscard]] bool isProved() const
+    {
+        return starts >= kTracelessStarts && std::chrono::milliseconds(since.elapsed()) >= kTracelessTime;
+    }
+
+private:
+    QElapsedTimer since;
+    int starts = 0;
+};
 
 /** Lets the launcher do its work for a while. */
 void serveEvents(std::chrono::milliseconds time)
@@ -67,6 +109,7 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
     ServerLauncher launcher;
     QElapsedTimer total;
     QElapsedTimer sinceStart;
+    Traceless traceless;
     total.start();
     QString error;
     const auto launch = [&] {
@@ -83,7 +126,9 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
         if (result != Attempt::NotYet) {
             return result == Attempt::Connected;
         }
-        const bool hopeless = launched && files.look().trace != ServerTrace::Starting;
+        const ServerTrace trace = files.look().trace;
+        const bool hopeless = launched && trace != ServerTrace::Starting;
+        traceless.see(trace);
         if (hopeless && start == Start::Forbidden) {
             return fail(failure, ExitCode::NoServer, lastDetail + u'.'); // what was there has ended
         }
@@ -91,7 +136,14 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
             return fail(failure, ExitCode::NoServer,
                         u"The server does not start:\n%1"_s.arg(launcher.messages().trimmed()));
         }
-        if (hopeless && std::chrono::milliseconds(sinceStart.elapsed()) > kRestartPause && !launch()) {
+        if (!hopeless || std::chrono::milliseconds(sinceStart.elapsed()) <= kRestartPause) {
+            continue;
+        }
+        traceless.countStart();
+        if (traceless.isProved()) {
+            return fail(failure, ExitCode::NoServer, otherServerText());
+        }
+        if (!launch()) {
             return fail(failure, ExitCode::NoServer, error + u'.');
         }
     }

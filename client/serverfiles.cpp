@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/serverfiles.h"
 
+#include "client/serverprocess.h"
 #include "support/filereader.h"
 
 #include <QDir>
@@ -9,7 +10,6 @@
 
 #include <optional>
 
-#include <signal.h>
 #include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
@@ -17,7 +17,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kMaxNumberBytes = 32;
-constexpr int kMaxNameBytes = 64;
 
 enum class NumberFile { Missing, Empty, Unreadable, Invalid, Valid };
 
@@ -25,6 +24,10 @@ NumberFile readNumber(const QString &path, qint64 limit, qint64 *number, QString
 {
     if (!QFile::exists(path)) {
         return NumberFile::Missing;
+    }
+    if (isSpecialFile(path)) {
+        *error = u"\"%1\" is no file"_s.arg(path);
+        return NumberFile::Unreadable; // one that reads from it may wait for ever
     }
     QByteArray text;
     if (!readFile(path, kMaxNumberBytes, &text, error)) {
@@ -63,17 +66,6 @@ bool isOlder(const QString &path, const QString &otherPath)
 
 } // namespace
 
-bool isServerProcess(qint64 pid)
-{
-    if (pid <= 0 || ::kill(static_cast<pid_t>(pid), 0) == -1) {
-        return false;
-    }
-    // The kernel gives the numbers of dead processes to others, so the name has to fit as well.
-    QByteArray name;
-    QString error;
-    return readFile(u"/proc/%1/comm"_s.arg(pid), kMaxNameBytes, &name, &error) && name.trimmed() == "zarvo_server";
-}
-
 ServerFiles::ServerFiles(const QString &userPath)
     : path(userPath)
 {
@@ -98,12 +90,17 @@ ServerSighting ServerFiles::look() const
 {
     ServerSighting sighting;
     QString error;
-    if (readNumber(pidPath(), 0x7FFFFFFF, &sighting.pid, &error) == NumberFile::Unreadable) {
+    const NumberFile pidFile = readNumber(pidPath(), 0x7FFFFFFF, &sighting.pid, &error);
+    if (pidFile == NumberFile::Unreadable) {
         return {ServerTrace::Unreadable, 0, 0, error};
     }
-    const bool alive = isServerProcess(sighting.pid);
     qint64 port = 0;
-    switch (readNumber(portPath(), 65535, &port, &error)) {
+    const NumberFile portFile = readNumber(portPath(), 65535, &port, &error);
+    if (pidFile == NumberFile::Missing && portFile == NumberFile::Valid) {
+        sighting.pid = serverListeningOn(static_cast<quint16>(port)); // somebody has tidied up
+    }
+    const bool alive = isServerProcess(sighting.pid);
+    switch (portFile) {
     case NumberFile::Unreadable:
         return {ServerTrace::Unreadable, 0, sighting.pid, error};
     case NumberFile::Invalid:

@@ -17,7 +17,7 @@ struct ServerSighting
 {
     ServerTrace trace = ServerTrace::Missing;
     quint16 port = 0; ///< set for Running
-    qint64 pid = 0;   ///< 0 when the pid file names none
+    qint64 pid = 0;   ///< 0 when the pid file names none and no server listens on the port
     QString detail;   ///< one sentence about the trace, for the user
 };
 
@@ -47,6 +47,3 @@ private:
 
     QString path;
 };
-
-/** Whether @p pid is a live process of a server, and one of this user. */
-[[nodiscard]] bool isServerProcess(qint64 pid);

@@ -2,7 +2,7 @@
 #include "client/serverstop.h"
 
 #include "client/eventwait.h"
-#include "client/serverfiles.h"
+#include "client/serverprocess.h"
 
 #include <QSocketNotifier>
 

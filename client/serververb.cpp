@@ -47,7 +47,7 @@ ExitCode stop(const QCommandLineParser &, ClientContext &context)
 {
     const ServerSighting sighting = context.files.look();
     Failure failure;
-    if (sighting.trace == ServerTrace::Missing || sighting.trace == ServerTrace::Stale) {
+    if (sighting.trace == ServerTrace::Missing || sighting.trace == ServerTrace::Stale || sighting.pid == 0) {
         return context.console.report({ExitCode::NoServer, sighting.detail + u'.'});
     }
     if (!stopServer(sighting.pid, kStopTimeout, &failure)) {

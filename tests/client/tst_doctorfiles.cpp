@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "tests/client/doctorinput.h"
+#include "tests/client/impostor.h"
 #include "tests/engine/files.h"
+#include "tests/support/environmentvariable.h"
 #include "tests/testmain.h"
 
 #include <openssl/evp.h>
@@ -63,7 +65,12 @@ class TestDoctorFiles : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { ::prctl(PR_SET_NAME, "zarvo_server"); }
+    void initTestCase()
+    {
+        ::prctl(PR_SET_NAME, "zarvo_server");
+        user = std::make_unique<EnvironmentVariable>("USER", "tst_doctorfiles-" + QByteArray::number(::getpid()));
+    }
+    void cleanupTestCase() { user.reset(); }
 
     void userPath_data()
     {
@@ -182,7 +189,32 @@ private slots:
         QVERIFY2(found().startsWith("WARN The server has ended without removing its files"_L1), qPrintable(found()));
     }
 
+    void serverWithOtherFiles()
+    {
+        const DoctorSurroundings surroundings;
+        const QString name = qEnvironmentVariable("USER");
+        const Impostor impostor(serverEnvironment(name, u"/"_s));
+        const QString text = u"FAIL A server of USER=%1 runs already with other files: process %2, whose HOME is "
+                             "\"/home/of/it\""_s.arg(name, QString::number(impostor.pid()));
+        QTRY_COMPARE(texts(checkServerProcess(surroundings.input())).join(u'\n'), text);
+        QVERIFY(haveRemedies(checkServerProcess(surroundings.input())));
+        putFile(surroundings.path("zarvo/host/server_port"), "1"); // left behind by another one
+        QCOMPARE(texts(checkServerProcess(surroundings.input())).join(u'\n'), text);
+    }
+
+    void pidFileThatIsNoFile()
+    {
+        const DoctorSurroundings surroundings;
+        QVERIFY(QDir().mkdir(surroundings.path("zarvo/host/server_pid")));
+        const QList<Finding> findings = checkServerProcess(surroundings.input());
+        QVERIFY2(texts(findings).join(u'\n').startsWith("FAIL Failed to open the file"_L1),
+                 qPrintable(texts(findings).join(u'\n')));
+        QCOMPARE(findings.first().remedy, u"Remove it and start the server"_s);
+    }
+
 private:
+    std::unique_ptr<EnvironmentVariable> user;
+
     static void putKey(const DoctorSurroundings &surroundings, const QByteArray &text)
     {
         const QString path = surroundings.path("zarvo/server_key");

@@ -4,6 +4,8 @@
 
 #include <QDir>
 #include <QFile>
+#include <QHostAddress>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -76,13 +78,31 @@ private slots:
         QVERIFY(ServerFiles(folder->path()).look().trace == ServerTrace::Starting);
     }
 
-    void otherProgramOfThatNumber()
+    void pidFileThatHasGone()
     {
-        QVERIFY(isServerProcess(::getpid()));
-        ::prctl(PR_SET_NAME, "another");
-        QVERIFY(!isServerProcess(::getpid()));
-        QVERIFY(!isServerProcess(0));
-        QVERIFY(!isServerProcess(-1));
+        QTcpServer listener;
+        QVERIFY(listener.listen(QHostAddress::LocalHost));
+        write(u"server_port"_s, QByteArray::number(listener.serverPort()));
+        const ServerSighting sighting = ServerFiles(folder->path()).look();
+        QVERIFY(sighting.trace == ServerTrace::Running);
+        QCOMPARE(sighting.pid, qint64(::getpid()));
+        write(u"server_pid"_s, "999999999"); // of one that has ended: the port is somebody else's by now
+        QVERIFY(ServerFiles(folder->path()).look().trace == ServerTrace::Stale);
+    }
+
+    void pipeInPlaceOfAFile_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::newRow("pid") << u"server_pid"_s;
+        QTest::newRow("port") << u"server_port"_s;
+    }
+    void pipeInPlaceOfAFile()
+    {
+        QFETCH(QString, name);
+        QCOMPARE(::mkfifo(qPrintable(folder->filePath(name)), 0600), 0);
+        const ServerSighting sighting = ServerFiles(folder->path()).look();
+        QVERIFY(sighting.trace == ServerTrace::Unreadable);
+        QCOMPARE(sighting.detail, u"\"%1\" is no file"_s.arg(folder->filePath(name)));
     }
 
     void paths()

@@ -235,6 +235,21 @@ class TheServer(CtlTestCase):
         self.assertFalse(zarvo.alive(pid))
         self.assertFalse(os.path.exists(server.pid_file))
 
+    def test_pid_file_that_has_gone(self):
+        server = self.server()
+        os.unlink(server.pid_file)
+        self.assertEqual(self.ctl_json(server, "list", "--no-start"), [])
+        self.assertEqual(self.ctl_json(server, "server", "status")["pid"], server.pid)
+        self.ctl(server, "server", "stop")
+        self.assertFalse(zarvo.alive(server.pid))
+
+    def test_pid_file_that_is_a_directory(self):
+        server = self.server()
+        os.unlink(server.pid_file)
+        os.mkdir(server.pid_file)
+        self.assertIn("server_pid", self.ctl_error(server, "server", "stop", code=NO_SERVER))
+        self.assertTrue(zarvo.alive(server.pid))
+
     def test_stop_spares_other_programs(self):
         server = self.unattended()
         sleeper = subprocess.Popen(["sleep", "1000"])

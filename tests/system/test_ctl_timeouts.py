@@ -14,7 +14,7 @@ class Patience(ctl.CtlTestCase):
     def test_waits_have_an_end(self):
         waits = [prepare() for prepare in (self.server_that_hangs, self.agent_that_refuses_to_end,
                                            self.agent_that_is_never_ready, self.server_that_stays_away,
-                                           self.display_that_hangs)]
+                                           self.display_that_hangs, self.server_with_other_files)]
         with ThreadPoolExecutor(len(waits)) as pool:
             for wait in [pool.submit(wait) for wait in waits]:
                 wait.result()
@@ -70,6 +70,18 @@ class Patience(ctl.CtlTestCase):
         def wait():
             self.assertIn("did not end in time", self.ctl_error(server, "screenshot", session, path, code=TIMED_OUT))
             self.assertFalse(any(name.startswith("picture") for name in os.listdir(server.top)))
+        return wait
+
+    def server_with_other_files(self):
+        server = self.server()
+        home = os.path.join(server.top, "home2")
+        os.mkdir(home)
+
+        def wait():
+            result = self.ctl_result(server, "list", environment={"HOME": home})
+            self.assertEqual((result.returncode, result.stdout), (NO_SERVER, ""), result.stderr)
+            self.assertEqual(result.stderr, f"zarvoctl: A server of USER={server.user} runs already with other files "
+                                            f"(process {server.pid}).\n")
         return wait
 
     def pause(self, pid):

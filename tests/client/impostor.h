@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QFile>
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+/** A process that goes by the name of the server and does nothing, with an environment of its own. */
+class Impostor
+{
+public:
+    explicit Impostor(const QProcessEnvironment &environment)
+    {
+        const QString path = folder.filePath(QStringLiteral("zarvo_server"));
+        QFile::link(QStandardPaths::findExecutable(QStringLiteral("sleep")), path);
+        process.setProcessEnvironment(environment);
+        process.start(path, {QStringLiteral("1000")});
+        process.waitForStarted();
+    }
+    ~Impostor()
+    {
+        process.kill();
+        process.waitForFinished();
+    }
+    Q_DISABLE_COPY_MOVE(Impostor)
+
+    [[nodiscard]] qint64 pid() const { return process.processId(); }
+
+private:
+    QTemporaryDir folder;
+    QProcess process;
+};
+
+/** An environment with nothing but what a server of that user has. */
+[[nodiscard]] inline QProcessEnvironment serverEnvironment(const QString &user, const QString &path)
+{
+    QProcessEnvironment environment;
+    environment.insert(QStringLiteral("USER"), user);
+    environment.insert(QStringLiteral("HOME"), QStringLiteral("/home/of/it"));
+    environment.insert(QStringLiteral("PATH"), path);
+    return environment;
+}
