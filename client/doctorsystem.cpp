@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/doctorcheck.h"
 #include "client/serverlauncher.h"
+#include "client/serverprocess.h"
 #include "client/viewer.h"
 #include "support/filereader.h"
 
@@ -98,6 +99,26 @@ Finding programFinding(const QString &program, const QString &need, const QStrin
                           : fine(u"%1 is \"%2\""_s.arg(program, path));
 }
 
+/** What a server that was not started by us may miss: it keeps the search path of its own start. */
+QList<Finding> missedByServer(const DoctorInput &input)
+{
+    const ServerSighting sighting = input.files.look();
+    if (sighting.trace != ServerTrace::Running) {
+        return {};
+    }
+    DoctorInput its = input;
+    its.searchPath = environmentOf(sighting.pid, u"PATH"_s).value_or(input.searchPath);
+    QList<Finding> findings;
+    for (const QString &program : {u"start-agent"_s, u"start-app"_s, u"xauth"_s}) {
+        if (find(program, its).isEmpty() && !find(program, input).isEmpty()) {
+            findings.append(
+                failed(u"The running server does not find %1: its search path is \"%2\""_s.arg(program, its.searchPath),
+                       u"zarvoctl server stop; zarvoctl server start"_s));
+        }
+    }
+    return findings;
+}
+
 } // namespace
 
 QList<Finding> checkPrograms(const DoctorInput &input)
@@ -122,7 +143,7 @@ QList<Finding> checkPrograms(const DoctorInput &input)
         openssl.level = Finding::Level::Warn; // not needed again until the certificate is
     }
     findings.append(openssl);
-    return findings;
+    return findings + missedByServer(input);
 }
 
 QList<Finding> checkViewer(const DoctorInput &)

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "tests/client/doctorinput.h"
+#include "tests/client/impostor.h"
 #include "tests/engine/files.h"
 #include "tests/engine/reserveddisplays.h"
 #include "tests/support/environmentvariable.h"
@@ -35,6 +36,26 @@ private slots:
         QVERIFY2(all.contains(u"OK start-agent is \"%1\""_s.arg(surroundings->path("bin/start-agent"))),
                  qPrintable(all));
         QVERIFY2(!all.contains("Xtigervnc"_L1), qPrintable(all)); // only the bundled agent needs it
+    }
+
+    void searchPathOfTheRunningServer()
+    {
+        for (const char *name : {"bin/start-agent", "bin/start-app", "bin/xauth", "bin/openssl"}) {
+            putProgram(name);
+        }
+        const Impostor impostor(serverEnvironment(u"anna"_s, surroundings->path("tmp")));
+        putFile(surroundings->path("zarvo/host/server_pid"), QByteArray::number(impostor.pid()));
+        putFile(surroundings->path("zarvo/host/server_port"), "1");
+        const QString text = u"FAIL The running server does not find start-agent: its search path is \"%1\""_s.arg(
+            surroundings->path("tmp"));
+        QTRY_VERIFY(texts(checkPrograms(surroundings->input())).contains(text));
+        QVERIFY(haveRemedies(checkPrograms(surroundings->input())));
+
+        const Impostor other(serverEnvironment(u"anna"_s, surroundings->path("bin")));
+        putFile(surroundings->path("zarvo/host/server_pid"), QByteArray::number(other.pid()));
+        putFile(surroundings->path("zarvo/host/server_port"), "1");
+        QTRY_COMPARE(ServerFiles(surroundings->path("zarvo/host")).look().trace, ServerTrace::Running);
+        QVERIFY(!texts(checkPrograms(surroundings->input())).join(u'\n').contains(u"does not find"_s));
     }
 
     void opensslIsNotNeededAgain()
