@@ -37,6 +37,6 @@ QList<DoctorCheck> doctorChecks()
         {"user path", checkUserPath},   {"settings", checkSettings},          {"certificate", checkCertificate},
         {"server", checkServerProcess}, {"programs", checkPrograms},          {"viewer", checkViewer},
         {"displays", checkDisplays},    {"X sockets", checkSocketDirectory},  {"ports", checkPortRange},
-        {"logout", checkLingering},     {"broadcast", checkBroadcastAddress},
+        {"logout", checkLogout},        {"broadcast", checkBroadcastAddress},
     };
 }

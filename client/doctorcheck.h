@@ -32,9 +32,11 @@ struct DoctorInput
     QString settingsPath;
     ServerFiles files;
     QString searchPath; ///< that of a server which we start
+    QString userName;   ///< as the system knows the user
     QString temporaryPath = QStringLiteral("/tmp");
     QString networkPath = QStringLiteral("/proc/sys/net/ipv4");
-    QString systemPath = QStringLiteral("/"); ///< where etc, run and var are
+    QString processesPath = QStringLiteral("/proc");
+    QString systemPath = QString(); ///< what stands before /etc, /run, /usr and /var
 };
 
 /** A check, under the title that its lines carry. It only looks, and may find several things or, fine, one. */
@@ -58,4 +60,4 @@ struct DoctorCheck
 [[nodiscard]] QList<Finding> checkDisplays(const DoctorInput &input);
 [[nodiscard]] QList<Finding> checkSocketDirectory(const DoctorInput &input);
 [[nodiscard]] QList<Finding> checkPortRange(const DoctorInput &input);
-[[nodiscard]] QList<Finding> checkLingering(const DoctorInput &input);
+[[nodiscard]] QList<Finding> checkLogout(const DoctorInput &input);

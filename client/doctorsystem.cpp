@@ -5,9 +5,7 @@
 #include "client/viewer.h"
 #include "support/filereader.h"
 
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QHostAddress>
 #include <QRegularExpression>
 #include <QStandardPaths>
@@ -71,25 +69,6 @@ QList<PortRange> readRanges(const QString &text)
         ranges.append({first, match.captured(2).isEmpty() ? first : match.captured(2).toInt()});
     }
     return ranges;
-}
-
-/** Whether logind ends the processes of users who have logged out; the last word of its files counts. */
-bool killsUserProcesses(const DoctorInput &input)
-{
-    const QDir folder(input.systemPath + u"/etc/systemd/logind.conf.d"_s);
-    QStringList paths = {input.systemPath + u"/etc/systemd/logind.conf"_s};
-    for (const QString &name : folder.entryList({u"*.conf"_s}, QDir::Files, QDir::Name)) {
-        paths.append(folder.filePath(name));
-    }
-    static const QRegularExpression form(u"(?m)^\\s*KillUserProcesses\\s*=\\s*(\\w+)"_s);
-    bool kills = false;
-    for (const QString &path : paths) {
-        for (const QRegularExpressionMatch &match : form.globalMatch(contents(path))) {
-            const QString value = match.captured(1).toLower();
-            kills = value == "yes"_L1 || value == "true"_L1 || value == "1"_L1 || value == "on"_L1;
-        }
-    }
-    return kills;
 }
 
 Finding programFinding(const QString &program, const QString &need, const QString &remedy, const DoctorInput &input)
@@ -207,20 +186,4 @@ QList<Finding> checkPortRange(const DoctorInput &input)
                         u"As root: sysctl -w net.ipv4.ip_local_reserved_ports=%1"_s.arg(range))};
     }
     return {fine(u"The ports %1 of the sessions are theirs"_s.arg(range))};
-}
-
-QList<Finding> checkLingering(const DoctorInput &input)
-{
-    if (!QFileInfo(input.systemPath + u"/run/systemd/system"_s).isDir()) {
-        return {fine(u"Nothing ends the processes of users who log out"_s)};
-    }
-    const QString user = qEnvironmentVariable("USER");
-    if (QFile::exists(input.systemPath + u"/var/lib/systemd/linger/"_s + user)) {
-        return {fine(u"The processes of %1 stay after a logout"_s.arg(user))};
-    }
-    if (killsUserProcesses(input)) {
-        return {failed(u"Sessions end when %1 logs out (KillUserProcesses)"_s.arg(user),
-                       u"loginctl enable-linger %1"_s.arg(user))};
-    }
-    return {fine(u"Processes stay after a logout"_s)};
 }

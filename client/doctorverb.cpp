@@ -8,6 +8,9 @@
 
 #include <QSettings>
 
+#include <pwd.h>
+#include <unistd.h>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -19,6 +22,12 @@ QVariantMap rawSettings(const QSettings &settings)
         values.insert(key, settings.value(key));
     }
     return values;
+}
+
+QString userName()
+{
+    const passwd *entry = ::getpwuid(::geteuid());
+    return entry ? QString::fromLocal8Bit(entry->pw_name) : qEnvironmentVariable("USER");
 }
 
 QString colouredLevel(Finding::Level level)
@@ -73,7 +82,8 @@ ExitCode DoctorVerb::run(const QCommandLineParser &line, ClientContext &context)
                             .rawSettings = rawSettings(settings),
                             .settingsPath = settings.fileName(),
                             .files = context.files,
-                            .searchPath = serverSearchPath()};
+                            .searchPath = serverSearchPath(),
+                            .userName = userName()};
     const bool asJson = line.isSet(u"json"_s);
     Json::Value all(Json::arrayValue);
     ExitCode code = ExitCode::Done;

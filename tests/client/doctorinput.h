@@ -37,8 +37,10 @@ public:
                 .settingsPath = path("settings.conf"),
                 .files = ServerFiles(settings.userPath),
                 .searchPath = path("bin"),
+                .userName = QStringLiteral("anna"),
                 .temporaryPath = path("tmp"),
                 .networkPath = path("net"),
+                .processesPath = path("proc"),
                 .systemPath = folder.path()};
     }
 

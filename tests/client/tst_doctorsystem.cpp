@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "client/serverprocess.h"
 #include "tests/client/doctorinput.h"
 #include "tests/client/impostor.h"
 #include "tests/engine/files.h"
@@ -159,29 +160,101 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void lingering()
+    void logout_data()
     {
-        const EnvironmentVariable user("USER", "anna");
-        const auto found = [this] { return texts(checkLingering(surroundings->input())).join(u'\n'); };
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<QString>("user");
+        QTest::addColumn<bool>("ends");
+        const QString main = u"etc/systemd/logind.conf"_s;
+        const auto row = [](const char *name, const QString &file, const QByteArray &text, bool ends,
+                            const QString &user = u"anna"_s) { QTest::newRow(name) << file << text << user << ends; };
+        row("comment", main, "[Login]\n#KillUserProcesses=yes\n", false);
+        row("yes", main, "[Login]\nKillUserProcesses=yes\n", true);
+        row("blanks", main, "[Login]\n KillUserProcesses = on \n", true);
+        row("other section", main, "[Other]\nKillUserProcesses=yes\n", false);
+        row("last word", main, "[Login]\nKillUserProcesses=yes\nKillUserProcesses=no\n", false);
+        row("folder of packages", u"usr/lib/systemd/logind.conf.d/a.conf"_s, "[Login]\nKillUserProcesses=yes\n", true);
+        row("folder of this run", u"run/systemd/logind.conf.d/a.conf"_s, "[Login]\nKillUserProcesses=yes\n", true);
+        row("root", main, "[Login]\nKillUserProcesses=yes\n", false, u"root"_s);
+        row("root with others excluded", main, "[Login]\nKillUserProcesses=yes\nKillExcludeUsers=eve\n", true,
+            u"root"_s);
+        row("nobody excluded", main, "[Login]\nKillUserProcesses=yes\nKillExcludeUsers=\n", true, u"root"_s);
+        row("excluded", main, "[Login]\nKillUserProcesses=yes\nKillExcludeUsers=eve anna\n", false);
+        row("only others", main, "[Login]\nKillUserProcesses=yes\nKillOnlyUsers=eve\n", false);
+        row("only some", main, "[Login]\nKillOnlyUsers=eve anna\n", true);
+    }
+    void logout()
+    {
+        QFETCH(QString, file);
+        QFETCH(QByteArray, text);
+        QFETCH(QString, user);
+        QFETCH(bool, ends);
+        DoctorInput input = surroundings->input();
+        input.userName = user;
+        const auto found = [&input] { return texts(checkLogout(input)).join(u'\n'); };
         QCOMPARE(found(), u"OK Nothing ends the processes of users who log out"_s);
         make("run/systemd/system");
         QCOMPARE(found(), u"OK Processes stay after a logout"_s);
-        make("etc/systemd/logind.conf.d");
-        putFile(surroundings->path("etc/systemd/logind.conf"), "[Login]\n#KillUserProcesses=yes\n");
-        QCOMPARE(found(), u"OK Processes stay after a logout"_s);
-        putFile(surroundings->path("etc/systemd/logind.conf"), "[Login]\nKillUserProcesses=yes\n");
-        QCOMPARE(found(), u"FAIL Sessions end when anna logs out (KillUserProcesses)"_s);
-        QVERIFY(haveRemedies(checkLingering(surroundings->input())));
-        putFile(surroundings->path("etc/systemd/logind.conf.d/own.conf"), "[Login]\n KillUserProcesses = no\n");
-        QCOMPARE(found(), u"OK Processes stay after a logout"_s);
-        putFile(surroundings->path("etc/systemd/logind.conf.d/own.conf"), "[Login]\nKillUserProcesses=on\n");
+        putBelow(file, text);
+        const QString end = u"FAIL Sessions end when %1 logs out (KillUserProcesses)"_s.arg(user);
+        QCOMPARE(found(), ends ? end : u"OK Processes stay after a logout"_s);
+        QVERIFY(haveRemedies(checkLogout(input)));
+        // A login's processes are ended whether its user lingers or not.
+        putBelow(u"var/lib/systemd/linger/"_s + user, "");
+        QCOMPARE(found(), ends ? end : u"OK Processes stay after a logout"_s);
+    }
+
+    void logoutSettingsOfTheSameName()
+    {
+        make("run/systemd/system");
+        putBelow(u"run/systemd/logind.conf.d/b.conf"_s, "[Login]\nKillUserProcesses=yes\n");
+        putBelow(u"etc/systemd/logind.conf.d/b.conf"_s, "");
+        QCOMPARE(texts(checkLogout(surroundings->input())), QStringList{u"OK Processes stay after a logout"_s});
+        putBelow(u"usr/lib/systemd/logind.conf.d/c.conf"_s, "[Login]\nKillUserProcesses=yes\n");
+        putBelow(u"etc/systemd/logind.conf.d/a.conf"_s, "[Login]\nKillUserProcesses=no\n");
+        QVERIFY(texts(checkLogout(surroundings->input())).first().startsWith(u"FAIL"_s)); // names count, not folders
+    }
+
+    void logoutWithoutAName()
+    {
+        make("run/systemd/system");
         make("var/lib/systemd/linger");
-        putFile(surroundings->path("var/lib/systemd/linger/anna"), "");
-        QCOMPARE(found(), u"OK The processes of anna stay after a logout"_s);
+        putBelow(u"etc/systemd/logind.conf"_s, "[Login]\nKillUserProcesses=yes\n");
+        DoctorInput input = surroundings->input();
+        input.userName.clear();
+        QVERIFY(texts(checkLogout(input)).first().startsWith(u"FAIL"_s));
+    }
+
+    void logoutOfAServerThatBelongsToNoLogin()
+    {
+        make("run/systemd/system");
+        putBelow(u"etc/systemd/logind.conf"_s, "[Login]\nKillUserProcesses=yes\n");
+        const Impostor impostor(serverEnvironment(u"anna"_s, u"/"_s));
+        QTRY_VERIFY(isServerProcess(impostor.pid()));
+        putFile(surroundings->path("zarvo/host/server_pid"), QByteArray::number(impostor.pid()));
+        putFile(surroundings->path("zarvo/host/server_port"), "1");
+        const QString group = u"proc/%1/cgroup"_s.arg(impostor.pid());
+        const auto found = [this] { return texts(checkLogout(surroundings->input())).join(u'\n'); };
+        putBelow(group, "0::/user.slice/user-1000.slice/session-3.scope\n");
+        QCOMPARE(found(), u"FAIL Sessions end when anna logs out (KillUserProcesses)"_s);
+        putBelow(group, "0::/user.slice/user-1000.slice/user@1000.service/app.slice/run-r1.scope\n");
+        QCOMPARE(found(), u"FAIL The server ends with the last login of anna, which does not linger"_s);
+        QVERIFY(haveRemedies(checkLogout(surroundings->input())));
+        putBelow(u"var/lib/systemd/linger/anna"_s, "");
+        QCOMPARE(found(), u"OK The server does not belong to a login, and stays after a logout"_s);
     }
 
 private:
     void make(const char *name) const { QVERIFY(QDir().mkpath(surroundings->path(name))); }
+
+    /** A file below the surroundings, with the folders on its way. */
+    void putBelow(const QString &name, const QByteArray &text) const
+    {
+        const QString path = surroundings->path(name.toUtf8().constData());
+        QVERIFY(QDir().mkpath(QFileInfo(path).path()));
+        putFile(path, text);
+    }
 
     void putProgram(const char *name) const
     {
