@@ -2,12 +2,15 @@
 #include "client/connectverb.h"
 
 #include "client/connectionoffer.h"
+#include "client/interruption.h"
 #include "client/offering.h"
 #include "client/remotehost.h"
 #include "client/sessionstarter.h"
 #include "client/sessiontarget.h"
 #include "client/tunnel.h"
 #include "client/viewer.h"
+
+#include <optional>
 
 using namespace Qt::StringLiterals;
 
@@ -29,6 +32,9 @@ public:
         return checkUsage(failure) && (prints || viewer.find(failure)) &&
                context.connectToServer(startMode(line), failure) && makeOffer(failure) && show(failure);
     }
+
+    /** Whether the user has had enough. */
+    [[nodiscard]] bool isInterrupted() const { return interruption && interruption->hasCome(); }
 
 private:
     bool checkUsage(Failure *failure) const
@@ -93,6 +99,7 @@ private:
                         u"Session %1 is elsewhere, and its location names no host to reach with ssh: \"%2\"."_s.arg(
                             session.id, session.location));
         }
+        interruption.emplace();
         return remote->requestOffer(session.id, &offer, failure);
     }
 
@@ -117,7 +124,8 @@ private:
     ClientContext &context;
     const bool prints;
     Viewer viewer;
-    std::unique_ptr<RemoteHost> remote; ///< set for a session elsewhere
+    std::optional<Interruption> interruption; ///< set while there is something to clean up
+    std::unique_ptr<RemoteHost> remote;       ///< set for a session elsewhere
     ConnectionOffer offer;
 };
 
@@ -150,5 +158,9 @@ QList<QCommandLineOption> ConnectVerb::options() const
 ExitCode ConnectVerb::run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
-    return Connecting(line, context).run(&failure) ? ExitCode::Done : context.console.report(failure);
+    Connecting connecting(line, context);
+    if (connecting.run(&failure)) {
+        return ExitCode::Done;
+    }
+    return connecting.isInterrupted() ? failure.code : context.console.report(failure);
 }

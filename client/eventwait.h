@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "client/interruption.h"
+
 #include <QEventLoop>
 #include <QTimer>
 
@@ -11,8 +13,8 @@
 inline constexpr std::chrono::milliseconds kNoDeadline{-1};
 
 /**
- * Runs an event loop until something calls wake() and the condition holds, or the time is over. Timers, sockets
- * and child processes are served meanwhile. Lives on the stack; used on the main thread.
+ * Runs an event loop until something calls wake() and the condition holds, the time is over, or an Interruption comes.
+ * Timers, sockets and child processes are served meanwhile. Lives on the stack; used on the main thread.
  */
 class EventWait
 {
@@ -34,10 +36,14 @@ public:
         QTimer timer;
         timer.setSingleShot(true);
         bool isOver = false;
-        QObject::connect(&timer, &QTimer::timeout, &loop, [this, &isOver] {
+        const auto end = [this, &isOver] {
             isOver = true;
             loop.quit();
-        });
+        };
+        QObject::connect(&timer, &QTimer::timeout, &timer, end);
+        if (const Interruption *interruption = Interruption::current()) {
+            QObject::connect(interruption, &Interruption::came, &timer, end);
+        }
         if (timeout >= std::chrono::milliseconds::zero()) {
             timer.start(timeout);
         }

@@ -2,6 +2,7 @@
 #include "client/screenshotverb.h"
 
 #include "client/childrun.h"
+#include "client/interruption.h"
 #include "client/progress.h"
 #include "client/serverlauncher.h"
 #include "support/filereader.h"
@@ -47,6 +48,7 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
     }
     const QString part = u"%1.%2.part"_s.arg(path, QString::number(::getpid()));
     const QString program = QDir(bundledProgramsPath()).filePath(u"take-screenshot"_s);
+    const Interruption interruption;
     const Progress progress(u"Taking a picture"_s);
     ChildRun child;
     const bool ended = child.run({program, display, QDir(directory).filePath(u"authority"_s), part}, kTimeout);
@@ -55,6 +57,9 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
         return true;
     }
     QFile::remove(part);
+    if (interruption.hasCome()) {
+        return fail(failure, ExitCode::SessionFailed, {});
+    }
     if (!ended) {
         return fail(failure, child.timedOut() ? ExitCode::TimedOut : ExitCode::SessionFailed,
                     u"There is no picture: %1."_s.arg(child.problem()));

@@ -106,7 +106,9 @@ bool Viewer::run(quint16 port, const QString &password, Failure *failure)
     process.start(command.first(),
                   command.sliced(1) + QStringList{u"-passwd"_s, passwordFile.path(), u"127.0.0.1::%1"_s.arg(port)});
     // As long as its user likes: this is no wait for an answer.
-    [[maybe_unused]] const bool always = wait.run(kNoDeadline);
+    if (!wait.run(kNoDeadline)) {
+        return fail(failure, ExitCode::NoViewer, {}); // interrupted; the end of the object is that of the viewer
+    }
     if (process.error() == QProcess::FailedToStart) {
         return fail(failure, ExitCode::NoViewer,
                     u"The viewer \"%1\" does not start: %2."_s.arg(command.first(), process.errorString()));

@@ -6,6 +6,7 @@ import json
 import os
 import shlex
 import shutil
+import signal
 import socket
 import ssl
 import subprocess
@@ -146,6 +147,33 @@ class Remote(ctl.CtlTestCase):
         self.wait_state(self.far, started["id"], "connected")
         self.ctl(self.far, "suspend")
         self.assertEqual(process.wait(zarvo.DEADLINE), DONE, process.stderr.read())
+
+    def test_interrupt_leaves_nothing_behind(self):
+        started = self.start(self.far)
+        self.list_far_sessions()
+        seen = os.path.join(self.near.top, "viewer-pid")
+        self.near.install_program("the-viewer", f'echo $$ > "{seen}~" && mv "{seen}~" "{seen}"\nexec sleep 1000\n')
+        environment = {**self.environment, "ZARVO_VIEWER": "the-viewer"}
+        process = self.background(self.near, "connect", started["id"], environment=environment)
+        zarvo.wait_until(lambda: os.path.exists(seen), "the viewer")
+        (folder,) = (name for name in os.listdir(self.near.temp) if name.startswith("zarvoctl-"))
+        master = os.path.join(self.near.temp, folder, "ssh")
+        self.assertTrue(os.path.exists(master))
+        process.send_signal(signal.SIGINT)
+        self.assertEqual(process.wait(zarvo.DEADLINE), -signal.SIGINT)
+        self.assertEqual(process.stderr.read(), "")
+        self.assertFalse(os.path.exists(os.path.dirname(master)))
+        viewer = int(zarvo.read(seen))
+        zarvo.wait_until(lambda: not zarvo.alive(viewer), "the end of the viewer")
+        zarvo.wait_until(lambda: master not in self.command_lines(), "the end of the shared connection")
+
+    @staticmethod
+    def command_lines():
+        lines = []
+        for entry in filter(str.isdigit, os.listdir("/proc")):
+            with contextlib.suppress(OSError):
+                lines.append(zarvo.read(f"/proc/{entry}/cmdline"))
+        return "\n".join(lines)
 
     def test_print(self):
         started = self.start(self.far)

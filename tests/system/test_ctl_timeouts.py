@@ -66,6 +66,13 @@ class Patience(ctl.CtlTestCase):
         session = self.start(server, "--geometry", "640x480", "xterm")["id"]
         self.pause(self.x_server(server, session))
         path = os.path.join(server.top, "picture.png")
+        process = self.background(server, "screenshot", session, path)
+        zarvo.wait_until(lambda: self.child(process.pid), "the program that takes the picture")
+        child = self.child(process.pid)
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(zarvo.DEADLINE), -signal.SIGTERM)
+        zarvo.wait_until(lambda: not zarvo.alive(child), "its end")
+        self.assertFalse(any(name.startswith("picture") for name in os.listdir(server.top)))
 
         def wait():
             self.assertIn("did not end in time", self.ctl_error(server, "screenshot", session, path, code=TIMED_OUT))
@@ -83,6 +90,11 @@ class Patience(ctl.CtlTestCase):
             self.assertEqual(result.stderr, f"zarvoctl: A server of USER={server.user} runs already with other files "
                                             f"(process {server.pid}).\n")
         return wait
+
+    @staticmethod
+    def child(pid):
+        children = zarvo.read(f"/proc/{pid}/task/{pid}/children").split()
+        return int(children[0]) if children else None
 
     def pause(self, pid):
         os.kill(pid, signal.SIGSTOP)
