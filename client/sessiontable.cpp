@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <numeric>
 
 using namespace Qt::StringLiterals;
 
@@ -12,12 +13,17 @@ namespace {
 
 enum Column { Id, Name, Where, Mode, State, Started, LastConnected, ColumnCount };
 
+using Widths = std::array<int, ColumnCount>; ///< 0: the column is left out
+
 using Row = std::array<QString, ColumnCount>;
 
 constexpr int kGap = 2;
 
 /** A terminal so narrow that less is left for the name gets lines that are cut at their end instead. */
 constexpr int kMinNameWidth = 8;
+
+/** More of a host's name than this is shown only where there is room. */
+constexpr int kMinWhereWidth = 16;
 
 /** To the minute; the year matters only to sessions of earlier ones, but a column of one form reads best. */
 QString shortTime(const QString &time)
@@ -27,8 +33,12 @@ QString shortTime(const QString &time)
 
 QString where(const SessionEntry &entry, const QString &localHost)
 {
+    if (entry.location.isEmpty()) {
+        return localHost;
+    }
+    // Somebody else's session in any case, also when its location makes no sense.
     const QString host = entry.host();
-    return host.isEmpty() ? localHost : host;
+    return host.isEmpty() ? u"?"_s : host;
 }
 
 Row titles()
@@ -43,9 +53,9 @@ Row cells(const SessionEntry &entry, const QString &localHost, int idLength)
             shortTime(entry.lastConnect)};
 }
 
-std::array<int, ColumnCount> columnWidths(const QList<Row> &rows)
+Widths columnWidths(const QList<Row> &rows)
 {
-    std::array<int, ColumnCount> widths{};
+    Widths widths{};
     for (const Row &row : rows) {
         for (int column = 0; column < ColumnCount; ++column) {
             widths[column] = std::max(widths[column], displayWidth(row[column]));
@@ -54,14 +64,36 @@ std::array<int, ColumnCount> columnWidths(const QList<Row> &rows)
     return widths;
 }
 
-/** The name gives way first, for it is the one that gets long and the one of which a part is enough. */
-void fitName(std::array<int, ColumnCount> *widths, int width)
+int lineWidth(const Widths &widths)
 {
-    int others = kGap * (ColumnCount - 1);
-    for (int column = 0; column < ColumnCount; ++column) {
-        others += column == Name ? 0 : (*widths)[column];
+    const int columns = static_cast<int>(std::count_if(widths.begin(), widths.end(), [](int w) { return w > 0; }));
+    return std::accumulate(widths.begin(), widths.end(), kGap * (columns - 1));
+}
+
+/** Takes from a column what the line is too long, down to @p least. */
+void narrow(Widths *widths, Column column, int least, int width)
+{
+    const int excess = std::max(0, lineWidth(*widths) - width);
+    (*widths)[column] = std::min((*widths)[column], std::max(least, (*widths)[column] - excess));
+}
+
+/**
+ * The name gives way first, for it is the one that gets long and the one of which a part is enough; then the host's
+ * name, and then the times, which are left out. The state is what people look for.
+ */
+Widths fitted(Widths whole, int width)
+{
+    Widths widths = whole;
+    for (const Column next : {LastConnected, Started, ColumnCount}) {
+        widths = whole;
+        narrow(&widths, Name, kMinNameWidth, width);
+        narrow(&widths, Where, kMinWhereWidth, width);
+        if (lineWidth(widths) <= width || next == ColumnCount) {
+            break;
+        }
+        whole[next] = 0;
     }
-    (*widths)[Name] = std::min((*widths)[Name], std::max(kMinNameWidth, width - others));
+    return widths;
 }
 
 const char *colourOf(SessionState state)
@@ -104,7 +136,7 @@ public:
         , width(width_)
     {
         if (width > 0) {
-            fitName(&widths, width);
+            widths = fitted(widths, width);
         }
     }
 
@@ -116,6 +148,9 @@ public:
             if (column == State) {
                 *stateStart = text.size();
             }
+            if (widths[column] == 0) {
+                continue;
+            }
             text += padded(elided(row[column], widths[column]), widths[column]) + QString(kGap, u' ');
         }
         text = trimmedEnd(text);
@@ -123,7 +158,7 @@ public:
     }
 
 private:
-    std::array<int, ColumnCount> widths;
+    Widths widths;
     int width;
 };
 

@@ -45,6 +45,44 @@ private slots:
         QCOMPARE(displayWidth(line.chopped(1)), 80);
     }
 
+    void aLongHostLeavesTheState()
+    {
+        SessionEntry far = makeSession(u"1"_s, u"name"_s);
+        far.location = u"ssh://me@%1/"_s.arg(QString(63, u'h'));
+        const SessionList sessions = {far, makeSession(u"2"_s, QString(100, u'n'))};
+        for (const int width : {60, 80, 100, 133}) {
+            const QStringList lines =
+                sessionTable(sessions, {.width = width, .localHost = u"here"_s}).split(u'\n', Qt::SkipEmptyParts);
+            for (const QString &line : lines.sliced(1)) {
+                QVERIFY2(line.contains(u"suspended"_s), qPrintable(line));
+                QVERIFY2(displayWidth(line) <= width, qPrintable(line));
+            }
+            QVERIFY2(lines[1].contains(u"hhhhhh"_s), qPrintable(lines[1]));
+        }
+        const QString narrow = sessionTable(sessions, {.width = 60, .localHost = u"here"_s});
+        QVERIFY(!narrow.contains(u"STARTED"_s));
+        QVERIFY(sessionTable(sessions, {.localHost = u"here"_s}).contains(QString(63, u'h'))); // no terminal
+    }
+
+    void timesAreLeftOutBeforeTheState()
+    {
+        const SessionList sessions = {makeSession(u"1"_s, QString(100, u'n'))};
+        const QString middle = sessionTable(sessions, {.width = 65, .localHost = u"here"_s});
+        QVERIFY2(middle.contains(u"STARTED"_s) && !middle.contains(u"LAST"_s), qPrintable(middle));
+        const QString narrow = sessionTable(sessions, {.width = 45, .localHost = u"here"_s});
+        QVERIFY2(narrow.contains(u"suspended\n"_s) && !narrow.contains(u"STARTED"_s), qPrintable(narrow));
+        QCOMPARE(displayWidth(narrow.section(u'\n', 1, 1)), 45); // the name takes what is left
+    }
+
+    void senselessLocationIsNotThisHost()
+    {
+        SessionEntry entry = makeSession(u"1"_s, u"name"_s);
+        for (const char *location : {"ssh://-oProxyCommand=x;y z/", "ssh://a b/", "nonsense", "ssh:///x"}) {
+            entry.location = QString::fromLatin1(location);
+            QCOMPARE(plainSessionTable({entry}, u"here"_s).section(u'\t', 2, 2), u"?"_s);
+        }
+    }
+
     void colour()
     {
         const SessionList sessions = {makeSession(u"1"_s, u"a"_s, u"disconnect"_s)};
