@@ -5,7 +5,7 @@
 
 #include <QElapsedTimer>
 
-#include <algorithm>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -36,6 +36,12 @@ void SessionFollower::Client_sessionsUpdated(const Json::Value &value)
     }
 }
 
+void SessionFollower::wake()
+{
+    isWoken = true;
+    emit woken();
+}
+
 SessionFollower::Event SessionFollower::next(std::chrono::milliseconds timeout, SessionList *sessions, Failure *failure)
 {
     RpcClient &client = context->client;
@@ -46,6 +52,9 @@ SessionFollower::Event SessionFollower::next(std::chrono::milliseconds timeout, 
             return Event::Lost;
         }
         if (!reconnect(timeout, failure)) {
+            if (std::exchange(isWoken, false)) {
+                return Event::Woken;
+            }
             return failure->code == ExitCode::TimedOut ? Event::TimedOut : Event::Failed;
         }
         toldLoss = false;
@@ -53,11 +62,15 @@ SessionFollower::Event SessionFollower::next(std::chrono::milliseconds timeout, 
     if (!knowsList) {
         return takeFirstList(sessions, failure);
     }
-    EventWait wait([this, &client] { return !lists.isEmpty() || !client.isConnected(); });
+    EventWait wait([this, &client] { return !lists.isEmpty() || !client.isConnected() || isWoken; });
+    connect(this, &SessionFollower::woken, wait.context(), [&wait] { wait.wake(); });
     connect(&client, &RpcClient::sessionsUpdated, wait.context(), [&wait] { wait.wake(); });
     connect(&client, &RpcClient::progressed, wait.context(), [&wait] { wait.wake(); });
     if (!wait.run(timeout)) {
         return Event::TimedOut;
+    }
+    if (std::exchange(isWoken, false)) {
+        return Event::Woken;
     }
     if (lists.isEmpty()) {
         toldLoss = true;
@@ -94,15 +107,16 @@ bool SessionFollower::reconnect(std::chrono::milliseconds timeout, Failure *fail
     elapsed.start();
     lists.clear();
     while (!context->connectToServer(ServerConnector::Start::Forbidden, failure)) {
-        if (failure->code != ExitCode::NoServer || isOver(patience, elapsed)) {
+        if (isWoken || failure->code != ExitCode::NoServer || isOver(patience, elapsed)) {
             return false;
         }
         if (isOver(timeout, elapsed)) {
             failure->code = ExitCode::TimedOut;
             return false;
         }
-        EventWait pause([] { return false; });
-        [[maybe_unused]] const bool never = pause.run(kRetryInterval);
+        EventWait pause([this] { return isWoken; });
+        connect(this, &SessionFollower::woken, pause.context(), [&pause] { pause.wake(); });
+        [[maybe_unused]] const bool isEnded = pause.run(kRetryInterval);
     }
     return true;
 }

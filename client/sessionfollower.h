@@ -26,11 +26,18 @@ public:
         List,     ///< the sessions are set
         Lost,     ///< the connection is lost; call again to look for the server
         TimedOut, ///< nothing came in time
+        Woken,    ///< somebody has called wake()
         Failed,   ///< patience is over, or the server cannot be used; the failure is set
     };
 
     /** The next thing that happens. The first one is the list as it is now. */
     [[nodiscard]] Event next(std::chrono::milliseconds timeout, SessionList *sessions, Failure *failure);
+
+    /** Ends the wait that goes on, or the next one. */
+    void wake();
+
+signals:
+    void woken();
 
 private:
     void Client_sessionsUpdated(const Json::Value &value);
@@ -42,4 +49,5 @@ private:
     QList<SessionList> lists; ///< what has arrived and was not taken yet, oldest first
     bool knowsList = false;   ///< a list has been taken over this connection
     bool toldLoss = false;
+    bool isWoken = false;
 };

@@ -77,6 +77,7 @@ ExitCode follow(ClientContext &context, const SessionEntry &session, const Goal 
             }
             break;
         case SessionFollower::Event::Lost:
+        case SessionFollower::Event::Woken:
             break;
         case SessionFollower::Event::TimedOut:
             failure->text = u"It did not happen in time."_s;

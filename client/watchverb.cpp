@@ -5,9 +5,16 @@
 #include "client/sessionfollower.h"
 #include "client/sessiontable.h"
 
+#include <QSocketNotifier>
 #include <QTime>
 
 #include <algorithm>
+#include <csignal>
+#include <memory>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -29,6 +36,56 @@ void drawTable(Console &console, const SessionList &sessions)
     console.print(u"\x1b[H\x1b[J"_s + lines.join(u'\n') + u'\n');
 }
 
+/**
+ * Wakes the follower when the terminal has another size, which a signal tells, and when nobody reads the output any
+ * more, which a program that has nothing to write would not notice.
+ */
+class OutputWatch
+{
+public:
+    explicit OutputWatch(SessionFollower *follower)
+        : reader(STDOUT_FILENO, QSocketNotifier::Exception)
+    {
+        QObject::connect(&reader, &QSocketNotifier::activated, follower, [this, follower] {
+            pollfd state = {STDOUT_FILENO, 0, 0};
+            isGone = ::poll(&state, 1, 0) == 1 && (state.revents & (POLLERR | POLLHUP)) != 0;
+            reader.setEnabled(false);
+            follower->wake();
+        });
+        sigset_t resize;
+        ::sigemptyset(&resize);
+        ::sigaddset(&resize, SIGWINCH);
+        ::sigprocmask(SIG_BLOCK, &resize, nullptr);
+        descriptor = ::signalfd(-1, &resize, SFD_CLOEXEC | SFD_NONBLOCK);
+        if (descriptor == -1) {
+            return;
+        }
+        size = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
+        QObject::connect(size.get(), &QSocketNotifier::activated, follower, [this, follower] {
+            signalfd_siginfo ignored = {};
+            while (::read(descriptor, &ignored, sizeof ignored) > 0) {
+            }
+            follower->wake();
+        });
+    }
+    ~OutputWatch()
+    {
+        size.reset();
+        if (descriptor != -1) {
+            ::close(descriptor);
+        }
+    }
+    Q_DISABLE_COPY_MOVE(OutputWatch)
+
+    [[nodiscard]] bool isUnread() const { return isGone; }
+
+private:
+    QSocketNotifier reader;
+    std::unique_ptr<QSocketNotifier> size;
+    int descriptor = -1;
+    bool isGone = false;
+};
+
 void printChanges(Console &console, const SessionList &before, const SessionList &after)
 {
     for (const SessionChange &change : sessionChanges(before, after)) {
@@ -39,6 +96,7 @@ void printChanges(Console &console, const SessionList &before, const SessionList
 ExitCode follow(ClientContext &context, Failure *failure)
 {
     SessionFollower follower(&context, kNoDeadline);
+    const OutputWatch output(&follower);
     SessionList shown;
     for (;;) {
         SessionList sessions;
@@ -56,6 +114,15 @@ ExitCode follow(ClientContext &context, Failure *failure)
             break;
         case SessionFollower::Event::Lost:
             context.console.note(u"The server has gone; waiting for one."_s);
+            break;
+        case SessionFollower::Event::Woken:
+            if (output.isUnread()) {
+                return ExitCode::Done;
+            }
+            if (Console::outputIsTerminal()) {
+                drawTable(context.console, shown);
+                [[maybe_unused]] const bool isWritten = context.console.flush();
+            }
             break;
         case SessionFollower::Event::TimedOut:
             break;

@@ -161,6 +161,22 @@ private slots:
         QCOMPARE(next(&follower), ""_ba);
     }
 
+    void wakingEndsAnyWait()
+    {
+        SessionFollower follower(context.get(), kNoDeadline);
+        QCOMPARE(next(&follower), ""_ba);
+        follower.wake(); // before the wait
+        QCOMPARE(next(&follower), "woken"_ba);
+        QTimer::singleShot(50ms, &follower, &SessionFollower::wake);
+        QCOMPARE(next(&follower), "woken"_ba);
+        stopServer();
+        QCOMPARE(next(&follower), "lost"_ba);
+        QTimer::singleShot(50ms, &follower, &SessionFollower::wake);
+        QCOMPARE(next(&follower), "woken"_ba);
+        startServer();
+        QCOMPARE(next(&follower), ""_ba);
+    }
+
     void anotherProgramInThePlaceOfTheServer()
     {
         SessionFollower follower(context.get(), kNoDeadline);
@@ -218,6 +234,8 @@ private:
             return "lost";
         case SessionFollower::Event::TimedOut:
             return "timed out";
+        case SessionFollower::Event::Woken:
+            return "woken";
         case SessionFollower::Event::Failed:
             return "failed";
         case SessionFollower::Event::List:

@@ -52,6 +52,24 @@ class Watch(ctl.CtlTestCase):
         self.assertEqual(process.stderr.read(), "")
 
 
+    def test_reader_that_goes_while_nothing_happens(self):
+        server = self.server()
+        process = self.background(server, "watch")
+        self.assert_waits(server, process)
+        process.stdout.close()
+        self.assertEqual(process.wait(zarvo.DEADLINE), DONE)
+        self.assertEqual(process.stderr.read(), "")
+
+    def test_reader_that_goes_while_the_server_is_away(self):
+        server = self.server()
+        process = self.background(server, "watch")
+        self.assert_waits(server, process)
+        server.stop()
+        self.assertIn("The server has gone", process.stderr.readline())
+        process.stdout.close()
+        self.assertEqual(process.wait(zarvo.DEADLINE), DONE)
+
+
 class Wait(ctl.CtlTestCase):
     def test_states(self):
         server = self.server()
@@ -112,7 +130,6 @@ class Wait(ctl.CtlTestCase):
         self.assert_waits(server, process)
         server.stop()
         self.assertEqual(process.wait(zarvo.DEADLINE), TIMED_OUT)
-
 
 
 class Logs(ctl.CtlTestCase):
