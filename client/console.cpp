@@ -16,9 +16,24 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-void writeTo(std::FILE *stream, const QByteArray &bytes)
+bool writeTo(std::FILE *stream, const QByteArray &bytes)
 {
-    std::fwrite(bytes.constData(), 1, static_cast<size_t>(bytes.size()), stream);
+    const auto size = static_cast<size_t>(bytes.size());
+    return std::fwrite(bytes.constData(), 1, size, stream) == size;
+}
+
+/** The same without what a terminal would obey, but for what makes lines and columns. */
+QString printableLines(const QString &text)
+{
+    QStringList lines = text.split(u'\n');
+    for (QString &line : lines) {
+        QStringList columns = line.split(u'\t');
+        for (QString &column : columns) {
+            column = printable(column);
+        }
+        line = columns.join(u'\t');
+    }
+    return lines.join(u'\n');
 }
 
 winsize terminalSize()
@@ -34,25 +49,30 @@ winsize terminalSize()
 
 void Console::print(const QString &text)
 {
-    writeTo(stdout, text.toUtf8());
+    write(text.toUtf8());
+}
+
+void Console::printForeign(const QString &text)
+{
+    print(outputIsTerminal() ? printableLines(text) : text);
 }
 
 void Console::printJson(const Json::Value &value)
 {
-    writeTo(stdout, writeJson(value));
+    write(writeJson(value));
 }
 
 void Console::note(const QString &text)
 {
     // What was printed before comes first, also when both streams lead to the same place.
     std::fflush(stdout);
-    writeTo(stderr, (text + u'\n').toUtf8());
+    [[maybe_unused]] const bool isWritten = writeTo(stderr, (text + u'\n').toUtf8());
 }
 
 ExitCode Console::report(const Failure &failure)
 {
     if (!failure.text.isEmpty()) {
-        note(u"zarvoctl: "_s + failure.text);
+        note(u"zarvoctl: "_s + printableLines(failure.text));
     }
     return failure.code;
 }
@@ -60,11 +80,26 @@ ExitCode Console::report(const Failure &failure)
 bool Console::flush()
 {
     errno = 0;
-    const bool isWritten = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
-    if (!isWritten && firstWriteError == 0) {
+    if (std::fflush(stdout) != 0) {
+        recordWriteError();
+    }
+    return firstWriteError == 0;
+}
+
+void Console::write(const QByteArray &bytes)
+{
+    // Large output reaches the system before flush() does, and only this moment knows why it does not.
+    errno = 0;
+    if (!writeTo(stdout, bytes)) {
+        recordWriteError();
+    }
+}
+
+void Console::recordWriteError()
+{
+    if (firstWriteError == 0) {
         firstWriteError = errno != 0 ? errno : EIO;
     }
-    return isWritten;
 }
 
 bool Console::inputIsTerminal()
@@ -100,10 +135,10 @@ bool Console::useColour()
 bool Console::confirm(const QString &question)
 {
     std::fflush(stdout);
-    writeTo(stderr, (question + u" [y/N] "_s).toUtf8());
+    std::fputs((question + u" [y/N] "_s).toUtf8().constData(), stderr);
     std::array<char, 64> line{};
     if (!std::fgets(line.data(), line.size(), stdin)) {
-        writeTo(stderr, "\n");
+        std::fputs("\n", stderr);
         return false;
     }
     const QByteArray answer = QByteArray(line.data()).trimmed().toLower();

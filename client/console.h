@@ -18,19 +18,25 @@ public:
     void print(const QString &text);
     void printLine(const QString &text) { print(text + u'\n'); }
 
+    /** The same for text that other programs have written: on a terminal it loses what that would obey. */
+    void printForeign(const QString &text);
+
     /** Writes @p value to standard output, on one line. */
     void printJson(const Json::Value &value);
 
     /** Writes a line to standard error. */
     void note(const QString &text);
 
-    /** Tells the user why something failed, and returns the exit code for it. */
+    /**
+     * Tells the user why something failed, and returns the exit code for it. What others have put into the sentence
+     * loses what a terminal would obey.
+     */
     ExitCode report(const Failure &failure);
 
     /** Writes what is still buffered; false when standard output took less than everything, now or earlier. */
     [[nodiscard]] bool flush();
 
-    /** The system's number for the reason of the first failed flush(); 0 when there was none. */
+    /** The system's number for the reason of the first output that was not taken; 0 when there was none. */
     [[nodiscard]] int writeError() const { return firstWriteError; }
 
     [[nodiscard]] static bool inputIsTerminal();
@@ -50,5 +56,8 @@ public:
     [[nodiscard]] bool confirm(const QString &question);
 
 private:
+    void write(const QByteArray &bytes);
+    void recordWriteError();
+
     int firstWriteError = 0;
 };

@@ -40,6 +40,6 @@ ExitCode LogsVerb::run(const QCommandLineParser &line, ClientContext &context)
     if (!readTail(QDir(directory).filePath(isApp ? u"app_log"_s : u"server_log"_s), lines, &text, &error)) {
         return context.console.report({ExitCode::SessionFailed, error + u'.'});
     }
-    context.console.print(isApp ? text : withoutPasswords(text));
+    context.console.printForeign(isApp ? text : withoutPasswords(text));
     return ExitCode::Done;
 }

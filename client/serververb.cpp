@@ -113,7 +113,7 @@ ExitCode log(const QCommandLineParser &line, ClientContext &context)
     if (!readTail(context.files.logPath(), lines, &text, &error)) {
         return context.console.report({ExitCode::NoServer, error + u'.'});
     }
-    context.console.print(text);
+    context.console.printForeign(text);
     return ExitCode::Done;
 }
 

@@ -17,11 +17,15 @@ class Terminal:
 
     def __init__(self, environment, *command, columns=80, rows=24):
         self.master, slave = pty.openpty()
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        self.resize(columns, rows)
         self.process = subprocess.Popen(command, stdin=slave, stdout=slave, stderr=slave,
                                         env={"TERM": "xterm", **environment})
         os.close(slave)
         self.text = ""
+
+    def resize(self, columns, rows):
+        """The program is told by SIGWINCH, which comes by itself only to one in the foreground of its session."""
+        fcntl.ioctl(self.master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
 
     def read_some(self, timeout):
         if not select.select([self.master], [], [], timeout)[0]:

@@ -213,6 +213,14 @@ class Remote(ctl.CtlTestCase):
         self.list_far_sessions(location="ssh://-oProxyCommand=true/x")
         error = self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=WRONG_STATE)
         self.assertIn("names no host", error)
+        self.assertIn("\t?\t", self.ctl(self.near, "list", "--plain"))
+
+    def test_location_reaches_no_terminal(self):
+        self.start(self.far)
+        self.list_far_sessions(location="nonsense \x1b[31m\x07")
+        error = self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=WRONG_STATE)
+        self.assertIn("names no host", error)
+        self.assertNotRegex(error, "[\x1b\x07]")
 
     def test_other_verbs_say_where_it_is(self):
         started = self.start(self.far)

@@ -6,7 +6,7 @@ import subprocess
 import unittest
 
 import zarvo
-from ctl import AMBIGUOUS, CTL, FAILED, NEGATIVE, NO_SESSION, USAGE, WRONG_STATE, CtlTestCase
+from ctl import AMBIGUOUS, CTL, DONE, FAILED, NEGATIVE, NO_SESSION, USAGE, WRONG_STATE, CtlTestCase
 
 
 class Listing(CtlTestCase):
@@ -41,6 +41,23 @@ class Listing(CtlTestCase):
         for _ in range(4):
             self.start(server, name)
         self.assertEqual([entry["name"] for entry in self.ctl_json(server, "list")], [name] * 4)
+
+    def test_large_output_that_nobody_reads(self):
+        server = self.server(displays=40)
+        for _ in range(2):
+            self.start(server, "x" * 30000)
+        for output, code, text in (("/dev/full", NEGATIVE, "No space left on device"), (None, DONE, "")):
+            with self.subTest(output):
+                read, write = os.pipe()
+                os.close(read)
+                if output:
+                    os.close(write)
+                    write = os.open(output, os.O_WRONLY)
+                result = subprocess.run([CTL, "list", "--json"], env=server.environment, stdout=write,
+                                        stderr=subprocess.PIPE, text=True, timeout=zarvo.DEADLINE)
+                os.close(write)
+                self.assertEqual(result.returncode, code, result.stderr)
+                self.assertTrue(text in result.stderr if text else not result.stderr, result.stderr)
 
     def test_names_reach_no_terminal(self):
         server = self.server()

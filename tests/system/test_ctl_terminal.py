@@ -2,6 +2,7 @@
 """zarvoctl on a terminal: colour, width, progress, questions, the live table."""
 import os
 import re
+import signal
 import unicodedata
 import unittest
 
@@ -103,8 +104,31 @@ class OnTerminal(ctl.CtlTestCase):
             return "first" not in screen() and screen().count("\n") == 4
         zarvo.wait_until(is_last, "a table without the first session, cut to the height of the terminal")
         self.assertTrue(screen().startswith("Sessions at "))
+        self.assertIn("LAST CONNECTED", screen())
+        terminal.resize(columns=50, rows=5)
+        terminal.process.send_signal(signal.SIGWINCH)
+
+        def is_redrawn():
+            terminal.read_some(0.05)
+            return "LAST CONNECTED" not in screen() and screen().count("\n") == 4
+        zarvo.wait_until(is_redrawn, "a table that fits the smaller terminal")
         terminal.process.send_signal(2)
         self.assertEqual(terminal.finish()[0], -2)
+
+
+    def test_text_of_others_reaches_no_terminal(self):
+        server = self.server()
+        session = self.start(server)["id"]
+        for path in (os.path.join(server.directory(session), "server_log"), server.log_file):
+            with open(path, "a", encoding="utf-8") as file:
+                file.write("a\tb \x1b[31mred\n")
+        for arguments in (("logs", session), ("server", "log", "-n", "0")):
+            with self.subTest(arguments):
+                _, text = self.terminal(server, *arguments).finish()
+                self.assertRegex(text, "a +b \ufffd\\[31mred\n|a\tb \ufffd\\[31mred\n")
+                self.assertNotIn("\x1b", text)
+                self.assertIn("a\tb \x1b[31mred\n", self.ctl(server, *arguments))
+        self.assertNotIn("\x1b", self.ctl_result(server, "connect", "--print", "\x1b[31m").stderr)
 
 
 if __name__ == "__main__":
