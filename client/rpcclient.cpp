@@ -7,6 +7,7 @@
 #include <QNetworkProxy>
 #include <QSslConfiguration>
 
+#include <algorithm>
 #include <utility>
 
 using namespace Qt::StringLiterals;
@@ -73,7 +74,7 @@ RpcClient::Outcome RpcClient::connectTo(quint16 port, const Credentials &credent
         wait.wake();
     });
     socket.connectToHostEncrypted(u"127.0.0.1"_s, port);
-    if (!wait.run(timeout)) {
+    if (!wait.run(limited(timeout))) {
         socket.abort();
         *error = u"What listens on port %1 does not answer"_s.arg(port);
         return Outcome::TimedOut;
@@ -88,6 +89,11 @@ RpcClient::Outcome RpcClient::connectTo(quint16 port, const Credentials &credent
     }
     lossReason.reset();
     return Outcome::Connected;
+}
+
+std::chrono::milliseconds RpcClient::limited(std::chrono::milliseconds timeout) const
+{
+    return deadline.isForever() ? timeout : std::min(timeout, std::chrono::milliseconds(deadline.remainingTime()));
 }
 
 void RpcClient::configure(const Credentials &credentials)
@@ -122,7 +128,7 @@ bool RpcClient::receive(int id, Json::Value *result, Failure *failure)
 {
     EventWait wait([this, id] { return !answers.value(id).isNull() || lossReason.has_value(); });
     connect(this, &RpcClient::progressed, wait.context(), [&wait] { wait.wake(); });
-    const bool inTime = wait.run(answerTimeout);
+    const bool inTime = wait.run(limited(answerTimeout));
     const Json::Value message = answers.take(id);
     if (!inTime) {
         return fail(failure, ExitCode::TimedOut, u"The server did not answer in time."_s);

@@ -7,6 +7,7 @@
 
 #include <json/value.h>
 
+#include <QDeadlineTimer>
 #include <QHash>
 #include <QObject>
 #include <QSslCertificate>
@@ -70,6 +71,12 @@ public:
     /** How long receive() waits; the server itself may wait for an agent several times within one request. */
     void setAnswerTimeout(std::chrono::milliseconds timeout) { answerTimeout = timeout; }
 
+    /** The latest end of all waits from now on, however long each may be. */
+    void setDeadline(QDeadlineTimer end) { deadline = end; }
+
+    /** Whether the deadline is over. */
+    [[nodiscard]] bool isLate() const { return deadline.hasExpired(); }
+
     /** The error of the last answer as the server numbers it; 0 when there was none. */
     [[nodiscard]] int lastErrorCode() const { return errorCode; }
 
@@ -81,6 +88,7 @@ signals:
     void progressed();
 
 private:
+    [[nodiscard]] std::chrono::milliseconds limited(std::chrono::milliseconds timeout) const;
     void configure(const Credentials &credentials);
     void Socket_readyRead();
     void Socket_disconnected();
@@ -93,6 +101,7 @@ private:
     QHash<int, Json::Value> answers; ///< by request; null until it has arrived
     std::optional<QString> lossReason = QString();
     std::chrono::milliseconds answerTimeout = std::chrono::seconds(90);
+    QDeadlineTimer deadline{QDeadlineTimer::Forever};
     int nextId = 1;
     int errorCode = 0;
 };

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/serverconnector.h"
 
+#include "client/certificatepair.h"
 #include "client/eventwait.h"
 #include "client/progress.h"
 #include "client/serverlauncher.h"
@@ -119,7 +120,7 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
     if (start == Start::Allowed && !launch()) {
         return fail(failure, ExitCode::NoServer, error + u'.');
     }
-    while (std::chrono::milliseconds(total.elapsed()) < kStartTimeout) {
+    while (std::chrono::milliseconds(total.elapsed()) < kStartTimeout && !client->isLate()) {
         serveEvents(kLookInterval);
         const bool launched = !launcher.isRunning();
         const Attempt result = attempt(client, failure);
@@ -147,7 +148,8 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
             return fail(failure, ExitCode::NoServer, error + u'.');
         }
     }
-    return fail(failure, ExitCode::NoServer, u"The server did not start in time: %1."_s.arg(lastDetail));
+    return fail(failure, client->isLate() ? ExitCode::TimedOut : ExitCode::NoServer,
+                u"The server did not start in time: %1."_s.arg(lastDetail));
 }
 
 ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *failure)
@@ -189,5 +191,8 @@ bool ServerConnector::readCredentials(Credentials *credentials, Failure *failure
         !readPrivateKey(files.keyPath(), &credentials->key, &error)) {
         return fail(failure, ExitCode::CertificateRefused, error + u'.');
     }
-    return true;
+    return belongTogether(credentials->certificate.toPem(), credentials->key.toPem()) ||
+           fail(failure, ExitCode::CertificateRefused,
+                u"Certificate and key do not belong together: \"%1\" and \"%2\"."_s.arg(files.certificatePath(),
+                                                                                        files.keyPath()));
 }

@@ -75,6 +75,9 @@ ExitCode status(const QCommandLineParser &line, ClientContext &context)
     QString version;
     SessionList sessions;
     const bool answers = askServer(context, &version, &sessions, &failure);
+    if (failure.code == ExitCode::TimedOut) {
+        failure.code = ExitCode::NoServer; // whether one answers is the question
+    }
     const ServerSighting sighting = context.files.look();
     if (line.isSet(u"json"_s)) {
         Json::Value value(Json::objectValue);

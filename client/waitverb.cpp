@@ -15,6 +15,9 @@ namespace {
 /** A restart of the server takes seconds at most. */
 constexpr auto kPatience = 15s;
 
+/** A server that is there gets this time to answer, also when nothing is to be waited for. */
+constexpr auto kMinAnswerTime = 1s;
+
 /** Longer than anybody waits, and short enough for the timers. */
 constexpr double kMaxSeconds = 1e6;
 
@@ -114,7 +117,13 @@ ExitCode WaitVerb::run(const QCommandLineParser &line, ClientContext &context)
     Failure failure;
     Goal goal;
     SessionEntry session;
-    if (!readGoal(line, &goal, &failure) || !context.connectToServer(startMode(line), &failure) ||
+    if (!readGoal(line, &goal, &failure)) {
+        return context.console.report(failure);
+    }
+    if (goal.timeout != kNoDeadline) {
+        context.client.setDeadline(QDeadlineTimer(std::max<std::chrono::milliseconds>(goal.timeout, kMinAnswerTime)));
+    }
+    if (!context.connectToServer(startMode(line), &failure) ||
         !context.findLocal(firstArgument(line), &session, &failure)) {
         return context.console.report(failure);
     }

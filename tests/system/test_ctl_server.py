@@ -175,7 +175,7 @@ class Trust(CtlTestCase):
         server = self.server()
         _, key = zarvo.make_certificate(server.top, name="other")
         shutil.copy(key, server.key)
-        self.ctl_error(server, "list", code=REFUSED)
+        self.assertIn("do not belong together", self.ctl_error(server, "list", code=REFUSED))
 
     def test_broken_key(self):
         server = self.server()

@@ -2,6 +2,7 @@
 """zarvoctl: what does not answer is waited for, and not for ever. The waits are long, so they go side by side."""
 import os
 import signal
+import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
@@ -24,7 +25,14 @@ class Patience(ctl.CtlTestCase):
     def server_that_hangs(self):
         server = self.server()
         self.pause(server.pid)
-        return lambda: self.assertIn("does not answer", self.ctl_error(server, "list", code=TIMED_OUT))
+
+        def wait():
+            before = time.monotonic()
+            self.ctl_error(server, "wait", "--for", "ended", "--timeout", "1.5", code=TIMED_OUT)
+            self.assertLess(time.monotonic() - before, 8)  # and not the ten seconds that a connection may take
+            self.assertIn("does not answer", self.ctl_error(server, "list", code=TIMED_OUT))
+            self.assertIn("does not answer", self.ctl_error(server, "server", "status", code=NO_SERVER))
+        return wait
 
     def agent_that_refuses_to_end(self):
         server = self.server()
