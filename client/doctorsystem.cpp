@@ -60,6 +60,17 @@ struct PortRange
     [[nodiscard]] bool contains(const PortRange &other) const { return first <= other.first && other.last <= last; }
 };
 
+/** The list with one more range, as the kernel reads it: a new list takes the place of the old one. */
+QString withRange(const QList<PortRange> &ranges, const PortRange &more)
+{
+    QStringList texts;
+    for (const PortRange &range : ranges + QList<PortRange>{more}) {
+        const QString first = QString::number(range.first);
+        texts.append(range.first == range.last ? first : first + u'-' + QString::number(range.last));
+    }
+    return texts.join(u',');
+}
+
 QList<PortRange> readRanges(const QString &text)
 {
     static const QRegularExpression form(u"(\\d+)(?:[-\\s](\\d+))?"_s);
@@ -183,7 +194,8 @@ QList<Finding> checkPortRange(const DoctorInput &input)
         std::any_of(reserved.begin(), reserved.end(), [&agent](const PortRange &r) { return r.contains(agent); });
     if (isTaken && !isReserved) {
         return {warning(u"The kernel gives the ports %1 of the sessions to outgoing connections as well"_s.arg(range),
-                        u"As root: sysctl -w net.ipv4.ip_local_reserved_ports=%1"_s.arg(range))};
+                        u"As root: echo net.ipv4.ip_local_reserved_ports=%1 > /etc/sysctl.d/60-zarvo.conf && "
+                        "sysctl --system"_s.arg(withRange(reserved, agent)))};
     }
     return {fine(u"The ports %1 of the sessions are theirs"_s.arg(range))};
 }

@@ -160,6 +160,14 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
+    void portsThatAreReservedAlreadyStaySo()
+    {
+        putFile(surroundings->path("net/ip_local_port_range"), "32768\t60999\n");
+        putFile(surroundings->path("net/ip_local_reserved_ports"), "80,41100-41198\n");
+        const QString remedy = checkPortRange(surroundings->input()).first().remedy;
+        QVERIFY2(remedy.contains("ip_local_reserved_ports=80,41100-41198,41100-41199 "_L1), qPrintable(remedy));
+    }
+
     void logout_data()
     {
         QTest::addColumn<QString>("file");
