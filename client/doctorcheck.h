@@ -5,6 +5,7 @@
 #include "server/settings.h"
 
 #include <QList>
+#include <QSettings>
 #include <QString>
 #include <QVariantMap>
 
@@ -30,6 +31,7 @@ struct DoctorInput
     Settings settings;
     QVariantMap rawSettings; ///< as they stand in the file
     QString settingsPath;
+    QSettings::Status settingsStatus = QSettings::NoError;
     ServerFiles files;
     QString searchPath; ///< that of a server which we start
     QString userName;   ///< as the system knows the user

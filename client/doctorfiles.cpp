@@ -8,7 +8,9 @@
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
+#include <QHostAddress>
 #include <QSslCertificate>
+#include <QTcpServer>
 
 #include <optional>
 
@@ -76,6 +78,29 @@ std::optional<Finding> otherServer()
                   u"Use its HOME and settings, or end it: kill %1"_s.arg(pids.first()));
 }
 
+/** What is there of a path that is not. */
+QString nearestParent(const QString &path)
+{
+    QString parent = path;
+    do {
+        parent = QFileInfo(parent).path();
+    } while (!QFileInfo::exists(parent) && parent != QFileInfo(parent).path());
+    return parent;
+}
+
+/** What a server that is not there yet would fail to listen on. */
+QList<Finding> listenPort(const DoctorInput &input)
+{
+    const quint16 port = input.settings.listenPort;
+    QTcpServer probe;
+    if (port == 0 || probe.listen(QHostAddress(QHostAddress::AnyIPv4), port)) {
+        return {};
+    }
+    return {failed(u"ListenPort %1 is not to be had (%2): the server does not start"_s.arg(QString::number(port),
+                                                                                           probe.errorString()),
+                   u"End what listens on it, or set another one; 0 is any"_s)};
+}
+
 } // namespace
 
 QList<Finding> checkUserPath(const DoctorInput &input)
@@ -87,6 +112,11 @@ QList<Finding> checkUserPath(const DoctorInput &input)
     }
     struct stat status = {};
     if (::stat(QFile::encodeName(path).constData(), &status) == -1) {
+        const QString parent = nearestParent(path);
+        if (!QFileInfo(parent).isDir() || ::access(QFile::encodeName(parent).constData(), W_OK | X_OK) == -1) {
+            return {failed(u"\"%1\" cannot be made: \"%2\" takes no directory"_s.arg(path, parent),
+                           u"Set another UserPath, or see to that one"_s)};
+        }
         return {fine(u"\"%1\" is made at the first start"_s.arg(path))};
     }
     if (!S_ISDIR(status.st_mode)) {
@@ -109,6 +139,11 @@ QList<Finding> checkUserPath(const DoctorInput &input)
 QList<Finding> checkCertificate(const DoctorInput &input)
 {
     if (!QFile::exists(input.files.certificatePath())) {
+        if (input.files.look().trace == ServerTrace::Running) {
+            return {failed(
+                u"There is no \"%1\", and so no way into the running server"_s.arg(input.files.certificatePath()),
+                renewal(input))};
+        }
         return {fine(u"It is made at the first start"_s)};
     }
     QByteArray certificate;
@@ -136,11 +171,13 @@ QList<Finding> checkServerProcess(const DoctorInput &input)
     const ServerSighting sighting = input.files.look();
     switch (sighting.trace) {
     case ServerTrace::Missing:
-        return {otherServer().value_or(fine(u"None is running; it is started when it is needed"_s))};
+        return QList<Finding>{otherServer().value_or(fine(u"None is running; it is started when it is needed"_s))} +
+               listenPort(input);
     case ServerTrace::Starting:
         return {warning(sighting.detail, u"Wait a moment; if this stays, see \"zarvoctl server log\""_s)};
     case ServerTrace::Stale:
-        return {otherServer().value_or(warning(sighting.detail, u"zarvoctl server start"_s))};
+        return QList<Finding>{otherServer().value_or(warning(sighting.detail, u"zarvoctl server start"_s))} +
+               listenPort(input);
     case ServerTrace::Unreadable:
         return {failed(sighting.detail,
                        sighting.pid == 0 ? u"Remove it and start the server"_s

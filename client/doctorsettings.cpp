@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/doctorcheck.h"
 
+#include <QFileInfo>
 #include <QHostAddress>
 
 #include <algorithm>
@@ -28,6 +29,7 @@ public:
 
     QList<Finding> run()
     {
+        fileItself();
         unknownKeys();
         number16("DisplayBase"_L1, input.settings.displayBase);
         number16("DisplayLimit"_L1, input.settings.displayLimit);
@@ -45,6 +47,17 @@ public:
 
 private:
     void add(const QString &text) { findings.append(warning(text, u"Correct it in \"%1\""_s.arg(input.settingsPath))); }
+
+    void fileItself()
+    {
+        const QFileInfo file(input.settingsPath);
+        if (file.exists() && (!file.isFile() || !file.isReadable() || input.settingsStatus == QSettings::AccessError)) {
+            findings.append(failed(u"\"%1\" cannot be read: all have their defaults"_s.arg(input.settingsPath),
+                                   u"Make it a file that you can read"_s));
+        } else if (input.settingsStatus == QSettings::FormatError) {
+            add(u"\"%1\" is broken: what makes no sense is ignored"_s.arg(input.settingsPath));
+        }
+    }
 
     void unknownKeys()
     {

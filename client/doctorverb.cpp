@@ -81,6 +81,7 @@ ExitCode DoctorVerb::run(const QCommandLineParser &line, ClientContext &context)
     const DoctorInput input{.settings = context.settings,
                             .rawSettings = rawSettings(settings),
                             .settingsPath = settings.fileName(),
+                            .settingsStatus = settings.status(),
                             .files = context.files,
                             .searchPath = serverSearchPath(),
                             .userName = userName()};

@@ -35,6 +35,7 @@ public:
         return {.settings = settings,
                 .rawSettings = {},
                 .settingsPath = path("settings.conf"),
+                .settingsStatus = QSettings::NoError,
                 .files = ServerFiles(settings.userPath),
                 .searchPath = path("bin"),
                 .userName = QStringLiteral("anna"),

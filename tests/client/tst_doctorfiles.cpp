@@ -11,6 +11,8 @@
 #include <openssl/x509.h>
 
 #include <QDateTime>
+#include <QHostAddress>
+#include <QTcpServer>
 #include <QTest>
 
 #include <functional>
@@ -102,6 +104,54 @@ private slots:
         QCOMPARE(texts(findings), QStringList{u"WARN \"zarvo/host\" is relative: it is taken for \"%1\""_s.arg(
                                       surroundings.path("zarvo/host"))});
         QVERIFY(haveRemedies(findings));
+    }
+
+    void userPathThatCannotBeMade()
+    {
+        const DoctorSurroundings surroundings;
+        DoctorInput input = surroundings.input();
+        input.files = ServerFiles(surroundings.path("file/a/b"));
+        QCOMPARE(texts(checkUserPath(input)),
+                 QStringList{u"OK \"%1\" is made at the first start"_s.arg(surroundings.path("file/a/b"))});
+        putFile(surroundings.path("file"), "");
+        QCOMPARE(texts(checkUserPath(input)),
+                 QStringList{u"FAIL \"%1\" cannot be made: \"%2\" takes no directory"_s.arg(
+                     surroundings.path("file/a/b"), surroundings.path("file"))});
+        QVERIFY(haveRemedies(checkUserPath(input)));
+        if (::geteuid() == 0) {
+            return; // who may do all
+        }
+        QVERIFY(QDir(surroundings.path("zarvo")).mkdir(u"closed"_s));
+        QVERIFY(QFile::setPermissions(surroundings.path("zarvo/closed"), QFileDevice::ReadOwner));
+        input.files = ServerFiles(surroundings.path("zarvo/closed/host"));
+        QVERIFY(texts(checkUserPath(input)).first().startsWith("FAIL"_L1));
+    }
+
+    void certificateThatHasGone()
+    {
+        const DoctorSurroundings surroundings;
+        putFile(surroundings.path("zarvo/host/server_pid"), QByteArray::number(::getpid()));
+        putFile(surroundings.path("zarvo/host/server_port"), "1");
+        const QList<Finding> findings = checkCertificate(surroundings.input());
+        QCOMPARE(texts(findings), QStringList{u"FAIL There is no \"%1\", and so no way into the running server"_s.arg(
+                                      surroundings.path("zarvo/server_cert"))});
+        QVERIFY(haveRemedies(findings));
+    }
+
+    void listenPortOfAnotherProgram()
+    {
+        const DoctorSurroundings surroundings;
+        QTcpServer other;
+        QVERIFY(other.listen(QHostAddress(QHostAddress::AnyIPv4)));
+        DoctorInput input = surroundings.input();
+        input.settings.listenPort = other.serverPort();
+        const QList<Finding> findings = checkServerProcess(input);
+        const QString text = texts(findings).join(u'\n');
+        QVERIFY2(text.contains(u"\nFAIL ListenPort %1 is not to be had"_s.arg(other.serverPort())), qPrintable(text));
+        QVERIFY(haveRemedies(findings));
+        other.close();
+        QCOMPARE(texts(checkServerProcess(input)),
+                 QStringList{u"OK None is running; it is started when it is needed"_s});
     }
 
     void userPathThatIsNoDirectory()

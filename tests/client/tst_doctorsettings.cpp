@@ -57,6 +57,24 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
+    void fileThatIsBroken()
+    {
+        DoctorInput input = surroundings.input();
+        input.settingsStatus = QSettings::FormatError;
+        QCOMPARE(texts(checkSettings(input)),
+                 QStringList{u"WARN \"%1\" is broken: what makes no sense is ignored"_s.arg(input.settingsPath)});
+        QVERIFY(haveRemedies(checkSettings(input)));
+    }
+
+    void fileThatCannotBeRead()
+    {
+        DoctorInput input = surroundings.input();
+        input.settingsPath = surroundings.path("bin"); // a directory
+        QCOMPARE(texts(checkSettings(input)),
+                 QStringList{u"FAIL \"%1\" cannot be read: all have their defaults"_s.arg(input.settingsPath)});
+        QVERIFY(haveRemedies(checkSettings(input)));
+    }
+
     void otherNonsense()
     {
         DoctorInput input = surroundings.input();
