@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# bash completion for zarvoctl. Asks a server that runs for its sessions and never starts one.
+# bash completion for zarvoctl. Asks a server that runs for its sessions, not for long, and never starts one.
 
 # Ids that begin with what is typed so far, and names, unless nothing is typed: then they would only double the choice.
 _zarvoctl_sessions()
@@ -11,7 +11,32 @@ _zarvoctl_sessions()
         printf -v name %q "${line%%$'\t'*}"
         if [[ $id == "$current"* ]]; then COMPREPLY+=("$id"); fi
         if [[ -n $current && $name == "$current"* ]]; then COMPREPLY+=("$name"); fi
-    done < <(zarvoctl list --plain --no-start 2>/dev/null)
+    done < <(timeout 3 zarvoctl list --plain --no-start 2>/dev/null)
+}
+
+# Sets "given" to the words behind the verb that are no options, and "command" to the place of the first of them.
+_zarvoctl_given()
+{
+    local i word skip=
+    given=() command=0
+    for ((i = 2; i < COMP_CWORD; i++)); do
+        word=${COMP_WORDS[i]}
+        if [[ ${#given[@]} -gt 0 && $1 == start ]]; then
+            given+=("$word")
+        elif [[ -n $skip ]]; then
+            skip=
+        elif [[ $word == -- ]]; then
+            given+=("${COMP_WORDS[@]:i + 1:COMP_CWORD - i - 1}")
+            command=$((i + 1))
+            return
+        else
+            case $word in
+                --geometry | --for | --timeout | --lines | -n) skip=1 ;;
+                -?*) ;;
+                *) given+=("$word") && [ "$command" -gt 0 ] || command=$i ;;
+            esac
+        fi
+    done
 }
 
 _zarvoctl_options()
@@ -34,10 +59,16 @@ _zarvoctl_options()
 _zarvoctl()
 {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} verb=${COMP_WORDS[1]}
+    local given command
     COMPREPLY=()
     if [ "$COMP_CWORD" -eq 1 ]; then
         COMPREPLY=($(compgen -W "connect list ls start resume replay suspend terminate watch wait logs screenshot doctor
             server version describe help --help --version" -- "$current"))
+        return
+    fi
+    _zarvoctl_given "$verb"
+    if [[ $verb == start && $command -gt 0 && $COMP_CWORD -gt $command ]]; then
+        COMPREPLY=($(compgen -f -- "$current")) # it is the command's from here on
         return
     fi
     case $previous in
@@ -52,13 +83,13 @@ _zarvoctl()
         connect | resume | replay | suspend | terminate | wait | logs)
             _zarvoctl_sessions "$current" ;;
         screenshot)
-            if [ "$COMP_CWORD" -eq 2 ]; then
+            if [ ${#given[@]} -eq 0 ]; then
                 _zarvoctl_sessions "$current"
             else
                 COMPREPLY=($(compgen -f -- "$current"))
             fi ;;
         server) COMPREPLY=($(compgen -W "start stop status log" -- "$current")) ;;
-        start) COMPREPLY=($(compgen -c -- "$current")) ;;
+        start) COMPREPLY=($(compgen -c -- "$current" | sort -u)) ;;
         help) COMPREPLY=($(compgen -W "connect list start resume replay suspend terminate watch wait logs screenshot doctor
             server version describe" -- "$current")) ;;
     esac

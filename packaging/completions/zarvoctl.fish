@@ -1,13 +1,35 @@
 # SPDX-License-Identifier: MIT
-# fish completion for zarvoctl. Asks a server that runs for its sessions and never starts one.
+# fish completion for zarvoctl. Asks a server that runs for its sessions, not for long, and never starts one.
 
 function __zarvoctl_sessions
-    set -l lines (zarvoctl list --plain --no-start 2>/dev/null)
+    set -l lines (timeout 3 zarvoctl list --plain --no-start 2>/dev/null)
     string replace -r '^([^\t]*)\t([^\t]*)\t.*' '$1\t$2' -- $lines
     # Names only once something is typed, or they would double the choice.
     if test -n "$(commandline -ct)"
         string replace -r '^([^\t]*)\t([^\t]*)\t.*' '$2\t$1' -- $lines
     end
+end
+
+# Whether the command of "start" is still to come: behind its first word, options are the command's own.
+function __zarvoctl_no_command
+    set -l words (commandline -opc)
+    set -l skip no
+    for word in $words[3..-1]
+        if test $skip = yes
+            set skip no
+        else if test "$word" = --geometry
+            set skip yes
+        else if not string match -q -- '-?*' $word; or test "$word" = --
+            return 1
+        end
+    end
+end
+
+# Whether the verb takes our own options here.
+function __zarvoctl_at
+    __fish_seen_subcommand_from $argv; or return 1
+    set -l words (commandline -opc)
+    test "$words[2]" != start; or __zarvoctl_no_command
 end
 
 set -l verbs connect list ls start resume replay suspend terminate watch wait logs screenshot doctor server version describe help
@@ -39,12 +61,12 @@ complete -c zarvoctl -n '__fish_seen_subcommand_from server' -a 'start stop stat
 complete -c zarvoctl -n '__fish_seen_subcommand_from help' -a "$verbs"
 complete -c zarvoctl -n '__fish_seen_subcommand_from start' -a '(__fish_complete_subcommand)'
 
-complete -c zarvoctl -n '__fish_seen_subcommand_from connect list ls start resume replay doctor server version describe' -l json -d 'Print JSON'
-complete -c zarvoctl -n '__fish_seen_subcommand_from connect list ls start resume replay suspend terminate watch wait screenshot version describe' -l no-start -d 'Start no server'
-complete -c zarvoctl -n '__fish_seen_subcommand_from connect start' -l geometry -x -a 'rootless 1280x800 1920x1080' -d 'Size of the desktop'
+complete -c zarvoctl -n '__zarvoctl_at connect list ls start resume replay doctor server version describe' -l json -d 'Print JSON'
+complete -c zarvoctl -n '__zarvoctl_at connect list ls start resume replay suspend terminate watch wait screenshot version describe' -l no-start -d 'Start no server'
+complete -c zarvoctl -n '__zarvoctl_at connect start' -l geometry -x -a 'rootless 1280x800 1920x1080' -d 'Size of the desktop'
 complete -c zarvoctl -n '__fish_seen_subcommand_from connect' -l new -d 'Start a new session first'
 complete -c zarvoctl -n '__fish_seen_subcommand_from connect' -l print -d 'Print host, port and password'
-complete -c zarvoctl -n '__fish_seen_subcommand_from start' -l connect -d 'Run a viewer on it'
+complete -c zarvoctl -n '__zarvoctl_at start' -l connect -d 'Run a viewer on it'
 complete -c zarvoctl -n '__fish_seen_subcommand_from list ls' -l local -d 'Only this host'
 complete -c zarvoctl -n '__fish_seen_subcommand_from list ls' -l plain -d 'For scripts'
 complete -c zarvoctl -n '__fish_seen_subcommand_from list ls' -l no-legend -d 'No titles'

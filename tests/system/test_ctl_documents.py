@@ -7,6 +7,7 @@ import re
 import shlex
 import shutil
 import subprocess
+import tempfile
 import unittest
 
 import ctl
@@ -122,7 +123,7 @@ class Completions(ctl.CtlTestCase):
     def assert_covers(self, verb, found):
         self.assertEqual(set(found) | {"-h", "--help"}, options(verb), verb)
 
-    def bash(self, server, *words):
+    def bash(self, server, *words, folder=None):
         """What bash offers for the last word."""
         script = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _zarvoctl; printf "%s\\n" "${COMPREPLY[@]}"'
         environment = dict(os.environ) if server is None else server.environment
@@ -130,9 +131,11 @@ class Completions(ctl.CtlTestCase):
         source = os.path.join(COMPLETIONS, "zarvoctl.bash")
         result = subprocess.run(["bash", "--norc", "-c", script, source, "zarvoctl", *words], text=True,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=zarvo.DEADLINE,
-                                env={**environment, "PATH": path})
+                                env={**environment, "PATH": path}, cwd=folder)
         self.assertEqual(result.stderr, "")
-        return set(result.stdout.splitlines()) - {""}
+        offered = [line for line in result.stdout.splitlines() if line]
+        self.assertEqual(len(offered), len(set(offered)), offered)
+        return set(offered)
 
     def test_bash_knows_verbs_and_options(self):
         names = {name for verb, aliases in verbs().items() for name in (verb, *aliases)}
@@ -152,6 +155,21 @@ class Completions(ctl.CtlTestCase):
         self.assertEqual(self.bash(server, "wait", "z"), {"zz"})
         self.assertIn("a\\ name", self.bash(server, "wait", "a"))
         self.assertEqual(self.bash(server, "wait", "a\\ n"), {"a\\ name"})
+
+    def test_bash_leaves_the_command_alone(self):
+        self.assertIn("--geometry", self.bash(None, "start", "--"))
+        for words in (("xterm", "-"), ("--", "ls", "-"), ("--geometry", "640x480", "ls", "--")):
+            self.assertEqual(self.bash(None, "start", *words, folder=COMPLETIONS), set(), words)
+        self.assertIn("bash", self.bash(None, "start", "--geometry", "640x480", "ba"))
+        self.assertIn("bash", self.bash(None, "start", "--", "ba"))
+        self.assertEqual(self.bash(None, "start", "xterm", "zarvoctl.f", folder=COMPLETIONS), {"zarvoctl.fish"})
+
+    def test_bash_tells_the_picture_from_its_session(self):
+        server = self.server()
+        session = self.start(server, "zz")["id"]
+        self.assertEqual(self.bash(server, "screenshot", "--no-start", "", folder=COMPLETIONS), {session})
+        self.assertEqual(self.bash(server, "screenshot", "--no-start", "zz", "zarvoctl.f", folder=COMPLETIONS),
+                         {"zarvoctl.fish"})
 
     def test_no_server_is_started(self):
         server = self.unattended()
@@ -176,6 +194,7 @@ class Completions(ctl.CtlTestCase):
         self.assertEqual(offered("zarvoctl suspend "), [[session, "a name"]])
         self.assertIn(["a name", session], offered("zarvoctl suspend a"))
         self.assertIn("screenshot", [entry[0] for entry in offered("zarvoctl s")])
+        self.assertNotIn("--geometry", [entry[0] for entry in offered("zarvoctl start ls --")])
         for verb in verbs():
             found = [entry[0] for dashes in ("-", "--") for entry in offered(f"zarvoctl {verb} {dashes}")]
             self.assert_covers(verb, found)
@@ -208,6 +227,24 @@ class Completions(ctl.CtlTestCase):
         zsh.wait_for("ess-thing")
         zsh.type("\x15zarvoctl screen\t")
         zsh.wait_for("shot")
+
+
+class Scripts(unittest.TestCase):
+    def test_run_shows_what_the_compiler_says(self):
+        with tempfile.TemporaryDirectory() as top:
+            shutil.copytree(os.path.join(ROOT, "scripts"), os.path.join(top, "scripts"))
+            os.mkdir(os.path.join(top, "bin"))
+            # All packages are there, and the build fails as ninja does, which complains on its standard output.
+            for name, text in (("dpkg-query", "echo ii"),
+                               ("cmake", '[ "$1" != --build ] || { echo error: here; echo stopped; exit 1; }')):
+                path = os.path.join(top, "bin", name)
+                zarvo.write(path, f"#!/bin/sh\n{text}\n")
+                os.chmod(path, 0o755)
+            result = subprocess.run([os.path.join(top, "scripts", "run")], text=True, stdin=subprocess.DEVNULL,
+                                    stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=zarvo.DEADLINE,
+                                    env={**os.environ, "PATH": os.path.join(top, "bin") + ":" + os.environ["PATH"]})
+        self.assertNotEqual(result.returncode, 0)
+        self.assertIn("error: here\nstopped\n", result.stdout)
 
 
 class Installed(ctl.CtlTestCase):
