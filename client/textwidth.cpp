@@ -2,51 +2,38 @@
 #include "client/textwidth.h"
 
 #include <algorithm>
-#include <array>
+
+#include <locale.h>
+#include <wchar.h>
 
 namespace {
 
-struct Range
+/**
+ * While it lives, the functions of the C library take characters for Unicode ones on this thread, whatever the locale
+ * of the user. That one of it is part of every system.
+ */
+class UnicodeLocale
 {
-    char32_t first;
-    char32_t last;
+public:
+    UnicodeLocale() { previous = ::uselocale(shared()); }
+    ~UnicodeLocale() { ::uselocale(previous); }
+    Q_DISABLE_COPY_MOVE(UnicodeLocale)
+
+private:
+    static locale_t shared()
+    {
+        static const locale_t locale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+        return locale; // null, which changes nothing, where there is none after all
+    }
+
+    locale_t previous;
 };
 
-// The blocks whose characters terminals draw in two columns (East Asian wide and full width, emoji).
-constexpr std::array kWide = {
-    Range{0x1100, 0x115F},   Range{0x231A, 0x231B},   Range{0x2329, 0x232A},   Range{0x23E9, 0x23EC},
-    Range{0x2614, 0x2615},   Range{0x26A1, 0x26A1},   Range{0x2705, 0x2705},   Range{0x2728, 0x2728},
-    Range{0x274C, 0x274C},   Range{0x2753, 0x2755},   Range{0x2795, 0x2797},   Range{0x2B1B, 0x2B1C},
-    Range{0x2B50, 0x2B50},   Range{0x2E80, 0x303E},   Range{0x3041, 0x33FF},   Range{0x3400, 0x4DBF},
-    Range{0x4E00, 0x9FFF},   Range{0xA000, 0xA4CF},   Range{0xA960, 0xA97F},   Range{0xAC00, 0xD7A3},
-    Range{0xF900, 0xFAFF},   Range{0xFE30, 0xFE6F},   Range{0xFF00, 0xFF60},   Range{0xFFE0, 0xFFE6},
-    Range{0x16FE0, 0x18AFF}, Range{0x1B000, 0x1B2FF}, Range{0x1F004, 0x1F004}, Range{0x1F0CF, 0x1F0CF},
-    Range{0x1F18E, 0x1F18E}, Range{0x1F191, 0x1F19A}, Range{0x1F200, 0x1F320}, Range{0x1F32D, 0x1F335},
-    Range{0x1F337, 0x1F37C}, Range{0x1F37E, 0x1F393}, Range{0x1F3A0, 0x1F3CA}, Range{0x1F3E0, 0x1F3F0},
-    Range{0x1F400, 0x1F64F}, Range{0x1F680, 0x1F6FF}, Range{0x1F7E0, 0x1F7EB}, Range{0x1F90C, 0x1F9FF},
-    Range{0x1FA70, 0x1FAFF}, Range{0x20000, 0x3FFFD},
-};
-
-bool isWide(char32_t character)
-{
-    const auto range = std::lower_bound(kWide.begin(), kWide.end(), character,
-                                        [](const Range &each, char32_t value) { return each.last < value; });
-    return range != kWide.end() && range->first <= character;
-}
-
+/** As the C library has it, for this is what terminals and their programs go by. */
 int characterWidth(char32_t character)
 {
-    if (character < 0x300) {
-        return character == 0xAD ? 0 : 1;
-    }
-    switch (QChar::category(character)) {
-    case QChar::Mark_NonSpacing:
-    case QChar::Mark_Enclosing:
-    case QChar::Other_Format:
-        return 0;
-    default:
-        return isWide(character) ? 2 : 1;
-    }
+    const int width = ::wcwidth(static_cast<wchar_t>(character));
+    return width < 0 ? 1 : width;
 }
 
 char32_t nextCharacter(QStringView text, qsizetype *position)
@@ -70,6 +57,7 @@ bool isObeyedByTerminals(QChar character)
 
 int displayWidth(QStringView text)
 {
+    const UnicodeLocale locale;
     int width = 0;
     for (qsizetype position = 0; position < text.size();) {
         width += characterWidth(nextCharacter(text, &position));
@@ -87,6 +75,7 @@ QString elided(const QString &text, int width)
     if (displayWidth(text) <= width) {
         return text;
     }
+    const UnicodeLocale locale;
     int used = 0;
     qsizetype end = 0;
     for (qsizetype position = 0; position < text.size();) {

@@ -23,7 +23,9 @@ private slots:
         QTest::newRow("before the wide ones") << u"\u10FF"_s << 1;
         QTest::newRow("first wide") << u"\u1100"_s << 2;
         QTest::newRow("last of a block") << u"\u115F"_s << 2;
-        QTest::newRow("behind it") << u"\u1160"_s << 1;
+        QTest::newRow("vowel that joins it") << u"\u1160"_s << 0;
+        QTest::newRow("sign that is wide by itself") << u"\u231A"_s << 2;
+        QTest::newRow("joined by a mark") << u"\u0E01\u0E31"_s << 1;
         QTest::newRow("full width") << u"Ａ"_s << 2;
         QTest::newRow("half width") << u"ｱ"_s << 1;
         QTest::newRow("emoji outside the first plane") << u"😀"_s << 2;
