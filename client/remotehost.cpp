@@ -5,11 +5,14 @@
 #include "client/textwidth.h"
 #include "support/json.h"
 
+#include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QUrl>
 
 #include <chrono>
+
+#include <sys/un.h>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -43,6 +46,21 @@ bool isSessionId(const QString &id)
     return form.match(id).hasMatch();
 }
 
+/** The host as it is written: for ssh, names in its settings are not the same in other letters. */
+QString writtenHost(const QString &location, const QUrl &url)
+{
+    static const QRegularExpression form(u"\\A[^:/]+://(?:[^@/]*@)?([^@/:]+)(?::[0-9]*)?(?:/|\\z)"_s);
+    const QString written = form.match(location).captured(1);
+    return written.compare(url.host(), Qt::CaseInsensitive) == 0 ? written : url.host();
+}
+
+/** With the letters that ssh puts behind it while it makes the socket, no longer path than a socket may have. */
+bool isSocketPath(const QString &path)
+{
+    constexpr qsizetype kSuffix = 17;
+    return QFile::encodeName(path).size() + kSuffix < qsizetype{sizeof(sockaddr_un::sun_path)};
+}
+
 QString lastLine(const QString &text)
 {
     return printable(text.trimmed().section(u'\n', -1));
@@ -58,7 +76,7 @@ std::unique_ptr<RemoteHost> RemoteHost::fromLocation(const QString &location)
     }
     std::unique_ptr<RemoteHost> made(new RemoteHost);
     made->user = url.userName();
-    made->host = url.host();
+    made->host = writtenHost(location, url);
     made->port = url.port();
     return made;
 }
@@ -113,8 +131,8 @@ QStringList RemoteHost::streamCommand(quint16 streamPort) const
 QStringList RemoteHost::command(const QStringList &options) const
 {
     QStringList all = sshCommand();
-    // Without a folder of our own each call makes a connection of its own, which only asks more often.
-    if (folder.isValid()) {
+    // Without a place of our own for its socket each call makes a connection of its own, which only asks more often.
+    if (folder.isValid() && isSocketPath(folder.filePath(u"ssh"_s))) {
         all << u"-o"_s << u"ControlMaster=auto"_s << u"-o"_s << u"ControlPersist=60"_s << u"-o"_s
             << u"ControlPath=\"%1\""_s.arg(folder.filePath(u"ssh"_s).replace(u'%', u"%%"_s));
     }

@@ -41,7 +41,11 @@ bool findSessionDirectory(ClientContext &context, const QString &target, QString
         }
     }
     if (!findSession(sessionsOnDisk(context.files), target, &session, failure)) {
-        return false;
+        // That of another host is told from one that is nowhere.
+        const bool mayBeElsewhere = failure->code == ExitCode::NoSuchSession && context.client.isConnected();
+        if (!mayBeElsewhere || !context.findLocal(target, &session, failure)) {
+            return false;
+        }
     }
     *directory = context.files.sessionDirectory(session.id);
     return true;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "client/remotehost.h"
+#include "tests/support/environmentvariable.h"
 #include "tests/testmain.h"
 
 #include <QTest>
@@ -20,6 +21,7 @@ private slots:
         QTest::newRow("whole") << u"ssh://me@far.example:2222/zarvo_sci"_s
                                << u"-T -p 2222 -l me -W 127.0.0.1:41100 -- far.example"_s;
         QTest::newRow("host only") << u"ssh://far"_s << u"-T -W 127.0.0.1:41100 -- far"_s;
+        QTest::newRow("capitals") << u"ssh://me@MyHost:22/x"_s << u"-T -p 22 -l me -W 127.0.0.1:41100 -- MyHost"_s;
         QTest::newRow("other scheme") << u"http://far/"_s << QString();
         QTest::newRow("none") << QString() << QString();
         QTest::newRow("no host") << u"ssh:///x"_s << QString();
@@ -42,6 +44,17 @@ private slots:
         }
     }
 
+    void connectionIsSharedWhereItsSocketFits()
+    {
+        qputenv("ZARVO_SSH", "true");
+        const QTemporaryDir top;
+        QVERIFY(isShared());
+        const QString deep = top.filePath(QString(100, u'd'));
+        QVERIFY(QDir().mkdir(deep));
+        const EnvironmentVariable variable("TMPDIR", QFile::encodeName(deep));
+        QVERIFY(!isShared());
+    }
+
     void idForTheShell()
     {
         qputenv("ZARVO_SSH", "true");
@@ -50,6 +63,13 @@ private slots:
         Failure failure;
         QVERIFY(!host->requestOffer(u"; rm -r x"_s, &offer, &failure));
         QVERIFY(failure.code == ExitCode::NoSuchSession);
+    }
+
+private:
+    static bool isShared()
+    {
+        const std::unique_ptr<RemoteHost> host = RemoteHost::fromLocation(u"ssh://far"_s);
+        return host && host->streamCommand(1).contains(u"ControlMaster=auto"_s);
     }
 };
 

@@ -225,8 +225,9 @@ class Remote(ctl.CtlTestCase):
     def test_other_verbs_say_where_it_is(self):
         started = self.start(self.far)
         self.list_far_sessions()
-        error = self.ctl_error(self.near, "terminate", started["id"], code=WRONG_STATE)
-        self.assertIn('on the host "127.0.0.1"', error)
+        for verb in ("terminate", "logs"):
+            error = self.ctl_error(self.near, verb, started["id"], code=WRONG_STATE)
+            self.assertIn('on the host "127.0.0.1"', error)
 
 
 if __name__ == "__main__":
