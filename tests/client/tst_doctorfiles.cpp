@@ -235,6 +235,7 @@ private slots:
         QVERIFY2(found().startsWith("FAIL The file"_L1), qPrintable(found()));
         putFile(surroundings.path("zarvo/host/server_port"), "1"); // nobody listens on it
         QVERIFY2(found().startsWith("FAIL The server is process"_L1), qPrintable(found()));
+        QVERIFY2(!found().endsWith(u'.'), qPrintable(found())); // the remedy follows behind a full stop
         putFile(surroundings.path("zarvo/host/server_pid"), "999999999");
         QVERIFY2(found().startsWith("WARN The server has ended without removing its files"_L1), qPrintable(found()));
     }

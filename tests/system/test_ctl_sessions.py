@@ -178,8 +178,10 @@ class Sessions(CtlTestCase):
     def test_usage(self):
         server = self.unattended()
         for arguments in ((), ("nothing",), ("list", "--nothing"), ("list", "more"), ("start",),
-                          ("start", "--geometry"), ("start", ""), ("start", " \t"), ("connect", "--new", "--print", "--", " "),
-                          ("connect", "--print", "--geometry", "640x480", "x"), ("terminate", "--everything"), ("wait", "x"),
+                          ("start", "--geometry"), ("start", ""), ("start", " \t"),
+                          ("connect", "--new", "--print", "--", " "),
+                          ("connect", "--print", "--geometry", "640x480", "x"),
+                          ("terminate", "--everything"), ("wait", "x"),
                           ("wait", "x", "--for", "offered"), ("server",), ("server", "restart"), ("screenshot", "x"),
                           ("connect", "--json"), ("connect", "a", "b", "--print"), ("connect", "--new", "--print"),
                           ("wait", "x", "--for", "ended", "--timeout", "-1"),
