@@ -26,13 +26,13 @@ QVariantMap rawSettings(const QSettings &settings)
 
 QString userName()
 {
-    const passwd *entry = ::getpwuid(::geteuid());
+    const passwd *entry = ::getpwuid(::geteuid()); // NOLINT(concurrency-mt-unsafe): the program has one thread
     return entry ? QString::fromLocal8Bit(entry->pw_name) : qEnvironmentVariable("USER");
 }
 
 QString colouredLevel(Finding::Level level)
 {
-    const QString name = levelName(level).leftJustified(4);
+    QString name = levelName(level).leftJustified(4);
     if (!Console::useColour()) {
         return name;
     }

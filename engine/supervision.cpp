@@ -16,7 +16,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <ctime>
 
 #include <sys/stat.h>
@@ -106,7 +105,7 @@ bool sleepFor(qint64 milliseconds)
     left.tv_nsec = milliseconds % 1000 * 1000000;
     while (::nanosleep(&left, &left) != 0) {
         if (errno != EINTR) {
-            logMessage(LogWarning, u"Failed to sleep: %1"_s.arg(QString::fromLocal8Bit(std::strerror(errno))));
+            logMessage(LogWarning, u"Failed to sleep: %1"_s.arg(qt_error_string(errno)));
             return false;
         }
     }
@@ -226,7 +225,7 @@ int signalSession(const Session &session, int number)
         }
         reason = errno;
     }
-    logMessage(LogWarning, u"Failed to signal the process with pid \"%1\": %2"_s.arg(
-                               QString::number(pid), QString::fromLocal8Bit(std::strerror(reason))));
+    logMessage(LogWarning, u"Failed to signal the process with pid \"%1\": %2"_s.arg(QString::number(pid),
+                                                                                     qt_error_string(reason)));
     return UnknownError;
 }

@@ -4,7 +4,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -17,7 +16,7 @@ constexpr const char *kNullDevice = "/dev/null";
 
 QString systemError()
 {
-    return QString::fromLocal8Bit(std::strerror(errno));
+    return qt_error_string(errno);
 }
 
 bool moveDescriptor(int from, int to)

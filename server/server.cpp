@@ -24,7 +24,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 
 using namespace Qt::StringLiterals;
 
@@ -179,7 +178,7 @@ bool Server::setUpSignals(QString *error)
     logMessage(LogDebug1, u"Setting up signal handlers"_s);
     int ends[2] = {-1, -1};
     if (!createSignalPair(ends)) {
-        *error = u"Failed to setup signal handling: %1"_s.arg(QString::fromLocal8Bit(std::strerror(errno)));
+        *error = u"Failed to setup signal handling: %1"_s.arg(qt_error_string(errno));
         return false;
     }
     setSignalWriteEnd(ends[0]);
