@@ -150,13 +150,13 @@ class Sessions(CtlTestCase):
 
     def test_terminate(self):
         server = self.server()
-        sessions = [self.start(server, name)["id"] for name in ("a", "b", "c", "d")]
-        self.ctl_error(server, "terminate", "a", "nobody", code=NO_SESSION)
+        sessions = [self.start(server, name)["id"] for name in ("one", "two", "three", "four")]
+        self.ctl_error(server, "terminate", "one", "nobody", code=NO_SESSION)
         self.assertEqual(len(self.ctl_json(server, "list")), 4)
-        self.ctl(server, "terminate", "a", sessions[1], "a")
+        self.ctl(server, "terminate", "one", sessions[1], "one")
         self.assertEqual([entry["name"] for entry in self.ctl_json(server, "list")],
-                         [name for _, name in sorted(zip(sessions[2:], "cd"))])
-        self.ctl_error(server, "terminate", "--all", "c", code=USAGE)
+                         [name for _, name in sorted(zip(sessions[2:], ("three", "four")))])
+        self.ctl_error(server, "terminate", "--all", "three", code=USAGE)
         self.ctl(server, "terminate", "--all")
         self.assertEqual(self.ctl_json(server, "list"), [])
         self.ctl(server, "terminate", "--all")
