@@ -7,7 +7,7 @@ kernel drops all of it with the last process inside: two runs cannot meet, and o
     site = hosts.Site(self)
     alpha, beta = site.server("alpha"), site.server("beta")
     alpha.start()
-    alpha.client().call("Live.ListSessions")
+    alpha.client().listing("Live.ListSessions")
 """
 import concurrent.futures
 import contextlib
@@ -463,7 +463,7 @@ class NeighbourCase(zarvo.TestCase):
         return {"Method": method, "Port": peer.port, "User": self.instance.user, **fields}
 
     def listed(self):
-        return self.client.call("Live.ListSessions")
+        return self.client.listing("Live.ListSessions")
 
     def warnings(self):
         return [line.split(": ", 2)[2] for line in self.instance.log().splitlines() if ": Warning: " in line]

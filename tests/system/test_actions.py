@@ -25,7 +25,7 @@ class Actions(zarvo.TestCase):
         return session, self.client.call("Live.Start", [session, command, geometry])
 
     def permissions(self, session):
-        return {entry["id"]: entry["permissions"] for entry in self.client.call("Live.ListLocalSessions") or []}.get(
+        return {entry["id"]: entry["permissions"] for entry in self.client.local_sessions()}.get(
             session)
 
     def wait_permissions(self, session, expected):
@@ -204,7 +204,7 @@ class Actions(zarvo.TestCase):
         self.assertEqual(self.client.call("Live.Terminate", [session]), None)
         self.assertFalse(zarvo.alive(pid))
         self.assertFalse(os.path.exists(self.instance.directory(session)))
-        self.assertEqual(self.client.call("Live.ListSessions"), None)
+        self.assertEqual(self.client.listing("Live.ListSessions"), None)
         self.assertEqual(self.signals(session), ["USR1", "TERM"])
         self.assert_fails(*NO_SESSION, self.client.call, "Live.Terminate", [session])
 
@@ -217,14 +217,14 @@ class Actions(zarvo.TestCase):
             self.assertEqual(self.client.call("Live.Terminate", [session]), None)
             self.assertFalse(os.path.exists(self.instance.directory(session)))
         self.assertEqual(viewer.recv(16), b"")
-        self.assertEqual(self.client.call("Live.ListSessions"), None)
+        self.assertEqual(self.client.listing("Live.ListSessions"), None)
 
     def test_terminate_of_an_agent_that_ends_badly_keeps_the_directory(self):
         session, _ = self.start(exit_code=3)
         self.assertEqual(self.client.call("Live.Terminate", [session]), None)
         self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "3")
         self.assert_fails(*NO_SESSION, self.client.call, "Live.Terminate", [session])
-        self.assertEqual(self.client.call("Live.ListSessions"), None)
+        self.assertEqual(self.client.listing("Live.ListSessions"), None)
 
     def test_terminate_with_a_folder_in_the_directory(self):
         session, _ = self.start()

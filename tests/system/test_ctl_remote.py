@@ -106,7 +106,7 @@ class Remote(ctl.CtlTestCase):
 
     def list_far_sessions(self, location=None):
         """Puts in the place of the near server one that lists the far one's sessions with their location."""
-        entries = self.far.client().call("Live.ListLocalSessions") or []
+        entries = self.far.client().local_sessions()
         for entry in entries:
             entry["location"] = self.location if location is None else location
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)

@@ -133,7 +133,7 @@ class Discovery(hosts.NeighbourCase):
         zarvo.wait_until(lambda: len(self.listed()) == 3, "the peer's sessions")
         self.assertEqual([item["id"] for item in self.listed()], [far, "0" * 32, own])
         self.assertEqual(self.listed()[:2], [entry(far), entry("0" * 32, name="second")])
-        self.assertEqual([item["id"] for item in self.client.call("Live.ListLocalSessions")], [own])
+        self.assertEqual([item["id"] for item in self.client.listing()], [own])
         self.client.wait_notification(lambda params: [item["id"] for item in params or []] == [far, "0" * 32, own],
                                       "the peer's sessions")
         self.assert_fails(-32094, "No session exists with the given id.", self.client.call, "Live.Terminate", [far])
@@ -167,7 +167,7 @@ class Discovery(hosts.NeighbourCase):
         session = zarvo.new_id()
         far.client().call("Live.Start", [session, "far away", "rootless"])
         self.say({"Method": "UPDATE", "Port": far.port, "User": self.instance.user})
-        zarvo.wait_until(lambda: self.listed() == far.client().call("Live.ListLocalSessions"), "the far session")
+        zarvo.wait_until(lambda: self.listed() == far.client().listing(), "the far session")
         self.assertEqual(self.listed()[0]["location"], f"ssh://{far.user}@{zarvo.HOST}:22/zarvo_sci")
 
     def test_change_while_a_peer_prepares_its_answer(self):

@@ -56,12 +56,12 @@ class HostsCase(zarvo.TestCase):
         """Each of the servers lists these sessions, the others' as these describe them themselves."""
         for server in servers:
             self.wait_ids(server, *ids)
-        own = {server: server.talk.call("Live.ListLocalSessions") or [] for server in servers}
+        own = {server: server.talk.local_sessions() for server in servers}
         for server in servers:
             peers = sorted((other for other in servers if other is not server),
                            key=lambda other: f"{other.address}:{other.port}")
             expected = [item for other in [*peers, server] for item in own[other]] or None
-            zarvo.wait_until(lambda: server.talk.call("Live.ListSessions") == expected,
+            zarvo.wait_until(lambda: server.talk.listing("Live.ListSessions") == expected,
                              f"{server.host.name} to list what the others do: {expected}")
 
     @staticmethod
@@ -79,19 +79,19 @@ class Broadcast:
                          {os.path.join(self.site.home, ".zarvo_server")})
         for server in servers:
             self.assertTrue(os.path.exists(server.pid_file), "the servers have a directory each")
-            self.assertEqual(server.talk.call("Live.ListSessions"), None)
+            self.assertEqual(server.talk.listing("Live.ListSessions"), None)
 
         first, offer = self.start_session(alpha)
         self.wait_same(servers, [first])
-        self.assertEqual(gamma.talk.call("Live.ListSessions")[0]["location"], alpha.location)
-        self.assertEqual(gamma.talk.call("Live.ListSessions")[0]["permissions"], "retry|terminate")
+        self.assertEqual(gamma.talk.listing("Live.ListSessions")[0]["location"], alpha.location)
+        self.assertEqual(gamma.talk.listing("Live.ListSessions")[0]["permissions"], "retry|terminate")
         second = self.start_session(beta)[0]
         self.wait_same(servers, [first, second])
 
         viewer = alpha.viewer(offer["port"], offer["password"])
 
         def connected():
-            return next(item for item in gamma.talk.call("Live.ListSessions")
+            return next(item for item in gamma.talk.listing("Live.ListSessions")
                         if item["id"] == first)["permissions"] == "disconnect|terminate"
         zarvo.wait_until(connected, "the change to be seen")
         self.wait_same(servers, [first, second])

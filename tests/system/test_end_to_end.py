@@ -137,7 +137,7 @@ class EndToEnd(bundled.BundledAgentTestCase):
             self.assertEqual((viewer.width, viewer.height), size)
         for session, answer in started:
             self.client.call("Live.Terminate", [session])
-        self.assertEqual(self.client.call("Live.ListSessions"), None)
+        self.assertEqual(self.client.listing("Live.ListSessions"), None)
         self.assert_all_gone(session, answer["port"])
 
     def test_geometry_that_is_none_fails_and_leaves_no_process(self):

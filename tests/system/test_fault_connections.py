@@ -137,7 +137,7 @@ class Crowds(zarvo.TestCase):
         delays = []
         while time.monotonic() < end:
             begin = time.monotonic()
-            self.assertEqual([entry["id"] for entry in client.call("Live.ListLocalSessions")], [session])
+            self.assertEqual([entry["id"] for entry in client.listing()], [session])
             delays.append(time.monotonic() - begin)
         # A new client gets in as well.
         self.assert_serves(server)

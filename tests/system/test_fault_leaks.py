@@ -37,7 +37,7 @@ class Leaks(zarvo.TestCase):
 
     def call(self):
         with self.client() as client:
-            client.call("Live.ListSessions")
+            client.listing("Live.ListSessions")
 
     def refused(self):
         with zarvo.Client(self.instance.port, context=self.stranger) as client:

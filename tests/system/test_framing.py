@@ -160,7 +160,7 @@ class BadFrames(zarvo.TestCase):
         session = zarvo.new_id()
         start = {"id": 2, "jsonrpc": "2.0", "method": "Live.Start", "params": [session, "xterm", "800x600"]}
         self.refuse(b"3:abcX" + zarvo.frame(start), NO_COMMA)
-        self.assertEqual(self.instance.client().call("Live.ListLocalSessions"), None)
+        self.assertEqual(self.instance.client().listing(), None)
         self.assertFalse(os.path.exists(self.instance.directory(session)))
 
     def test_other_connections_are_not_disturbed(self):

@@ -23,7 +23,7 @@ class Listings(zarvo.TestCase):
         return session, self.client.call("Live.Start", [session, command, geometry])
 
     def entry(self, session):
-        return next(entry for entry in self.client.call("Live.ListLocalSessions") if entry["id"] == session)
+        return next(entry for entry in self.client.listing() if entry["id"] == session)
 
     def wait_entry(self, session, key, value):
         zarvo.wait_until(lambda: self.entry(session)[key] == value, f"{key} to be {value}")
@@ -114,20 +114,20 @@ class Listings(zarvo.TestCase):
     def test_session_that_ended_well_goes_with_its_directory(self):
         session, _ = self.start()
         os.kill(int(self.instance.seen(session, "pid")), 15)
-        zarvo.wait_until(lambda: self.client.call("Live.ListSessions") is None, "the session to go")
+        zarvo.wait_until(lambda: self.client.listing("Live.ListSessions") is None, "the session to go")
         zarvo.wait_until(lambda: not os.path.exists(self.instance.directory(session)), "the directory to go")
 
     def test_session_that_ended_badly_leaves_its_directory(self):
         session, _ = self.start(exit_code=3)
         os.kill(int(self.instance.seen(session, "pid")), 15)
-        zarvo.wait_until(lambda: self.client.call("Live.ListSessions") is None, "the session to go")
+        zarvo.wait_until(lambda: self.client.listing("Live.ListSessions") is None, "the session to go")
         self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "3")
 
     def test_session_whose_agent_was_killed_is_dropped(self):
         session, _ = self.start()
         other, _ = self.start()
         os.kill(int(self.instance.seen(session, "pid")), 9)
-        zarvo.wait_until(lambda: [entry["id"] for entry in self.client.call("Live.ListSessions")] == [other],
+        zarvo.wait_until(lambda: [entry["id"] for entry in self.client.listing("Live.ListSessions")] == [other],
                          "the session to go")
         self.assertTrue(os.path.isdir(self.instance.directory(session)))
 
@@ -136,7 +136,7 @@ class Listings(zarvo.TestCase):
         directory = self.instance.directory(session)
         os.mkdir(os.path.join(directory, "folder"))
         os.kill(int(self.instance.seen(session, "pid")), 15)
-        zarvo.wait_until(lambda: self.client.call("Live.ListSessions") is None, "the session to go")
+        zarvo.wait_until(lambda: self.client.listing("Live.ListSessions") is None, "the session to go")
         self.instance.wait_log("Warning", f'Failed to remove the directory "{directory}"')
         self.assertEqual(os.listdir(directory), ["folder"])
 
@@ -216,7 +216,7 @@ class Location(zarvo.TestCase):
         server.start()
         client = server.client()
         client.call("Live.Start", [zarvo.new_id(), "xterm", "800x600"])
-        return server, client.call("Live.ListLocalSessions")[0]["location"]
+        return server, client.listing()[0]["location"]
 
     def test_default_names_user_and_host(self):
         server, location = self.listed_location()

@@ -34,7 +34,7 @@ class Notifications(zarvo.TestCase):
         clients = [server.client() for _ in range(3)]
         session = zarvo.new_id()
         clients[0].call("Live.Start", [session, "xterm", "800x600"])
-        listed = server.client().call("Live.ListSessions")
+        listed = server.client().listing("Live.ListSessions")
         for client in clients:
             params = client.wait_notification(lambda params: self.session(params, session), "the session")
             self.assertEqual(params, listed)
@@ -45,7 +45,7 @@ class Notifications(zarvo.TestCase):
         session = zarvo.new_id()
         client = server.client()
         client.call("Live.Start", [session, "\u00e4 b", "rootless"])
-        listed = client.call("Live.ListSessions")
+        listed = client.listing("Live.ListSessions")
         expected = zarvo.compact({"jsonrpc": "2.0", "method": "UpdateSessions", "params": listed}).encode()
         end = time.monotonic() + zarvo.DEADLINE
         received = []

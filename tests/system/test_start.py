@@ -135,13 +135,13 @@ class Success(zarvo.TestCase):
         for session in sessions:
             self.start(session=session)
             self.assertTrue(os.path.isdir(self.instance.directory(session)))
-        self.assertEqual([entry["id"] for entry in self.client.call("Live.ListLocalSessions")], sorted(sessions))
+        self.assertEqual([entry["id"] for entry in self.client.listing()], sorted(sessions))
 
     def test_notification_starts_a_session_without_an_answer(self):
         session = zarvo.new_id()
         self.client.send({"jsonrpc": "2.0", "method": "Live.Start", "params": [session, "xterm", "800x600"]})
         self.assertEqual(self.client.call("Live.GetVersion"), zarvo.VERSION)
-        self.assertEqual([entry["id"] for entry in self.client.call("Live.ListLocalSessions")], [session])
+        self.assertEqual([entry["id"] for entry in self.client.listing()], [session])
 
     def test_batch_of_starts(self):
         sessions = [zarvo.new_id() for _ in range(3)]
@@ -191,7 +191,7 @@ class Success(zarvo.TestCase):
         session, first = self.start("first")
         _, second = self.start("second", session=session)
         self.assertNotEqual(first["port"], second["port"])
-        listed = self.client.call("Live.ListLocalSessions")
+        listed = self.client.listing()
         self.assertEqual([(entry["id"], entry["name"]) for entry in listed], [(session, "second")])
 
     def test_id_that_is_being_started_is_refused(self):
@@ -480,7 +480,7 @@ class Displays(zarvo.TestCase):
         self.assert_fails(*NO_DISPLAY, server.client().call, "Live.Start", [session, "xterm", "800x600"])
         self.assertEqual(server.logged("Warning", "Failed to find an open display"), 1)
         self.assertFalse(os.path.exists(server.directory(session)))
-        self.assertEqual(server.client().call("Live.ListLocalSessions"), None)
+        self.assertEqual(server.client().listing(), None)
 
     def test_range_is_used_up_and_then_refused(self):
         server = self.server({"DisplayLimit": 2})

@@ -17,7 +17,7 @@ class Survival(zarvo.TestCase):
 
     def listed(self, server):
         with server.client() as client:
-            return client.call("Live.ListLocalSessions") or []
+            return client.local_sessions()
 
     @staticmethod
     def plant(server, folder, agent, /, **files):

@@ -17,7 +17,7 @@ class SuspendChecker(zarvo.TestCase):
 
     def permissions(self, server):
         with server.client() as client:
-            return {entry["id"]: entry["permissions"] for entry in client.call("Live.ListLocalSessions") or []}
+            return {entry["id"]: entry["permissions"] for entry in client.local_sessions()}
 
     def connect(self, server, session, answer):
         viewer = server.viewer(answer["port"], answer["password"])

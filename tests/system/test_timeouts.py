@@ -49,7 +49,7 @@ class Case:
 
     def permissions(self):
         with self.server.client() as client:
-            listed = client.call("Live.ListLocalSessions") or []
+            listed = client.local_sessions()
         return {entry["id"]: entry["permissions"] for entry in listed}.get(self.session)
 
     def wait_permissions(self, expected):

@@ -564,14 +564,17 @@ class Client:
             raise RpcError(answer["error"])
         return answer["result"]
 
-    def local_sessions(self):
-        """The server's own sessions; asked for again when one went while the listing waited for it, which fails it."""
+    def listing(self, method="Live.ListLocalSessions"):
+        """The answer of a listing; asked for again when it fails because a session went while it was waited for."""
         while True:
             try:
-                return self.call("Live.ListLocalSessions") or []
+                return self.call(method)
             except RpcError as error:
                 if error.error["code"] != -32094:
                     raise
+
+    def local_sessions(self):
+        return self.listing() or []
 
     def notification(self):
         """The next notification; to be used when no answer is due."""
