@@ -4,6 +4,8 @@
 #include "client/textwidth.h"
 #include "support/json.h"
 
+#include <QStringList>
+
 #include <array>
 #include <cerrno>
 #include <cstdio>
