@@ -98,8 +98,8 @@ bool ServerConnector::connect(RpcClient *client, Start start, Failure *failure)
         break;
     }
     // A server that is about to serve needs no start, so waiting for it is allowed in any case.
-    if (start == Start::Forbidden && files.look().trace != ServerTrace::Starting) {
-        return fail(failure, ExitCode::NoServer, lastDetail + u'.');
+    if (start == Start::Forbidden && last.trace != ServerTrace::Starting) {
+        return fail(failure, ExitCode::NoServer, last.detail + u'.');
     }
     return connectToStarting(client, start, failure);
 }
@@ -127,11 +127,10 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
         if (result != Attempt::NotYet) {
             return result == Attempt::Connected;
         }
-        const ServerTrace trace = files.look().trace;
-        const bool hopeless = launched && trace != ServerTrace::Starting;
-        traceless.see(trace);
+        const bool hopeless = launched && last.trace != ServerTrace::Starting;
+        traceless.see(last.trace);
         if (hopeless && start == Start::Forbidden) {
-            return fail(failure, ExitCode::NoServer, lastDetail + u'.'); // what was there has ended
+            return fail(failure, ExitCode::NoServer, last.detail + u'.'); // what was there has ended
         }
         if (hopeless && !launcher.messages().isEmpty()) {
             return fail(failure, ExitCode::NoServer,
@@ -149,18 +148,18 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
         }
     }
     return fail(failure, client->isLate() ? ExitCode::TimedOut : ExitCode::NoServer,
-                u"The server did not start in time: %1."_s.arg(lastDetail));
+                u"The server did not start in time: %1."_s.arg(last.detail));
 }
 
 ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *failure)
 {
-    const ServerSighting sighting = files.look();
-    lastDetail = sighting.detail;
-    if (sighting.trace == ServerTrace::Unreadable) {
-        fail(failure, ExitCode::NoServer, sighting.detail + u'.');
+    // Looked at once: what follows is decided by the same look, for a server writes its files meanwhile.
+    last = files.look();
+    if (last.trace == ServerTrace::Unreadable) {
+        fail(failure, ExitCode::NoServer, last.detail + u'.');
         return Attempt::Failed;
     }
-    if (sighting.trace != ServerTrace::Running) {
+    if (last.trace != ServerTrace::Running) {
         return Attempt::NotYet;
     }
     Credentials credentials;
@@ -168,11 +167,11 @@ ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *fa
         return Attempt::Failed;
     }
     QString error;
-    switch (client->connectTo(sighting.port, credentials, kConnectTimeout, &error)) {
+    switch (client->connectTo(last.port, credentials, kConnectTimeout, &error)) {
     case RpcClient::Outcome::Connected:
         return Attempt::Connected;
     case RpcClient::Outcome::Refused:
-        lastDetail = error;
+        last.detail = error;
         return Attempt::NotYet;
     case RpcClient::Outcome::TimedOut:
         fail(failure, ExitCode::TimedOut, error + u'.');

@@ -32,5 +32,5 @@ private:
     bool connectToStarting(RpcClient *client, Start start, Failure *failure);
 
     ServerFiles files;
-    QString lastDetail; ///< why the last attempt brought no connection
+    ServerSighting last; ///< what the last attempt saw; the detail says why it brought no connection
 };

@@ -112,6 +112,23 @@ class Starting(CtlTestCase):
         zarvo.write(server.port_file, port)
         self.assertEqual(process.communicate(timeout=zarvo.DEADLINE)[0], "[]\n")
 
+    def test_port_file_that_is_written_between_two_looks(self):
+        server = self.server()
+        port = zarvo.read(server.port_file)
+        done = threading.Event()
+
+        def write_and_empty():
+            while not done.is_set():
+                for text in ("", port):
+                    zarvo.write(server.port_file, text)
+
+        writer = threading.Thread(target=write_and_empty)
+        writer.start()
+        self.addCleanup(writer.join, zarvo.DEADLINE)
+        self.addCleanup(done.set)
+        for _ in range(10):
+            self.assertEqual(self.ctl(server, "list", "--json", "--no-start"), "[]\n")
+
 
 class Trust(CtlTestCase):
     def listen(self, server, serve):
