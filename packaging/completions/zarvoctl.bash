@@ -14,14 +14,16 @@ _zarvoctl_sessions()
     done < <(timeout 3 zarvoctl list --plain --no-start 2>/dev/null)
 }
 
-# Sets "given" to the words behind the verb that are no options, and "command" to the place of the first of them.
+# Sets "given" to the words behind the verb that are no options, "command" to the place of the first of them, and "starts"
+# to something when they are a command that is to be started.
 _zarvoctl_given()
 {
     local i word skip=
-    given=() command=0
+    given=() command=0 starts=
+    [[ $1 != start ]] || starts=1
     for ((i = 2; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
-        if [[ ${#given[@]} -gt 0 && $1 == start ]]; then
+        if [[ ${#given[@]} -gt 0 && -n $starts ]]; then
             given+=("$word")
         elif [[ -n $skip ]]; then
             skip=
@@ -32,6 +34,7 @@ _zarvoctl_given()
         else
             case $word in
                 --geometry | --for | --timeout | --lines | -n) skip=1 ;;
+                --new) starts=1 ;;
                 -?*) ;;
                 *) given+=("$word") && [ "$command" -gt 0 ] || command=$i ;;
             esac
@@ -59,7 +62,7 @@ _zarvoctl_options()
 _zarvoctl()
 {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} verb=${COMP_WORDS[1]}
-    local given command
+    local given command starts
     COMPREPLY=()
     if [ "$COMP_CWORD" -eq 1 ]; then
         COMPREPLY=($(compgen -W "connect list ls start resume replay suspend terminate watch wait logs screenshot doctor
@@ -67,7 +70,7 @@ _zarvoctl()
         return
     fi
     _zarvoctl_given "$verb"
-    if [[ $verb == start && $command -gt 0 && $COMP_CWORD -gt $command ]]; then
+    if [[ -n $starts && $command -gt 0 && $COMP_CWORD -gt $command ]]; then
         COMPREPLY=($(compgen -f -- "$current")) # it is the command's from here on
         return
     fi
@@ -79,6 +82,10 @@ _zarvoctl()
     case $current in
         -*) COMPREPLY=($(compgen -W "$(_zarvoctl_options "$verb")" -- "$current")) && return ;;
     esac
+    if [[ -n $starts ]]; then
+        COMPREPLY=($(compgen -c -- "$current" | sort -u))
+        return
+    fi
     case $verb in
         connect | resume | replay | suspend | terminate | wait | logs)
             _zarvoctl_sessions "$current" ;;
@@ -89,7 +96,6 @@ _zarvoctl()
                 COMPREPLY=($(compgen -f -- "$current"))
             fi ;;
         server) COMPREPLY=($(compgen -W "start stop status log" -- "$current")) ;;
-        start) COMPREPLY=($(compgen -c -- "$current" | sort -u)) ;;
         help) COMPREPLY=($(compgen -W "connect list start resume replay suspend terminate watch wait logs screenshot doctor
             server version describe" -- "$current")) ;;
     esac

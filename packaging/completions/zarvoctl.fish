@@ -55,7 +55,9 @@ complete -c zarvoctl -n $first -a help -d 'How to use a verb'
 complete -c zarvoctl -n $first -l version -d 'Print the version of this program'
 complete -c zarvoctl -s h -l help -d 'How to use it'
 
-complete -c zarvoctl -n '__fish_seen_subcommand_from connect resume replay suspend terminate wait logs screenshot' -a '(__zarvoctl_sessions)'
+complete -c zarvoctl -n '__fish_seen_subcommand_from connect; and not __fish_contains_opt new' -a '(__zarvoctl_sessions)'
+complete -c zarvoctl -n '__fish_seen_subcommand_from connect; and __fish_contains_opt new' -a '(__fish_complete_subcommand)'
+complete -c zarvoctl -n '__fish_seen_subcommand_from resume replay suspend terminate wait logs screenshot' -a '(__zarvoctl_sessions)'
 complete -c zarvoctl -n '__fish_seen_subcommand_from screenshot' -F
 complete -c zarvoctl -n '__fish_seen_subcommand_from server' -a 'start stop status log'
 complete -c zarvoctl -n '__fish_seen_subcommand_from help' -a "$verbs"

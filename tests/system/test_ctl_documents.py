@@ -164,6 +164,17 @@ class Completions(ctl.CtlTestCase):
         self.assertIn("bash", self.bash(None, "start", "--", "ba"))
         self.assertEqual(self.bash(None, "start", "xterm", "zarvoctl.f", folder=COMPLETIONS), {"zarvoctl.fish"})
 
+    def test_bash_completes_the_command_of_a_new_session(self):
+        server = self.server()
+        session = self.start(server, "zz")["id"]
+        self.assertEqual(self.bash(server, "connect", ""), {session})
+        for words in (("--new",), ("--new", "--"), ("--new", "--geometry", "640x480", "--")):
+            offered = self.bash(server, "connect", *words, "")
+            self.assertIn("bash", offered, words)
+            self.assertNotIn(session, offered, words)
+        self.assertEqual(self.bash(server, "connect", "--new", "--", "xterm", "zarvoctl.f", folder=COMPLETIONS),
+                         {"zarvoctl.fish"})
+
     def test_bash_tells_the_picture_from_its_session(self):
         server = self.server()
         session = self.start(server, "zz")["id"]
@@ -195,6 +206,9 @@ class Completions(ctl.CtlTestCase):
         self.assertIn(["a name", session], offered("zarvoctl suspend a"))
         self.assertIn("screenshot", [entry[0] for entry in offered("zarvoctl s")])
         self.assertNotIn("--geometry", [entry[0] for entry in offered("zarvoctl start ls --")])
+        self.assertIn(session, [entry[0] for entry in offered("zarvoctl connect ")])
+        for line in ("zarvoctl connect --new ", "zarvoctl connect --new -- "):
+            self.assertNotIn(session, [entry[0] for entry in offered(line)], line)
         for verb in verbs():
             found = [entry[0] for dashes in ("-", "--") for entry in offered(f"zarvoctl {verb} {dashes}")]
             self.assert_covers(verb, found)
@@ -217,7 +231,11 @@ class Completions(ctl.CtlTestCase):
         session = self.start(server, "nameless-thing")["id"]
         zarvo.write(os.path.join(server.home, ".zshrc"), f"fpath=({shlex.quote(COMPLETIONS)} $fpath); PS1='ready> '\n"
                     "autoload -Uz compinit; compinit -D -u\n")
-        path = os.path.dirname(ctl.CTL) + ":" + server.environment["PATH"]
+        commands = {"start": ("one", "-tool"), "start --": ("two", "-tool"),
+                    "connect --new": ("three", "-tool"), "connect --new --": ("four", "-tool")}
+        for name in map("".join, commands.values()):
+            os.symlink("/bin/true", os.path.join(server.home, name))
+        path = ":".join((os.path.dirname(ctl.CTL), server.environment["PATH"], server.home))
         zsh = Terminal({**server.environment, "PATH": path, "ZDOTDIR": server.home}, "zsh", "-di", columns=200)
         self.addCleanup(zsh.close)
         zsh.wait_for("ready> ")
@@ -225,6 +243,9 @@ class Completions(ctl.CtlTestCase):
         zsh.wait_for(session)
         zsh.type("\x15zarvoctl wait namel\t")
         zsh.wait_for("ess-thing")
+        for line, (begin, rest) in commands.items():
+            zsh.type(f"\x15zarvoctl {line} {begin}\t")
+            zsh.wait_for(begin + rest)
         zsh.type("\x15zarvoctl screen\t")
         zsh.wait_for("shot")
 
