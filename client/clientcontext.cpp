@@ -18,7 +18,13 @@ ClientContext::ClientContext(Console &console_, const Settings &settings_)
 
 bool ClientContext::connectToServer(ServerConnector::Start start, Failure *failure)
 {
-    return client.isConnected() || ServerConnector(files).connect(&client, start, failure);
+    if (client.isConnected()) {
+        return true;
+    }
+    ServerConnector connector(files);
+    const bool isConnected = connector.connect(&client, start, failure);
+    server = connector.sighting();
+    return isConnected;
 }
 
 bool ClientContext::list(const QString &method, SessionList *sessions, Failure *failure)

@@ -24,6 +24,9 @@ public:
      */
     [[nodiscard]] bool connect(RpcClient *client, Start start, Failure *failure);
 
+    /** What the files told when the connection was made, or when it was given up. */
+    [[nodiscard]] const ServerSighting &sighting() const { return last; }
+
 private:
     enum class Attempt { Connected, NotYet, Failed };
 

@@ -39,7 +39,7 @@ ExitCode start(const QCommandLineParser &, ClientContext &context)
     if (!context.connectToServer(ServerConnector::Start::Allowed, &failure)) {
         return context.console.report(failure);
     }
-    context.console.note(context.files.look().detail + u'.');
+    context.console.note(context.server.detail + u'.');
     return ExitCode::Done;
 }
 
@@ -78,7 +78,8 @@ ExitCode status(const QCommandLineParser &line, ClientContext &context)
     if (failure.code == ExitCode::TimedOut) {
         failure.code = ExitCode::NoServer; // whether one answers is the question
     }
-    const ServerSighting sighting = context.files.look();
+    // The files may be others by now; these told of the server that has answered, or has not.
+    const ServerSighting &sighting = context.server;
     if (line.isSet(u"json"_s)) {
         Json::Value value(Json::objectValue);
         value["answers"] = answers;

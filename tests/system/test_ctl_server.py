@@ -112,22 +112,36 @@ class Starting(CtlTestCase):
         zarvo.write(server.port_file, port)
         self.assertEqual(process.communicate(timeout=zarvo.DEADLINE)[0], "[]\n")
 
-    def test_port_file_that_is_written_between_two_looks(self):
-        server = self.server()
-        port = zarvo.read(server.port_file)
+    def write_and_empty(self, path):
+        """From now on the file is empty at one moment and whole at the next one, as while it is written."""
+        content = zarvo.read(path)
         done = threading.Event()
 
-        def write_and_empty():
+        def run():
             while not done.is_set():
-                for text in ("", port):
-                    zarvo.write(server.port_file, text)
+                for text in ("", content):
+                    zarvo.write(path, text)
 
-        writer = threading.Thread(target=write_and_empty)
+        writer = threading.Thread(target=run)
         writer.start()
         self.addCleanup(writer.join, zarvo.DEADLINE)
         self.addCleanup(done.set)
+
+    def test_port_file_that_is_written_between_two_looks(self):
+        server = self.server()
+        self.write_and_empty(server.port_file)
         for _ in range(10):
             self.assertEqual(self.ctl(server, "list", "--json", "--no-start"), "[]\n")
+
+    def test_status_is_that_of_the_server_that_answered(self):
+        server = self.server()
+        self.write_and_empty(server.port_file)
+        for _ in range(10):
+            status = self.ctl_json(server, "server", "status")
+            self.assertEqual((status["answers"], status["files"], status["pid"], status["port"]),
+                             (True, "running", server.pid, server.port))
+            started = self.ctl_result(server, "server", "start").stderr
+            self.assertEqual(started, f"The server is process {server.pid} on port {server.port}.\n")
 
 
 class Trust(CtlTestCase):
