@@ -4,6 +4,8 @@
 #include "client/progress.h"
 #include "client/verb.h"
 
+#include <utility>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -12,15 +14,30 @@ QString wayOut(SessionState state)
 {
     switch (state) {
     case SessionState::Connected:
-        return u"A viewer is connected; \"zarvoctl suspend\" throws it out."_s;
+        return u" A viewer is connected; \"zarvoctl suspend\" throws it out."_s;
     case SessionState::Offered:
-        return u"A password is offered already; \"zarvoctl replay\" prints it."_s;
+        return u" A password is offered already; \"zarvoctl replay\" prints it."_s;
     case SessionState::Suspended:
-        return u"No password is offered; \"zarvoctl resume\" makes one."_s;
+        return u" No password is offered; \"zarvoctl resume\" makes one."_s;
     case SessionState::Unknown:
         break;
     }
     return {};
+}
+
+/** The state as it is now: viewers come and go between a listing and what is made of it. */
+SessionState stateNow(ClientContext &context, const QString &id)
+{
+    SessionList sessions;
+    Failure ignored;
+    if (context.listLocal(&sessions, &ignored)) {
+        for (const SessionEntry &session : std::as_const(sessions)) {
+            if (session.id == id) {
+                return session.state();
+            }
+        }
+    }
+    return SessionState::Unknown;
 }
 
 } // namespace
@@ -32,7 +49,7 @@ bool requestOffer(ClientContext &context, const QString &method, const SessionEn
     const Progress progress(u"Asking for a password"_s);
     if (!context.callWithId(method, session.id, &answer, failure)) {
         if (failure->code == ExitCode::WrongState) {
-            failure->text += u' ' + wayOut(session.state());
+            failure->text += wayOut(stateNow(context, session.id));
         }
         return false;
     }

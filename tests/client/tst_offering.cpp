@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: MIT
+#include "client/offering.h"
+#include "support/json.h"
+#include "tests/client/fakeserver.h"
+#include "tests/client/sessions.h"
+#include "tests/engine/files.h"
+#include "tests/testmain.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kInvalidState = -32092;
+
+Json::Value refusal(const Json::Value &request)
+{
+    Json::Value message(Json::objectValue);
+    message["jsonrpc"] = "2.0";
+    message["id"] = request["id"];
+    message["error"]["code"] = kInvalidState;
+    message["error"]["message"] = "Not now.";
+    return message;
+}
+
+Json::Value listing(const SessionList &sessions)
+{
+    Json::Value list(Json::arrayValue);
+    for (const SessionEntry &session : sessions) {
+        Json::Value entry(Json::objectValue);
+        entry["id"] = jsonString(session.id);
+        entry["permissions"] = jsonString(session.permissions.join(u'|'));
+        list.append(entry);
+    }
+    return list;
+}
+
+} // namespace
+
+/** The process under test passes itself off as a server, so that its own FakeServer is found. */
+class TestOffering : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(makeTestIdentity(dir, u"server"_s, QString(), &identity));
+        QVERIFY(QFile::rename(dir.filePath(u"server.cert"_s), dir.filePath(u"server_cert"_s)));
+        QVERIFY(QFile::rename(dir.filePath(u"server.key"_s), dir.filePath(u"server_key"_s)));
+        QVERIFY(QDir(dir.path()).mkpath(u"host"_s));
+        ::prctl(PR_SET_NAME, "zarvo_server");
+    }
+
+    void init()
+    {
+        server = std::make_unique<FakeServer>(identity, [this](QSslSocket *peer, const Json::Value &request) {
+            if (request["method"] == "Live.ListLocalSessions") {
+                FakeServer::answer(peer, request, listing(now));
+            } else {
+                FakeServer::send(peer, refusal(request));
+            }
+        });
+        putFile(dir.filePath(u"host/server_pid"_s), QByteArray::number(::getpid()));
+        putFile(dir.filePath(u"host/server_port"_s), QByteArray::number(server->port()));
+        Settings settings{};
+        settings.userPath = dir.filePath(u"host"_s);
+        context = std::make_unique<ClientContext>(console, settings);
+        Failure failure;
+        QVERIFY2(context->connectToServer(ServerConnector::Start::Forbidden, &failure), qPrintable(failure.text));
+    }
+
+    void cleanup()
+    {
+        context.reset();
+        server.reset();
+    }
+
+    void wayOutIsThatOfTheStateAsItIsNow_data()
+    {
+        QTest::addColumn<QString>("permission");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("viewer") << u"disconnect"_s
+                                << u"Not now. A viewer is connected; \"zarvoctl suspend\" throws it out."_s;
+        QTest::newRow("password") << u"retry"_s
+                                  << u"Not now. A password is offered already; \"zarvoctl replay\" prints it."_s;
+        QTest::newRow("nobody") << u"connect"_s << u"Not now. No password is offered; \"zarvoctl resume\" makes one."_s;
+        QTest::newRow("something new") << u"sing"_s << u"Not now."_s;
+    }
+    void wayOutIsThatOfTheStateAsItIsNow()
+    {
+        QFETCH(QString, permission);
+        QFETCH(QString, text);
+        now = {makeSession(u"1"_s, u"other"_s), makeSession(u"2"_s, u"this"_s, permission)};
+        for (const QString &before : {u"disconnect"_s, u"retry"_s, u"connect"_s}) {
+            QCOMPARE(refusedFor(makeSession(u"2"_s, u"this"_s, before)), text);
+        }
+    }
+
+    void sessionThatHasGoneMeanwhile()
+    {
+        now = {makeSession(u"1"_s, u"other"_s)};
+        QCOMPARE(refusedFor(makeSession(u"2"_s, u"this"_s)), u"Not now."_s);
+    }
+
+private:
+    /** What the user is told when the server refuses the session, which was listed so. */
+    QString refusedFor(const SessionEntry &listed)
+    {
+        ConnectionOffer offer;
+        Failure failure;
+        const bool isOffered = requestOffer(*context, u"Live.Resume"_s, listed, &offer, &failure);
+        return !isOffered && failure.code == ExitCode::WrongState ? failure.text : u"not refused"_s;
+    }
+
+    QTemporaryDir dir;
+    TestIdentity identity;
+    SessionList now; ///< what the server lists
+    std::unique_ptr<FakeServer> server;
+    Console console;
+    std::unique_ptr<ClientContext> context;
+};
+
+ZARVO_TEST(TestOffering)
+#include "tst_offering.moc"
