@@ -39,8 +39,9 @@ def run_ssh_keygen(path):
 class Sshd:
     """A sshd for this user alone. Every command runs in the surroundings of one server."""
 
-    def __init__(self, folder, environment):
+    def __init__(self, folder, environment, port):
         os.makedirs(folder)
+        self.port = port
         self.path = lambda name: os.path.join(folder, name)
         for name in ("host_key", "user_key"):
             run_ssh_keygen(self.path(name))
@@ -49,9 +50,6 @@ class Sshd:
             exports = "".join(f"export {key}={shlex.quote(value)}\n" for key, value in environment.items())
             file.write(f'#!/bin/sh\n{exports}exec /bin/sh -c "$SSH_ORIGINAL_COMMAND"\n')
         os.chmod(self.path("command"), 0o755)
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            self.port = probe.getsockname()[1]
         zarvo.write(self.path("sshd_config"), f"""
 ListenAddress 127.0.0.1
 Port {self.port}
@@ -96,10 +94,12 @@ class Remote(ctl.CtlTestCase):
             self.skipTest("openssh-server and openssh-client are not installed")
         if os.geteuid() == 0:
             os.makedirs("/run/sshd", mode=0o755, exist_ok=True)  # sshd's own, which its service would make
-        self.far = self.server()
+        self.far = self.server({"DisplayLimit": 10})
         self.near = self.server()
         path = os.path.dirname(ctl.CTL) + ":" + self.far.environment["PATH"]
-        self.sshd = Sshd(os.path.join(self.far.top, "ssh"), {**self.far.environment, "PATH": path})
+        # A display number that this server does not use lends its port, so that nobody else has it.
+        port = 6000 + self.far.displays.base + 15
+        self.sshd = Sshd(os.path.join(self.far.top, "ssh"), {**self.far.environment, "PATH": path}, port)
         self.addCleanup(self.sshd.close)
         self.environment = {"ZARVO_SSH": f'ssh -F "{self.sshd.path("ssh_config")}"'}
         self.location = f"ssh://{getpass.getuser()}@127.0.0.1:{self.sshd.port}/zarvo_sci"
