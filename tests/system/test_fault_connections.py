@@ -27,17 +27,17 @@ def allow_descriptors(count):
 
 
 class Stranger(threading.Thread):
-    """Comes again and again, and is never let in."""
+    """Comes again and again until it is told to stop, and is never let in."""
 
-    def __init__(self, port, end, seed):
+    def __init__(self, port, stop, seed):
         super().__init__(daemon=True)
-        self.port, self.end = port, end
+        self.port, self.stop = port, stop
         self.random = random.Random(seed)
         self.context = zarvo.client_context()
         self.count = 0
 
     def run(self):
-        while time.monotonic() < self.end:
+        while not self.stop.is_set():
             act = self.random.choice((self.shake, self.shake, self.knock, self.babble, self.break_off))
             with contextlib.suppress(OSError, EOFError):
                 act()
@@ -130,26 +130,34 @@ class Crowds(zarvo.TestCase):
         client = server.client()
         client.call("Live.Start", [session, "xterm", "800x600"])
         before, memory = sockets(server), server.resident()
-        end = time.monotonic() + SECONDS
-        strangers = [Stranger(server.port, end, number) for number in range(STRANGERS)]
+        stop = threading.Event()
+        strangers = [Stranger(server.port, stop, number) for number in range(STRANGERS)]
+        self.addCleanup(stop.set)
+        first = time.monotonic()
         for stranger in strangers:
             stranger.start()
         delays = []
-        while time.monotonic() < end:
+
+        def is_over():
+            """A slow machine has its time, but there have to be so many strangers, and the client so many answers."""
+            return (time.monotonic() - first >= SECONDS and len(delays) > 2 * SECONDS
+                    and sum(stranger.count for stranger in strangers) > 20 * SECONDS)
+        while not is_over():
             begin = time.monotonic()
+            self.assertLess(begin - first, SECONDS + zarvo.DEADLINE, f"{len(delays)} answers")
             self.assertEqual([entry["id"] for entry in client.listing()], [session])
             delays.append(time.monotonic() - begin)
         # A new client gets in as well.
         self.assert_serves(server)
+        stop.set()
+        seconds = time.monotonic() - first
         for stranger in strangers:
             stranger.join(2 * zarvo.DEADLINE)
             self.assertFalse(stranger.is_alive())
         count = sum(stranger.count for stranger in strangers)
         delays.sort()
-        print(f"{count} strangers in {SECONDS} s; meanwhile {len(delays)} requests, the median took "
+        print(f"{count} strangers in {seconds:.0f} s; meanwhile {len(delays)} requests, the median took "
               f"{delays[len(delays) // 2] * 1000:.0f} ms, the longest {delays[-1] * 1000:.0f} ms")
-        self.assertGreater(count, 20 * SECONDS)
-        self.assertGreater(len(delays), 2 * SECONDS)
         zarvo.wait_until(lambda: sockets(server) <= before, "the sockets to be closed")
         self.assertLess(server.resident() - memory, (16 << 20) + server.instrumentation())
         client.call("Live.Terminate", [session])
