@@ -6,6 +6,7 @@ import os
 import signal
 import subprocess
 
+import relay
 import zarvo
 
 CTL = os.path.join(zarvo.BUILD, "bin", "zarvoctl")
@@ -91,9 +92,17 @@ class CtlTestCase(zarvo.TestCase):
             zarvo.wait_until(lambda: any(entry["id"] == session and permission in entry["permissions"].split("|")
                                          for entry in client.local_sessions()), f"the state {state}")
 
-    def assert_waits(self, server, process):
-        """A zarvoctl in the background is connected, and does not end."""
-        zarvo.wait_until(lambda: self.is_connected(server, process), "a connection to the server")
+    def following(self, server, *arguments):
+        """zarvoctl in the background, once it has been told of the sessions and is told of what becomes of them."""
+        between = relay.Relay(self, server)
+        zarvo.write(server.port_file, str(between.port))
+        process = self.background(server, *arguments)
+        zarvo.wait_until(lambda: "Live.ListSessions" in between.answered, "the list of sessions")
+        zarvo.write(server.port_file, str(server.port))
+        return process
+
+    def assert_waits(self, process):
+        """A zarvoctl in the background does not end."""
         with self.assertRaises(subprocess.TimeoutExpired):
             process.wait(0.3)
 

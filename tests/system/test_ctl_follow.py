@@ -54,16 +54,16 @@ class Watch(ctl.CtlTestCase):
 
     def test_reader_that_goes_while_nothing_happens(self):
         server = self.server()
-        process = self.background(server, "watch")
-        self.assert_waits(server, process)
+        process = self.following(server, "watch")
+        self.assert_waits(process)
         process.stdout.close()
         self.assertEqual(process.wait(zarvo.DEADLINE), DONE)
         self.assertEqual(process.stderr.read(), "")
 
     def test_reader_that_goes_while_the_server_is_away(self):
         server = self.server()
-        process = self.background(server, "watch")
-        self.assert_waits(server, process)
+        process = self.following(server, "watch")
+        self.assert_waits(process)
         server.stop()
         self.assertIn("The server has gone", process.stderr.readline())
         process.stdout.close()
@@ -74,16 +74,16 @@ class Wait(ctl.CtlTestCase):
     def test_states(self):
         server = self.server()
         started = self.start(server)
-        connected = self.background(server, "wait", "--for", "connected")
-        suspended = self.background(server, "wait", "--for", "suspended")
-        ended = self.background(server, "wait", "--for", "ended")
-        self.assert_waits(server, connected)
+        connected = self.following(server, "wait", "--for", "connected")
+        suspended = self.following(server, "wait", "--for", "suspended")
+        ended = self.following(server, "wait", "--for", "ended")
+        self.assert_waits(connected)
         viewer = server.viewer(started["port"], started["password"])
         self.assertEqual(connected.wait(zarvo.DEADLINE), DONE)
-        self.assert_waits(server, suspended)
+        self.assert_waits(suspended)
         viewer.close()
         self.assertEqual(suspended.wait(zarvo.DEADLINE), DONE)
-        self.assert_waits(server, ended)
+        self.assert_waits(ended)
         self.ctl(server, "terminate")
         self.assertEqual(ended.wait(zarvo.DEADLINE), DONE)
 
@@ -98,8 +98,8 @@ class Wait(ctl.CtlTestCase):
     def test_end_in_place_of_the_state(self):
         server = self.server()
         session = self.start(server)["id"]
-        process = self.background(server, "wait", session, "--for", "connected")
-        self.assert_waits(server, process)
+        process = self.following(server, "wait", session, "--for", "connected")
+        self.assert_waits(process)
         self.ctl(server, "terminate", session)
         self.assertEqual(process.wait(zarvo.DEADLINE), NEGATIVE)
         self.assertIn("The session has ended", process.stderr.read())
@@ -115,19 +115,19 @@ class Wait(ctl.CtlTestCase):
     def test_restart_of_the_server(self):
         server = self.server()
         self.start(server)
-        process = self.background(server, "wait", "--for", "ended")
-        self.assert_waits(server, process)
+        process = self.following(server, "wait", "--for", "ended")
+        self.assert_waits(process)
         server.stop()
         server.start()
-        self.assert_waits(server, process)
+        zarvo.wait_until(lambda: self.is_connected(server, process), "a connection to the new server")
+        self.assert_waits(process)
         self.ctl(server, "terminate")
         self.assertEqual(process.wait(zarvo.DEADLINE), DONE)
 
     def test_timeout_without_a_server(self):
         server = self.server()
         self.start(server)
-        process = self.background(server, "wait", "--for", "ended", "--timeout", "2")
-        self.assert_waits(server, process)
+        process = self.following(server, "wait", "--for", "ended", "--timeout", "5")
         server.stop()
         self.assertEqual(process.wait(zarvo.DEADLINE), TIMED_OUT)
 

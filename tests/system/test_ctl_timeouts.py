@@ -62,8 +62,8 @@ class Patience(ctl.CtlTestCase):
     def server_that_stays_away(self):
         server = self.server()
         self.start(server)
-        process = self.background(server, "wait", "--for", "ended")
-        self.assert_waits(server, process)
+        process = self.following(server, "wait", "--for", "ended")
+        self.assert_waits(process)
         server.stop()
         return lambda: self.assertEqual(process.wait(2 * zarvo.DEADLINE), NO_SERVER)
 
