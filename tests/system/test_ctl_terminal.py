@@ -55,7 +55,7 @@ class OnTerminal(ctl.CtlTestCase):
         server.agent(ready_delay=1)
         code, text = self.terminal(server, "start", "slow program").finish()
         self.assertEqual(code, 0)
-        self.assertRegex(text, r"\r\x1b\[KStarting slow program… 0\.\d s\r\x1b\[K")
+        self.assertRegex(text, r"\r\x1b\[KStarting slow program… \d+\.\d s\r\x1b\[K")
         self.assertRegex(text.split("\r\x1b[K")[-1], r"\Asession   [0-9a-f]{32}\n")
         server.agent(ready_delay=1)
         self.assertNotIn("Starting", self.ctl_result(server, "start", "slow program").stderr)
