@@ -47,7 +47,7 @@ class HostsCase(zarvo.TestCase):
 
     @staticmethod
     def ids(server, method="Live.ListSessions"):
-        return [item["id"] for item in server.talk.call(method) or []]
+        return [item["id"] for item in server.talk.listing(method) or []]
 
     def wait_ids(self, server, *ids):
         zarvo.wait_until(lambda: sorted(self.ids(server)) == sorted(ids), f"{len(ids)} sessions on {server.host.name}")
@@ -363,7 +363,6 @@ unittest.main(argv=["killed"])
         network = os.readlink(f"/proc/{pid}/ns/net")
         self.assertNotEqual(network, os.readlink("/proc/self/ns/net"))
         run.kill()
-        run.wait()
 
         def inside():
             for entry in os.listdir("/proc"):
@@ -372,7 +371,11 @@ unittest.main(argv=["killed"])
                         return True
             return False
         zarvo.wait_until(lambda: not inside(), "the end of everything in the namespace")
+        # As long as nobody has waited for it its number is not free, and other runs leave its folders alone.
+        os.waitid(os.P_PID, run.pid, os.WEXITED | os.WNOWAIT)
+        hosts.remove_leftovers()
         self.assertTrue(os.path.exists(site))
+        run.wait()
         hosts.remove_leftovers()
         self.assertFalse(os.path.exists(site))
 
