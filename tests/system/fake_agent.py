@@ -7,6 +7,7 @@ RECORDS is a folder outside the session directory. RECORDS/agent-SESSION.conf, e
 "key=value" lines (SESSION is the name of the session directory):
     state=socket|log        serve the state on /tmp/Xrdp_N.sock, or write it to server_log
     ready=no                never report that the session started
+    ready=hold              not before RECORDS/go-SESSION exists
     ready_delay=SECONDS     report it so much later
     exit_at_once=CODE       end before anything is reported
     exit_file=no            end without server_exit
@@ -163,6 +164,9 @@ class Agent:
         self.log(f"RDP initialized at '{self.state['Started']}'")
         self.log(f"Screen resized to '{width}x{height}'")
 
+    def may_be_ready(self):
+        return self.options.get("ready") != "hold" or os.path.exists(os.path.join(RECORDS, "go-" + SESSION))
+
     def end(self, code):
         if self.options.get("state") != "log":
             try:
@@ -203,10 +207,10 @@ class Agent:
         pending = self.allows("ready")
         due = time.monotonic() + float(self.options.get("ready_delay", "0"))
         while True:
-            if pending and time.monotonic() >= due:
+            if pending and time.monotonic() >= due and self.may_be_ready():
                 pending = False
                 self.ready()
-            events = self.poll.poll(max(0, (due - time.monotonic()) * 1000) if pending else None)
+            events = self.poll.poll(max(10, (due - time.monotonic()) * 1000) if pending else None)
             for descriptor, _ in events:
                 if descriptor == wake:
                     for number in os.read(wake, 64):

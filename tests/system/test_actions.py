@@ -292,23 +292,27 @@ class Actions(zarvo.TestCase):
     def test_different_sessions_do_not_wait_for_each_other(self):
         quick, _ = self.start()
         slow = zarvo.new_id()
-        self.instance.agent(slow, ready_delay=4)
+        self.instance.agent(slow, ready="hold")
         starter = self.instance.client()
         pending = starter.begin("Live.Start", [slow, "xterm", "800x600"])
         self.instance.seen(slow, "pid")
         self.assertEqual(self.client.call("Live.Terminate", [quick]), None)
         self.assertFalse(os.path.exists(os.path.join(self.instance.records, "C-" + slow, "signals")))
+        self.instance.release(slow)
         self.assertIn("port", starter.finish(pending))
 
     def test_action_waits_for_the_start_that_is_at_work(self):
         session = zarvo.new_id()
-        self.instance.agent(session, ready_delay=2)
+        self.instance.agent(session, ready="hold")
         starter = self.instance.client()
         pending = starter.begin("Live.Start", [session, "xterm", "800x600"])
         monitor = os.path.join(self.instance.directory(session), "monitor_pid")
         zarvo.wait_until(lambda: os.path.exists(monitor) and zarvo.read(monitor), "the agent's start")
         self.client.call("Live.GetVersion")
-        self.assertEqual(self.client.call("Live.Terminate", [session]), None)
+        waiting = self.client.begin("Live.Terminate", [session])
+        self.assert_serves(self.instance)  # by now it has been asked for the end as well
+        self.instance.release(session)
+        self.assertEqual(self.client.finish(waiting), None)
         self.assertIn("port", starter.finish(pending))
         self.assertEqual(self.signals(session), ["USR1", "TERM"])
 

@@ -63,11 +63,12 @@ class Clock(faults.FaultCase):
         for shift in (DAY, -DAY):
             with self.subTest(shift=shift):
                 session = zarvo.new_id()
-                self.instance.agent(session, ready_delay=2)
+                self.instance.agent(session, ready="hold")
                 client = self.instance.client()
                 pending = client.begin("Live.Start", [session, "xterm", "800x600"])
                 self.instance.seen(session, "pid")
                 self.faults.shift_clock(shift)
+                self.instance.release(session)
                 client.finish(pending)
                 self.assert_ends(session)
 

@@ -196,7 +196,7 @@ class Success(zarvo.TestCase):
 
     def test_id_that_is_being_started_is_refused(self):
         session = zarvo.new_id()
-        self.instance.agent(session, ready_delay=2)
+        self.instance.agent(session, ready="hold")
         pending = self.client.begin("Live.Start", [session, "xterm", "800x600"])
         monitor = os.path.join(self.instance.directory(session), "monitor_pid")
         zarvo.wait_until(lambda: os.path.exists(monitor) and zarvo.read(monitor), "the agent's start")
@@ -204,6 +204,7 @@ class Success(zarvo.TestCase):
         other.call("Live.GetVersion")
         self.assert_fails(*NO_SESSION, other.call, "Live.Start", [session, "xterm", "800x600"])
         self.instance.wait_log("Warning", "Got a bad id")
+        self.instance.release(session)
         self.assertEqual(self.client.finish(pending)["port"], 41000 + self.base)
 
     def test_names_that_were_free_again_are_used_again(self):
@@ -317,24 +318,26 @@ class AgentFailures(zarvo.TestCase):
         server = self.server()
         for content in ("", "abc"):
             with self.subTest(content=content):
-                server.agent(pid_file="no", ready_delay=1)
+                server.agent(pid_file="no", ready="hold")
                 session = zarvo.new_id()
                 client = server.client()
                 pending = client.begin("Live.Start", [session, "xterm", "800x600"])
                 server.seen(session, "pid")
                 path = os.path.join(server.directory(session), "server_pid")
                 zarvo.write(path, content)
+                server.release(session)
                 self.assert_fails(*NOT_READ, client.finish, pending)
                 self.assertIn(f'Warning: Failed to read from the file "{path}": ', server.log())
 
     def test_agent_whose_pid_belongs_to_nobody(self):
         server = self.server()
-        server.agent(pid_file="no", ready_delay=1)
+        server.agent(pid_file="no", ready="hold")
         session = zarvo.new_id()
         client = server.client()
         pending = client.begin("Live.Start", [session, "xterm", "800x600"])
         server.seen(session, "pid")
         zarvo.write(os.path.join(server.directory(session), "server_pid"), "2147483647")
+        server.release(session)
         self.assert_fails(*UNKNOWN, client.finish, pending)
         self.assertIn('Warning: Failed to signal the process with pid "2147483647": ', server.log())
         self.assertEqual(self.listed(server), [session])
@@ -342,12 +345,13 @@ class AgentFailures(zarvo.TestCase):
     def test_pid_that_would_signal_the_server_itself(self):
         # 0 stands for the caller's own process group. (-1, everybody, is not for tests on people's machines.)
         server = self.server()
-        server.agent(pid_file="no", ready_delay=1)
+        server.agent(pid_file="no", ready="hold")
         session = zarvo.new_id()
         client = server.client()
         pending = client.begin("Live.Start", [session, "xterm", "800x600"])
         server.seen(session, "pid")
         zarvo.write(os.path.join(server.directory(session), "server_pid"), "0")
+        server.release(session)
         with self.assertRaises(zarvo.RpcError):
             client.finish(pending)
         self.assertTrue(zarvo.alive(server.pid))
@@ -453,7 +457,7 @@ class AgentFailures(zarvo.TestCase):
     def test_garbage_on_the_socket_is_ignored(self):
         server = self.server()
         session = zarvo.new_id()
-        server.agent(session, ready_delay=1)
+        server.agent(session, ready="hold")
         client = server.client()
         pending = client.begin("Live.Start", [session, "xterm", "800x600"])
         server.seen(session, "pid")
@@ -467,6 +471,7 @@ class AgentFailures(zarvo.TestCase):
             os.rename(path + "~", path)
             self.assert_serves(server)
         os.unlink(path)
+        server.release(session)
         self.assertEqual(client.finish(pending)["port"], 41000 + server.displays.base)
 
 

@@ -333,6 +333,10 @@ class Server:
         name = "agent.conf" if session_id is None else f"agent-C-{session_id}.conf"
         write(os.path.join(self.records, name), "".join(f"{key}={value}\n" for key, value in options.items()))
 
+    def release(self, session_id):
+        """Lets an agent that was told to hold be ready; its start is over soon then, and not before."""
+        write(os.path.join(self.records, "go-C-" + session_id), "")
+
     # Start and end
 
     def start(self, check=True, **how):
