@@ -35,6 +35,7 @@ public:
     {
         QTimer timer;
         timer.setSingleShot(true);
+        timer.setTimerType(Qt::PreciseTimer); // others may come early, and nobody's time is cut short
         bool isOver = false;
         const auto end = [this, &isOver] {
             isOver = true;
