@@ -206,6 +206,7 @@ class Log(zarvo.TestCase):
 
     def test_log_that_is_cut_off(self):
         server = self.server()
+        server.wait_log("Info", f"Starting the server version {zarvo.VERSION}")  # the last line of a start
         os.truncate(server.log_file, 0)
         with server.client(certificate=None, key=None) as stranger:
             stranger.wait_closed()

@@ -233,6 +233,7 @@ class Settings(zarvo.TestCase):
 class OneServerPerUser(zarvo.TestCase):
     def test_second_instance_is_silent_and_ends_with_0(self):
         server = self.server()
+        server.wait_log("Info", "Starting the server version " + zarvo.VERSION)  # the last line of a start
         before = server.log(), server.pid, server.port
         launch = server.start(check=False)
         self.assertEqual((launch.stdout, launch.stderr, launch.status), ("", "", 0))
