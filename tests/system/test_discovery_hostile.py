@@ -558,7 +558,7 @@ class Growth(HostileCase):
     def measure(self):
         with open(f"/proc/{self.instance.pid}/status", encoding="ascii") as status:
             threads = int(re.search(r"Threads:\s+(\d+)", status.read()).group(1))
-        return len(self.instance.descriptors()), threads, self.instance.resident()
+        return len(self.instance.held()), threads, self.instance.resident()
 
     def ask(self, peers, rounds):
         """So many queries of each peer, not more at a time than there are places for."""
@@ -598,11 +598,8 @@ class Growth(HostileCase):
         for _ in range(2):
             load(self.ROUND)
 
-        # The pool keeps its threads, each with a descriptor, and has no more of them than are asked at a time.
-        def others():
-            descriptors, threads, _ = self.measure()
-            return descriptors - threads
-        zarvo.wait_until(lambda: others() <= first[0] - first[1], "the descriptors to be closed")
+        # The pool keeps its threads, and has no more of them than are asked at a time.
+        zarvo.wait_until(lambda: self.measure()[0] <= first[0], "the descriptors to be closed")
         _, threads, resident = quiet()
         self.assertLessEqual(threads, 32 + max(4, os.cpu_count()) + 8)
         # A sanitizer keeps what is freed for a while, and books.

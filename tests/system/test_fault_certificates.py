@@ -79,13 +79,13 @@ class Certificates(zarvo.TestCase):
             shutil.copy(zarvo.make_certificate(folder)[1], server.key)
         server.start()
         # It can serve nobody. They are told at once, the log says why, and nothing is left of them.
-        before = len(server.descriptors())
+        before = len(server.held())
         for _ in range(3):
             with socket.create_connection(("127.0.0.1", server.port), zarvo.DEADLINE) as raw:
                 self.assertEqual(raw.recv(1), b"")
         reason = "Failed to start TLS: the certificate and the private key may not belong together"
         server.wait_log("Warning", reason, count=3)
-        zarvo.wait_until(lambda: len(server.descriptors()) <= before, "the connections to be closed")
+        zarvo.wait_until(lambda: len(server.held()) <= before, "the connections to be closed")
         server.stop()
         zarvo.write(server.key, good)
         server.start()

@@ -82,9 +82,7 @@ class Leaks(zarvo.TestCase):
 
     def counted(self):
         """What the server has, in /proc."""
-        # Each thread of the pool makes an event for itself when it first needs one, and keeps it.
-        kinds = [re.sub(r":.*", "", target) for target in self.instance.descriptors().values()
-                 if target != "anon_inode:[eventfd]"]
+        kinds = [re.sub(r":.*", "", target) for target in self.instance.held()]
         return {"descriptors": sorted(kinds), "threads": len(os.listdir(f"/proc/{self.instance.pid}/task")),
                 "children": len(self.instance.children())}
 

@@ -213,29 +213,25 @@ class Success(zarvo.TestCase):
             self.assertEqual(answer["port"], 41000 + self.base)
             self.client.call("Live.Terminate", [session])
 
-    def held(self):
-        """The server's descriptors, but for the one that each thread of its pool has for as long as it lives."""
-        return [target for target in self.instance.descriptors().values() if target != "anon_inode:[eventfd]"]
-
     def test_lives_leave_no_zombies_and_no_descriptors(self):
         session, _ = self.start()
         self.client.call("Live.Terminate", [session])
-        before = self.held()
+        before = self.instance.held()
         for _ in range(5):
             session, _ = self.start()
             self.client.call("Live.Terminate", [session])
         for geometry in ("800x600", "rootless"):
             self.instance.agent(exit_at_once=1)
             self.assert_fails(*UNKNOWN, self.start, "xterm", geometry)
-        zarvo.wait_until(lambda: len(self.held()) <= len(before), "the descriptors to be closed")
+        zarvo.wait_until(lambda: len(self.instance.held()) <= len(before), "the descriptors to be closed")
         zarvo.wait_until(lambda: self.instance.children() == {}, "the children to be reaped")
 
     def test_running_sessions_are_no_children_and_hold_no_descriptors(self):
-        before = self.held()
+        before = self.instance.held()
         for _ in range(4):
             self.start()
         self.assertEqual(self.instance.children(), {})
-        zarvo.wait_until(lambda: len(self.held()) <= len(before), "the descriptors to be closed")
+        zarvo.wait_until(lambda: len(self.instance.held()) <= len(before), "the descriptors to be closed")
 
 
 class BadParameters(zarvo.SharedServer):

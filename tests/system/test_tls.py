@@ -255,14 +255,14 @@ class Admission(zarvo.TestCase):
 
     def test_connections_that_ended_leave_no_descriptor(self):
         self.assert_serves(self.shared)
-        before = len(self.shared.descriptors())
+        before = len(self.shared.held())
         for _ in range(20):
             self.assert_serves(self.shared)
             with self.shared.client(certificate=None, key=None) as refused:
                 refused.wait_closed()
             with socket.create_connection(("127.0.0.1", self.shared.port), zarvo.DEADLINE) as raw:
                 raw.sendall(b"no handshake at all\r\n")
-        zarvo.wait_until(lambda: len(self.shared.descriptors()) <= before, "the descriptors to be closed")
+        zarvo.wait_until(lambda: len(self.shared.held()) <= before, "the descriptors to be closed")
 
     def test_every_address_of_this_host_is_served(self):
         with socket.create_connection(("127.0.0.2", self.shared.port), zarvo.DEADLINE) as raw:

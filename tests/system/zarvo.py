@@ -446,6 +446,13 @@ class Server:
                 found[int(entry)] = os.readlink(f"/proc/{self.pid}/fd/{entry}")
         return found
 
+    def held(self):
+        """
+        The same without what belongs to its threads: each makes an event for itself when it first needs one, which for
+        some of them is long after the start, and keeps it.
+        """
+        return [target for target in self.descriptors().values() if target != "anon_inode:[eventfd]"]
+
     def resident(self):
         """Memory in bytes."""
         return int(re.search(r"VmRSS:\s+(\d+) kB", read(f"/proc/{self.pid}/status")).group(1)) * 1024
