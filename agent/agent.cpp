@@ -61,6 +61,8 @@ Agent::Agent(AgentLog *log_, SignalCatcher *signals_, GuardLink *guard_, QObject
     connect(signals_, &SignalCatcher::gotHUP, this, [this] { end(ExitCode::Ended); });
     connect(guard, &GuardLink::lost, this, [this] { fail(ExitCode::AgentDied, u"The agent's guard was killed"_s); });
     connect(&directoryWatcher, &DirectoryWatcher::removed, this, &Agent::DirectoryWatcher_removed);
+    connect(&listingWatcher, &ListingWatcher::unlisted, this,
+            [this] { fail(ExitCode::Unlisted, u"No server knows of this session"_s); });
     connect(
         &frontDoor, &FrontDoor::clientAuthenticated, this,
         [this](const QString &address, const QByteArray &password) { state.clientAuthenticated(address, password); });
@@ -216,6 +218,7 @@ void Agent::open()
     }
     frontDoor.open();
     state.setReady();
+    listingWatcher.start();
 }
 
 void Agent::Server_ended(const QString &reason)
@@ -248,6 +251,7 @@ void Agent::end(ExitCode code)
     }
     exitCode = code;
     windowManagerDeadline.stop();
+    listingWatcher.stop();
     frontDoor.close();
     frontDoor.disconnectClients();
     state.expirePasswords();

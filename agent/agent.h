@@ -10,6 +10,7 @@
 #include "agent/directorywatcher.h"
 #include "agent/ending.h"
 #include "agent/frontdoor.h"
+#include "agent/listingwatcher.h"
 #include "agent/screenwatcher.h"
 #include "agent/sessionstate.h"
 #include "agent/statesocket.h"
@@ -68,6 +69,7 @@ private:
     StateSocket stateSocket;
     ChildWatcher children;
     DirectoryWatcher directoryWatcher;
+    ListingWatcher listingWatcher;
     FrontDoor frontDoor;
     XServer server;
     ScreenWatcher screenWatcher;

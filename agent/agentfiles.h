@@ -35,4 +35,5 @@ enum class ExitCode : int {
     BadArguments = 2, ///< its command line makes no sense
     ServerDied = 3,   ///< the X server ended by itself
     AgentDied = 4,    ///< the agent was killed, or its guard
+    Unlisted = 5,     ///< no server knows of the session
 };

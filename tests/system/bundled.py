@@ -14,9 +14,12 @@ class BundledAgentTestCase(zarvo.TestCase):
     def setUp(self):
         self.use_server()
 
-    def use_server(self, **surroundings):
+    def prepare_server(self, **surroundings):
         self.instance = self.prepare(agent=False, **surroundings)
         self.instance.environment["PATH"] = zarvo.LIBEXEC + ":" + self.instance.environment["PATH"]
+
+    def use_server(self, **surroundings):
+        self.prepare_server(**surroundings)
         self.instance.start()
         self.client = self.instance.client()
 
@@ -33,6 +36,15 @@ class BundledAgentTestCase(zarvo.TestCase):
         def permissions():
             return {entry["id"]: entry["permissions"] for entry in self.client.local_sessions()}
         zarvo.wait_until(lambda: permissions().get(session) == expected, f"the permissions {expected}")
+
+    @staticmethod
+    def serves(pid, directory):
+        """Whether the process belongs to the session with this directory."""
+        try:
+            with open(f"/proc/{pid}/environ", "rb") as environment:
+                return directory.encode() in environment.read() or os.readlink(f"/proc/{pid}/cwd") == directory
+        except OSError:
+            return False
 
     def others(self):
         """Every process of this server's user but the server itself."""

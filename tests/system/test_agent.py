@@ -84,6 +84,7 @@ class Session:
         self.process = subprocess.Popen([START_AGENT, *arguments], cwd=self.directory, preexec_fn=preexec,
                                         env=self.environment(**changes), stdin=subprocess.DEVNULL,
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.write("monitor_pid", str(self.process.pid))  # as the server does; an agent that nobody knows of ends
 
     def start(self, geometry="800x600", **changes):
         self.launch(geometry, str(self.port), **changes)

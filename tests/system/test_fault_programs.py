@@ -31,14 +31,6 @@ class Programs(bundled.BundledAgentTestCase):
             return None
         return zarvo.wait_until(found, program)
 
-    @staticmethod
-    def serves(pid, directory):
-        try:
-            with open(f"/proc/{pid}/environ", "rb") as environment:
-                return directory.encode() in environment.read() or os.readlink(f"/proc/{pid}/cwd") == directory
-        except OSError:
-            return False
-
     def ids(self):
         return [entry["id"] for entry in self.client.local_sessions()]
 
