@@ -6,6 +6,7 @@
 #include "live/sessionstore.h"
 #include "server/logging.h"
 #include "support/credentials.h"
+#include "support/systemthreads.h"
 
 #include <openssl/crypto.h>
 
@@ -67,6 +68,21 @@ QString onOneLine(const QString &text)
 QString ownUser()
 {
     return qEnvironmentVariable("USER");
+}
+
+/**
+ * A query takes one of the pool's threads from the requests, which have another one made when they need it. Where there
+ * is none to be had it is given up like one that fails: the peer will speak again.
+ */
+bool hasThreadFor(const PeerQueue::Peer &peer)
+{
+    QString error;
+    if (canHaveThreads(1, &error)) {
+        return true;
+    }
+    logMessage(LogWarning, u"Failed to connect to \"%1\" port \"%2\": %3"_s.arg(peer.first.toString(),
+                                                                                QString::number(peer.second), error));
+    return false;
 }
 
 } // namespace
@@ -167,6 +183,10 @@ void UdpTalker::askPeer(const QHostAddress &address, quint16 port)
 void UdpTalker::askNext()
 {
     while (const std::optional<PeerQueue::Peer> peer = queue.next()) {
+        if (!hasThreadFor(*peer)) {
+            queue.finish(*peer);
+            continue;
+        }
         auto *watcher = new QFutureWatcher<void>(this);
         connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher, peer = *peer] {
             watcher->deleteLater();

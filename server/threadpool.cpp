@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "server/threadpool.h"
 
+#include "support/systemthreads.h"
+
 #include <QSemaphore>
 #include <QThreadPool>
 
 #include <memory>
-#include <system_error>
-#include <thread>
-#include <vector>
 
 using namespace Qt::StringLiterals;
 
@@ -17,27 +16,6 @@ namespace {
 constexpr int kStartTimeoutMs = 10000;
 /** Those of the two workers. */
 constexpr int kFurtherThreads = 2;
-
-/** Whether the system has so many threads left for us. Unlike Qt's, these tell when there is none. */
-bool canHaveThreads(int count, QString *error)
-{
-    QSemaphore end;
-    std::vector<std::thread> threads;
-    bool succeeded = true;
-    try {
-        for (int number = 0; number < count; ++number) {
-            threads.emplace_back([&end] { end.acquire(); });
-        }
-    } catch (const std::system_error &failure) {
-        *error = u"Failed to start a thread: %1"_s.arg(QString::fromLocal8Bit(failure.code().message().c_str()));
-        succeeded = false;
-    }
-    end.release(static_cast<int>(threads.size()));
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    return succeeded;
-}
 
 } // namespace
 

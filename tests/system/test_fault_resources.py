@@ -6,6 +6,7 @@ import re
 import unittest
 
 import faults
+import hosts
 import zarvo
 
 # By what could not be done.
@@ -115,6 +116,41 @@ class Resources(faults.FaultCase):
         for session in sessions:
             self.call("Live.Terminate", session)
         self.assertEqual(self.listed(), {})
+        self.assertEqual(self.instance.stop(), 0)
+
+
+class Queries(hosts.NeighbourCase):
+    def setUp(self):
+        super().setUp()
+        self.faults = faults.Faults(self.instance)
+        self.start()
+
+    def test_query_without_a_thread_is_given_up_with_a_word(self):
+        silent = hosts.Service(self, hosts.wait_hang_up)
+        failure = (f'Failed to connect to "{hosts.OTHER_HOST}" port "{silent.port}": '
+                   "Failed to start a thread: Resource temporarily unavailable")
+        count = 40  # more than the address has places
+        self.faults.fail(errno.EAGAIN, kinds=faults.THREAD, last=faults.EVER)
+        for _ in range(count):
+            self.say(self.message(silent))
+        self.instance.wait_log("Warning", failure, count)
+        # They have taken nothing from those who are served.
+        clients = [self.instance.client() for _ in range(8)]
+        sessions = [zarvo.new_id() for _ in clients]
+        pending = [client.begin("Live.Start", [session, "xterm", "800x600"])
+                   for client, session in zip(clients, sessions)]
+        for client, request in zip(clients, pending):
+            client.finish(request)
+        self.assertEqual(self.instance.logged("Warning", failure), count)
+        self.faults.off()
+
+        far = hosts.entry(zarvo.new_id())
+        good = hosts.Service(self, hosts.answering(self.instance.certificate, self.instance.key, hosts.reply([far])))
+        self.say(self.message(good))
+        zarvo.wait_until(lambda: far in self.listed(), "the session of a peer")
+        for session in sessions:
+            self.client.call("Live.Terminate", [session])
+        self.assertEqual(silent.accepted, 0)
         self.assertEqual(self.instance.stop(), 0)
 
 
