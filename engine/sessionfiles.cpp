@@ -6,6 +6,10 @@
 #include <QFile>
 #include <QTextStream>
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -47,8 +51,15 @@ bool writeValue(const QString &path, const Value &value, QString *error)
     return true;
 }
 
+void notePassing(const QFile &file, bool *mayPass)
+{
+    if (mayPass && isPassing(file.errorString())) {
+        *mayPass = true;
+    }
+}
+
 template <typename Value>
-bool readValue(const QString &path, Value *value, QString *error)
+bool readValue(const QString &path, Value *value, QString *error, bool *mayPass)
 {
     QFile file(path);
     if (isSpecialFile(path)) {
@@ -57,6 +68,7 @@ bool readValue(const QString &path, Value *value, QString *error)
     }
     if (!file.open(QIODevice::ReadOnly)) {
         *error = fileError("Failed to open the file \"%1\": %2", file);
+        notePassing(file, mayPass);
         return false;
     }
     QTextStream stream(&file);
@@ -64,6 +76,7 @@ bool readValue(const QString &path, Value *value, QString *error)
     stream >> read;
     if (stream.status() != QTextStream::Ok) {
         *error = fileError("Failed to read from the file \"%1\": %2", file);
+        notePassing(file, mayPass);
         return false;
     }
     *value = std::move(read);
@@ -82,17 +95,25 @@ bool writeTextFile(const QString &path, const QString &text, QString *error)
     return writeValue(path, text, error);
 }
 
-bool readDisplayFile(const QString &path, quint16 *value, QString *error)
+bool readDisplayFile(const QString &path, quint16 *value, QString *error, bool *mayPass)
 {
-    return readValue(path, value, error);
+    return readValue(path, value, error, mayPass);
 }
 
-bool readNumberFile(const QString &path, qint32 *value, QString *error)
+bool readNumberFile(const QString &path, qint32 *value, QString *error, bool *mayPass)
 {
-    return readValue(path, value, error);
+    return readValue(path, value, error, mayPass);
 }
 
-bool readWordFile(const QString &path, QString *value, QString *error)
+bool readWordFile(const QString &path, QString *value, QString *error, bool *mayPass)
 {
-    return readValue(path, value, error);
+    return readValue(path, value, error, mayPass);
+}
+
+bool isPassing(const QString &reason)
+{
+    // By the text, for it is all that Qt keeps of the number.
+    constexpr std::array kNumbers = {EMFILE, ENFILE, ENOMEM, EIO};
+    return std::any_of(kNumbers.begin(), kNumbers.end(),
+                       [&reason](int number) { return reason == qt_error_string(number); });
 }

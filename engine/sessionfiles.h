@@ -19,9 +19,14 @@
 
 /**
  * Reads one value from a file. Numbers are cut to the type's size. A text is the first word of the file.
- * @param value  set only on success
- * @param error  set only on failure: the file's name and the reason
+ * @param value    set only on success
+ * @param error    set only on failure: the file's name and the reason
+ * @param mayPass  where given, becomes true when isPassing() holds of the reason; not set otherwise
  */
-[[nodiscard]] bool readDisplayFile(const QString &path, quint16 *value, QString *error);
-[[nodiscard]] bool readNumberFile(const QString &path, qint32 *value, QString *error);
-[[nodiscard]] bool readWordFile(const QString &path, QString *value, QString *error);
+[[nodiscard]] bool readDisplayFile(const QString &path, quint16 *value, QString *error, bool *mayPass = nullptr);
+[[nodiscard]] bool readNumberFile(const QString &path, qint32 *value, QString *error, bool *mayPass = nullptr);
+[[nodiscard]] bool readWordFile(const QString &path, QString *value, QString *error, bool *mayPass = nullptr);
+
+/** Whether it is the system that lacks something at the moment, and not the file. @param reason as of qt_error_string()
+ */
+[[nodiscard]] bool isPassing(const QString &reason);

@@ -10,7 +10,7 @@
 
 using namespace Qt::StringLiterals;
 
-int loadSession(Session *session, const QString &directory)
+int loadSession(Session *session, const QString &directory, bool *mayPass)
 {
     const QDir files(directory);
     if (!files.exists()) {
@@ -20,10 +20,10 @@ int loadSession(Session *session, const QString &directory)
 
     Session loaded;
     QString error;
-    if (!readDisplayFile(files.filePath(SessionFile::kDisplay), &loaded.display, &error) ||
-        !readWordFile(files.filePath(SessionFile::kWindowMode), &loaded.windowMode, &error) ||
-        !readWordFile(files.filePath(SessionFile::kName), &loaded.name, &error) ||
-        !readNumberFile(files.filePath(SessionFile::kMonitorPid), &loaded.monitorPid, &error)) {
+    if (!readDisplayFile(files.filePath(SessionFile::kDisplay), &loaded.display, &error, mayPass) ||
+        !readWordFile(files.filePath(SessionFile::kWindowMode), &loaded.windowMode, &error, mayPass) ||
+        !readWordFile(files.filePath(SessionFile::kName), &loaded.name, &error, mayPass) ||
+        !readNumberFile(files.filePath(SessionFile::kMonitorPid), &loaded.monitorPid, &error, mayPass)) {
         logMessage(LogWarning, error);
         return ReadFailed;
     }

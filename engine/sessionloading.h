@@ -11,6 +11,7 @@ struct Session;
  *
  * @param session    set only on success
  * @param directory  the session's directory
+ * @param mayPass    where given, becomes true when the files may be readable a moment later; not set otherwise
  * @return SessionOk, NotASession or ReadFailed
  */
-[[nodiscard]] int loadSession(Session *session, const QString &directory);
+[[nodiscard]] int loadSession(Session *session, const QString &directory, bool *mayPass = nullptr);

@@ -4,6 +4,7 @@
 #include "engine/launch.h"
 #include "engine/session.h"
 #include "engine/sessionerror.h"
+#include "engine/sessionfiles.h"
 #include "engine/sessionid.h"
 #include "engine/sessionloading.h"
 #include "engine/supervision.h"
@@ -14,9 +15,15 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFile>
 #include <QMutexLocker>
+#include <QThread>
 
+#include <cerrno>
 #include <csignal>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -24,6 +31,30 @@ namespace {
 
 /** How long an agent may take for what it was asked. */
 constexpr int kAgentTimeoutMs = 15000;
+/** How often a start-up looks at what the system cannot read at the moment. */
+constexpr int kScanLooks = 3;
+constexpr int kScanPauseMs = 200; ///< before each further look
+
+/**
+ * The paths of all directories in this one; nothing when the system cannot tell at the moment, which is logged. QDir
+ * would list none then.
+ */
+std::optional<QStringList> directoriesIn(const QString &path)
+{
+    const int descriptor = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor != -1) {
+        ::close(descriptor);
+    } else if (const QString reason = qt_error_string(errno); isPassing(reason)) {
+        logMessage(LogWarning, u"Failed to open the directory \"%1\": %2"_s.arg(path, reason));
+        return std::nullopt;
+    }
+    const QDir directory(path, QString(), QDir::Unsorted, QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);
+    QStringList paths;
+    for (const QString &name : directory.entryList()) {
+        paths.append(directory.filePath(name));
+    }
+    return paths;
+}
 
 QString geometryOf(const Session &session)
 {
@@ -90,20 +121,44 @@ SessionStore::~SessionStore()
     }
 }
 
+// What the system could not read for a moment is looked at again: until the next server nobody would list it.
 void SessionStore::scan()
 {
-    const QDir directory(root, QString(), QDir::Unsorted, QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);
-    const QStringList names = directory.entryList();
-    for (const QString &name : names) {
-        const QString path = directory.filePath(name);
+    std::optional<QStringList> left;
+    for (int look = 0; look < kScanLooks; ++look) {
+        if (look > 0) {
+            QThread::msleep(kScanPauseMs);
+        }
+        if (!left) {
+            left = directoriesIn(root);
+        }
+        if (left) {
+            left = load(*left);
+            if (left->isEmpty()) {
+                return;
+            }
+        }
+    }
+}
+
+/** @return those of the directories that may be readable a moment later */
+QStringList SessionStore::load(const QStringList &paths)
+{
+    QStringList left;
+    for (const QString &path : paths) {
         const QString id = sessionIdFromPath(path);
         auto session = std::make_unique<Session>();
-        if (id.isNull() || loadSession(session.get(), path) != SessionOk ||
+        bool mayPass = false;
+        if (id.isNull() || loadSession(session.get(), path, &mayPass) != SessionOk ||
             refreshSession(session.get()) != SessionOk) {
+            if (mayPass) {
+                left.append(path);
+            }
             continue;
         }
         insert(id, std::move(session)); // two directories may carry one id, with a suffix that does not count
     }
+    return left;
 }
 
 /** Registers the session in place of an earlier one of this id. The mutex is held, or nobody else is there yet. */

@@ -107,6 +107,7 @@ private:
     };
 
     void scan();
+    [[nodiscard]] QStringList load(const QStringList &paths);
     void insert(const QString &id, std::unique_ptr<Session> session);
     void releaseDisplay(const Entry &entry);
     [[nodiscard]] bool reserve(const QString &id);

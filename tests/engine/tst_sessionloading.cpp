@@ -10,6 +10,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <sys/resource.h>
+
 using namespace Qt::StringLiterals;
 
 class TestSessionLoading : public QObject
@@ -27,6 +29,7 @@ private slots:
     void missingFileFailsTheLoad();
     void unreadableFileFailsTheLoad_data();
     void unreadableFileFailsTheLoad();
+    void lackOfDescriptorsMayPass();
     void filesAreReadInTheirOrder();
     void missingDirectoryIsNoSession();
     void fileInTheDirectorysPlaceIsNoSession();
@@ -122,8 +125,10 @@ void TestSessionLoading::missingFileFailsTheLoad()
     const QString path = directory + u'/' + file;
     QVERIFY(QFile::remove(path));
     Session session;
+    bool mayPass = false;
     session.directory = u"untouched"_s;
-    QCOMPARE(loadSession(&session, directory), ReadFailed);
+    QCOMPARE(loadSession(&session, directory, &mayPass), ReadFailed);
+    QVERIFY(!mayPass);
     QCOMPARE(session.directory, u"untouched"_s);
     QCOMPARE(session.display, 0);
     QCOMPARE(logger->takeLines(),
@@ -141,10 +146,31 @@ void TestSessionLoading::unreadableFileFailsTheLoad()
     const QString path = directory + u'/' + file;
     putFile(path, " ");
     Session session;
-    QCOMPARE(loadSession(&session, directory), ReadFailed);
+    bool mayPass = false;
+    QCOMPARE(loadSession(&session, directory, &mayPass), ReadFailed);
+    QVERIFY(!mayPass);
     QCOMPARE(session.directory, QString());
     QCOMPARE(logger->takeLines(),
              QStringList{u"Warning: Failed to read from the file \"%1\": Unknown error"_s.arg(path)});
+}
+
+void TestSessionLoading::lackOfDescriptorsMayPass()
+{
+    Session session;
+    bool mayPass = false;
+    rlimit limit = {};
+    QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none = {0, limit.rlim_max};
+    QCOMPARE(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const int code = loadSession(&session, directory, &mayPass);
+    QCOMPARE(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    QCOMPARE(code, ReadFailed);
+    QVERIFY(mayPass);
+    QCOMPARE(logger->takeLines(),
+             QStringList{u"Warning: Failed to open the file \"%1/display\": Too many open files"_s.arg(directory)});
+    mayPass = false;
+    QCOMPARE(loadSession(&session, directory, &mayPass), 0);
+    QVERIFY(!mayPass);
 }
 
 void TestSessionLoading::filesAreReadInTheirOrder()

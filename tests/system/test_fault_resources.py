@@ -43,10 +43,6 @@ class Resources(faults.FaultCase):
         else:
             self.instance.pid = int(zarvo.read(self.instance.pid_file))
             self.instance.port = int(zarvo.read(self.instance.port_file))
-        if "/sessions/" in self.met:
-            # A session whose files cannot be read is passed over, and found by the next server.
-            self.assertEqual(self.instance.stop(), 0)
-            self.faults.start(self.instance)
         self.assertEqual(self.listed(), {}, self.met)
         self.assertEqual(self.instance.stop(), 0)
         return self.hit
@@ -80,6 +76,48 @@ class Resources(faults.FaultCase):
         printed = "".join(self.start_up(errno.EMFILE, faults.DESCRIPTOR, path))
         for file in ("server_log", "server_pid", "server_key", "server_cert", "server_port"):
             self.assertRegex(printed, rf'Failed to open the file "\S+/{file}": Too many open files\n')
+
+    def test_session_is_found_when_its_files_can_be_read_a_moment_later(self):
+        for error in (errno.EMFILE, errno.ENFILE, errno.ENOMEM, errno.EIO):
+            for path in (self.instance.sessions, *map(self.file_of_the_session, ("display", "name", "monitor_pid"))):
+                with self.subTest(error=error, path=path):
+                    self.instance.stop()
+                    self.faults.fail(error, kinds=faults.DESCRIPTOR, path=path)
+                    self.faults.start(self.instance)
+                    self.disarm()
+                    self.assertEqual((self.hit, self.met), (1, "open " + path))
+                    self.assertEqual(self.listed(), {})
+
+    def file_of_the_session(self, name):
+        return os.path.join(self.instance.directory(self.kept), name)
+
+    def test_session_whose_files_cannot_be_read_for_long_is_found_by_the_next_server(self):
+        for path in (self.instance.sessions, self.file_of_the_session("display")):
+            with self.subTest(path=path):
+                self.instance.stop()
+                self.faults.fail(errno.EMFILE, kinds=faults.DESCRIPTOR, path=path, last=faults.EVER)
+                self.faults.start(self.instance)
+                self.disarm()
+                self.assertGreater(self.hit, 1)
+                with self.instance.client() as client:
+                    self.assertEqual(client.local_sessions(), [])
+                self.assertRegex(self.instance.log(),
+                                 rf': Warning: Failed to open the \w+ "{path}": Too many open files\n')
+                self.instance.stop()
+                self.faults.start(self.instance)
+                self.assertEqual(self.listed(), {})
+
+    def test_session_whose_files_are_missing_is_looked_for_once(self):
+        self.instance.stop()
+        path = self.file_of_the_session("display")
+        os.rename(path, path + "~")
+        self.faults.watch(faults.DESCRIPTOR, path)
+        self.faults.start(self.instance)
+        self.assertEqual(self.faults.count, 1)
+        self.faults.off()
+        os.rename(path + "~", path)
+        with self.instance.client() as client:
+            self.assertEqual(client.local_sessions(), [])
 
     def test_no_process_for_a_start_up(self):
         printed = self.start_up(errno.EAGAIN, faults.PROCESS)
