@@ -20,6 +20,7 @@
 #include <QDir>
 #include <QFile>
 #include <QHostAddress>
+#include <QSslSocket>
 #include <QUdpSocket>
 
 #include <cerrno>
@@ -114,6 +115,11 @@ void Server::startWorkers()
 bool Server::readCredentials(QString *error)
 {
     logMessage(LogDebug1, u"Reading the certificate files"_s);
+    if (!QSslSocket::supportsSsl()) {
+        // Nothing could be said of the files, and a pair that is new would be removed for nothing.
+        *error = u"Failed to load Qt's plugin for TLS: it is missing, or descriptors or memory are short"_s;
+        return false;
+    }
     if (readPrivateKey(keyPath(), &privateKey, error) && readCertificate(certificatePath(), &certificate, error)) {
         return true;
     }

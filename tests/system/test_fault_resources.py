@@ -20,6 +20,8 @@ REFUSALS = {
     -32089: "Failed to find an open display.",
 }
 
+NO_TLS = "Failed to load Qt's plugin for TLS: it is missing, or descriptors or memory are short"
+
 
 class Resources(faults.FaultCase):
     def start_up(self, error, kinds, path=""):
@@ -87,6 +89,22 @@ class Resources(faults.FaultCase):
                     self.disarm()
                     self.assertEqual((self.hit, self.met), (1, "open " + path))
                     self.assertEqual(self.listed(), {})
+
+    def test_no_descriptor_for_the_tls_library(self):
+        self.instance.stop()
+        for path in (self.instance.certificate, self.instance.key):
+            os.unlink(path)  # so that this start makes them
+        self.faults.fail(errno.EMFILE, kinds=faults.DESCRIPTOR, path="/libqopensslbackend")
+        launch = self.faults.start(self.instance, check=False)
+        self.disarm()
+        self.assertEqual(self.hit, 1)
+        self.assertRegex(launch.stderr, rf"\A{zarvo.DAY}: Critical: {NO_TLS}\n\Z")
+        self.assertEqual(launch.wait_daemon_exit(), 1)
+        self.assertEqual(self.instance.logged("Critical", NO_TLS), 1)
+        pair = [zarvo.read(path) for path in (self.instance.certificate, self.instance.key)]
+        self.faults.start(self.instance)
+        self.assertEqual(self.listed(), {})
+        self.assertEqual([zarvo.read(path) for path in (self.instance.certificate, self.instance.key)], pair)
 
     def file_of_the_session(self, name):
         return os.path.join(self.instance.directory(self.kept), name)
