@@ -269,11 +269,6 @@ EXPORT int eventfd(unsigned value, int flags) noexcept
     return strike(kDescriptor, "eventfd", "") ? -1 : ::syscall(SYS_eventfd2, value, flags);
 }
 
-EXPORT int dup2(int from, int to) noexcept
-{
-    return strike(kDescriptor, "dup", "") ? -1 : NEXT(dup2)(from, to);
-}
-
 // Sockets
 
 EXPORT int listen(int descriptor, int backlog) noexcept
