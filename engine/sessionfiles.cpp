@@ -14,6 +14,9 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+/** Far more than a request can bring; a file in which a word never ends must not fill the memory. */
+constexpr qint64 kMaxFileBytes = 1024 * 1024;
+
 QString fileError(const char *pattern, const QFile &file)
 {
     return QString::fromLatin1(pattern).arg(file.fileName(), file.errorString());
@@ -71,7 +74,7 @@ bool readValue(const QString &path, Value *value, QString *error, bool *mayPass)
         notePassing(file, mayPass);
         return false;
     }
-    QTextStream stream(&file);
+    QTextStream stream(file.read(kMaxFileBytes));
     Value read{};
     stream >> read;
     if (stream.status() != QTextStream::Ok) {

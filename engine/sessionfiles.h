@@ -18,7 +18,7 @@
 [[nodiscard]] bool writeTextFile(const QString &path, const QString &text, QString *error);
 
 /**
- * Reads one value from a file. Numbers are cut to the type's size. A text is the first word of the file.
+ * Reads one value from the first 1 MiB of a file. Numbers are cut to the type's size. A text is the first word.
  * @param value    set only on success
  * @param error    set only on failure: the file's name and the reason
  * @param mayPass  where given, becomes true when isPassing() holds of the reason; not set otherwise

@@ -42,6 +42,7 @@ private slots:
     void firstWordIsRead();
     void fileWithoutAWordIsNotRead_data();
     void fileWithoutAWordIsNotRead();
+    void endlessWordIsCut();
     void missingFileIsNotRead();
     void pipeIsNotWaitedFor();
     void directoryIsNotRead();
@@ -316,6 +317,17 @@ void TestSessionFiles::fileWithoutAWordIsNotRead()
     QVERIFY(!readWordFile(path, &value, &error));
     QCOMPARE(error, u"Failed to read from the file \"%1\": Unknown error"_s.arg(path));
     QCOMPARE(value, untouched);
+}
+
+void TestSessionFiles::endlessWordIsCut()
+{
+    // No byte of it ends a word, and nobody needs as much memory as it is long.
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.resize(4 * 1024 * 1024));
+    QString word;
+    QString error;
+    QVERIFY(readWordFile(path, &word, &error));
+    QCOMPARE(word.size(), 1024 * 1024);
 }
 
 void TestSessionFiles::missingFileIsNotRead()

@@ -168,6 +168,17 @@ class Directories(zarvo.TestCase):
                     pass
         return found
 
+    def test_file_without_an_end_is_not_read_as_a_whole(self):
+        server = self.server()
+        session, _ = self.start(server)
+        server.stop()
+        for name in ("window_mode", "name"):
+            zarvo.write(os.path.join(server.directory(session), name), "x" * (32 << 20))
+        server.start()
+        self.assertEqual(self.ids(server), [session])
+        self.assertLess(server.peak(), (96 << 20) + server.instrumentation())
+        server.client().call("Live.Terminate", [session])
+
     def test_files_turn_to_garbage_while_the_session_runs(self):
         server = self.server()
         session, answer = self.start(server)

@@ -453,14 +453,20 @@ class Server:
         """
         return [target for target in self.descriptors().values() if target != "anon_inode:[eventfd]"]
 
+    def memory(self, field):
+        return int(re.search(rf"{field}:\s+(\d+) kB", read(f"/proc/{self.pid}/status")).group(1)) * 1024
+
     def resident(self):
         """Memory in bytes."""
-        return int(re.search(r"VmRSS:\s+(\d+) kB", read(f"/proc/{self.pid}/status")).group(1)) * 1024
+        return self.memory("VmRSS")
+
+    def peak(self):
+        """The most that it was."""
+        return self.memory("VmHWM")
 
     def instrumentation(self):
         """What a sanitizer's bookkeeping may add to the growth, in bytes. It shows by the address space that it sets aside."""
-        size = int(re.search(r"VmSize:\s+(\d+) kB", read(f"/proc/{self.pid}/status")).group(1)) * 1024
-        return 80 << 20 if size > 1 << 40 else 0
+        return 80 << 20 if self.memory("VmSize") > 1 << 40 else 0
 
     # Clients
 
