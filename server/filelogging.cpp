@@ -2,6 +2,7 @@
 #include "server/filelogging.h"
 
 #include "server/lockedfile.h"
+#include "support/filereader.h"
 
 #include <QMutexLocker>
 #include <QTextStream>
@@ -19,8 +20,12 @@ bool FileLogging::open(const QString &path, QString *error)
     const QMutexLocker locker(&mutex);
     file->close();
     file->setFileName(path);
+    if (isPipe(path)) {
+        *error = u"Failed to open the file \"%1\": %2"_s.arg(path, u"Not a regular file"_s);
+        return false;
+    }
     if (!openForAppending()) {
-        *error = u"Failed to open the file \"%1\": %2"_s.arg(file->fileName(), file->errorString());
+        *error = u"Failed to open the file \"%1\": %2"_s.arg(path, file->errorString());
         return false;
     }
     return true;
@@ -48,5 +53,6 @@ void FileLogging::write(int level, const QString &text)
 
 bool FileLogging::openForAppending()
 {
-    return file->open(QIODevice::WriteOnly | QIODevice::Append);
+    // Opening a pipe waits for a reader, who may never come, and a full one stops the server in every line.
+    return !isPipe(file->fileName()) && file->open(QIODevice::WriteOnly | QIODevice::Append);
 }

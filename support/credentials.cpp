@@ -12,12 +12,21 @@ namespace {
 
 constexpr int kMaxCredentialBytes = 1024 * 1024;
 
+bool readCredential(const QString &path, QByteArray *data, QString *error)
+{
+    if (isSpecialFile(path)) {
+        *error = u"Failed to open the file \"%1\": %2"_s.arg(path, u"Not a regular file"_s);
+        return false;
+    }
+    return readFile(path, kMaxCredentialBytes, data, error);
+}
+
 } // namespace
 
 bool readCertificate(const QString &path, QSslCertificate *certificate, QString *error)
 {
     QByteArray data;
-    if (!readFile(path, kMaxCredentialBytes, &data, error)) {
+    if (!readCredential(path, &data, error)) {
         return false;
     }
     const QSslCertificate parsed(data, QSsl::Pem);
@@ -32,7 +41,7 @@ bool readCertificate(const QString &path, QSslCertificate *certificate, QString 
 bool readPrivateKey(const QString &path, QSslKey *key, QString *error)
 {
     QByteArray data;
-    if (!readFile(path, kMaxCredentialBytes, &data, error)) {
+    if (!readCredential(path, &data, error)) {
         return false;
     }
     const QSslKey parsed(data, QSsl::Rsa, QSsl::Pem, QSsl::PrivateKey, QByteArray(""));

@@ -20,3 +20,6 @@
  * opens or reads it wait for ever. Callable from any thread.
  */
 [[nodiscard]] bool isSpecialFile(const QString &path);
+
+/** Whether there is a named pipe at @p path, or a link to one. Callable from any thread. */
+[[nodiscard]] bool isPipe(const QString &path);

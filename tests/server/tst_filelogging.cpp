@@ -28,6 +28,7 @@ private slots:
     void messageAboveTheThresholdIsNotWritten();
     void openAppendsToTheFile();
     void failedOpenIsReportedAndLogsNothing();
+    void pipeIsNotWaitedFor();
     void openChangesTheFile();
     void reopenAfterARenameStartsANewFile();
     void failedReopenLosesLinesUntilTheNextOne();
@@ -129,6 +130,24 @@ void TestFileLogging::failedOpenIsReportedAndLogsNothing()
     QCOMPARE(error, u"Failed to open the file \"%1\": No such file or directory"_s.arg(path));
     logger.log(LogCritical, u"nowhere"_s);
     QCOMPARE(QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+}
+
+void TestFileLogging::pipeIsNotWaitedFor()
+{
+    // Nobody reads from it: opening it would wait for ever, and every thread that has something to log with it.
+    const QTemporaryDir dir;
+    const QString path = dir.filePath(u"log"_s);
+    QCOMPARE(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
+    FileLogging logger;
+    QString error;
+    QVERIFY(!logger.open(path, &error));
+    QCOMPARE(error, u"Failed to open the file \"%1\": Not a regular file"_s.arg(path));
+    logger.reopen();
+    logger.log(LogInfo, u"nowhere"_s);
+    QVERIFY(QFile::remove(path));
+    logger.reopen();
+    logger.log(LogInfo, u"here"_s);
+    QCOMPARE(linesOf(path), QStringList{u"Info: here"_s});
 }
 
 void TestFileLogging::openChangesTheFile()

@@ -208,6 +208,7 @@ void TestCredentials::unreadableFileIsReportedAsSuch_data()
     QTest::addColumn<QString>("pattern");
     QTest::newRow("missing") << u"%1/missing"_s << u"Failed to open the file \"%1\": No such file or directory"_s;
     QTest::newRow("file as directory") << u"%1/cert/x"_s << u"Failed to open the file \"%1\": Not a directory"_s;
+    QTest::newRow("pipe") << u"%1/pipe"_s << u"Failed to open the file \"%1\": Not a regular file"_s;
     QTest::newRow("read error") << u"/proc/self/mem"_s << u"Failed to read from the file \"%1\": Input/output error"_s;
 }
 
@@ -216,6 +217,7 @@ void TestCredentials::unreadableFileIsReportedAsSuch()
     QFETCH(QString, file);
     QFETCH(const QString, pattern);
     file.replace(u"%1"_s, dir.path());
+    [[maybe_unused]] const int made = ::mkfifo(QFile::encodeName(dir.filePath(u"pipe"_s)).constData(), 0600);
 
     QSslCertificate certificate;
     QString error;

@@ -194,9 +194,9 @@ class Directories(zarvo.TestCase):
 
 
 class Log(zarvo.TestCase):
-    def test_log_that_is_removed_or_a_directory_does_not_stop_anything(self):
+    def test_log_that_is_removed_a_pipe_or_a_directory_does_not_stop_anything(self):
         server = self.server()
-        for damage in (os.unlink, self.make_directory):
+        for damage in (os.unlink, self.make_pipe, self.make_directory):
             with self.subTest(damage=damage):
                 damage(server.log_file)
                 os.kill(server.pid, signal.SIGHUP)
@@ -208,6 +208,11 @@ class Log(zarvo.TestCase):
         zarvo.wait_until(lambda: os.path.exists(server.log_file), "the new log")
         self.assertEqual(server.stop(), 0)
         self.assertEqual(server.logged("Info", "Exiting the server"), 1)
+
+    @staticmethod
+    def make_pipe(path):
+        os.unlink(path)
+        os.mkfifo(path)
 
     @staticmethod
     def make_directory(path):

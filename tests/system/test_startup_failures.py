@@ -158,6 +158,19 @@ class Failures(zarvo.TestCase):
         key = self.quoted(server.path + "/../server_key")
         self.assert_start_fails(server, f"Failed to (open|read from) the file {key}: .+")
 
+    def test_pipes_are_not_waited_for(self):
+        for name in ("log_file", "pid_file", "port_file", "certificate", "key"):
+            with self.subTest(name=name):
+                server = self.prepare()
+                path = getattr(server, name)
+                if os.path.exists(path):
+                    os.unlink(path)
+                os.mkfifo(path)
+                launch = server.start(check=False)
+                self.assertRegex(launch.stderr, rf'\A{zarvo.DAY}: Critical: Failed to open the file '
+                                 rf'"\S+/{os.path.basename(path)}": Not a regular file\n\Z')
+                self.assertEqual(launch.wait_daemon_exit(), 1)
+
     def test_openssl_missing(self):
         server = self.prepare(certificate=False, programs=["sh"])
         self.assert_start_fails(server, 'Failed to run the program "openssl": .+')
