@@ -89,6 +89,8 @@ void resetSignals()
     }
     // Whoever reads our messages may go away; that is no reason to end without cleaning up.
     catchNothingOf(SIGPIPE);
+    // Where files may not grow any more, a write fails, as on a full disk.
+    catchNothingOf(SIGXFSZ);
 }
 
 bool detach(int writeEnd)

@@ -2,6 +2,7 @@
 """A home directory on a file system that is really full, or mounted anew as read-only."""
 import os
 import re
+import resource
 import subprocess
 import unittest
 
@@ -102,6 +103,25 @@ class SmallDisk(zarvo.TestCase):
         for each in (session, third):
             server.client().call("Live.Terminate", [each])
         self.assertEqual(self.listed(server), {})
+        self.assertEqual(server.stop(), 0)
+        self.assertEqual(server.logged("Info", "Exiting the server"), 1)
+        self.assert_log_is_whole(server)
+
+    def test_limit_on_the_size_of_files_is_like_a_full_disk(self):
+        server = self.server()
+        session, answer = self.start(server)
+        own = resource.getrlimit(resource.RLIMIT_FSIZE)
+        resource.prlimit(server.pid, resource.RLIMIT_FSIZE, (4096, own[1]))
+        for _ in range(50):
+            with server.client(certificate=None, key=None) as stranger:
+                stranger.wait_closed()
+        self.assertEqual(os.path.getsize(server.log_file), 4096)
+        self.assert_fails(-32080, "Failed to write a session file.", server.client().call, "Live.Start",
+                          [zarvo.new_id(), "x" * 5000, "800x600"])
+        self.use(server, session, answer)
+        other, _ = self.start(server)
+        self.assertEqual(set(self.listed(server)), {session, other})
+        resource.prlimit(server.pid, resource.RLIMIT_FSIZE, own)
         self.assertEqual(server.stop(), 0)
         self.assertEqual(server.logged("Info", "Exiting the server"), 1)
         self.assert_log_is_whole(server)
