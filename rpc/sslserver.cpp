@@ -7,7 +7,9 @@
 #include <QSslConfiguration>
 #include <QTimer>
 
+#include <algorithm>
 #include <chrono>
+#include <utility>
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -26,10 +28,12 @@ constexpr auto kAcceptPause = 1s;
  */
 constexpr qintptr kReservedDescriptors = 64;
 
-qintptr descriptorLimit()
+/** The first descriptor that is too high for a client. Where there are few, half of them are for clients. */
+qintptr firstReservedDescriptor()
 {
     rlimit limit = {};
-    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? static_cast<qintptr>(limit.rlim_cur) : 1024;
+    const qintptr all = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? static_cast<qintptr>(limit.rlim_cur) : 1024;
+    return std::max(all / 2, all - kReservedDescriptors);
 }
 
 } // namespace
@@ -59,7 +63,12 @@ void SslServer::setExtraCertificates(const QList<QSslCertificate> &certificates)
 
 void SslServer::incomingConnection(qintptr socketDescriptor)
 {
-    if (socketDescriptor >= descriptorLimit() - kReservedDescriptors) {
+    const bool wasFull = std::exchange(isFull, socketDescriptor >= firstReservedDescriptor());
+    if (isFull) {
+        if (!wasFull) {
+            logMessage(LogWarning, u"Closed a connection at once: the file descriptors that are left are for the "
+                                   "clients that are inside"_s);
+        }
         ::close(static_cast<int>(socketDescriptor));
         return;
     }

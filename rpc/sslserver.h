@@ -33,4 +33,5 @@ private:
     QSslKey privateKey;
     QSslCertificate localCertificate;
     QList<QSslCertificate> extraCertificates;
+    bool isFull = false; ///< the last connection found no descriptor left for it
 };

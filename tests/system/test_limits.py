@@ -5,6 +5,8 @@ import socket
 
 import zarvo
 
+FULL = "Closed a connection at once: the file descriptors that are left are for the clients that are inside"
+
 
 class Descriptors(zarvo.TestCase):
     def test_crowd_of_strangers_leaves_descriptors_for_those_inside(self):
@@ -19,10 +21,24 @@ class Descriptors(zarvo.TestCase):
         self.addCleanup(lambda: [connection.close() for connection in crowd])
         # The last ones find the room taken.
         self.assertEqual(crowd[-1].recv(1), b"")
+        self.assertEqual(server.logged("Warning", FULL), 1)  # once, however many there are
         session = zarvo.new_id()
         inside.call("Live.Start", [session, "xterm", "800x600"])
         inside.call("Live.Terminate", [session])
         for connection in crowd:
             connection.close()
         zarvo.wait_until(lambda: max(server.descriptors()) < limit - 64 - room // 2, "the crowd to be forgotten")
+        self.assert_serves(server)
+
+    def test_few_descriptors_let_somebody_in(self):
+        server = self.server()
+        own = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.prlimit(server.pid, resource.RLIMIT_NOFILE, (64, own[1]))
+        self.assert_serves(server)
+        # With none at all for clients there is a word about it; some are left for the server's own needs.
+        resource.prlimit(server.pid, resource.RLIMIT_NOFILE, (max(server.descriptors()) + 10, own[1]))
+        with socket.create_connection(("127.0.0.1", server.port), zarvo.DEADLINE) as refused:
+            self.assertEqual(refused.recv(1), b"")
+        server.wait_log("Warning", FULL)
+        resource.prlimit(server.pid, resource.RLIMIT_NOFILE, own)
         self.assert_serves(server)
