@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What one refresh pass over N sessions costs. Usage: bench_refresh N socket|log [PASSES]
+// What one refresh pass over N sessions costs. Usage: bench_refresh N socket|log FIRST_DISPLAY [PASSES]
 // Prints one line of JSON.
 #include "bench/fakesessions.h"
 #include "live/sessionstore.h"
@@ -20,8 +20,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr quint16 kFirstDisplay = 18000;
-
 class StandardError final : public Logging
 {
 public:
@@ -37,17 +35,18 @@ int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
     const QStringList arguments = application.arguments();
-    if (arguments.size() < 3) {
-        std::fprintf(stderr, "Usage: bench_refresh N socket|log [PASSES]\n");
+    if (arguments.size() < 4) {
+        std::fprintf(stderr, "Usage: bench_refresh N socket|log FIRST_DISPLAY [PASSES]\n");
         return 2;
     }
     const auto mode = arguments.at(2) == "socket"_L1 ? FakeSessions::Mode::Socket : FakeSessions::Mode::Log;
-    const int passes = arguments.size() > 3 ? arguments.at(3).toInt() : 50;
+    const int passes = arguments.size() > 4 ? arguments.at(4).toInt() : 50;
 
     StandardError logger;
     Logging::setInstance(&logger);
     const QTemporaryDir root;
-    std::optional<FakeSessions> sessions(std::in_place, root.path(), arguments.at(1).toInt(), mode, kFirstDisplay);
+    std::optional<FakeSessions> sessions(std::in_place, root.path(), arguments.at(1).toInt(), mode,
+                                         arguments.at(3).toUShort());
     SessionStore store(root.path(), 0, 0, QString());
     std::vector<qint64> microseconds;
     QList<SessionInfo> list;

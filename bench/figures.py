@@ -6,6 +6,7 @@ usage: figures.py BUILD_FOLDER [PART...]     parts: load listing refresh start c
 import json
 import os
 import platform
+import signal
 import subprocess
 import sys
 import time
@@ -26,6 +27,9 @@ MICRO_NAMES = {
 
 
 def micro(figures):
+    if not os.access(os.path.join(PROGRAMS, "bench_micro"), os.X_OK):
+        print("\n(no Google Benchmark here, so nothing on the parts by themselves)")
+        return
     report = common.program("bench_micro", "--benchmark_format=json", stderr=subprocess.DEVNULL)
     for item in report["benchmarks"]:
         microseconds = item["cpu_time"] * {"ns": 1e-3, "us": 1}[item["time_unit"]]
@@ -71,6 +75,9 @@ def machine():
 
 
 def main():
+    # As by Ctrl-C: what was started is ended, and its files are removed.
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: sys.exit("interrupted"))
     chosen = sys.argv[2:] or list(PARTS)
     figures, surroundings = Figures(), machine()
     print("\n".join(f"{key}: {value}" for key, value in surroundings.items()))

@@ -94,6 +94,8 @@ def measure(figures):
                      "epoll + OpenSSL, one thread": stack.enter_context(echo(server))}
             if shutil.which("nginx"):
                 peers["nginx, one process"] = stack.enter_context(nginx(server))
+            else:
+                print("\n(no nginx here, so nothing to compare with but the echo)")
             compare(figures, server, peers, "Live.GetVersion, 1 connection", 1, 6400)
             compare(figures, server, peers, "Live.GetVersion, 16 connections", 16, 36000)
             compare(figures, server, peers, "Full handshakes, 16 at a time", 16, 490, "handshakes")

@@ -61,7 +61,9 @@ def main():
     wake, signalled = os.pipe()
     os.set_blocking(signalled, False)
     signal.set_wakeup_fd(signalled, warn_on_full_buffer=False)
-    signal.signal(signal.SIGCHLD, lambda number, frame: None)
+    # A signal to all of the terminal is meant for the test as well, the end of which is the sign to clean up.
+    for number in (signal.SIGCHLD, signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: None)
 
     pid = os.fork()
     if pid == 0:
