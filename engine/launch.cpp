@@ -34,6 +34,17 @@ bool addAuthority(const QDir &files, const QString &displayName, const QString &
     return runProgram(u"xauth"_s, arguments, QString(), kXauthTimeoutMs, error);
 }
 
+/**
+ * xauth leaves its locks when it is killed or when the disk is full, and then waits for them. Here nobody else holds
+ * them: the id is ours alone while its session is started.
+ */
+void removeAuthorityLocks(const QDir &files)
+{
+    for (const QLatin1StringView suffix : {"-c"_L1, "-l"_L1}) {
+        QFile::remove(files.filePath(SessionFile::kAuthority + suffix));
+    }
+}
+
 bool writeDescription(const QDir &files, quint16 display, const QString &windowMode, const QString &name,
                       QString *error)
 {
@@ -93,6 +104,7 @@ int startSession(Session *session, const QString &directory, quint16 base, quint
     if (!writeDescription(files, *display, windowMode, name, &error)) {
         return fail(WriteFailed, error);
     }
+    removeAuthorityLocks(files);
     if (!addAuthority(files, u"unix:%1"_s.arg(*display), cookie, &error)) {
         return fail(WriteFailed, error);
     }

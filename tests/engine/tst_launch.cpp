@@ -52,6 +52,7 @@ private slots:
 
     void logOfAnEarlierRunIsSetAside();
     void pidOfAnEarlierRunIsForgotten();
+    void locksOfAnEarlierRunAreNotWaitedFor();
     void logOfTheLastRunReplacesTheOneBefore();
     void newDirectoryHasNoEarlierRun();
 
@@ -450,6 +451,16 @@ void TestLaunch::pidOfAnEarlierRunIsForgotten()
     QVERIFY(waitForFile(programs->filePath(u"found"_s)));
     QVERIFY(recorded(u"found"_s).contains("display\n"));
     QVERIFY(!recorded(u"found"_s).contains("server_pid\n"));
+}
+
+void TestLaunch::locksOfAnEarlierRunAreNotWaitedFor()
+{
+    QVERIFY(QDir().mkpath(directory));
+    putFile(file(u"authority-c"_s), QByteArray());
+    putFile(file(u"authority-l"_s), QByteArray());
+    programs->add(u"xauth"_s, u"[ ! -e \"$2-c\" ] && [ ! -e \"$2-l\" ]\n"_s);
+    QCOMPARE(start(), 0);
+    QCOMPARE(logger->takeLines(), QStringList());
 }
 
 void TestLaunch::logOfTheLastRunReplacesTheOneBefore()

@@ -1,8 +1,10 @@
 # SPDX-License-Identifier: MIT
 """A home directory on a file system that is really full, or mounted anew as read-only."""
+import contextlib
 import os
 import re
 import resource
+import shutil
 import subprocess
 import unittest
 
@@ -26,9 +28,10 @@ def mount(*arguments):
 class SmallDisk(zarvo.TestCase):
     """Everything in the home directory is on a small file system of its own."""
 
-    def prepare(self, **how):
+    def prepare(self, files=0, **how):
+        """files: for how many there is room; 0 for any number."""
         server = super().prepare(certificate=False, **how)
-        mount("-t", "tmpfs", "-o", f"size={BYTES},mode=700", "zarvo-test", server.home)
+        mount("-t", "tmpfs", "-o", f"size={BYTES},mode=700,nr_inodes={files}", "zarvo-test", server.home)
         self.addCleanup(subprocess.run, ["umount", "--lazy", server.home], check=True, timeout=60)
         os.makedirs(server.path)
         server.write_settings()
@@ -152,6 +155,48 @@ class SmallDisk(zarvo.TestCase):
         self.empty()
         again, _ = self.start(server)
         client.call("Live.Terminate", [again])
+
+    def test_no_room_for_each_file_of_a_start(self):
+        """Those of xauth and of the agent too; what has no room stands in the log."""
+        for agent in (True, False):
+            with self.subTest(fake_agent=agent):
+                server = self.prepare(files=100, agent=agent)
+                if not agent:
+                    server.environment["PATH"] = zarvo.LIBEXEC + ":" + server.environment["PATH"]
+                server.install_certificate()
+                server.start()
+                kept, _ = self.start(server)
+                room = 0
+                while not self.starts_with_room_for(room, server, kept):
+                    room += 1
+                self.assertGreater(room, 7)  # the directory and the server's six files
+                self.assertIn("Failed to run the program \"xauth\": ", server.log())
+
+    def starts_with_room_for(self, room, server, kept):
+        """Whether a session starts when there is room for so many new files."""
+        folder = os.path.join(server.home, "fillers")
+        os.mkdir(folder)
+        for number in range(os.statvfs(server.home).f_ffree - room):
+            zarvo.write(os.path.join(folder, str(number)), "")
+        session, refusal = zarvo.new_id(), None
+        try:
+            server.client().call("Live.Start", [session, "xterm", "800x600"])
+        except zarvo.RpcError as failure:
+            refusal = (failure.error["code"], failure.error["message"])
+        shutil.rmtree(folder)
+        # Whatever came of it: there is room again, so it can be ended, and the id be used.
+        if session in self.listed(server):
+            with contextlib.suppress(zarvo.RpcError):
+                server.client().call("Live.Terminate", [session])
+        zarvo.wait_until(lambda: list(self.listed(server)) == [kept], "the end of what was started")
+        if refusal is None:
+            return True
+        self.assertIn(refusal, ((-32087, "Failed to create the session directory."),
+                                (-32080, "Failed to write a session file."), (-32099, "An unknown error occurred."),
+                                (-32086, "Failed to read a session file.")))
+        server.client().call("Live.Start", [session, "again", "800x600"])
+        server.client().call("Live.Terminate", [session])
+        return False
 
     def test_start_of_a_server_on_a_full_disk(self):
         server = self.server()

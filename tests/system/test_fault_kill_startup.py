@@ -15,11 +15,23 @@ class StartUp(faults.FaultCase):
         self.instance.install_program("openssl", f"cp {pair[0]} {self.instance.certificate}\n"
                                       f"cp {pair[1]} {self.instance.key}\n")
         self.instance.stop()
-        self.assertGreater(self.steps(self.kill_while_starting), 15)
+        self.assertGreater(self.steps(self.kill_while_pair_is_made), 15)
+
+    def kill_while_pair_is_made(self, step):
+        for path in self.pair_files():
+            os.unlink(path)
+        return self.kill_while_starting(step)
+
+    def test_next_start_has_the_same_pair_whatever_the_step(self):
+        before = [zarvo.read(path) for path in self.pair_files()]
+        self.instance.stop()
+        self.assertGreater(self.steps(self.kill_while_starting), 12)
+        self.assertEqual([zarvo.read(path) for path in self.pair_files()], before)
+
+    def pair_files(self):
+        return self.instance.certificate, self.instance.key
 
     def kill_while_starting(self, step):
-        for path in (self.instance.certificate, self.instance.key):
-            os.unlink(path)
         self.faults.kill(step)
         launch = self.faults.start(self.instance, check=False)
         self.assertEqual((launch.stdout, launch.stderr), ("", ""))
