@@ -29,8 +29,10 @@ class Leaks(zarvo.TestCase):
         kinds = (self.call, self.call, self.refused, self.knock, self.babble, self.half_frame, self.bad_frame,
                  self.vanish)
         for number in range(count):
-            with contextlib.suppress(OSError, EOFError):
-                kinds[number % len(kinds)]()
+            kind = kinds[number % len(kinds)]
+            # The server may close first on those who do not behave.
+            with contextlib.suppress(*(() if kind == self.call else (OSError, EOFError))):
+                kind()
 
     def client(self):
         return zarvo.Client(self.instance.port, context=self.context)
@@ -82,8 +84,11 @@ class Leaks(zarvo.TestCase):
 
     def counted(self):
         """What the server has, in /proc."""
-        kinds = [re.sub(r":.*", "", target) for target in self.instance.held()]
-        return {"descriptors": sorted(kinds), "threads": len(os.listdir(f"/proc/{self.instance.pid}/task")),
+        everything, held = self.instance.descriptors(), self.instance.held()
+        threads = len(os.listdir(f"/proc/{self.instance.pid}/task"))
+        # Each thread makes an event for itself when it first needs one, and keeps it; Qt has one or two of its own.
+        self.assertLessEqual(len(everything) - len(held), threads + 3)
+        return {"descriptors": sorted(re.sub(r":.*", "", target) for target in held), "threads": threads,
                 "children": len(self.instance.children())}
 
     def assert_same(self, before, what):
