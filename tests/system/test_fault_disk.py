@@ -52,15 +52,21 @@ class StartUp(faults.FaultCase):
 
 
 class Requests(faults.FaultCase):
-    def test_start(self):
+    def test_start_on_a_disk_that_is_full(self):
+        self.check_start(errno.ENOSPC)
+
+    def test_start_on_a_disk_that_is_read_only(self):
+        self.check_start(errno.EROFS)
+
+    def check_start(self, error):
         seen = set()
-        self.assertGreater(self.steps(lambda step: self.fail_in_start(step, seen)), 15)
+        self.assertGreater(self.steps(lambda step: self.fail_in_start(step, error, seen)), 15)
         self.assertEqual(seen, {"display", "window_mode", "name", "info", "monitor_pid", "app_log"})
 
-    def fail_in_start(self, step, seen):
+    def fail_in_start(self, step, error, seen):
         session = zarvo.new_id()
         lines = len(self.instance.log().splitlines())
-        refusal = self.refused_in(errno.ENOSPC, step, faults.DISK, "Live.Start", session, "xterm", "800x600")
+        refusal = self.refused_in(error, step, faults.DISK, "Live.Start", session, "xterm", "800x600")
         if not self.hit:
             self.assertIsNone(refusal)
             self.assert_ends(session)
@@ -72,7 +78,7 @@ class Requests(faults.FaultCase):
         self.assertEqual(len([line for line in new if ": Warning: " in line and f'"{path}"' in line]), 1, new)
         if call != "mkdir":
             seen.add(os.path.basename(path))
-            self.assertIn("No space left on device", "".join(new))
+            self.assertIn(os.strerror(error), "".join(new))
         if os.path.basename(path) == "app_log":
             self.assert_offers(session)  # the session is there, and whoever comes next may use it
         else:

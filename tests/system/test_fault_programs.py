@@ -5,6 +5,7 @@ import os
 import signal
 import subprocess
 import sys
+import time
 import unittest
 
 import bundled
@@ -47,6 +48,24 @@ class Programs(bundled.BundledAgentTestCase):
         self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "3")
         self.connect(self.client.call("Live.Start", [session, "xterm", "640x480"]))
         self.client.call("Live.Terminate", [session])
+
+    def test_agent_that_hangs_delays_the_others_and_goes_on(self):
+        hanging, _ = self.start()
+        agent = int(zarvo.read(os.path.join(self.instance.directory(hanging), "server_pid")))
+        os.kill(agent, signal.SIGSTOP)
+        self.addCleanup(os.kill, agent, signal.SIGCONT)
+        # Each look at it takes a second, and the others are served in between.
+        for _ in range(5):
+            begin = time.monotonic()
+            with self.instance.client() as client:
+                self.assertIn(hanging, [entry["id"] for entry in client.local_sessions()])
+            self.assertLess(time.monotonic() - begin, 10)
+        other, answer = self.start()
+        self.connect(answer)
+        self.client.call("Live.Terminate", [other])
+        os.kill(agent, signal.SIGCONT)
+        self.connect(self.client.call("Live.Replay", [hanging]))
+        self.wait_permissions(hanging, "disconnect|terminate")
 
     def test_killed_application_leaves_its_session(self):
         session, answer = self.start()
