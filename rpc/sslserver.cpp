@@ -74,6 +74,16 @@ void SslServer::incomingConnection(qintptr socketDescriptor)
     }
     auto *socket = new ClientSocket(this);
     connect(socket, &ClientSocket::encrypted, this, &SslServer::socketEncrypted);
+    // Qt neither goes on nor hangs up after what is no TLS, and the client would wait for ever. Queued, because Qt
+    // tells it in the middle of its work.
+    connect(
+        socket, &ClientSocket::errorOccurred, socket,
+        [socket](QAbstractSocket::SocketError error) {
+            if (error == QAbstractSocket::SslInternalError) {
+                socket->abort();
+            }
+        },
+        Qt::QueuedConnection);
     if (!socket->setSocketDescriptor(socketDescriptor)) {
         delete socket;
         ::close(static_cast<int>(socketDescriptor));

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Who is let in: only a client that holds the server's own certificate and key."""
+import contextlib
 import os
 import socket
 import ssl
@@ -246,6 +247,22 @@ class Admission(zarvo.TestCase):
                     except (BrokenPipeError, ConnectionResetError):
                         pass
                 self.assert_serves(self.shared)
+
+    def test_garbage_behind_the_handshake_ends_the_connection(self):
+        before = len(self.shared.descriptors())
+        for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
+            for garbage in (bytes(100), b"\x17\x03\x03\x00\x20" + b"x" * 32, b"\x17\x03\x03\xff\xff" + b"x" * 100):
+                with self.subTest(version=version, garbage=garbage[:5]):
+                    client = self.shared.client(version=version)
+                    self.assertEqual(client.call("Live.GetVersion"), zarvo.VERSION)
+                    with socket.socket(fileno=client.socket.detach()) as raw:
+                        raw.settimeout(zarvo.DEADLINE)
+                        raw.sendall(garbage)
+                        with contextlib.suppress(ConnectionResetError):
+                            while raw.recv(4096):
+                                pass
+        zarvo.wait_until(lambda: len(self.shared.descriptors()) <= before, "the descriptors to be closed")
+        self.assert_serves(self.shared)
 
     def test_silent_connections_do_not_hold_up_others(self):
         silent = [socket.create_connection(("127.0.0.1", self.shared.port), zarvo.DEADLINE) for _ in range(50)]
