@@ -9,8 +9,11 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -26,10 +29,21 @@ constexpr const char *kState =
     R"({"Clients":%d,"LastConnect":"2026-01-31T12:00:00","LastDisconnect":"",)"
     R"("Passwords":[],"ScreenHeight":800,"ScreenWidth":1280,"Started":"2026-01-31T11:59:00"})";
 
+/** Without Qt, whose last words may go to the system's journal. */
+[[noreturn]] void fail(const char *what, const QByteArray &which)
+{
+    std::fprintf(stderr, "%s %s: %s\n", what, which.constData(), std::strerror(errno));
+    std::exit(1);
+}
+
 pid_t startProcess(const QString &directory)
 {
     QDir::setCurrent(directory); // before the fork, so that the process is there from its first moment
     const pid_t pid = ::fork();
+    if (pid == -1) {
+        fail("Failed to start a process in",
+             QFile::encodeName(directory)); // the end of "-1" is the end of all processes
+    }
     if (pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         for (;;) {
@@ -43,7 +57,7 @@ void writeFile(const QString &path, const QString &text)
 {
     QString error;
     if (!writeTextFile(path, text, &error)) {
-        qFatal("%s", qPrintable(error));
+        fail("Failed to write", QFile::encodeName(error));
     }
 }
 
@@ -57,6 +71,7 @@ FakeSessions::FakeSessions(const QString &root, int count, Mode mode_, quint16 f
         makeSession(root, number);
     }
     if (mode == Mode::Socket) {
+        ::signal(SIGPIPE, SIG_IGN); // who asks may not wait for the answer
         std::thread([this] { answer(); }).detach();
     }
 }
@@ -100,7 +115,7 @@ void FakeSessions::listenAsAgent(quint16 display)
     std::copy(path.cbegin(), path.cend(), address.sun_path);
     const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (::bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || ::listen(listener, 16) != 0) {
-        qFatal("Failed to listen on %s", path.constData());
+        fail("Failed to listen on", path);
     }
     listeners.push_back({listener, POLLIN, 0});
 }

@@ -10,6 +10,7 @@ import signal
 import subprocess
 import sys
 import time
+import traceback
 
 import common
 import load
@@ -81,8 +82,13 @@ def main():
     chosen = sys.argv[2:] or list(PARTS)
     figures, surroundings = Figures(), machine()
     print("\n".join(f"{key}: {value}" for key, value in surroundings.items()))
+    failed = []
     for name in chosen:
-        PARTS[name](figures)
+        try:
+            PARTS[name](figures)
+        except Exception:  # the others are measured all the same
+            traceback.print_exc()
+            failed.append(name)
     surroundings["load after"] = os.getloadavg()[0]
     print(f"\nload average: {surroundings['load before']:.2f} before, {surroundings['load after']:.2f} after "
           "(the figures are those of a quiet machine only when it was below 1 before)")
@@ -90,6 +96,8 @@ def main():
                 json.dumps({"machine": surroundings, "figures": figures.all}, indent=1) + "\n")
     zarvo.write(os.path.join(PROGRAMS, "results.svg"), plot.svg(figures.all, surroundings))
     print(f"written to {PROGRAMS}: results.json, results.svg")
+    if failed:
+        sys.exit(f"not measured: {', '.join(failed)}")
 
 
 if __name__ == "__main__":
