@@ -27,6 +27,8 @@
 [[nodiscard]] bool readNumberFile(const QString &path, qint32 *value, QString *error, bool *mayPass = nullptr);
 [[nodiscard]] bool readWordFile(const QString &path, QString *value, QString *error, bool *mayPass = nullptr);
 
-/** Whether it is the system that lacks something at the moment, and not the file. @param reason as of qt_error_string()
+/**
+ * Whether it is the system that lacks something at the moment, and not the file.
+ * @param reason  as of qt_error_string()
  */
 [[nodiscard]] bool isPassing(const QString &reason);

@@ -9,12 +9,6 @@ PeriodicWorker::PeriodicWorker(std::chrono::milliseconds interval_, QObject *par
 {
 }
 
-PeriodicWorker::~PeriodicWorker()
-{
-    quit();
-    wait();
-}
-
 void PeriodicWorker::run()
 {
     QTimer timer;
@@ -25,6 +19,12 @@ void PeriodicWorker::run()
     });
     timer.start(interval);
     exec();
+}
+
+void PeriodicWorker::stop()
+{
+    quit();
+    wait();
 }
 
 void PeriodicWorker::tick()

@@ -9,8 +9,8 @@
 /**
  * Calls doWork() at regular intervals on the thread that created the worker, which is the main thread: its own
  * thread does nothing but host the timer. A tick is left out while the one before it waits or is at work, so
- * that work which takes longer than the interval does not fill the event queue. Destroying the worker ends
- * its thread.
+ * that work which takes longer than the interval does not fill the event queue. Destroying the worker ends its
+ * thread, for which every class derived from this one calls stop() in its destructor.
  */
 class PeriodicWorker : public QThread
 {
@@ -18,13 +18,18 @@ class PeriodicWorker : public QThread
 
 public:
     PeriodicWorker(std::chrono::milliseconds interval, QObject *parent);
-    ~PeriodicWorker() override;
 
 public slots:
     virtual void doWork() = 0;
 
 protected:
     void run() override;
+
+    /**
+     * Ends the thread if it runs, and waits for it. Only the last class can do so: a thread that has just begun
+     * looks up run() in an object that must not be in parts by then.
+     */
+    void stop();
 
 private:
     void tick();

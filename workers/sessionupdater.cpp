@@ -26,6 +26,11 @@ SessionUpdater::SessionUpdater(SessionStore *store_, QObject *parent)
 {
 }
 
+SessionUpdater::~SessionUpdater()
+{
+    stop();
+}
+
 void SessionUpdater::doWork()
 {
     QList<SessionInfo> sessions;

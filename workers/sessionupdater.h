@@ -18,6 +18,7 @@ class SessionUpdater final : public PeriodicWorker
 
 public:
     SessionUpdater(SessionStore *store, QObject *parent);
+    ~SessionUpdater() override;
 
 public slots:
     void doWork() override;

@@ -12,6 +12,11 @@ SuspendChecker::SuspendChecker(SessionStore *store_, int timeout_, QObject *pare
 {
 }
 
+SuspendChecker::~SuspendChecker()
+{
+    stop();
+}
+
 void SuspendChecker::doWork()
 {
     if (timeout >= 0) {

@@ -16,6 +16,7 @@ class SuspendChecker final : public PeriodicWorker
 public:
     /** @param timeout  in minutes; negative: never */
     SuspendChecker(SessionStore *store, int timeout, QObject *parent);
+    ~SuspendChecker() override;
 
 public slots:
     void doWork() override;

@@ -44,6 +44,7 @@ public:
         , work(std::move(work_))
     {
     }
+    ~CountingWorker() override { stop(); }
 
     void doWork() override
     {
