@@ -46,6 +46,11 @@ if(ZARVO_SANITIZE)
     add_compile_options(-fsanitize=${ZARVO_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${ZARVO_SANITIZE})
 endif()
+if(ZARVO_SANITIZE MATCHES "thread")
+    add_library(separate_children OBJECT "${CMAKE_CURRENT_LIST_DIR}/separatechildren.cpp")
+    set_target_properties(separate_children PROPERTIES AUTOMOC OFF)
+    link_libraries(separate_children)
+endif()
 
 # Includes are written from the root of the project.
 include_directories("${PROJECT_SOURCE_DIR}")
