@@ -29,7 +29,7 @@ public:
     {
         do {
             closeAll();
-            base = static_cast<quint16>(QRandomGenerator::global()->bounded(21000, 24000 - count));
+            base = static_cast<quint16>(QRandomGenerator::global()->bounded(kBegin, kEnd - count));
         } while (!reserveAll());
     }
     ~ReservedDisplays()
@@ -49,6 +49,13 @@ public:
     [[nodiscard]] static QString lockPath(quint16 display) { return QStringLiteral("/tmp/.X%1-lock").arg(display); }
 
 private:
+    /**
+     * From the first one on both ports of a display lie outside the range from which the system takes outgoing ones.
+     * The tests of the built programs have the numbers behind the end, and clear all of theirs away.
+     */
+    static constexpr int kBegin = 20000;
+    static constexpr int kEnd = 21000;
+
     bool reserveAll()
     {
         for (quint16 display = first(); display != end(); ++display) {

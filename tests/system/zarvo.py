@@ -108,8 +108,9 @@ class Displays:
     """A range of display numbers that no other test uses, also not one of another process or user."""
 
     def __init__(self, count):
-        # From 20000 on both ports of a display lie outside the range from which the system takes outgoing ports.
-        bases = list(range(20000, 24480 - count, 20))
+        # From 20000 on both ports of a display lie outside the range from which the system takes outgoing ports. The
+        # first thousand are for the unit tests, whose sockets would be cleared away with ours.
+        bases = list(range(21000, 24480 - count, 20))
         random.shuffle(bases)
         self.locks = []
         for base in bases:
