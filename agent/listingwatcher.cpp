@@ -67,6 +67,7 @@ ListingWatcher::ListingWatcher(ListingLimits limits, pid_t guard_, QObject *pare
     , left(limits.grace)
 {
     connect(&timer, &QTimer::timeout, this, &ListingWatcher::look);
+    timer.setTimerType(Qt::PreciseTimer); // others come early, and the grace is given in full
     timer.setInterval(limits.interval);
 }
 
