@@ -31,7 +31,8 @@ NumberFile readNumber(const QString &path, qint64 limit, qint64 *number, QString
     }
     QByteArray text;
     if (!readFile(path, kMaxNumberBytes, &text, error)) {
-        return NumberFile::Unreadable;
+        // A server that ends, or fails to start, may have removed it since.
+        return QFile::exists(path) ? NumberFile::Unreadable : NumberFile::Missing;
     }
     if (text.isEmpty()) {
         return NumberFile::Empty; // the server writes it this very moment
