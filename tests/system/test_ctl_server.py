@@ -144,6 +144,26 @@ class Starting(CtlTestCase):
             started = self.ctl_result(server, "server", "start").stderr
             self.assertEqual(started, f"The server is process {server.pid} on port {server.port}.\n")
 
+    def test_pid_file_that_goes_while_it_is_read(self):
+        server = self.server()
+        pid = zarvo.read(server.pid_file)
+        done = threading.Event()
+
+        def write_and_remove():
+            while not done.is_set():
+                zarvo.write(server.pid_file + ".new", pid)
+                os.replace(server.pid_file + ".new", server.pid_file)
+                os.unlink(server.pid_file)
+            zarvo.write(server.pid_file, pid)
+
+        writer = threading.Thread(target=write_and_remove)
+        writer.start()
+        self.addCleanup(writer.join, zarvo.DEADLINE)
+        self.addCleanup(done.set)
+        for _ in range(40):
+            text = self.ctl_result(server, "list", "--json", "--no-start").stderr
+            self.assertNotIn("Failed to open the file", text)
+
 
 class Trust(CtlTestCase):
     def listen(self, server, serve):
