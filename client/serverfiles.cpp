@@ -30,9 +30,13 @@ NumberFile readNumber(const QString &path, qint64 limit, qint64 *number, QString
         return NumberFile::Unreadable; // one that reads from it may wait for ever
     }
     QByteArray text;
-    if (!readFile(path, kMaxNumberBytes, &text, error)) {
-        // A server that ends, or fails to start, may have removed it since.
-        return QFile::exists(path) ? NumberFile::Unreadable : NumberFile::Missing;
+    switch (readFileIfThere(path, kMaxNumberBytes, &text, error)) {
+    case FileReading::Missing:
+        return NumberFile::Missing; // a server that ends, or fails to start, has removed it since
+    case FileReading::Failed:
+        return NumberFile::Unreadable;
+    case FileReading::Done:
+        break;
     }
     if (text.isEmpty()) {
         return NumberFile::Empty; // the server writes it this very moment

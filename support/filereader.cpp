@@ -4,25 +4,33 @@
 #include <QFile>
 #include <QFileInfo>
 
+#include <cerrno>
+
 #include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 
 bool readFile(const QString &path, int maxSize, QByteArray *data, QString *error)
 {
+    return readFileIfThere(path, maxSize, data, error) == FileReading::Done;
+}
+
+FileReading readFileIfThere(const QString &path, int maxSize, QByteArray *data, QString *error)
+{
     QFile file(path);
     // Unbuffered: a device such as the random generator is asked for the wanted bytes and no more.
     if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         *error = u"Failed to open the file \"%1\": %2"_s.arg(file.fileName(), file.errorString());
-        return false;
+        // QFile tells the reason as a text only.
+        return file.errorString() == qt_error_string(ENOENT) ? FileReading::Missing : FileReading::Failed;
     }
     QByteArray bytes = file.read(maxSize);
     if (file.error() != QFileDevice::NoError) {
         *error = u"Failed to read from the file \"%1\": %2"_s.arg(file.fileName(), file.errorString());
-        return false;
+        return FileReading::Failed;
     }
     *data = std::move(bytes);
-    return true;
+    return FileReading::Done;
 }
 
 bool isSpecialFile(const QString &path)

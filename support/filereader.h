@@ -15,6 +15,14 @@
  */
 [[nodiscard]] bool readFile(const QString &path, int maxSize, QByteArray *data, QString *error);
 
+enum class FileReading { Done, Missing, Failed };
+
+/**
+ * The same, and Missing when there was no file to open. Whether it is there is not asked beforehand or afterwards: a
+ * file that somebody else writes and removes may come and go between two looks. @p error is set for Missing as well.
+ */
+[[nodiscard]] FileReading readFileIfThere(const QString &path, int maxSize, QByteArray *data, QString *error);
+
 /**
  * Whether there is something at @p path that is neither a file nor a directory: a pipe or a device, which would let who
  * opens or reads it wait for ever. Callable from any thread.

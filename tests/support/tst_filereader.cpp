@@ -24,6 +24,8 @@ private slots:
     void bytesAreReadAsTheyAre();
     void failureNamesTheFileAndTheReason_data();
     void failureNamesTheFileAndTheReason();
+    void missingFileIsToldFromOtherFailures_data();
+    void missingFileIsToldFromOtherFailures();
     void noMoreThanTheWantedBytesAreTakenFromADevice();
 };
 
@@ -35,6 +37,13 @@ QString whyADirectoryDoesNotOpen()
     QFile directory(QDir::rootPath());
     [[maybe_unused]] const bool opened = directory.open(QIODevice::ReadOnly);
     return directory.errorString();
+}
+
+void fill(const QTemporaryDir &dir)
+{
+    putFile(dir.filePath(u"file"_s), "x");
+    QVERIFY(QDir(dir.path()).mkdir(u"directory"_s));
+    QVERIFY(QFile::link(u"nowhere"_s, dir.filePath(u"link"_s)));
 }
 
 } // namespace
@@ -108,9 +117,7 @@ void TestFileReader::failureNamesTheFileAndTheReason()
     QFETCH(const QString, name);
     QFETCH(const QString, pattern);
     const QTemporaryDir dir;
-    putFile(dir.filePath(u"file"_s), "x");
-    QVERIFY(QDir(dir.path()).mkdir(u"directory"_s));
-    QVERIFY(QFile::link(u"nowhere"_s, dir.filePath(u"link"_s)));
+    fill(dir);
     const QString path = QDir(dir.path()).filePath(name);
 
     QByteArray data = "untouched";
@@ -118,6 +125,31 @@ void TestFileReader::failureNamesTheFileAndTheReason()
     QVERIFY(!readFile(path, 100, &data, &error));
     QCOMPARE(error, QString(pattern).replace(u"%1"_s, path));
     QCOMPARE(data, "untouched"_ba);
+}
+
+void TestFileReader::missingFileIsToldFromOtherFailures_data()
+{
+    QTest::addColumn<QString>("name"); // relative names lie in the test's directory
+    QTest::addColumn<FileReading>("expected");
+    QTest::newRow("there") << u"file"_s << FileReading::Done;
+    QTest::newRow("missing") << u"missing"_s << FileReading::Missing;
+    QTest::newRow("directory missing") << u"no/file"_s << FileReading::Missing;
+    QTest::newRow("dangling link") << u"link"_s << FileReading::Missing;
+    QTest::newRow("file as directory") << u"file/x"_s << FileReading::Failed;
+    QTest::newRow("directory") << u"directory"_s << FileReading::Failed;
+    QTest::newRow("opens and cannot be read") << u"/proc/self/mem"_s << FileReading::Failed;
+}
+
+void TestFileReader::missingFileIsToldFromOtherFailures()
+{
+    QFETCH(const QString, name);
+    QFETCH(const FileReading, expected);
+    const QTemporaryDir dir;
+    fill(dir);
+    QByteArray data;
+    QString error;
+    QCOMPARE(readFileIfThere(QDir(dir.path()).filePath(name), 100, &data, &error), expected);
+    QCOMPARE(error.isEmpty(), expected == FileReading::Done);
 }
 
 void TestFileReader::noMoreThanTheWantedBytesAreTakenFromADevice()
