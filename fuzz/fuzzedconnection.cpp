@@ -2,14 +2,8 @@
 #include "fuzz/fuzzedconnection.h"
 
 #include "fuzz/target.h"
-#include "live/getversionmethod.h"
-#include "live/listlocalsessionsmethod.h"
-#include "live/listsessionsmethod.h"
-#include "live/replaymethod.h"
-#include "live/resumemethod.h"
-#include "live/startmethod.h"
-#include "live/suspendmethod.h"
-#include "live/terminatemethod.h"
+#include "live/livemethod.h"
+#include "live/livemethods.h"
 #include "rpc/handler.h"
 #include "rpc/netstring.h"
 #include "tests/rpc/fakedevice.h"
@@ -54,18 +48,10 @@ public:
 
 QMap<QString, RpcMethod *> allMethods(SessionStore *store)
 {
-    return {
-        {u"Live.GetVersion"_s, new GetVersionMethod(store)},
-        {u"Live.ListSessions"_s, new ListSessionsMethod(store)},
-        {u"Live.ListLocalSessions"_s, new ListLocalSessionsMethod(store)},
-        {u"Live.Start"_s, new StartMethod(store)},
-        {u"Live.Resume"_s, new ResumeMethod(store)},
-        {u"Live.Replay"_s, new ReplayMethod(store)},
-        {u"Live.Suspend"_s, new SuspendMethod(store)},
-        {u"Live.Terminate"_s, new TerminateMethod(store)},
-        {u"Tick"_s, new TickMethod(store)},
-        {u"Idle"_s, new IdleMethod(store)},
-    };
+    QMap<QString, RpcMethod *> methods = makeLiveMethods(store);
+    methods.insert(u"Tick"_s, new TickMethod(store));
+    methods.insert(u"Idle"_s, new IdleMethod(store));
+    return methods;
 }
 
 QStringList namesIn(const QString &directory)
