@@ -2,19 +2,13 @@
 #include "client/offering.h"
 #include "support/json.h"
 #include "tests/client/fakeserver.h"
+#include "tests/client/fakeserverfiles.h"
 #include "tests/client/sessions.h"
-#include "tests/engine/files.h"
 #include "tests/testmain.h"
 
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
-
-#include <sys/prctl.h>
-#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -46,35 +40,24 @@ Json::Value listing(const SessionList &sessions)
 
 } // namespace
 
-/** The process under test passes itself off as a server, so that its own FakeServer is found. */
 class TestOffering : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase()
-    {
-        QVERIFY(makeTestIdentity(dir, u"server"_s, QString(), &identity));
-        QVERIFY(QFile::rename(dir.filePath(u"server.cert"_s), dir.filePath(u"server_cert"_s)));
-        QVERIFY(QFile::rename(dir.filePath(u"server.key"_s), dir.filePath(u"server_key"_s)));
-        QVERIFY(QDir(dir.path()).mkpath(u"host"_s));
-        ::prctl(PR_SET_NAME, "zarvo_server");
-    }
+    void initTestCase() { QVERIFY(files.make()); }
 
     void init()
     {
-        server = std::make_unique<FakeServer>(identity, [this](QSslSocket *peer, const Json::Value &request) {
+        server = std::make_unique<FakeServer>(files.identity, [this](QSslSocket *peer, const Json::Value &request) {
             if (request["method"] == "Live.ListLocalSessions") {
                 FakeServer::answer(peer, request, listing(now));
             } else {
                 FakeServer::send(peer, refusal(request));
             }
         });
-        putFile(dir.filePath(u"host/server_pid"_s), QByteArray::number(::getpid()));
-        putFile(dir.filePath(u"host/server_port"_s), QByteArray::number(server->port()));
-        Settings settings{};
-        settings.userPath = dir.filePath(u"host"_s);
-        context = std::make_unique<ClientContext>(console, settings);
+        files.name(server->port());
+        context = std::make_unique<ClientContext>(console, files.settings());
         Failure failure;
         QVERIFY2(context->connectToServer(ServerConnector::Start::Forbidden, &failure), qPrintable(failure.text));
     }
@@ -122,8 +105,7 @@ private:
         return !isOffered && failure.code == ExitCode::WrongState ? failure.text : u"not refused"_s;
     }
 
-    QTemporaryDir dir;
-    TestIdentity identity;
+    FakeServerFiles files;
     SessionList now; ///< what the server lists
     std::unique_ptr<FakeServer> server;
     Console console;

@@ -3,45 +3,29 @@
 #include "client/sessionfollower.h"
 #include "support/json.h"
 #include "tests/client/fakeserver.h"
-#include "tests/engine/files.h"
+#include "tests/client/fakeserverfiles.h"
 #include "tests/testmain.h"
 
-#include <QDir>
-#include <QFile>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
 
-#include <sys/prctl.h>
-#include <unistd.h>
-
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 
-/** The process under test passes itself off as a server, so that its own FakeServer is found. */
 class TestSessionFollower : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase()
-    {
-        QVERIFY(makeTestIdentity(dir, u"server"_s, QString(), &identity));
-        QVERIFY(QFile::rename(dir.filePath(u"server.cert"_s), dir.filePath(u"server_cert"_s)));
-        QVERIFY(QFile::rename(dir.filePath(u"server.key"_s), dir.filePath(u"server_key"_s)));
-        QVERIFY(QDir(dir.path()).mkpath(u"host"_s));
-        ::prctl(PR_SET_NAME, "zarvo_server");
-    }
+    void initTestCase() { QVERIFY(files.make()); }
 
     void init()
     {
         listed = Json::Value();
         beforeAnswer = nullptr;
         startServer();
-        Settings settings{};
-        settings.userPath = dir.filePath(u"host"_s);
-        context = std::make_unique<ClientContext>(console, settings);
+        context = std::make_unique<ClientContext>(console, files.settings());
         Failure failure;
         QVERIFY2(context->connectToServer(ServerConnector::Start::Forbidden, &failure), qPrintable(failure.text));
     }
@@ -184,7 +168,7 @@ private slots:
         stopServer();
         QCOMPARE(next(&follower), "lost"_ba);
         TestIdentity other;
-        QVERIFY(makeTestIdentity(dir, u"other"_s, QString(), &other));
+        QVERIFY(makeTestIdentity(files.dir, u"other"_s, QString(), &other));
         startServer(&other);
         QCOMPARE(next(&follower), "failed"_ba);
         QCOMPARE(failed.code, ExitCode::CertificateRefused);
@@ -205,21 +189,19 @@ private:
 
     void startServer(const TestIdentity *other = nullptr)
     {
-        server = std::make_unique<FakeServer>(other ? *other : identity,
+        server = std::make_unique<FakeServer>(other ? *other : files.identity,
                                               [this](QSslSocket *peer, const Json::Value &request) {
                                                   if (beforeAnswer) {
                                                       beforeAnswer(peer);
                                                   }
                                                   FakeServer::answer(peer, request, listed);
                                               });
-        putFile(dir.filePath(u"host/server_pid"_s), QByteArray::number(::getpid()));
-        putFile(dir.filePath(u"host/server_port"_s), QByteArray::number(server->port()));
+        files.name(server->port());
     }
 
     void stopServer()
     {
-        QFile::remove(dir.filePath(u"host/server_pid"_s));
-        QFile::remove(dir.filePath(u"host/server_port"_s));
+        files.remove();
         server.reset();
     }
 
@@ -248,8 +230,7 @@ private:
         return names.join(u' ').toUtf8();
     }
 
-    QTemporaryDir dir;
-    TestIdentity identity;
+    FakeServerFiles files;
     std::unique_ptr<FakeServer> server;
     Json::Value listed; ///< what the server answers to every request
     std::function<void(QSslSocket *)> beforeAnswer;
