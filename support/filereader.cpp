@@ -2,13 +2,23 @@
 #include "support/filereader.h"
 
 #include <QFile>
-#include <QFileInfo>
 
 #include <cerrno>
 
 #include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
+
+namespace {
+
+/** Type and permissions of what is there, in one look: it may be gone at the next one. 0 when nothing is there. */
+mode_t modeOf(const QString &path)
+{
+    struct stat status = {};
+    return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_mode : 0;
+}
+
+} // namespace
 
 bool readFile(const QString &path, int maxSize, QByteArray *data, QString *error)
 {
@@ -35,12 +45,11 @@ FileReading readFileIfThere(const QString &path, int maxSize, QByteArray *data, 
 
 bool isSpecialFile(const QString &path)
 {
-    const QFileInfo info(path);
-    return info.exists() && !info.isFile() && !info.isDir();
+    const mode_t mode = modeOf(path);
+    return mode != 0 && !S_ISREG(mode) && !S_ISDIR(mode);
 }
 
 bool isPipe(const QString &path)
 {
-    struct stat status = {};
-    return ::stat(QFile::encodeName(path).constData(), &status) == 0 && S_ISFIFO(status.st_mode);
+    return S_ISFIFO(modeOf(path));
 }

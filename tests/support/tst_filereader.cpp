@@ -9,6 +9,8 @@
 #include <QTest>
 
 #include <array>
+#include <atomic>
+#include <thread>
 
 #include <unistd.h>
 
@@ -27,6 +29,7 @@ private slots:
     void missingFileIsToldFromOtherFailures_data();
     void missingFileIsToldFromOtherFailures();
     void noMoreThanTheWantedBytesAreTakenFromADevice();
+    void fileThatComesAndGoesIsNothingSpecial();
 };
 
 namespace {
@@ -167,6 +170,26 @@ void TestFileReader::noMoreThanTheWantedBytesAreTakenFromADevice()
     const ssize_t length = ::read(ends[0], rest.data(), rest.size());
     ::close(ends[0]);
     QCOMPARE(QByteArray(rest.data(), length), "456789"_ba);
+}
+
+void TestFileReader::fileThatComesAndGoesIsNothingSpecial()
+{
+    const QTemporaryDir dir;
+    const QString path = dir.filePath(u"file"_s);
+    std::atomic_bool isDone = false;
+    std::thread other([&] {
+        while (!isDone) {
+            putFile(path, "x");
+            QFile::remove(path);
+        }
+    });
+    int specials = 0;
+    for (int i = 0; i < 20'000; ++i) {
+        specials += isSpecialFile(path) ? 1 : 0;
+    }
+    isDone = true;
+    other.join();
+    QCOMPARE(specials, 0);
 }
 
 ZARVO_TEST(TestFileReader)
