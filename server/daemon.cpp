@@ -19,10 +19,11 @@ QString systemError()
     return qt_error_string(errno);
 }
 
+/** Gives an open file another number, under which the programs that we start have it too. */
 bool moveDescriptor(int from, int to)
 {
     if (from == to) {
-        return true;
+        return ::fcntl(to, F_SETFD, 0) == 0; // opened in the place of what the caller had closed
     }
     if (::dup2(from, to) == -1) {
         return false;

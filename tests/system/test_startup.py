@@ -386,6 +386,21 @@ class Daemon(zarvo.TestCase):
             for _, target in seen:
                 self.assertEqual(target, "/dev/null")
 
+    def test_agent_has_its_standard_streams_whatever_the_caller_closed(self):
+        for closed in ("<&-", ">&-", "2>&-", "<&- >&-", ">&- 2>&-", "<&- >&- 2>&-"):
+            with self.subTest(closed=closed):
+                server = self.prepare()
+                server.install_program("closing", f"exec {zarvo.BINARY} {closed}\n")
+                binary, zarvo.BINARY = zarvo.BINARY, os.path.join(server.bin, "closing")
+                try:
+                    server.start()
+                finally:
+                    zarvo.BINARY = binary
+                session = zarvo.new_id()
+                server.client().call("Live.Start", [session, "xterm", "800x600"])
+                self.assertEqual(server.seen(session, "fds").splitlines(),
+                                 ["0 /dev/null", "1 /dev/null", "2 /dev/null"])
+
     def test_agent_is_not_touched_by_the_servers_signals(self):
         server = self.server()
         session = zarvo.new_id()
