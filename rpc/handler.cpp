@@ -149,8 +149,9 @@ void Handler::Device_readyRead()
     QByteArray payload;
     QString error;
     int outcome = decodeNetString(buffer, payload, error);
-    // Only what is needed for one more frame is taken from the device; the rest waits there, where it is bounded.
-    if (outcome == 1 && device->bytesAvailable() > 0) {
+    // Only what is needed for one more frame is taken from the device; the rest waits there, where it is bounded. What
+    // is too long for a length without its colon may be one with it.
+    if (outcome != 0 && device->bytesAvailable() > 0) {
         buffer += device->read(device->bytesAvailable()); // readAll() would set aside 32 kB
         outcome = decodeNetString(buffer, payload, error);
     }

@@ -41,6 +41,8 @@ private slots:
     void batchRunsInOrderOneByOne();
     void busyHandlerReadsNothing();
     void bytesThatArrivedWhileBusyAreTakenUpAtOnce();
+    void lengthIsJudgedWithAllThatHasArrived_data();
+    void lengthIsJudgedWithAllThatHasArrived();
     void pipeliningPeerIsReadOneBufferAtATime();
     void framingErrorIsLoggedAndClosesTheDevice_data();
     void framingErrorIsLoggedAndClosesTheDevice();
@@ -395,6 +397,29 @@ void TestHandler::bytesThatArrivedWhileBusyAreTakenUpAtOnce()
     QTRY_COMPARE_WITH_TIMEOUT(device->output(),
                               QByteArray(answerFrame(success("1", "null")) + answerFrame(success("2", "null"))),
                               kPatienceMs);
+}
+
+void TestHandler::lengthIsJudgedWithAllThatHasArrived_data()
+{
+    QTest::addColumn<QByteArray>("begun"); // of a length, read together with the frame before it
+    QTest::newRow("nothing") << QByteArray();
+    QTest::newRow("five bytes") << "00000"_ba;
+    QTest::newRow("six bytes") << "000000"_ba; // without a colon, that is too long for a length
+    QTest::newRow("ten bytes") << "0000000000"_ba;
+}
+
+void TestHandler::lengthIsJudgedWithAllThatHasArrived()
+{
+    QFETCH(const QByteArray, begun);
+    device->feed(request("block", "1") + begun);
+    QTRY_COMPARE_WITH_TIMEOUT(control->running, 1, kPatienceMs);
+    device->feed(request("echo", "2")); // its colon is there before the handler looks again
+    control->go.release();
+    QTRY_COMPARE_WITH_TIMEOUT(device->output(),
+                              QByteArray(answerFrame(success("1", "null")) + answerFrame(success("2", "null"))),
+                              kPatienceMs);
+    QVERIFY(device->isOpen());
+    QCOMPARE(logger->takeLines(), QStringList());
 }
 
 void TestHandler::pipeliningPeerIsReadOneBufferAtATime()
