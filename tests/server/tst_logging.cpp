@@ -124,6 +124,7 @@ void TestLogging::lineHasTimeLevelAndText_data()
     QTest::newRow("no text") << 2 << u""_s << u": Info: "_s;
     QTest::newRow("line breaks stay") << 1 << u"a\nb\r\n"_s << u": Warning: a\nb\r\n"_s;
     QTest::newRow("place markers stay") << 1 << u"%1 100%2 %3"_s << u": Warning: %1 100%2 %3"_s;
+    QTest::newRow("number of no level") << 7 << u"x"_s << u": : x"_s;
     QTest::newRow("not only Latin") << 1 << u"ä€\U0001F600"_s << u": Warning: ä€\U0001F600"_s;
 }
 
