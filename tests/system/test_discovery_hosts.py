@@ -11,10 +11,9 @@ import sys
 import time
 import unittest
 
+import clock
 import hosts
 import zarvo
-
-CLOCK = os.path.join(zarvo.BUILD, "tests", "discovery", "libclockshift.so")
 
 
 def setUpModule():
@@ -158,22 +157,8 @@ class ComingAndGoing(HostsCase):
 
     def shifted(self, name):
         """A server whose clocks shift() puts forward, by the seconds for the wall and for the other one."""
-        if not os.path.exists(CLOCK):
-            reason = f"no \"{CLOCK}\": the build folder's tests are not built"
-            if os.environ.get("CI") or os.environ.get("ZARVO_REQUIRE_NETNS"):
-                self.fail(reason)
-            print(f"skipped, {reason}", file=sys.stderr)
-            self.skipTest(reason)
-        path = os.path.join(self.site.home, f"clock-{name}")
-
-        def shift(wall, monotonic):
-            with open(path, "r+b" if os.path.exists(path) else "wb") as file:  # it stays the file that is mapped
-                file.write(struct.pack("=qq", wall, monotonic))
-        shift(0, 0)
         server = self.site.server(name)
-        server.environment.update(LD_PRELOAD=CLOCK, ZARVO_CLOCK_SHIFT=path)
-        # Of two libraries that both want to be the first the sanitizer's lets this one pass.
-        server.environment["ASAN_OPTIONS"] += ":verify_asan_link_order=0"
+        shift = clock.shifting(self, server)
         server.start()
         server.talk = server.client()
         return server, shift
