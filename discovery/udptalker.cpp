@@ -31,6 +31,8 @@ constexpr auto kRepeatInterval = 300000ms;
 constexpr qint64 kExpirySeconds = 400;
 /** After so many datagrams everybody else has his turn. */
 constexpr int kMaxDatagramsAtOnce = 256;
+/** More than a datagram can hold. */
+constexpr qsizetype kMaxDatagramBytes = 65536;
 
 /** IPv4 peers reach a socket of both families in the mapped form, which nobody wants to see. */
 QHostAddress plainAddress(const QHostAddress &address)
@@ -144,14 +146,19 @@ void UdpTalker::Socket_readyRead()
         return;
     }
     const QList<QHostAddress> ownAddresses = allOwnAddresses();
-    for (int count = 0; count < kMaxDatagramsAtOnce && source->hasPendingDatagrams(); ++count) {
-        QByteArray datagram(source->pendingDatagramSize(), Qt::Uninitialized);
+    QByteArray buffer(kMaxDatagramBytes, Qt::Uninitialized);
+    for (int count = 0; count < kMaxDatagramsAtOnce; ++count) {
         QHostAddress peer;
         quint16 peerPort = 0;
-        const qint64 length = source->readDatagram(datagram.data(), datagram.size(), &peer, &peerPort);
+        // Without a look whether there is one: the system announces a damaged datagram and drops it when it is looked
+        // at, and a socket that nobody has read from since its last readyRead() emits no other.
+        const qint64 length = source->readDatagram(buffer.data(), buffer.size(), &peer, &peerPort);
+        if (length < 0) {
+            return;
+        }
         peer = plainAddress(peer);
-        if (length >= 0 && !ownAddresses.contains(peer)) {
-            handleDatagram(datagram.first(length), peer, peerPort);
+        if (!ownAddresses.contains(peer)) {
+            handleDatagram(buffer.first(length), peer, peerPort);
         }
     }
 }
