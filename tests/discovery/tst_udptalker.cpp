@@ -419,11 +419,17 @@ void TestUdpTalker::withoutAPortSendingDoesNothing()
 {
     QUdpSocket unbound;
     UdpTalker silent(&unbound, kOtherHost, 0, kServicePort, store.get(), QString(), QString(), nullptr);
-    silent.sendUpdate();
+    const auto timers = silent.findChildren<QTimer *>();
+    QCOMPARE(timers.size(), 1);
+    QVERIFY(timers.first()->isActive());
+    QVERIFY(QMetaObject::invokeMethod(timers.first(), "timeout", Qt::DirectConnection));
     talker->sendUpdate();
     QCOMPARE(hear(ear.get()), message(u"UPDATE"_s, kServicePort));
     QVERIFY(!ear->hasPendingDatagrams());
     QCOMPARE(log->takeLines(), QStringList());
+    // A port of its own would be open to everybody.
+    QCOMPARE(unbound.state(), QAbstractSocket::UnconnectedState);
+    QCOMPARE(unbound.localPort(), 0);
 }
 
 ZARVO_TEST(TestUdpTalker)
