@@ -74,7 +74,7 @@ QString ownUser()
 
 /**
  * A query takes one of the pool's threads from the requests, which have another one made when they need it. Where there
- * is none to be had it is given up like one that fails: the peer will speak again.
+ * is none to be had it is given up: the peer will speak again, and what it said last is no less true for our want.
  */
 bool hasThreadFor(const PeerQueue::Peer &peer)
 {
