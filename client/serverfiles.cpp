@@ -9,6 +9,7 @@
 #include <QFileInfo>
 
 #include <optional>
+#include <utility>
 
 #include <sys/stat.h>
 
@@ -17,6 +18,9 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kMaxNumberBytes = 32;
+
+/** Servers that follow each other so fast have a reason to be given up. */
+constexpr int kMaxGlances = 10;
 
 enum class NumberFile { Missing, Empty, Unreadable, Invalid, Valid };
 
@@ -93,12 +97,29 @@ QString ServerFiles::sessionDirectory(const QString &id) const
 
 ServerSighting ServerFiles::look() const
 {
+    // A server that ends removes its files before its process goes. So only what is there behind a look that found no
+    // process was left behind.
+    ServerSighting sighting = glance();
+    for (int count = 0; sighting.trace == ServerTrace::Stale && count < kMaxGlances; ++count) {
+        const ServerSighting before = std::exchange(sighting, glance());
+        if (sighting.pid == before.pid) {
+            break;
+        }
+    }
+    return sighting;
+}
+
+ServerSighting ServerFiles::glance() const
+{
     ServerSighting sighting;
     QString error;
     const NumberFile pidFile = readNumber(pidPath(), 0x7FFFFFFF, &sighting.pid, &error);
     if (pidFile == NumberFile::Unreadable) {
         return {ServerTrace::Unreadable, 0, 0, error};
     }
+    // Told between the two readings: a port that is written after this may be taken for an old one and is looked at
+    // again, but no old one is ever taken for that of the server.
+    const bool isLeftBehind = pidFile != NumberFile::Missing && isOlder(portPath(), pidPath());
     qint64 port = 0;
     const NumberFile portFile = readNumber(portPath(), 65535, &port, &error);
     if (pidFile == NumberFile::Missing && portFile == NumberFile::Valid) {
@@ -109,7 +130,7 @@ ServerSighting ServerFiles::look() const
     case NumberFile::Unreadable:
         return {ServerTrace::Unreadable, 0, sighting.pid, error};
     case NumberFile::Invalid:
-        if (alive) {
+        if (alive && !isLeftBehind) {
             return {ServerTrace::Unreadable, 0, sighting.pid, error};
         }
         break;
@@ -122,7 +143,7 @@ ServerSighting ServerFiles::look() const
     case NumberFile::Empty:
         break;
     case NumberFile::Valid:
-        if (alive && !isOlder(portPath(), pidPath())) {
+        if (alive && !isLeftBehind) {
             return {ServerTrace::Running, static_cast<quint16>(port), sighting.pid,
                     u"The server is process %1 on port %2"_s.arg(sighting.pid).arg(port)};
         }

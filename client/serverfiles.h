@@ -40,9 +40,11 @@ public:
     /** The directory of a session; the id must be one that the server or the disk gave. */
     [[nodiscard]] QString sessionDirectory(const QString &id) const;
 
+    /** What the files tell at the moment, also while a server writes or removes them. */
     [[nodiscard]] ServerSighting look() const;
 
 private:
+    [[nodiscard]] ServerSighting glance() const;
     [[nodiscard]] QString file(const char *name) const;
 
     QString path;

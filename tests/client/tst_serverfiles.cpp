@@ -69,10 +69,17 @@ private slots:
         QVERIFY(!sighting.detail.isEmpty());
     }
 
+    void portOfAnEarlierServer_data()
+    {
+        QTest::addColumn<QByteArray>("port");
+        QTest::newRow("whole") << "4000"_ba;
+        QTest::newRow("broken") << "x"_ba;
+    }
     void portOfAnEarlierServer()
     {
+        QFETCH(QByteArray, port);
         write(u"server_pid"_s, QByteArray::number(::getpid()));
-        write(u"server_port"_s, "4000");
+        write(u"server_port"_s, port);
         const timespec times[2] = {{1000, 0}, {1000, 0}};
         QVERIFY(::utimensat(AT_FDCWD, qPrintable(folder->filePath(u"server_port"_s)), times, 0) == 0);
         QVERIFY(ServerFiles(folder->path()).look().trace == ServerTrace::Starting);

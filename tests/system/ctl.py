@@ -6,6 +6,7 @@ import os
 import signal
 import subprocess
 
+import faults
 import relay
 import zarvo
 
@@ -46,6 +47,27 @@ class CtlTestCase(zarvo.TestCase):
                                    stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(self.end, process)
         return process
+
+    def held(self, server, *arguments, path, nth=1):
+        """zarvoctl in the background, once it is about to open a path that begins so for the nth time."""
+        sign = os.path.join(server.top, "held")
+        process = self.background(server, *arguments, environment={
+            "LD_PRELOAD": faults.libraries("hold"), "ZARVO_HOLD": sign, "ZARVO_HOLD_PATH": path,
+            "ZARVO_HOLD_NTH": str(nth)})
+
+        def is_held():
+            if process.poll() is not None:
+                raise AssertionError(f"it did not open {path}: {process.communicate()}")
+            return os.path.exists(sign)
+        zarvo.wait_until(is_held, f"zarvoctl to open {path}")
+        return process
+
+    @staticmethod
+    def let_go(server, process):
+        """Lets a held zarvoctl go on; its exit code, output and errors."""
+        zarvo.write(os.path.join(server.top, "held-go"), "")
+        output, error = process.communicate(timeout=2 * zarvo.DEADLINE)
+        return process.returncode, output, error
 
     @staticmethod
     def end(process):

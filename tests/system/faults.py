@@ -16,7 +16,6 @@ import subprocess
 
 import zarvo
 
-LIBRARY = os.path.join(zarvo.BUILD, "tests", "system", "libfaults.so")
 
 DISK, DESCRIPTOR, PROCESS, THREAD, SIGNAL, SOCKET, REMOVAL = 1, 2, 4, 8, 16, 32, 64
 # Everything that somebody outside could see.
@@ -31,11 +30,11 @@ PATH, MET = 64, 64 + TEXT
 SIZE = MET + TEXT
 
 
-def libraries():
-    """What has to be loaded before the server: a sanitizer's runtime insists on being the first."""
+def libraries(name):
+    """What has to be loaded with a library of the tests: a sanitizer's runtime insists on being the first."""
     listed = subprocess.run(["ldd", zarvo.BINARY], check=True, capture_output=True, text=True, timeout=60).stdout
     sanitizers = re.findall(r"=> (\S*/lib[at]san\.so\S*)", listed)
-    return ":".join([*sanitizers, LIBRARY])
+    return ":".join([*sanitizers, os.path.join(zarvo.BUILD, "tests", "system", f"lib{name}.so")])
 
 
 class Faults:
@@ -46,7 +45,7 @@ class Faults:
         with open(path, "wb+") as file:
             file.truncate(SIZE)
             self.memory = mmap.mmap(file.fileno(), SIZE)
-        server.environment["ZARVO_PRELOAD"] = libraries()
+        server.environment["ZARVO_PRELOAD"] = libraries("faults")
         server.environment["ZARVO_FAULTS"] = path
 
     def get(self, field):
