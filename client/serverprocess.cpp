@@ -17,6 +17,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kMaxNameBytes = 64;
+constexpr int kMaxStatBytes = 4096;
 constexpr int kMaxEnvironmentBytes = 1024 * 1024;
 constexpr int kMaxTableBytes = 16 * 1024 * 1024;
 
@@ -78,8 +79,12 @@ bool isServerProcess(qint64 pid)
         status.st_uid != ::geteuid()) {
         return false;
     }
-    // The kernel gives the numbers of dead processes to others, so the name has to fit as well.
-    return contents(processPath(pid) + u"/comm"_s, kMaxNameBytes).trimmed() == "zarvo_server";
+    // The kernel gives the numbers of dead processes to others, so the name has to fit as well. A process that has
+    // ended keeps both until its parent has asked about it, which some never do.
+    const QByteArray line = contents(processPath(pid) + u"/stat"_s, kMaxStatBytes);
+    const qsizetype nameEnd = line.lastIndexOf(')');
+    const bool hasEnded = nameEnd == -1 || "ZX"_ba.contains(line.mid(nameEnd + 2, 1));
+    return !hasEnded && line.first(nameEnd + 1) == QByteArray::number(pid) + " (zarvo_server)";
 }
 
 std::optional<QString> environmentOf(qint64 pid, const QString &variable)

@@ -9,6 +9,7 @@
 #include <QTest>
 
 #include <sys/prctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -28,6 +29,35 @@ private slots:
         QVERIFY(!isServerProcess(0));
         QVERIFY(!isServerProcess(-1));
         QVERIFY(!isServerProcess(1));
+    }
+
+    void serverThatHasEndedAndThatNobodyHasAskedAbout()
+    {
+        int held[2] = {-1, -1};
+        QCOMPARE(::pipe(held), 0);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::prctl(PR_SET_NAME, "zarvo_server");
+            ::close(held[1]);
+            char ignored = 0;
+            ::_exit(::read(held[0], &ignored, 1) == 0 ? 0 : 1);
+        }
+        ::close(held[0]);
+        QTRY_VERIFY(isServerProcess(child));
+        ::close(held[1]);
+        siginfo_t end = {};
+        QCOMPARE(::waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT), 0);
+        const bool isTakenForLive = isServerProcess(child);
+        QCOMPARE(::waitpid(child, nullptr, 0), child);
+        QVERIFY(!isTakenForLive);
+    }
+
+    void nameThatHoldsThatOfAServer()
+    {
+        ::prctl(PR_SET_NAME, "x (zarvo_server");
+        QVERIFY(!isServerProcess(::getpid()));
+        ::prctl(PR_SET_NAME, "zarvo_server) Z");
+        QVERIFY(!isServerProcess(::getpid()));
     }
 
     void serverOfAnotherUser()
