@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/certificatepair.h"
 #include "client/doctorcheck.h"
+#include "client/portprobe.h"
 #include "client/serverconnector.h"
 #include "client/serverprocess.h"
 #include "support/filereader.h"
@@ -8,9 +9,7 @@
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
-#include <QHostAddress>
 #include <QSslCertificate>
-#include <QTcpServer>
 
 #include <optional>
 
@@ -92,13 +91,13 @@ QString nearestParent(const QString &path)
 QList<Finding> listenPort(const DoctorInput &input)
 {
     const quint16 port = input.settings.listenPort;
-    QTcpServer probe;
-    if (port == 0 || probe.listen(QHostAddress(QHostAddress::AnyIPv4), port)) {
+    QString error;
+    if (port == 0 || canListenOn(port, &error)) {
         return {};
     }
-    return {failed(u"ListenPort %1 is not to be had (%2): the server does not start"_s.arg(QString::number(port),
-                                                                                           probe.errorString()),
-                   u"End what listens on it, or set another one; 0 is any"_s)};
+    return {
+        failed(u"ListenPort %1 is not to be had (%2): the server does not start"_s.arg(QString::number(port), error),
+               u"End what listens on it, or set another one; 0 is any"_s)};
 }
 
 } // namespace

@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "client/doctorcheck.h"
+#include "client/portprobe.h"
 #include "client/serverlauncher.h"
 #include "client/serverprocess.h"
 #include "client/viewer.h"
 #include "support/filereader.h"
 
 #include <QFile>
-#include <QHostAddress>
 #include <QRegularExpression>
 #include <QStandardPaths>
-#include <QTcpServer>
 
 #include <algorithm>
 
@@ -40,8 +39,8 @@ QString contents(const QString &path)
 
 bool isPortFree(int port)
 {
-    QTcpServer probe;
-    return port <= 65535 && probe.listen(QHostAddress(QHostAddress::AnyIPv4), static_cast<quint16>(port));
+    QString ignored;
+    return port <= 65535 && canListenOn(static_cast<quint16>(port), &ignored);
 }
 
 bool isDisplayFree(int number, const DoctorInput &input)

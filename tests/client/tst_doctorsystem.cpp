@@ -11,7 +11,9 @@
 #include <QTcpServer>
 #include <QTest>
 
+#include <atomic>
 #include <memory>
+#include <thread>
 
 using namespace Qt::StringLiterals;
 
@@ -94,6 +96,29 @@ private slots:
         QVERIFY(agent.listen(QHostAddress(QHostAddress::AnyIPv4), static_cast<quint16>(41000 + base + 2)));
         QCOMPARE(found(), text.arg(u"FAIL"_s).arg(0).arg(base));
         QVERIFY(haveRemedies(checkDisplays(input)));
+    }
+
+    void displaysAreLookedAtWithoutBeingTaken()
+    {
+        const ReservedDisplays reserved;
+        const auto agentPort = static_cast<quint16>(41000 + reserved.first());
+        DoctorInput input = surroundings->input();
+        input.settings.displayBase = reserved.first();
+        input.settings.displayLimit = 1;
+        std::atomic<bool> isDone = false;
+        std::thread doctor([&isDone, &input] {
+            for (int i = 0; i < 5000; ++i) {
+                [[maybe_unused]] const QList<Finding> ignored = checkDisplays(input);
+            }
+            isDone = true;
+        });
+        int failures = 0;
+        while (!isDone) {
+            QTcpServer agent;
+            failures += agent.listen(QHostAddress(QHostAddress::AnyIPv4), agentPort) ? 0 : 1;
+        }
+        doctor.join();
+        QCOMPARE(failures, 0);
     }
 
     void socketDirectory_data()
