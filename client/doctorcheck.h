@@ -9,6 +9,8 @@
 #include <QString>
 #include <QVariantMap>
 
+#include <chrono>
+
 /** One line of the doctor's findings. */
 struct Finding
 {
@@ -38,7 +40,8 @@ struct DoctorInput
     QString temporaryPath = QStringLiteral("/tmp");
     QString networkPath = QStringLiteral("/proc/sys/net/ipv4");
     QString processesPath = QStringLiteral("/proc");
-    QString systemPath = QString(); ///< what stands before /etc, /run, /usr and /var
+    QString systemPath = QString();                                   ///< what stands before /etc, /run, /usr and /var
+    std::chrono::milliseconds settlingTime = std::chrono::seconds(5); ///< for a server that starts or ends
 };
 
 /** A check, under the title that its lines carry. It only looks, and may find several things or, fine, one. */

@@ -1,27 +1,37 @@
 // SPDX-License-Identifier: MIT
 #include "client/certificatepair.h"
 #include "client/doctorcheck.h"
+#include "client/eventwait.h"
 #include "client/portprobe.h"
 #include "client/serverconnector.h"
 #include "client/serverprocess.h"
 #include "support/filereader.h"
 
 #include <QDateTime>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QSslCertificate>
 
-#include <optional>
+#include <algorithm>
+#include <chrono>
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr int kMaxPemBytes = 1024 * 1024;
 constexpr int kSoonDays = 14;
+
+/** How often the files of a server that starts or ends are looked at. */
+constexpr auto kLookInterval = 20ms;
+
+/** Servers that start or end all the time are no reason to go on for ever. */
+constexpr int kMaxLooks = 5;
 
 QString octal(mode_t mode)
 {
@@ -64,17 +74,39 @@ void addPrivacy(const QString &path, QList<Finding> *findings)
     }
 }
 
-/** A server that the files do not tell of, and which lets no other start. */
-std::optional<Finding> otherServer()
+bool tellsOfServer(const ServerSighting &sighting)
 {
-    const QList<qint64> pids = serversOfSameUser();
-    if (pids.isEmpty()) {
-        return std::nullopt;
+    return sighting.trace != ServerTrace::Missing && sighting.trace != ServerTrace::Stale;
+}
+
+/**
+ * A look at the files. A server that they do not tell of may be about to write them, or have removed them and be about
+ * to end, which is waited for.
+ * @param others  set to those that do neither: each of them lets no other server start
+ */
+ServerSighting settledLook(const DoctorInput &input, QList<qint64> *others)
+{
+    ServerSighting sighting = input.files.look();
+    *others = tellsOfServer(sighting) ? QList<qint64>() : serversOfSameUser();
+    const QDeadlineTimer end(input.settlingTime);
+    while (!others->isEmpty() && !end.hasExpired()) {
+        EventWait pause([] { return false; });
+        [[maybe_unused]] const bool never = pause.run(kLookInterval);
+        sighting = input.files.look();
+        if (tellsOfServer(sighting)) {
+            others->clear();
+        }
+        others->removeIf([](qint64 pid) { return !isServerProcess(pid); });
     }
-    const QString home = environmentOf(pids.first(), u"HOME"_s).value_or(QString());
+    return sighting;
+}
+
+Finding otherServer(qint64 pid)
+{
+    const QString home = environmentOf(pid, u"HOME"_s).value_or(QString());
     return failed(u"A server of USER=%1 runs already with other files: process %2, whose HOME is \"%3\""_s.arg(
-                      qEnvironmentVariable("USER"), QString::number(pids.first()), home),
-                  u"Use its HOME and settings, or end it: kill %1"_s.arg(pids.first()));
+                      qEnvironmentVariable("USER"), QString::number(pid), home),
+                  u"Use its HOME and settings, or end it: kill %1"_s.arg(pid));
 }
 
 /** What is there of a path that is not. */
@@ -98,6 +130,41 @@ QList<Finding> listenPort(const DoctorInput &input)
     return {
         failed(u"ListenPort %1 is not to be had (%2): the server does not start"_s.arg(QString::number(port), error),
                u"End what listens on it, or set another one; 0 is any"_s)};
+}
+
+QList<Finding> serverFindings(const DoctorInput &input, const ServerSighting &sighting, const QList<qint64> &others)
+{
+    switch (sighting.trace) {
+    case ServerTrace::Missing:
+    case ServerTrace::Stale: {
+        const Finding none = sighting.trace == ServerTrace::Missing
+                                 ? fine(u"None is running; it is started when it is needed"_s)
+                                 : warning(sighting.detail, u"zarvoctl server start"_s);
+        return QList<Finding>{others.isEmpty() ? none : otherServer(others.first())} + listenPort(input);
+    }
+    case ServerTrace::Starting:
+        return {warning(sighting.detail, u"Wait a moment; if this stays, see \"zarvoctl server log\""_s)};
+    case ServerTrace::Unreadable:
+        return {failed(sighting.detail,
+                       sighting.pid == 0 ? u"Remove it and start the server"_s
+                                         : u"Remove it, end the process %1 and start the server"_s.arg(sighting.pid))};
+    case ServerTrace::Running:
+        break;
+    }
+    RpcClient client;
+    Failure failure;
+    ServerConnector connector(input.files);
+    if (!connector.connect(&client, ServerConnector::Start::Forbidden, &failure)) {
+        return {failed(u"%1, but: %2"_s.arg(sighting.detail, failure.text.chopped(failure.text.endsWith(u'.') ? 1 : 0)),
+                       u"zarvoctl server stop; zarvoctl server start"_s)};
+    }
+    return {fine(connector.sighting().detail + u" and lets us in"_s)};
+}
+
+bool areFine(const QList<Finding> &findings)
+{
+    return std::all_of(findings.begin(), findings.end(),
+                       [](const Finding &finding) { return finding.level == Finding::Level::Ok; });
 }
 
 } // namespace
@@ -137,13 +204,16 @@ QList<Finding> checkUserPath(const DoctorInput &input)
 
 QList<Finding> checkCertificate(const DoctorInput &input)
 {
-    if (!QFile::exists(input.files.certificatePath())) {
-        if (input.files.look().trace == ServerTrace::Running) {
-            return {failed(
-                u"There is no \"%1\", and so no way into the running server"_s.arg(input.files.certificatePath()),
-                renewal(input))};
+    const auto exists = [&input] { return QFile::exists(input.files.certificatePath()); };
+    if (!exists()) {
+        // Asked again behind the look: a server makes it before it tells its port.
+        const bool isServed = input.files.look().trace == ServerTrace::Running;
+        if (!exists()) {
+            return {isServed ? failed(u"There is no \"%1\", and so no way into the running server"_s.arg(
+                                          input.files.certificatePath()),
+                                      renewal(input))
+                             : fine(u"It is made at the first start"_s)};
         }
-        return {fine(u"It is made at the first start"_s)};
     }
     QByteArray certificate;
     QByteArray key;
@@ -167,28 +237,17 @@ QList<Finding> checkCertificate(const DoctorInput &input)
 
 QList<Finding> checkServerProcess(const DoctorInput &input)
 {
-    const ServerSighting sighting = input.files.look();
-    switch (sighting.trace) {
-    case ServerTrace::Missing:
-        return QList<Finding>{otherServer().value_or(fine(u"None is running; it is started when it is needed"_s))} +
-               listenPort(input);
-    case ServerTrace::Starting:
-        return {warning(sighting.detail, u"Wait a moment; if this stays, see \"zarvoctl server log\""_s)};
-    case ServerTrace::Stale:
-        return QList<Finding>{otherServer().value_or(warning(sighting.detail, u"zarvoctl server start"_s))} +
-               listenPort(input);
-    case ServerTrace::Unreadable:
-        return {failed(sighting.detail,
-                       sighting.pid == 0 ? u"Remove it and start the server"_s
-                                         : u"Remove it, end the process %1 and start the server"_s.arg(sighting.pid))};
-    case ServerTrace::Running:
-        break;
+    // What is wrong with a server that has started or ended meanwhile is nothing that is wrong now.
+    QList<Finding> findings;
+    for (int look = 0; look < kMaxLooks; ++look) {
+        QList<qint64> others;
+        const ServerSighting sighting = settledLook(input, &others);
+        findings = serverFindings(input, sighting, others);
+        const ServerSighting now = input.files.look();
+        if (areFine(findings) ||
+            (now.trace == sighting.trace && now.pid == sighting.pid && now.port == sighting.port)) {
+            break;
+        }
     }
-    RpcClient client;
-    Failure failure;
-    if (!ServerConnector(input.files).connect(&client, ServerConnector::Start::Forbidden, &failure)) {
-        return {failed(u"%1, but: %2"_s.arg(sighting.detail, failure.text.chopped(failure.text.endsWith(u'.') ? 1 : 0)),
-                       u"zarvoctl server stop; zarvoctl server start"_s)};
-    }
-    return {fine(sighting.detail + u" and lets us in"_s)};
+    return findings;
 }

@@ -8,6 +8,7 @@
 #include <QTemporaryDir>
 
 #include <algorithm>
+#include <chrono>
 
 /** A system of its own for the doctor to look at, in which all is well or missing. */
 class DoctorSurroundings
@@ -42,7 +43,8 @@ public:
                 .temporaryPath = path("tmp"),
                 .networkPath = path("net"),
                 .processesPath = path("proc"),
-                .systemPath = folder.path()};
+                .systemPath = folder.path(),
+                .settlingTime = std::chrono::milliseconds(100)};
     }
 
 private:

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "client/serverprocess.h"
 #include "tests/client/doctorinput.h"
 #include "tests/client/impostor.h"
 #include "tests/engine/files.h"
@@ -14,7 +15,9 @@
 #include <QHostAddress>
 #include <QTcpServer>
 #include <QTest>
+#include <QTimer>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -22,6 +25,7 @@
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -251,6 +255,32 @@ private slots:
         QVERIFY(haveRemedies(checkServerProcess(surroundings.input())));
         putFile(surroundings.path("zarvo/host/server_port"), "1"); // left behind by another one
         QCOMPARE(texts(checkServerProcess(surroundings.input())).join(u'\n'), text);
+    }
+
+    void serverThatHasNotWrittenItsFilesYet()
+    {
+        const DoctorSurroundings surroundings;
+        DoctorInput input = surroundings.input();
+        input.settlingTime = 60s;
+        const Impostor impostor(serverEnvironment(qEnvironmentVariable("USER"), u"/"_s));
+        QTRY_VERIFY(serversOfSameUser().contains(impostor.pid()));
+        QTimer::singleShot(100ms, this, [&surroundings, &impostor] {
+            putFile(surroundings.path("zarvo/host/server_pid"), QByteArray::number(impostor.pid()));
+        });
+        QCOMPARE(texts(checkServerProcess(input)),
+                 QStringList{u"WARN The server, process %1, does not tell its port yet"_s.arg(impostor.pid())});
+    }
+
+    void serverThatHasRemovedItsFilesAlready()
+    {
+        const DoctorSurroundings surroundings;
+        DoctorInput input = surroundings.input();
+        input.settlingTime = 60s;
+        auto impostor = std::make_unique<Impostor>(serverEnvironment(qEnvironmentVariable("USER"), u"/"_s));
+        QTRY_VERIFY(serversOfSameUser().contains(impostor->pid()));
+        QTimer::singleShot(100ms, this, [&impostor] { impostor.reset(); });
+        QCOMPARE(texts(checkServerProcess(input)),
+                 QStringList{u"OK None is running; it is started when it is needed"_s});
     }
 
     void pidFileThatIsNoFile()

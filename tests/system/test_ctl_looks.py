@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """zarvoctl: a server that starts or ends between two of its looks, each time at the worst moment."""
+import json
 import os
 import unittest
 
@@ -24,6 +25,41 @@ class Finding(ctl.CtlTestCase):
         process = self.held(server, "list", "--json", "--no-start", path=f"/proc/{server.pid}/")
         zarvo.write(server.port_file, str(server.port))
         self.assertEqual(self.let_go(server, process), (DONE, "[]\n", ""))
+
+
+class Doctor(ctl.CtlTestCase):
+    def doctor(self, server, path, nth, meanwhile):
+        """What a doctor finds that is held while something happens, as lines by the title of the check."""
+        process = self.held(server, "doctor", "--json", path=path, nth=nth)
+        meanwhile()
+        code, output, error = self.let_go(server, process)
+        self.assertEqual((code, error), (DONE, ""), output)
+        lines = {}
+        for finding in json.loads(output):
+            lines.setdefault(finding["check"], []).append(f"{finding['level']} {finding['text']}")
+        return lines
+
+    def test_certificate_that_is_made_meanwhile(self):
+        server = self.prepare(certificate=False)
+        zarvo.write(server.pid_file, "999999999")  # as a killed server leaves it
+        lines = self.doctor(server, server.pid_file, 1, server.start)
+        self.assertIn("OK Certificate and key belong together", lines["certificate"])
+
+    def test_server_that_starts_meanwhile(self):
+        server = self.prepare(settings={"ListenPort": 0})
+        port = 6000 + server.displays.base
+        server.settings["ListenPort"] = port
+        server.write_settings()
+        zarvo.write(server.pid_file, "999999999")
+        zarvo.write(server.port_file, str(port))
+        lines = self.doctor(server, server.port_file, 1, server.start)
+        self.assertEqual(lines["server"], [f"OK The server is process {server.pid} on port {port} and lets us in"])
+
+    def test_server_that_ends_meanwhile(self):
+        # The certificate is read by its own check, and then by the one that asks the server.
+        server = self.server()
+        lines = self.doctor(server, server.certificate, 2, server.stop)
+        self.assertEqual(lines["server"], ["OK None is running; it is started when it is needed"])
 
 
 if __name__ == "__main__":
