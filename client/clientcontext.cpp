@@ -9,6 +9,13 @@
 
 using namespace Qt::StringLiterals;
 
+namespace {
+
+/** More than a host has sessions, each of which may end while another list is made. */
+constexpr int kMaxLists = 1000;
+
+} // namespace
+
 ClientContext::ClientContext(Console &console_, const Settings &settings_)
     : console(console_)
     , settings(settings_)
@@ -30,15 +37,17 @@ bool ClientContext::connectToServer(ServerConnector::Start start, Failure *failu
 bool ClientContext::list(const QString &method, SessionList *sessions, Failure *failure)
 {
     Json::Value result;
-    if (!client.call(method, {}, &result, failure)) {
+    for (int attempt = 0; attempt < kMaxLists; ++attempt) {
+        if (client.call(method, {}, &result, failure)) {
+            *sessions = sessionListFromJson(result);
+            return true;
+        }
         // A session that ends while the server makes its list spoils the whole list, and the next one has it no more.
-        const bool spoilt = failure->code == ExitCode::NoSuchSession;
-        if (!spoilt || !client.call(method, {}, &result, failure)) {
+        if (failure->code != ExitCode::NoSuchSession) {
             return false;
         }
     }
-    *sessions = sessionListFromJson(result);
-    return true;
+    return false;
 }
 
 bool ClientContext::listLocal(SessionList *sessions, Failure *failure)
