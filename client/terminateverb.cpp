@@ -24,7 +24,8 @@ bool collect(const QCommandLineParser &line, ClientContext &context, SessionList
         if (!context.findLocal(target, &session, failure)) {
             return false;
         }
-        if (!chosen->contains(session)) {
+        // By its id: the rest of an entry may have changed since it was found for the first time.
+        if (std::none_of(chosen->begin(), chosen->end(), [&](const SessionEntry &e) { return e.id == session.id; })) {
             chosen->append(session);
         }
     }
@@ -44,8 +45,11 @@ bool isWanted(const QCommandLineParser &line, ClientContext &context, const Sess
     return context.console.confirm(question);
 }
 
-/** Asks for all of it at once; the server answers one after the other. */
-ExitCode endAll(ClientContext &context, const SessionList &chosen)
+/**
+ * Asks for all of it at once; the server answers one after the other.
+ * @param isGoneFine  whether a session that is gone by then is no failure
+ */
+ExitCode endAll(ClientContext &context, const SessionList &chosen, bool isGoneFine)
 {
     QList<int> requests;
     for (const SessionEntry &session : chosen) {
@@ -55,7 +59,8 @@ ExitCode endAll(ClientContext &context, const SessionList &chosen)
     for (qsizetype i = 0; i < chosen.size(); ++i) {
         Json::Value ignored;
         Failure failure;
-        if (!context.client.receive(requests[i], &ignored, &failure)) {
+        if (!context.client.receive(requests[i], &ignored, &failure) &&
+            !(isGoneFine && failure.code == ExitCode::NoSuchSession)) {
             failure.text = u"%1: %2"_s.arg(chosen[i].id, failure.text);
             const ExitCode problem = context.console.report(failure);
             code = code == ExitCode::Done ? problem : code;
@@ -99,5 +104,5 @@ ExitCode TerminateVerb::run(const QCommandLineParser &line, ClientContext &conte
         return ExitCode::Negative;
     }
     const Progress progress(u"Ending"_s);
-    return endAll(context, chosen);
+    return endAll(context, chosen, line.isSet(u"all"_s));
 }
