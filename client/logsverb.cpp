@@ -38,7 +38,7 @@ ExitCode LogsVerb::run(const QCommandLineParser &line, ClientContext &context)
     QString error;
     const bool isApp = line.isSet(u"app"_s);
     if (!readTail(QDir(directory).filePath(isApp ? u"app_log"_s : u"server_log"_s), lines, &text, &error)) {
-        return context.console.report({ExitCode::SessionFailed, error + u'.'});
+        return context.console.report(fileFailure(directory, {ExitCode::SessionFailed, error + u'.'}));
     }
     context.console.printForeign(isApp ? text : withoutPasswords(text));
     return ExitCode::Done;

@@ -5,6 +5,7 @@
 #include "client/interruption.h"
 #include "client/progress.h"
 #include "client/serverlauncher.h"
+#include "client/sessiondirectories.h"
 #include "support/filereader.h"
 
 #include <QDir>
@@ -92,9 +93,12 @@ ExitCode ScreenshotVerb::run(const QCommandLineParser &line, ClientContext &cont
     Failure failure;
     SessionEntry session;
     if (!context.connectToServer(startMode(line), &failure) ||
-        !context.findLocal(firstArgument(line), &session, &failure) ||
-        !takeScreenshot(context.files.sessionDirectory(session.id), line.positionalArguments().at(1), &failure)) {
+        !context.findLocal(firstArgument(line), &session, &failure)) {
         return context.console.report(failure);
+    }
+    const QString directory = context.files.sessionDirectory(session.id);
+    if (!takeScreenshot(directory, line.positionalArguments().at(1), &failure)) {
+        return context.console.report(fileFailure(directory, failure));
     }
     return ExitCode::Done;
 }

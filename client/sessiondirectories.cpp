@@ -4,6 +4,7 @@
 #include "client/sessiontarget.h"
 
 #include <QDir>
+#include <QFileInfo>
 
 using namespace Qt::StringLiterals;
 
@@ -49,4 +50,11 @@ bool findSessionDirectory(ClientContext &context, const QString &target, QString
     }
     *directory = context.files.sessionDirectory(session.id);
     return true;
+}
+
+Failure fileFailure(const QString &directory, const Failure &failure)
+{
+    const bool isTold = !failure.text.isEmpty(); // who interrupts us is told nothing
+    const bool hasEnded = isTold && failure.code == ExitCode::SessionFailed && !QFileInfo(directory).isDir();
+    return hasEnded ? Failure{ExitCode::NoSuchSession, u"The session has ended."_s} : failure;
 }

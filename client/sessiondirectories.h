@@ -14,3 +14,6 @@
  */
 [[nodiscard]] bool findSessionDirectory(ClientContext &context, const QString &target, QString *directory,
                                         Failure *failure);
+
+/** The failure to do something with the files of a session: NoSuchSession when it has ended, and they with it. */
+[[nodiscard]] Failure fileFailure(const QString &directory, const Failure &failure);
