@@ -243,9 +243,7 @@ QList<Finding> checkServerProcess(const DoctorInput &input)
         QList<qint64> others;
         const ServerSighting sighting = settledLook(input, &others);
         findings = serverFindings(input, sighting, others);
-        const ServerSighting now = input.files.look();
-        if (areFine(findings) ||
-            (now.trace == sighting.trace && now.pid == sighting.pid && now.port == sighting.port)) {
+        if (areFine(findings) || input.files.look().isLike(sighting)) {
             break;
         }
     }

@@ -23,6 +23,9 @@ constexpr auto kConnectTimeout = 10s;
 /** A first start makes a key, which takes seconds on a slow machine. */
 constexpr auto kStartTimeout = 60s;
 
+/** Servers that follow each other so fast have a reason to be given up. */
+constexpr int kMaxServers = 5;
+
 /** How often the files are looked at while a server starts: nobody tells us that it is ready. */
 constexpr auto kLookInterval = 10ms;
 
@@ -152,6 +155,19 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
 }
 
 ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *failure)
+{
+    Attempt result = attemptOnce(client, failure);
+    // Whatever is wrong with a server that is there no more is nothing that is wrong with the one there is now.
+    for (int count = 1; count < kMaxServers; ++count) {
+        if (result == Attempt::Connected || last.trace != ServerTrace::Running || files.look().isLike(last)) {
+            break;
+        }
+        result = attemptOnce(client, failure);
+    }
+    return result;
+}
+
+ServerConnector::Attempt ServerConnector::attemptOnce(RpcClient *client, Failure *failure)
 {
     // Looked at once: what follows is decided by the same look, for a server writes its files meanwhile.
     last = files.look();

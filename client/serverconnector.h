@@ -31,6 +31,7 @@ private:
     enum class Attempt { Connected, NotYet, Failed };
 
     Attempt attempt(RpcClient *client, Failure *failure);
+    Attempt attemptOnce(RpcClient *client, Failure *failure);
     bool readCredentials(Credentials *credentials, Failure *failure) const;
     bool connectToStarting(RpcClient *client, Start start, Failure *failure);
 

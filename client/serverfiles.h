@@ -19,6 +19,12 @@ struct ServerSighting
     quint16 port = 0; ///< set for Running
     qint64 pid = 0;   ///< 0 when the pid file names none and no server listens on the port
     QString detail;   ///< one sentence about the trace, for the user
+
+    /** Whether the other one tells of the same server, in the same state. */
+    [[nodiscard]] bool isLike(const ServerSighting &other) const
+    {
+        return trace == other.trace && port == other.port && pid == other.pid;
+    }
 };
 
 /**

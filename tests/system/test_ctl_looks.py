@@ -26,6 +26,32 @@ class Finding(ctl.CtlTestCase):
         zarvo.write(server.port_file, str(server.port))
         self.assertEqual(self.let_go(server, process), (DONE, "[]\n", ""))
 
+    # The certificate is read when the port is known, and before somebody is connected to.
+
+    def test_server_that_starts_anew_when_its_port_is_known(self):
+        server = self.server()
+        process = self.held(server, "list", "--json", "--no-start", path=server.certificate)
+        server.stop()
+        server.start()
+        self.assertEqual(self.let_go(server, process), (DONE, "[]\n", ""))
+
+    def test_server_that_ends_when_its_port_is_known(self):
+        server = self.server()
+        process = self.held(server, "server", "status", "--json", path=server.certificate)
+        server.stop()
+        code, output, error = self.let_go(server, process)
+        self.assertEqual((code, json.loads(output)["files"], error), (NO_SERVER, "missing", ""))
+
+    def test_certificate_that_is_renewed_when_the_port_is_known(self):
+        server = self.server()
+        process = self.held(server, "list", "--json", path=server.certificate)
+        server.stop()
+        os.unlink(server.certificate)
+        os.unlink(server.key)
+        code, output, error = self.let_go(server, process)
+        self.addCleanup(self.end_unattended, server)
+        self.assertEqual((code, output), (DONE, "[]\n"), error)
+
 
 class Doctor(ctl.CtlTestCase):
     def doctor(self, server, path, nth, meanwhile):
