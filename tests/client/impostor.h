@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "client/serverprocess.h"
+
 #include <QFile>
 #include <QProcess>
 #include <QProcessEnvironment>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <QTest>
 
 /** A process that goes by the name of the server and does nothing, with an environment of its own. */
 class Impostor
@@ -18,6 +21,10 @@ public:
         process.setProcessEnvironment(environment);
         process.start(path, {QStringLiteral("1000")});
         process.waitForStarted();
+        // The system calls it started a moment before it shows its environment.
+        if (!QTest::qWaitFor([this] { return environmentOf(pid(), QStringLiteral("PATH")).has_value(); }, 30000)) {
+            qFatal("The process shows no environment");
+        }
     }
     ~Impostor()
     {
