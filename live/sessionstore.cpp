@@ -406,6 +406,8 @@ int SessionStore::startReserved(const QString &id, const QString &command, const
     }
     password = lease->passwords.constLast();
     port = agentPort(lease->display);
+    // From now on somebody knows of it: a list that leaves it out, for it is busy again by then, would tell of its end.
+    setListed(id, SessionInfo(id, location, *lease));
     return SessionOk;
 }
 

@@ -36,6 +36,7 @@ private slots:
 
     void startHandsOutAPasswordAndThePort();
     void startedSessionIsListedAndReplayed();
+    void startedSessionIsListedAlsoWhenItIsBusyAtOnce();
     void startKeepsTheCaseOfTheId();
     void startOfARootlessSession();
     void startHandsOutTheLastPassword();
@@ -260,6 +261,19 @@ void TestSessionActions::startedSessionIsListedAndReplayed()
     QCOMPARE(geometry, u"800x600"_s);
     QCOMPARE(password, u"one-time"_s);
     QCOMPARE(port, startPort);
+}
+
+void TestSessionActions::startedSessionIsListedAlsoWhenItIsBusyAtOnce()
+{
+    addAgent(tellState(kReady), {.onUsr1 = tellState(stateWith(0, u"\"one-time\""_s))});
+    QCOMPARE(start(id), SessionOk);
+    Session *session = nullptr;
+    QCOMPARE(store->acquire(id, session), SessionOk);
+    QList<SessionInfo> list;
+    store->refreshAll(list);
+    store->release(id);
+    QCOMPARE(list.size(), 1);
+    QCOMPARE(list.constFirst().permissions, (QStringList{u"retry"_s, u"terminate"_s}));
 }
 
 void TestSessionActions::startKeepsTheCaseOfTheId()
