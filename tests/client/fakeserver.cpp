@@ -9,6 +9,19 @@
 
 #include <utility>
 
+namespace {
+
+/** The answer, without what it says. */
+Json::Value answerTo(const Json::Value &request)
+{
+    Json::Value message(Json::objectValue);
+    message["jsonrpc"] = "2.0";
+    message["id"] = member(request, "id");
+    return message;
+}
+
+} // namespace
+
 FakeServer::FakeServer(const TestIdentity &identity, Answerer answerer_)
     : answerer(std::move(answerer_))
 {
@@ -26,11 +39,17 @@ FakeServer::FakeServer(const TestIdentity &identity, Answerer answerer_)
 
 void FakeServer::answer(QSslSocket *client, const Json::Value &request, const Json::Value &result)
 {
-    Json::Value message(Json::objectValue);
-    message["jsonrpc"] = "2.0";
-    message["id"] = member(request, "id");
+    Json::Value message = answerTo(request);
     message["result"] = result;
     send(client, message);
+}
+
+void FakeServer::refuse(QSslSocket *client, const Json::Value &request, int code, const char *message)
+{
+    Json::Value refusal = answerTo(request);
+    refusal["error"]["code"] = code;
+    refusal["error"]["message"] = message;
+    send(client, refusal);
 }
 
 void FakeServer::send(QSslSocket *client, const Json::Value &message)

@@ -36,6 +36,9 @@ public:
     /** Sends the answer with this result to a request. */
     static void answer(QSslSocket *client, const Json::Value &request, const Json::Value &result);
 
+    /** Sends the answer with this error to a request. */
+    static void refuse(QSslSocket *client, const Json::Value &request, int code, const char *message);
+
     /** Sends a message as a frame. */
     static void send(QSslSocket *client, const Json::Value &message);
 

@@ -20,7 +20,7 @@ private slots:
         const ServedContext context([&left](QSslSocket *peer, const Json::Value &request) {
             if (left > 0) {
                 --left;
-                FakeServer::send(peer, noSuchSession(request));
+                refuseUnknownSession(peer, request);
             } else {
                 FakeServer::answer(peer, request, serverList({makeSession(u"1"_s, u"last"_s)}));
             }
@@ -33,8 +33,7 @@ private slots:
 
     void listThatIsNeverMadeIsGivenUp()
     {
-        const ServedContext context(
-            [](QSslSocket *peer, const Json::Value &request) { FakeServer::send(peer, noSuchSession(request)); });
+        const ServedContext context(refuseUnknownSession);
         SessionList sessions;
         Failure failure;
         QVERIFY(!context->listLocal(&sessions, &failure));

@@ -1,42 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "client/offering.h"
-#include "support/json.h"
-#include "tests/client/fakeserver.h"
-#include "tests/client/fakeserverfiles.h"
+#include "tests/client/servedcontext.h"
 #include "tests/client/sessions.h"
 #include "tests/testmain.h"
 
 #include <QTest>
-
-#include <memory>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
 constexpr int kInvalidState = -32092;
-
-Json::Value refusal(const Json::Value &request)
-{
-    Json::Value message(Json::objectValue);
-    message["jsonrpc"] = "2.0";
-    message["id"] = request["id"];
-    message["error"]["code"] = kInvalidState;
-    message["error"]["message"] = "Not now.";
-    return message;
-}
-
-Json::Value listing(const SessionList &sessions)
-{
-    Json::Value list(Json::arrayValue);
-    for (const SessionEntry &session : sessions) {
-        Json::Value entry(Json::objectValue);
-        entry["id"] = jsonString(session.id);
-        entry["permissions"] = jsonString(session.permissions.join(u'|'));
-        list.append(entry);
-    }
-    return list;
-}
 
 } // namespace
 
@@ -45,29 +19,6 @@ class TestOffering : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { QVERIFY(files.make()); }
-
-    void init()
-    {
-        server = std::make_unique<FakeServer>(files.identity, [this](QSslSocket *peer, const Json::Value &request) {
-            if (request["method"] == "Live.ListLocalSessions") {
-                FakeServer::answer(peer, request, listing(now));
-            } else {
-                FakeServer::send(peer, refusal(request));
-            }
-        });
-        files.name(server->port());
-        context = std::make_unique<ClientContext>(console, files.settings());
-        Failure failure;
-        QVERIFY2(context->connectToServer(ServerConnector::Start::Forbidden, &failure), qPrintable(failure.text));
-    }
-
-    void cleanup()
-    {
-        context.reset();
-        server.reset();
-    }
-
     void wayOutIsThatOfTheStateAsItIsNow_data()
     {
         QTest::addColumn<QString>("permission");
@@ -105,11 +56,14 @@ private:
         return !isOffered && failure.code == ExitCode::WrongState ? failure.text : u"not refused"_s;
     }
 
-    FakeServerFiles files;
     SessionList now; ///< what the server lists
-    std::unique_ptr<FakeServer> server;
-    Console console;
-    std::unique_ptr<ClientContext> context;
+    ServedContext context{[this](QSslSocket *peer, const Json::Value &request) {
+        if (request["method"] == "Live.ListLocalSessions") {
+            FakeServer::answer(peer, request, serverList(now));
+        } else {
+            FakeServer::refuse(peer, request, kInvalidState, "Not now.");
+        }
+    }};
 };
 
 ZARVO_TEST(TestOffering)

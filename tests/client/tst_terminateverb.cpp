@@ -27,7 +27,7 @@ private slots:
             }
             ended.append(stringFromJson(request["params"][0]));
             if (gone.contains(ended.last())) {
-                FakeServer::send(peer, noSuchSession(request));
+                refuseUnknownSession(peer, request);
             } else {
                 FakeServer::answer(peer, request, Json::Value());
             }
