@@ -37,7 +37,7 @@ Ending::Ending(XServer *server_, ChildWatcher *watcher, EndingLimits limits_, QO
         }
     });
     connect(&pollTimer, &QTimer::timeout, this, &Ending::lookAround);
-    connect(&politeTimer, &QTimer::timeout, this, [this] { isForced = true; });
+    connect(&politeTimer, &QTimer::timeout, this, &Ending::force);
     connect(&forcedTimer, &QTimer::timeout, this, &Ending::endServer);
     pollTimer.setSingleShot(true);
     politeTimer.setSingleShot(true);
@@ -48,7 +48,6 @@ void Ending::start()
 {
     isStarted = true;
     politeTimer.start(limits.polite);
-    forcedTimer.start(limits.polite + limits.forced);
     const QList<pid_t> left = liveDescendants(::getpid(), server->pid());
     asked = QSet<pid_t>(left.begin(), left.end());
     signalAll(left, SIGTERM);
@@ -66,6 +65,15 @@ void Ending::askNewOrphans(const QList<pid_t> &left)
     const QSet<pid_t> orphans = unasked & liveChildren();
     signalAll(orphans.values(), SIGTERM);
     asked += orphans;
+}
+
+// The rest of the time counts from here: on a machine that stood still all of it may be over otherwise before the first
+// SIGKILL.
+void Ending::force()
+{
+    isForced = true;
+    forcedTimer.start(limits.forced);
+    lookAround();
 }
 
 void Ending::lookAround()

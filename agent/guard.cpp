@@ -104,22 +104,34 @@ void waitForNextLook()
     ::sigtimedwait(&set, nullptr, &kInterval);
 }
 
-void endOrphans(const AgentHoldings &holdings)
+// @return whether all orphans have ended in time
+bool awaitOrphans(const AgentHoldings &holdings, Clock::duration limit)
 {
     const Clock::time_point begin = Clock::now();
-    if (reapOrphans(holdings)) {
-        signalAll(liveDescendants(::getpid(), 0), SIGTERM);
-    }
     while (reapOrphans(holdings)) {
-        const Clock::duration elapsed = Clock::now() - begin;
-        if (elapsed > kPolite + kForced) {
-            return;
-        }
-        if (elapsed > kPolite) {
-            signalAll(liveDescendants(::getpid(), 0), SIGKILL);
+        if (Clock::now() - begin > limit) {
+            return false;
         }
         waitForNextLook();
     }
+    return true;
+}
+
+void endOrphans(const AgentHoldings &holdings)
+{
+    if (!reapOrphans(holdings)) {
+        return;
+    }
+    signalAll(liveDescendants(::getpid(), 0), SIGTERM);
+    if (awaitOrphans(holdings, kPolite)) {
+        return;
+    }
+    // Again and again, for they may go on starting others; and once in any case, however long the machine stood still.
+    const Clock::time_point begin = Clock::now();
+    do {
+        signalAll(liveDescendants(::getpid(), 0), SIGKILL);
+        waitForNextLook();
+    } while (reapOrphans(holdings) && Clock::now() - begin <= kForced);
 }
 
 void removeDeadSockets(quint16 display)

@@ -10,6 +10,7 @@
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
 
 #include <chrono>
 
@@ -132,6 +133,21 @@ private slots:
         ending.start();
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 15000);
         QVERIFY(liveDescendants(::getpid(), 0).isEmpty());
+    }
+
+    // A busy machine may not let us run for so long.
+    void killsWhatDoesNotEndAlsoWhenAllTheTimeIsOver()
+    {
+        QVERIFY(startServer());
+        QVERIFY(startApplication("trap '' TERM; touch mark; while :; do sleep 0.05; done"));
+        constexpr EndingLimits kLimits = {50ms, 3s};
+        Ending ending(server.get(), watcher.get(), kLimits);
+        QSignalSpy finished(&ending, &Ending::finished);
+        ending.start();
+        QThread::msleep((kLimits.polite + kLimits.forced + 50ms).count());
+        QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 15000);
+        QVERIFY(liveDescendants(::getpid(), 0).isEmpty());
+        QVERIFY(log->lines.isEmpty());
     }
 };
 
