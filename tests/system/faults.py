@@ -118,9 +118,20 @@ class FaultCase(zarvo.TestCase):
     def listed(self):
         """The listed sessions but for the one that is always there; which is checked."""
         with self.instance.client() as client:
-            entries = {entry["id"]: entry for entry in client.local_sessions()}
+            entries = self.listed_when_known(client)
         self.assertEqual(entries.pop(self.kept), self.entry)
         return entries
+
+    def listed_when_known(self, client):
+        """
+        By their ids. A new server has found a session before its agent has told it anything, and it gives a busy one a
+        second at a time for that.
+        """
+        def listed():
+            entries = {entry["id"]: entry for entry in client.local_sessions()}
+            self.assertIn(self.kept, entries)
+            return entries if entries[self.kept]["started"] else None
+        return zarvo.wait_until(listed, "the word of the agent")
 
     def killed_in(self, nth, method, *params):
         """Whether the server was killed in front of its nth step after it had got the call; it runs again then."""

@@ -91,6 +91,7 @@ class Actions(zarvo.TestCase):
         self.instance.stop()
         self.instance.start()
         with self.instance.client() as client:
+            zarvo.wait_until(lambda: client.local_sessions()[0]["permissions"] == "retry|terminate", "its word")
             self.assertEqual(client.call("Live.Replay", [session])["geometry"], "-1x-1")
             # The newest password is the one that counts.
             self.assertEqual(client.call("Live.Replay", [session])["password"], "last")

@@ -65,6 +65,11 @@ class SmallDisk(zarvo.TestCase):
         with server.client() as client:
             return {entry["id"]: entry["permissions"] for entry in client.local_sessions()}
 
+    def wait_listed(self, server, expected):
+        """The server, which is new, has found these, and their agents tell it the rest."""
+        self.assertEqual(set(self.listed(server)), set(expected))
+        zarvo.wait_until(lambda: self.listed(server) == expected, f"the listing to be {expected}")
+
     def assert_start_is_refused(self, server, *expected):
         with self.assertRaises(zarvo.RpcError) as caught:
             self.start(server)
@@ -210,7 +215,7 @@ class SmallDisk(zarvo.TestCase):
         self.assertEqual(launch.wait_daemon_exit(), 1)
         self.empty()
         server.start()
-        self.assertEqual(self.listed(server), before)
+        self.wait_listed(server, before)
         server.client().call("Live.Terminate", [session])
 
     def test_first_start_on_a_full_disk(self):
@@ -235,7 +240,7 @@ class SmallDisk(zarvo.TestCase):
         before = self.listed(server)
         server.stop()
         server.start()
-        self.assertEqual(self.listed(server), before)
+        self.wait_listed(server, before)
         mount("-o", "remount,rw,bind", server.sessions)
         server.client().call("Live.Terminate", [session])
         self.assertFalse(os.path.exists(server.directory(session)))

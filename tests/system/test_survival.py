@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Sessions outlive their server, and a new server finds them again."""
+import contextlib
 import os
 import signal
 import subprocess
@@ -18,6 +19,13 @@ class Survival(zarvo.TestCase):
     def listed(self, server):
         with server.client() as client:
             return client.local_sessions()
+
+    def wait_listed(self, server, expected):
+        """The server, which is new, has found these, and their agents tell it the rest."""
+        self.assertEqual([entry["id"] for entry in self.listed(server)], [entry["id"] for entry in expected])
+        with contextlib.suppress(AssertionError):
+            zarvo.wait_until(lambda: self.listed(server) == expected, "the word of the agents")
+        self.assertEqual(self.listed(server), expected)
 
     @staticmethod
     def plant(server, folder, agent, /, **files):
@@ -46,7 +54,7 @@ class Survival(zarvo.TestCase):
         self.assertEqual(len(before), 3)
         self.assertEqual(server.stop(signal.SIGKILL), -signal.SIGKILL)
         server.start()
-        self.assertEqual(self.listed(server), before)
+        self.wait_listed(server, before)
         for session, answer in sessions:
             self.assertTrue(zarvo.alive(int(server.seen(session, "pid"))))
             self.assertEqual(server.seen(session, "signals"), "USR1\n")
@@ -63,7 +71,7 @@ class Survival(zarvo.TestCase):
             self.assertEqual(server.stop(), 0)
             self.assertTrue(zarvo.alive(int(server.seen(session, "pid"))))
             server.start()
-            self.assertEqual(self.listed(server), before)
+            self.wait_listed(server, before)
         self.assertEqual(server.client().call("Live.Replay", [session])["password"], answer["password"])
 
     def test_client_of_a_session_is_not_disturbed(self):
@@ -71,9 +79,10 @@ class Survival(zarvo.TestCase):
         session, answer = self.start(server)
         viewer = server.viewer(answer["port"], answer["password"])
         zarvo.wait_until(lambda: self.listed(server)[0]["permissions"] == "disconnect|terminate", "the client")
+        before = self.listed(server)
         server.stop(signal.SIGKILL)
         server.start()
-        self.assertEqual(self.listed(server)[0]["permissions"], "disconnect|terminate")
+        self.wait_listed(server, before)
         viewer.settimeout(0.0)
         with self.assertRaises(BlockingIOError):
             viewer.recv(1)
