@@ -120,6 +120,12 @@ class Manual(unittest.TestCase):
 
 
 class Completions(ctl.CtlTestCase):
+    def prepare(self, *arguments, **how):
+        """The shells ask for the sessions, and go on without them after 3 seconds. Here they wait for the answer."""
+        server = super().prepare(*arguments, **how)
+        server.install_program("timeout", '[ "$1" = 3 ] && shift && exec "$@"\n')
+        return server
+
     def assert_covers(self, verb, found):
         self.assertEqual(set(found) | {"-h", "--help"}, options(verb), verb)
 
