@@ -272,12 +272,15 @@ class Strangers(HostsCase):
         self.assertEqual(self.warnings(alpha), [])
 
     def test_answer_goes_where_the_greeting_came_from(self):
-        alpha, = self.running("alpha")
         beta = self.site.host("beta")
+        everybody, source = beta.datagrams(hosts.UDP_PORT), beta.datagrams()
+        alpha, = self.running("alpha")
+        # What it says by itself has come before anything is said to it.
+        self.assertEqual(everybody.recv(4096), alpha.announcement("HELLO"))
+        self.assertEqual(everybody.recv(4096), alpha.announcement("UPDATE"))
         peer = hosts.Service(self, hosts.answering(alpha.certificate, alpha.key, hosts.reply([hosts.entry("1" * 32)])),
                              "0.0.0.0", beta)
         hello, update = (hosts.announcement(method, peer.port, alpha.user) for method in ("HELLO", "UPDATE"))
-        everybody, source = beta.datagrams(hosts.UDP_PORT), beta.datagrams()
         # An update first: an answer to it would come before the one to the greeting.
         source.sendto(update, (alpha.address, hosts.UDP_PORT))
         self.wait_ids(alpha, "1" * 32)
