@@ -249,7 +249,7 @@ class Admission(zarvo.TestCase):
                 self.assert_serves(self.shared)
 
     def test_garbage_behind_the_handshake_ends_the_connection(self):
-        before = len(self.shared.descriptors())
+        before = len(self.shared.held())
         for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
             for garbage in (bytes(100), b"\x17\x03\x03\x00\x20" + b"x" * 32, b"\x17\x03\x03\xff\xff" + b"x" * 100):
                 with self.subTest(version=version, garbage=garbage[:5]):
@@ -261,7 +261,7 @@ class Admission(zarvo.TestCase):
                         with contextlib.suppress(ConnectionResetError):
                             while raw.recv(4096):
                                 pass
-        zarvo.wait_until(lambda: len(self.shared.descriptors()) <= before, "the descriptors to be closed")
+        zarvo.wait_until(lambda: len(self.shared.held()) <= before, "the descriptors to be closed")
         self.assert_serves(self.shared)
 
     def test_silent_connections_do_not_hold_up_others(self):

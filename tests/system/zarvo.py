@@ -36,6 +36,9 @@ VERSION = "1.0.38"
 # How long an event may take before it counts as missing; nothing waits so long when all is well.
 DEADLINE = 40
 
+# What a thread makes for itself when it first needs one, and keeps.
+THREAD_EVENT = "anon_inode:[eventfd]"
+
 DAY = r"(?:Mon|Tue|Wed|Thu|Fri|Sat|Sun) [1-9]\d? \d\d:\d\d:\d\d"
 
 
@@ -452,7 +455,7 @@ class Server:
         The same without what belongs to its threads: each makes an event for itself when it first needs one, which for
         some of them is long after the start, and keeps it.
         """
-        return [target for target in self.descriptors().values() if target != "anon_inode:[eventfd]"]
+        return [target for target in self.descriptors().values() if target != THREAD_EVENT]
 
     def memory(self, field):
         return int(re.search(rf"{field}:\s+(\d+) kB", read(f"/proc/{self.pid}/status")).group(1)) * 1024
