@@ -77,7 +77,8 @@ class Starting(CtlTestCase):
         server = self.unattended(settings={"BroadcastAddress": "nowhere"})
         error = self.ctl_error(server, "list", code=NO_SERVER)
         self.assertIn('Invalid broadcast address "nowhere"', error)
-        self.assertEqual(self.servers(server), [])
+        # What it had to say it says before it ends.
+        zarvo.wait_until(lambda: self.servers(server) == [], "the end of the server that does not start")
 
     def test_user_path_cannot_be_made(self):
         server = self.unattended()
