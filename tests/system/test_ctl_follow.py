@@ -127,7 +127,7 @@ class Wait(ctl.CtlTestCase):
     def test_timeout_without_a_server(self):
         server = self.server()
         self.start(server)
-        process = self.following(server, "wait", "--for", "ended", "--timeout", "5")
+        process = self.following(server, "wait", "--for", "ended", "--timeout", "10")
         server.stop()
         self.assertEqual(process.wait(zarvo.DEADLINE), TIMED_OUT)
 
