@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Programs on a pseudo-terminal."""
+import codecs
 import fcntl
 import os
 import pty
@@ -22,6 +23,7 @@ class Terminal:
                                         env={"TERM": "xterm", **environment})
         os.close(slave)
         self.text = ""
+        self.decoder = codecs.getincrementaldecoder("utf-8")("replace")
 
     def resize(self, columns, rows):
         """The program is told by SIGWINCH, which comes by itself only to one in the foreground of its session."""
@@ -34,7 +36,7 @@ class Terminal:
             data = os.read(self.master, 65536)
         except OSError:
             data = b""
-        self.text += data.decode("utf-8", "replace")
+        self.text += self.decoder.decode(data)  # a character may come in two pieces
         return bool(data)
 
     def wait_for(self, text):

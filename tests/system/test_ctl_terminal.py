@@ -52,8 +52,12 @@ class OnTerminal(ctl.CtlTestCase):
 
     def test_progress(self):
         server = self.server()
-        server.agent(ready_delay=1)
-        code, text = self.terminal(server, "start", "slow program").finish()
+        server.agent(ready="hold")
+        terminal = self.terminal(server, "start", "slow program")
+        terminal.wait_for("Starting slow program… ")
+        (directory,) = zarvo.wait_until(lambda: os.listdir(server.sessions), "the session")
+        server.release(directory.removeprefix("C-"))
+        code, text = terminal.finish()
         self.assertEqual(code, 0)
         self.assertRegex(text, r"\r\x1b\[KStarting slow program… \d+\.\d s\r\x1b\[K")
         self.assertRegex(text.split("\r\x1b[K")[-1], r"\Asession   [0-9a-f]{32}\n")
