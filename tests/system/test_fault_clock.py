@@ -42,7 +42,8 @@ class Clock(faults.FaultCase):
                 self.call("Live.Start", other, "xterm", "800x600")
                 self.assert_ends(other)
                 self.assertEqual(list(self.listed()), [session])
-                self.assertLess(time.monotonic() - begin, 15)
+                # A machine may be busy; a deadline that went by this clock would be off by a day.
+                self.assertLess(time.monotonic() - begin, zarvo.DEADLINE)
         self.assert_ends(session)
 
     @staticmethod

