@@ -409,7 +409,9 @@ class Server:
         return os.path.join(self.sessions, "C-" + session_id)
 
     def log(self):
-        return read(self.log_file) if os.path.exists(self.log_file) else ""
+        """Its whole lines: the last one may be just being written."""
+        text = read(self.log_file) if os.path.exists(self.log_file) else ""
+        return text[:text.rfind("\n") + 1]
 
     def logged(self, level, text):
         """How many lines of the log are exactly this one."""
