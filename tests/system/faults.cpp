@@ -37,6 +37,7 @@ enum Kind : int64_t {
     kSignal = 16,    ///< sends a signal
     kSocket = 32,    ///< writes to a socket, or makes one listen
     kRemoval = 64,   ///< removes a file or a directory
+    kAside = 128,    ///< with others: of these only the calls that the main thread does not make
 };
 
 constexpr int64_t kKill = -1;
@@ -77,11 +78,17 @@ bool isServer()
     return server == 0 || server == ::getpid();
 }
 
+/** The main thread looks at the agents again and again, whatever else the server does. */
+bool isThreadMeant()
+{
+    return (control->kinds & kAside) == 0 || ::gettid() != ::getpid();
+}
+
 /** Whether the call has to fail, with errno set. Does not return where the process has to end. */
 bool strike(int64_t kinds, const char *call, const char *path)
 {
     const int savedErrno = errno;
-    if (!control || (control->kinds & kinds) == 0 || !isServer() ||
+    if (!control || (control->kinds & kinds) == 0 || !isServer() || !isThreadMeant() ||
         (control->path[0] != '\0' && !std::strstr(path, control->path))) {
         return false;
     }

@@ -18,6 +18,8 @@ import zarvo
 
 
 DISK, DESCRIPTOR, PROCESS, THREAD, SIGNAL, SOCKET, REMOVAL = 1, 2, 4, 8, 16, 32, 64
+# With others: of these only the calls that the main thread does not make, which are those of requests.
+ASIDE = 128
 # Everything that somebody outside could see.
 CHANGES = DISK | PROCESS | SIGNAL | SOCKET | REMOVAL
 
