@@ -24,9 +24,11 @@ bool receiveAnswer(const QString &socketPath, QByteArray *answer)
         return false;
     }
     const QDeadlineTimer deadline(kAnswerTimeoutMs);
-    while (socket.state() == QLocalSocket::ConnectedState && !deadline.hasExpired() &&
-           answer->size() <= kMaxAnswerBytes) {
-        socket.waitForReadyRead(static_cast<int>(deadline.remainingTime()));
+    bool isHopeful = true;
+    while (isHopeful && socket.state() == QLocalSocket::ConnectedState && answer->size() <= kMaxAnswerBytes) {
+        // What has come counts, however late we are ourselves.
+        const bool isLate = deadline.hasExpired();
+        isHopeful = socket.waitForReadyRead(static_cast<int>(deadline.remainingTime())) || !isLate;
         *answer += socket.readAll();
     }
     // Only an answer that ends with the connection is a whole one.
