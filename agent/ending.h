@@ -16,7 +16,7 @@ class XServer;
 struct EndingLimits
 {
     std::chrono::milliseconds polite{3000}; ///< between SIGTERM and SIGKILL for the applications
-    std::chrono::milliseconds forced{2000}; ///< from the first SIGKILL, before the X server is ended anyway
+    std::chrono::milliseconds forced{5000}; ///< from the first SIGKILL, before the X server is ended anyway
 };
 
 /**

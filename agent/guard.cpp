@@ -25,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kPolite = 3s; ///< between SIGTERM and SIGKILL
-constexpr auto kForced = 2s; ///< for SIGKILL to take effect
+constexpr auto kForced = 5s; ///< for SIGKILL to take effect, which on a busy machine it does with the next turn
 constexpr auto kPollInterval = 20ms;
 
 // By its own name, it is not met by who ends all agents by theirs.
