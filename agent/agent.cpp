@@ -23,7 +23,9 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr int kMaxTitleBytes = 400;
-constexpr auto kWindowManagerDeadline = 3s;
+// It needs a tenth of a second. On a machine that is busy it is worth waiting for: windows that are there before it
+// stay as they are.
+constexpr auto kWindowManagerDeadline = 8s;
 
 // What viewers show; a session may lack a name, or have one that no window title should hold.
 QString sessionTitle(quint16 display)
@@ -82,6 +84,12 @@ Agent::Agent(AgentLog *log_, SignalCatcher *signals_, GuardLink *guard_, QObject
     connect(&windowManagerDeadline, &QTimer::timeout, this, [this] {
         logMessage(LogWarning, u"The window manager is not ready, the session goes on without it"_s);
         open();
+    });
+    connect(&children, &ChildWatcher::ended, this, [this](pid_t pid) {
+        if (pid == windowManager && windowManagerDeadline.isActive()) {
+            logMessage(LogWarning, u"The window manager has ended, the session goes on without it"_s);
+            open();
+        }
     });
     windowManagerDeadline.setSingleShot(true);
     connect(&ending, &Ending::finished, this, [this] { emit finished(*exitCode); });
@@ -197,7 +205,8 @@ bool Agent::startWindowManager()
         logMessage(LogWarning, u"No window manager is installed, neither openbox nor matchbox-window-manager"_s);
         return false;
     }
-    if (!applications->runProgram(arguments, &error)) {
+    windowManager = applications->runProgram(arguments, &error);
+    if (windowManager == -1) {
         logMessage(LogWarning, error);
         return false;
     }

@@ -75,6 +75,7 @@ private:
     ScreenWatcher screenWatcher;
     std::unique_ptr<ApplicationRunner> applications;
     std::unique_ptr<ApplicationDoor> applicationDoor;
+    pid_t windowManager = -1;
     QTimer windowManagerDeadline;
     Ending ending;
     std::optional<ExitCode> exitCode; ///< set from the moment that the end has begun

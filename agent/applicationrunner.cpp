@@ -23,17 +23,17 @@ ApplicationRunner::ApplicationRunner(ApplicationSettings settings_, ChildWatcher
 
 bool ApplicationRunner::run(const QByteArray &commandLine, QString *error)
 {
-    return runProgram({"/bin/sh", "-c", commandLine}, error);
+    return runProgram({"/bin/sh", "-c", commandLine}, error) != -1;
 }
 
-bool ApplicationRunner::runProgram(const QList<QByteArray> &arguments, QString *error)
+pid_t ApplicationRunner::runProgram(const QList<QByteArray> &arguments, QString *error)
 {
     // Opened to append: the file is emptied behind our back when the next application is about to start.
     const int output = ::open(QFile::encodeName(settings.logPath).constData(),
                               O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
     if (output == -1) {
         *error = u"Failed to open the file \"%1\": %2"_s.arg(settings.logPath, qt_error_string(errno));
-        return false;
+        return -1;
     }
     SpawnRequest request;
     request.program = arguments.first();
@@ -45,11 +45,11 @@ bool ApplicationRunner::runProgram(const QList<QByteArray> &arguments, QString *
     const pid_t pid = spawnProcess(request, error);
     ::close(output);
     if (pid == -1) {
-        return false;
+        return -1;
     }
     running.insert(pid);
     logMessage(LogInfo, u"Started process %1: %2"_s.arg(pid).arg(QString::fromLocal8Bit(arguments.join(' '))));
-    return true;
+    return pid;
 }
 
 void ApplicationRunner::Watcher_ended(pid_t pid, int status)

@@ -43,8 +43,9 @@ public:
      * Runs the program at the path @p arguments begin with, without a shell.
      *
      * @param error  set only on failure: one sentence
+     * @return its process; -1 on failure
      */
-    [[nodiscard]] bool runProgram(const QList<QByteArray> &arguments, QString *error);
+    [[nodiscard]] pid_t runProgram(const QList<QByteArray> &arguments, QString *error);
 
 private:
     void Watcher_ended(pid_t pid, int status);
