@@ -132,6 +132,9 @@ class Session:
     def connect(self, password=None, **how):
         return rfb.Client("127.0.0.1", self.port, password or self.new_password(), timeout=zarvo.DEADLINE, **how)
 
+    def raw_connection(self):
+        return socket.create_connection(("127.0.0.1", self.port), zarvo.DEADLINE)
+
     def app(self, *arguments):
         return subprocess.run([START_APP, *arguments], cwd=self.directory, capture_output=True, text=True,
                               timeout=zarvo.DEADLINE, check=False)
@@ -547,12 +550,16 @@ class Clients(AgentTest):
     def test_garbage_is_dropped_at_once(self):
         session = self.session().start()
         for text in (b"GET / HTTP/1.1\r\n\r\n", b"\x16\x03\x01\x02\x00", b"RFB 003.00x\n", b"RFB 004.000\n"):
-            with self.subTest(text=text), socket.create_connection(("127.0.0.1", session.port), 5) as client:
-                client.settimeout(5)
+            with self.subTest(text=text), session.raw_connection() as earlier, session.raw_connection() as client:
+                self.assertEqual(earlier.recv(12), b"RFB 003.008\n")
                 client.sendall(text)
                 with contextlib.suppress(ConnectionResetError):
                     while client.recv(100):
                         pass
+                # Not when its time was over, which would have been that of the silent one before it as well.
+                earlier.setblocking(False)
+                with self.assertRaises(BlockingIOError):
+                    earlier.recv(1)
         session.connect().close()
         self.assert_log_is_sound(session)
 
