@@ -2,8 +2,16 @@
 #pragma once
 
 #include <QObject>
+#include <QTest>
 
 #include <functional>
+
+// Qt's own wait 5 seconds for what is to come, which is little on a busy machine, and makes nothing faster where it
+// comes.
+#undef QTRY_VERIFY
+#undef QTRY_COMPARE
+#define QTRY_VERIFY(...) QTRY_VERIFY_WITH_TIMEOUT((__VA_ARGS__), 30000)
+#define QTRY_COMPARE(actual, expected) QTRY_COMPARE_WITH_TIMEOUT(actual, expected, 30000)
 
 /**
  * Adds a test class to the program that its folder builds. Used through ZARVO_TEST, at namespace level, on

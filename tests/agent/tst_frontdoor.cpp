@@ -6,6 +6,7 @@
 #include "tests/agent/testlog.h"
 #include "tests/testmain.h"
 
+#include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -268,13 +269,16 @@ private slots:
     void strangersDoNotFillTheLog()
     {
         door->open();
+        QElapsedTimer elapsed;
+        elapsed.start();
         for (int i = 0; i < 50; ++i) {
             QTcpSocket stranger;
             stranger.connectToHost(QHostAddress::LocalHost, door->port());
             stranger.write("GET / HTTP/1.1\r\n\r\n");
             QTRY_COMPARE(stranger.state(), QAbstractSocket::UnconnectedState);
         }
-        QCOMPARE(log->lines.size(), 1);
+        QVERIFY(!log->lines.isEmpty());
+        QVERIFY(log->lines.size() <= 1 + elapsed.elapsed() / 9000); // one more for each pause that is over
         QVERIFY(log->lines.first().startsWith(u"Info: Refused a client from 127.0.0.1: "_s));
     }
 

@@ -41,7 +41,7 @@ private:
     {
         client->write("RFB 003.008\n\x02");
         // Greeting, list of types, challenge.
-        return QTest::qWaitFor([this] { return client->bytesAvailable() >= 12 + 2 + kVncChallengeBytes; })
+        return QTest::qWaitFor([this] { return client->bytesAvailable() >= 12 + 2 + kVncChallengeBytes; }, 30000)
                    ? client->readAll().last(kVncChallengeBytes)
                    : QByteArray();
     }

@@ -166,7 +166,7 @@ private slots:
         QElapsedTimer elapsed;
         elapsed.start();
         watcher.start();
-        QVERIFY(unlisted.wait());
+        QVERIFY(unlisted.wait(30000));
         QVERIFY2(elapsed.elapsed() >= 300, qPrintable(QString::number(elapsed.elapsed())));
     }
 
@@ -178,7 +178,7 @@ private slots:
         watcher.start();
         QVERIFY(!unlisted.wait(500));
         QVERIFY(QDir().rmdir(SessionFile::kMonitorPid));
-        QVERIFY(unlisted.wait());
+        QVERIFY(unlisted.wait(30000));
     }
 
     void pipeDoesNotHoldItUp()
