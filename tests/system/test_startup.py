@@ -14,6 +14,16 @@ import unittest
 import zarvo
 
 
+def start_with(server, words):
+    """Starts the server from a shell with these words behind its name."""
+    server.install_program("zarvo-with-words", f"exec {zarvo.BINARY} {words}\n")
+    binary, zarvo.BINARY = zarvo.BINARY, os.path.join(server.bin, "zarvo-with-words")
+    try:
+        server.start()
+    finally:
+        zarvo.BINARY = binary
+
+
 class Files(zarvo.TestCase):
     def test_first_start_with_defaults(self):
         server = self.prepare(certificate=False)
@@ -221,12 +231,7 @@ class Settings(zarvo.TestCase):
 
     def test_arguments_are_not_interpreted(self):
         server = self.prepare()
-        server.install_program("with-arguments", f'exec {zarvo.BINARY} --help --version -platform foo /tmp\n')
-        binary, zarvo.BINARY = zarvo.BINARY, os.path.join(server.bin, "with-arguments")
-        try:
-            server.start()
-        finally:
-            zarvo.BINARY = binary
+        start_with(server, "--help --version -platform foo /tmp")
         self.assert_serves(server)
 
 
@@ -390,12 +395,7 @@ class Daemon(zarvo.TestCase):
         for closed in ("<&-", ">&-", "2>&-", "<&- >&-", ">&- 2>&-", "<&- >&- 2>&-"):
             with self.subTest(closed=closed):
                 server = self.prepare()
-                server.install_program("closing", f"exec {zarvo.BINARY} {closed}\n")
-                binary, zarvo.BINARY = zarvo.BINARY, os.path.join(server.bin, "closing")
-                try:
-                    server.start()
-                finally:
-                    zarvo.BINARY = binary
+                start_with(server, closed)
                 session = zarvo.new_id()
                 server.client().call("Live.Start", [session, "xterm", "800x600"])
                 self.assertEqual(server.seen(session, "fds").splitlines(),
