@@ -23,9 +23,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr int kMaxTitleBytes = 400;
-// It needs a tenth of a second. On a machine that is busy it is worth waiting for: windows that are there before it
-// stay as they are.
-constexpr auto kWindowManagerDeadline = 8s;
 
 // What viewers show; a session may lack a name, or have one that no window title should hold.
 QString sessionTitle(quint16 display)
@@ -104,6 +101,7 @@ Agent::~Agent()
 
 void Agent::start(const QStringList &arguments)
 {
+    sinceStart.start();
     QString error;
     if (!parseAgentArguments(arguments, &options, &error)) {
         fail(ExitCode::BadArguments, error);
@@ -173,7 +171,7 @@ void Agent::ScreenWatcher_started(const QSize &size)
     prepareApplications();
     if (options.rootless && startWindowManager()) {
         // It does not give windows that it finds the treatment of those that come later.
-        windowManagerDeadline.start(kWindowManagerDeadline);
+        windowManagerDeadline.start(windowManagerPatience(std::chrono::milliseconds(sinceStart.elapsed())));
         return;
     }
     open();

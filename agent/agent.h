@@ -16,6 +16,7 @@
 #include "agent/statesocket.h"
 #include "agent/xserver.h"
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
 
@@ -75,6 +76,7 @@ private:
     ScreenWatcher screenWatcher;
     std::unique_ptr<ApplicationRunner> applications;
     std::unique_ptr<ApplicationDoor> applicationDoor;
+    QElapsedTimer sinceStart;
     pid_t windowManager = -1;
     QTimer windowManagerDeadline;
     Ending ending;

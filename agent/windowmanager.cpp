@@ -6,9 +6,19 @@
 #include <QFile>
 #include <QStandardPaths>
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
+
+// It needs a tenth of a second. On a machine that is busy it is worth waiting for: windows that are there before it
+// stay as they are.
+constexpr auto kMaxPatience = 8s;
+
+// The server gives a session up that is not ready in 15 seconds, of which the X server may take 10.
+constexpr auto kReadyTime = 13s;
 
 // Main windows fill the screen and have no frame. Dialogues keep theirs, so that they can be moved and closed; there is
 // one desktop, no menu, and no key that an application would not get to see.
@@ -61,4 +71,9 @@ bool prepareWindowManager(const QString &settingsPath, QList<QByteArray> *argume
         *arguments = {QFile::encodeName(matchbox), "-use_titlebar", "no"};
     }
     return true;
+}
+
+std::chrono::milliseconds windowManagerPatience(std::chrono::milliseconds sinceStart)
+{
+    return std::clamp<std::chrono::milliseconds>(kReadyTime - sinceStart, 0ms, kMaxPatience);
 }

@@ -5,6 +5,8 @@
 #include <QList>
 #include <QString>
 
+#include <chrono>
+
 /**
  * Chooses the window manager of a rootless session, which gives its one application the whole screen: openbox with our
  * own settings where it is installed, else matchbox-window-manager, else none.
@@ -14,3 +16,6 @@
  * @param error         set only on failure: one sentence
  */
 [[nodiscard]] bool prepareWindowManager(const QString &settingsPath, QList<QByteArray> *arguments, QString *error);
+
+/** How long a window manager that is started now is waited for, when the agent has run for @p sinceStart. */
+[[nodiscard]] std::chrono::milliseconds windowManagerPatience(std::chrono::milliseconds sinceStart);

@@ -9,6 +9,8 @@
 #include <QTest>
 #include <QXmlStreamReader>
 
+#include <chrono>
+
 using namespace Qt::StringLiterals;
 
 class WindowManagerTest final : public QObject
@@ -30,6 +32,25 @@ private slots:
     }
 
     void cleanup() { qputenv("PATH", searchPath); }
+
+    void isWaitedForWhileTheServerWaitsForTheSession_data()
+    {
+        QTest::addColumn<int>("sinceStart"); // in milliseconds
+        QTest::addColumn<int>("patience");
+        QTest::newRow("X server at once") << 0 << 8000;
+        QTest::newRow("slow X server") << 5000 << 8000;
+        QTest::newRow("slower X server") << 7600 << 5400;
+        QTest::newRow("slowest X server") << 10000 << 3000;
+        QTest::newRow("no time left") << 13000 << 0;
+        QTest::newRow("machine that stood still") << 60000 << 0;
+    }
+
+    void isWaitedForWhileTheServerWaitsForTheSession()
+    {
+        QFETCH(const int, sinceStart);
+        QFETCH(const int, patience);
+        QCOMPARE(windowManagerPatience(std::chrono::milliseconds(sinceStart)).count(), patience);
+    }
 
     void choosesNoneWhenNoneIsInstalled()
     {
