@@ -10,7 +10,7 @@
 // comes.
 #undef QTRY_VERIFY
 #undef QTRY_COMPARE
-#define QTRY_VERIFY(...) QTRY_VERIFY_WITH_TIMEOUT((__VA_ARGS__), 30000)
+#define QTRY_VERIFY(expression) QTRY_VERIFY_WITH_TIMEOUT(expression, 30000)
 #define QTRY_COMPARE(actual, expected) QTRY_COMPARE_WITH_TIMEOUT(actual, expected, 30000)
 
 /**
