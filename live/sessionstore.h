@@ -62,8 +62,9 @@ public:
 
     /**
      * Refreshes every session, drops those that are gone, and lists peers' sessions, then the local ones. A session
-     * that somebody works on is listed as it was the last time, and not at all before the first time: an action may
-     * take half a minute, for which this pass would hold up the main thread. One thread at a time may call it.
+     * that somebody works on is listed as it was the last time, or at the end of its start, and not at all before that:
+     * an action may take half a minute, for which this pass would hold up the main thread. One thread at a time may
+     * call it.
      */
     void refreshAll(QList<SessionInfo> &out);
     /** The local sessions as the last refresh left them; fails when one goes while the listing waits for it. */
@@ -103,7 +104,7 @@ private:
     struct Entry
     {
         std::unique_ptr<Session> session;
-        std::optional<SessionInfo> listed; ///< as the last refreshAll() listed it
+        std::optional<SessionInfo> listed; ///< as the last refreshAll() listed it, or as its start left it
     };
 
     void scan();
