@@ -42,8 +42,7 @@ class Clock(faults.FaultCase):
                 self.call("Live.Start", other, "xterm", "800x600")
                 self.assert_ends(other)
                 self.assertEqual(list(self.listed()), [session])
-                # A machine may be busy; a deadline that went by this clock would be off by a day.
-                self.assertLess(time.monotonic() - begin, zarvo.DEADLINE)
+                self.assertLess(time.monotonic() - begin, 15)
         self.assert_ends(session)
 
     @staticmethod

@@ -54,14 +54,12 @@ class Programs(bundled.BundledAgentTestCase):
         agent = int(zarvo.read(os.path.join(self.instance.directory(hanging), "server_pid")))
         os.kill(agent, signal.SIGSTOP)
         self.addCleanup(os.kill, agent, signal.SIGCONT)
-        # Each look at it takes a second, and the others are served in between. Most of them: a machine may be busy.
-        delays = []
+        # Each look at it takes a second, and the others are served in between.
         for _ in range(5):
             begin = time.monotonic()
             with self.instance.client() as client:
                 self.assertIn(hanging, [entry["id"] for entry in client.local_sessions()])
-            delays.append(time.monotonic() - begin)
-        self.assertLess(sorted(delays)[2], 10, delays)
+            self.assertLess(time.monotonic() - begin, 10)
         other, answer = self.start()
         self.connect(answer)
         self.client.call("Live.Terminate", [other])

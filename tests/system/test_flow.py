@@ -92,7 +92,6 @@ class Flow(zarvo.TestCase):
             for payload in frames.take(stream.receive()):
                 self.assertEqual(payload, answer_of(answered))
                 answered += 1
-                end = time.monotonic() + PATIENCE  # for the next one: there are many
             if time.monotonic() - looked > 0.05:
                 looked = time.monotonic()
                 top = max(top, server.resident())
