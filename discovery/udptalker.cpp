@@ -135,11 +135,12 @@ void UdpTalker::sendUpdateTo(QHostAddress address, quint16 port)
 
 void UdpTalker::send(const QString &method, const QHostAddress &address, quint16 port)
 {
-    if (port == 0) {
-        return; // nobody can be reached there, and trying it would bind the socket to a port, where anybody reaches us
-    }
+    const bool wasBound = socket->state() == QAbstractSocket::BoundState;
     // Nobody can be told of a failure, and the next announcement follows anyway.
     socket->writeDatagram(Announcement{method, serverPort, ownUser()}.toDatagram(), address, port);
+    if (!wasBound) {
+        socket->close(); // sending has bound it to a port, where anybody would reach a server without discovery
+    }
 }
 
 void UdpTalker::Socket_readyRead()
