@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "agent/agent.h"
-#include "agent/agentfiles.h"
-#include "agent/agentlog.h"
-#include "agent/exitfile.h"
-#include "agent/guard.h"
-#include "agent/guardlink.h"
-#include "server/signalcatcher.h"
+#include "agent/session/agent.h"
+#include "agent/session/agentfiles.h"
+#include "agent/session/exitfile.h"
+#include "agent/session/guard.h"
+#include "agent/session/guardlink.h"
+#include "agent/session/sessionlog.h"
+#include "base/signalcatcher.h"
 
 #include <QCoreApplication>
 
@@ -31,10 +31,10 @@ void ensureStandardDescriptors()
     ::close(descriptor);
 }
 
-ExitCode report(const QString &error)
+AgentExitCode report(const QString &error)
 {
     std::fprintf(stderr, "start-agent: %s\n", qPrintable(error));
-    return ExitCode::NotStarted;
+    return AgentExitCode::NotStarted;
 }
 
 // They have waited since before there was a handler.
@@ -51,13 +51,13 @@ void catchSignals(int writeEnd)
 }
 
 // Everything that a session owns is gone when this returns.
-ExitCode runSession(AgentLog *log, int guard, int signalReadEnd, int signalWriteEnd)
+AgentExitCode runSession(SessionLog *log, int guard, int signalReadEnd, int signalWriteEnd)
 {
-    ExitCode code = ExitCode::NotStarted;
+    AgentExitCode code = AgentExitCode::NotStarted;
     SignalCatcher catcher(signalReadEnd);
     GuardLink link(guard);
     Agent agent(log, &catcher, &link);
-    QObject::connect(&agent, &Agent::finished, &agent, [&code](ExitCode finalCode) {
+    QObject::connect(&agent, &Agent::finished, &agent, [&code](AgentExitCode finalCode) {
         code = finalCode;
         QCoreApplication::quit();
     });
@@ -68,11 +68,11 @@ ExitCode runSession(AgentLog *log, int guard, int signalReadEnd, int signalWrite
     return code;
 }
 
-ExitCode runAgent(int argc, char **argv, int guard)
+AgentExitCode runAgent(int argc, char **argv, int guard)
 {
     const QCoreApplication application(argc, argv);
     QString error;
-    AgentLog log;
+    SessionLog log;
     std::array<int, 2> signalEnds = {};
     if (!log.open(SessionFile::kServerLog, &error)) {
         return report(error);
@@ -85,7 +85,7 @@ ExitCode runAgent(int argc, char **argv, int guard)
 }
 
 // The last thing that happens in a session, on every way out of it.
-int leave(ExitFile *exitFile, ExitCode code)
+int leave(ExitFile *exitFile, AgentExitCode code)
 {
     QString error;
     if (!exitFile->write(code, &error)) {
@@ -113,6 +113,6 @@ int main(int argc, char **argv)
     if (agent != 0) {
         return leave(&exitFile, guardAgent(agent, link));
     }
-    const ExitCode code = runAgent(argc, argv, link);
+    const AgentExitCode code = runAgent(argc, argv, link);
     return isGuardAlive(link) ? static_cast<int>(code) : leave(&exitFile, code);
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "agent/agentfiles.h"
-#include "agent/agentoptions.h"
-#include "agent/applicationrequest.h"
+#include "agent/applications/applicationrequest.h"
+#include "agent/session/agentfiles.h"
+#include "agent/session/agentoptions.h"
 
 #include <QCoreApplication>
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // What one refresh pass over N sessions costs. Usage: bench_refresh N socket|log FIRST_DISPLAY [PASSES]
 // Prints one line of JSON.
+#include "base/logging.h"
 #include "bench/fakesessions.h"
 #include "live/sessionstore.h"
-#include "server/logging.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

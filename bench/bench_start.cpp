@@ -3,8 +3,8 @@
 //
 // The "start-agent" and "start-app" on the search path should be ready at once. The waits that the server is asked to
 // make are taken off: it sleeps nowhere else. Prints one line of JSON.
+#include "base/logging.h"
 #include "live/sessionstore.h"
-#include "server/logging.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The limit that the service is compared with: sends every byte back, on one thread, with nothing but epoll and
 // OpenSSL. Usage: echo_server CERTIFICATE KEY; prints its port.
-#include "tls.h"
+#include "bench/tls.h"
 
 #include <array>
 #include <csignal>

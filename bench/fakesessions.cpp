@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "bench/fakesessions.h"
 
+#include "contract/sessionid.h"
 #include "engine/sessionfiles.h"
-#include "engine/sessionid.h"
 
 #include <QByteArray>
 #include <QDir>

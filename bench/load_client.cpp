@@ -7,7 +7,7 @@
 //
 // Prints one line of JSON: operations per second and the latency of an operation in microseconds, once the server is
 // warm; and how many operations there were from the first one on.
-#include "tls.h"
+#include "bench/tls.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "client/clientcontext.h"
-#include "client/help.h"
-#include "client/verbtable.h"
+#include "client/sessions/clientcontext.h"
+#include "client/verbs/help.h"
+#include "client/verbs/verbtable.h"
 
 #include <QCoreApplication>
 

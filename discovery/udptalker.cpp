@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "discovery/udptalker.h"
 
+#include "base/logging.h"
 #include "discovery/announcement.h"
 #include "discovery/peerquery.h"
 #include "live/sessionstore.h"
-#include "server/logging.h"
 #include "support/credentials.h"
 #include "support/systemthreads.h"
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "engine/launch.h"
 
+#include "base/logging.h"
+#include "contract/sessionerror.h"
 #include "engine/displays.h"
 #include "engine/session.h"
-#include "engine/sessionerror.h"
 #include "engine/sessionfiles.h"
-#include "server/logging.h"
 #include "support/programrunner.h"
 #include "support/randomdata.h"
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "support/sessioncontract.h"
+#include "contract/sessiondirectory.h"
 
 #include <QDateTime>
 #include <QSize>

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "engine/sessionloading.h"
 
+#include "base/logging.h"
+#include "contract/sessionerror.h"
 #include "engine/session.h"
-#include "engine/sessionerror.h"
 #include "engine/sessionfiles.h"
-#include "server/logging.h"
 
 #include <QDir>
 

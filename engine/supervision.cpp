@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "engine/supervision.h"
 
+#include "base/logging.h"
+#include "contract/sessionerror.h"
 #include "engine/agentinfo.h"
 #include "engine/agentlog.h"
 #include "engine/session.h"
-#include "engine/sessionerror.h"
 #include "engine/sessionfiles.h"
-#include "server/logging.h"
 
 #include <QDir>
 #include <QElapsedTimer>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "server/logging.h"
+#include "base/logging.h"
 
 #include <QCoreApplication>
 #include <QTemporaryDir>

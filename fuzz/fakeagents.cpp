@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "fuzz/fakeagents.h"
 
+#include "contract/sessionerror.h"
 #include "engine/displays.h"
 #include "engine/launch.h"
 #include "engine/session.h"
-#include "engine/sessionerror.h"
 #include "engine/sessionfiles.h"
 #include "fuzz/target.h"
 #include "support/datetimetext.h"

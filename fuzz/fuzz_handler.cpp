@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
+#include "base/idletimer.h"
 #include "fuzz/answercheck.h"
 #include "fuzz/dice.h"
 #include "fuzz/fuzzedconnection.h"
 #include "fuzz/target.h"
 #include "rpc/netstring.h"
-#include "server/idletimer.h"
 
 using namespace Qt::StringLiterals;
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "agent/backendhandshake.h"
-#include "agent/rfbhandshake.h"
-#include "agent/vncauth.h"
+#include "agent/display/backendhandshake.h"
+#include "agent/door/rfbhandshake.h"
+#include "agent/door/vncauth.h"
 #include "fuzz/dice.h"
 #include "fuzz/target.h"
 

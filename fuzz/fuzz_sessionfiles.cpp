@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
+#include "base/idletimer.h"
+#include "contract/sessionerror.h"
+#include "contract/sessionid.h"
 #include "engine/session.h"
-#include "engine/sessionerror.h"
 #include "engine/sessionfiles.h"
-#include "engine/sessionid.h"
 #include "engine/sessionloading.h"
 #include "engine/supervision.h"
 #include "fuzz/agentthread.h"
 #include "fuzz/target.h"
 #include "live/sessionstore.h"
-#include "server/idletimer.h"
 
 #include <QDir>
 #include <QFile>

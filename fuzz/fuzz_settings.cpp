@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include "base/settings.h"
 #include "fuzz/target.h"
-#include "server/settings.h"
 #include "support/pathtemplate.h"
 
 #include <QCoreApplication>

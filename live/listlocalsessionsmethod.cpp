@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "live/listlocalsessionsmethod.h"
 
-#include "engine/sessionerror.h"
+#include "contract/sessionerror.h"
 #include "live/sessionstore.h"
 
 bool ListLocalSessionsMethod::execute(const Json::Value &, Json::Value &result)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "live/livemethod.h"
 
-#include "engine/sessionerror.h"
+#include "contract/sessionerror.h"
 #include "live/sessionstore.h"
 #include "support/json.h"
 

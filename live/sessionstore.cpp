@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: MIT
 #include "live/sessionstore.h"
 
+#include "base/idletimer.h"
+#include "base/logging.h"
+#include "contract/sessionerror.h"
+#include "contract/sessionid.h"
 #include "engine/launch.h"
 #include "engine/session.h"
-#include "engine/sessionerror.h"
 #include "engine/sessionfiles.h"
-#include "engine/sessionid.h"
 #include "engine/sessionloading.h"
 #include "engine/supervision.h"
 #include "live/sessiondirectoryremoval.h"
 #include "live/sessionlease.h"
-#include "server/idletimer.h"
-#include "server/logging.h"
 
 #include <QDeadlineTimer>
 #include <QDir>

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "rpc/handler.h"
 
+#include "base/idletimer.h"
+#include "base/logging.h"
 #include "rpc/clientsocket.h"
 #include "rpc/netstring.h"
-#include "server/idletimer.h"
-#include "server/logging.h"
 #include "support/json.h"
 
 #include <QtConcurrentRun>

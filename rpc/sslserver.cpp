@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "rpc/sslserver.h"
 
+#include "base/logging.h"
 #include "rpc/clientsocket.h"
-#include "server/logging.h"
 
 #include <QSslConfiguration>
 #include <QTimer>

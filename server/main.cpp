@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include "base/logging.h"
 #include "server/daemon.h"
-#include "server/logging.h"
 #include "server/qtsinglecoreapplication.h"
 #include "server/server.h"
 #include "server/startupfailure.h"

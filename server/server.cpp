@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "server/server.h"
 
+#include "base/idletimer.h"
+#include "base/signalcatcher.h"
 #include "discovery/udptalker.h"
 #include "engine/sessionfiles.h"
 #include "live/sessionstore.h"
 #include "rpc/sslserver.h"
 #include "server/certificates.h"
 #include "server/daemon.h"
-#include "server/idletimer.h"
-#include "server/signalcatcher.h"
 #include "server/sslresponder.h"
 #include "server/startupfailure.h"
 #include "server/threadpool.h"

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "server/filelogging.h"
+#include "base/filelogging.h"
+#include "base/infofile.h"
+#include "base/settings.h"
 #include "server/handlerfactory.h"
-#include "server/infofile.h"
-#include "server/settings.h"
 
 #include <QSslCertificate>
 #include <QSslKey>

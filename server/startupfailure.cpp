@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "server/startupfailure.h"
 
-#include "server/logging.h"
+#include "base/logging.h"
 
 #include <unistd.h>
 

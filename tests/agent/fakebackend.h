@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "agent/localendpoint.h"
+#include "support/localendpoint.h"
 
 #include <QByteArray>
 #include <QLocalSocket>

@@ -36,26 +36,6 @@ void TestLog::write(int level, const QString &text)
     lines.append(levelName(level) + QStringLiteral(": ") + text);
 }
 
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-FullDisk::FullDisk()
-{
-    ::signal(SIGXFSZ, SIG_IGN);
-    ::getrlimit(RLIMIT_FSIZE, &before);
-    const rlimit none = {0, before.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &none);
-}
-
-FullDisk::~FullDisk()
-{
-    ::setrlimit(RLIMIT_FSIZE, &before);
-    ::signal(SIGXFSZ, SIG_DFL);
-}
-
 bool writeScript(const QString &path, const QByteArray &text)
 {
     QFile file(path);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "client/doctorcheck.h"
+#include "client/doctor/doctorcheck.h"
 
 #include <QDir>
 #include <QFile>

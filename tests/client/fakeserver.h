@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/rpc/testidentity.h"
+#include "tests/helpers/testidentity.h"
 
 #include <json/value.h>
 

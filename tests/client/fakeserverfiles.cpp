@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "tests/client/fakeserverfiles.h"
 
-#include "tests/engine/files.h"
+#include "tests/helpers/files.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "server/settings.h"
-#include "tests/rpc/testidentity.h"
+#include "base/settings.h"
+#include "tests/helpers/testidentity.h"
 
 #include <QTemporaryDir>
 

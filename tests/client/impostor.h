@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "client/serverprocess.h"
+#include "client/server/serverprocess.h"
 
 #include <QFile>
 #include <QProcess>

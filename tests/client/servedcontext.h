@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "client/clientcontext.h"
+#include "client/sessions/clientcontext.h"
 #include "support/json.h"
 #include "tests/client/fakeserver.h"
 #include "tests/client/fakeserverfiles.h"

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "client/sessionentry.h"
+#include "client/sessions/sessionentry.h"
 
 /** A session of this host whose id is the given digits filled up with zeros. */
 inline SessionEntry makeSession(const QString &digits, const QString &name,

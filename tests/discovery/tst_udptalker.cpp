@@ -4,8 +4,8 @@
 #include "live/sessionstore.h"
 #include "rpc/netstring.h"
 #include "tests/discovery/peerservice.h"
-#include "tests/engine/collectinglogger.h"
-#include "tests/support/environmentvariable.h"
+#include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/environmentvariable.h"
 #include "tests/testmain.h"
 
 #include <QDateTime>

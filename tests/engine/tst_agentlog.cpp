@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "engine/agentlog.h"
 #include "engine/session.h"
-#include "tests/engine/files.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
 #include <QFile>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "engine/displays.h"
 #include "engine/session.h"
-#include "tests/engine/files.h"
 #include "tests/engine/leftsocket.h"
 #include "tests/engine/reserveddisplays.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
 #include <QDir>

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
+#include "contract/sessionerror.h"
 #include "engine/launch.h"
 #include "engine/session.h"
-#include "engine/sessionerror.h"
-#include "tests/engine/collectinglogger.h"
 #include "tests/engine/fakeprograms.h"
-#include "tests/engine/files.h"
 #include "tests/engine/reserveddisplays.h"
+#include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
 #include <QDir>

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "engine/sessionfiles.h"
-#include "tests/engine/files.h"
+#include "tests/helpers/files.h"
+#include "tests/helpers/fulldisk.h"
 #include "tests/testmain.h"
 
 #include <QDir>
@@ -52,34 +53,6 @@ private:
     const QString path = folder.filePath(u"value"_s);
     const QString untouched = u"untouched"_s;
 };
-
-namespace {
-
-/** While it lives, no file of this process can grow. */
-class FullDisk final
-{
-public:
-    FullDisk()
-        : previousHandler(std::signal(SIGXFSZ, SIG_IGN))
-    {
-        ::getrlimit(RLIMIT_FSIZE, &previousLimit);
-        const rlimit none = {0, previousLimit.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &none);
-    }
-    ~FullDisk()
-    {
-        ::setrlimit(RLIMIT_FSIZE, &previousLimit);
-        std::signal(SIGXFSZ, previousHandler);
-    }
-    FullDisk(const FullDisk &) = delete;
-    FullDisk &operator=(const FullDisk &) = delete;
-
-private:
-    void (*previousHandler)(int);
-    rlimit previousLimit = {};
-};
-
-} // namespace
 
 void TestSessionFiles::numberIsWrittenInDecimal_data()
 {

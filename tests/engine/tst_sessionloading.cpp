@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
+#include "contract/sessionerror.h"
 #include "engine/session.h"
-#include "engine/sessionerror.h"
 #include "engine/sessionloading.h"
-#include "tests/engine/collectinglogger.h"
-#include "tests/engine/files.h"
+#include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
 #include <QDir>

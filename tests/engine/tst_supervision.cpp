@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
+#include "contract/sessionerror.h"
 #include "engine/session.h"
-#include "engine/sessionerror.h"
 #include "engine/supervision.h"
 #include "tests/engine/agentprocess.h"
 #include "tests/engine/agentsocket.h"
-#include "tests/engine/collectinglogger.h"
-#include "tests/engine/files.h"
 #include "tests/engine/reserveddisplays.h"
+#include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
 #include <QDir>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "tests/engine/files.h"
+#include "tests/helpers/files.h"
 
 #include <atomic>
 #include <functional>

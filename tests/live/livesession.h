@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "contract/sessionid.h"
 #include "engine/session.h"
-#include "engine/sessionid.h"
 #include "tests/engine/agentprocess.h"
 #include "tests/engine/agentsocket.h"
-#include "tests/engine/files.h"
+#include "tests/helpers/files.h"
 
 #include <QDir>
 #include <QFileInfo>

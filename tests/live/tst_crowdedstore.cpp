@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "engine/sessionerror.h"
+#include "base/idletimer.h"
+#include "contract/sessionerror.h"
 #include "live/sessioninfo.h"
 #include "live/sessionstore.h"
-#include "server/idletimer.h"
-#include "tests/engine/collectinglogger.h"
 #include "tests/engine/reserveddisplays.h"
+#include "tests/helpers/collectinglogger.h"
 #include "tests/live/backgroundtask.h"
 #include "tests/live/livesession.h"
 #include "tests/testmain.h"

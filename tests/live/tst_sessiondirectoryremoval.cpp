@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "live/sessiondirectoryremoval.h"
 #include "tests/engine/agentsocket.h"
-#include "tests/engine/files.h"
+#include "tests/helpers/files.h"
 #include "tests/live/filesystemuser.h"
 #include "tests/testmain.h"
 

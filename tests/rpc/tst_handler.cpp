@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include "base/idletimer.h"
 #include "rpc/handler.h"
 #include "rpc/netstring.h"
-#include "server/idletimer.h"
-#include "tests/engine/collectinglogger.h"
+#include "tests/helpers/collectinglogger.h"
 #include "tests/rpc/fakedevice.h"
 #include "tests/rpc/fakemethods.h"
 #include "tests/testmain.h"

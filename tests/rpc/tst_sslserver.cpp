@@ -3,9 +3,9 @@
 #include "rpc/handler.h"
 #include "rpc/netstring.h"
 #include "rpc/sslserver.h"
-#include "tests/engine/collectinglogger.h"
+#include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/testidentity.h"
 #include "tests/rpc/fakemethods.h"
-#include "tests/rpc/testidentity.h"
 #include "tests/testmain.h"
 
 #include <QCoreApplication>

@@ -2,8 +2,8 @@
 #include "server/certificates.h"
 #include "support/credentials.h"
 #include "support/programrunner.h"
-#include "tests/engine/files.h"
-#include "tests/support/environmentvariable.h"
+#include "tests/helpers/environmentvariable.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
 #include <QDateTime>

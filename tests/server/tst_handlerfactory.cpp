@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
+#include "base/idletimer.h"
 #include "live/sessionstore.h"
 #include "rpc/handler.h"
 #include "server/handlerfactory.h"
-#include "server/idletimer.h"
 #include "support/json.h"
-#include "tests/engine/collectinglogger.h"
+#include "tests/helpers/collectinglogger.h"
 #include "tests/rpc/fakedevice.h"
 #include "tests/testmain.h"
 #include "workers/sessionupdater.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "tests/engine/files.h"
-#include "tests/server/otherprocess.h"
+#include "tests/helpers/files.h"
+#include "tests/helpers/otherprocess.h"
 #include "tests/testmain.h"
 
 #include <QDir>

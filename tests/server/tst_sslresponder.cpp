@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: MIT
+#include "base/idletimer.h"
 #include "live/sessionstore.h"
 #include "rpc/clientsocket.h"
 #include "rpc/handler.h"
 #include "rpc/sslserver.h"
 #include "server/handlerfactory.h"
-#include "server/idletimer.h"
 #include "server/sslresponder.h"
-#include "tests/engine/collectinglogger.h"
+#include "tests/helpers/collectinglogger.h"
 #include "tests/testmain.h"
 #include "workers/sessionupdater.h"
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "server/startupfailure.h"
-#include "tests/engine/files.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
 #include <QDateTime>

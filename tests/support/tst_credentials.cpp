@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "support/credentials.h"
 #include "support/programrunner.h"
-#include "tests/engine/files.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
 #include <QDateTime>

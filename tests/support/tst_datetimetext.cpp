@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "support/datetimetext.h"
-#include "tests/support/environmentvariable.h"
+#include "tests/helpers/environmentvariable.h"
 #include "tests/testmain.h"
 
 #include <QLocale>

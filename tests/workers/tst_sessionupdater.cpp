@@ -3,9 +3,9 @@
 #include "live/sessionstore.h"
 #include "tests/engine/agentprocess.h"
 #include "tests/engine/agentsocket.h"
-#include "tests/engine/collectinglogger.h"
-#include "tests/engine/files.h"
 #include "tests/engine/reserveddisplays.h"
+#include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 #include "workers/sessionupdater.h"
 

@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: MIT
+#include "agent/display/xserver.h"
+
+#include "agent/applications/childwatcher.h"
+#include "agent/applications/sessionenvironment.h"
+#include "agent/applications/spawn.h"
+#include "agent/display/authorityfile.h"
+#include "agent/display/backendhandshake.h"
+#include "agent/display/xserverfiles.h"
+#include "support/localendpoint.h"
+
+#include <QFile>
+#include <QLocalSocket>
+#include <QSocketNotifier>
+#include <QStandardPaths>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kProgram = "Xtigervnc"_L1;
+
+constexpr auto kProbeInterval = 3ms;
+// Shorter than anybody waits for a session to start, so that they hear the reason.
+constexpr auto kReadyDeadline = 10s;
+constexpr auto kEndDeadline = 5s;
+
+constexpr qsizetype kMaxLines = 20;
+constexpr qsizetype kMaxLineLength = 200;
+constexpr qsizetype kMaxTitleLength = 100;
+
+QList<QByteArray> serverArguments(const QByteArray &program, const XServerSettings &settings)
+{
+    const QString size = u"%1x%2"_s.arg(settings.size.width()).arg(settings.size.height());
+    // clang-format off
+    return {
+        program, ":" + QByteArray::number(settings.display),
+        "-geometry", size.toLatin1(),
+        "-depth", "24",
+        // The descriptor that the process inherits: with the file of the session directory, removing that file would
+        // open the display to every user of the machine.
+        "-auth", "/proc/self/fd/3",
+        "-desktop", settings.title.left(kMaxTitleLength).toUtf8(),
+        // Served to us alone. We have asked for the password already, and count the clients.
+        "-rfbport", "-1",
+        "-rfbunixpath", QFile::encodeName(settings.rfbSocket),
+        "-rfbunixmode", "0600",
+        "-SecurityTypes", "None",
+        "-UseBlacklist=0",
+        "-AlwaysShared",
+        // Of the local names it takes both, the file and the abstract one. Clients try the abstract one first: left
+        // free, any user of the machine could take it, and would be sent the cookie by every application.
+        "-nolisten", "tcp",
+        "-noreset",
+        "-Log", "*:stderr:30",
+    };
+    // clang-format on
+}
+
+} // namespace
+
+XServer::XServer(ChildWatcher *watcher, QObject *parent)
+    : QObject(parent)
+{
+    connect(watcher, &ChildWatcher::ended, this, &XServer::Watcher_ended);
+    connect(&probeTimer, &QTimer::timeout, this, &XServer::probe);
+    connect(&deadline, &QTimer::timeout, this, &XServer::Deadline_timeout);
+    connect(&killTimer, &QTimer::timeout, this, [this] {
+        if (isRunning()) {
+            ::kill(process, SIGKILL);
+        }
+    });
+    probeTimer.setInterval(kProbeInterval);
+    deadline.setInterval(kReadyDeadline);
+    deadline.setSingleShot(true);
+    killTimer.setInterval(kEndDeadline);
+    killTimer.setSingleShot(true);
+}
+
+XServer::~XServer()
+{
+    if (isRunning()) {
+        ::kill(process, SIGTERM);
+    }
+    dropProbe();
+    outputNotifier.reset();
+    if (output != -1) {
+        ::close(output);
+    }
+}
+
+bool XServer::start(const XServerSettings &settings_, QString *error)
+{
+    Q_ASSERT(!isRunning());
+    const QByteArray program = QFile::encodeName(QStandardPaths::findExecutable(kProgram));
+    if (program.isEmpty()) {
+        *error = u"The program \"%1\" is not installed, or not on the search path"_s.arg(kProgram);
+        return false;
+    }
+    settings = settings_;
+    // One that a dead server left behind would be taken for the new one's.
+    ::unlink(QFile::encodeName(settings.rfbSocket).constData());
+
+    const int authority = sealedAuthority(settings.authorityEntries, error);
+    if (authority == -1) {
+        return false;
+    }
+    std::array<int, 2> pipeEnds = {};
+    if (::pipe2(pipeEnds.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
+        *error = u"Failed to create a pipe: %1"_s.arg(qt_error_string(errno));
+        ::close(authority);
+        return false;
+    }
+    SpawnRequest request;
+    request.program = program;
+    request.arguments = serverArguments(program, settings);
+    request.environment = currentEnvironment();
+    request.output = pipeEnds[1];
+    request.inheritedAsThree = authority;
+    const pid_t started = spawnProcess(request, error);
+    ::close(pipeEnds[1]);
+    ::close(authority);
+    if (started == -1) {
+        ::close(pipeEnds[0]);
+        return false;
+    }
+    process = started;
+    output = pipeEnds[0];
+    outputNotifier = std::make_unique<QSocketNotifier>(output, QSocketNotifier::Read);
+    connect(outputNotifier.get(), &QSocketNotifier::activated, this, &XServer::Output_activated);
+    probeTimer.start();
+    deadline.start();
+    return true;
+}
+
+void XServer::stop()
+{
+    if (!isRunning()) {
+        return;
+    }
+    probeTimer.stop();
+    deadline.stop();
+    ::kill(process, SIGTERM);
+    killTimer.start();
+}
+
+void XServer::probe()
+{
+    if (probeSocket) {
+        return; // connected, and waiting for the first words
+    }
+    const int descriptor = connectLocalSocket(settings.rfbSocket);
+    if (descriptor == -1) {
+        return; // not yet
+    }
+    probeSocket = std::make_unique<QLocalSocket>();
+    connect(probeSocket.get(), &QLocalSocket::readyRead, this, &XServer::Probe_readyRead);
+    connect(probeSocket.get(), &QLocalSocket::disconnected, this, &XServer::dropProbe);
+    probeSocket->setSocketDescriptor(descriptor);
+}
+
+void XServer::Probe_readyRead()
+{
+    if (!probeTimer.isActive() || probeSocket->bytesAvailable() < kBackendGreetingBytes) {
+        return;
+    }
+    const bool isExpected = probeSocket->read(kBackendGreetingBytes) == kBackendGreeting;
+    dropProbe();
+    if (!isExpected) {
+        return; // asked again until the deadline
+    }
+    probeTimer.stop();
+    deadline.stop();
+    emit ready();
+}
+
+void XServer::dropProbe()
+{
+    if (probeSocket) {
+        probeSocket->disconnect(this);
+        probeSocket.release()->deleteLater(); // we may be in its signal
+    }
+}
+
+void XServer::Deadline_timeout()
+{
+    probeTimer.stop();
+    isTooLate = true;
+    ::kill(process, SIGKILL);
+}
+
+void XServer::Watcher_ended(pid_t pid, int status)
+{
+    if (!isRunning() || pid != process) {
+        return;
+    }
+    Output_activated(); // its last words
+    removeXServerFiles(settings.display, pid);
+    process = 0;
+    probeTimer.stop();
+    deadline.stop();
+    killTimer.stop();
+    const QString how = exitStatusText(status);
+    emit ended(isTooLate ? u"it did not serve its screen within 10 seconds"_s : how);
+}
+
+void XServer::Output_activated()
+{
+    if (!outputNotifier) {
+        return;
+    }
+    constexpr int kMaxReads = 16; // a process that never stops talking does not keep us from the rest
+    std::array<char, 4096> buffer = {};
+    for (int i = 0; i < kMaxReads; ++i) {
+        const ssize_t length = ::read(output, buffer.data(), buffer.size());
+        if (length == 0) {
+            outputNotifier->setEnabled(false);
+        }
+        if (length <= 0) {
+            return;
+        }
+        addOutput(QByteArray(buffer.data(), length));
+    }
+}
+
+void XServer::addOutput(const QByteArray &bytes)
+{
+    unfinishedLine += bytes;
+    for (qsizetype end = unfinishedLine.indexOf('\n'); end != -1; end = unfinishedLine.indexOf('\n')) {
+        const QByteArray line = unfinishedLine.first(end).trimmed();
+        unfinishedLine.remove(0, end + 1);
+        if (!line.isEmpty()) {
+            lines.append(QString::fromUtf8(line.left(kMaxLineLength)));
+        }
+        if (lines.size() > kMaxLines) {
+            lines.removeFirst();
+        }
+    }
+    if (unfinishedLine.size() > kMaxLineLength) {
+        unfinishedLine.truncate(kMaxLineLength);
+    }
+}

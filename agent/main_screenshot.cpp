@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: MIT
+#include "agent/display/xcookie.h"
+#include "agent/display/xpicture.h"
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#include <png.h>
+
+/*
+ * take-screenshot NUMBER AUTHORITY FILE: a picture of display NUMBER as a PNG file. A program of its own, because
+ * the X library waits without end for a server that does not answer, and a child can be killed.
+ */
+
+namespace {
+
+/** An authority file of one session holds two entries; this is for a file that is something else. */
+constexpr std::streamsize kMaxAuthorityBytes = 65536;
+
+int complain(const std::string &text)
+{
+    std::fprintf(stderr, "%s\n", text.c_str());
+    return 1;
+}
+
+std::string readStart(const char *path)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::string text(kMaxAuthorityBytes, '\0');
+    file.read(text.data(), kMaxAuthorityBytes);
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    return text;
+}
+
+bool writePng(const Picture &picture, const char *path, std::string *error)
+{
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = picture.width;
+    image.height = picture.height;
+    image.format = PNG_FORMAT_RGB;
+    image.flags = PNG_IMAGE_FLAG_FAST;
+    if (png_image_write_to_file(&image, path, 0, picture.pixels.data(), 0, nullptr) == 0) {
+        *error = std::string("Failed to write to the file \"") + path + "\": " + image.message;
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc != 4) {
+        return complain("usage: take-screenshot NUMBER AUTHORITY FILE");
+    }
+    const std::optional<std::string> cookie = findXCookie(readStart(argv[2]), argv[1]);
+    if (!cookie) {
+        return complain(std::string("There is no cookie for display ") + argv[1] + " in \"" + argv[2] + '"');
+    }
+    Picture picture;
+    std::string error;
+    if (!takePicture(std::string(":") + argv[1], *cookie, &picture, &error) || !writePng(picture, argv[3], &error)) {
+        return complain(error);
+    }
+    return 0;
+}

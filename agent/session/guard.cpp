@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: MIT
+#include "agent/session/guard.h"
+
+#include "agent/applications/processtree.h"
+#include "agent/display/xserverfiles.h"
+#include "support/localendpoint.h"
+
+#include <QFile>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kPolite = 3s; ///< between SIGTERM and SIGKILL
+constexpr auto kForced = 5s; ///< for SIGKILL to take effect, which on a busy machine it does with the next turn
+constexpr auto kPollInterval = 20ms;
+
+// By its own name, it is not met by who ends all agents by theirs.
+constexpr char kProcessName[] = "session-guard";
+
+constexpr std::array kGuardedSignals = {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGUSR2};
+
+sigset_t guardedSignals()
+{
+    sigset_t set;
+    ::sigemptyset(&set);
+    for (const int number : kGuardedSignals) {
+        ::sigaddset(&set, number);
+    }
+    return set;
+}
+
+// Whoever started us may have had signals blocked or ignored; with SIGTERM blocked we could not be ended, and with
+// SIGCHLD ignored the exit codes would be thrown away.
+void holdSignals()
+{
+    for (const int number : kGuardedSignals) {
+        ::signal(number, SIG_DFL);
+    }
+    const sigset_t set = guardedSignals();
+    ::pthread_sigmask(SIG_SETMASK, &set, nullptr);
+}
+
+AgentHoldings lastHoldings(int link)
+{
+    AgentHoldings last;
+    AgentHoldings next;
+    while (::recv(link, &next, sizeof next, MSG_DONTWAIT) == ssize_t{sizeof next}) {
+        last = next;
+    }
+    return last;
+}
+
+// @return the status, in the form of waitpid()
+int waitForAgent(pid_t agent)
+{
+    const sigset_t set = guardedSignals();
+    int status = 0;
+    while (::waitpid(agent, &status, WNOHANG) == 0) {
+        const int number = ::sigwaitinfo(&set, nullptr);
+        if (number > 0 && number != SIGCHLD) {
+            ::kill(agent, number);
+        }
+    }
+    return status;
+}
+
+// Orphans of the agent are our children. Looked at before they are reaped, for until then nobody else gets their
+// number.
+// @return whether there are any left
+bool reapOrphans(const AgentHoldings &holdings)
+{
+    siginfo_t ended = {};
+    while (::waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == 0) {
+        if (ended.si_pid == 0) {
+            return true;
+        }
+        if (ended.si_pid == holdings.server) {
+            removeXServerFiles(static_cast<quint16>(holdings.display), holdings.server);
+        }
+        ::waitpid(ended.si_pid, nullptr, WNOHANG);
+        ended = {};
+    }
+    return false;
+}
+
+void waitForNextLook()
+{
+    const sigset_t set = guardedSignals();
+    constexpr timespec kInterval = {0, std::chrono::nanoseconds(kPollInterval).count()};
+    ::sigtimedwait(&set, nullptr, &kInterval);
+}
+
+// @return whether all orphans have ended in time
+bool awaitOrphans(const AgentHoldings &holdings, Clock::duration limit)
+{
+    const Clock::time_point begin = Clock::now();
+    while (reapOrphans(holdings)) {
+        if (Clock::now() - begin > limit) {
+            return false;
+        }
+        waitForNextLook();
+    }
+    return true;
+}
+
+void endOrphans(const AgentHoldings &holdings)
+{
+    if (!reapOrphans(holdings)) {
+        return;
+    }
+    signalAll(liveDescendants(::getpid(), 0), SIGTERM);
+    if (awaitOrphans(holdings, kPolite)) {
+        return;
+    }
+    // Again and again, for they may go on starting others; and once in any case, however long the machine stood still.
+    const Clock::time_point begin = Clock::now();
+    do {
+        signalAll(liveDescendants(::getpid(), 0), SIGKILL);
+        waitForNextLook();
+    } while (reapOrphans(holdings) && Clock::now() - begin <= kForced);
+}
+
+void removeDeadSockets(quint16 display)
+{
+    QString error; // the path is taken by somebody else: not ours to remove
+    for (const QString &path :
+         {agentSocketPath(display), AgentFile::applicationSocket(display), AgentFile::rfbSocket(display)}) {
+        [[maybe_unused]] const bool removed = removeDeadSocket(path, &error);
+    }
+}
+
+} // namespace
+
+bool forkAgent(pid_t *agent, int *link, QString *error)
+{
+    std::array<int, 2> ends = {};
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        *error = u"Failed to create a socket pair: %1"_s.arg(qt_error_string(errno));
+        return false;
+    }
+    if (!becomeSubreaper(error)) { // does not pass on to the child
+        return false;
+    }
+    holdSignals();
+    const pid_t child = ::fork();
+    if (child == -1) {
+        *error = u"Failed to start a process: %1"_s.arg(qt_error_string(errno));
+        return false;
+    }
+    const bool isGuard = child != 0;
+    ::close(ends[isGuard ? 1 : 0]);
+    *link = ends[isGuard ? 0 : 1];
+    *agent = child;
+    return true;
+}
+
+AgentExitCode guardAgent(pid_t agent, int link)
+{
+    ::prctl(PR_SET_NAME, kProcessName);
+    const int status = waitForAgent(agent);
+    const AgentHoldings holdings = lastHoldings(link);
+    endOrphans(holdings);
+    if (holdings.display != -1) {
+        removeDeadSockets(static_cast<quint16>(holdings.display));
+        QFile::remove(AgentFile::kWindowManagerSettings);
+    }
+    return WIFEXITED(status) ? static_cast<AgentExitCode>(WEXITSTATUS(status)) : AgentExitCode::AgentDied;
+}

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: MIT
+#include "agent/session/sessionstate.h"
+
+#include "agent/session/sessionlog.h"
+#include "support/datetimetext.h"
+#include "support/json.h"
+
+#include <utility>
+
+namespace {
+
+void setDate(Json::Value *object, const char *name, const QDateTime &time)
+{
+    if (time.isValid()) {
+        (*object)[name] = jsonString(dateTimeToText(time));
+    }
+}
+
+// Dates travel to the second.
+QDateTime wholeSecond(const QDateTime &time)
+{
+    return time.addMSecs(-time.time().msec());
+}
+
+} // namespace
+
+SessionState::SessionState(SessionLog *log_, Clock clock_)
+    : log(log_)
+    , clock(std::move(clock_))
+{
+}
+
+void SessionState::setReady()
+{
+    started = wholeSecond(clock());
+    log->ready(started);
+}
+
+void SessionState::offerPassword()
+{
+    const PasswordStore::Added added = openPasswords.add();
+    if (!added.expired.isEmpty()) {
+        log->passwordExpired(QString::fromLatin1(added.expired));
+    }
+    log->passwordAdded(QString::fromLatin1(added.password));
+}
+
+void SessionState::expirePasswords()
+{
+    for (const QByteArray &password : openPasswords.takeAll()) {
+        log->passwordExpired(QString::fromLatin1(password));
+    }
+}
+
+void SessionState::clientAuthenticated(const QString &address, const QByteArray &password)
+{
+    lastConnect = timeAfter(lastConnect);
+    ++clients;
+    log->clientAuthenticated(address, lastConnect, QString::fromLatin1(password));
+}
+
+void SessionState::clientsDisconnected(const QStringList &addresses)
+{
+    if (addresses.isEmpty()) {
+        return;
+    }
+    lastDisconnect = timeAfter(lastDisconnect);
+    for (const QString &address : addresses) {
+        --clients;
+        log->clientDisconnected(address, lastDisconnect);
+    }
+}
+
+void SessionState::setScreenSize(const QSize &size)
+{
+    if (size == screenSize) {
+        return;
+    }
+    screenSize = size;
+    log->screenResized(size);
+}
+
+QByteArray SessionState::toJson() const
+{
+    Json::Value object(Json::objectValue);
+    setDate(&object, "Started", started);
+    setDate(&object, "LastConnect", lastConnect);
+    setDate(&object, "LastDisconnect", lastDisconnect);
+    if (screenSize.isValid()) {
+        object["ScreenWidth"] = screenSize.width();
+        object["ScreenHeight"] = screenSize.height();
+    }
+    object["Clients"] = clients;
+    Json::Value list(Json::arrayValue);
+    for (const QByteArray &password : openPasswords.all()) {
+        list.append(jsonString(QString::fromLatin1(password)));
+    }
+    object["Passwords"] = list;
+    return writeJson(object);
+}
+
+// The session server notices that a client came or left by the date alone, which is precise to the second: a second
+// event within the same second must still have a date of its own, or the server waits for it in vain.
+QDateTime SessionState::timeAfter(const QDateTime &previous) const
+{
+    constexpr qint64 kLargestLeadSeconds = 60; // further ahead than that, the clock was set back: follow it
+    const QDateTime now = wholeSecond(clock());
+    const bool isTaken = previous.isValid() && now <= previous && now.secsTo(previous) < kLargestLeadSeconds;
+    return isTaken ? previous.addSecs(1) : now;
+}

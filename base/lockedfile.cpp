@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: MIT
+#include "base/lockedfile.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+
+namespace {
+
+void setLock(int descriptor, short type)
+{
+    struct flock region = {}; // from the start to wherever the file ends
+    region.l_type = type;
+    region.l_whence = SEEK_SET;
+    while (::fcntl(descriptor, F_SETLKW, &region) == -1 && errno == EINTR) {
+    }
+}
+
+} // namespace
+
+void LockedFile::lockForWriting()
+{
+    if (isOpen()) {
+        setLock(handle(), F_WRLCK);
+    }
+}
+
+void LockedFile::unlock()
+{
+    if (isOpen()) {
+        setLock(handle(), F_UNLCK);
+    }
+}

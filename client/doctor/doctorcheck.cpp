@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: MIT
+#include "client/doctor/doctorcheck.h"
+
+using namespace Qt::StringLiterals;
+
+QString levelName(Finding::Level level)
+{
+    switch (level) {
+    case Finding::Level::Ok:
+        return u"OK"_s;
+    case Finding::Level::Warn:
+        return u"WARN"_s;
+    case Finding::Level::Fail:
+        return u"FAIL"_s;
+    }
+    return {};
+}
+
+Finding fine(const QString &text)
+{
+    return {Finding::Level::Ok, text, {}};
+}
+
+Finding warning(const QString &text, const QString &remedy)
+{
+    return {Finding::Level::Warn, text, remedy};
+}
+
+Finding failed(const QString &text, const QString &remedy)
+{
+    return {Finding::Level::Fail, text, remedy};
+}
+
+QList<DoctorCheck> doctorChecks()
+{
+    return {
+        {"user path", checkUserPath},   {"settings", checkSettings},          {"certificate", checkCertificate},
+        {"server", checkServerProcess}, {"programs", checkPrograms},          {"viewer", checkViewer},
+        {"displays", checkDisplays},    {"X sockets", checkSocketDirectory},  {"ports", checkPortRange},
+        {"logout", checkLogout},        {"broadcast", checkBroadcastAddress},
+    };
+}

@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: MIT
+#include "client/doctor/doctorcheck.h"
+
+#include <QFileInfo>
+#include <QHostAddress>
+
+#include <algorithm>
+#include <array>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr std::array kLevels = {"Critical"_L1, "Warning"_L1, "Info"_L1, "Debug1"_L1, "Debug2"_L1, "Debug3"_L1};
+
+constexpr std::array kKeys = {"UserPath"_L1,     "LogLevel"_L1,      "DisplayBase"_L1,
+                              "DisplayLimit"_L1, "SciUrl"_L1,        "SuspendTimeout"_L1,
+                              "ListenPort"_L1,   "BroadcastPort"_L1, "BroadcastAddress"_L1};
+
+constexpr int kHighestDisplay = 65535 - 41000;
+
+class SettingsInspection
+{
+public:
+    explicit SettingsInspection(const DoctorInput &input_)
+        : input(input_)
+    {
+    }
+
+    QList<Finding> run()
+    {
+        fileItself();
+        unknownKeys();
+        number16("DisplayBase"_L1, input.settings.displayBase);
+        number16("DisplayLimit"_L1, input.settings.displayLimit);
+        number16("ListenPort"_L1, input.settings.listenPort);
+        number16("BroadcastPort"_L1, input.settings.broadcastPort);
+        suspendTimeout();
+        logLevel();
+        displayRange();
+        if (findings.isEmpty()) {
+            findings.append(fine(input.rawSettings.isEmpty() ? u"All have their defaults"_s
+                                                             : u"\"%1\" makes sense"_s.arg(input.settingsPath)));
+        }
+        return findings;
+    }
+
+private:
+    void add(const QString &text) { findings.append(warning(text, u"Correct it in \"%1\""_s.arg(input.settingsPath))); }
+
+    void fileItself()
+    {
+        const QFileInfo file(input.settingsPath);
+        if (file.exists() && (!file.isFile() || !file.isReadable() || input.settingsStatus == QSettings::AccessError)) {
+            findings.append(failed(u"\"%1\" cannot be read: all have their defaults"_s.arg(input.settingsPath),
+                                   u"Make it a file that you can read"_s));
+        } else if (input.settingsStatus == QSettings::FormatError) {
+            add(u"\"%1\" is broken: what makes no sense is ignored"_s.arg(input.settingsPath));
+        }
+    }
+
+    void unknownKeys()
+    {
+        for (const QString &key : input.rawSettings.keys()) {
+            if (std::find(kKeys.begin(), kKeys.end(), key) == kKeys.end()) {
+                add(u"There is no setting %1; it is ignored"_s.arg(key));
+            }
+        }
+    }
+
+    void number16(QLatin1StringView key, quint16 effective)
+    {
+        const QString text = input.rawSettings.value(key).toString();
+        if (input.rawSettings.contains(key) && text != QString::number(effective)) {
+            add(u"%1 is \"%2\", which becomes %3"_s.arg(key, text, QString::number(effective)));
+        }
+    }
+
+    void suspendTimeout()
+    {
+        const QString text = input.rawSettings.value(u"SuspendTimeout"_s).toString();
+        const int effective = input.settings.suspendTimeout;
+        if (!input.rawSettings.contains(u"SuspendTimeout"_s)) {
+            return;
+        }
+        if (text != QString::number(effective)) {
+            add(u"SuspendTimeout is \"%1\", which becomes %2"_s.arg(text, QString::number(effective)));
+        }
+        if (effective == 0) {
+            add(u"SuspendTimeout is 0: sessions end as soon as nobody is connected"_s);
+        }
+    }
+
+    void logLevel()
+    {
+        const QString level = input.settings.logLevel;
+        if (!level.isEmpty() && std::find(kLevels.begin(), kLevels.end(), level) == kLevels.end()) {
+            add(u"LogLevel is \"%1\", which becomes Info"_s.arg(level));
+        }
+    }
+
+    void displayRange()
+    {
+        const int end = input.settings.displayBase + input.settings.displayLimit;
+        if (input.settings.displayLimit == 0) {
+            findings.append(failed(u"DisplayLimit is 0: there is no display for a session"_s,
+                                   u"Correct it in \"%1\""_s.arg(input.settingsPath)));
+        } else if (end - 1 > kHighestDisplay) {
+            add(u"Displays go up to %1, but only those up to %2 have a port"_s.arg(end - 1).arg(kHighestDisplay));
+        }
+    }
+
+    const DoctorInput &input;
+    QList<Finding> findings;
+};
+
+} // namespace
+
+QList<Finding> checkSettings(const DoctorInput &input)
+{
+    return SettingsInspection(input).run();
+}
+
+QList<Finding> checkBroadcastAddress(const DoctorInput &input)
+{
+    const QString text = input.settings.broadcastAddress;
+    if (QHostAddress address; !address.setAddress(text)) {
+        return {failed(u"BroadcastAddress \"%1\" is no address: the server does not start"_s.arg(text),
+                       u"Correct it in \"%1\""_s.arg(input.settingsPath))};
+    }
+    if (input.settings.broadcastPort == 0) {
+        return {fine(u"Off: this server looks for no others"_s)};
+    }
+    return {fine(
+        u"Other servers are looked for at %1, port %2"_s.arg(text, QString::number(input.settings.broadcastPort)))};
+}

@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: MIT
+#include "client/doctor/doctorcheck.h"
+#include "client/reach/viewer.h"
+#include "client/server/portprobe.h"
+#include "client/server/serverlauncher.h"
+#include "client/server/serverprocess.h"
+#include "support/filereader.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QStandardPaths>
+
+#include <algorithm>
+
+#include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kFirstXPort = 6000;
+constexpr int kFirstAgentPort = 41000;
+constexpr int kMaxFileBytes = 65536;
+
+/** Looking at each of thousands would take long and tell no more. */
+constexpr int kMaxDisplaysTried = 1000;
+
+QString find(const QString &program, const DoctorInput &input)
+{
+    return QStandardPaths::findExecutable(program, input.searchPath.split(u':', Qt::SkipEmptyParts));
+}
+
+QString contents(const QString &path)
+{
+    QByteArray text;
+    QString ignored;
+    return readFile(path, kMaxFileBytes, &text, &ignored) ? QString::fromUtf8(text) : QString();
+}
+
+bool isPortFree(int port)
+{
+    QString ignored;
+    return port <= 65535 && canListenOn(static_cast<quint16>(port), &ignored);
+}
+
+bool isDisplayFree(int number, const DoctorInput &input)
+{
+    return !QFile::exists(u"%1/.X%2-lock"_s.arg(input.temporaryPath, QString::number(number))) &&
+           !QFile::exists(u"%1/.X11-unix/X%2"_s.arg(input.temporaryPath, QString::number(number))) &&
+           isPortFree(kFirstXPort + number) && isPortFree(kFirstAgentPort + number);
+}
+
+struct PortRange
+{
+    int first;
+    int last;
+
+    [[nodiscard]] bool overlaps(const PortRange &other) const { return first <= other.last && other.first <= last; }
+    [[nodiscard]] bool contains(const PortRange &other) const { return first <= other.first && other.last <= last; }
+};
+
+/** The list with one more range, as the kernel reads it: a new list takes the place of the old one. */
+QString withRange(const QList<PortRange> &ranges, const PortRange &more)
+{
+    QStringList texts;
+    for (const PortRange &range : ranges + QList<PortRange>{more}) {
+        const QString first = QString::number(range.first);
+        texts.append(range.first == range.last ? first : first + u'-' + QString::number(range.last));
+    }
+    return texts.join(u',');
+}
+
+QList<PortRange> readRanges(const QString &text)
+{
+    static const QRegularExpression form(u"(\\d+)(?:[-\\s](\\d+))?"_s);
+    QList<PortRange> ranges;
+    for (const QRegularExpressionMatch &match : form.globalMatch(text)) {
+        const int first = match.captured(1).toInt();
+        ranges.append({first, match.captured(2).isEmpty() ? first : match.captured(2).toInt()});
+    }
+    return ranges;
+}
+
+Finding programFinding(const QString &program, const QString &need, const QString &remedy, const DoctorInput &input)
+{
+    const QString path = find(program, input);
+    return path.isEmpty() ? failed(u"%1, which %2, is not on the search path"_s.arg(program, need), remedy)
+                          : fine(u"%1 is \"%2\""_s.arg(program, path));
+}
+
+/** What a server that was not started by us may miss: it keeps the search path of its own start. */
+QList<Finding> missedByServer(const DoctorInput &input)
+{
+    const ServerSighting sighting = input.files.look();
+    if (sighting.trace != ServerTrace::Running) {
+        return {};
+    }
+    DoctorInput its = input;
+    its.searchPath = environmentOf(sighting.pid, u"PATH"_s).value_or(input.searchPath);
+    QList<Finding> findings;
+    for (const QString &program : {u"start-agent"_s, u"start-app"_s, u"xauth"_s}) {
+        if (find(program, its).isEmpty() && !find(program, input).isEmpty()) {
+            findings.append(
+                failed(u"The running server does not find %1: its search path is \"%2\""_s.arg(program, its.searchPath),
+                       u"zarvoctl server stop; zarvoctl server start"_s));
+        }
+    }
+    return findings;
+}
+
+} // namespace
+
+QList<Finding> checkPrograms(const DoctorInput &input)
+{
+    QList<Finding> findings;
+    if (const QString server = serverProgramPath(); server.isEmpty()) {
+        findings.append(failed(u"There is no zarvo_server"_s, u"Install it beside zarvoctl"_s));
+    } else {
+        findings.append(fine(u"zarvo_server is \"%1\""_s.arg(server)));
+    }
+    const QString install = u"Install the package %1"_s;
+    const QString agentRemedy = u"Install the bundled agent in \"%1\""_s.arg(bundledProgramsPath());
+    findings.append(programFinding(u"start-agent"_s, u"runs each session"_s, agentRemedy, input));
+    findings.append(programFinding(u"start-app"_s, u"starts the command of a session"_s, agentRemedy, input));
+    if (find(u"start-agent"_s, input).startsWith(bundledProgramsPath())) {
+        findings.append(programFinding(u"Xtigervnc"_s, u"the bundled agent needs"_s,
+                                       install.arg(u"tigervnc-standalone-server"_s), input));
+    }
+    findings.append(programFinding(u"xauth"_s, u"each start of a session needs"_s, install.arg(u"xauth"_s), input));
+    Finding openssl = programFinding(u"openssl"_s, u"makes the certificate"_s, install.arg(u"openssl"_s), input);
+    if (openssl.level == Finding::Level::Fail && QFile::exists(input.files.certificatePath())) {
+        openssl.level = Finding::Level::Warn; // not needed again until the certificate is
+    }
+    findings.append(openssl);
+    return findings + missedByServer(input);
+}
+
+QList<Finding> checkViewer(const DoctorInput &)
+{
+    Viewer viewer;
+    Failure failure;
+    if (!viewer.find(&failure)) {
+        return {warning(failure.text.chopped(1), u"zarvoctl connect --print works without"_s)};
+    }
+    return {fine(viewer.name())};
+}
+
+QList<Finding> checkDisplays(const DoctorInput &input)
+{
+    const int base = input.settings.displayBase;
+    const int tried = std::min<int>(input.settings.displayLimit, kMaxDisplaysTried);
+    int free = 0;
+    for (int number = base; number < base + tried; ++number) {
+        free += isDisplayFree(number, input) ? 1 : 0;
+    }
+    const QString text = u"%1 of %2 displays from :%3 on are free"_s.arg(free).arg(tried).arg(base);
+    if (free == 0) {
+        return {failed(text, u"End sessions, or set DisplayBase and DisplayLimit"_s)};
+    }
+    return {fine(text)};
+}
+
+QList<Finding> checkSocketDirectory(const DoctorInput &input)
+{
+    const QString path = input.temporaryPath + u"/.X11-unix"_s;
+    const QString remedy = u"As root: mkdir -p \"%1\" && chown root: \"%1\" && chmod 1777 \"%1\""_s.arg(path);
+    struct stat status = {};
+    if (::lstat(QFile::encodeName(path).constData(), &status) == -1) {
+        return {warning(u"There is no directory \"%1\"; the first X server makes it"_s.arg(path), remedy)};
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        return {failed(u"\"%1\" is no directory"_s.arg(path), remedy)};
+    }
+    if ((status.st_mode & 0777) != 0777) {
+        return {failed(u"\"%1\" is not open to all users"_s.arg(path), remedy)};
+    }
+    if ((status.st_mode & S_ISVTX) == 0 || status.st_uid != 0) {
+        return {warning(u"In \"%1\" others can replace the sockets of your displays"_s.arg(path), remedy)};
+    }
+    return {fine(u"\"%1\" is as it has to be"_s.arg(path))};
+}
+
+QList<Finding> checkPortRange(const DoctorInput &input)
+{
+    const PortRange agent = {kFirstAgentPort + input.settings.displayBase,
+                             kFirstAgentPort + input.settings.displayBase + input.settings.displayLimit - 1};
+    const QList<PortRange> ephemeral = readRanges(contents(input.networkPath + u"/ip_local_port_range"_s));
+    const QList<PortRange> reserved = readRanges(contents(input.networkPath + u"/ip_local_reserved_ports"_s));
+    const QString range = u"%1-%2"_s.arg(agent.first).arg(agent.last);
+    const bool isTaken =
+        std::any_of(ephemeral.begin(), ephemeral.end(), [&agent](const PortRange &r) { return r.overlaps(agent); });
+    const bool isReserved =
+        std::any_of(reserved.begin(), reserved.end(), [&agent](const PortRange &r) { return r.contains(agent); });
+    if (isTaken && !isReserved) {
+        return {warning(u"The kernel gives the ports %1 of the sessions to outgoing connections as well"_s.arg(range),
+                        u"As root: echo net.ipv4.ip_local_reserved_ports=%1 > /etc/sysctl.d/60-zarvo.conf && "
+                        "sysctl --system"_s.arg(withRange(reserved, agent)))};
+    }
+    return {fine(u"The ports %1 of the sessions are theirs"_s.arg(range))};
+}

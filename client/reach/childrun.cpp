@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: MIT
+#include "client/reach/childrun.h"
+
+#include "client/terminal/eventwait.h"
+
+#include <QProcess>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qsizetype kMaxOutputBytes = 1024 * 1024;
+
+/** A killed process is gone at once, unless the system itself is stuck. */
+constexpr int kKillMs = 2000;
+
+void keep(QByteArray *kept, const QByteArray &more)
+{
+    kept->append(more.first(std::min(more.size(), kMaxOutputBytes - kept->size())));
+}
+
+} // namespace
+
+bool ChildRun::run(const QStringList &command, std::chrono::milliseconds timeout)
+{
+    QProcess process;
+    EventWait wait([&process] { return process.state() == QProcess::NotRunning; });
+    QObject::connect(&process, &QProcess::stateChanged, wait.context(), [&wait] { wait.wake(); });
+    QObject::connect(&process, &QProcess::readyReadStandardOutput, wait.context(),
+                     [this, &process] { keep(&standardOutput, process.readAllStandardOutput()); });
+    QObject::connect(&process, &QProcess::readyReadStandardError, wait.context(),
+                     [this, &process] { keep(&standardError, process.readAllStandardError()); });
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.start(command.first(), command.sliced(1));
+    if (!wait.run(timeout)) {
+        late = true;
+        reason = u"\"%1\" did not end in time"_s.arg(command.first());
+        process.kill();
+        process.waitForFinished(kKillMs);
+        return false;
+    }
+    keep(&standardOutput, process.readAllStandardOutput());
+    keep(&standardError, process.readAllStandardError());
+    if (process.error() == QProcess::FailedToStart) {
+        reason = u"\"%1\" does not start"_s.arg(command.first());
+        return false;
+    }
+    if (process.exitStatus() == QProcess::CrashExit) {
+        reason = u"\"%1\" crashed"_s.arg(command.first());
+        return false;
+    }
+    code = process.exitCode();
+    return true;
+}

@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: MIT
+#include "client/reach/tunnel.h"
+
+#include <QHostAddress>
+
+#include <csignal>
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kEndMs = 2000;
+
+/** Runs in the child, between fork and exec. */
+void prepareChild(int connection)
+{
+    ::dup2(connection, STDIN_FILENO);
+    ::dup2(connection, STDOUT_FILENO);
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+}
+
+} // namespace
+
+Tunnel::Tunnel(const QStringList &command_, QObject *parent)
+    : QTcpServer(parent)
+    , command(command_)
+{
+    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.setStandardOutputFile(QProcess::nullDevice());
+}
+
+Tunnel::~Tunnel()
+{
+    if (process.state() != QProcess::NotRunning) {
+        process.terminate();
+        if (!process.waitForFinished(kEndMs)) {
+            process.kill();
+            process.waitForFinished(kEndMs);
+        }
+    }
+}
+
+bool Tunnel::open(QString *error)
+{
+    if (!listen(QHostAddress(QHostAddress::LocalHost))) {
+        *error = u"Failed to listen for the viewer: %1"_s.arg(errorString());
+        return false;
+    }
+    openPort = serverPort();
+    return true;
+}
+
+void Tunnel::incomingConnection(qintptr descriptor)
+{
+    close(); // one viewer, and nobody behind it
+    const int connection = static_cast<int>(descriptor);
+    process.setChildProcessModifier([connection] { prepareChild(connection); });
+    process.start(command.first(), command.sliced(1));
+    ::close(connection); // the viewer notices the end of the command
+}

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: MIT
+#include "client/sessions/logtail.h"
+
+#include <QFile>
+#include <QRegularExpression>
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qint64 kMaxTailBytes = 1024 * 1024;
+
+} // namespace
+
+bool readTail(const QString &path, int lines, QString *text, QString *error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = u"Failed to open the file \"%1\": %2"_s.arg(path, file.errorString());
+        return false;
+    }
+    const qint64 start = std::max<qint64>(0, file.size() - kMaxTailBytes);
+    const bool isSought = start == 0 || file.seek(start);
+    QByteArray bytes = file.read(kMaxTailBytes);
+    if (!isSought || file.error() != QFileDevice::NoError) {
+        *error = u"Failed to read from the file \"%1\": %2"_s.arg(path, file.errorString());
+        return false;
+    }
+    if (start > 0) {
+        bytes.remove(0, bytes.indexOf('\n') + 1); // the line that the cut went through
+    }
+    if (!bytes.isEmpty() && !bytes.endsWith('\n')) {
+        bytes.append('\n');
+    }
+    qsizetype begin = lines > 0 ? bytes.size() : 0;
+    for (int count = 0; begin > 0 && count < lines; ++count) {
+        // The line feed at the end of the line before this one; a position of -1 would mean the end of all.
+        begin = begin >= 2 ? bytes.lastIndexOf('\n', begin - 2) + 1 : 0;
+    }
+    *text = QString::fromUtf8(bytes.sliced(begin));
+    return true;
+}
+
+QString withoutPasswords(const QString &log)
+{
+    static const QRegularExpression passwords(
+        u"(?m)^((?:Added new|Expiring) password ).*$|( with password ')[^'\\n]*'"_s);
+    QString clean;
+    qsizetype position = 0;
+    for (const QRegularExpressionMatch &match : passwords.globalMatch(log)) {
+        clean += log.mid(position, match.capturedStart() - position);
+        clean += match.captured(1).isEmpty() ? match.captured(2) + u"********'"_s : match.captured(1) + u"********"_s;
+        position = match.capturedEnd();
+    }
+    return clean + log.mid(position);
+}

@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: MIT
+#include "client/sessions/offering.h"
+
+#include "client/terminal/progress.h"
+
+#include <utility>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QString wayOut(SessionState state)
+{
+    switch (state) {
+    case SessionState::Connected:
+        return u" A viewer is connected; \"zarvoctl suspend\" throws it out."_s;
+    case SessionState::Offered:
+        return u" A password is offered already; \"zarvoctl replay\" prints it."_s;
+    case SessionState::Suspended:
+        return u" No password is offered; \"zarvoctl resume\" makes one."_s;
+    case SessionState::Unknown:
+        break;
+    }
+    return {};
+}
+
+/** The state as it is now: viewers come and go between a listing and what is made of it. */
+SessionState stateNow(ClientContext &context, const QString &id)
+{
+    SessionList sessions;
+    Failure ignored;
+    if (context.listLocal(&sessions, &ignored)) {
+        for (const SessionEntry &session : std::as_const(sessions)) {
+            if (session.id == id) {
+                return session.state();
+            }
+        }
+    }
+    return SessionState::Unknown;
+}
+
+} // namespace
+
+bool requestOffer(ClientContext &context, const QString &method, const SessionEntry &session, ConnectionOffer *offer,
+                  Failure *failure)
+{
+    Json::Value answer;
+    const Progress progress(u"Asking for a password"_s);
+    if (!context.callWithId(method, session.id, &answer, failure)) {
+        if (failure->code == ExitCode::WrongState) {
+            failure->text += wayOut(stateNow(context, session.id));
+        }
+        return false;
+    }
+    ConnectionOffer made;
+    if (!made.readAnswer(answer)) {
+        return failAnswer(failure);
+    }
+    made.id = session.id;
+    made.host = localHostName();
+    *offer = made;
+    return true;
+}

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: MIT
+#include "client/sessions/sessiondirectories.h"
+
+#include "client/sessions/sessiontarget.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr auto kDirectoryPrefix = "C-"_L1;
+
+SessionList sessionsOnDisk(const ServerFiles &files)
+{
+    SessionList sessions;
+    const QStringList names = QDir(files.sessionsPath()).entryList({kDirectoryPrefix + u'*'}, QDir::Dirs);
+    for (const QString &name : names) {
+        SessionEntry entry;
+        entry.id = name.sliced(kDirectoryPrefix.size());
+        sessions.append(entry);
+    }
+    return sessions;
+}
+
+} // namespace
+
+bool findSessionDirectory(ClientContext &context, const QString &target, QString *directory, Failure *failure)
+{
+    SessionEntry session;
+    SessionList listed;
+    Failure noServer;
+    if (context.connectToServer(ServerConnector::Start::Forbidden, &noServer) &&
+        context.listLocal(&listed, &noServer)) {
+        if (findSession(listed, target, &session, failure)) {
+            *directory = context.files.sessionDirectory(session.id);
+            return true;
+        }
+        if (failure->code == ExitCode::Ambiguous) {
+            return false;
+        }
+    }
+    if (!findSession(sessionsOnDisk(context.files), target, &session, failure)) {
+        // That of another host is told from one that is nowhere.
+        const bool mayBeElsewhere = failure->code == ExitCode::NoSuchSession && context.client.isConnected();
+        if (!mayBeElsewhere || !context.findLocal(target, &session, failure)) {
+            return false;
+        }
+    }
+    *directory = context.files.sessionDirectory(session.id);
+    return true;
+}
+
+Failure fileFailure(const QString &directory, const Failure &failure)
+{
+    const bool isTold = !failure.text.isEmpty(); // who interrupts us is told nothing
+    const bool hasEnded = isTold && failure.code == ExitCode::SessionFailed && !QFileInfo(directory).isDir();
+    return hasEnded ? Failure{ExitCode::NoSuchSession, u"The session has ended."_s} : failure;
+}

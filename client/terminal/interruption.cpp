@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: MIT
+#include "client/terminal/interruption.h"
+
+#include "base/signalcatcher.h"
+
+#include <csignal>
+
+#include <unistd.h>
+
+namespace {
+
+Interruption *living = nullptr;
+
+bool isIgnored(int number)
+{
+    struct sigaction action = {};
+    return ::sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+} // namespace
+
+Interruption::Interruption(QObject *parent)
+    : QObject(parent)
+{
+    if (!createSignalPair(ends)) {
+        return; // signals end the program on the spot then
+    }
+    notifier = std::make_unique<QSocketNotifier>(ends[1], QSocketNotifier::Read);
+    connect(notifier.get(), &QSocketNotifier::activated, this, &Interruption::Notifier_activated);
+    living = this;
+    setSignalWriteEnd(ends[0]);
+    for (const int each : {SIGINT, SIGTERM, SIGHUP}) {
+        if (!isIgnored(each)) {
+            catchSignal(each);
+            caught.append(each);
+        }
+    }
+}
+
+Interruption::~Interruption()
+{
+    for (const int each : caught) {
+        std::signal(each, SIG_DFL);
+    }
+    setSignalWriteEnd(-1);
+    living = nullptr;
+    notifier.reset();
+    for (const int end : ends) {
+        if (end != -1) {
+            ::close(end);
+        }
+    }
+    if (number != 0) {
+        ::raise(number);
+    }
+}
+
+Interruption *Interruption::current()
+{
+    return living;
+}
+
+void Interruption::Notifier_activated()
+{
+    qint32 signalNumber = 0;
+    if (::read(ends[1], &signalNumber, sizeof signalNumber) == sizeof signalNumber) {
+        number = signalNumber;
+        emit came();
+    }
+}

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: MIT
+#include "client/verbs/doctorverb.h"
+
+#include "client/doctor/doctorcheck.h"
+#include "client/server/serverlauncher.h"
+#include "client/terminal/textwidth.h"
+#include "support/json.h"
+
+#include <QSettings>
+
+#include <pwd.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QVariantMap rawSettings(const QSettings &settings)
+{
+    QVariantMap values;
+    for (const QString &key : settings.allKeys()) {
+        values.insert(key, settings.value(key));
+    }
+    return values;
+}
+
+QString userName()
+{
+    const passwd *entry = ::getpwuid(::geteuid()); // NOLINT(concurrency-mt-unsafe): the program has one thread
+    return entry ? QString::fromLocal8Bit(entry->pw_name) : qEnvironmentVariable("USER");
+}
+
+QString colouredLevel(Finding::Level level)
+{
+    QString name = levelName(level).leftJustified(4);
+    if (!Console::useColour()) {
+        return name;
+    }
+    const char *colour = level == Finding::Level::Ok ? "32" : level == Finding::Level::Warn ? "33" : "31";
+    return u"\x1b[%1m%2\x1b[0m"_s.arg(QLatin1StringView(colour), name);
+}
+
+void print(Console &console, const char *title, const Finding &finding)
+{
+    const QString remedy = finding.remedy.isEmpty() ? QString() : u". Remedy: "_s + finding.remedy;
+    console.printLine(u"%1  %2  %3%4"_s.arg(colouredLevel(finding.level), padded(QString::fromLatin1(title), 11),
+                                            printable(finding.text), printable(remedy)));
+}
+
+Json::Value toJson(const char *title, const Finding &finding)
+{
+    Json::Value value(Json::objectValue);
+    value["check"] = title;
+    value["level"] = jsonString(levelName(finding.level));
+    value["text"] = jsonString(finding.text);
+    value["remedy"] = jsonString(finding.remedy);
+    return value;
+}
+
+} // namespace
+
+VerbText DoctorVerb::text() const
+{
+    return {.name = u"doctor"_s,
+            .arguments = {},
+            .summary = u"Look for what may be wrong, and say what to do about it."_s,
+            .description =
+                u"Looks at settings, files, programs and the system, and prints a line for each finding: OK, WARN or\n"
+                "FAIL with the remedy. Changes nothing and starts nothing. Exit code 1 when something failed."_s,
+            .examples = {u"zarvoctl doctor"_s}};
+}
+
+QList<QCommandLineOption> DoctorVerb::options() const
+{
+    return {jsonOption()};
+}
+
+ExitCode DoctorVerb::run(const QCommandLineParser &line, ClientContext &context)
+{
+    const QSettings settings;
+    const DoctorInput input{.settings = context.settings,
+                            .rawSettings = rawSettings(settings),
+                            .settingsPath = settings.fileName(),
+                            .settingsStatus = settings.status(),
+                            .files = context.files,
+                            .searchPath = serverSearchPath(),
+                            .userName = userName()};
+    const bool asJson = line.isSet(u"json"_s);
+    Json::Value all(Json::arrayValue);
+    ExitCode code = ExitCode::Done;
+    for (const DoctorCheck &check : doctorChecks()) {
+        for (const Finding &finding : check.run(input)) {
+            code = finding.level == Finding::Level::Fail ? ExitCode::Negative : code;
+            if (asJson) {
+                all.append(toJson(check.title, finding));
+            } else {
+                print(context.console, check.title, finding);
+            }
+        }
+    }
+    if (asJson) {
+        context.console.printJson(all);
+    }
+    return code;
+}

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: MIT
+#include "client/verbs/help.h"
+
+#include "client/terminal/exitcode.h"
+#include "client/verbs/verb.h"
+#include "client/verbs/verbtable.h"
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kOptionColumn = 24;
+
+QString optionLine(const QString &synopsis, const QString &description)
+{
+    return u"  %1 %2\n"_s.arg(synopsis.leftJustified(kOptionColumn - 1), description);
+}
+
+QString usageLine(const VerbText &text)
+{
+    const QString arguments = text.arguments.isEmpty() ? QString() : u' ' + text.arguments;
+    return u"Usage: zarvoctl %1 [OPTION]…%2\n"_s.arg(text.name, arguments);
+}
+
+} // namespace
+
+QString optionSynopsis(const QCommandLineOption &option)
+{
+    QStringList names;
+    for (const QString &name : option.names()) {
+        names.append((name.size() == 1 ? u"-"_s : u"--"_s) + name);
+    }
+    const QString value = option.valueName().isEmpty() ? QString() : u' ' + option.valueName();
+    return names.join(u", "_s) + value;
+}
+
+QString programHelp()
+{
+    QString text = u"Usage: zarvoctl VERB [OPTION]… [ARGUMENT]…\n\n"
+                   "Remote-desktop sessions on this host: start them, get in, get out, end them.\n\nVerbs:\n"_s;
+    for (const auto &verb : allVerbs()) {
+        const VerbText verbText = verb->text();
+        const QStringList names = QStringList(verbText.name) + verbText.aliases;
+        text += u"  %1 %2\n"_s.arg(names.join(u", "_s).leftJustified(13), verbText.summary);
+    }
+    text += u"\nOptions:\n"_s + optionLine(u"-h, --help"_s, u"Print this; after a verb: how to use it."_s) +
+            optionLine(u"--version"_s, u"Print the version of this program."_s);
+    text += u"\nSESSION is a whole id, or else the exact name or the beginning of an id, which only one session may\n"
+            "have; when there is only one session it may be left out.\n"_s;
+    text += u"\nExit codes:\n"_s + exitCodeHelp();
+    text += u"\nExample:\n  zarvoctl connect --new -- openbox-session\n"_s;
+    return text;
+}
+
+QString verbHelp(const Verb &verb)
+{
+    const VerbText text = verb.text();
+    QString help = usageLine(text) + u'\n' + text.description + u'\n';
+    if (!text.aliases.isEmpty()) {
+        help += u"\nAlso: zarvoctl "_s + text.aliases.join(u", zarvoctl "_s) + u'\n';
+    }
+    help += u"\nOptions:\n"_s;
+    for (const QCommandLineOption &option : verb.options()) {
+        help += optionLine(optionSynopsis(option), option.description());
+    }
+    help += optionLine(u"-h, --help"_s, u"Print this."_s);
+    help += text.examples.size() == 1 ? u"\nExample:\n"_s : u"\nExamples:\n"_s;
+    for (const QString &example : text.examples) {
+        help += u"  "_s + example + u'\n';
+    }
+    return help;
+}

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: MIT
+#include "client/verbs/listverb.h"
+
+#include "client/sessions/sessiontable.h"
+
+using namespace Qt::StringLiterals;
+
+VerbText ListVerb::text() const
+{
+    return {.name = u"list"_s,
+            .arguments = {},
+            .summary = u"List the sessions."_s,
+            .description = u"Lists the sessions of this host, and of the user's other hosts that the server knows."_s,
+            .examples = {u"zarvoctl list"_s, u"zarvoctl list --json | jq -r '.[].id'"_s},
+            .aliases = {u"ls"_s}};
+}
+
+QList<QCommandLineOption> ListVerb::options() const
+{
+    return {{u"local"_s, u"Only the sessions of this host."_s},
+            jsonOption(),
+            {u"plain"_s, u"Whole ids, fields separated by tabs, nothing cut: for scripts."_s},
+            {u"no-legend"_s, u"Leave out the line of titles."_s},
+            noStartOption()};
+}
+
+ExitCode ListVerb::run(const QCommandLineParser &line, ClientContext &context)
+{
+    Failure failure;
+    SessionList sessions;
+    if (!context.connectToServer(startMode(line), &failure) ||
+        !(line.isSet(u"local"_s) ? context.listLocal(&sessions, &failure) : context.listAll(&sessions, &failure))) {
+        return context.console.report(failure);
+    }
+    if (line.isSet(u"json"_s)) {
+        context.console.printJson(sessionListToJson(sessions));
+        return ExitCode::Done;
+    }
+    if (line.isSet(u"plain"_s)) {
+        context.console.print(plainSessionTable(sessions, localHostName()));
+        return ExitCode::Done;
+    }
+    if (sessions.isEmpty()) {
+        context.console.note(u"There are no sessions."_s);
+        return ExitCode::Done;
+    }
+    context.console.print(sessionTable(sessions, {.width = Console::outputWidth(),
+                                                  .legend = !line.isSet(u"no-legend"_s),
+                                                  .colour = Console::useColour(),
+                                                  .localHost = localHostName()}));
+    return ExitCode::Done;
+}

@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: MIT
+#include "client/verbs/logsverb.h"
+
+#include "client/sessions/logtail.h"
+#include "client/sessions/sessiondirectories.h"
+
+#include <QDir>
+
+using namespace Qt::StringLiterals;
+
+VerbText LogsVerb::text() const
+{
+    return {.name = u"logs"_s,
+            .arguments = u"[SESSION]"_s,
+            .summary = u"Print the log of a session's agent."_s,
+            .description =
+                u"Prints what a session's agent has logged, without the passwords, or with --app what its programs\n"
+                "have printed. Works for a session that has failed as well, by its id. Starts no server."_s,
+            .examples = {u"zarvoctl logs 3f2a"_s, u"zarvoctl logs --app --lines 0 3f2a"_s},
+            .maxArguments = 1};
+}
+
+QList<QCommandLineOption> LogsVerb::options() const
+{
+    return {linesOption(), {u"app"_s, u"The output of the programs instead."_s}};
+}
+
+ExitCode LogsVerb::run(const QCommandLineParser &line, ClientContext &context)
+{
+    Failure failure;
+    int lines = 0;
+    QString directory;
+    if (!linesValue(line, &lines, &failure) ||
+        !findSessionDirectory(context, firstArgument(line), &directory, &failure)) {
+        return context.console.report(failure);
+    }
+    QString text;
+    QString error;
+    const bool isApp = line.isSet(u"app"_s);
+    if (!readTail(QDir(directory).filePath(isApp ? u"app_log"_s : u"server_log"_s), lines, &text, &error)) {
+        return context.console.report(fileFailure(directory, {ExitCode::SessionFailed, error + u'.'}));
+    }
+    context.console.printForeign(isApp ? text : withoutPasswords(text));
+    return ExitCode::Done;
+}

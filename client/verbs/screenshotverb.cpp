@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: MIT
+#include "client/verbs/screenshotverb.h"
+
+#include "client/reach/childrun.h"
+#include "client/server/serverlauncher.h"
+#include "client/sessions/sessiondirectories.h"
+#include "client/terminal/interruption.h"
+#include "client/terminal/progress.h"
+#include "support/filereader.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <chrono>
+#include <cstdio>
+
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kTimeout = 20s;
+constexpr int kMaxNumberBytes = 16;
+
+bool readDisplay(const QString &directory, QString *display, Failure *failure)
+{
+    QByteArray text;
+    QString error;
+    if (!readFile(QDir(directory).filePath(u"display"_s), kMaxNumberBytes, &text, &error)) {
+        return fail(failure, ExitCode::SessionFailed, error + u'.');
+    }
+    bool isNumber = false;
+    const ushort number = text.trimmed().toUShort(&isNumber);
+    if (!isNumber) {
+        return fail(failure, ExitCode::SessionFailed, u"The session in \"%1\" has no display."_s.arg(directory));
+    }
+    *display = QString::number(number);
+    return true;
+}
+
+/** Takes the picture into a file beside the wanted one, so that this appears whole or not at all. */
+bool takeScreenshot(const QString &directory, const QString &path, Failure *failure)
+{
+    QString display;
+    if (!readDisplay(directory, &display, failure)) {
+        return false;
+    }
+    const QString part = u"%1.%2.part"_s.arg(path, QString::number(::getpid()));
+    const QString program = QDir(bundledProgramsPath()).filePath(u"take-screenshot"_s);
+    const Interruption interruption;
+    const Progress progress(u"Taking a picture"_s);
+    ChildRun child;
+    const bool ended = child.run({program, display, QDir(directory).filePath(u"authority"_s), part}, kTimeout);
+    if (ended && child.exitCode() == 0 &&
+        std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) == 0) {
+        return true;
+    }
+    QFile::remove(part);
+    if (interruption.hasCome()) {
+        return fail(failure, ExitCode::SessionFailed, {});
+    }
+    if (!ended) {
+        return fail(failure, child.timedOut() ? ExitCode::TimedOut : ExitCode::SessionFailed,
+                    u"There is no picture: %1."_s.arg(child.problem()));
+    }
+    const QString reason =
+        child.exitCode() == 0 ? u"Failed to write to the file \"%1\""_s.arg(path) : child.errorOutput().trimmed();
+    return fail(failure, ExitCode::SessionFailed, reason + u'.');
+}
+
+} // namespace
+
+VerbText ScreenshotVerb::text() const
+{
+    return {.name = u"screenshot"_s,
+            .arguments = u"SESSION FILE.png"_s,
+            .summary = u"Take a picture of a session as it looks now."_s,
+            .description = u"Writes the display of a session of this host, as it looks now, to a PNG file."_s,
+            .examples = {u"zarvoctl screenshot 3f2a now.png"_s},
+            .minArguments = 2,
+            .maxArguments = 2};
+}
+
+QList<QCommandLineOption> ScreenshotVerb::options() const
+{
+    return {noStartOption()};
+}
+
+ExitCode ScreenshotVerb::run(const QCommandLineParser &line, ClientContext &context)
+{
+    Failure failure;
+    SessionEntry session;
+    if (!context.connectToServer(startMode(line), &failure) ||
+        !context.findLocal(firstArgument(line), &session, &failure)) {
+        return context.console.report(failure);
+    }
+    const QString directory = context.files.sessionDirectory(session.id);
+    if (!takeScreenshot(directory, line.positionalArguments().at(1), &failure)) {
+        return context.console.report(fileFailure(directory, failure));
+    }
+    return ExitCode::Done;
+}

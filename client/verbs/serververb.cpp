@@ -1,0 +1,154 @@
+// SPDX-License-Identifier: MIT
+#include "client/verbs/serververb.h"
+
+#include "client/server/serverstop.h"
+#include "client/sessions/logtail.h"
+#include "client/terminal/textwidth.h"
+#include "support/json.h"
+
+#include <chrono>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+/** Requests that run are waited for, and one may wait for its agent twice. */
+constexpr auto kStopTimeout = 60s;
+
+const char *traceName(ServerTrace trace)
+{
+    switch (trace) {
+    case ServerTrace::Missing:
+        return "missing";
+    case ServerTrace::Starting:
+        return "starting";
+    case ServerTrace::Stale:
+        return "stale";
+    case ServerTrace::Unreadable:
+        return "unreadable";
+    case ServerTrace::Running:
+        return "running";
+    }
+    return "";
+}
+
+ExitCode start(const QCommandLineParser &, ClientContext &context)
+{
+    Failure failure;
+    if (!context.connectToServer(ServerConnector::Start::Allowed, &failure)) {
+        return context.console.report(failure);
+    }
+    context.console.note(context.server.detail + u'.');
+    return ExitCode::Done;
+}
+
+ExitCode stop(const QCommandLineParser &, ClientContext &context)
+{
+    const ServerSighting sighting = context.files.look();
+    Failure failure;
+    if (sighting.trace == ServerTrace::Missing || sighting.trace == ServerTrace::Stale || sighting.pid == 0) {
+        return context.console.report({ExitCode::NoServer, sighting.detail + u'.'});
+    }
+    if (!stopServer(sighting.pid, kStopTimeout, &failure)) {
+        return context.console.report(failure);
+    }
+    context.console.note(u"The server has ended; its sessions go on."_s);
+    return ExitCode::Done;
+}
+
+/** What a server that answers says about itself. */
+bool askServer(ClientContext &context, QString *version, SessionList *sessions, Failure *failure)
+{
+    Json::Value answer;
+    if (!context.connectToServer(ServerConnector::Start::Forbidden, failure) ||
+        !context.client.call(u"Live.GetVersion"_s, {}, &answer, failure) || !context.listLocal(sessions, failure)) {
+        return false;
+    }
+    *version = stringFromJson(answer);
+    return true;
+}
+
+ExitCode status(const QCommandLineParser &line, ClientContext &context)
+{
+    Failure failure;
+    QString version;
+    SessionList sessions;
+    const bool answers = askServer(context, &version, &sessions, &failure);
+    if (failure.code == ExitCode::TimedOut) {
+        failure.code = ExitCode::NoServer; // whether one answers is the question
+    }
+    // The files may be others by now; these told of the server that has answered, or has not.
+    const ServerSighting &sighting = context.server;
+    if (line.isSet(u"json"_s)) {
+        Json::Value value(Json::objectValue);
+        value["answers"] = answers;
+        value["files"] = traceName(sighting.trace);
+        value["userPath"] = jsonString(context.files.userPath());
+        if (answers) {
+            value["pid"] = Json::Value::Int64(sighting.pid);
+            value["port"] = sighting.port;
+            value["version"] = jsonString(version);
+            value["sessions"] = static_cast<int>(sessions.size());
+        }
+        context.console.printJson(value);
+        return answers ? ExitCode::Done : failure.code;
+    }
+    if (!answers) {
+        return context.console.report(failure);
+    }
+    context.console.printLine(u"process    %1"_s.arg(sighting.pid));
+    context.console.printLine(u"port       %1"_s.arg(sighting.port));
+    context.console.printLine(u"version    "_s + printable(version));
+    context.console.printLine(u"sessions   %1"_s.arg(sessions.size()));
+    context.console.printLine(u"user path  "_s + context.files.userPath());
+    return ExitCode::Done;
+}
+
+ExitCode log(const QCommandLineParser &line, ClientContext &context)
+{
+    Failure failure;
+    int lines = 0;
+    if (!linesValue(line, &lines, &failure)) {
+        return context.console.report(failure);
+    }
+    QString text;
+    QString error;
+    if (!readTail(context.files.logPath(), lines, &text, &error)) {
+        return context.console.report({ExitCode::NoServer, error + u'.'});
+    }
+    context.console.printForeign(text);
+    return ExitCode::Done;
+}
+
+} // namespace
+
+VerbText ServerVerb::text() const
+{
+    return {.name = u"server"_s,
+            .arguments = u"start|stop|status|log"_s,
+            .summary = u"Start, stop or look at the server itself."_s,
+            .description = u"start makes sure that a server runs, stop ends it (the sessions go on), status tells "
+                           u"whether one answers\n"
+                           "(exit code 5 if not), log prints the end of its log."_s,
+            .examples = {u"zarvoctl server status --json"_s, u"zarvoctl server log --lines 100"_s},
+            .minArguments = 1,
+            .maxArguments = 1};
+}
+
+QList<QCommandLineOption> ServerVerb::options() const
+{
+    return {jsonOption(), linesOption()};
+}
+
+ExitCode ServerVerb::run(const QCommandLineParser &line, ClientContext &context)
+{
+    using Action = ExitCode (*)(const QCommandLineParser &, ClientContext &);
+    const QHash<QString, Action> actions = {
+        {u"start"_s, start}, {u"stop"_s, stop}, {u"status"_s, status}, {u"log"_s, log}};
+    const Action action = actions.value(firstArgument(line), nullptr);
+    if (!action) {
+        return context.console.report({ExitCode::Usage, u"server takes start, stop, status or log."_s});
+    }
+    return action(line, context);
+}

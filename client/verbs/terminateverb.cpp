@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: MIT
+#include "client/verbs/terminateverb.h"
+
+#include "client/sessions/sessiontable.h"
+#include "client/terminal/progress.h"
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+bool collect(const QCommandLineParser &line, ClientContext &context, SessionList *chosen, Failure *failure)
+{
+    if (line.isSet(u"all"_s)) {
+        return context.listLocal(chosen, failure);
+    }
+    QStringList targets = line.positionalArguments();
+    if (targets.isEmpty()) {
+        targets.append(QString()); // the only one
+    }
+    for (const QString &target : targets) {
+        SessionEntry session;
+        if (!context.findLocal(target, &session, failure)) {
+            return false;
+        }
+        // By its id: the rest of an entry may have changed since it was found for the first time.
+        if (std::none_of(chosen->begin(), chosen->end(), [&](const SessionEntry &e) { return e.id == session.id; })) {
+            chosen->append(session);
+        }
+    }
+    return true;
+}
+
+/** What was not named is asked about, when there is somebody to ask. */
+bool isWanted(const QCommandLineParser &line, ClientContext &context, const SessionList &chosen)
+{
+    const bool named = !line.positionalArguments().isEmpty();
+    if (named || line.isSet(u"yes"_s) || !Console::inputIsTerminal() || chosen.isEmpty()) {
+        return true;
+    }
+    context.console.note(sessionTable(chosen, {.legend = false, .localHost = localHostName()}).chopped(1));
+    const QString question =
+        chosen.size() == 1 ? u"End this session?"_s : u"End these %1 sessions?"_s.arg(chosen.size());
+    return context.console.confirm(question);
+}
+
+/**
+ * Asks for all of it at once; the server answers one after the other.
+ * @param isGoneFine  whether a session that is gone by then is no failure
+ */
+ExitCode endAll(ClientContext &context, const SessionList &chosen, bool isGoneFine)
+{
+    QList<int> requests;
+    for (const SessionEntry &session : chosen) {
+        requests.append(context.client.send(u"Live.Terminate"_s, jsonTexts({session.id})));
+    }
+    ExitCode code = ExitCode::Done;
+    for (qsizetype i = 0; i < chosen.size(); ++i) {
+        Json::Value ignored;
+        Failure failure;
+        if (!context.client.receive(requests[i], &ignored, &failure) &&
+            !(isGoneFine && failure.code == ExitCode::NoSuchSession)) {
+            failure.text = u"%1: %2"_s.arg(chosen[i].id, failure.text);
+            const ExitCode problem = context.console.report(failure);
+            code = code == ExitCode::Done ? problem : code;
+        }
+    }
+    return code;
+}
+
+} // namespace
+
+VerbText TerminateVerb::text() const
+{
+    return {
+        .name = u"terminate"_s,
+        .arguments = u"[SESSION…]"_s,
+        .summary = u"End sessions and their programs."_s,
+        .description =
+            u"Ends sessions and all programs in them. With several sessions, either all of them are found or none is\n"
+            "ended. On a terminal it asks before it ends what was not named."_s,
+        .examples = {u"zarvoctl terminate 3f2a 77c0"_s, u"zarvoctl terminate --all --yes"_s},
+        .maxArguments = -1};
+}
+
+QList<QCommandLineOption> TerminateVerb::options() const
+{
+    return {{u"all"_s, u"All sessions of this host."_s}, {{u"y"_s, u"yes"_s}, u"Do not ask."_s}, noStartOption()};
+}
+
+ExitCode TerminateVerb::run(const QCommandLineParser &line, ClientContext &context)
+{
+    Failure failure;
+    SessionList chosen;
+    if (line.isSet(u"all"_s) && !line.positionalArguments().isEmpty()) {
+        return context.console.report({ExitCode::Usage, u"Either --all or sessions, not both."_s});
+    }
+    if (!context.connectToServer(startMode(line), &failure) || !collect(line, context, &chosen, &failure)) {
+        return context.console.report(failure);
+    }
+    if (!isWanted(line, context, chosen)) {
+        context.console.note(u"Nothing is ended."_s);
+        return ExitCode::Negative;
+    }
+    const Progress progress(u"Ending"_s);
+    return endAll(context, chosen, line.isSet(u"all"_s));
+}

@@ -1,0 +1,161 @@
+// SPDX-License-Identifier: MIT
+#include "client/verbs/watchverb.h"
+
+#include "client/sessions/sessionchanges.h"
+#include "client/sessions/sessionfollower.h"
+#include "client/sessions/sessiontable.h"
+
+#include <QSocketNotifier>
+#include <QTime>
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+/** Redraws the terminal with the sessions as they are now. */
+void drawTable(Console &console, const SessionList &sessions)
+{
+    const QString table = sessionTable(sessions, {.width = Console::outputWidth(),
+                                                  .legend = true,
+                                                  .colour = Console::useColour(),
+                                                  .localHost = localHostName()});
+    QStringList lines = table.split(u'\n', Qt::SkipEmptyParts);
+    const QString time = QTime::currentTime().toString(u"hh:mm:ss"_s);
+    lines.prepend(u"Sessions at %1 (Ctrl-C ends this)"_s.arg(time));
+    if (const int height = Console::outputHeight(); height > 1) {
+        lines = lines.first(std::min<qsizetype>(lines.size(), height - 1));
+    }
+    console.print(u"\x1b[H\x1b[J"_s + lines.join(u'\n') + u'\n');
+}
+
+/**
+ * Wakes the follower when the terminal has another size, which a signal tells, and when nobody reads the output any
+ * more, which a program that has nothing to write would not notice.
+ */
+class OutputWatch
+{
+public:
+    explicit OutputWatch(SessionFollower *follower)
+        : reader(STDOUT_FILENO, QSocketNotifier::Exception)
+    {
+        QObject::connect(&reader, &QSocketNotifier::activated, follower, [this, follower] {
+            pollfd state = {STDOUT_FILENO, 0, 0};
+            isGone = ::poll(&state, 1, 0) == 1 && (state.revents & (POLLERR | POLLHUP)) != 0;
+            reader.setEnabled(false);
+            follower->wake();
+        });
+        sigset_t resize;
+        ::sigemptyset(&resize);
+        ::sigaddset(&resize, SIGWINCH);
+        ::sigprocmask(SIG_BLOCK, &resize, nullptr);
+        descriptor = ::signalfd(-1, &resize, SFD_CLOEXEC | SFD_NONBLOCK);
+        if (descriptor == -1) {
+            return;
+        }
+        size = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
+        QObject::connect(size.get(), &QSocketNotifier::activated, follower, [this, follower] {
+            signalfd_siginfo ignored = {};
+            while (::read(descriptor, &ignored, sizeof ignored) > 0) {
+            }
+            follower->wake();
+        });
+    }
+    ~OutputWatch()
+    {
+        size.reset();
+        if (descriptor != -1) {
+            ::close(descriptor);
+        }
+    }
+    Q_DISABLE_COPY_MOVE(OutputWatch)
+
+    [[nodiscard]] bool isUnread() const { return isGone; }
+
+private:
+    QSocketNotifier reader;
+    std::unique_ptr<QSocketNotifier> size;
+    int descriptor = -1;
+    bool isGone = false;
+};
+
+void printChanges(Console &console, const SessionList &before, const SessionList &after)
+{
+    for (const SessionChange &change : sessionChanges(before, after)) {
+        console.printJson(change.toJson());
+    }
+}
+
+ExitCode follow(ClientContext &context, Failure *failure)
+{
+    SessionFollower follower(&context, kNoDeadline);
+    const OutputWatch output(&follower);
+    SessionList shown;
+    for (;;) {
+        SessionList sessions;
+        switch (follower.next(kNoDeadline, &sessions, failure)) {
+        case SessionFollower::Event::List:
+            if (Console::outputIsTerminal()) {
+                drawTable(context.console, sessions);
+            } else {
+                printChanges(context.console, shown, sessions);
+            }
+            shown = sessions;
+            if (!context.console.flush()) {
+                return ExitCode::Done; // nobody reads on; the end of the program tells why
+            }
+            break;
+        case SessionFollower::Event::Lost:
+            context.console.note(u"The server has gone; waiting for one."_s);
+            break;
+        case SessionFollower::Event::Woken:
+            if (output.isUnread()) {
+                return ExitCode::Done;
+            }
+            if (Console::outputIsTerminal()) {
+                drawTable(context.console, shown);
+                [[maybe_unused]] const bool isWritten = context.console.flush();
+            }
+            break;
+        case SessionFollower::Event::TimedOut:
+            break;
+        case SessionFollower::Event::Failed:
+            return context.console.report(*failure);
+        }
+    }
+}
+
+} // namespace
+
+VerbText WatchVerb::text() const
+{
+    return {
+        .name = u"watch"_s,
+        .arguments = {},
+        .summary = u"Show every change of the sessions as it happens."_s,
+        .description =
+            u"On a terminal, shows the table of sessions and keeps it up to date. Otherwise prints one JSON object\n"
+            "per line and change, beginning with the sessions there are. Waits for a server that has gone."_s,
+        .examples = {u"zarvoctl watch"_s, u"zarvoctl watch | jq --unbuffered .event"_s}};
+}
+
+QList<QCommandLineOption> WatchVerb::options() const
+{
+    return {noStartOption()};
+}
+
+ExitCode WatchVerb::run(const QCommandLineParser &line, ClientContext &context)
+{
+    Failure failure;
+    if (!context.connectToServer(startMode(line), &failure)) {
+        return context.console.report(failure);
+    }
+    return follow(context, &failure);
+}

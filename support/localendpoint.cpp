@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: MIT
+#include "support/localendpoint.h"
+
+#include <QFile>
+#include <QSocketNotifier>
+#include <QTimer>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kBacklog = 64;
+constexpr std::chrono::seconds kPauseWithoutDescriptors(1);
+
+int newSocket()
+{
+    return ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+bool fillAddress(const QByteArray &path, sockaddr_un *address)
+{
+    *address = {};
+    address->sun_family = AF_UNIX;
+    if (path.isEmpty() || static_cast<size_t>(path.size()) >= sizeof address->sun_path) {
+        errno = ENAMETOOLONG;
+        return false;
+    }
+    std::memcpy(address->sun_path, path.constData(), static_cast<size_t>(path.size()));
+    return true;
+}
+
+int closeKeepingErrno(int descriptor)
+{
+    const int saved = errno;
+    ::close(descriptor);
+    errno = saved;
+    return -1;
+}
+
+// A socket's permissions come from the mask at the moment of bind(); changed later, there would be a gap.
+int bindPrivately(int descriptor, const sockaddr_un &address)
+{
+    const mode_t mask = ::umask(0177);
+    const int result = ::bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    ::umask(mask);
+    return result;
+}
+
+} // namespace
+
+int connectLocalSocket(const QString &path)
+{
+    sockaddr_un address;
+    if (!fillAddress(QFile::encodeName(path), &address)) {
+        return -1;
+    }
+    const int descriptor = newSocket();
+    if (descriptor == -1) {
+        return -1;
+    }
+    if (::connect(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        return closeKeepingErrno(descriptor);
+    }
+    return descriptor;
+}
+
+bool removeDeadSocket(const QString &path, QString *error)
+{
+    struct stat found = {};
+    const QByteArray encoded = QFile::encodeName(path);
+    if (::lstat(encoded.constData(), &found) != 0) {
+        return true; // what else may be wrong with the path shows when it is bound
+    }
+    if (!S_ISSOCK(found.st_mode)) {
+        *error = u"The path \"%1\" is taken by something that is no socket"_s.arg(path);
+        return false;
+    }
+    const int probe = connectLocalSocket(path);
+    if (probe != -1 || errno == EAGAIN) {
+        *error = u"The socket \"%1\" is in use by another process"_s.arg(path);
+        if (probe != -1) {
+            ::close(probe);
+        }
+        return false;
+    }
+    if (::unlink(encoded.constData()) != 0) {
+        *error = u"Failed to remove the socket \"%1\": %2"_s.arg(path, qt_error_string(errno));
+        return false;
+    }
+    return true;
+}
+
+LocalEndpoint::LocalEndpoint(QObject *parent)
+    : QObject(parent)
+{
+}
+
+LocalEndpoint::~LocalEndpoint()
+{
+    notifier.reset();
+    if (listener != -1) {
+        ::unlink(boundPath.constData());
+        ::close(listener);
+    }
+}
+
+bool LocalEndpoint::listen(const QString &path, QString *error)
+{
+    Q_ASSERT(listener == -1);
+    if (!removeDeadSocket(path, error)) {
+        return false;
+    }
+    const QByteArray encoded = QFile::encodeName(path);
+    sockaddr_un address;
+    int descriptor = fillAddress(encoded, &address) ? newSocket() : -1;
+    if (descriptor != -1 && bindPrivately(descriptor, address) != 0) {
+        descriptor = closeKeepingErrno(descriptor);
+    }
+    if (descriptor != -1 && ::listen(descriptor, kBacklog) != 0) {
+        const int saved = errno;
+        ::unlink(encoded.constData());
+        errno = saved;
+        descriptor = closeKeepingErrno(descriptor);
+    }
+    if (descriptor == -1) {
+        *error = u"Failed to listen on the socket \"%1\": %2"_s.arg(path, qt_error_string(errno));
+        return false;
+    }
+    boundPath = encoded;
+    listener = descriptor;
+    notifier = std::make_unique<QSocketNotifier>(listener, QSocketNotifier::Read);
+    connect(notifier.get(), &QSocketNotifier::activated, this, &LocalEndpoint::acceptPending);
+    return true;
+}
+
+void LocalEndpoint::acceptPending()
+{
+    // One per activation: the loop comes back for the rest, and other events get their turn.
+    const int descriptor = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (descriptor != -1) {
+        emit accepted(descriptor);
+        return;
+    }
+    if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+        // The connection stays in the queue and would wake us again at once.
+        notifier->setEnabled(false);
+        QTimer::singleShot(kPauseWithoutDescriptors, this, [this] { notifier->setEnabled(true); });
+    }
+}

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: MIT
+#include "agent/door/clientconnection.h"
+#include "tests/agent/fakebackend.h"
+#include "tests/testmain.h"
+
+#include <QSignalSpy>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+class ClientConnectionTest final : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir directory;
+    QTcpServer server;
+    std::unique_ptr<QTcpSocket> client;
+    std::unique_ptr<ClientConnection> connection;
+
+    QString path() const { return directory.filePath(u"rfb"_s); }
+
+    void begin(const QByteArray &unread = {})
+    {
+        client = std::make_unique<QTcpSocket>();
+        client->connectToHost(QHostAddress::LocalHost, server.serverPort());
+        QTRY_VERIFY(server.hasPendingConnections());
+        std::unique_ptr<QTcpSocket> socket(server.nextPendingConnection());
+        socket->setParent(nullptr);
+        connection = std::make_unique<ClientConnection>(std::move(socket), unread);
+    }
+
+private slots:
+    void initTestCase() { QVERIFY(server.listen(QHostAddress::LocalHost)); }
+
+    void cleanup()
+    {
+        connection.reset();
+        client.reset();
+    }
+
+    void copiesBothWays()
+    {
+        FakeBackend backend(FakeBackend::Manner::Echo);
+        QVERIFY(backend.listen(path()));
+        begin("first ");
+        connection->start(path());
+        client->write("second");
+        QTRY_COMPARE(client->bytesAvailable(), 12);
+        QCOMPARE(client->readAll(), QByteArray("first second"));
+
+        QByteArray large(8 * 1024 * 1024, Qt::Uninitialized);
+        for (qsizetype i = 0; i < large.size(); ++i) {
+            large[i] = static_cast<char>(i * 7 + i / 251);
+        }
+        client->write(large);
+        QByteArray received;
+        QTRY_VERIFY_WITH_TIMEOUT((received += client->readAll()).size() == large.size(), 60000);
+        QCOMPARE(received, large);
+    }
+
+    void endsWithTheClient()
+    {
+        FakeBackend backend(FakeBackend::Manner::Echo);
+        QVERIFY(backend.listen(path()));
+        begin();
+        QSignalSpy ended(connection.get(), &ClientConnection::ended);
+        connection->start(path());
+        client->write("x");
+        QTRY_COMPARE(client->bytesAvailable(), 1);
+        client->disconnectFromHost();
+        QTRY_COMPARE(ended.count(), 1);
+        QCOMPARE(ended.first().first().toString(), u"The client closed the connection"_s);
+        QTRY_COMPARE(backend.sockets.front()->state(), QLocalSocket::UnconnectedState);
+    }
+
+    void endsWithTheBackend()
+    {
+        FakeBackend backend(FakeBackend::Manner::Echo);
+        QVERIFY(backend.listen(path()));
+        begin();
+        QSignalSpy ended(connection.get(), &ClientConnection::ended);
+        connection->start(path());
+        client->write("x");
+        QTRY_COMPARE(client->bytesAvailable(), 1);
+        backend.sockets.front()->abort();
+        QTRY_COMPARE(ended.count(), 1);
+        QTRY_COMPARE(client->state(), QAbstractSocket::UnconnectedState);
+    }
+
+    void endsWithoutBackend_data()
+    {
+        QTest::addColumn<bool>("isThere");
+        QTest::addColumn<int>("manner");
+        QTest::newRow("missing") << false << 0;
+        QTest::newRow("refusing") << true << int(FakeBackend::Manner::Refuse);
+        QTest::newRow("silent") << true << int(FakeBackend::Manner::Silent);
+    }
+
+    void endsWithoutBackend()
+    {
+        QFETCH(bool, isThere);
+        QFETCH(int, manner);
+        FakeBackend backend{FakeBackend::Manner(manner)};
+        QVERIFY(!isThere || backend.listen(path()));
+        begin("input");
+        QSignalSpy ended(connection.get(), &ClientConnection::ended);
+        connection->start(path());
+        QCOMPARE(ended.count(), 0); // never from within start()
+        QTRY_COMPARE_WITH_TIMEOUT(ended.count(), 1, 30000);
+        QTRY_COMPARE(client->state(), QAbstractSocket::UnconnectedState);
+    }
+
+    // A side that takes nothing stops the other side; nothing piles up in between.
+    void holdsBackAFlood()
+    {
+        FakeBackend backend(FakeBackend::Manner::DoNotRead);
+        QVERIFY(backend.listen(path()));
+        begin();
+        connection->start(path());
+        QTRY_COMPARE(backend.sockets.size(), size_t{1});
+        constexpr qint64 kFlood = 64 * 1024 * 1024;
+        client->write(QByteArray(kFlood, 'x'));
+        qint64 left = kFlood;
+        // Until nothing moves any more for half a second; the system's own buffers take a few MiB.
+        while (QTest::qWaitFor([&] { return client->bytesToWrite() < left; }, 500)) {
+            left = client->bytesToWrite();
+        }
+        QVERIFY(left > kFlood - 32 * 1024 * 1024);
+        QCOMPARE(client->state(), QAbstractSocket::ConnectedState);
+    }
+};
+
+ZARVO_TEST(ClientConnectionTest)
+#include "tst_clientconnection.moc"

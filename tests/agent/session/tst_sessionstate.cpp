@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: MIT
+#include "agent/door/vncauth.h"
+#include "agent/session/sessionlog.h"
+#include "agent/session/sessionstate.h"
+#include "tests/agent/testlog.h"
+#include "tests/testmain.h"
+
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+class SessionStateTest final : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir directory;
+    QDateTime now;
+
+    QString path() const { return directory.filePath(u"log"_s); }
+    QByteArray log() const { return contentOf(path()); }
+
+    SessionState::Clock clock()
+    {
+        return [this] { return now; };
+    }
+
+private slots:
+    void init()
+    {
+        QFile::remove(path());
+        now = QDateTime(QDate(2024, 1, 2), QTime(3, 4, 5, 678));
+    }
+
+    void tellsNothingThatIsNotKnown()
+    {
+        SessionLog agentLog;
+        QString error;
+        QVERIFY(agentLog.open(path(), &error));
+        const SessionState state(&agentLog, clock());
+        QCOMPARE(state.toJson(), QByteArray("{\"Clients\":0,\"Passwords\":[]}\n"));
+        QVERIFY(!state.isReady());
+        QVERIFY(log().isEmpty());
+    }
+
+    void tellsAll()
+    {
+        SessionLog agentLog;
+        QString error;
+        QVERIFY(agentLog.open(path(), &error));
+        SessionState state(&agentLog, clock());
+        state.setScreenSize(QSize(800, 600));
+        state.setScreenSize(QSize(800, 600)); // no news
+        state.setReady();
+        QVERIFY(state.isReady());
+        state.offerPassword();
+        state.offerPassword();
+        const QByteArray used = state.passwords()->all().first();
+        const QByteArray challenge = newVncChallenge();
+        QVERIFY(state.passwords()->take(challenge, vncAuthResponse(used, challenge)));
+        now = now.addSecs(10);
+        state.clientAuthenticated(u"::1"_s, used);
+        const QByteArray left = state.passwords()->all().first();
+        QCOMPARE(state.toJson(), "{\"Clients\":1,\"LastConnect\":\"2024-01-02T03:04:15\",\"Passwords\":[\"" + left +
+                                     "\"],\"ScreenHeight\":600,\"ScreenWidth\":800,"
+                                     "\"Started\":\"2024-01-02T03:04:05\"}\n");
+        now = now.addSecs(10);
+        state.clientsDisconnected({u"::1"_s});
+        state.expirePasswords();
+        QCOMPARE(state.toJson(), QByteArray("{\"Clients\":0,\"LastConnect\":\"2024-01-02T03:04:15\","
+                                            "\"LastDisconnect\":\"2024-01-02T03:04:25\",\"Passwords\":[],"
+                                            "\"ScreenHeight\":600,\"ScreenWidth\":800,"
+                                            "\"Started\":\"2024-01-02T03:04:05\"}\n"));
+        QCOMPARE(log(), "Screen resized to '800x600'\n"
+                        "RDP initialized at '2024-01-02T03:04:05'\n"
+                        "Added new password " +
+                            used + "\nAdded new password " + left +
+                            "\n"
+                            "Client authenticated from '::1' at '2024-01-02T03:04:15' with password '" +
+                            used +
+                            "'\n"
+                            "Client disconnected from '::1' at '2024-01-02T03:04:25'\n"
+                            "Expiring password " +
+                            left + "\n");
+    }
+
+    void logsPasswordThatMadeRoom()
+    {
+        SessionLog agentLog;
+        QString error;
+        QVERIFY(agentLog.open(path(), &error));
+        SessionState state(&agentLog, clock());
+        for (qsizetype i = 0; i < PasswordStore::kMaxOpen + 1; ++i) {
+            state.offerPassword();
+        }
+        QCOMPARE(log().count("Added new password "), PasswordStore::kMaxOpen + 1);
+        QCOMPARE(log().count("Expiring password "), 1);
+    }
+
+    void eventsHaveDatesOfTheirOwn()
+    {
+        SessionLog agentLog;
+        QString error;
+        QVERIFY(agentLog.open(path(), &error));
+        SessionState state(&agentLog, clock());
+        state.clientsDisconnected({u"a"_s, u"b"_s}); // at once: one date
+        state.clientsDisconnected({u"c"_s});
+        state.clientsDisconnected({});
+        state.clientsDisconnected({u"d"_s});
+        QCOMPARE(log(), QByteArray("Client disconnected from 'a' at '2024-01-02T03:04:05'\n"
+                                   "Client disconnected from 'b' at '2024-01-02T03:04:05'\n"
+                                   "Client disconnected from 'c' at '2024-01-02T03:04:06'\n"
+                                   "Client disconnected from 'd' at '2024-01-02T03:04:07'\n"));
+        now = now.addSecs(1); // still behind the last date
+        state.clientsDisconnected({u"e"_s});
+        QVERIFY(log().contains("'e' at '2024-01-02T03:04:08'"));
+        now = now.addSecs(-7200); // the clock was set back
+        state.clientsDisconnected({u"f"_s});
+        QVERIFY(log().contains("'f' at '2024-01-02T01:04:06'"));
+    }
+};
+
+ZARVO_TEST(SessionStateTest)
+#include "tst_sessionstate.moc"

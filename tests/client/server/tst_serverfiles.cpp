@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: MIT
+#include "client/server/serverfiles.h"
+#include "tests/testmain.h"
+
+#include <QDir>
+#include <QFile>
+#include <QHostAddress>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+/** The process under test passes itself off as a server, so that there is a live one. */
+class TestServerFiles : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init()
+    {
+        folder = std::make_unique<QTemporaryDir>();
+        ::prctl(PR_SET_NAME, "zarvo_server");
+    }
+
+    void traces_data()
+    {
+        QTest::addColumn<QByteArray>("pid");
+        QTest::addColumn<QByteArray>("port");
+        QTest::addColumn<int>("trace");
+        const QByteArray self = QByteArray::number(::getpid());
+        const QByteArray none; // a null array: no file
+        const QByteArray empty("");
+        const auto row = [](const char *name, const QByteArray &pid, const QByteArray &port, ServerTrace trace) {
+            QTest::newRow(name) << pid << port << static_cast<int>(trace);
+        };
+        row("nothing", none, none, ServerTrace::Missing);
+        row("running", self, "4000", ServerTrace::Running);
+        row("no port yet", self, none, ServerTrace::Starting);
+        row("port is being written", self, empty, ServerTrace::Starting);
+        row("dead", "999999999", "4000", ServerTrace::Stale);
+        row("dead before its port", "999999999", none, ServerTrace::Missing);
+        row("process 1", "1", "4000", ServerTrace::Stale);
+        row("no pid", none, "4000", ServerTrace::Stale);
+        row("pid is no number", "x", "4000", ServerTrace::Stale);
+        row("negative pid", "-1", "4000", ServerTrace::Stale);
+        row("port is no number", self, "x", ServerTrace::Unreadable);
+        row("port 0", self, "0", ServerTrace::Unreadable);
+        row("last port", self, "65535", ServerTrace::Running);
+        row("no port", self, "65536", ServerTrace::Unreadable);
+        row("broken port of the dead", none, "x", ServerTrace::Stale);
+    }
+    void traces()
+    {
+        QFETCH(QByteArray, pid);
+        QFETCH(QByteArray, port);
+        write(u"server_pid"_s, pid);
+        write(u"server_port"_s, port);
+        const ServerSighting sighting = ServerFiles(folder->path()).look();
+        QTEST(static_cast<int>(sighting.trace), "trace");
+        QCOMPARE(sighting.port, sighting.trace == ServerTrace::Running ? port.toUShort() : quint16(0));
+        QVERIFY(!sighting.detail.isEmpty());
+    }
+
+    void portOfAnEarlierServer_data()
+    {
+        QTest::addColumn<QByteArray>("port");
+        QTest::newRow("whole") << "4000"_ba;
+        QTest::newRow("broken") << "x"_ba;
+    }
+    void portOfAnEarlierServer()
+    {
+        QFETCH(QByteArray, port);
+        write(u"server_pid"_s, QByteArray::number(::getpid()));
+        write(u"server_port"_s, port);
+        const timespec times[2] = {{1000, 0}, {1000, 0}};
+        QVERIFY(::utimensat(AT_FDCWD, qPrintable(folder->filePath(u"server_port"_s)), times, 0) == 0);
+        QVERIFY(ServerFiles(folder->path()).look().trace == ServerTrace::Starting);
+    }
+
+    void pidFileThatHasGone()
+    {
+        QTcpServer listener;
+        QVERIFY(listener.listen(QHostAddress::LocalHost));
+        write(u"server_port"_s, QByteArray::number(listener.serverPort()));
+        const ServerSighting sighting = ServerFiles(folder->path()).look();
+        QVERIFY(sighting.trace == ServerTrace::Running);
+        QCOMPARE(sighting.pid, qint64(::getpid()));
+        write(u"server_pid"_s, "999999999"); // of one that has ended: the port is somebody else's by now
+        QVERIFY(ServerFiles(folder->path()).look().trace == ServerTrace::Stale);
+    }
+
+    void pipeInPlaceOfAFile_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::newRow("pid") << u"server_pid"_s;
+        QTest::newRow("port") << u"server_port"_s;
+    }
+    void pipeInPlaceOfAFile()
+    {
+        QFETCH(QString, name);
+        QCOMPARE(::mkfifo(qPrintable(folder->filePath(name)), 0600), 0);
+        const ServerSighting sighting = ServerFiles(folder->path()).look();
+        QVERIFY(sighting.trace == ServerTrace::Unreadable);
+        QCOMPARE(sighting.detail, u"\"%1\" is no file"_s.arg(folder->filePath(name)));
+    }
+
+    void paths()
+    {
+        const ServerFiles files(u"/home/me/.zarvo_server/host"_s);
+        QCOMPARE(files.certificatePath(), u"/home/me/.zarvo_server/server_cert"_s);
+        QCOMPARE(files.sessionDirectory(u"ab"_s), u"/home/me/.zarvo_server/host/sessions/C-ab"_s);
+    }
+
+private:
+    void write(const QString &name, const QByteArray &text)
+    {
+        if (!text.isNull()) {
+            QFile file(folder->filePath(name));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(text);
+        }
+    }
+
+    std::unique_ptr<QTemporaryDir> folder;
+};
+
+ZARVO_TEST(TestServerFiles)
+#include "tst_serverfiles.moc"

@@ -1,0 +1,79 @@
+// SPDX-License-Identifier: MIT
+#include "client/sessions/logtail.h"
+#include "tests/testmain.h"
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+class TestLogTail : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void tails_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<int>("lines");
+        QTest::addColumn<QString>("tail");
+        QTest::newRow("empty") << QByteArray() << 5 << QString();
+        QTest::newRow("empty, all") << QByteArray() << 0 << QString();
+        QTest::newRow("all") << QByteArray("a\nb\n") << 0 << u"a\nb\n"_s;
+        QTest::newRow("last") << QByteArray("a\nb\nc\n") << 1 << u"c\n"_s;
+        QTest::newRow("two") << QByteArray("a\nb\nc\n") << 2 << u"b\nc\n"_s;
+        QTest::newRow("as many") << QByteArray("a\nb\n") << 2 << u"a\nb\n"_s;
+        QTest::newRow("more") << QByteArray("a\nb\n") << 3 << u"a\nb\n"_s;
+        QTest::newRow("no line feed") << QByteArray("a\nb") << 1 << u"b\n"_s;
+        QTest::newRow("empty lines") << QByteArray("\n\n\n") << 2 << u"\n\n"_s;
+        QTest::newRow("one empty line") << QByteArray("\n") << 1 << u"\n"_s;
+    }
+    void tails()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(int, lines);
+        QString text;
+        QVERIFY(read(content, lines, &text));
+        QTEST(text, "tail");
+    }
+
+    void notMoreThanAMebibyte()
+    {
+        QString text;
+        QVERIFY(read(QByteArray("0123456789abcde\n").repeated(100000), 0, &text));
+        QVERIFY(text.size() <= 1024 * 1024);
+        QVERIFY(text.startsWith(u"0123456789abcde\n"_s));
+    }
+
+    void missing()
+    {
+        QString text;
+        QString error;
+        QVERIFY(!readTail(folder.filePath(u"nothing"_s), 1, &text, &error));
+        QVERIFY(error.contains(u"nothing"_s));
+    }
+
+    void passwords()
+    {
+        QCOMPARE(withoutPasswords(u"Added new password abc'12\nRDP\nExpiring password x y\n"
+                                  "Client authenticated from '::1' at 'now' with password 'secret'\n"_s),
+                 u"Added new password ********\nRDP\nExpiring password ********\n"
+                 "Client authenticated from '::1' at 'now' with password '********'\n"_s);
+        QCOMPARE(withoutPasswords(u"no word of it\n"_s), u"no word of it\n"_s);
+    }
+
+private:
+    bool read(const QByteArray &content, int lines, QString *text)
+    {
+        QFile file(folder.filePath(u"log"_s));
+        QString error;
+        return file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && (file.close(), true) &&
+               readTail(file.fileName(), lines, text, &error);
+    }
+
+    QTemporaryDir folder;
+};
+
+ZARVO_TEST(TestLogTail)
+#include "tst_logtail.moc"

@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: MIT
+#include "base/lockedfile.h"
+#include "server/qtsinglecoreapplication.h"
+
+#include <QFile>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include <unistd.h>
+
+/*
+ * The other process of the tests. Says one line on standard output for each step and ends when its standard
+ * input does.
+ *
+ *   other_process lock FILE           locks the file and appends to it what comes on standard input
+ *   other_process single ID           asks twice whether another process holds the id
+ *   other_process single-user ID UID  the same as this user; only root may
+ *   other_process single-parent ID    the same, with a child process that lives on
+ *   other_process single-twice ID     the same behind another application object that had the id
+ */
+
+namespace {
+
+void say(const std::string &line)
+{
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+}
+
+void waitForEndOfInput()
+{
+    while (std::getchar() != EOF) {
+    }
+}
+
+int holdFileLock(const char *path)
+{
+    LockedFile file(QFile::decodeName(path));
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Append)) {
+        return 1;
+    }
+    file.lockForWriting();
+    say("locked");
+    for (int c = std::getchar(); c != EOF; c = std::getchar()) {
+        file.putChar(static_cast<char>(c));
+    }
+    return file.flush() ? 0 : 1;
+}
+
+/** A child that stays when this process is killed. */
+void startChild()
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(STDIN_FILENO);
+        ::close(STDOUT_FILENO);
+        ::execlp("sleep", "sleep", "600", nullptr);
+        ::_exit(1);
+    }
+    say(std::to_string(child));
+}
+
+const char *answer(bool isRunning)
+{
+    return isRunning ? "taken" : "free";
+}
+
+int beSingle(const QString &id, int argc, char **argv)
+{
+    QtSingleCoreApplication application(id, argc, argv);
+    say(answer(application.isRunning()));
+    say(answer(application.isRunning()));
+    if (std::strcmp(argv[1], "single-parent") == 0) {
+        startChild();
+    }
+    waitForEndOfInput();
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 3) {
+        return 2;
+    }
+    const std::string mode = argv[1];
+    const QString argument = QString::fromLocal8Bit(argv[2]);
+    if (mode == "lock") {
+        return holdFileLock(argv[2]);
+    }
+    if (mode == "single-user" && ::setuid(static_cast<uid_t>(std::stoul(argv[3]))) != 0) {
+        return 1;
+    }
+    if (mode == "single-twice") { // one object at a time
+        QtSingleCoreApplication first(argument, argc, argv);
+        say(answer(first.isRunning()));
+    }
+    return beSingle(argument, argc, argv);
+}
