@@ -103,7 +103,7 @@ class Manual(unittest.TestCase):
         self.assertEqual(re.findall(r"\.TP\n(\d+)\n(.*)", block), re.findall(r"(?m)^ +(\d+)  (.*)$", listed))
 
     def test_settings(self):
-        source = zarvo.read(os.path.join(ROOT, "server", "settings.cpp"))
+        source = zarvo.read(os.path.join(ROOT, "base", "settings.cpp"))
         keys = set(re.findall(r'"([A-Z][A-Za-z]+)"_L1', source))
         self.assertGreater(len(keys), 5)
         self.assertEqual(set(re.findall(r"(?m)^\.BR (\w+) \" \(default", manual("zarvo_server.conf.5"))), keys)
