@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // What the parts of a request and of a refresh cost by themselves.
+#include "contract/application.h"
 #include "engine/agentlog.h"
 #include "engine/session.h"
 #include "live/getversionmethod.h"
@@ -114,7 +115,7 @@ BENCHMARK(writeListing)->Arg(1)->Arg(200)->Unit(benchmark::kMicrosecond);
 int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
-    QCoreApplication::setApplicationVersion(u"1.0.38"_s);
+    nameApplication();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
 }

@@ -2,6 +2,7 @@
 #include "client/sessions/clientcontext.h"
 #include "client/verbs/help.h"
 #include "client/verbs/verbtable.h"
+#include "contract/application.h"
 
 #include <QCoreApplication>
 
@@ -14,14 +15,6 @@ namespace {
 /** Qt's own remarks, on the locale for one, are nothing that a user of this program asked for. */
 void dropQtMessage(QtMsgType, const QMessageLogContext &, const QString &)
 {
-}
-
-/** The names under which the server stores its settings, for they are ours as well. */
-void nameApplication()
-{
-    QCoreApplication::setApplicationName(u"Zarvo Server"_s);
-    QCoreApplication::setApplicationVersion(QStringLiteral(ZARVO_VERSION));
-    QCoreApplication::setOrganizationName(u"Halvorn Media"_s);
 }
 
 ExitCode refuseUsage(Console &console, const QString &verb, const QString &problem)

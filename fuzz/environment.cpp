@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "fuzz/environment.h"
 
+#include "contract/application.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -29,9 +31,7 @@ FuzzEnvironment::FuzzEnvironment(int &argc, char **argv)
     qputenv("HOME", QFile::encodeName(home.path()));
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.filePath(u"config"_s)));
     qputenv("USER", "alice");
-    QCoreApplication::setOrganizationName(u"Halvorn Media"_s);
-    QCoreApplication::setApplicationName(u"Zarvo Server"_s);
-    QCoreApplication::setApplicationVersion(u"1.0.38"_s);
+    nameApplication();
     Logging::setInstance(&logger);
 }
 

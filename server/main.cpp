@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "base/logging.h"
+#include "contract/application.h"
 #include "server/daemon.h"
 #include "server/qtsinglecoreapplication.h"
 #include "server/server.h"
@@ -35,13 +36,6 @@ void logQtMessage(QtMsgType type, const QMessageLogContext &, const QString &tex
         QMetaObject::invokeMethod(
             qApp, [text] { logMessage(LogDebug1, text); }, Qt::QueuedConnection);
     }
-}
-
-void nameApplication()
-{
-    QCoreApplication::setApplicationName(u"Zarvo Server"_s);
-    QCoreApplication::setApplicationVersion(QStringLiteral(ZARVO_VERSION));
-    QCoreApplication::setOrganizationName(u"Halvorn Media"_s);
 }
 
 /**

@@ -119,6 +119,29 @@ class Manual(unittest.TestCase):
             self.assertIn("SEE ALSO", result.stdout)
 
 
+class Version(unittest.TestCase):
+    """CMakeLists.txt gives the version, and everything else takes it from there."""
+
+    def test_changes_begin_with_the_version(self):
+        newest = re.search(r"(?m)^## (\S+)", zarvo.read(os.path.join(ROOT, "CHANGELOG.md")))
+        self.assertEqual(newest.group(1), zarvo.VERSION)
+
+    def test_no_other_file_names_the_version(self):
+        # What users are told changed, and the worked example of a call.
+        others = {"CHANGELOG.md", os.path.join("docs", "PROTOCOL.md")}
+        form = re.compile(rf"(?<![\w.]){re.escape(zarvo.VERSION)}(?![\w.])")
+        found = {os.path.relpath(path, ROOT) for path in self.sources() if form.search(zarvo.read(path))}
+        self.assertEqual(found - others, {"CMakeLists.txt"})
+
+    @staticmethod
+    def sources():
+        """The files of the project, without build folders and the inputs of fuzz targets."""
+        for folder, folders, names in os.walk(ROOT):
+            folders[:] = [name for name in folders if not name.startswith(".") and name not in ("build", "corpus")
+                          and not os.path.exists(os.path.join(folder, name, "CMakeCache.txt"))]
+            yield from (os.path.join(folder, name) for name in names if os.path.isfile(os.path.join(folder, name)))
+
+
 class Completions(ctl.CtlTestCase):
     def prepare(self, *arguments, **how):
         """The shells ask for the sessions, and go on without them after 3 seconds. Here they wait for the answer."""

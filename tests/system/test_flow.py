@@ -112,8 +112,9 @@ class Flow(zarvo.TestCase):
         server = self.server()
         requests = [zarvo.frame((b'{"id":%d,"jsonrpc":"2.0","method":"Live.GetVersion"}' % i).ljust(65536))
                     for i in range(3000)]
+        version = zarvo.VERSION.encode()
         growth = self.pipeline(server, requests,
-                               lambda number: b'{"id":%d,"jsonrpc":"2.0","result":"1.0.38"}\n' % number)
+                               lambda number: b'{"id":%d,"jsonrpc":"2.0","result":"%s"}\n' % (number, version))
         self.assertLess(growth, 24 * MEBIBYTE + server.instrumentation())
 
     def test_client_that_reads_nothing_is_no_longer_read_from(self):

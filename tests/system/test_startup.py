@@ -58,7 +58,7 @@ class Files(zarvo.TestCase):
 
     def test_every_step_is_named_at_debug1(self):
         server = self.server({"LogLevel": "Debug1"})
-        server.wait_log("Info", "Starting the server version 1.0.38")
+        server.wait_log("Info", "Starting the server version " + zarvo.VERSION)
         steps = ["Writing the pid file", "Creating certificate files", "Creating the session directory",
                  "Initializing data stores", "Reading the certificate files", "Creating the SSL socket",
                  "Writing the port file", "Creating the UDP socket", "Setting up signal handlers"]

@@ -4,7 +4,7 @@
     class Example(zarvo.TestCase):
         def test_version(self):
             server = self.server()
-            self.assertEqual(server.client().call("Live.GetVersion"), "1.0.38")
+            self.assertEqual(server.client().call("Live.GetVersion"), zarvo.VERSION)
 
 Each server has its own HOME, USER, TMPDIR and display numbers, so that any number of tests may run side by side.
 ZARVO_BUILD_DIR names the build folder.
@@ -31,7 +31,6 @@ BUILD = os.environ.get("ZARVO_BUILD_DIR", "")
 BINARY = os.path.join(BUILD, "bin", "zarvo_server")
 LIBEXEC = os.path.join(BUILD, "libexec", "zarvo")
 HOST = os.uname().nodename
-VERSION = "1.0.38"
 
 # How long an event may take before it counts as missing; nothing waits so long when all is well.
 DEADLINE = 40
@@ -57,6 +56,10 @@ def wait_until(condition, what, deadline=DEADLINE):
 def read(path):
     with open(path, encoding="utf-8", errors="replace") as file:
         return file.read()
+
+
+VERSION = re.search(r"^project\(zarvo_server VERSION (\S+)",
+                    read(os.path.join(HERE, "..", "..", "CMakeLists.txt")), re.M).group(1)
 
 
 def write(path, text):

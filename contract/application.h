@@ -1,0 +1,11 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QLatin1StringView>
+
+// Server and client find the same settings file by these two names.
+inline constexpr QLatin1StringView kOrganizationName("Halvorn Media");
+inline constexpr QLatin1StringView kApplicationName("Zarvo Server");
+
+/** Gives the application object these names and the project's version. Called before anything reads a setting. */
+void nameApplication();
