@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // An agent that is ready at once, so that what a start takes is what the server takes. Installed as "start-agent", in
 // a session directory: tells its state on the socket, adds a password on SIGUSR1 and ends well on SIGTERM.
+#include "contract/sessiondirectory.h"
+
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -16,9 +18,9 @@ namespace {
 
 std::string passwords;
 
-void writeNumber(const char *name, int number)
+void writeNumber(QLatin1StringView name, int number)
 {
-    std::FILE *file = std::fopen(name, "w");
+    std::FILE *file = std::fopen(name.data(), "w");
     std::fprintf(file, "%d", number);
     std::fclose(file);
 }
@@ -26,7 +28,7 @@ void writeNumber(const char *name, int number)
 int displayNumber()
 {
     int number = 0;
-    std::FILE *file = std::fopen("display", "r");
+    std::FILE *file = std::fopen(SessionFile::kDisplay.data(), "r");
     const int read = std::fscanf(file, "%d", &number);
     std::fclose(file);
     if (read != 1) {
@@ -37,8 +39,10 @@ int displayNumber()
 
 int listenForServer(sockaddr_un *address)
 {
+    std::string path(kAgentSocketForm.data());
+    path.replace(path.find("%1"), 2, std::to_string(displayNumber()));
     address->sun_family = AF_UNIX;
-    std::snprintf(address->sun_path, sizeof address->sun_path, "/tmp/Xrdp_%d.sock", displayNumber());
+    path.copy(address->sun_path, sizeof address->sun_path - 1);
     ::unlink(address->sun_path);
     const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (::bind(listener, reinterpret_cast<sockaddr *>(address), sizeof *address) != 0 || ::listen(listener, 16) != 0) {
@@ -72,15 +76,15 @@ bool takeSignal(int descriptor)
 
 int main()
 {
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    ::sigaddset(&signals, SIGUSR1);
-    ::sigaddset(&signals, SIGTERM);
-    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
-    const int taken = ::signalfd(-1, &signals, SFD_CLOEXEC);
+    sigset_t handled;
+    ::sigemptyset(&handled);
+    ::sigaddset(&handled, SIGUSR1);
+    ::sigaddset(&handled, SIGTERM);
+    ::sigprocmask(SIG_BLOCK, &handled, nullptr);
+    const int taken = ::signalfd(-1, &handled, SFD_CLOEXEC);
     sockaddr_un address = {};
     const int listener = listenForServer(&address);
-    writeNumber("server_pid", ::getpid());
+    writeNumber(SessionFile::kServerPid, ::getpid());
     for (;;) {
         pollfd waiting[] = {{taken, POLLIN, 0}, {listener, POLLIN, 0}};
         ::poll(waiting, 2, -1);
@@ -92,5 +96,5 @@ int main()
         }
     }
     ::unlink(address.sun_path);
-    writeNumber("server_exit", 0);
+    writeNumber(SessionFile::kServerExit, 0);
 }

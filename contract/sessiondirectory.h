@@ -33,8 +33,10 @@ inline constexpr int kFirstAgentPort = 41000;
     return static_cast<quint16>(kFirstAgentPort + display);
 }
 
-/** The local socket on which the agent of this display tells its state. */
+/** The local socket on which an agent tells its state, with "%1" in place of the display number. */
+inline constexpr QLatin1StringView kAgentSocketForm("/tmp/Xrdp_%1.sock");
+
 [[nodiscard]] inline QString agentSocketPath(quint16 display)
 {
-    return QStringLiteral("/tmp/Xrdp_%1.sock").arg(display);
+    return QString(kAgentSocketForm).arg(display);
 }

@@ -17,18 +17,21 @@ bool isValidSessionId(const QString &id)
 
 QString sessionDirectory(const QString &root, const QString &id)
 {
-    return QDir(root).filePath(u"C-%1"_s.arg(id));
+    return QDir(root).filePath(kSessionDirectoryPrefix + id);
 }
 
 QString sessionIdFromPath(const QString &path)
 {
-    static const QRegularExpression pattern(u"\\AC-([a-fA-F0-9]{32})\\z"_s);
-    const QRegularExpressionMatch match = pattern.match(QFileInfo(path).baseName());
-    return match.hasMatch() ? match.captured(1) : QString();
+    const QString name = QFileInfo(path).baseName();
+    if (!name.startsWith(kSessionDirectoryPrefix)) {
+        return {};
+    }
+    const QString id = name.sliced(kSessionDirectoryPrefix.size());
+    return isValidSessionId(id) ? id : QString();
 }
 
-bool newSessionId(QString *id)
+bool newSessionId(QString *id, QString *error)
 {
-    QString error;
-    return randomHex(id, &error);
+    QString ignored;
+    return randomHex(id, error ? error : &ignored);
 }

@@ -1,24 +1,29 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QLatin1StringView>
 #include <QString>
 
 /*
- * A session is identified by 32 hexadecimal digits, whose case is kept. Its directory inside the sessions
- * directory is "C-" followed by them. All functions are callable from any thread.
+ * A session's id is 32 hexadecimal digits in the case that the client chose. Its directory, inside the sessions
+ * directory, is named after it. All functions are callable from any thread.
  */
+
+/** What stands before the id in the directory's name. */
+inline constexpr QLatin1StringView kSessionDirectoryPrefix("C-");
 
 [[nodiscard]] bool isValidSessionId(const QString &id);
 
-/** The path of the session's directory inside @p root; the identifier is not checked. */
+/** The path of the session's directory inside @p root; the id is not checked. */
 [[nodiscard]] QString sessionDirectory(const QString &root, const QString &id);
 
-/** The identifier that the last component of @p path names; a null string when it names none. */
+/** The id in the last component of @p path, up to its first full stop; a null string when there is none. */
 [[nodiscard]] QString sessionIdFromPath(const QString &path);
 
 /**
- * Makes an unguessable identifier.
- * @param id  set only on success
- * @return false when the system's random device could not be read
+ * Makes an id that nobody can guess.
+ *
+ * @param id     set only on success
+ * @param error  set only on failure, when the system's random device cannot be read; may be null
  */
-[[nodiscard]] bool newSessionId(QString *id);
+[[nodiscard]] bool newSessionId(QString *id, QString *error = nullptr);

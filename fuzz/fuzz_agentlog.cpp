@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "contract/sessiondirectory.h"
 #include "engine/agentlog.h"
 #include "engine/session.h"
 #include "fuzz/target.h"
@@ -17,7 +18,7 @@ namespace {
 QString writeLog(const QByteArray &content)
 {
     static const QTemporaryDir *const folder = new QTemporaryDir;
-    const QString path = folder->filePath(u"server_log"_s);
+    const QString path = folder->filePath(SessionFile::kServerLog);
     QFile file(path);
     FUZZ_CHECK(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
     return path;

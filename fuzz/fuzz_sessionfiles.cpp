@@ -2,6 +2,7 @@
 #include "base/idletimer.h"
 #include "contract/sessionerror.h"
 #include "contract/sessionid.h"
+#include "contract/userdirectory.h"
 #include "engine/session.h"
 #include "engine/sessionfiles.h"
 #include "engine/sessionloading.h"
@@ -49,7 +50,7 @@ public:
     [[nodiscard]] static QString path()
     {
         static const QTemporaryDir *const folder = new QTemporaryDir;
-        return folder->filePath(u"sessions"_s);
+        return folder->filePath(UserFile::kSessions);
     }
     [[nodiscard]] static QString session() { return sessionDirectory(path(), kId); }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "fuzz/fuzzedconnection.h"
 
+#include "contract/sessionid.h"
+#include "contract/userdirectory.h"
 #include "fuzz/target.h"
 #include "live/livemethod.h"
 #include "live/livemethods.h"
@@ -10,7 +12,6 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QRegularExpression>
 #include <QTemporaryDir>
 
 using namespace Qt::StringLiterals;
@@ -69,10 +70,9 @@ EmptySessionsDirectory::EmptySessionsDirectory()
 EmptySessionsDirectory::~EmptySessionsDirectory()
 {
     // Whatever ids are asked for, nothing is made anywhere else, nor under another name.
-    static const QRegularExpression sessionName(uR"(\AC-[0-9a-fA-F]{32}\z)"_s);
-    FUZZ_CHECK(namesIn(path() + u"/.."_s) == QStringList{u"sessions"_s});
+    FUZZ_CHECK(namesIn(path() + u"/.."_s) == QStringList{UserFile::kSessions});
     for (const QString &name : namesIn(path())) {
-        FUZZ_CHECK(sessionName.match(name).hasMatch());
+        FUZZ_CHECK(name == kSessionDirectoryPrefix + sessionIdFromPath(name));
     }
     QDir(path()).removeRecursively();
 }
@@ -80,7 +80,7 @@ EmptySessionsDirectory::~EmptySessionsDirectory()
 QString EmptySessionsDirectory::path()
 {
     static const QTemporaryDir *const folder = new QTemporaryDir;
-    return folder->filePath(u"sessions"_s);
+    return folder->filePath(UserFile::kSessions);
 }
 
 FuzzedConnection::FuzzedConnection()

@@ -3,6 +3,7 @@
 
 #include "base/idletimer.h"
 #include "base/signalcatcher.h"
+#include "contract/userdirectory.h"
 #include "discovery/udptalker.h"
 #include "engine/sessionfiles.h"
 #include "live/sessionstore.h"
@@ -52,7 +53,7 @@ int Server::run()
 bool Server::openLog(QString *error)
 {
     settings = Settings::read();
-    if (!logger.open(userFile(u"server_log"_s), error)) {
+    if (!logger.open(userFile(UserFile::kServerLog), error)) {
         return false;
     }
     Logging::setInstance(&logger);
@@ -76,7 +77,7 @@ bool Server::start(QString *error)
 bool Server::writePidFile(QString *error)
 {
     logMessage(LogDebug1, u"Writing the pid file"_s);
-    pidFile.setPath(userFile(u"server_pid"_s));
+    pidFile.setPath(userFile(UserFile::kServerPid));
     return writeNumberFile(pidFile.path(), QCoreApplication::applicationPid(), error);
 }
 
@@ -151,7 +152,7 @@ bool Server::listenForClients(QString *error)
 bool Server::writePortFile(QString *error)
 {
     logMessage(LogDebug1, u"Writing the port file"_s);
-    portFile.setPath(userFile(u"server_port"_s));
+    portFile.setPath(userFile(UserFile::kServerPort));
     return writeNumberFile(portFile.path(), listener->serverPort(), error);
 }
 
@@ -198,22 +199,22 @@ bool Server::setUpSignals(QString *error)
     return true;
 }
 
-QString Server::userFile(const QString &name) const
+QString Server::userFile(QLatin1StringView name) const
 {
     return QDir(settings.userPath).filePath(name);
 }
 
 QString Server::certificatePath() const
 {
-    return userFile(u"../server_cert"_s);
+    return userFile(UserFile::kCertificate);
 }
 
 QString Server::keyPath() const
 {
-    return userFile(u"../server_key"_s);
+    return userFile(UserFile::kPrivateKey);
 }
 
 QString Server::sessionsPath() const
 {
-    return userFile(u"sessions"_s);
+    return userFile(UserFile::kSessions);
 }

@@ -56,7 +56,7 @@ private:
     [[nodiscard]] bool startDiscovery(QString *error);
     [[nodiscard]] bool setUpSignals(QString *error);
 
-    [[nodiscard]] QString userFile(const QString &name) const;
+    [[nodiscard]] QString userFile(QLatin1StringView name) const;
     [[nodiscard]] QString certificatePath() const;
     [[nodiscard]] QString keyPath() const;
     [[nodiscard]] QString sessionsPath() const;

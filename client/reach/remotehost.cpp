@@ -3,6 +3,7 @@
 
 #include "client/reach/childrun.h"
 #include "client/terminal/textwidth.h"
+#include "contract/sessionid.h"
 #include "support/json.h"
 
 #include <QFile>
@@ -38,12 +39,6 @@ bool isSafe(const QString &name)
 {
     static const QRegularExpression form(u"\\A[A-Za-z0-9_][A-Za-z0-9_.:%-]*\\z"_s);
     return form.match(name).hasMatch();
-}
-
-bool isSessionId(const QString &id)
-{
-    static const QRegularExpression form(u"\\A[0-9A-Fa-f]{32}\\z"_s);
-    return form.match(id).hasMatch();
 }
 
 /** The host as it is written: for ssh, names in its settings are not the same in other letters. */
@@ -89,7 +84,7 @@ RemoteHost::~RemoteHost()
 
 bool RemoteHost::requestOffer(const QString &id, ConnectionOffer *offer, Failure *failure)
 {
-    if (!isSessionId(id)) {
+    if (!isValidSessionId(id)) {
         return fail(failure, ExitCode::NoSuchSession, u"\"%1\" is no id of a session."_s.arg(printable(id)));
     }
     ChildRun ssh;

@@ -2,6 +2,7 @@
 #include "client/server/serverfiles.h"
 
 #include "client/server/serverprocess.h"
+#include "contract/sessionid.h"
 #include "support/filereader.h"
 
 #include <QDir>
@@ -82,17 +83,17 @@ ServerFiles::ServerFiles(const QString &userPath)
 
 QString ServerFiles::certificatePath() const
 {
-    return QDir::cleanPath(file("../server_cert"));
+    return QDir::cleanPath(file(UserFile::kCertificate));
 }
 
 QString ServerFiles::keyPath() const
 {
-    return QDir::cleanPath(file("../server_key"));
+    return QDir::cleanPath(file(UserFile::kPrivateKey));
 }
 
 QString ServerFiles::sessionDirectory(const QString &id) const
 {
-    return QDir(sessionsPath()).filePath(u"C-"_s + id);
+    return ::sessionDirectory(sessionsPath(), id);
 }
 
 ServerSighting ServerFiles::look() const
@@ -159,7 +160,7 @@ ServerSighting ServerFiles::glance() const
     return sighting;
 }
 
-QString ServerFiles::file(const char *name) const
+QString ServerFiles::file(QLatin1StringView name) const
 {
-    return QDir(path).filePath(QString::fromLatin1(name));
+    return QDir(path).filePath(name);
 }

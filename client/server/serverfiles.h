@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "contract/userdirectory.h"
+
 #include <QString>
 
 /** What the files of the user path tell about the server. */
@@ -36,10 +38,10 @@ public:
     explicit ServerFiles(const QString &userPath);
 
     [[nodiscard]] QString userPath() const { return path; }
-    [[nodiscard]] QString portPath() const { return file("server_port"); }
-    [[nodiscard]] QString pidPath() const { return file("server_pid"); }
-    [[nodiscard]] QString logPath() const { return file("server_log"); }
-    [[nodiscard]] QString sessionsPath() const { return file("sessions"); }
+    [[nodiscard]] QString portPath() const { return file(UserFile::kServerPort); }
+    [[nodiscard]] QString pidPath() const { return file(UserFile::kServerPid); }
+    [[nodiscard]] QString logPath() const { return file(UserFile::kServerLog); }
+    [[nodiscard]] QString sessionsPath() const { return file(UserFile::kSessions); }
     [[nodiscard]] QString certificatePath() const;
     [[nodiscard]] QString keyPath() const;
 
@@ -51,7 +53,7 @@ public:
 
 private:
     [[nodiscard]] ServerSighting glance() const;
-    [[nodiscard]] QString file(const char *name) const;
+    [[nodiscard]] QString file(QLatin1StringView name) const;
 
     QString path;
 };

@@ -2,6 +2,7 @@
 #include "client/sessions/sessiondirectories.h"
 
 #include "client/sessions/sessiontarget.h"
+#include "contract/sessionid.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -10,15 +11,13 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr auto kDirectoryPrefix = "C-"_L1;
-
 SessionList sessionsOnDisk(const ServerFiles &files)
 {
     SessionList sessions;
-    const QStringList names = QDir(files.sessionsPath()).entryList({kDirectoryPrefix + u'*'}, QDir::Dirs);
+    const QStringList names = QDir(files.sessionsPath()).entryList({kSessionDirectoryPrefix + u'*'}, QDir::Dirs);
     for (const QString &name : names) {
         SessionEntry entry;
-        entry.id = name.sliced(kDirectoryPrefix.size());
+        entry.id = name.sliced(kSessionDirectoryPrefix.size());
         sessions.append(entry);
     }
     return sessions;

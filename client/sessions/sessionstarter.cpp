@@ -5,7 +5,8 @@
 #include "client/sessions/logtail.h"
 #include "client/terminal/progress.h"
 #include "client/terminal/textwidth.h"
-#include "support/randomdata.h"
+#include "contract/sessiondirectory.h"
+#include "contract/sessionid.h"
 
 #include <QDir>
 
@@ -29,7 +30,7 @@ void addAgentLog(const ServerFiles &files, const QString &id, Failure *failure)
 {
     QString log;
     QString error;
-    const QString path = QDir(files.sessionDirectory(id)).filePath(u"server_log"_s);
+    const QString path = QDir(files.sessionDirectory(id)).filePath(SessionFile::kServerLog);
     if (readTail(path, kLogLines, &log, &error) && !log.isEmpty()) {
         failure->text += u"\nThe end of the agent's log, %1:\n%2"_s.arg(path, shownLines(withoutPasswords(log)));
     }
@@ -54,7 +55,7 @@ bool startSession(ClientContext &context, const QStringList &command, const QStr
 {
     ConnectionOffer made;
     QString error;
-    if (!randomHex(&made.id, &error)) {
+    if (!newSessionId(&made.id, &error)) {
         return fail(failure, ExitCode::SessionFailed, error);
     }
     const QString commandText = commandLine(command);

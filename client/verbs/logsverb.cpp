@@ -3,6 +3,7 @@
 
 #include "client/sessions/logtail.h"
 #include "client/sessions/sessiondirectories.h"
+#include "contract/sessiondirectory.h"
 
 #include <QDir>
 
@@ -37,7 +38,8 @@ ExitCode LogsVerb::run(const QCommandLineParser &line, ClientContext &context)
     QString text;
     QString error;
     const bool isApp = line.isSet(u"app"_s);
-    if (!readTail(QDir(directory).filePath(isApp ? u"app_log"_s : u"server_log"_s), lines, &text, &error)) {
+    if (!readTail(QDir(directory).filePath(isApp ? SessionFile::kAppLog : SessionFile::kServerLog), lines, &text,
+                  &error)) {
         return context.console.report(fileFailure(directory, {ExitCode::SessionFailed, error + u'.'}));
     }
     context.console.printForeign(isApp ? text : withoutPasswords(text));

@@ -6,6 +6,7 @@
 #include "client/sessions/sessiondirectories.h"
 #include "client/terminal/interruption.h"
 #include "client/terminal/progress.h"
+#include "contract/sessiondirectory.h"
 #include "support/filereader.h"
 
 #include <QDir>
@@ -28,7 +29,7 @@ bool readDisplay(const QString &directory, QString *display, Failure *failure)
 {
     QByteArray text;
     QString error;
-    if (!readFile(QDir(directory).filePath(u"display"_s), kMaxNumberBytes, &text, &error)) {
+    if (!readFile(QDir(directory).filePath(SessionFile::kDisplay), kMaxNumberBytes, &text, &error)) {
         return fail(failure, ExitCode::SessionFailed, error + u'.');
     }
     bool isNumber = false;
@@ -52,7 +53,7 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
     const Interruption interruption;
     const Progress progress(u"Taking a picture"_s);
     ChildRun child;
-    const bool ended = child.run({program, display, QDir(directory).filePath(u"authority"_s), part}, kTimeout);
+    const bool ended = child.run({program, display, QDir(directory).filePath(SessionFile::kAuthority), part}, kTimeout);
     if (ended && child.exitCode() == 0 &&
         std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) == 0) {
         return true;
