@@ -1,26 +1,28 @@
 // SPDX-License-Identifier: MIT
 #include "live/sessionlease.h"
 
+#include "base/logging.h"
 #include "engine/displays.h"
 #include "engine/session.h"
-#include "live/sessionstore.h"
+#include "live/sessiondirectoryremoval.h"
+#include "live/sessionregistry.h"
 
-SessionLease::SessionLease(SessionStore *store_, const QString &id_)
-    : store(store_)
+SessionLease::SessionLease(SessionRegistry *registry_, const QString &id_)
+    : registry(registry_)
     , id(id_)
 {
-    acquireCode = store->acquire(id, session);
+    acquireCode = registry->acquire(id, &session);
 }
 
-SessionLease::SessionLease(SessionStore *store_, const QString &id_, IfFree)
-    : store(store_)
+SessionLease::SessionLease(SessionRegistry *registry_, const QString &id_, IfFree)
+    : registry(registry_)
     , id(id_)
 {
-    acquireCode = store->tryAcquire(id, session);
+    acquireCode = registry->tryAcquire(id, &session);
 }
 
-SessionLease::SessionLease(SessionStore *store_, const QString &id_, Session *session_)
-    : store(store_)
+SessionLease::SessionLease(SessionRegistry *registry_, const QString &id_, Session *session_)
+    : registry(registry_)
     , id(id_)
     , session(session_)
 {
@@ -29,18 +31,28 @@ SessionLease::SessionLease(SessionStore *store_, const QString &id_, Session *se
 SessionLease::~SessionLease()
 {
     if (session) {
-        store->release(id);
+        registry->release(id);
     }
 }
 
 void SessionLease::remove()
 {
-    // Before the registry lets go of the display's number, so that no new session's files can be meant.
+    // Before the registry gives the display's number back: these files must not be those of a new session.
     if (session->exited) {
         removeStaleDisplayFiles(session->display);
     }
     session = nullptr;
-    store->removeSession(id);
+    registry->removeSession(id);
+}
+
+void SessionLease::removeEnded()
+{
+    // A session that failed keeps its files, so that its user can read why.
+    QString error;
+    if (session->exitCode == 0 && !removeSessionDirectory(session->directory, error)) {
+        logMessage(LogWarning, error);
+    }
+    remove();
 }
 
 int SessionLease::removeIfBroken(int failure)

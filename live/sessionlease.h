@@ -4,12 +4,11 @@
 #include <QString>
 
 struct Session;
-class SessionStore;
+class SessionRegistry;
 
 /**
- * The right to work on one session while everybody else waits: ends in exactly one release() or
- * removeSession() of the registry, on every way out of the scope that holds it. Used by the thread that made
- * it.
+ * The right to work on one session while everybody else waits: ends in exactly one release() or removeSession() of the
+ * registry, on every way out of the scope that holds it. Used by the thread that made it.
  */
 class SessionLease final
 {
@@ -19,15 +18,14 @@ public:
     {
     };
 
-    /** Waits until nobody works on the session and takes it; code() tells whether that came to pass. */
-    SessionLease(SessionStore *store, const QString &id);
-    /** Takes the session only if nobody works on it. */
-    SessionLease(SessionStore *store, const QString &id, IfFree);
+    /** Waits until nobody works on the session and takes it; code() says whether that worked. */
+    SessionLease(SessionRegistry *registry, const QString &id);
+    /** Takes the session for a peek, and only if nobody works on it. */
+    SessionLease(SessionRegistry *registry, const QString &id, IfFree);
     /** Takes over an id that is busy on the caller's behalf already. */
-    SessionLease(SessionStore *store, const QString &id, Session *session);
+    SessionLease(SessionRegistry *registry, const QString &id, Session *session);
     ~SessionLease();
-    SessionLease(const SessionLease &) = delete;
-    SessionLease &operator=(const SessionLease &) = delete;
+    Q_DISABLE_COPY_MOVE(SessionLease)
 
     /** SessionOk, or why there is no session to work on. */
     [[nodiscard]] int code() const { return acquireCode; }
@@ -42,11 +40,14 @@ public:
      */
     void remove();
 
+    /** The same for a session that has ended. When it ended well its directory goes as well; failures are logged. */
+    void removeEnded();
+
     /** Ends the lease after an operation that failed with @p failure: a broken session is removed. */
     int removeIfBroken(int failure);
 
 private:
-    SessionStore *store;
+    SessionRegistry *registry; ///< not owned
     QString id;
     Session *session = nullptr; ///< null when there is nothing to give back
     int acquireCode = 0;

@@ -1,33 +1,29 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "engine/displays.h"
+#include "live/peerlists.h"
+#include "live/sessionactions.h"
 #include "live/sessioninfo.h"
+#include "live/sessionregistry.h"
 
 #include <QDateTime>
 #include <QList>
-#include <QMap>
-#include <QMutex>
-#include <QSet>
 #include <QString>
 #include <QStringList>
-#include <QWaitCondition>
 
-#include <map>
 #include <memory>
 #include <optional>
 
 struct Session;
 
 /**
- * The registry of this server's sessions, and of the lists that peers reported. All work on one session is
- * serialised by a busy mark on its id, so that the one mutex is never held across an engine operation;
- * different sessions proceed in parallel. Every registered session holds the idle timer.
+ * All that the server does with sessions: its own ones, which it keeps in the registry, and the lists that peers
+ * reported.
  *
  * Created on the main thread; every other function may be called from any thread. Codes are SessionOk or a
  * SessionError.
  */
-class SessionStore
+class SessionStore final
 {
 public:
     /**
@@ -40,30 +36,19 @@ public:
     ~SessionStore();
     Q_DISABLE_COPY_MOVE(SessionStore)
 
-    /** Whether somebody works on this id at the moment. */
-    [[nodiscard]] bool isBusy(const QString &id) const;
-    /**
-     * Waits, without a limit, until nobody works on the id and marks it busy for the caller.
-     * @param session  set only on success; the caller's until release() or removeSession()
-     */
-    [[nodiscard]] int acquire(const QString &id, Session *&session);
-    /**
-     * The same without waiting, for a short look at the session: InvalidState when somebody works on the id. A start
-     * waits for the end of such a look, where it refuses an id that is busy otherwise.
-     */
-    [[nodiscard]] int tryAcquire(const QString &id, Session *&session);
-    void release(const QString &id);
-    /** Registers the session, busy for the caller. An earlier one of this id, which nobody may hold, is deleted. */
+    /** The registry's functions of the same names. */
+    [[nodiscard]] bool isBusy(const QString &id) const { return registry.isBusy(id); }
+    [[nodiscard]] int acquire(const QString &id, Session *&session) { return registry.acquire(id, &session); }
+    [[nodiscard]] int tryAcquire(const QString &id, Session *&session) { return registry.tryAcquire(id, &session); }
+    void release(const QString &id) { registry.release(id); }
     void addSession(const QString &id, std::unique_ptr<Session> session);
-    /** Takes the session out; the caller decides about the record that is returned. */
     std::unique_ptr<Session> removeSession(const QString &id);
-    /** The ids of all sessions in ascending order. */
-    [[nodiscard]] QStringList sessionIds() const;
+    [[nodiscard]] QStringList sessionIds() const { return registry.sessionIds(); }
 
     /**
      * Refreshes every session, drops those that are gone, and lists peers' sessions, then the local ones. A session
      * that somebody works on is listed as it was the last time, or at the end of its start, and not at all before that:
-     * an action may take half a minute, for which this pass would hold up the main thread. One thread at a time may
+     * an action may take half a minute, and this pass would hold up the main thread as long. One thread at a time may
      * call it.
      */
     void refreshAll(QList<SessionInfo> &out);
@@ -100,38 +85,11 @@ public:
     [[nodiscard]] QList<SessionInfo> remoteSessions() const;
 
 private:
-    /** A registered session: its display number is reserved until it leaves the registry. */
-    struct Entry
-    {
-        std::unique_ptr<Session> session;
-        std::optional<SessionInfo> listed; ///< as the last refreshAll() listed it, or as its start left it
-    };
-
-    void scan();
-    [[nodiscard]] QStringList load(const QStringList &paths);
-    void insert(const QString &id, std::unique_ptr<Session> session);
-    void releaseDisplay(const Entry &entry);
-    [[nodiscard]] bool reserve(const QString &id);
-    [[nodiscard]] int startReserved(const QString &id, const QString &command, const QString &geometry,
-                                    QString &password, quint16 &port);
     [[nodiscard]] std::optional<SessionInfo> refreshOne(const QString &id);
-    [[nodiscard]] std::optional<SessionInfo> lastListed(const QString &id) const;
-    void setListed(const QString &id, const SessionInfo &info);
-    [[nodiscard]] int markBusy(const QString &id, Session *&session);
-    void unmarkBusy(const QString &id);
-    [[nodiscard]] int appendLocalSessions(QList<SessionInfo> &out);
+    [[nodiscard]] int appendLocalSessions(QList<SessionInfo> *out);
 
-    const QString root;
-    const quint16 displayBase;
-    const quint16 displayLimit;
     const QString location;
-    DisplayReservations reservations; ///< has a mutex of its own
-
-    mutable QMutex mutex; ///< guards all below
-    QWaitCondition changed;
-    std::map<QString, Entry> sessions;
-    QMap<QString, QDateTime> remoteExpiry;
-    QMap<QString, QList<SessionInfo>> remoteLists;
-    QSet<QString> busy;    ///< ids that one caller works on, or is about to register
-    QSet<QString> glances; ///< those of them that tryAcquire() has marked
+    SessionRegistry registry;
+    PeerLists peers;
+    SessionActions actions;
 };

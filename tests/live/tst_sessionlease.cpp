@@ -3,13 +3,12 @@
 #include "contract/sessionerror.h"
 #include "engine/session.h"
 #include "live/sessionlease.h"
-#include "live/sessionstore.h"
+#include "live/sessionregistry.h"
 #include "tests/helpers/collectinglogger.h"
 #include "tests/live/backgroundtask.h"
 #include "tests/live/livesession.h"
 #include "tests/testmain.h"
 
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <atomic>
@@ -41,25 +40,24 @@ private slots:
 
 private:
     const QString id = testId(1);
-    QTemporaryDir folder;
     std::unique_ptr<CollectingLogger> logger;
-    std::unique_ptr<SessionStore> store;
+    std::unique_ptr<SessionRegistry> registry;
     Session *record = nullptr;
 };
 
 void TestSessionLease::init()
 {
     logger = std::make_unique<CollectingLogger>();
-    store = std::make_unique<SessionStore>(folder.path(), quint16(0), quint16(0), QString());
+    registry = std::make_unique<SessionRegistry>();
     auto session = std::make_unique<Session>();
     record = session.get();
-    store->addSession(id, std::move(session));
-    store->release(id);
+    registry->addSession(id, std::move(session));
+    registry->release(id);
 }
 
 void TestSessionLease::cleanup()
 {
-    store.reset();
+    registry.reset();
     QCOMPARE(TEST_heldSessions(), 0);
     logger.reset();
 }
@@ -67,17 +65,17 @@ void TestSessionLease::cleanup()
 void TestSessionLease::sessionIsBusyWithinTheScope()
 {
     {
-        const SessionLease lease(store.get(), id);
+        const SessionLease lease(registry.get(), id);
         QCOMPARE(lease.code(), SessionOk);
-        QVERIFY(store->isBusy(id));
+        QVERIFY(registry->isBusy(id));
     }
-    QVERIFY(!store->isBusy(id));
-    QCOMPARE(store->sessionIds(), QStringList{id});
+    QVERIFY(!registry->isBusy(id));
+    QCOMPARE(registry->sessionIds(), QStringList{id});
 }
 
 void TestSessionLease::leaseGivesAccessToTheRecord()
 {
-    const SessionLease lease(store.get(), id);
+    const SessionLease lease(registry.get(), id);
     QCOMPARE(lease.get(), record);
     QCOMPARE(&*lease, record);
     lease->clients = 7;
@@ -86,20 +84,20 @@ void TestSessionLease::leaseGivesAccessToTheRecord()
 
 void TestSessionLease::unknownSessionHasNoLease()
 {
-    const SessionLease lease(store.get(), testId(2));
+    const SessionLease lease(registry.get(), testId(2));
     QCOMPARE(lease.code(), NoSuchSession);
     QVERIFY(!lease.get());
-    QVERIFY(!store->isBusy(testId(2)));
+    QVERIFY(!registry->isBusy(testId(2)));
 }
 
 void TestSessionLease::failedLeaseReleasesNothing()
 {
-    const SessionLease holder(store.get(), id);
+    const SessionLease holder(registry.get(), id);
     {
-        const SessionLease second(store.get(), id, SessionLease::IfFree());
+        const SessionLease second(registry.get(), id, SessionLease::IfFree());
         QVERIFY(second.code() != SessionOk);
     }
-    QVERIFY(store->isBusy(id));
+    QVERIFY(registry->isBusy(id));
 }
 
 void TestSessionLease::leaseWaitsForTheHolder()
@@ -107,9 +105,9 @@ void TestSessionLease::leaseWaitsForTheHolder()
     std::atomic<bool> isReleased = false;
     std::atomic<bool> cameAfterTheRelease = false;
     std::atomic<int> code = UnknownError;
-    auto holder = std::make_unique<SessionLease>(store.get(), id);
+    auto holder = std::make_unique<SessionLease>(registry.get(), id);
     const BackgroundTask second([&] {
-        const SessionLease lease(store.get(), id);
+        const SessionLease lease(registry.get(), id);
         cameAfterTheRelease = isReleased.load();
         code = lease.code();
     });
@@ -120,14 +118,14 @@ void TestSessionLease::leaseWaitsForTheHolder()
     QVERIFY(isBlocked);
     QVERIFY(cameAfterTheRelease);
     QCOMPARE(code.load(), int(SessionOk));
-    QVERIFY(!store->isBusy(id));
+    QVERIFY(!registry->isBusy(id));
 }
 
 void TestSessionLease::sessionRemovedMeanwhileHasNoLease()
 {
     std::atomic<int> code = SessionOk;
-    auto holder = std::make_unique<SessionLease>(store.get(), id);
-    const BackgroundTask second([&] { code = SessionLease(store.get(), id).code(); });
+    auto holder = std::make_unique<SessionLease>(registry.get(), id);
+    const BackgroundTask second([&] { code = SessionLease(registry.get(), id).code(); });
     const bool isBlocked = second.waitUntilBlocked();
     holder->remove();
     QVERIFY(second.waitUntilDone());
@@ -138,74 +136,74 @@ void TestSessionLease::sessionRemovedMeanwhileHasNoLease()
 void TestSessionLease::ifFreeTakesAFreeSession()
 {
     {
-        const SessionLease lease(store.get(), id, SessionLease::IfFree());
+        const SessionLease lease(registry.get(), id, SessionLease::IfFree());
         QCOMPARE(lease.code(), SessionOk);
         QCOMPARE(lease.get(), record);
-        QVERIFY(store->isBusy(id));
+        QVERIFY(registry->isBusy(id));
     }
-    QVERIFY(!store->isBusy(id));
+    QVERIFY(!registry->isBusy(id));
 }
 
 void TestSessionLease::ifFreeDoesNotWait()
 {
-    const SessionLease holder(store.get(), id);
-    const SessionLease lease(store.get(), id, SessionLease::IfFree());
+    const SessionLease holder(registry.get(), id);
+    const SessionLease lease(registry.get(), id, SessionLease::IfFree());
     QCOMPARE(lease.code(), InvalidState);
     QVERIFY(!lease.get());
 }
 
 void TestSessionLease::ifFreeKnowsNoUnknownSession()
 {
-    const SessionLease lease(store.get(), testId(2), SessionLease::IfFree());
+    const SessionLease lease(registry.get(), testId(2), SessionLease::IfFree());
     QCOMPARE(lease.code(), NoSuchSession);
     QVERIFY(!lease.get());
-    QVERIFY(!store->isBusy(testId(2)));
+    QVERIFY(!registry->isBusy(testId(2)));
 }
 
 void TestSessionLease::takenOverSessionIsReleased()
 {
     auto session = std::make_unique<Session>();
     Session *added = session.get();
-    store->addSession(testId(2), std::move(session));
+    registry->addSession(testId(2), std::move(session));
     {
-        const SessionLease lease(store.get(), testId(2), added);
+        const SessionLease lease(registry.get(), testId(2), added);
         QCOMPARE(lease.code(), SessionOk);
         QCOMPARE(lease.get(), added);
-        QVERIFY(store->isBusy(testId(2)));
+        QVERIFY(registry->isBusy(testId(2)));
     }
-    QVERIFY(!store->isBusy(testId(2)));
-    QCOMPARE(store->sessionIds(), (QStringList{id, testId(2)}));
+    QVERIFY(!registry->isBusy(testId(2)));
+    QCOMPARE(registry->sessionIds(), (QStringList{id, testId(2)}));
 }
 
 void TestSessionLease::removeEndsTheLease()
 {
-    SessionLease lease(store.get(), id);
+    SessionLease lease(registry.get(), id);
     lease.remove();
     QVERIFY(!lease.get());
-    QVERIFY(!store->isBusy(id));
-    QCOMPARE(store->sessionIds(), QStringList());
+    QVERIFY(!registry->isBusy(id));
+    QCOMPARE(registry->sessionIds(), QStringList());
     QCOMPARE(TEST_heldSessions(), 0);
 }
 
 void TestSessionLease::removeDoesNotReleaseTheNextHolder()
 {
     {
-        SessionLease lease(store.get(), id);
+        SessionLease lease(registry.get(), id);
         lease.remove();
-        store->addSession(id, std::make_unique<Session>());
+        registry->addSession(id, std::make_unique<Session>());
     }
-    QVERIFY(store->isBusy(id));
+    QVERIFY(registry->isBusy(id));
 }
 
 void TestSessionLease::brokenSessionIsRemovedAfterAFailure()
 {
     {
-        SessionLease lease(store.get(), id);
+        SessionLease lease(registry.get(), id);
         lease->broken = true;
         QCOMPARE(lease.removeIfBroken(ReadFailed), ReadFailed);
         QVERIFY(!lease.get());
-        QCOMPARE(store->sessionIds(), QStringList());
-        QVERIFY(!store->isBusy(id));
+        QCOMPARE(registry->sessionIds(), QStringList());
+        QVERIFY(!registry->isBusy(id));
     }
     QCOMPARE(TEST_heldSessions(), 0);
 }
@@ -213,12 +211,12 @@ void TestSessionLease::brokenSessionIsRemovedAfterAFailure()
 void TestSessionLease::soundSessionSurvivesAFailure()
 {
     {
-        SessionLease lease(store.get(), id);
+        SessionLease lease(registry.get(), id);
         QCOMPARE(lease.removeIfBroken(TimedOut), TimedOut);
-        QVERIFY(store->isBusy(id));
+        QVERIFY(registry->isBusy(id));
     }
-    QVERIFY(!store->isBusy(id));
-    QCOMPARE(store->sessionIds(), QStringList{id});
+    QVERIFY(!registry->isBusy(id));
+    QCOMPARE(registry->sessionIds(), QStringList{id});
     QCOMPARE(TEST_heldSessions(), 1);
 }
 
