@@ -3,7 +3,7 @@
 #include "contract/application.h"
 #include "engine/agentlog.h"
 #include "engine/session.h"
-#include "live/getversionmethod.h"
+#include "live/livemethods.h"
 #include "live/sessioninfo.h"
 #include "rpc/handler.h"
 #include "rpc/netstring.h"
@@ -46,7 +46,7 @@ void decodeFrame(benchmark::State &state)
 void handleRequest(benchmark::State &state)
 {
     QBuffer device;
-    Handler handler(&device, {{u"Live.GetVersion"_s, new GetVersionMethod(nullptr)}}, nullptr);
+    Handler handler(&device, makeLiveMethods(nullptr), nullptr);
     const QByteArray payload(kGetVersion);
     for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(handler.processMessage(payload));

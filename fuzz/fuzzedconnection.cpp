@@ -4,54 +4,58 @@
 #include "contract/sessionid.h"
 #include "contract/userdirectory.h"
 #include "fuzz/target.h"
-#include "live/livemethod.h"
 #include "live/livemethods.h"
 #include "rpc/handler.h"
 #include "rpc/netstring.h"
+#include "rpc/rpcmethod.h"
 #include "tests/rpc/fakedevice.h"
 
 #include <QCoreApplication>
 #include <QDir>
 #include <QTemporaryDir>
 
+#include <functional>
+
 using namespace Qt::StringLiterals;
 
 namespace {
 
-class TickMethod final : public LiveMethod
+/** What the server does by itself, as a method. */
+class OwnWork final : public RpcMethod
 {
 public:
-    using LiveMethod::LiveMethod;
+    explicit OwnWork(std::function<Json::Value()> work_)
+        : work(std::move(work_))
+    {
+    }
 
     bool execute(const Json::Value &, Json::Value &result) override
     {
-        FakeAgents::instance().viewersCome();
-        QList<SessionInfo> sessions;
-        store->refreshAll(sessions);
-        result = sessionListToJson(sessions);
+        result = work();
         return true;
     }
     [[nodiscard]] Json::Value describe() const override { return {}; }
+
+private:
+    const std::function<Json::Value()> work;
 };
 
-class IdleMethod final : public LiveMethod
+Json::Value refresh(SessionStore *store)
 {
-public:
-    using LiveMethod::LiveMethod;
-
-    bool execute(const Json::Value &, Json::Value &) override
-    {
-        store->suspendIdle(0);
-        return true;
-    }
-    [[nodiscard]] Json::Value describe() const override { return {}; }
-};
+    FakeAgents::instance().viewersCome();
+    QList<SessionInfo> sessions;
+    store->refreshAll(sessions);
+    return sessionListToJson(sessions);
+}
 
 QMap<QString, RpcMethod *> allMethods(SessionStore *store)
 {
     QMap<QString, RpcMethod *> methods = makeLiveMethods(store);
-    methods.insert(u"Tick"_s, new TickMethod(store));
-    methods.insert(u"Idle"_s, new IdleMethod(store));
+    methods.insert(u"Tick"_s, new OwnWork([store] { return refresh(store); }));
+    methods.insert(u"Idle"_s, new OwnWork([store] {
+                       store->suspendIdle(0);
+                       return Json::Value();
+                   }));
     return methods;
 }
 

@@ -2,11 +2,9 @@
 #include "live/livemethod.h"
 
 #include "contract/sessionerror.h"
-#include "live/sessionstore.h"
 #include "support/json.h"
 
-#include <algorithm>
-#include <vector>
+#include <optional>
 
 namespace {
 
@@ -14,101 +12,63 @@ namespace {
 constexpr int kSessionErrorBase = -32000;
 constexpr int kInvalidParameters = -32602;
 
-bool isString(const Json::Value &value)
+using Parameters = std::span<const LiveMethodEntry::Parameter>;
+
+/** One parameter, by position where @p params is an array; null when it is missing. */
+Json::Value valueOf(const Json::Value &params, Parameters parameters, size_t index)
 {
-    return value.isString();
+    if (!params.isArray()) {
+        return member(params, parameters[index].name);
+    }
+    return index < params.size() ? params[static_cast<Json::ArrayIndex>(index)] : Json::Value();
 }
 
-QStringList toStringList(const std::vector<Json::Value> &values)
+/** The values of all parameters, by position or by name; nothing unless all are there and strings. */
+std::optional<QStringList> readParameters(const Json::Value &params, Parameters parameters)
 {
-    QStringList texts;
-    for (const Json::Value &value : values) {
-        texts.append(stringFromJson(value));
+    QStringList values;
+    for (size_t index = 0; index < parameters.size(); ++index) {
+        const Json::Value value = valueOf(params, parameters, index);
+        if (!value.isString()) {
+            return std::nullopt;
+        }
+        values.append(stringFromJson(value));
     }
-    return texts;
+    return values;
 }
 
 } // namespace
 
-LiveMethod::LiveMethod(SessionStore *store_)
+LiveMethod::LiveMethod(const LiveMethodEntry &entry_, SessionStore *store_)
     : store(store_)
+    , entry(entry_)
 {
 }
 
-Json::Value LiveMethod::describeMethod(const char *description, std::initializer_list<Parameter> parameters,
-                                       const char *returns)
+bool LiveMethod::execute(const Json::Value &params, Json::Value &result)
+{
+    const std::optional<QStringList> values = readParameters(params, entry.parameters);
+    if (!values) {
+        result = rpcError(kInvalidParameters, "Invalid parameters.");
+        return false;
+    }
+    if (const int code = act(*values, &result); code != SessionOk) {
+        result = rpcError(code + kSessionErrorBase, errorMessage(code).toUtf8().constData());
+        return false;
+    }
+    return true;
+}
+
+Json::Value LiveMethod::describe() const
 {
     Json::Value method(Json::objectValue);
-    method["description"] = description;
+    method["description"] = entry.description;
     method["parameters"] = Json::nullValue;
-    for (const Parameter &parameter : parameters) {
+    for (const LiveMethodEntry::Parameter &parameter : entry.parameters) {
         Json::Value &described = method["parameters"][parameter.name];
         described["type"] = "string";
         described["description"] = parameter.description;
     }
-    method["returns"] = returns ? Json::Value(returns) : Json::Value();
+    method["returns"] = entry.returns ? Json::Value(entry.returns) : Json::Value();
     return method;
-}
-
-std::optional<QStringList> LiveMethod::readParameters(const Json::Value &params,
-                                                      std::initializer_list<const char *> names)
-{
-    std::vector<Json::Value> values;
-    if (params.isArray() && params.size() >= names.size()) {
-        for (Json::ArrayIndex index = 0; index < names.size(); ++index) {
-            values.push_back(params[index]);
-        }
-    } else if (params.isObject()) {
-        for (const char *name : names) {
-            values.push_back(member(params, name));
-        }
-    }
-    if (values.size() != names.size() || !std::all_of(values.begin(), values.end(), isString)) {
-        return std::nullopt;
-    }
-    return toStringList(values);
-}
-
-bool LiveMethod::answerConnection(const Json::Value &params, ConnectionAction action, Json::Value &result)
-{
-    const std::optional<QStringList> values = readParameters(params, {"id"});
-    if (!values) {
-        return failParameters(result);
-    }
-    QString windowMode;
-    QString geometry;
-    QString password;
-    quint16 port = 0;
-    if (const int code = (store->*action)(values->at(0), windowMode, geometry, password, port); code != SessionOk) {
-        return failSession(code, result);
-    }
-    result["windowMode"] = jsonString(windowMode);
-    result["geometry"] = jsonString(geometry);
-    result["password"] = jsonString(password);
-    result["port"] = port;
-    return true;
-}
-
-bool LiveMethod::answerNothing(const Json::Value &params, PlainAction action, Json::Value &result)
-{
-    const std::optional<QStringList> values = readParameters(params, {"id"});
-    if (!values) {
-        return failParameters(result);
-    }
-    if (const int code = (store->*action)(values->at(0)); code != SessionOk) {
-        return failSession(code, result);
-    }
-    return true;
-}
-
-bool LiveMethod::failParameters(Json::Value &result)
-{
-    result = rpcError(kInvalidParameters, "Invalid parameters.");
-    return false;
-}
-
-bool LiveMethod::failSession(int code, Json::Value &result)
-{
-    result = rpcError(code + kSessionErrorBase, errorMessage(code).toUtf8().constData());
-    return false;
 }

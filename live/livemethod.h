@@ -5,49 +5,52 @@
 
 #include <QStringList>
 
-#include <initializer_list>
-#include <optional>
+#include <span>
 
+class LiveMethod;
 class SessionStore;
 
-/**
- * What the methods on sessions have in common. They keep nothing but the registry, which they do not own, so
- * that one object may run on several pool threads at once.
- */
-class LiveMethod : public RpcMethod
+/** What the table of methods says of one method. A constant that lives as long as the program. */
+struct LiveMethodEntry
 {
-public:
-    explicit LiveMethod(SessionStore *store);
-
-protected:
+    /** Every parameter is a string. */
     struct Parameter
     {
         const char *name;
         const char *description;
     };
 
-    /** The texts for "system.describe"; a null @p returns says that there is no result. */
-    [[nodiscard]] static Json::Value describeMethod(const char *description,
-                                                    std::initializer_list<Parameter> parameters, const char *returns);
+    const char *name;                                                       ///< as clients call it
+    LiveMethod *(*make)(const LiveMethodEntry &entry, SessionStore *store); ///< a new object of the method's class
+    const char *description;
+    std::span<const Parameter> parameters;
+    const char *returns; ///< what the answer is; null when it is always null
+};
 
-    /** The values of these parameters, all strings, by position or by name; nothing when they are not all there. */
-    [[nodiscard]] static std::optional<QStringList> readParameters(const Json::Value &params,
-                                                                   std::initializer_list<const char *> names);
+/**
+ * What the methods on sessions have in common: the parameters, the description, the error objects. A method keeps
+ * nothing but its entry and the SessionStore, which it does not own, so that one object may run on several pool threads
+ * at once.
+ */
+class LiveMethod : public RpcMethod
+{
+public:
+    LiveMethod(const LiveMethodEntry &entry, SessionStore *store);
 
-    /*
-     * Whole methods that take an "id" and differ in the registry's action alone.
+    bool execute(const Json::Value &params, Json::Value &result) final;
+    [[nodiscard]] Json::Value describe() const final;
+
+protected:
+    /**
+     * Does what the method is for.
+     * @param values  the parameters in the order of the entry
+     * @param result  null on entry; the answer, which counts only on success
+     * @return SessionOk or a SessionError
      */
-    using ConnectionAction = int (SessionStore::*)(const QString &id, QString &windowMode, QString &geometry,
-                                                   QString &password, quint16 &port);
-    using PlainAction = int (SessionStore::*)(const QString &id);
-    /** Answers with what a client needs to connect. */
-    [[nodiscard]] bool answerConnection(const Json::Value &params, ConnectionAction action, Json::Value &result);
-    /** Answers with null. */
-    [[nodiscard]] bool answerNothing(const Json::Value &params, PlainAction action, Json::Value &result);
+    [[nodiscard]] virtual int act(const QStringList &values, Json::Value *result) = 0;
 
-    /** Leave the error object in @p result and return false, as execute() does on failure. */
-    [[nodiscard]] static bool failParameters(Json::Value &result);
-    [[nodiscard]] static bool failSession(int code, Json::Value &result);
+    SessionStore *const store;
 
-    SessionStore *store;
+private:
+    const LiveMethodEntry &entry;
 };

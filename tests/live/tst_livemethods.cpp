@@ -1,14 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "engine/session.h"
-#include "live/getversionmethod.h"
-#include "live/listlocalsessionsmethod.h"
-#include "live/listsessionsmethod.h"
-#include "live/replaymethod.h"
-#include "live/resumemethod.h"
+#include "live/livemethods.h"
 #include "live/sessionstore.h"
-#include "live/startmethod.h"
-#include "live/suspendmethod.h"
-#include "live/terminatemethod.h"
+#include "rpc/rpcmethod.h"
 #include "support/json.h"
 #include "tests/engine/fakeprograms.h"
 #include "tests/engine/reserveddisplays.h"
@@ -23,7 +17,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <functional>
 #include <memory>
 
 using namespace Qt::StringLiterals;
@@ -128,17 +121,10 @@ Session *TestLiveMethods::addRecord(const QString &recordId)
 
 std::unique_ptr<RpcMethod> TestLiveMethods::makeMethod(const QString &name) const
 {
-    const QMap<QString, std::function<RpcMethod *()>> makers = {
-        {u"GetVersion"_s, [this] { return new GetVersionMethod(store.get()); }},
-        {u"ListSessions"_s, [this] { return new ListSessionsMethod(store.get()); }},
-        {u"ListLocalSessions"_s, [this] { return new ListLocalSessionsMethod(store.get()); }},
-        {u"Start"_s, [this] { return new StartMethod(store.get()); }},
-        {u"Resume"_s, [this] { return new ResumeMethod(store.get()); }},
-        {u"Replay"_s, [this] { return new ReplayMethod(store.get()); }},
-        {u"Suspend"_s, [this] { return new SuspendMethod(store.get()); }},
-        {u"Terminate"_s, [this] { return new TerminateMethod(store.get()); }},
-    };
-    return std::unique_ptr<RpcMethod>(makers.value(name)());
+    QMap<QString, RpcMethod *> methods = makeLiveMethods(store.get());
+    std::unique_ptr<RpcMethod> method(methods.take(u"Live."_s + name));
+    qDeleteAll(methods);
+    return method;
 }
 
 QByteArray TestLiveMethods::call(const QString &method, const QByteArray &params)
