@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "agent/display/xcookie.h"
+#include "agent/display/xauthority.h"
 #include "agent/display/xpicture.h"
 
 #include <cstdio>

@@ -22,7 +22,7 @@ need_packages() {
     as_root env DEBIAN_FRONTEND=noninteractive apt-get install -qq -y --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev libjsoncpp-dev libssl-dev libxcb1-dev libpng-dev)
+build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev libjsoncpp-dev libssl-dev libxau-dev libxcb1-dev libpng-dev)
 # The sessions, and below them what "zarvoctl connect" runs to get into one.
 run_packages=(tigervnc-standalone-server xauth openssl xterm xfonts-base openbox
     tigervnc-viewer openssh-client)

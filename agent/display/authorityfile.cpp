@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "agent/display/authorityfile.h"
 
+#include "agent/display/xauthority.h"
 #include "support/filereader.h"
-
-#include <QtEndian>
 
 #include <cerrno>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -17,73 +18,31 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kMaxAuthorityFileBytes = 1024 * 1024;
-constexpr qsizetype kCookieBytes = 16;
-constexpr char kMethod[] = "MIT-MAGIC-COOKIE-1";
+constexpr std::size_t kCookieBytes = 16;
 
-struct Entry
+QByteArray toByteArray(const std::string &text)
 {
-    QByteArray display;
-    QByteArray method;
-    QByteArray data;
-};
-
-std::optional<quint16> readNumber(const QByteArray &content, qsizetype *position)
-{
-    if (content.size() - *position < static_cast<qsizetype>(sizeof(quint16))) {
-        return std::nullopt;
-    }
-    const auto number = qFromBigEndian<quint16>(content.constData() + *position);
-    *position += sizeof(quint16);
-    return number;
-}
-
-std::optional<QByteArray> readCounted(const QByteArray &content, qsizetype *position)
-{
-    const std::optional<quint16> length = readNumber(content, position);
-    if (!length || content.size() - *position < *length) {
-        return std::nullopt;
-    }
-    const QByteArray bytes = content.mid(*position, *length);
-    *position += *length;
-    return bytes;
-}
-
-// An entry is an address family and four counted fields: address, display number, method, data.
-std::optional<Entry> readEntry(const QByteArray &content, qsizetype *position)
-{
-    const std::optional<quint16> family = readNumber(content, position);
-    const std::optional<QByteArray> address = family ? readCounted(content, position) : std::nullopt;
-    const std::optional<QByteArray> display = address ? readCounted(content, position) : std::nullopt;
-    const std::optional<QByteArray> method = display ? readCounted(content, position) : std::nullopt;
-    const std::optional<QByteArray> data = method ? readCounted(content, position) : std::nullopt;
-    if (!data) {
-        return std::nullopt;
-    }
-    return Entry{*display, *method, *data};
+    return {text.data(), static_cast<qsizetype>(text.size())};
 }
 
 } // namespace
 
 bool parseAuthority(const QByteArray &content, quint16 display, DisplayAuthority *authority)
 {
+    const std::string number = std::to_string(display);
+    XAuthorityReader reader(std::string_view(content.constData(), static_cast<std::size_t>(content.size())));
     DisplayAuthority found;
-    qsizetype position = 0;
-    while (position < content.size()) {
-        const qsizetype begin = position;
-        const std::optional<Entry> entry = readEntry(content, &position);
-        if (!entry) {
-            return false;
-        }
-        const bool isOurs = entry->display == QByteArray::number(display) && entry->method == kMethod;
+    while (const std::optional<XAuthorityEntry> entry = reader.next()) {
+        const bool isOurs = entry->display == number && entry->method == kXCookieMethod;
         if (!isOurs || entry->data.size() != kCookieBytes) {
             continue;
         }
-        found.entries += content.mid(begin, position - begin);
+        found.entries += toByteArray(entry->text);
         if (found.cookie.isEmpty()) {
-            found.cookie = entry->data;
+            found.cookie = toByteArray(entry->data);
         }
     }
-    if (found.cookie.isEmpty()) {
+    if (!reader.isAtEnd() || found.cookie.isEmpty()) {
         return false;
     }
     *authority = found;
@@ -97,7 +56,8 @@ bool readAuthorityFile(const QString &path, quint16 display, DisplayAuthority *a
         return false;
     }
     if (!parseAuthority(content, display, authority)) {
-        *error = u"The file \"%1\" holds no valid %2 entry for display %3"_s.arg(path, QLatin1StringView(kMethod))
+        *error = u"The file \"%1\" holds no valid %2 entry for display %3"_s
+                     .arg(path, QLatin1StringView(kXCookieMethod.data()))
                      .arg(display);
         return false;
     }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "agent/display/authorityfile.h"
+#include "tests/agent/authorityentry.h"
 #include "tests/testmain.h"
 
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QtEndian>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,38 +16,25 @@ class AuthorityFileTest final : public QObject
 {
     Q_OBJECT
 
-private:
-    static QByteArray counted(const QByteArray &bytes)
-    {
-        QByteArray length(2, Qt::Uninitialized);
-        qToBigEndian(static_cast<quint16>(bytes.size()), length.data());
-        return length + bytes;
-    }
-
-    static QByteArray entry(const QByteArray &display, const QByteArray &method = "MIT-MAGIC-COOKIE-1",
-                            const QByteArray &data = QByteArray(16, 'c'))
-    {
-        return QByteArray::fromHex("0100") + counted("host") + counted(display) + counted(method) + counted(data);
-    }
-
 private slots:
     void finds_data()
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<QByteArray>("entries"); // empty: refused
-        const QByteArray other = entry("8", "MIT-MAGIC-COOKIE-1", QByteArray(16, 'o'));
-        QTest::newRow("one") << entry("7") << entry("7");
-        QTest::newRow("behind another display") << other + entry("7") << entry("7");
-        QTest::newRow("two for us") << entry("7") + other + entry("7") << entry("7") + entry("7");
+        const QByteArray other = authorityEntry("8", "MIT-MAGIC-COOKIE-1", QByteArray(16, 'o'));
+        QTest::newRow("one") << authorityEntry("7") << authorityEntry("7");
+        QTest::newRow("behind another display") << other + authorityEntry("7") << authorityEntry("7");
+        QTest::newRow("two for us") << authorityEntry("7") + other + authorityEntry("7")
+                                    << authorityEntry("7") + authorityEntry("7");
         QTest::newRow("none") << QByteArray() << QByteArray();
         QTest::newRow("another display") << other << QByteArray();
-        QTest::newRow("longer number") << entry("77") << QByteArray();
-        QTest::newRow("any display") << entry("") << QByteArray();
-        QTest::newRow("another method") << entry("7", "XDM-AUTHORIZATION-1") << QByteArray();
-        QTest::newRow("longer method") << entry("7", "MIT-MAGIC-COOKIE-10") << QByteArray();
-        QTest::newRow("empty cookie") << entry("7", "MIT-MAGIC-COOKIE-1", {}) << QByteArray();
-        QTest::newRow("short cookie") << entry("7", "MIT-MAGIC-COOKIE-1", QByteArray(15, 'c')) << QByteArray();
-        QTest::newRow("damaged behind") << entry("7") + "x" << QByteArray();
+        QTest::newRow("longer number") << authorityEntry("77") << QByteArray();
+        QTest::newRow("any display") << authorityEntry("") << QByteArray();
+        QTest::newRow("another method") << authorityEntry("7", "XDM-AUTHORIZATION-1") << QByteArray();
+        QTest::newRow("longer method") << authorityEntry("7", "MIT-MAGIC-COOKIE-10") << QByteArray();
+        QTest::newRow("empty cookie") << authorityEntry("7", "MIT-MAGIC-COOKIE-1", {}) << QByteArray();
+        QTest::newRow("short cookie") << authorityEntry("7", "MIT-MAGIC-COOKIE-1", QByteArray(15, 'c')) << QByteArray();
+        QTest::newRow("damaged behind") << authorityEntry("7") + "x" << QByteArray();
     }
 
     void finds()
@@ -62,7 +49,7 @@ private slots:
 
     void refusesEveryTruncation()
     {
-        const QByteArray content = entry("7");
+        const QByteArray content = authorityEntry("7");
         for (qsizetype length = 0; length < content.size(); ++length) {
             DisplayAuthority authority;
             QVERIFY(!parseAuthority(content.first(length), 7, &authority));
@@ -80,12 +67,12 @@ private slots:
         QVERIFY(error.contains(path));
         QFile file(path);
         QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(entry("7"));
+        file.write(authorityEntry("7"));
         file.close();
         QVERIFY(!readAuthorityFile(path, 8, &authority, &error));
         QVERIFY(error.contains(path) && error.contains(u"display 8"_s));
         QVERIFY(readAuthorityFile(path, 7, &authority, &error));
-        QCOMPARE(authority.entries, entry("7"));
+        QCOMPARE(authority.entries, authorityEntry("7"));
     }
 
     void sealedFileCannotBeChanged()

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: MIT
+#include "agent/display/xauthority.h"
+
+#include <X11/Xauth.h>
+
+namespace {
+
+using EntryPtr = std::unique_ptr<Xauth, decltype(&XauDisposeAuth)>;
+
+/** Opens @p content as a file that is only read. */
+std::FILE *openedToRead(std::string_view content)
+{
+    return ::fmemopen(const_cast<char *>(content.data()), content.size(), "r");
+}
+
+std::string bytes(const char *data, unsigned short length)
+{
+    return data ? std::string(data, length) : std::string();
+}
+
+} // namespace
+
+XAuthorityReader::XAuthorityReader(std::string_view content_)
+    : content(content_)
+    , file(openedToRead(content), &std::fclose)
+{
+}
+
+std::optional<XAuthorityEntry> XAuthorityReader::next()
+{
+    if (!file || isAtEnd()) {
+        return std::nullopt;
+    }
+    const EntryPtr read(XauReadAuth(file.get()), &XauDisposeAuth);
+    const long end = read ? std::ftell(file.get()) : -1;
+    if (end == -1) {
+        return std::nullopt;
+    }
+    const std::size_t begin = position;
+    position = static_cast<std::size_t>(end);
+    return XAuthorityEntry{bytes(read->number, read->number_length), bytes(read->name, read->name_length),
+                           bytes(read->data, read->data_length), std::string(content.substr(begin, position - begin))};
+}
+
+std::optional<std::string> findXCookie(std::string_view content, std::string_view display)
+{
+    XAuthorityReader reader(content);
+    while (const std::optional<XAuthorityEntry> entry = reader.next()) {
+        if (entry->display == display && entry->method == kXCookieMethod) {
+            return entry->data;
+        }
+    }
+    return std::nullopt;
+}
