@@ -14,10 +14,10 @@
 
 namespace {
 
-/** @return 0 for a file that is missing or holds no number; nothing when it cannot be told */
-std::optional<pid_t> pidIn(QLatin1StringView file)
+/** @return 0 for a file that is missing or holds no number; nothing for one that cannot be read at the moment */
+std::optional<pid_t> readPid(QLatin1StringView file)
 {
-    // A pipe of that name must not hold up the session.
+    // Non-blocking, because a pipe of that name would hold up the session.
     const int descriptor = ::open(file.data(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (descriptor == -1) {
         return errno == ENOENT ? std::optional<pid_t>(0) : std::nullopt;
@@ -31,32 +31,42 @@ std::optional<pid_t> pidIn(QLatin1StringView file)
     return QByteArray::fromRawData(text.data(), length).trimmed().toInt();
 }
 
-/** Whether this process works in our directory, by which a server tells whether it is still the one of the session. */
-std::optional<bool> worksHere(pid_t pid)
+/** Whether the process works in @p directory. A server uses the same test to see whether a pid is still the session's.
+ */
+bool worksIn(const struct stat &directory, pid_t pid)
 {
-    struct stat own = {};
     struct stat other = {};
-    if (::stat(".", &own) != 0) {
-        return std::nullopt;
-    }
-    const QByteArray directory = "/proc/" + QByteArray::number(pid) + "/cwd";
-    return ::stat(directory.constData(), &other) == 0 && other.st_dev == own.st_dev && other.st_ino == own.st_ino;
+    const QByteArray path = "/proc/" + QByteArray::number(pid) + "/cwd";
+    return ::stat(path.constData(), &other) == 0 && other.st_dev == directory.st_dev &&
+           other.st_ino == directory.st_ino;
 }
 
-/** Whether a server that reads the directory finds this session in it. */
-std::optional<bool> isListed(pid_t guard)
+Listing currentListing(pid_t guard)
 {
-    const std::optional<pid_t> monitor = pidIn(SessionFile::kMonitorPid);
-    if (!monitor || *monitor <= 0) {
-        return monitor ? std::optional(false) : std::nullopt;
+    const std::optional<pid_t> monitor = readPid(SessionFile::kMonitorPid);
+    if (!monitor) {
+        return Listing::Unknown;
     }
-    const std::optional<bool> isAlive = worksHere(*monitor);
-    if (!isAlive || !*isAlive || *monitor == guard) {
-        return isAlive;
+    if (*monitor <= 0) {
+        return Listing::Unlisted;
     }
-    // Either a program in front of ours, or the agent of a later start under the same id, which takes the signals now.
-    const std::optional<pid_t> signalled = pidIn(SessionFile::kServerPid);
-    return signalled ? std::optional(*signalled == ::getpid()) : std::nullopt;
+    struct stat own = {};
+    if (::stat(".", &own) != 0) {
+        return Listing::Unknown;
+    }
+    if (!worksIn(own, *monitor)) {
+        return Listing::Unlisted;
+    }
+    if (*monitor == guard) {
+        return Listing::Listed;
+    }
+    // The process is either a program that started our guard, or the guard of a later run under the same id. The run
+    // that takes the signals is the listed one.
+    const std::optional<pid_t> signalled = readPid(SessionFile::kServerPid);
+    if (!signalled) {
+        return Listing::Unknown;
+    }
+    return *signalled == ::getpid() ? Listing::Listed : Listing::Unlisted;
 }
 
 } // namespace
@@ -64,10 +74,10 @@ std::optional<bool> isListed(pid_t guard)
 ListingWatcher::ListingWatcher(ListingLimits limits, pid_t guard_, QObject *parent)
     : QObject(parent)
     , guard(guard_)
-    , left(limits.grace)
+    , graceLeft(limits.grace)
 {
     connect(&timer, &QTimer::timeout, this, &ListingWatcher::look);
-    timer.setTimerType(Qt::PreciseTimer); // others come early, and the grace is given in full
+    timer.setTimerType(Qt::PreciseTimer); // a coarse timer may fire early, and would shorten the grace
     timer.setInterval(limits.interval);
 }
 
@@ -84,18 +94,24 @@ void ListingWatcher::stop()
 
 void ListingWatcher::look()
 {
-    const std::optional<bool> listed = isListed(guard);
-    if (!listed) {
-        return;
-    }
-    if (*listed) {
+    switch (currentListing(guard)) {
+    case Listing::Unknown:
+        break;
+    case Listing::Listed:
         timer.stop();
-        return;
+        break;
+    case Listing::Unlisted:
+        spendGrace();
+        break;
     }
-    if (left <= std::chrono::milliseconds::zero()) {
+}
+
+void ListingWatcher::spendGrace()
+{
+    if (graceLeft <= std::chrono::milliseconds::zero()) {
         timer.stop();
         emit unlisted();
         return;
     }
-    left -= timer.intervalAsDuration();
+    graceLeft -= timer.intervalAsDuration();
 }

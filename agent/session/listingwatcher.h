@@ -9,20 +9,26 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+/** Whether a server that reads the session's directory finds the session in it. */
+enum class Listing {
+    Listed,
+    Unlisted,
+    Unknown, ///< the files cannot be read at the moment
+};
+
 /** How long a server may take to write down that there is a session. A value; the defaults are the product's. */
 struct ListingLimits
 {
-    std::chrono::milliseconds grace{30000}; ///< of time in which we run and can look: a disk that hangs costs nothing
+    std::chrono::milliseconds grace{30000}; ///< counts only while we run and can read the files
     std::chrono::milliseconds interval{1000};
 };
 
 /**
- * Notices that no server knows of the session, as when the server was killed, or found the disk full, before it had
- * written down whom it had started. Nobody could ever list, enter or end such a session.
+ * Notices that no server knows of the session: the server was killed, or found the disk full, before it wrote down whom
+ * it had started. Nobody could ever list, enter or end such a session.
  *
- * Whoever was listed once is never taken for unknown again, whatever becomes of the files: a server that runs keeps its
- * sessions in memory, and one that is replaced under its id is to run on. What cannot be told, for the files cannot be
- * read at the moment, does not count.
+ * Once listed, a session counts as listed for good, whatever happens to the files: a running server keeps its sessions
+ * in memory, and a session whose id is started again must run on.
  *
  * Looks into the working directory. Owned by the agent, lives on the main thread.
  */
@@ -34,7 +40,8 @@ public:
     /** @param guard  the process that a server takes for the session */
     explicit ListingWatcher(ListingLimits limits = {}, pid_t guard = ::getppid(), QObject *parent = nullptr);
 
-    /** Looks at once, and from then on until it is settled. unlisted() may follow, from the event loop. */
+    /** Looks at once, and then until the session is listed. unlisted() may follow, at the first look at the earliest.
+     */
     void start();
     void stop();
 
@@ -44,8 +51,9 @@ signals:
 
 private:
     void look();
+    void spendGrace();
 
     const pid_t guard;
-    std::chrono::milliseconds left; ///< of the grace
+    std::chrono::milliseconds graceLeft;
     QTimer timer;
 };

@@ -37,7 +37,7 @@ private:
         return file.open(QIODevice::WriteOnly) && file.write(text) == text.size();
     }
 
-    /** It runs until the object is gone. */
+    /** The process runs until the object is destroyed. */
     static void startProcess(QProcess *process, const QString &workingDirectory)
     {
         process->setWorkingDirectory(workingDirectory);
@@ -45,7 +45,7 @@ private:
         QVERIFY(process->waitForStarted());
     }
 
-    /** Whether it is taken for unknown, and that once. */
+    /** Whether the signal comes, and only once. */
     static bool isUnlisted(pid_t guard = kNobody)
     {
         ListingWatcher watcher(kShort, guard);
@@ -54,7 +54,7 @@ private:
         return unlisted.wait(10000) && !unlisted.wait(100);
     }
 
-    /** Whether it is not, in several times the time that it takes. */
+    /** Whether the signal stays away for several times the grace. */
     static bool isListed(pid_t guard = kNobody)
     {
         ListingWatcher watcher(kShort, guard);
@@ -102,8 +102,8 @@ private slots:
         QVERIFY(isUnlisted());
     }
 
-    // The number of an earlier run, which the system has given to somebody else since.
-    void sessionWhoseFileNamesAProcessOfElsewhereIsUnlisted()
+    // The pid of an earlier run, which the system has given to another process since.
+    void sessionWhoseFileNamesAForeignProcessIsUnlisted()
     {
         QProcess process;
         startProcess(&process, u"/"_s);
@@ -129,8 +129,8 @@ private slots:
         QVERIFY(isListed());
     }
 
-    // Its id was used again, and the agent of the later run is in its place.
-    void sessionThatWasReplacedBeforeItWasListedIsUnlisted()
+    // The id was started again, and the files name the agent of the later run.
+    void sessionReplacedBeforeItWasListedIsUnlisted()
     {
         QProcess later;
         startProcess(&later, directory->path());
@@ -139,7 +139,7 @@ private slots:
         QVERIFY(isUnlisted());
     }
 
-    void sessionThatWasListedOnceStaysListed()
+    void sessionListedOnceStaysListed()
     {
         QVERIFY(write(SessionFile::kMonitorPid, ::getpid()));
         ListingWatcher watcher(kShort, ::getpid());
@@ -149,7 +149,7 @@ private slots:
         QVERIFY(!unlisted.wait(500));
     }
 
-    void sessionMayBeListedLate()
+    void sessionListedWithinTheGraceStays()
     {
         ListingWatcher watcher({10min, 10ms}, ::getpid());
         QSignalSpy unlisted(&watcher, &ListingWatcher::unlisted);
@@ -172,7 +172,7 @@ private slots:
 
     void fileThatCannotBeReadDoesNotCount()
     {
-        QVERIFY(QDir().mkdir(SessionFile::kMonitorPid)); // opens, and cannot be read, as when the disk fails
+        QVERIFY(QDir().mkdir(SessionFile::kMonitorPid)); // can be opened but not read, like a file on a failing disk
         ListingWatcher watcher(kShort, kNobody);
         QSignalSpy unlisted(&watcher, &ListingWatcher::unlisted);
         watcher.start();
@@ -181,13 +181,13 @@ private slots:
         QVERIFY(unlisted.wait(30000));
     }
 
-    void pipeDoesNotHoldItUp()
+    void pipeDoesNotBlock()
     {
         QCOMPARE(::mkfifo(SessionFile::kMonitorPid.data(), 0600), 0);
         QVERIFY(isUnlisted());
     }
 
-    void stoppedOneSaysNothing()
+    void stoppedWatcherStaysSilent()
     {
         ListingWatcher watcher(kShort, kNobody);
         QSignalSpy unlisted(&watcher, &ListingWatcher::unlisted);
