@@ -24,37 +24,33 @@ ExitCode refuseUsage(Console &console, const QString &verb, const QString &probl
     return ExitCode::Usage;
 }
 
-QString argumentProblem(const VerbText &text, const QStringList &arguments)
+QString argumentProblem(const Verb &verb, const QStringList &arguments)
 {
-    if (arguments.size() < text.minArguments) {
-        return u"Something is missing: %1."_s.arg(text.arguments);
+    if (arguments.size() < verb.minArguments) {
+        return u"Something is missing: %1."_s.arg(verb.arguments);
     }
-    if (text.maxArguments >= 0 && arguments.size() > text.maxArguments) {
-        return u"\"%1\" is one argument too many."_s.arg(arguments.at(text.maxArguments));
+    if (verb.maxArguments >= 0 && arguments.size() > verb.maxArguments) {
+        return u"\"%1\" is one argument too many."_s.arg(arguments.at(verb.maxArguments));
     }
     return {};
 }
 
-ExitCode runVerb(Console &console, Verb &verb, const QStringList &arguments)
+ExitCode runVerb(Console &console, const Verb &verb, const QStringList &arguments)
 {
-    const VerbText text = verb.text();
     QCommandLineParser line;
     const QCommandLineOption help(QStringList{u"h"_s, u"help"_s});
     line.addOption(help);
-    line.addOptions(verb.options());
-    if (verb.endsWithCommand()) {
-        line.setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
-    }
+    addOptions(verb, &line);
     const bool parsed = line.parse(arguments);
     if (line.isSet(help)) {
         console.print(verbHelp(verb));
         return ExitCode::Done;
     }
     if (!parsed) {
-        return refuseUsage(console, text.name, line.errorText());
+        return refuseUsage(console, verb.name, line.errorText());
     }
-    if (const QString problem = argumentProblem(text, line.positionalArguments()); !problem.isEmpty()) {
-        return refuseUsage(console, text.name, problem);
+    if (const QString problem = argumentProblem(verb, line.positionalArguments()); !problem.isEmpty()) {
+        return refuseUsage(console, verb.name, problem);
     }
     ClientContext context(console, Settings::read());
     return verb.run(line, context);
@@ -76,7 +72,7 @@ ExitCode run(Console &console, const QStringList &arguments)
     }
     const bool asksForHelp = first == "help"_L1;
     const QString name = asksForHelp ? arguments.at(2) : first;
-    const std::unique_ptr<Verb> verb = findVerb(name);
+    const std::optional<Verb> verb = findVerb(name);
     if (!verb) {
         return refuseUsage(console, {}, u"There is no verb \"%1\"."_s.arg(name));
     }

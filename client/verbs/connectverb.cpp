@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/connectverb.h"
-
 #include "client/reach/remotehost.h"
 #include "client/reach/tunnel.h"
 #include "client/reach/viewer.h"
@@ -9,6 +7,7 @@
 #include "client/sessions/sessionstarter.h"
 #include "client/sessions/sessiontarget.h"
 #include "client/terminal/interruption.h"
+#include "client/verbs/verbs.h"
 
 #include <optional>
 
@@ -129,9 +128,19 @@ private:
     ConnectionOffer offer;
 };
 
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
+{
+    Failure failure;
+    Connecting connecting(line, context);
+    if (connecting.run(&failure)) {
+        return ExitCode::Done;
+    }
+    return connecting.isInterrupted() ? failure.code : context.console.report(failure);
+}
+
 } // namespace
 
-VerbText ConnectVerb::text() const
+Verb connectVerb()
 {
     return {
         .name = u"connect"_s,
@@ -143,24 +152,11 @@ VerbText ConnectVerb::text() const
             "or the command in ZARVO_SSH. With --print, what another viewer needs is printed instead."_s,
         .examples = {u"zarvoctl connect --new -- openbox-session"_s, u"zarvoctl connect 3f2a"_s,
                      u"zarvoctl connect --print --json xterm"_s},
-        .maxArguments = -1};
-}
-
-QList<QCommandLineOption> ConnectVerb::options() const
-{
-    return {{u"new"_s, u"Start a new session of a command first."_s},
-            geometryOption(),
-            {u"print"_s, u"Print host, port and password instead."_s},
-            jsonOption(),
-            noStartOption()};
-}
-
-ExitCode ConnectVerb::run(const QCommandLineParser &line, ClientContext &context)
-{
-    Failure failure;
-    Connecting connecting(line, context);
-    if (connecting.run(&failure)) {
-        return ExitCode::Done;
-    }
-    return connecting.isInterrupted() ? failure.code : context.console.report(failure);
+        .maxArguments = -1,
+        .options = {{u"new"_s, u"Start a new session of a command first."_s},
+                    geometryOption(),
+                    {u"print"_s, u"Print host, port and password instead."_s},
+                    jsonOption(),
+                    noStartOption()},
+        .run = run};
 }

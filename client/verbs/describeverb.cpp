@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/describeverb.h"
-
 #include "client/sessions/connectionoffer.h"
 #include "client/terminal/textwidth.h"
+#include "client/verbs/verbs.h"
 #include "support/json.h"
 
 using namespace Qt::StringLiterals;
@@ -29,23 +28,7 @@ QString methodText(const QString &name, const Json::Value &method)
     return returns.isEmpty() ? text : text + u"    Returns: %1\n"_s.arg(returns);
 }
 
-} // namespace
-
-VerbText DescribeVerb::text() const
-{
-    return {.name = u"describe"_s,
-            .arguments = {},
-            .summary = u"Describe the methods of the server."_s,
-            .description = u"Prints the methods of the server with their parameters, for those who write clients."_s,
-            .examples = {u"zarvoctl describe"_s}};
-}
-
-QList<QCommandLineOption> DescribeVerb::options() const
-{
-    return {jsonOption(), noStartOption()};
-}
-
-ExitCode DescribeVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     Json::Value methods;
@@ -65,4 +48,16 @@ ExitCode DescribeVerb::run(const QCommandLineParser &line, ClientContext &contex
         context.console.print(methodText(QString::fromStdString(name), methods[name]));
     }
     return ExitCode::Done;
+}
+
+} // namespace
+
+Verb describeVerb()
+{
+    return {.name = u"describe"_s,
+            .summary = u"Describe the methods of the server."_s,
+            .description = u"Prints the methods of the server with their parameters, for those who write clients."_s,
+            .examples = {u"zarvoctl describe"_s},
+            .options = {jsonOption(), noStartOption()},
+            .run = run};
 }

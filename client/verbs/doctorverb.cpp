@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/doctorverb.h"
-
 #include "client/doctor/doctorcheck.h"
 #include "client/server/serverlauncher.h"
 #include "client/terminal/textwidth.h"
+#include "client/verbs/verbs.h"
 #include "support/json.h"
 
 #include <QSettings>
@@ -57,25 +56,7 @@ Json::Value toJson(const char *title, const Finding &finding)
     return value;
 }
 
-} // namespace
-
-VerbText DoctorVerb::text() const
-{
-    return {.name = u"doctor"_s,
-            .arguments = {},
-            .summary = u"Look for what may be wrong, and say what to do about it."_s,
-            .description =
-                u"Looks at settings, files, programs and the system, and prints a line for each finding: OK, WARN or\n"
-                "FAIL with the remedy. Changes nothing and starts nothing. Exit code 1 when something failed."_s,
-            .examples = {u"zarvoctl doctor"_s}};
-}
-
-QList<QCommandLineOption> DoctorVerb::options() const
-{
-    return {jsonOption()};
-}
-
-ExitCode DoctorVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     const QSettings settings;
     const DoctorInput input{.settings = context.settings,
@@ -102,4 +83,18 @@ ExitCode DoctorVerb::run(const QCommandLineParser &line, ClientContext &context)
         context.console.printJson(all);
     }
     return code;
+}
+
+} // namespace
+
+Verb doctorVerb()
+{
+    return {.name = u"doctor"_s,
+            .summary = u"Look for what may be wrong, and say what to do about it."_s,
+            .description =
+                u"Looks at settings, files, programs and the system, and prints a line for each finding: OK, WARN or\n"
+                "FAIL with the remedy. Changes nothing and starts nothing. Exit code 1 when something failed."_s,
+            .examples = {u"zarvoctl doctor"_s},
+            .options = {jsonOption()},
+            .run = run};
 }

@@ -16,10 +16,10 @@ QString optionLine(const QString &synopsis, const QString &description)
     return u"  %1 %2\n"_s.arg(synopsis.leftJustified(kOptionColumn - 1), description);
 }
 
-QString usageLine(const VerbText &text)
+QString usageLine(const Verb &verb)
 {
-    const QString arguments = text.arguments.isEmpty() ? QString() : u' ' + text.arguments;
-    return u"Usage: zarvoctl %1 [OPTION]…%2\n"_s.arg(text.name, arguments);
+    const QString arguments = verb.arguments.isEmpty() ? QString() : u' ' + verb.arguments;
+    return u"Usage: zarvoctl %1 [OPTION]…%2\n"_s.arg(verb.name, arguments);
 }
 
 } // namespace
@@ -38,10 +38,9 @@ QString programHelp()
 {
     QString text = u"Usage: zarvoctl VERB [OPTION]… [ARGUMENT]…\n\n"
                    "Remote-desktop sessions on this host: start them, get in, get out, end them.\n\nVerbs:\n"_s;
-    for (const auto &verb : allVerbs()) {
-        const VerbText verbText = verb->text();
-        const QStringList names = QStringList(verbText.name) + verbText.aliases;
-        text += u"  %1 %2\n"_s.arg(names.join(u", "_s).leftJustified(13), verbText.summary);
+    for (const Verb &verb : allVerbs()) {
+        const QStringList names = QStringList(verb.name) + verb.aliases;
+        text += u"  %1 %2\n"_s.arg(names.join(u", "_s).leftJustified(13), verb.summary);
     }
     text += u"\nOptions:\n"_s + optionLine(u"-h, --help"_s, u"Print this; after a verb: how to use it."_s) +
             optionLine(u"--version"_s, u"Print the version of this program."_s);
@@ -54,18 +53,17 @@ QString programHelp()
 
 QString verbHelp(const Verb &verb)
 {
-    const VerbText text = verb.text();
-    QString help = usageLine(text) + u'\n' + text.description + u'\n';
-    if (!text.aliases.isEmpty()) {
-        help += u"\nAlso: zarvoctl "_s + text.aliases.join(u", zarvoctl "_s) + u'\n';
+    QString help = usageLine(verb) + u'\n' + verb.description + u'\n';
+    if (!verb.aliases.isEmpty()) {
+        help += u"\nAlso: zarvoctl "_s + verb.aliases.join(u", zarvoctl "_s) + u'\n';
     }
     help += u"\nOptions:\n"_s;
-    for (const QCommandLineOption &option : verb.options()) {
+    for (const QCommandLineOption &option : verb.options) {
         help += optionLine(optionSynopsis(option), option.description());
     }
     help += optionLine(u"-h, --help"_s, u"Print this."_s);
-    help += text.examples.size() == 1 ? u"\nExample:\n"_s : u"\nExamples:\n"_s;
-    for (const QString &example : text.examples) {
+    help += verb.examples.size() == 1 ? u"\nExample:\n"_s : u"\nExamples:\n"_s;
+    for (const QString &example : verb.examples) {
         help += u"  "_s + example + u'\n';
     }
     return help;

@@ -3,7 +3,8 @@
 
 #include <QString>
 
-class Verb;
+class QCommandLineOption;
+struct Verb;
 
 /** What "zarvoctl --help" prints. */
 [[nodiscard]] QString programHelp();
@@ -12,5 +13,4 @@ class Verb;
 [[nodiscard]] QString verbHelp(const Verb &verb);
 
 /** The option as the help text and the manual show it: "-n, --lines N". */
-class QCommandLineOption;
 [[nodiscard]] QString optionSynopsis(const QCommandLineOption &option);

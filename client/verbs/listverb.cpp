@@ -1,30 +1,12 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/listverb.h"
-
 #include "client/sessions/sessiontable.h"
+#include "client/verbs/verbs.h"
 
 using namespace Qt::StringLiterals;
 
-VerbText ListVerb::text() const
-{
-    return {.name = u"list"_s,
-            .arguments = {},
-            .summary = u"List the sessions."_s,
-            .description = u"Lists the sessions of this host, and of the user's other hosts that the server knows."_s,
-            .examples = {u"zarvoctl list"_s, u"zarvoctl list --json | jq -r '.[].id'"_s},
-            .aliases = {u"ls"_s}};
-}
+namespace {
 
-QList<QCommandLineOption> ListVerb::options() const
-{
-    return {{u"local"_s, u"Only the sessions of this host."_s},
-            jsonOption(),
-            {u"plain"_s, u"Whole ids, fields separated by tabs, nothing cut: for scripts."_s},
-            {u"no-legend"_s, u"Leave out the line of titles."_s},
-            noStartOption()};
-}
-
-ExitCode ListVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     SessionList sessions;
@@ -49,4 +31,21 @@ ExitCode ListVerb::run(const QCommandLineParser &line, ClientContext &context)
                                                   .colour = Console::useColour(),
                                                   .localHost = localHostName()}));
     return ExitCode::Done;
+}
+
+} // namespace
+
+Verb listVerb()
+{
+    return {.name = u"list"_s,
+            .summary = u"List the sessions."_s,
+            .description = u"Lists the sessions of this host, and of the user's other hosts that the server knows."_s,
+            .examples = {u"zarvoctl list"_s, u"zarvoctl list --json | jq -r '.[].id'"_s},
+            .aliases = {u"ls"_s},
+            .options = {{u"local"_s, u"Only the sessions of this host."_s},
+                        jsonOption(),
+                        {u"plain"_s, u"Whole ids, fields separated by tabs, nothing cut: for scripts."_s},
+                        {u"no-legend"_s, u"Leave out the line of titles."_s},
+                        noStartOption()},
+            .run = run};
 }

@@ -1,32 +1,16 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/logsverb.h"
-
 #include "client/sessions/logtail.h"
 #include "client/sessions/sessiondirectories.h"
+#include "client/verbs/verbs.h"
 #include "contract/sessiondirectory.h"
 
 #include <QDir>
 
 using namespace Qt::StringLiterals;
 
-VerbText LogsVerb::text() const
-{
-    return {.name = u"logs"_s,
-            .arguments = u"[SESSION]"_s,
-            .summary = u"Print the log of a session's agent."_s,
-            .description =
-                u"Prints what a session's agent has logged, without the passwords, or with --app what its programs\n"
-                "have printed. Works for a session that has failed as well, by its id. Starts no server."_s,
-            .examples = {u"zarvoctl logs 3f2a"_s, u"zarvoctl logs --app --lines 0 3f2a"_s},
-            .maxArguments = 1};
-}
+namespace {
 
-QList<QCommandLineOption> LogsVerb::options() const
-{
-    return {linesOption(), {u"app"_s, u"The output of the programs instead."_s}};
-}
-
-ExitCode LogsVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     int lines = 0;
@@ -44,4 +28,20 @@ ExitCode LogsVerb::run(const QCommandLineParser &line, ClientContext &context)
     }
     context.console.printForeign(isApp ? text : withoutPasswords(text));
     return ExitCode::Done;
+}
+
+} // namespace
+
+Verb logsVerb()
+{
+    return {.name = u"logs"_s,
+            .arguments = u"[SESSION]"_s,
+            .summary = u"Print the log of a session's agent."_s,
+            .description =
+                u"Prints what a session's agent has logged, without the passwords, or with --app what its programs\n"
+                "have printed. Works for a session that has failed as well, by its id. Starts no server."_s,
+            .examples = {u"zarvoctl logs 3f2a"_s, u"zarvoctl logs --app --lines 0 3f2a"_s},
+            .maxArguments = 1,
+            .options = {linesOption(), {u"app"_s, u"The output of the programs instead."_s}},
+            .run = run};
 }

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/screenshotverb.h"
-
 #include "client/reach/childrun.h"
 #include "client/server/serverlauncher.h"
 #include "client/sessions/sessiondirectories.h"
 #include "client/terminal/interruption.h"
 #include "client/terminal/progress.h"
+#include "client/verbs/verbs.h"
 #include "contract/sessiondirectory.h"
 #include "support/filereader.h"
 
@@ -71,25 +70,7 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
     return fail(failure, ExitCode::SessionFailed, reason + u'.');
 }
 
-} // namespace
-
-VerbText ScreenshotVerb::text() const
-{
-    return {.name = u"screenshot"_s,
-            .arguments = u"SESSION FILE.png"_s,
-            .summary = u"Take a picture of a session as it looks now."_s,
-            .description = u"Writes the display of a session of this host, as it looks now, to a PNG file."_s,
-            .examples = {u"zarvoctl screenshot 3f2a now.png"_s},
-            .minArguments = 2,
-            .maxArguments = 2};
-}
-
-QList<QCommandLineOption> ScreenshotVerb::options() const
-{
-    return {noStartOption()};
-}
-
-ExitCode ScreenshotVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     SessionEntry session;
@@ -102,4 +83,19 @@ ExitCode ScreenshotVerb::run(const QCommandLineParser &line, ClientContext &cont
         return context.console.report(fileFailure(directory, failure));
     }
     return ExitCode::Done;
+}
+
+} // namespace
+
+Verb screenshotVerb()
+{
+    return {.name = u"screenshot"_s,
+            .arguments = u"SESSION FILE.png"_s,
+            .summary = u"Take a picture of a session as it looks now."_s,
+            .description = u"Writes the display of a session of this host, as it looks now, to a PNG file."_s,
+            .examples = {u"zarvoctl screenshot 3f2a now.png"_s},
+            .minArguments = 2,
+            .maxArguments = 2,
+            .options = {noStartOption()},
+            .run = run};
 }

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/serververb.h"
-
 #include "client/server/serverstop.h"
 #include "client/sessions/logtail.h"
 #include "client/terminal/textwidth.h"
+#include "client/verbs/verbs.h"
 #include "support/json.h"
 
 #include <chrono>
@@ -121,9 +120,21 @@ ExitCode log(const QCommandLineParser &line, ClientContext &context)
     return ExitCode::Done;
 }
 
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
+{
+    using Action = decltype(Verb::run);
+    const QHash<QString, Action> actions = {
+        {u"start"_s, start}, {u"stop"_s, stop}, {u"status"_s, status}, {u"log"_s, log}};
+    const Action action = actions.value(firstArgument(line), nullptr);
+    if (!action) {
+        return context.console.report({ExitCode::Usage, u"server takes start, stop, status or log."_s});
+    }
+    return action(line, context);
+}
+
 } // namespace
 
-VerbText ServerVerb::text() const
+Verb serverVerb()
 {
     return {.name = u"server"_s,
             .arguments = u"start|stop|status|log"_s,
@@ -133,22 +144,7 @@ VerbText ServerVerb::text() const
                            "(exit code 5 if not), log prints the end of its log."_s,
             .examples = {u"zarvoctl server status --json"_s, u"zarvoctl server log --lines 100"_s},
             .minArguments = 1,
-            .maxArguments = 1};
-}
-
-QList<QCommandLineOption> ServerVerb::options() const
-{
-    return {jsonOption(), linesOption()};
-}
-
-ExitCode ServerVerb::run(const QCommandLineParser &line, ClientContext &context)
-{
-    using Action = ExitCode (*)(const QCommandLineParser &, ClientContext &);
-    const QHash<QString, Action> actions = {
-        {u"start"_s, start}, {u"stop"_s, stop}, {u"status"_s, status}, {u"log"_s, log}};
-    const Action action = actions.value(firstArgument(line), nullptr);
-    if (!action) {
-        return context.console.report({ExitCode::Usage, u"server takes start, stop, status or log."_s});
-    }
-    return action(line, context);
+            .maxArguments = 1,
+            .options = {jsonOption(), linesOption()},
+            .run = run};
 }

@@ -1,32 +1,14 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/startverb.h"
-
 #include "client/reach/viewer.h"
 #include "client/sessions/connectionoffer.h"
 #include "client/sessions/sessionstarter.h"
+#include "client/verbs/verbs.h"
 
 using namespace Qt::StringLiterals;
 
-VerbText StartVerb::text() const
-{
-    return {.name = u"start"_s,
-            .arguments = u"[--] COMMAND…"_s,
-            .summary = u"Start a session of a command."_s,
-            .description =
-                u"Starts a session in which COMMAND runs, and prints its id, its port and the password that a viewer\n"
-                "needs. Several words are passed on as they are; a single one is a command line for the shell."_s,
-            .examples = {u"zarvoctl start --geometry 1920x1080 -- startxfce4"_s,
-                         u"zarvoctl start --geometry rootless --connect xterm -e top"_s},
-            .minArguments = 1,
-            .maxArguments = -1};
-}
+namespace {
 
-QList<QCommandLineOption> StartVerb::options() const
-{
-    return {geometryOption(), {u"connect"_s, u"Run a viewer on it at once."_s}, jsonOption(), noStartOption()};
-}
-
-ExitCode StartVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     ConnectionOffer offer;
@@ -43,4 +25,24 @@ ExitCode StartVerb::run(const QCommandLineParser &line, ClientContext &context)
         return context.console.report(failure);
     }
     return ExitCode::Done;
+}
+
+} // namespace
+
+Verb startVerb()
+{
+    return {
+        .name = u"start"_s,
+        .arguments = u"[--] COMMAND…"_s,
+        .summary = u"Start a session of a command."_s,
+        .description =
+            u"Starts a session in which COMMAND runs, and prints its id, its port and the password that a viewer\n"
+            "needs. Several words are passed on as they are; a single one is a command line for the shell."_s,
+        .examples = {u"zarvoctl start --geometry 1920x1080 -- startxfce4"_s,
+                     u"zarvoctl start --geometry rootless --connect xterm -e top"_s},
+        .minArguments = 1,
+        .maxArguments = -1,
+        .endsWithCommand = true,
+        .options = {geometryOption(), {u"connect"_s, u"Run a viewer on it at once."_s}, jsonOption(), noStartOption()},
+        .run = run};
 }

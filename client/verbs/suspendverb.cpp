@@ -1,26 +1,12 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/suspendverb.h"
-
 #include "client/terminal/progress.h"
+#include "client/verbs/verbs.h"
 
 using namespace Qt::StringLiterals;
 
-VerbText SuspendVerb::text() const
-{
-    return {.name = u"suspend"_s,
-            .arguments = u"[SESSION]"_s,
-            .summary = u"Throw the viewers out; the programs go on."_s,
-            .description = u"Disconnects all viewers of a session, whose programs go on running."_s,
-            .examples = {u"zarvoctl suspend 3f2a"_s},
-            .maxArguments = 1};
-}
+namespace {
 
-QList<QCommandLineOption> SuspendVerb::options() const
-{
-    return {noStartOption()};
-}
-
-ExitCode SuspendVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     SessionEntry session;
@@ -37,4 +23,18 @@ ExitCode SuspendVerb::run(const QCommandLineParser &line, ClientContext &context
         return context.console.report(failure);
     }
     return ExitCode::Done;
+}
+
+} // namespace
+
+Verb suspendVerb()
+{
+    return {.name = u"suspend"_s,
+            .arguments = u"[SESSION]"_s,
+            .summary = u"Throw the viewers out; the programs go on."_s,
+            .description = u"Disconnects all viewers of a session, whose programs go on running."_s,
+            .examples = {u"zarvoctl suspend 3f2a"_s},
+            .maxArguments = 1,
+            .options = {noStartOption()},
+            .run = run};
 }

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/terminateverb.h"
-
 #include "client/sessions/sessiontable.h"
 #include "client/terminal/progress.h"
+#include "client/verbs/verbs.h"
 
 #include <algorithm>
 
@@ -69,27 +68,7 @@ ExitCode endAll(ClientContext &context, const SessionList &chosen, bool isGoneFi
     return code;
 }
 
-} // namespace
-
-VerbText TerminateVerb::text() const
-{
-    return {
-        .name = u"terminate"_s,
-        .arguments = u"[SESSION…]"_s,
-        .summary = u"End sessions and their programs."_s,
-        .description =
-            u"Ends sessions and all programs in them. With several sessions, either all of them are found or none is\n"
-            "ended. On a terminal it asks before it ends what was not named."_s,
-        .examples = {u"zarvoctl terminate 3f2a 77c0"_s, u"zarvoctl terminate --all --yes"_s},
-        .maxArguments = -1};
-}
-
-QList<QCommandLineOption> TerminateVerb::options() const
-{
-    return {{u"all"_s, u"All sessions of this host."_s}, {{u"y"_s, u"yes"_s}, u"Do not ask."_s}, noStartOption()};
-}
-
-ExitCode TerminateVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     SessionList chosen;
@@ -105,4 +84,23 @@ ExitCode TerminateVerb::run(const QCommandLineParser &line, ClientContext &conte
     }
     const Progress progress(u"Ending"_s);
     return endAll(context, chosen, line.isSet(u"all"_s));
+}
+
+} // namespace
+
+Verb terminateVerb()
+{
+    return {
+        .name = u"terminate"_s,
+        .arguments = u"[SESSION…]"_s,
+        .summary = u"End sessions and their programs."_s,
+        .description =
+            u"Ends sessions and all programs in them. With several sessions, either all of them are found or none is\n"
+            "ended. On a terminal it asks before it ends what was not named."_s,
+        .examples = {u"zarvoctl terminate 3f2a 77c0"_s, u"zarvoctl terminate --all --yes"_s},
+        .maxArguments = -1,
+        .options = {{u"all"_s, u"All sessions of this host."_s},
+                    {{u"y"_s, u"yes"_s}, u"Do not ask."_s},
+                    noStartOption()},
+        .run = run};
 }

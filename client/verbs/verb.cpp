@@ -3,6 +3,14 @@
 
 using namespace Qt::StringLiterals;
 
+void addOptions(const Verb &verb, QCommandLineParser *line)
+{
+    line->addOptions(verb.options);
+    if (verb.endsWithCommand) {
+        line->setOptionsAfterPositionalArgumentsMode(QCommandLineParser::ParseAsPositionalArguments);
+    }
+}
+
 QCommandLineOption jsonOption()
 {
     return {u"json"_s, u"Print JSON, on one line."_s};

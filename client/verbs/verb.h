@@ -10,36 +10,27 @@
 #include <QString>
 #include <QStringList>
 
-/** What the user is told about a verb, and what its command line may hold. */
-struct VerbText
+/**
+ * One thing that the program can do: what the user is told about it, what its command line may hold, and the function
+ * that does it. A plain value; help, completion and main() take all that they know of a verb from it.
+ */
+struct Verb
 {
     QString name;
-    QString arguments; ///< as in "SESSION --for STATE"; empty when there are none
-    QString summary;   ///< one line, for the list of all verbs
+    QString arguments = {}; ///< as in "SESSION --for STATE"; empty when there are none
+    QString summary;        ///< one line, for the list of all verbs
     QString description;
     QStringList examples;
     QStringList aliases = {};
     qsizetype minArguments = 0;
-    qsizetype maxArguments = 0; ///< -1: any number
+    qsizetype maxArguments = 0;   ///< -1: any number
+    bool endsWithCommand = false; ///< the first argument that is no option begins a command with options of its own
+    QList<QCommandLineOption> options = {};
+    ExitCode (*run)(const QCommandLineParser &line, ClientContext &context); ///< called once, on the main thread
 };
 
-/**
- * One thing that the program can do. Verbs have no state of their own; one is made, run once on the main thread
- * and thrown away.
- */
-class Verb
-{
-public:
-    virtual ~Verb() = default;
-
-    [[nodiscard]] virtual VerbText text() const = 0;
-    [[nodiscard]] virtual QList<QCommandLineOption> options() const { return {}; }
-
-    /** Whether the first argument that is no option begins a command, whose options are not ours. */
-    [[nodiscard]] virtual bool endsWithCommand() const { return false; }
-
-    [[nodiscard]] virtual ExitCode run(const QCommandLineParser &line, ClientContext &context) = 0;
-};
+/** Makes @p line read the command line of a verb. */
+void addOptions(const Verb &verb, QCommandLineParser *line);
 
 // Options that several verbs have, so that they read and work alike.
 [[nodiscard]] QCommandLineOption jsonOption();

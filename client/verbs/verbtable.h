@@ -3,11 +3,12 @@
 
 #include "client/verbs/verb.h"
 
-#include <memory>
-#include <vector>
+#include <QList>
+
+#include <optional>
 
 /** All verbs, in the order in which the help text lists them. */
-[[nodiscard]] std::vector<std::unique_ptr<Verb>> allVerbs();
+[[nodiscard]] QList<Verb> allVerbs();
 
 /** The verb of this name or alias; null when there is none. */
-[[nodiscard]] std::unique_ptr<Verb> findVerb(const QString &name);
+[[nodiscard]] std::optional<Verb> findVerb(const QString &name);

@@ -1,28 +1,15 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/versionverb.h"
-
 #include "client/terminal/textwidth.h"
+#include "client/verbs/verbs.h"
 #include "support/json.h"
 
 #include <QCoreApplication>
 
 using namespace Qt::StringLiterals;
 
-VerbText VersionVerb::text() const
-{
-    return {.name = u"version"_s,
-            .arguments = {},
-            .summary = u"Print the versions of this program and of the server."_s,
-            .description = u"Prints the versions of this program and of the server that answers."_s,
-            .examples = {u"zarvoctl version --json"_s}};
-}
+namespace {
 
-QList<QCommandLineOption> VersionVerb::options() const
-{
-    return {jsonOption(), noStartOption()};
-}
-
-ExitCode VersionVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     Json::Value version;
@@ -40,4 +27,16 @@ ExitCode VersionVerb::run(const QCommandLineParser &line, ClientContext &context
     context.console.printLine(u"zarvoctl      "_s + QCoreApplication::applicationVersion());
     context.console.printLine(u"zarvo_server  "_s + printable(stringFromJson(version)));
     return ExitCode::Done;
+}
+
+} // namespace
+
+Verb versionVerb()
+{
+    return {.name = u"version"_s,
+            .summary = u"Print the versions of this program and of the server."_s,
+            .description = u"Prints the versions of this program and of the server that answers."_s,
+            .examples = {u"zarvoctl version --json"_s},
+            .options = {jsonOption(), noStartOption()},
+            .run = run};
 }

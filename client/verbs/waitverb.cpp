@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/waitverb.h"
-
 #include "client/sessions/sessionfollower.h"
+#include "client/verbs/verbs.h"
 
 #include <QElapsedTimer>
 
@@ -91,28 +90,7 @@ ExitCode follow(ClientContext &context, const SessionEntry &session, const Goal 
     }
 }
 
-} // namespace
-
-VerbText WaitVerb::text() const
-{
-    return {.name = u"wait"_s,
-            .arguments = u"[SESSION] --for STATE"_s,
-            .summary = u"Wait until a session is connected, suspended or ended."_s,
-            .description =
-                u"Waits until a viewer is connected to a session, until none is and no password is offered either\n"
-                "(suspended), or until it has ended. When it ends instead, the answer is no: exit code 1."_s,
-            .examples = {u"zarvoctl wait 3f2a --for ended"_s, u"zarvoctl wait --for connected --timeout 60 3f2a"_s},
-            .maxArguments = 1};
-}
-
-QList<QCommandLineOption> WaitVerb::options() const
-{
-    return {{u"for"_s, u"What to wait for: connected, suspended or ended."_s, u"STATE"_s},
-            {u"timeout"_s, u"Give up after so many seconds. Default: never."_s, u"S"_s},
-            noStartOption()};
-}
-
-ExitCode WaitVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     Goal goal;
@@ -129,4 +107,22 @@ ExitCode WaitVerb::run(const QCommandLineParser &line, ClientContext &context)
     }
     follow(context, session, goal, &failure);
     return context.console.report(failure);
+}
+
+} // namespace
+
+Verb waitVerb()
+{
+    return {.name = u"wait"_s,
+            .arguments = u"[SESSION] --for STATE"_s,
+            .summary = u"Wait until a session is connected, suspended or ended."_s,
+            .description =
+                u"Waits until a viewer is connected to a session, until none is and no password is offered either\n"
+                "(suspended), or until it has ended. When it ends instead, the answer is no: exit code 1."_s,
+            .examples = {u"zarvoctl wait 3f2a --for ended"_s, u"zarvoctl wait --for connected --timeout 60 3f2a"_s},
+            .maxArguments = 1,
+            .options = {{u"for"_s, u"What to wait for: connected, suspended or ended."_s, u"STATE"_s},
+                        {u"timeout"_s, u"Give up after so many seconds. Default: never."_s, u"S"_s},
+                        noStartOption()},
+            .run = run};
 }

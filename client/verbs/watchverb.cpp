@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/watchverb.h"
-
 #include "client/sessions/sessionchanges.h"
 #include "client/sessions/sessionfollower.h"
 #include "client/sessions/sessiontable.h"
+#include "client/verbs/verbs.h"
 
 #include <QSocketNotifier>
 #include <QTime>
@@ -132,30 +131,26 @@ ExitCode follow(ClientContext &context, Failure *failure)
     }
 }
 
-} // namespace
-
-VerbText WatchVerb::text() const
-{
-    return {
-        .name = u"watch"_s,
-        .arguments = {},
-        .summary = u"Show every change of the sessions as it happens."_s,
-        .description =
-            u"On a terminal, shows the table of sessions and keeps it up to date. Otherwise prints one JSON object\n"
-            "per line and change, beginning with the sessions there are. Waits for a server that has gone."_s,
-        .examples = {u"zarvoctl watch"_s, u"zarvoctl watch | jq --unbuffered .event"_s}};
-}
-
-QList<QCommandLineOption> WatchVerb::options() const
-{
-    return {noStartOption()};
-}
-
-ExitCode WatchVerb::run(const QCommandLineParser &line, ClientContext &context)
+ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
     Failure failure;
     if (!context.connectToServer(startMode(line), &failure)) {
         return context.console.report(failure);
     }
     return follow(context, &failure);
+}
+
+} // namespace
+
+Verb watchVerb()
+{
+    return {
+        .name = u"watch"_s,
+        .summary = u"Show every change of the sessions as it happens."_s,
+        .description =
+            u"On a terminal, shows the table of sessions and keeps it up to date. Otherwise prints one JSON object\n"
+            "per line and change, beginning with the sessions there are. Waits for a server that has gone."_s,
+        .examples = {u"zarvoctl watch"_s, u"zarvoctl watch | jq --unbuffered .event"_s},
+        .options = {noStartOption()},
+        .run = run};
 }

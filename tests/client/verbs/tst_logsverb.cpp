@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/logsverb.h"
-#include "client/verbs/screenshotverb.h"
+#include "client/verbs/verbs.h"
 #include "tests/client/servedcontext.h"
 #include "tests/client/sessions.h"
+#include "tests/client/verbs/runverb.h"
 #include "tests/testmain.h"
 
 #include <QTest>
@@ -19,24 +19,11 @@ private slots:
         const ServedContext context([](QSslSocket *peer, const Json::Value &request) {
             FakeServer::answer(peer, request, serverList({makeSession(u"1"_s, u"one"_s)}));
         });
-        QCOMPARE(run<LogsVerb>(context, {u"one"_s}), ExitCode::NoSuchSession);
-        QCOMPARE(run<ScreenshotVerb>(context, {u"one"_s, u"/dev/null/no.png"_s}), ExitCode::NoSuchSession);
+        QCOMPARE(runVerb(logsVerb(), *context, {u"one"_s}), ExitCode::NoSuchSession);
+        QCOMPARE(runVerb(screenshotVerb(), *context, {u"one"_s, u"/dev/null/no.png"_s}), ExitCode::NoSuchSession);
         QVERIFY(QDir().mkpath(context->files.sessionDirectory(makeSession(u"1"_s, {}).id)));
-        QCOMPARE(run<LogsVerb>(context, {u"one"_s}), ExitCode::SessionFailed);
-        QCOMPARE(run<ScreenshotVerb>(context, {u"one"_s, u"/dev/null/no.png"_s}), ExitCode::SessionFailed);
-    }
-
-private:
-    template <typename AVerb>
-    static ExitCode run(const ServedContext &context, const QStringList &arguments)
-    {
-        AVerb verb;
-        QCommandLineParser line;
-        line.addOptions(verb.options());
-        if (!line.parse(QStringList{u"verb"_s} + arguments)) {
-            qFatal("wrong usage");
-        }
-        return verb.run(line, *context);
+        QCOMPARE(runVerb(logsVerb(), *context, {u"one"_s}), ExitCode::SessionFailed);
+        QCOMPARE(runVerb(screenshotVerb(), *context, {u"one"_s, u"/dev/null/no.png"_s}), ExitCode::SessionFailed);
     }
 };
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "client/verbs/terminateverb.h"
+#include "client/verbs/verbs.h"
 #include "tests/client/servedcontext.h"
 #include "tests/client/sessions.h"
+#include "tests/client/verbs/runverb.h"
 #include "tests/testmain.h"
 
 #include <QTest>
@@ -60,16 +61,7 @@ private slots:
     }
 
 private:
-    ExitCode run(const QStringList &arguments)
-    {
-        TerminateVerb verb;
-        QCommandLineParser line;
-        line.addOptions(verb.options());
-        if (!line.parse(QStringList{u"terminate"_s} + arguments)) {
-            qFatal("wrong usage");
-        }
-        return verb.run(line, **context);
-    }
+    ExitCode run(const QStringList &arguments) { return runVerb(terminateVerb(), **context, arguments); }
 
     QList<SessionList> lists; ///< what the server lists, one after the other; the last one from then on
     QStringList ended;        ///< what it was asked to end
