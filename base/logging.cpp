@@ -4,13 +4,9 @@
 #include <QDateTime>
 #include <QMutexLocker>
 
-#include <array>
-
 using namespace Qt::StringLiterals;
 
 namespace {
-
-constexpr std::array kLevelNames = {"Critical"_L1, "Warning"_L1, "Info"_L1, "Debug1"_L1, "Debug2"_L1, "Debug3"_L1};
 
 Logging *installed = nullptr;
 
@@ -38,20 +34,12 @@ int Logging::level() const
 
 QString Logging::levelName(int level)
 {
-    if (level < 0 || level >= static_cast<int>(kLevelNames.size())) {
-        return {};
-    }
-    return kLevelNames[static_cast<size_t>(level)];
+    return logLevelName(level);
 }
 
 int Logging::levelFromName(const QString &name)
 {
-    for (size_t level = 0; level < kLevelNames.size(); ++level) {
-        if (name == kLevelNames[level]) {
-            return static_cast<int>(level);
-        }
-    }
-    return LogInfo;
+    return logLevelFromName(name).value_or(LogInfo);
 }
 
 QString Logging::formatLine(int level, const QString &text)

@@ -1,18 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "contract/loglevel.h"
+
 #include <QMutex>
 #include <QString>
-
-/** The levels of log lines; a lower number is more severe. */
-enum LogLevel : int {
-    LogCritical = 0, ///< the process cannot go on
-    LogWarning = 1,  ///< refused or degraded
-    LogInfo = 2,     ///< the life of the process
-    LogDebug1 = 3,   ///< what a developer needs, in growing detail
-    LogDebug2 = 4,
-    LogDebug3 = 5,
-};
 
 /**
  * A destination of log lines with a threshold. One logger is installed for the whole process, because

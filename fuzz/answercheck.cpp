@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "fuzz/answercheck.h"
 
+#include "contract/rpcerror.h"
+#include "contract/sessionerror.h"
 #include "fuzz/target.h"
 #include "rpc/netstring.h"
 #include "support/json.h"
@@ -69,7 +71,8 @@ Json::Value parsedStrictly(const QByteArray &text)
 
 bool isErrorCode(int code)
 {
-    return code == -32700 || code == -32600 || code == -32601 || code == -32602 || (code >= -32099 && code <= -32077);
+    return code == RpcParseError || code == RpcInvalidRequest || code == RpcMethodNotFound ||
+           code == RpcInvalidParameters || (code >= rpcErrorCode(UnknownError) && code <= rpcErrorCode(TimedOut));
 }
 
 void checkError(const Json::Value &error)

@@ -1,16 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "live/livemethod.h"
 
+#include "contract/rpcerror.h"
 #include "contract/sessionerror.h"
 #include "support/json.h"
 
 #include <optional>
 
 namespace {
-
-/** Session errors reach clients in the range that JSON-RPC leaves to implementations. */
-constexpr int kSessionErrorBase = -32000;
-constexpr int kInvalidParameters = -32602;
 
 using Parameters = std::span<const LiveMethodEntry::Parameter>;
 
@@ -49,11 +46,11 @@ bool LiveMethod::execute(const Json::Value &params, Json::Value &result)
 {
     const std::optional<QStringList> values = readParameters(params, entry.parameters);
     if (!values) {
-        result = rpcError(kInvalidParameters, "Invalid parameters.");
+        result = rpcError(RpcInvalidParameters, "Invalid parameters.");
         return false;
     }
     if (const int code = act(*values, &result); code != SessionOk) {
-        result = rpcError(code + kSessionErrorBase, errorMessage(code).toUtf8().constData());
+        result = rpcError(rpcErrorCode(code), errorMessage(code).toUtf8().constData());
         return false;
     }
     return true;

@@ -3,6 +3,7 @@
 
 #include "base/idletimer.h"
 #include "base/logging.h"
+#include "contract/rpcerror.h"
 #include "rpc/clientsocket.h"
 #include "rpc/netstring.h"
 #include "support/json.h"
@@ -38,7 +39,7 @@ bool isServing(const QIODevice &device)
 
 Json::Value invalidRequestError()
 {
-    return rpcError(-32600, "Invalid JSON-RPC request.");
+    return rpcError(RpcInvalidRequest, "Invalid JSON-RPC request.");
 }
 
 Json::Value makeResponse(const Json::Value &id)
@@ -93,7 +94,7 @@ QByteArray Handler::processMessage(const QByteArray &payload)
     Json::Value root;
     Json::Value response;
     if (!parseJson(payload, &root)) {
-        response = makeErrorResponse(rpcError(-32700, "Parse error."), Json::nullValue);
+        response = makeErrorResponse(rpcError(RpcParseError, "Parse error."), Json::nullValue);
     } else if (root.isNull() || root.isArray()) {
         response = processBatch(root); // a bare null is an empty batch
     } else {
@@ -231,7 +232,7 @@ Json::Value Handler::handleRequest(const Json::Value &request)
     const Json::Value &id = member(request, "id");
     RpcMethod *method = methods.value(stringFromJson(member(request, "method")));
     if (!method) {
-        return isNotification ? Json::Value() : makeErrorResponse(rpcError(-32601, "Method not found."), id);
+        return isNotification ? Json::Value() : makeErrorResponse(rpcError(RpcMethodNotFound, "Method not found."), id);
     }
     Json::Value result;
     const bool succeeded = method->execute(member(request, "params"), result);

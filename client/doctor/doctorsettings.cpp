@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/doctor/doctorcheck.h"
+#include "contract/loglevel.h"
+#include "contract/sessiondirectory.h"
 
 #include <QFileInfo>
 #include <QHostAddress>
@@ -11,13 +13,11 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr std::array kLevels = {"Critical"_L1, "Warning"_L1, "Info"_L1, "Debug1"_L1, "Debug2"_L1, "Debug3"_L1};
-
 constexpr std::array kKeys = {"UserPath"_L1,     "LogLevel"_L1,      "DisplayBase"_L1,
                               "DisplayLimit"_L1, "SciUrl"_L1,        "SuspendTimeout"_L1,
                               "ListenPort"_L1,   "BroadcastPort"_L1, "BroadcastAddress"_L1};
 
-constexpr int kHighestDisplay = 65535 - 41000;
+constexpr int kHighestDisplay = 65535 - kFirstAgentPort;
 
 class SettingsInspection
 {
@@ -94,7 +94,7 @@ private:
     void logLevel()
     {
         const QString level = input.settings.logLevel;
-        if (!level.isEmpty() && std::find(kLevels.begin(), kLevels.end(), level) == kLevels.end()) {
+        if (!level.isEmpty() && !logLevelFromName(level)) {
             add(u"LogLevel is \"%1\", which becomes Info"_s.arg(level));
         }
     }

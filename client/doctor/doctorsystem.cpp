@@ -4,6 +4,7 @@
 #include "client/server/portprobe.h"
 #include "client/server/serverlauncher.h"
 #include "client/server/serverprocess.h"
+#include "contract/sessiondirectory.h"
 #include "support/filereader.h"
 
 #include <QFile>
@@ -19,7 +20,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kFirstXPort = 6000;
-constexpr int kFirstAgentPort = 41000;
 constexpr int kMaxFileBytes = 65536;
 
 /** Looking at each of thousands would take long and tell no more. */

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "client/server/rpcclient.h"
 
+#include "contract/rpcerror.h"
+#include "contract/sessionerror.h"
 #include "rpc/netstring.h"
 #include "support/json.h"
 
@@ -14,19 +16,14 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// The server's numbers for what went wrong with a session.
-constexpr int kNoSuchSession = -32094;
-constexpr int kInvalidState = -32092;
-constexpr int kAgentTimedOut = -32077;
-
 ExitCode exitCodeFor(int errorCode)
 {
     switch (errorCode) {
-    case kNoSuchSession:
+    case rpcErrorCode(NoSuchSession):
         return ExitCode::NoSuchSession;
-    case kInvalidState:
+    case rpcErrorCode(InvalidState):
         return ExitCode::WrongState;
-    case kAgentTimedOut:
+    case rpcErrorCode(TimedOut):
         return ExitCode::TimedOut;
     default:
         return ExitCode::SessionFailed;
