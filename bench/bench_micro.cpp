@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // What the parts of a request and of a refresh cost by themselves.
 #include "contract/application.h"
+#include "contract/geometry.h"
 #include "engine/agentlog.h"
 #include "engine/session.h"
 #include "live/livemethods.h"
@@ -85,7 +86,7 @@ void readLog(benchmark::State &state)
 QList<SessionInfo> someSessions(qint64 count)
 {
     Session session;
-    session.windowMode = u"desktop"_s;
+    session.windowMode = WindowMode::kDesktop;
     session.name = u"xterm"_s;
     session.started = QDateTime::currentDateTime();
     session.lastConnect = session.started;

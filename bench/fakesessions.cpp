@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "bench/fakesessions.h"
 
+#include "contract/geometry.h"
 #include "contract/sessionid.h"
 #include "engine/sessionfiles.h"
 
@@ -94,7 +95,7 @@ void FakeSessions::makeSession(const QString &root, int number)
     QDir().mkpath(directory);
     const QDir files(directory);
     writeFile(files.filePath(SessionFile::kDisplay), QString::number(display));
-    writeFile(files.filePath(SessionFile::kWindowMode), u"desktop"_s);
+    writeFile(files.filePath(SessionFile::kWindowMode), WindowMode::kDesktop);
     writeFile(files.filePath(SessionFile::kName), u"xterm"_s);
     processes.push_back(startProcess(directory));
     writeFile(files.filePath(SessionFile::kMonitorPid), QString::number(processes.back()));

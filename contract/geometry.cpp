@@ -22,6 +22,11 @@ std::optional<int> parseSide(QStringView text)
 
 } // namespace
 
+QString windowModeOf(const QString &geometry)
+{
+    return geometry == WindowMode::kRootless ? WindowMode::kRootless : WindowMode::kDesktop;
+}
+
 std::optional<QSize> parseGeometry(QStringView text)
 {
     const qsizetype cross = text.indexOf(u'x');

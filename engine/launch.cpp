@@ -2,6 +2,7 @@
 #include "engine/launch.h"
 
 #include "base/logging.h"
+#include "contract/geometry.h"
 #include "contract/sessionerror.h"
 #include "engine/displays.h"
 #include "engine/session.h"
@@ -90,7 +91,7 @@ int startSession(Session *session, const QString &directory, quint16 base, quint
     if (!display) {
         return fail(NoOpenDisplay, u"Failed to find an open display"_s);
     }
-    const QString windowMode = geometry == "rootless"_L1 ? u"rootless"_s : u"desktop"_s;
+    const QString windowMode = windowModeOf(geometry);
 
     QString error;
     QString cookie;

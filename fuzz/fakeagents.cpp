@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "fuzz/fakeagents.h"
 
+#include "contract/geometry.h"
 #include "contract/sessionerror.h"
 #include "engine/displays.h"
 #include "engine/launch.h"
@@ -175,7 +176,7 @@ int startSession(Session *session, const QString &directory, quint16 base, quint
     if (!display) {
         return NoOpenDisplay;
     }
-    const QString windowMode = geometry == u"rootless"_s ? u"rootless"_s : u"desktop"_s;
+    const QString windowMode = windowModeOf(geometry);
     const pid_t process = agents.processOf(*display);
     QString error;
     FUZZ_CHECK(describe(directory, *display, windowMode, name, &error));

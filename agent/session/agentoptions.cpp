@@ -34,7 +34,7 @@ bool parseAgentArguments(const QStringList &arguments, AgentOptions *options, QS
         return false;
     }
     AgentOptions parsed;
-    parsed.rootless = arguments[0] == "rootless"_L1;
+    parsed.rootless = arguments[0] == WindowMode::kRootless;
     const std::optional<QSize> size = parsed.rootless ? kRootlessSize : parseGeometry(arguments[0]);
     if (!size) {
         *error = u"The geometry \"%1\" is neither \"rootless\" nor a size like \"1280x800\""_s.arg(arguments[0]);

@@ -53,5 +53,5 @@ QString commandLine(const QStringList &arguments)
 
 bool isGeometry(const QString &text)
 {
-    return text == "rootless"_L1 || parseGeometry(text).has_value();
+    return text == WindowMode::kRootless || parseGeometry(text).has_value();
 }

@@ -49,6 +49,14 @@ private slots:
             QCOMPARE(*parsed, size);
         }
     }
+
+    void onlyTheExactWordMakesARootlessSession()
+    {
+        QCOMPARE(windowModeOf(u"rootless"_s), u"rootless"_s);
+        for (const QString &geometry : {u"1280x800"_s, u"Rootless"_s, u"rootless "_s, u"desktop"_s, QString()}) {
+            QCOMPARE(windowModeOf(geometry), u"desktop"_s);
+        }
+    }
 };
 
 ZARVO_TEST(GeometryTest)
