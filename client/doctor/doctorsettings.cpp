@@ -2,20 +2,18 @@
 #include "client/doctor/doctorcheck.h"
 #include "contract/loglevel.h"
 #include "contract/sessiondirectory.h"
+#include "contract/settingkeys.h"
 
 #include <QFileInfo>
 #include <QHostAddress>
 
 #include <algorithm>
-#include <array>
+#include <span>
+#include <variant>
 
 using namespace Qt::StringLiterals;
 
 namespace {
-
-constexpr std::array kKeys = {"UserPath"_L1,     "LogLevel"_L1,      "DisplayBase"_L1,
-                              "DisplayLimit"_L1, "SciUrl"_L1,        "SuspendTimeout"_L1,
-                              "ListenPort"_L1,   "BroadcastPort"_L1, "BroadcastAddress"_L1};
 
 constexpr int kHighestDisplay = 65535 - kFirstAgentPort;
 
@@ -31,10 +29,8 @@ public:
     {
         fileItself();
         unknownKeys();
-        number16("DisplayBase"_L1, input.settings.displayBase);
-        number16("DisplayLimit"_L1, input.settings.displayLimit);
-        number16("ListenPort"_L1, input.settings.listenPort);
-        number16("BroadcastPort"_L1, input.settings.broadcastPort);
+        numbers<quint16>();
+        numbers<int>();
         suspendTimeout();
         logLevel();
         displayRange();
@@ -61,32 +57,38 @@ private:
 
     void unknownKeys()
     {
+        const std::span<const SettingRow> table = settingTable();
         for (const QString &key : input.rawSettings.keys()) {
-            if (std::find(kKeys.begin(), kKeys.end(), key) == kKeys.end()) {
+            const auto isSame = [&key](const SettingRow &row) { return row.key == key; };
+            if (std::none_of(table.begin(), table.end(), isSame)) {
                 add(u"There is no setting %1; it is ignored"_s.arg(key));
             }
         }
     }
 
-    void number16(QLatin1StringView key, quint16 effective)
+    /** The settings of this type whose text becomes another number than it says. */
+    template <typename Number>
+    void numbers()
     {
-        const QString text = input.rawSettings.value(key).toString();
-        if (input.rawSettings.contains(key) && text != QString::number(effective)) {
-            add(u"%1 is \"%2\", which becomes %3"_s.arg(key, text, QString::number(effective)));
+        for (const SettingRow &row : settingTable()) {
+            if (std::holds_alternative<Number Settings::*>(row.member) && input.rawSettings.contains(row.key)) {
+                number(row);
+            }
+        }
+    }
+
+    void number(const SettingRow &row)
+    {
+        const QString text = input.rawSettings.value(row.key).toString();
+        const QString effective = row.text(input.settings);
+        if (text != effective) {
+            add(u"%1 is \"%2\", which becomes %3"_s.arg(row.key, text, effective));
         }
     }
 
     void suspendTimeout()
     {
-        const QString text = input.rawSettings.value(u"SuspendTimeout"_s).toString();
-        const int effective = input.settings.suspendTimeout;
-        if (!input.rawSettings.contains(u"SuspendTimeout"_s)) {
-            return;
-        }
-        if (text != QString::number(effective)) {
-            add(u"SuspendTimeout is \"%1\", which becomes %2"_s.arg(text, QString::number(effective)));
-        }
-        if (effective == 0) {
+        if (input.rawSettings.contains(SettingKey::kSuspendTimeout) && input.settings.suspendTimeout == 0) {
             add(u"SuspendTimeout is 0: sessions end as soon as nobody is connected"_s);
         }
     }

@@ -102,12 +102,6 @@ class Manual(unittest.TestCase):
         block = plain(manual("zarvoctl.1")).split(".SH EXIT STATUS\n")[1].split("\n.SH ")[0]
         self.assertEqual(re.findall(r"\.TP\n(\d+)\n(.*)", block), re.findall(r"(?m)^ +(\d+)  (.*)$", listed))
 
-    def test_settings(self):
-        source = zarvo.read(os.path.join(ROOT, "base", "settings.cpp"))
-        keys = set(re.findall(r'"([A-Z][A-Za-z]+)"_L1', source))
-        self.assertGreater(len(keys), 5)
-        self.assertEqual(set(re.findall(r"(?m)^\.BR (\w+) \" \(default", manual("zarvo_server.conf.5"))), keys)
-
     def test_pages_are_sound(self):
         if not shutil.which("man"):
             self.skipTest("man is not installed")

@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: MIT
+#include "base/logging.h"
+#include "base/settings.h"
+#include "contract/settingkeys.h"
+#include "support/pathtemplate.h"
+#include "tests/helpers/files.h"
+#include "tests/testmain.h"
+
+#include <QMap>
+#include <QRegularExpression>
+#include <QSet>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+/** What documents and the fuzz target say about settings, held against the table. */
+class TestSettingTable : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void everyMemberHasARowOfItsOwn();
+    void everyRowHasAKeyOfItsOwn();
+    void manualDescribesExactlyTheSettingsOfTheTable();
+    void manualTellsTheDefaults();
+    void manualTellsWherePlaceholdersAreFilledIn();
+    void dictionaryOfTheFuzzTargetHasAllKeys();
+
+private:
+    QString manual;
+    QMap<QString, QString> documentedDefaults; ///< by key
+};
+
+namespace {
+
+QStringList sorted(QStringList texts)
+{
+    texts.sort();
+    return texts;
+}
+
+QStringList keysOf(bool (*isWanted)(const SettingRow &row))
+{
+    QStringList keys;
+    for (const SettingRow &row : settingTable()) {
+        if (isWanted(row)) {
+            keys.append(row.key);
+        }
+    }
+    return sorted(keys);
+}
+
+QStringList allKeys()
+{
+    return keysOf([](const SettingRow &) { return true; });
+}
+
+} // namespace
+
+void TestSettingTable::initTestCase()
+{
+    manual = QString::fromUtf8(contentOf(QStringLiteral(ZARVO_SOURCES "/docs/man/zarvo_server.conf.5")));
+    manual.replace(u"\\-"_s, u"-"_s);
+    static const QRegularExpression entry(u"^\\.BR (\\w+) \" \\(default: (.*)\\)\"$"_s,
+                                          QRegularExpression::MultilineOption);
+    for (const QRegularExpressionMatch &match : entry.globalMatch(manual)) {
+        QVERIFY2(!documentedDefaults.contains(match.captured(1)), qPrintable(match.captured(1)));
+        documentedDefaults.insert(match.captured(1), match.captured(2));
+    }
+}
+
+void TestSettingTable::everyMemberHasARowOfItsOwn()
+{
+    // This stops compiling when Settings gets another member, which then needs a row.
+    Settings settings{};
+    auto &[a, b, c, d, e, f, g, h, i] = settings;
+    const QSet<const void *> members = {&a, &b, &c, &d, &e, &f, &g, &h, &i};
+    QSet<const void *> reached;
+    for (const SettingRow &row : settingTable()) {
+        reached.insert(
+            std::visit([&settings](auto member) -> const void * { return &(settings.*member); }, row.member));
+    }
+    QCOMPARE(reached, members);
+    QCOMPARE(settingTable().size(), size_t(members.size()));
+}
+
+void TestSettingTable::everyRowHasAKeyOfItsOwn()
+{
+    const QStringList keys = allKeys();
+    QCOMPARE(QSet<QString>(keys.begin(), keys.end()).size(), keys.size());
+}
+
+void TestSettingTable::manualDescribesExactlyTheSettingsOfTheTable()
+{
+    QCOMPARE(documentedDefaults.keys(), allKeys());
+}
+
+void TestSettingTable::manualTellsTheDefaults()
+{
+    const QTemporaryDir empty;
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, empty.path());
+    QSettings::setPath(QSettings::NativeFormat, QSettings::SystemScope, empty.path());
+    const Settings defaults = Settings::read();
+    for (const SettingRow &row : settingTable()) {
+        const QString documented = documentedDefaults.value(row.key);
+        if (row.key == SettingKey::kLogLevel) {
+            // Without a name the level is that of an unknown one, which the page names.
+            QCOMPARE(logLevelFromName(documented), Logging::levelFromName(row.text(defaults)));
+        } else {
+            QCOMPARE(row.isTemplate ? expandPathTemplate(documented) : documented, row.text(defaults));
+        }
+    }
+}
+
+void TestSettingTable::manualTellsWherePlaceholdersAreFilledIn()
+{
+    static const QRegularExpression sentence(u"\\.PP\nIn\n(.*?)these are filled in"_s,
+                                             QRegularExpression::DotMatchesEverythingOption);
+    static const QRegularExpression name(u"^\\.B (\\w+)$"_s, QRegularExpression::MultilineOption);
+    QStringList documented;
+    for (const QRegularExpressionMatch &match : name.globalMatch(sentence.match(manual).captured(1))) {
+        documented.append(match.captured(1));
+    }
+    QCOMPARE(sorted(documented), keysOf([](const SettingRow &row) { return row.isTemplate; }));
+}
+
+void TestSettingTable::dictionaryOfTheFuzzTargetHasAllKeys()
+{
+    static const QRegularExpression entry(u"^\"(\\w+)=\"$"_s, QRegularExpression::MultilineOption);
+    const QString dictionary = QString::fromUtf8(contentOf(QStringLiteral(ZARVO_SOURCES "/fuzz/dict/settings.dict")));
+    QStringList keys;
+    for (const QRegularExpressionMatch &match : entry.globalMatch(dictionary)) {
+        keys.append(match.captured(1));
+    }
+    QCOMPARE(sorted(keys), allKeys());
+}
+
+ZARVO_TEST(TestSettingTable)
+
+#include "tst_settingtable.moc"
