@@ -8,6 +8,7 @@
 #include "tests/helpers/collectinglogger.h"
 #include "tests/live/backgroundtask.h"
 #include "tests/live/livesession.h"
+#include "tests/live/sessionlists.h"
 #include "tests/testmain.h"
 
 #include <QFileInfo>
@@ -28,36 +29,6 @@ class TestSessionStore : public QObject
 private slots:
     void init();
     void cleanup();
-
-    void scanFindsRunningSessions();
-    void scanFindsSessionsThatEndedInOrder();
-    void scanIgnoresOtherNames_data();
-    void scanIgnoresOtherNames();
-    void scanIgnoresFiles();
-    void scanIgnoresSessionsWithoutTheirFiles_data();
-    void scanIgnoresSessionsWithoutTheirFiles();
-    void scanIgnoresBrokenSessions();
-    void scanTellsIdsApartByCase();
-    void scanHoldsOnceForTwoDirectoriesOfOneId();
-    void missingRootHasNoSessions();
-    void storeIsCreatedWithoutTouchingTheDisk();
-
-    void idsAreInAscendingOrder();
-    void idsAreBusyUntilReleased();
-    void releaseOfAnIdleIdDoesNothing();
-    void acquireHandsOutTheRecord();
-    void acquireOfAnUnknownIdFails();
-    void acquireOfAnEmptyEntryFails();
-    void acquireBlocksUntilRelease();
-    void acquireBlocksOnItsOwnIdAlone();
-    void everyWaiterGetsItsTurn();
-    void removalWhileWaitingEndsTheWait();
-    void tryAcquireDoesNotWait();
-    void addedSessionReplacesTheEarlierOne();
-    void everyEntryHoldsTheIdleTimerOnce();
-    void removalOfAnUnknownIdReturnsNothing();
-    void removalLeavesTheRecordToTheCaller();
-    void destructorDropsAllHolds();
 
     void refreshListsRunningSessions();
     void refreshTakesOverWhatTheAgentTells();
@@ -80,10 +51,7 @@ private slots:
     void listingFailsWhenASessionGoes_data();
     void listingFailsWhenASessionGoes();
 
-    void peersAreInTheOrderOfTheirKeys();
-    void peersListIsReplaced();
     void peerIsForgotten();
-    void forgettingAnUnknownPeerDoesNothing();
     void refreshListsPeersFirst();
     void refreshForgetsExpiredPeers();
     void listingKeepsExpiredPeers();
@@ -106,40 +74,6 @@ private:
     std::unique_ptr<CollectingLogger> logger;
     std::unique_ptr<SessionStore> store;
 };
-
-namespace {
-
-QStringList idsOf(const QList<SessionInfo> &list)
-{
-    QStringList ids;
-    for (const SessionInfo &info : list) {
-        ids.append(info.id);
-    }
-    return ids;
-}
-
-QList<SessionInfo> listOf(const QStringList &ids)
-{
-    QList<SessionInfo> list;
-    for (const QString &id : ids) {
-        SessionInfo info;
-        info.id = id;
-        list.append(info);
-    }
-    return list;
-}
-
-QDateTime later()
-{
-    return QDateTime::currentDateTime().addSecs(3600);
-}
-
-QDateTime earlier()
-{
-    return QDateTime::currentDateTime().addSecs(-1);
-}
-
-} // namespace
 
 void TestSessionStore::init()
 {
@@ -175,366 +109,6 @@ QStringList TestSessionStore::refreshedIds()
     QList<SessionInfo> list;
     store->refreshAll(list);
     return idsOf(list);
-}
-
-void TestSessionStore::scanFindsRunningSessions()
-{
-    const LiveSession live(root, testId(1), displays.first(), u"{\"Clients\":2,\"Passwords\":[\"pw\"]}"_s);
-    const SessionStore found(root, 0, 0, QString());
-    QCOMPARE(found.sessionIds(), QStringList{testId(1)});
-    QVERIFY(!found.isBusy(testId(1)));
-    QCOMPARE(TEST_heldSessions(), 1);
-    QCOMPARE(logger->takeLines(), QStringList());
-}
-
-void TestSessionStore::scanFindsSessionsThatEndedInOrder()
-{
-    const QString directory = newDirectory(1);
-    putFile(directory + u"/monitor_pid"_s, QByteArray::number(::getpid()));
-    putFile(directory + u"/server_exit"_s, "0");
-    SessionStore found(root, 0, 0, QString());
-    QCOMPARE(found.sessionIds(), QStringList{testId(1)});
-    Session *session = nullptr;
-    QCOMPARE(found.acquire(testId(1), session), SessionOk);
-    QCOMPARE(session->directory, directory);
-    QCOMPARE(session->windowMode, u"desktop"_s);
-    QCOMPARE(session->name, u"xterm"_s);
-    QCOMPARE(session->display, displays.first());
-    QVERIFY(session->exited);
-    QVERIFY(QFileInfo::exists(directory));
-}
-
-void TestSessionStore::scanIgnoresOtherNames_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::newRow("no prefix") << testId(1);
-    QTest::newRow("other prefix") << u"c-"_s + testId(1);
-    QTest::newRow("31 digits") << u"C-"_s + testId(1).mid(1);
-    QTest::newRow("33 digits") << u"C-0"_s + testId(1);
-    QTest::newRow("no digit") << u"C-g"_s + testId(1).mid(1);
-    QTest::newRow("hidden") << u".C-"_s + testId(1);
-    QTest::newRow("something behind") << u"C-"_s + testId(1) + u"-old"_s;
-}
-
-void TestSessionStore::scanIgnoresOtherNames()
-{
-    QFETCH(QString, name);
-    const QString directory = newDirectory(1);
-    putFile(directory + u"/monitor_pid"_s, QByteArray::number(::getpid()));
-    putFile(directory + u"/server_exit"_s, "0");
-    QCOMPARE(SessionStore(root, 0, 0, QString()).sessionIds().size(), 1);
-    QVERIFY(QFile::rename(directory, root + u'/' + name));
-
-    QCOMPARE(SessionStore(root, 0, 0, QString()).sessionIds(), QStringList());
-    QVERIFY(QFileInfo::exists(root + u'/' + name + u"/display"_s));
-    QCOMPARE(logger->takeLines(), QStringList());
-}
-
-void TestSessionStore::scanIgnoresFiles()
-{
-    putFile(sessionDirectory(root, testId(1)), "content");
-    const SessionStore found(root, 0, 0, QString());
-    QCOMPARE(found.sessionIds(), QStringList());
-    QCOMPARE(logger->takeLines(), QStringList());
-}
-
-void TestSessionStore::scanIgnoresSessionsWithoutTheirFiles_data()
-{
-    QTest::addColumn<QString>("file");
-    for (const char *file : {"display", "window_mode", "name", "monitor_pid", "server_exit"}) {
-        QTest::newRow(file) << QString::fromLatin1(file);
-    }
-}
-
-void TestSessionStore::scanIgnoresSessionsWithoutTheirFiles()
-{
-    QFETCH(QString, file);
-    for (const int number : {1, 2}) {
-        const QString directory = newDirectory(number);
-        putFile(directory + u"/monitor_pid"_s, QByteArray::number(::getpid()));
-        putFile(directory + u"/server_exit"_s, "0");
-    }
-    QVERIFY(QFile::remove(sessionDirectory(root, testId(1)) + u'/' + file));
-    {
-        const SessionStore found(root, 0, 0, QString());
-        QCOMPARE(found.sessionIds(), QStringList{testId(2)});
-        QCOMPARE(TEST_heldSessions(), 1);
-    }
-    QVERIFY(QFileInfo::exists(sessionDirectory(root, testId(1))));
-}
-
-void TestSessionStore::scanIgnoresBrokenSessions()
-{
-    const QString directory = newDirectory(1);
-    putFile(directory + u"/monitor_pid"_s, QByteArray::number(::getpid()));
-    putFile(directory + u"/server_exit"_s, "no number");
-    QCOMPARE(SessionStore(root, 0, 0, QString()).sessionIds(), QStringList());
-    QVERIFY(QFileInfo::exists(directory));
-}
-
-void TestSessionStore::scanTellsIdsApartByCase()
-{
-    const QString upper = testId(0xA).toUpper();
-    for (const QString &id : {testId(0xa), upper}) {
-        const QString directory = makeSessionDirectory(root, id, displays.first());
-        putFile(directory + u"/monitor_pid"_s, QByteArray::number(::getpid()));
-        putFile(directory + u"/server_exit"_s, "0");
-    }
-    QCOMPARE(SessionStore(root, 0, 0, QString()).sessionIds(), (QStringList{upper, testId(0xa)}));
-}
-
-// A directory's name counts up to its first dot, so that two names may stand for one id.
-void TestSessionStore::scanHoldsOnceForTwoDirectoriesOfOneId()
-{
-    for (const QString &suffix : {QString(), u".copy"_s}) {
-        const QString directory = newDirectory(1);
-        putFile(directory + u"/monitor_pid"_s, QByteArray::number(::getpid()));
-        putFile(directory + u"/server_exit"_s, "0");
-        if (suffix.isEmpty()) {
-            QVERIFY(QFile::rename(directory, directory + u".copy"_s));
-        }
-    }
-    const int heldBefore = TEST_heldSessions();
-    {
-        const SessionStore found(root, 0, 0, QString());
-        QCOMPARE(found.sessionIds(), QStringList{testId(1)});
-    }
-    const int leaked = TEST_heldSessions() - heldBefore;
-    for (int hold = 0; hold < leaked; ++hold) {
-        releaseSession();
-    }
-    QCOMPARE(leaked, 0);
-}
-
-void TestSessionStore::missingRootHasNoSessions()
-{
-    SessionStore found(folder->filePath(u"missing"_s), 0, 0, QString());
-    QCOMPARE(found.sessionIds(), QStringList());
-    QList<SessionInfo> list;
-    QCOMPARE(found.listLocalSessions(list), SessionOk);
-    QVERIFY(list.isEmpty());
-}
-
-void TestSessionStore::storeIsCreatedWithoutTouchingTheDisk()
-{
-    const SessionStore found(folder->filePath(u"missing"_s), 0, 0, QString());
-    QVERIFY(!QFileInfo::exists(folder->filePath(u"missing"_s)));
-}
-
-void TestSessionStore::idsAreInAscendingOrder()
-{
-    const QStringList ids{testId(1), testId(2), testId(0x10).replace(u'1', u'A'), testId(0x10).replace(u'1', u'a')};
-    for (const qsizetype index : {2, 0, 3, 1}) {
-        add(ids.at(index));
-    }
-    QCOMPARE(store->sessionIds(), ids);
-}
-
-void TestSessionStore::idsAreBusyUntilReleased()
-{
-    QVERIFY(!store->isBusy(testId(1)));
-    store->addSession(testId(1), std::make_unique<Session>());
-    QVERIFY(store->isBusy(testId(1)));
-    QVERIFY(!store->isBusy(testId(2)));
-    store->release(testId(1));
-    QVERIFY(!store->isBusy(testId(1)));
-}
-
-void TestSessionStore::releaseOfAnIdleIdDoesNothing()
-{
-    add(testId(1));
-    store->release(testId(1));
-    store->release(testId(2));
-    QCOMPARE(store->sessionIds(), QStringList{testId(1)});
-    QCOMPARE(TEST_heldSessions(), 1);
-}
-
-void TestSessionStore::acquireHandsOutTheRecord()
-{
-    Session *record = add(testId(1));
-    Session *session = nullptr;
-    QCOMPARE(store->acquire(testId(1), session), SessionOk);
-    QCOMPARE(session, record);
-    QVERIFY(store->isBusy(testId(1)));
-}
-
-void TestSessionStore::acquireOfAnUnknownIdFails()
-{
-    Session untouched;
-    Session *session = &untouched;
-    QCOMPARE(store->acquire(testId(1), session), NoSuchSession);
-    QCOMPARE(session, &untouched);
-    QVERIFY(!store->isBusy(testId(1)));
-}
-
-void TestSessionStore::acquireOfAnEmptyEntryFails()
-{
-    store->addSession(testId(1), nullptr);
-    store->release(testId(1));
-    Session *session = nullptr;
-    QCOMPARE(store->acquire(testId(1), session), NoSuchSession);
-    QVERIFY(!store->isBusy(testId(1)));
-}
-
-void TestSessionStore::acquireBlocksUntilRelease()
-{
-    Session *record = add(testId(1));
-    Session *session = nullptr;
-    QCOMPARE(store->acquire(testId(1), session), SessionOk);
-
-    std::atomic<bool> isReleased = false;
-    std::atomic<bool> cameAfterTheRelease = false;
-    std::atomic<int> code = UnknownError;
-    std::atomic<Session *> got = nullptr;
-    const BackgroundTask second([&] {
-        Session *mine = nullptr;
-        code = store->acquire(testId(1), mine);
-        cameAfterTheRelease = isReleased.load();
-        got = mine;
-    });
-    const bool isBlocked = second.waitUntilBlocked();
-    isReleased = true;
-    store->release(testId(1));
-    QVERIFY(second.waitUntilDone());
-    QVERIFY(isBlocked);
-    QVERIFY(cameAfterTheRelease);
-    QCOMPARE(code.load(), int(SessionOk));
-    QCOMPARE(got.load(), record);
-    QVERIFY(store->isBusy(testId(1)));
-}
-
-void TestSessionStore::acquireBlocksOnItsOwnIdAlone()
-{
-    add(testId(1));
-    add(testId(2));
-    Session *session = nullptr;
-    QCOMPARE(store->acquire(testId(1), session), SessionOk);
-    std::atomic<int> code = UnknownError;
-    const BackgroundTask second([&] {
-        Session *mine = nullptr;
-        code = store->acquire(testId(2), mine);
-    });
-    QVERIFY(second.waitUntilDone());
-    QCOMPARE(code.load(), int(SessionOk));
-}
-
-void TestSessionStore::everyWaiterGetsItsTurn()
-{
-    Session *record = add(testId(1));
-    Session *session = nullptr;
-    QCOMPARE(store->acquire(testId(1), session), SessionOk);
-    std::atomic<int> holders = 0;
-    std::atomic<bool> wasAlwaysAlone = true;
-    const auto work = [&] {
-        for (int round = 0; round < 20; ++round) {
-            Session *mine = nullptr;
-            if (store->acquire(testId(1), mine) != SessionOk || ++holders != 1) {
-                wasAlwaysAlone = false;
-            }
-            ++mine->clients;
-            --holders;
-            store->release(testId(1));
-        }
-    };
-    {
-        const BackgroundTask first(work);
-        const BackgroundTask second(work);
-        const BackgroundTask third(work);
-        const bool areBlocked = first.waitUntilBlocked() && second.waitUntilBlocked() && third.waitUntilBlocked();
-        store->release(testId(1));
-        QVERIFY(areBlocked);
-        QVERIFY(first.waitUntilDone() && second.waitUntilDone() && third.waitUntilDone());
-    }
-    QVERIFY(wasAlwaysAlone);
-    QCOMPARE(record->clients, 60);
-    QVERIFY(!store->isBusy(testId(1)));
-}
-
-void TestSessionStore::removalWhileWaitingEndsTheWait()
-{
-    add(testId(1));
-    Session *session = nullptr;
-    QCOMPARE(store->acquire(testId(1), session), SessionOk);
-    std::atomic<int> code = SessionOk;
-    const BackgroundTask second([&] {
-        Session *mine = nullptr;
-        code = store->acquire(testId(1), mine);
-    });
-    const bool isBlocked = second.waitUntilBlocked();
-    store->removeSession(testId(1));
-    QVERIFY(second.waitUntilDone());
-    QVERIFY(isBlocked);
-    QCOMPARE(code.load(), -94);
-    QVERIFY(!store->isBusy(testId(1)));
-}
-
-void TestSessionStore::tryAcquireDoesNotWait()
-{
-    Session *record = add(testId(1));
-    Session *session = nullptr;
-    QCOMPARE(store->tryAcquire(testId(1), session), SessionOk);
-    QCOMPARE(session, record);
-    session = nullptr;
-    QCOMPARE(store->tryAcquire(testId(1), session), InvalidState);
-    QVERIFY(!session);
-    QCOMPARE(store->tryAcquire(testId(2), session), NoSuchSession);
-    QVERIFY(!store->isBusy(testId(2)));
-}
-
-void TestSessionStore::addedSessionReplacesTheEarlierOne()
-{
-    add(testId(1));
-    auto next = std::make_unique<Session>();
-    Session *record = next.get();
-    store->addSession(testId(1), std::move(next));
-    QVERIFY(store->isBusy(testId(1)));
-    store->release(testId(1));
-    QCOMPARE(store->sessionIds(), QStringList{testId(1)});
-    Session *session = nullptr;
-    QCOMPARE(store->acquire(testId(1), session), SessionOk);
-    QCOMPARE(session, record);
-}
-
-void TestSessionStore::everyEntryHoldsTheIdleTimerOnce()
-{
-    QCOMPARE(TEST_heldSessions(), 0);
-    add(testId(1));
-    QCOMPARE(TEST_heldSessions(), 1);
-    add(testId(2));
-    QCOMPARE(TEST_heldSessions(), 2);
-    add(testId(1));
-    QCOMPARE(TEST_heldSessions(), 2);
-    store->removeSession(testId(1));
-    QCOMPARE(TEST_heldSessions(), 1);
-    store->removeSession(testId(1));
-    QCOMPARE(TEST_heldSessions(), 1);
-    store->removeSession(testId(2));
-    QCOMPARE(TEST_heldSessions(), 0);
-}
-
-void TestSessionStore::removalOfAnUnknownIdReturnsNothing()
-{
-    QVERIFY(!store->removeSession(testId(1)));
-    QCOMPARE(TEST_heldSessions(), 0);
-}
-
-void TestSessionStore::removalLeavesTheRecordToTheCaller()
-{
-    Session *record = add(testId(1));
-    const std::unique_ptr<Session> removed = store->removeSession(testId(1));
-    QCOMPARE(removed.get(), record);
-    QCOMPARE(removed->name, u"name"_s);
-    QCOMPARE(store->sessionIds(), QStringList());
-}
-
-void TestSessionStore::destructorDropsAllHolds()
-{
-    add(testId(1));
-    add(testId(2));
-    store->addSession(testId(3), std::make_unique<Session>()); // busy to the end
-    QCOMPARE(TEST_heldSessions(), 3);
-    store.reset();
-    QCOMPARE(TEST_heldSessions(), 0);
 }
 
 void TestSessionStore::refreshListsRunningSessions()
@@ -804,24 +378,6 @@ void TestSessionStore::listingFailsWhenASessionGoes()
     QVERIFY(!store->isBusy(testId(3)));
 }
 
-void TestSessionStore::peersAreInTheOrderOfTheirKeys()
-{
-    store->storeRemoteSessions(u"b"_s, later(), listOf({u"b2"_s, u"b1"_s}));
-    store->storeRemoteSessions(u"a"_s, later(), listOf({u"a1"_s}));
-    store->storeRemoteSessions(u"c"_s, later(), {});
-    store->storeRemoteSessions(u"B"_s, later(), listOf({u"B1"_s}));
-    QCOMPARE(idsOf(store->remoteSessions()), (QStringList{u"B1"_s, u"a1"_s, u"b2"_s, u"b1"_s}));
-}
-
-void TestSessionStore::peersListIsReplaced()
-{
-    store->storeRemoteSessions(u"a"_s, later(), listOf({u"1"_s, u"2"_s}));
-    store->storeRemoteSessions(u"a"_s, later(), listOf({u"3"_s}));
-    QCOMPARE(idsOf(store->remoteSessions()), QStringList{u"3"_s});
-    store->storeRemoteSessions(u"a"_s, later(), {});
-    QVERIFY(store->remoteSessions().isEmpty());
-}
-
 void TestSessionStore::peerIsForgotten()
 {
     store->storeRemoteSessions(u"a"_s, later(), listOf({u"1"_s}));
@@ -829,13 +385,6 @@ void TestSessionStore::peerIsForgotten()
     store->forgetRemoteSessions(u"a"_s);
     QCOMPARE(idsOf(store->remoteSessions()), QStringList{u"2"_s});
     QCOMPARE(refreshedIds(), QStringList{u"2"_s});
-}
-
-void TestSessionStore::forgettingAnUnknownPeerDoesNothing()
-{
-    store->storeRemoteSessions(u"a"_s, later(), listOf({u"1"_s}));
-    store->forgetRemoteSessions(u"b"_s);
-    QCOMPARE(idsOf(store->remoteSessions()), QStringList{u"1"_s});
 }
 
 void TestSessionStore::refreshListsPeersFirst()

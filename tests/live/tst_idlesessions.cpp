@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: MIT
+#include "contract/sessionerror.h"
+#include "tests/live/actionsfixture.h"
+#include "tests/live/signalrecorder.h"
+#include "tests/testmain.h"
+
+#include <QFileInfo>
+
+#include <csignal>
+
+using namespace Qt::StringLiterals;
+
+class TestIdleSessions : public QObject, private ActionsFixture
+{
+    Q_OBJECT
+
+private slots:
+    void init() { setUp(); }
+    void cleanup() { tearDown(); }
+
+    void idleSessionIsAskedToEnd_data();
+    void idleSessionIsAskedToEnd();
+    void busySessionIsNotAskedToEnd();
+    void everyIdleSessionIsAskedToEnd();
+};
+
+void TestIdleSessions::idleSessionIsAskedToEnd_data()
+{
+    QTest::addColumn<qint32>("clients");
+    QTest::addColumn<int>("secondsAgo"); // 0 for a session that never had a client
+    QTest::addColumn<int>("minutes");
+    QTest::addColumn<bool>("isAsked");
+
+    QTest::newRow("never had a client") << 0 << 0 << 60 << true;
+    QTest::newRow("never had a client, at once") << 0 << 0 << 0 << true;
+    QTest::newRow("at once") << 0 << 1 << 0 << true;
+    QTest::newRow("just over the limit") << 0 << 61 << 1 << true;
+    QTest::newRow("just within the limit") << 0 << 30 << 1 << false;
+    QTest::newRow("just over an hour") << 0 << 3601 << 60 << true;
+    QTest::newRow("just within an hour") << 0 << 3540 << 60 << false;
+    QTest::newRow("gone in the future") << 0 << -3600 << 0 << false;
+    QTest::newRow("connected") << 1 << 100000 << 0 << false;
+    QTest::newRow("connected for the first time") << 1 << 0 << 0 << false;
+    QTest::newRow("fewer than no clients") << -1 << 100000 << 0 << false;
+    QTest::newRow("longest setting without an overflow") << 0 << 3600 << 35791394 << false;
+}
+
+void TestIdleSessions::idleSessionIsAskedToEnd()
+{
+    QFETCH(qint32, clients);
+    QFETCH(int, secondsAgo);
+    QFETCH(int, minutes);
+    QFETCH(bool, isAsked);
+    const QString directory = makeSessionDirectory(root, id, displays->first());
+    const SignalRecorder recorder(directory);
+    putFile(directory + u"/server_pid"_s, QByteArray::number(recorder.pid()));
+    Session *record = addRecord(directory, clients);
+    if (secondsAgo != 0) {
+        record->lastDisconnect = QDateTime::currentDateTime().addSecs(-secondsAgo);
+    }
+    store->suspendIdle(minutes);
+    QCOMPARE(recorder.received(), isAsked ? QList<int>{SIGTERM} : QList<int>());
+    QVERIFY(!store->isBusy(id));
+    QCOMPARE(store->sessionIds(), QStringList{id});
+    QVERIFY(QFileInfo::exists(directory));
+}
+
+void TestIdleSessions::busySessionIsNotAskedToEnd()
+{
+    const QString directory = makeSessionDirectory(root, id, displays->first());
+    const SignalRecorder recorder(directory);
+    putFile(directory + u"/server_pid"_s, QByteArray::number(recorder.pid()));
+    addRecord(directory);
+    Session *session = nullptr;
+    QCOMPARE(store->acquire(id, session), SessionOk);
+    store->suspendIdle(0);
+    QCOMPARE(recorder.received(), QList<int>());
+    QVERIFY(store->isBusy(id));
+
+    store->release(id);
+    store->suspendIdle(0);
+    QCOMPARE(recorder.received(), QList<int>{SIGTERM});
+}
+
+void TestIdleSessions::everyIdleSessionIsAskedToEnd()
+{
+    // The first cannot be signalled, which is of no concern for the next.
+    addRecord(makeSessionDirectory(root, id, displays->first()));
+    const QString directory = makeSessionDirectory(root, testId(0xb), displays->first());
+    const SignalRecorder recorder(directory);
+    putFile(directory + u"/server_pid"_s, QByteArray::number(recorder.pid()));
+    auto session = std::make_unique<Session>();
+    session->directory = directory;
+    store->addSession(testId(0xb), std::move(session));
+    store->release(testId(0xb));
+    store->suspendIdle(0);
+    QCOMPARE(recorder.received(), QList<int>{SIGTERM});
+    QCOMPARE(store->sessionIds(), (QStringList{id, testId(0xb)}));
+    QVERIFY(!store->isBusy(id));
+    QVERIFY(!store->isBusy(testId(0xb)));
+}
+
+ZARVO_TEST(TestIdleSessions)
+#include "tst_idlesessions.moc"
