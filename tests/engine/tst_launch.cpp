@@ -1,31 +1,23 @@
 // SPDX-License-Identifier: MIT
 #include "contract/sessionerror.h"
 #include "engine/launch.h"
-#include "engine/session.h"
-#include "tests/engine/fakeprograms.h"
+#include "tests/engine/launchfixture.h"
 #include "tests/engine/reserveddisplays.h"
-#include "tests/helpers/collectinglogger.h"
-#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
-#include <QDir>
 #include <QRegularExpression>
 #include <QTcpServer>
-#include <QTemporaryDir>
 #include <QTemporaryFile>
-#include <QTest>
 
-#include <memory>
 #include <utility>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
-class TestLaunch : public QObject
+class TestLaunch : public QObject, private LaunchFixture
 {
     Q_OBJECT
 
@@ -67,32 +59,12 @@ private slots:
     void agentThatCannotBeStartedFails();
     void agentWhosePidCannotBeWrittenRunsOn();
 
-    void applicationGetsTheCommandAsOneArgument_data();
-    void applicationGetsTheCommandAsOneArgument();
-    void applicationWorksInTheDirectory();
-    void applicationInheritsNothingButTheStandardStreams();
-    void applicationLogIsEmptiedBeforeTheStart();
-    void applicationLogThatCannotBeWrittenFails();
-    void applicationThatCannotBeStartedFails();
-    void applicationNeedsADirectory();
-
 private:
     int start(const QString &geometry = u"desktop"_s, const QString &name = u"xterm"_s);
-    [[nodiscard]] QString file(const QString &name) const { return directory + u'/' + name; }
-    [[nodiscard]] QByteArray recorded(const QString &name) const { return contentOf(programs->filePath(name)); }
-    [[nodiscard]] QStringList files() const
-    {
-        return QDir(directory).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
-    }
-    [[nodiscard]] Session sessionInDirectory() const;
 
     QTemporaryDir temporary; ///< the system's temporary directory for this test
     QByteArray previousTemporary;
-    std::unique_ptr<QTemporaryDir> folder;
-    std::unique_ptr<CollectingLogger> logger;
-    std::unique_ptr<FakePrograms> programs;
     std::unique_ptr<ReservedDisplays> displays;
-    QString directory;
     Session session;
     QList<qint32> agents; ///< those that a test has started
 };
@@ -100,66 +72,6 @@ private:
 namespace {
 
 constexpr auto kUntouched = "untouched"_L1;
-
-/** A line of a script that records something beside the program, in one step. */
-QString record(const QString &name, const QString &command)
-{
-    return u"%2 > \"${0%/*}/%1.new\"; mv \"${0%/*}/%1.new\" \"${0%/*}/%1\"\n"_s.arg(name, command);
-}
-
-/** A program that records how it was called: the arguments in brackets. */
-QString recordingScript()
-{
-    return record(u"arguments"_s, u"printf '[%s]' \"$@\""_s);
-}
-
-/** An xauth that notes its arguments, one call to a line, and puts the file in place. */
-QString xauthScript()
-{
-    return u"{ printf '[%s]' \"$@\"; echo; } >> \"${0%/*}/xauth_calls\"\n: > \"$2\"\n"_s;
-}
-
-/** A program that runs until somebody removes the file "alive" beside it, or its whole folder. */
-QString lastingScript()
-{
-    return u": > \"${0%/*}/alive\"\n"_s + record(u"pid"_s, u"printf %s $$"_s) +
-           u"while [ -e \"${0%/*}/alive\" ]; do sleep 0.1; done\n"_s;
-}
-
-/**
- * A program that records its descriptors. A shell that reads its commands from an argument has none of its own;
- * looking a number up, other than listing them all, needs none either.
- */
-QString descriptorsScript()
-{
-    return u"exec /bin/sh -c '\n"
-           "number=0\n"
-           "while [ $number -lt 256 ]; do\n"
-           "    if [ -e /proc/$$/fd/$number ]; then all=\"$all $number\"; fi\n"
-           "    number=$((number + 1))\n"
-           "done\n"
-           "printf %s \"$all\" > \"${0%/*}/descriptors.new\"\n"
-           "mv \"${0%/*}/descriptors.new\" \"${0%/*}/descriptors\"' \"$0\"\n"_s;
-}
-
-/** What this process was handed by whoever started the tests is not the server's to close. */
-void keepInheritedDescriptors()
-{
-    const QStringList numbers = QDir(u"/proc/self/fd"_s).entryList(QDir::AllEntries | QDir::System);
-    for (const QString &number : numbers) {
-        bool isNumber = false;
-        const int descriptor = number.toInt(&isNumber);
-        if (isNumber && descriptor > 2) {
-            ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-        }
-    }
-}
-
-/** Whether the process works anywhere: one that has ended does not, even while its parent has not asked for it. */
-bool isRunning(qint32 pid)
-{
-    return QFile::exists(u"/proc/%1/cwd"_s.arg(pid));
-}
 
 QString hostName()
 {
@@ -188,30 +100,22 @@ void TestLaunch::cleanupTestCase()
 
 void TestLaunch::init()
 {
-    folder = std::make_unique<QTemporaryDir>();
-    directory = folder->filePath(u"sessions/C-1"_s);
-    logger = std::make_unique<CollectingLogger>();
+    setUp();
     displays = std::make_unique<ReservedDisplays>();
-    programs = std::make_unique<FakePrograms>();
-    programs->add(u"xauth"_s, xauthScript());
-    programs->add(u"start-agent"_s, recordingScript());
-    programs->add(u"start-app"_s, recordingScript());
     session = Session();
     session.directory = kUntouched;
 }
 
 void TestLaunch::cleanup()
 {
-    // Their folder does not go before they do. Those that last end with this file.
+    // Their folder must not go before they do. Those that last end with this file.
     QFile::remove(programs->filePath(u"alive"_s));
     for (const qint32 agent : std::as_const(agents)) {
         QVERIFY(QTest::qWaitFor([agent] { return !isRunning(agent); }, 20000));
     }
     agents.clear();
-    programs.reset();
     displays.reset();
-    logger.reset();
-    folder.reset();
+    tearDown();
 }
 
 int TestLaunch::start(const QString &geometry, const QString &name)
@@ -221,14 +125,6 @@ int TestLaunch::start(const QString &geometry, const QString &name)
         agents.append(session.monitorPid);
     }
     return code;
-}
-
-Session TestLaunch::sessionInDirectory() const
-{
-    QDir().mkpath(directory);
-    Session made;
-    made.directory = directory;
-    return made;
 }
 
 void TestLaunch::directoryIsMadeWithItsParents()
@@ -487,9 +383,6 @@ void TestLaunch::newDirectoryHasNoEarlierRun()
     QVERIFY(!QFile::exists(file(u"server_exit"_s)));
 }
 
-// Programs that the failing step comes before are missing in the tests below: had the start gone on, it would have
-// failed with another code.
-
 void TestLaunch::withoutDisplayNothingIsMade()
 {
     programs->remove(u"xauth"_s);
@@ -612,92 +505,6 @@ void TestLaunch::agentWhosePidCannotBeWrittenRunsOn()
     QVERIFY(waitForFile(programs->filePath(u"pid"_s)));
     agents.append(recorded(u"pid"_s).toInt());
     QVERIFY(isRunning(agents.constLast()));
-}
-
-void TestLaunch::applicationGetsTheCommandAsOneArgument_data()
-{
-    QTest::addColumn<QString>("command");
-    QTest::newRow("word") << u"xterm"_s;
-    QTest::newRow("blanks") << u"  xterm -e  top "_s;
-    QTest::newRow("what a shell would take apart") << u"sh -c 'echo \"$HOME\"; id' > out & `x` \\ *"_s;
-    QTest::newRow("option") << u"--help"_s;
-    QTest::newRow("nothing") << u""_s;
-    QTest::newRow("lines") << u"one\ntwo"_s;
-    QTest::newRow("beyond ASCII") << u"\u00e4\u20ac\U0001f427"_s;
-}
-
-void TestLaunch::applicationGetsTheCommandAsOneArgument()
-{
-    QFETCH(QString, command);
-    programs->add(u"start-app"_s, record(u"arguments"_s, u"{ printf '%s ' $#; printf '[%s]' \"$@\"; }"_s));
-    QCOMPARE(startApplication(sessionInDirectory(), command), 0);
-    QVERIFY(waitForFile(programs->filePath(u"arguments"_s)));
-    // In bytes: what arrives does not depend on the locale that the tests run in.
-    QCOMPARE(recorded(u"arguments"_s), "1 [" + QFile::encodeName(command) + ']');
-    QCOMPARE(logger->takeLines(), QStringList());
-}
-
-void TestLaunch::applicationWorksInTheDirectory()
-{
-    programs->add(u"start-app"_s, record(u"cwd"_s, u"pwd -P"_s));
-    QCOMPARE(startApplication(sessionInDirectory(), u"xterm"_s), 0);
-    QVERIFY(waitForFile(programs->filePath(u"cwd"_s)));
-    QCOMPARE(QString::fromUtf8(recorded(u"cwd"_s)), QDir(directory).canonicalPath() + u'\n');
-}
-
-void TestLaunch::applicationInheritsNothingButTheStandardStreams()
-{
-    keepInheritedDescriptors();
-    QTemporaryFile open;
-    QVERIFY(open.open());
-    programs->add(u"start-app"_s, descriptorsScript());
-    QCOMPARE(startApplication(sessionInDirectory(), u"xterm"_s), 0);
-    QVERIFY(waitForFile(programs->filePath(u"descriptors"_s)));
-    QCOMPARE(recorded(u"descriptors"_s), QByteArray(" 0 1 2"));
-}
-
-void TestLaunch::applicationLogIsEmptiedBeforeTheStart()
-{
-    programs->add(u"start-app"_s, record(u"size"_s, u"stat -c '%s %a' app_log"_s));
-    const Session made = sessionInDirectory();
-    for (const QByteArray &earlier : {QByteArray(), QByteArray("of an earlier application")}) {
-        if (!earlier.isNull()) {
-            putFile(file(u"app_log"_s), earlier);
-            QVERIFY(::chmod(QFile::encodeName(file(u"app_log"_s)).constData(), 0666) == 0);
-        }
-        QFile::remove(programs->filePath(u"size"_s));
-        QCOMPARE(startApplication(made, u"xterm"_s), 0);
-        QVERIFY(waitForFile(programs->filePath(u"size"_s)));
-        QCOMPARE(recorded(u"size"_s), QByteArray("0 600\n"));
-        QCOMPARE(files(), QStringList{u"app_log"_s});
-    }
-}
-
-void TestLaunch::applicationLogThatCannotBeWrittenFails()
-{
-    programs->remove(u"start-app"_s);
-    const Session made = sessionInDirectory();
-    QVERIFY(QDir().mkpath(file(u"app_log"_s)));
-    QCOMPARE(startApplication(made, u"xterm"_s), WriteFailed);
-    QCOMPARE(logger->takeLines(),
-             QStringList{u"Warning: Failed to open the file \"%1\": Is a directory"_s.arg(file(u"app_log"_s))});
-}
-
-void TestLaunch::applicationThatCannotBeStartedFails()
-{
-    programs->remove(u"start-app"_s);
-    QCOMPARE(startApplication(sessionInDirectory(), u"xterm"_s), ApplicationFailed);
-    // The misspelt word is part of the text.
-    QCOMPARE(logger->takeLines(),
-             QStringList{u"Warning: Failed to start the applicaion in the directory \"%1\""_s.arg(directory)});
-    QCOMPARE(contentOf(file(u"app_log"_s)), QByteArray(""));
-}
-
-void TestLaunch::applicationNeedsADirectory()
-{
-    programs->remove(u"start-app"_s);
-    QCOMPARE(startApplication(Session(), u"xterm"_s), NotInitialized);
-    QCOMPARE(logger->takeLines(), QStringList());
 }
 
 ZARVO_TEST(TestLaunch)
