@@ -7,6 +7,8 @@
 
 #include <QMutexLocker>
 
+#include <utility>
+
 SessionRegistry::SessionRegistry() = default;
 
 SessionRegistry::~SessionRegistry()
@@ -71,8 +73,33 @@ bool SessionRegistry::reserve(const QString &id)
 
 void SessionRegistry::release(const QString &id)
 {
-    const QMutexLocker locker(&mutex);
+    QMutexLocker locker(&mutex);
+    auto found = sessions.find(id);
+    while (found != sessions.end() && found->second.deferred) {
+        const Work work = std::exchange(found->second.deferred, nullptr);
+        peeks.insert(id); // what the id was busy for is over, so a start waits for the end of this work
+        locker.unlock();
+        work(*found->second.session); // stays where it is, because the id is busy
+        locker.relock();
+    }
     unmarkBusy(id);
+}
+
+void SessionRegistry::whenFree(const QString &id, Work work)
+{
+    {
+        const QMutexLocker locker(&mutex);
+        const auto found = sessions.find(id);
+        if (found == sessions.end() || !found->second.session) {
+            return;
+        }
+        found->second.deferred = std::move(work);
+        if (busy.contains(id)) {
+            return;
+        }
+        busy.insert(id);
+    }
+    release(id);
 }
 
 /** Ends what markBusy() or reserve() began. The mutex is held. */
@@ -107,7 +134,7 @@ void SessionRegistry::insert(const QString &id, std::unique_ptr<Session> session
         holdSession(); // a replaced entry hands its hold on
     }
     releaseDisplay(entry->second);
-    entry->second = {std::move(session), std::nullopt};
+    entry->second = {std::move(session), std::nullopt, nullptr};
 }
 
 void SessionRegistry::releaseDisplay(const Entry &entry)

@@ -10,6 +10,7 @@
 #include <QStringList>
 #include <QWaitCondition>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -26,6 +27,8 @@ struct Session;
 class SessionRegistry final
 {
 public:
+    using Work = std::function<void(const Session &session)>;
+
     SessionRegistry();
     /** Deletes all records. The sessions run on. */
     ~SessionRegistry();
@@ -46,6 +49,12 @@ public:
     /** Marks an id busy whose session is about to be started; false when somebody works on it. */
     [[nodiscard]] bool reserve(const QString &id);
     void release(const QString &id);
+    /**
+     * Does short work on a session without waiting for it: at once when nobody works on the session, otherwise on the
+     * thread that releases it, before anybody else gets it. A session that is removed or replaced before takes the work
+     * with it, and so does later work on the same session. Nothing happens for an unknown id.
+     */
+    void whenFree(const QString &id, Work work);
 
     /** Registers the session, busy for the caller. An earlier one of this id, which nobody else may hold, is deleted.
      */
@@ -70,6 +79,7 @@ private:
     {
         std::unique_ptr<Session> session;
         std::optional<SessionInfo> listed;
+        Work deferred; ///< waits for the release; may be empty
     };
 
     void insert(const QString &id, std::unique_ptr<Session> session);

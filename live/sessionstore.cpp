@@ -104,10 +104,11 @@ void SessionStore::suspendIdle(int minutes)
     const auto seconds = static_cast<qint32>(static_cast<quint32>(minutes) * 60U);
     const QStringList ids = sessionIds();
     for (const QString &id : ids) {
-        const SessionLease lease(&registry, id, SessionLease::IfFree());
-        if (lease.code() == SessionOk && isIdle(*lease, seconds)) {
-            [[maybe_unused]] const int code = signalSession(*lease, SIGTERM);
-        }
+        registry.whenFree(id, [seconds](const Session &session) {
+            if (isIdle(session, seconds)) {
+                [[maybe_unused]] const int code = signalSession(session, SIGTERM);
+            }
+        });
     }
 }
 

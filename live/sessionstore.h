@@ -57,8 +57,8 @@ public:
     /** The same, behind what peers reported. */
     [[nodiscard]] int listSessions(QList<SessionInfo> &out);
     /**
-     * Asks every session to end that has been without a client for this many minutes. One that somebody works on is
-     * left for the next time.
+     * Asks every session to end that has been without a client for this many minutes. Never waits: a session that
+     * somebody works on is checked by the thread that ends this work.
      */
     void suspendIdle(int minutes);
 

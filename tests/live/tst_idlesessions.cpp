@@ -20,8 +20,22 @@ private slots:
 
     void idleSessionIsAskedToEnd_data();
     void idleSessionIsAskedToEnd();
-    void busySessionIsNotAskedToEnd();
+    void busySessionIsAskedToEndWhenItIsFree();
+    void busySessionThatGetsAClientIsNotAskedToEnd();
+    void checkOfABusySessionKeepsItsTimeout();
+    void checkOfABusySessionIsDoneOnce();
+    void checkEndsWithTheSession();
+    void checkEndsWithTheSessionThatIsReplaced();
     void everyIdleSessionIsAskedToEnd();
+
+private:
+    [[nodiscard]] QString directory() const { return makeSessionDirectory(root, id, displays->first()); }
+    /** Adds a session without a client whose signals reach the recorder. */
+    void addIdleSession(const SignalRecorder &recorder)
+    {
+        putFile(fileOf(u"server_pid"_s), QByteArray::number(recorder.pid()));
+        addRecord(directory());
+    }
 };
 
 void TestIdleSessions::idleSessionIsAskedToEnd_data()
@@ -65,12 +79,10 @@ void TestIdleSessions::idleSessionIsAskedToEnd()
     QVERIFY(QFileInfo::exists(directory));
 }
 
-void TestIdleSessions::busySessionIsNotAskedToEnd()
+void TestIdleSessions::busySessionIsAskedToEndWhenItIsFree()
 {
-    const QString directory = makeSessionDirectory(root, id, displays->first());
-    const SignalRecorder recorder(directory);
-    putFile(directory + u"/server_pid"_s, QByteArray::number(recorder.pid()));
-    addRecord(directory);
+    const SignalRecorder recorder(directory());
+    addIdleSession(recorder);
     Session *session = nullptr;
     QCOMPARE(store->acquire(id, session), SessionOk);
     store->suspendIdle(0);
@@ -78,8 +90,72 @@ void TestIdleSessions::busySessionIsNotAskedToEnd()
     QVERIFY(store->isBusy(id));
 
     store->release(id);
-    store->suspendIdle(0);
     QCOMPARE(recorder.received(), QList<int>{SIGTERM});
+    QVERIFY(!store->isBusy(id));
+}
+
+void TestIdleSessions::busySessionThatGetsAClientIsNotAskedToEnd()
+{
+    const SignalRecorder recorder(directory());
+    addIdleSession(recorder);
+    Session *session = nullptr;
+    QCOMPARE(store->acquire(id, session), SessionOk);
+    store->suspendIdle(0);
+    session->clients = 1;
+    store->release(id);
+    QCOMPARE(recorder.received(), QList<int>());
+}
+
+void TestIdleSessions::checkOfABusySessionKeepsItsTimeout()
+{
+    const SignalRecorder recorder(directory());
+    addIdleSession(recorder);
+    Session *session = nullptr;
+    for (const int minutes : {3, 1}) {
+        QCOMPARE(store->acquire(id, session), SessionOk);
+        session->lastDisconnect = QDateTime::currentDateTime().addSecs(-120);
+        store->suspendIdle(minutes);
+        store->release(id);
+        QCOMPARE(recorder.received(), minutes == 1 ? QList<int>{SIGTERM} : QList<int>());
+    }
+}
+
+void TestIdleSessions::checkOfABusySessionIsDoneOnce()
+{
+    const SignalRecorder recorder(directory());
+    addIdleSession(recorder);
+    Session *session = nullptr;
+    QCOMPARE(store->acquire(id, session), SessionOk);
+    store->suspendIdle(0);
+    session->clients = 1;
+    store->release(id);
+    QCOMPARE(store->acquire(id, session), SessionOk);
+    session->clients = 0;
+    store->release(id);
+    QCOMPARE(recorder.received(), QList<int>());
+}
+
+void TestIdleSessions::checkEndsWithTheSession()
+{
+    const SignalRecorder recorder(directory());
+    addIdleSession(recorder);
+    Session *session = nullptr;
+    QCOMPARE(store->acquire(id, session), SessionOk);
+    store->suspendIdle(0);
+    store->removeSession(id);
+    addRecord(directory());
+    QCOMPARE(recorder.received(), QList<int>());
+}
+
+void TestIdleSessions::checkEndsWithTheSessionThatIsReplaced()
+{
+    const SignalRecorder recorder(directory());
+    addIdleSession(recorder);
+    Session *session = nullptr;
+    QCOMPARE(store->acquire(id, session), SessionOk);
+    store->suspendIdle(0);
+    addRecord(directory());
+    QCOMPARE(recorder.received(), QList<int>());
 }
 
 void TestIdleSessions::everyIdleSessionIsAskedToEnd()

@@ -33,6 +33,13 @@ private slots:
     void everyWaiterGetsItsTurn();
     void removalWhileWaitingEndsTheWait();
     void tryAcquireDoesNotWait();
+    void workOnAFreeSessionIsDoneAtOnce();
+    void workOnABusySessionIsDoneAtItsRelease();
+    void workIsDoneBeforeTheNextHolderComes();
+    void laterWorkReplacesTheEarlier();
+    void workThatComesDuringWorkIsDoneToo();
+    void workOnAnUnknownIdIsDropped();
+    void workEndsWithTheSession();
     void addedSessionReplacesTheEarlierOne();
     void everyEntryHoldsTheIdleTimerOnce();
     void removalOfAnUnknownIdReturnsNothing();
@@ -224,6 +231,110 @@ void TestSessionRegistry::tryAcquireDoesNotWait()
     QVERIFY(!session);
     QCOMPARE(registry->tryAcquire(testId(2), &session), NoSuchSession);
     QVERIFY(!registry->isBusy(testId(2)));
+}
+
+void TestSessionRegistry::workOnAFreeSessionIsDoneAtOnce()
+{
+    const Session *record = add(testId(1));
+    const Session *seen = nullptr;
+    bool wasBusy = false;
+    registry->whenFree(testId(1), [&](const Session &session) {
+        seen = &session;
+        wasBusy = registry->isBusy(testId(1));
+    });
+    QCOMPARE(seen, record);
+    QVERIFY(wasBusy);
+    QVERIFY(!registry->isBusy(testId(1)));
+}
+
+void TestSessionRegistry::workOnABusySessionIsDoneAtItsRelease()
+{
+    add(testId(1));
+    Session *session = nullptr;
+    QCOMPARE(registry->acquire(testId(1), &session), SessionOk);
+    int times = 0;
+    registry->whenFree(testId(1), [&](const Session &) { ++times; });
+    QCOMPARE(times, 0);
+    registry->release(testId(1));
+    QCOMPARE(times, 1);
+    QVERIFY(!registry->isBusy(testId(1)));
+    QCOMPARE(registry->acquire(testId(1), &session), SessionOk);
+    registry->release(testId(1));
+    QCOMPARE(times, 1);
+}
+
+void TestSessionRegistry::workIsDoneBeforeTheNextHolderComes()
+{
+    add(testId(1));
+    Session *session = nullptr;
+    QCOMPARE(registry->acquire(testId(1), &session), SessionOk);
+    std::atomic<bool> isAlone = false;
+    std::atomic<bool> hasHolder = false;
+    const BackgroundTask next([&] {
+        Session *mine = nullptr;
+        hasHolder = registry->acquire(testId(1), &mine) == SessionOk;
+    });
+    const bool isBlocked = next.waitUntilBlocked();
+    registry->whenFree(testId(1), [&](const Session &) { isAlone = !hasHolder && registry->isBusy(testId(1)); });
+    registry->release(testId(1));
+    QVERIFY(next.waitUntilDone());
+    QVERIFY(isBlocked);
+    QVERIFY(isAlone);
+    QVERIFY(hasHolder);
+}
+
+void TestSessionRegistry::laterWorkReplacesTheEarlier()
+{
+    add(testId(1));
+    Session *session = nullptr;
+    QCOMPARE(registry->acquire(testId(1), &session), SessionOk);
+    QStringList done;
+    registry->whenFree(testId(1), [&](const Session &) { done.append(u"first"_s); });
+    registry->whenFree(testId(1), [&](const Session &) { done.append(u"second"_s); });
+    registry->release(testId(1));
+    QCOMPARE(done, QStringList{u"second"_s});
+}
+
+void TestSessionRegistry::workThatComesDuringWorkIsDoneToo()
+{
+    add(testId(1));
+    int times = 0;
+    registry->whenFree(testId(1), [&](const Session &) {
+        ++times;
+        registry->whenFree(testId(1), [&](const Session &) { ++times; });
+    });
+    QCOMPARE(times, 2);
+    QVERIFY(!registry->isBusy(testId(1)));
+}
+
+void TestSessionRegistry::workOnAnUnknownIdIsDropped()
+{
+    bool isDone = false;
+    const auto work = [&](const Session &) { isDone = true; };
+    registry->whenFree(testId(1), work);
+    QVERIFY(registry->reserve(testId(2))); // busy, but not registered yet
+    registry->whenFree(testId(2), work);
+    registry->release(testId(2));
+    registry->addSession(testId(3), nullptr);
+    registry->whenFree(testId(3), work);
+    registry->release(testId(3));
+    QVERIFY(!isDone);
+    QVERIFY(!registry->isBusy(testId(1)));
+}
+
+void TestSessionRegistry::workEndsWithTheSession()
+{
+    bool isDone = false;
+    const auto work = [&](const Session &) { isDone = true; };
+    registry->addSession(testId(1), std::make_unique<Session>());
+    registry->whenFree(testId(1), work);
+    registry->removeSession(testId(1));
+    add(testId(1));
+    registry->addSession(testId(2), std::make_unique<Session>());
+    registry->whenFree(testId(2), work);
+    registry->addSession(testId(2), std::make_unique<Session>());
+    registry->release(testId(2));
+    QVERIFY(!isDone);
 }
 
 void TestSessionRegistry::addedSessionReplacesTheEarlierOne()

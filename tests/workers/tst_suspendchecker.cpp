@@ -28,12 +28,12 @@ private slots:
     void init();
     void cleanup();
 
-    void forsakenSessionIsAskedToEnd_data();
-    void forsakenSessionIsAskedToEnd();
-    void otherSessionIsLeftAlone_data();
-    void otherSessionIsLeftAlone();
+    void idleSessionIsAskedToEnd_data();
+    void idleSessionIsAskedToEnd();
+    void sessionInUseIsLeftAlone_data();
+    void sessionInUseIsLeftAlone();
     void sessionThatDoesNotListenIsAskedAgain();
-    void busySessionIsLeftForTheNextTime();
+    void busySessionIsCheckedWhenItIsFree();
     void sessionStaysRegistered();
     void everySessionIsChecked();
     void runningCheckerEndsWithTheObject();
@@ -128,7 +128,7 @@ bool TestSuspendChecker::isLeftAlone(const Running &session) const
     return signalsOf(session) == "USR1\nUSR1\n";
 }
 
-void TestSuspendChecker::forsakenSessionIsAskedToEnd_data()
+void TestSuspendChecker::idleSessionIsAskedToEnd_data()
 {
     QTest::addColumn<int>("timeout");
     QTest::addColumn<QByteArray>("state");
@@ -139,7 +139,7 @@ void TestSuspendChecker::forsakenSessionIsAskedToEnd_data()
     QTest::newRow("time is long up") << 1 << stateWith(0, 86400);
 }
 
-void TestSuspendChecker::forsakenSessionIsAskedToEnd()
+void TestSuspendChecker::idleSessionIsAskedToEnd()
 {
     QFETCH(int, timeout);
     QFETCH(QByteArray, state);
@@ -150,7 +150,7 @@ void TestSuspendChecker::forsakenSessionIsAskedToEnd()
     QVERIFY(isAsked(*running[0]));
 }
 
-void TestSuspendChecker::otherSessionIsLeftAlone_data()
+void TestSuspendChecker::sessionInUseIsLeftAlone_data()
 {
     QTest::addColumn<int>("timeout");
     QTest::addColumn<QByteArray>("state");
@@ -162,7 +162,7 @@ void TestSuspendChecker::otherSessionIsLeftAlone_data()
     QTest::newRow("clients") << 1 << stateWith(2, 86400);
 }
 
-void TestSuspendChecker::otherSessionIsLeftAlone()
+void TestSuspendChecker::sessionInUseIsLeftAlone()
 {
     QFETCH(int, timeout);
     QFETCH(QByteArray, state);
@@ -184,7 +184,7 @@ void TestSuspendChecker::sessionThatDoesNotListenIsAskedAgain()
     }
 }
 
-void TestSuspendChecker::busySessionIsLeftForTheNextTime()
+void TestSuspendChecker::busySessionIsCheckedWhenItIsFree()
 {
     addSession(kId, "{}");
     addSession(kOtherId, "{}");
@@ -196,10 +196,9 @@ void TestSuspendChecker::busySessionIsLeftForTheNextTime()
     QVERIFY(isAsked(*running[1]));
     QVERIFY(isLeftAlone(*running[0]));
     QVERIFY(store->isBusy(kId));
-    store->release(kId);
 
     QVERIFY(QFile::remove(running[0]->directory + u"/signals"_s));
-    checker.doWork();
+    store->release(kId);
     QVERIFY(isAsked(*running[0]));
 }
 
