@@ -134,7 +134,8 @@ void SessionRegistry::insert(const QString &id, std::unique_ptr<Session> session
         holdSession(); // a replaced entry hands its hold on
     }
     releaseDisplay(entry->second);
-    entry->second = {std::move(session), std::nullopt, nullptr};
+    entry->second.session = std::move(session);
+    entry->second.deferred = nullptr;
 }
 
 void SessionRegistry::releaseDisplay(const Entry &entry)

@@ -47,9 +47,9 @@ public:
 
     /**
      * Refreshes every session, drops those that are gone, and lists peers' sessions, then the local ones. A session
-     * that somebody works on is listed as it was the last time, or at the end of its start, and not at all before that:
-     * an action may take half a minute, and this pass would hold up the main thread as long. One thread at a time may
-     * call it.
+     * that somebody works on is listed as it was the last time, because an action may take half a minute and this pass
+     * must not hold up the main thread that long. A new session is not listed until the end of its start; one that
+     * takes the place of a listed one is listed as that one until then. One thread at a time may call it.
      */
     void refreshAll(QList<SessionInfo> &out);
     /** The local sessions as the last refresh left them; fails when one goes while the listing waits for it. */

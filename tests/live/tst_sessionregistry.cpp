@@ -41,6 +41,8 @@ private slots:
     void workOnAnUnknownIdIsDropped();
     void workEndsWithTheSession();
     void addedSessionReplacesTheEarlierOne();
+    void listedDescriptionOutlivesAReplacement();
+    void listedDescriptionEndsWithTheSession();
     void everyEntryHoldsTheIdleTimerOnce();
     void removalOfAnUnknownIdReturnsNothing();
     void removalLeavesTheRecordToTheCaller();
@@ -349,6 +351,31 @@ void TestSessionRegistry::addedSessionReplacesTheEarlierOne()
     Session *session = nullptr;
     QCOMPARE(registry->acquire(testId(1), &session), SessionOk);
     QCOMPARE(session, record);
+}
+
+void TestSessionRegistry::listedDescriptionOutlivesAReplacement()
+{
+    add(testId(1));
+    QVERIFY(!registry->lastListed(testId(1)));
+    SessionInfo info;
+    info.name = u"earlier"_s;
+    registry->setListed(testId(1), info);
+    registry->addSession(testId(1), std::make_unique<Session>());
+    QCOMPARE(registry->lastListed(testId(1)).value_or(SessionInfo()).name, u"earlier"_s);
+    info.name = u"later"_s;
+    registry->setListed(testId(1), info);
+    QCOMPARE(registry->lastListed(testId(1)).value_or(SessionInfo()).name, u"later"_s);
+}
+
+void TestSessionRegistry::listedDescriptionEndsWithTheSession()
+{
+    add(testId(1));
+    registry->setListed(testId(1), SessionInfo());
+    registry->removeSession(testId(1));
+    QVERIFY(!registry->lastListed(testId(1)));
+    registry->setListed(testId(1), SessionInfo()); // of a session that is gone
+    add(testId(1));
+    QVERIFY(!registry->lastListed(testId(1)));
 }
 
 void TestSessionRegistry::everyEntryHoldsTheIdleTimerOnce()

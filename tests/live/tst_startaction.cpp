@@ -33,8 +33,11 @@ private slots:
     void startRefusesABadId();
     void startRefusesAnIdThatIsBeingStarted();
     void startRefusesABusySession();
-    void startWaitsForTheEndOfALook();
+    void startWaitsForTheEndOfAPeek();
     void startReplacesASession();
+    void restartedSessionIsListedAsBeforeUntilItsStartEnds();
+    void restartedSessionThatBreaksIsNotListed();
+    void restartedSessionThatIsTerminatedIsNotListed();
     void startWithoutADisplayFails();
     void startWithoutADirectoryFails();
     void startWithoutItsFilesFails();
@@ -52,7 +55,27 @@ private slots:
     void displayOfARegisteredSessionIsNotGivenAway();
     void displayOfASessionFoundAgainIsNotGivenAway();
     void displayOfAKilledAgentIsGivenAwayAgain();
+
+private:
+    /** Adds a session whose agent runs, and has it listed. */
+    void addListedSession(const AgentProcess &agent);
+    [[nodiscard]] QList<SessionInfo> refreshed();
 };
+
+void TestStartAction::addListedSession(const AgentProcess &agent)
+{
+    Session *record = addRecordOn(displays->end(), sessionDirectory(root, id), 0, {});
+    record->monitorPid = agent.pid();
+    record->name = u"earlier"_s;
+    QCOMPARE(refreshed().size(), 1);
+}
+
+QList<SessionInfo> TestStartAction::refreshed()
+{
+    QList<SessionInfo> list;
+    store->refreshAll(list);
+    return list;
+}
 
 void TestStartAction::startHandsOutAPasswordAndThePort()
 {
@@ -209,7 +232,7 @@ void TestStartAction::startRefusesABusySession()
     QVERIFY(!QFileInfo::exists(sessionDirectory(root, id)));
 }
 
-void TestStartAction::startWaitsForTheEndOfALook()
+void TestStartAction::startWaitsForTheEndOfAPeek()
 {
     addRecordOn(displays->end(), QString(), 0, {});
     Session *session = nullptr;
@@ -232,6 +255,56 @@ void TestStartAction::startReplacesASession()
     QCOMPARE(TEST_heldSessions(), 1);
     QCOMPARE(replay(), SessionOk);
     QCOMPARE(password, u"pw"_s);
+}
+
+void TestStartAction::restartedSessionIsListedAsBeforeUntilItsStartEnds()
+{
+    const AgentProcess earlier(makeSessionDirectory(root, id, displays->end()));
+    addListedSession(earlier);
+    addAgent(tellState(kReady),
+             {.onUsr1 = u"until [ -e seen ]; do sleep 0.01; done\n"_s + tellState(stateWith(0, u"\"pw\""_s))});
+    std::atomic<int> code = UnknownError;
+    const BackgroundTask starting([&] { code = start(id); });
+    const bool isRegistered = waitForFile(fileOf(u"command"_s));
+    const QList<SessionInfo> during = refreshed();
+    const bool wasDone = starting.isDone();
+    putFile(fileOf(u"seen"_s), "");
+    QVERIFY(starting.waitUntilDone());
+    QVERIFY(isRegistered);
+    QVERIFY(!wasDone);
+    QCOMPARE(code.load(), int(SessionOk));
+    QCOMPARE(TEST_heldSessions(), 1);
+    QCOMPARE(during.size(), 1);
+    QCOMPARE(during.constFirst().name, u"earlier"_s);
+
+    Session *session = nullptr;
+    QCOMPARE(store->acquire(id, session), SessionOk);
+    const QList<SessionInfo> after = refreshed();
+    store->release(id);
+    QCOMPARE(after.size(), 1);
+    QCOMPARE(after.constFirst().name, u"xterm -e 'vi  x'"_s);
+    QCOMPARE(after.constFirst().permissions, (QStringList{u"retry"_s, u"terminate"_s}));
+}
+
+void TestStartAction::restartedSessionThatBreaksIsNotListed()
+{
+    const AgentProcess earlier(makeSessionDirectory(root, id, displays->end()));
+    addListedSession(earlier);
+    programs->add(u"start-agent"_s, kBreak);
+    QCOMPARE(start(id), ReadFailed);
+    QCOMPARE(refreshed().size(), 0);
+    QCOMPARE(TEST_heldSessions(), 0);
+}
+
+void TestStartAction::restartedSessionThatIsTerminatedIsNotListed()
+{
+    const AgentProcess earlier(makeSessionDirectory(root, id, displays->end()));
+    addListedSession(earlier);
+    addAgent(tellState(kReady), {.onUsr1 = tellState(stateWith(0, u"\"pw\""_s)), .onTerm = exitWith(0)});
+    QCOMPARE(start(id), SessionOk);
+    QCOMPARE(store->terminate(id), SessionOk);
+    QCOMPARE(refreshed().size(), 0);
+    QCOMPARE(TEST_heldSessions(), 0);
 }
 
 void TestStartAction::startWithoutADisplayFails()
