@@ -3,6 +3,7 @@
 
 #include "discovery/peerreply.h"
 #include "rpc/netstring.h"
+#include "rpc/rpcmessage.h"
 #include "support/json.h"
 
 #include <QDeadlineTimer>
@@ -22,10 +23,7 @@ constexpr int kExchangeTimeoutMs = 15000;
 
 QByteArray requestFrame()
 {
-    Json::Value request(Json::objectValue);
-    request["id"] = kPeerRequestId;
-    request["jsonrpc"] = "2.0";
-    request["method"] = "Live.ListLocalSessions";
+    Json::Value request = rpcRequest(kPeerRequestId, u"Live.ListLocalSessions"_s);
     request["params"] = Json::nullValue;
     return encodeNetString(writeJson(request));
 }
@@ -132,8 +130,8 @@ private:
 bool isNotification(const QByteArray &payload)
 {
     Json::Value message;
-    return parseJson(payload, &message) && stringFromJson(member(message, "jsonrpc")) == "2.0"_L1 &&
-           stringFromJson(member(message, "method")) == "UpdateSessions"_L1 && !hasMember(message, "id");
+    return parseJson(payload, &message) && isRpcMessage(message) && isSessionsUpdate(message) &&
+           !hasMember(message, "id");
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "discovery/peerreply.h"
 
+#include "rpc/rpcmessage.h"
 #include "support/json.h"
 
 #include <optional>
@@ -11,20 +12,14 @@ namespace {
 
 bool isReply(const Json::Value &reply)
 {
-    return stringFromJson(member(reply, "jsonrpc")) == "2.0"_L1 &&
-           stringFromJson(member(reply, "id")) == QLatin1StringView(kPeerRequestId);
+    return isRpcMessage(reply) && stringFromJson(member(reply, "id")) == QLatin1StringView(kPeerRequestId);
 }
 
-/** The peer's own words, if it has answered with an error. */
-std::optional<QString> errorOf(const Json::Value &reply)
+/** The message of the error that the peer has answered with; none when the answer has no valid error. */
+std::optional<QString> messageOfPeer(const Json::Value &reply)
 {
-    const Json::Value &object = member(reply, "error");
-    const Json::Value &message = member(object, "message");
-    const Json::ValueType codeType = member(object, "code").type();
-    if ((codeType != Json::intValue && codeType != Json::uintValue) || !message.isString()) {
-        return std::nullopt;
-    }
-    return stringFromJson(message);
+    const std::optional<RpcAnswerError> error = errorOfAnswer(reply);
+    return error && error->hasIntegerCode ? error->message : std::nullopt;
 }
 
 } // namespace
@@ -45,6 +40,6 @@ bool readPeerReply(const QByteArray &payload, QList<SessionInfo> &sessions, QStr
         return true;
     }
     const bool isError = isValid && !hasMember(reply, "result");
-    error = (isError ? errorOf(reply) : std::nullopt).value_or(u"Received invalid JSON"_s);
+    error = (isError ? messageOfPeer(reply) : std::nullopt).value_or(u"Received invalid JSON"_s);
     return false;
 }

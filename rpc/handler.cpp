@@ -6,6 +6,7 @@
 #include "contract/rpcerror.h"
 #include "rpc/clientsocket.h"
 #include "rpc/netstring.h"
+#include "rpc/rpcmessage.h"
 #include "support/json.h"
 
 #include <QtConcurrentRun>
@@ -59,7 +60,7 @@ bool isUsableId(const Json::Value &id)
 bool isValidRequest(const Json::Value &request)
 {
     return request.isObject() && (!hasMember(request, "id") || isUsableId(member(request, "id"))) &&
-           stringFromJson(member(request, "jsonrpc")) == "2.0"_L1 && member(request, "method").isString();
+           isRpcMessage(request) && member(request, "method").isString();
 }
 
 } // namespace

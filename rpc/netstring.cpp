@@ -53,14 +53,27 @@ int decodeNetString(QByteArray &buffer, QByteArray &payload, QString &error)
     if (!parseLength(buffer.first(colon), &length)) {
         return fail(u"Invalid NetString length"_s);
     }
-    const qsizetype frameBytes = colon + length + 2;
-    if (buffer.size() < frameBytes) {
+    switch (takeNetString(&buffer, colon, length, &payload)) {
+    case NetStringTaking::Taken:
+        return kDecoded;
+    case NetStringTaking::Incomplete:
         return kIncomplete;
+    case NetStringTaking::NoComma:
+        break;
     }
-    if (buffer.at(frameBytes - 1) != ',') {
-        return fail(u"Missing NetString comma"_s);
+    return fail(u"Missing NetString comma"_s);
+}
+
+NetStringTaking takeNetString(QByteArray *buffer, qsizetype colon, qsizetype length, QByteArray *payload)
+{
+    const qsizetype frameBytes = colon + length + 2;
+    if (buffer->size() < frameBytes) {
+        return NetStringTaking::Incomplete;
     }
-    payload = buffer.sliced(colon + 1, length);
-    buffer.remove(0, frameBytes);
-    return kDecoded;
+    if (buffer->at(frameBytes - 1) != ',') {
+        return NetStringTaking::NoComma;
+    }
+    *payload = buffer->sliced(colon + 1, length);
+    buffer->remove(0, frameBytes);
+    return NetStringTaking::Taken;
 }

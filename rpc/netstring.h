@@ -5,7 +5,7 @@
 #include <QString>
 
 /*
- * NetString frames: the payload's length in decimal digits, a colon, the payload, a comma. Both functions are
+ * NetString frames: the payload's length in decimal digits, a colon, the payload, a comma. All functions are
  * callable from any thread.
  */
 
@@ -23,3 +23,19 @@ inline constexpr qsizetype kMaxFrameBytes = 65536;
  * @return 0 on success, 1 when more bytes are needed, -1 when the front of the buffer is no frame
  */
 [[nodiscard]] int decodeNetString(QByteArray &buffer, QByteArray &payload, QString &error);
+
+enum class NetStringTaking {
+    Taken,
+    Incomplete, ///< more bytes are needed
+    NoComma,    ///< another byte stands in the comma's place
+};
+
+/**
+ * The second half of decoding, once the length has been read: takes a frame off the front of @p buffer.
+ *
+ * @param colon    where the colon stands in @p buffer
+ * @param length   of the payload, in bytes
+ * @param buffer   loses the frame when it is taken, otherwise unchanged
+ * @param payload  set only when the frame is taken
+ */
+[[nodiscard]] NetStringTaking takeNetString(QByteArray *buffer, qsizetype colon, qsizetype length, QByteArray *payload);

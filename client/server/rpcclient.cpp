@@ -4,6 +4,7 @@
 #include "contract/rpcerror.h"
 #include "contract/sessionerror.h"
 #include "rpc/netstring.h"
+#include "rpc/rpcmessage.h"
 #include "support/json.h"
 
 #include <QNetworkProxy>
@@ -108,10 +109,7 @@ void RpcClient::configure(const Credentials &credentials)
 
 int RpcClient::send(const QString &method, const Json::Value &params)
 {
-    Json::Value request(Json::objectValue);
-    request["jsonrpc"] = "2.0";
-    request["id"] = nextId;
-    request["method"] = jsonString(method);
+    Json::Value request = rpcRequest(nextId, method);
     if (!params.isNull()) {
         request["params"] = params;
     }
@@ -139,14 +137,13 @@ bool RpcClient::receive(int id, Json::Value *result, Failure *failure)
 bool RpcClient::takeAnswer(const Json::Value &message, Json::Value *result, Failure *failure)
 {
     errorCode = 0;
-    if (!hasMember(message, "error")) {
+    const std::optional<RpcAnswerError> error = errorOfAnswer(message);
+    if (!error) {
         *result = member(message, "result");
         return true;
     }
-    const Json::Value &error = member(message, "error");
-    const Json::Value &code = member(error, "code");
-    errorCode = code.isInt() ? code.asInt() : -1;
-    const QString text = stringFromJson(member(error, "message"));
+    errorCode = error->code.value_or(-1);
+    const QString text = error->message.value_or(QString());
     return fail(failure, exitCodeFor(errorCode), text.isEmpty() ? u"The server reports an error."_s : text);
 }
 
@@ -175,7 +172,7 @@ void RpcClient::takeMessage(const QByteArray &payload)
         lose(u"it sent something that is no message"_s);
         return;
     }
-    if (stringFromJson(member(message, "method")) == "UpdateSessions"_L1) {
+    if (isSessionsUpdate(message)) {
         emit sessionsUpdated(member(message, "params"));
         return;
     }

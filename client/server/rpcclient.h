@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "client/server/framereader.h"
 #include "client/terminal/eventwait.h"
 #include "client/terminal/exitcode.h"
+#include "rpc/framereader.h"
 
 #include <json/value.h>
 

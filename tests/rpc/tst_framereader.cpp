@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "client/server/framereader.h"
+#include "rpc/framereader.h"
 #include "tests/testmain.h"
 
 #include <QTest>

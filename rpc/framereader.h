@@ -2,16 +2,15 @@
 #pragma once
 
 #include <QByteArray>
-#include <QString>
 
 /**
- * Takes the server's frames off a stream. The server answers with longer frames than it takes, so this has a
- * limit of its own. Bytes are not moved again for each part that arrives. A plain object, used on one thread.
+ * Takes the frames that a server sends off a stream. A server sends longer frames than it accepts, so the limit here is
+ * higher than that of decodeNetString(), and the length must be digits alone. A plain object for one thread.
  */
 class FrameReader
 {
 public:
-    /** The longest payload that is taken: a list of some ten thousand sessions. */
+    /** The longest payload that is accepted: a list of some ten thousand sessions. */
     static constexpr qsizetype kMaxPayloadBytes = 16 * 1024 * 1024;
 
     void append(const QByteArray &bytes) { buffer.append(bytes); }
@@ -19,7 +18,7 @@ public:
     enum class Result {
         Frame,   ///< the payload is set
         Partial, ///< more bytes are needed
-        Invalid, ///< what arrived is no frame; there is no way to go on
+        Invalid, ///< the stream is broken: the next frame cannot be found any more
     };
 
     [[nodiscard]] Result next(QByteArray *payload);

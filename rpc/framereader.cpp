@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
-#include "client/server/framereader.h"
+#include "rpc/framereader.h"
+
+#include "rpc/netstring.h"
 
 #include <QByteArrayView>
 
@@ -32,13 +34,13 @@ FrameReader::Result FrameReader::next(QByteArray *payload)
     if (length > kMaxPayloadBytes) {
         return Result::Invalid;
     }
-    if (buffer.size() < colon + length + 2) {
+    switch (takeNetString(&buffer, colon, length, payload)) {
+    case NetStringTaking::Taken:
+        return Result::Frame;
+    case NetStringTaking::Incomplete:
         return Result::Partial;
+    case NetStringTaking::NoComma:
+        break;
     }
-    if (buffer.at(colon + 1 + length) != ',') {
-        return Result::Invalid;
-    }
-    *payload = buffer.sliced(colon + 1, length);
-    buffer.remove(0, colon + length + 2);
-    return Result::Frame;
+    return Result::Invalid;
 }
