@@ -6,6 +6,7 @@
 #include "discovery/peerquery.h"
 #include "live/sessionstore.h"
 #include "support/credentials.h"
+#include "support/hostaddress.h"
 #include "support/systemthreads.h"
 
 #include <openssl/crypto.h>
@@ -33,14 +34,6 @@ constexpr qint64 kExpirySeconds = 400;
 constexpr int kMaxDatagramsAtOnce = 256;
 /** More than a datagram can hold. */
 constexpr qsizetype kMaxDatagramBytes = 65536;
-
-/** IPv4 peers reach a socket of both families in the mapped form, which nobody wants to see. */
-QHostAddress plainAddress(const QHostAddress &address)
-{
-    bool isIPv4 = false;
-    const quint32 ipv4 = address.toIPv4Address(&isIPv4);
-    return isIPv4 ? QHostAddress(ipv4) : address;
-}
 
 /** Those of every interface, also of one that is down: it may still be what a datagram of ours names. */
 QList<QHostAddress> allOwnAddresses()
@@ -160,7 +153,7 @@ void UdpTalker::Socket_readyRead()
         if (length < 0) {
             return;
         }
-        peer = plainAddress(peer);
+        peer = withoutIPv4Mapping(peer);
         if (!ownAddresses.contains(peer)) {
             handleDatagram(buffer.first(length), peer, peerPort);
         }

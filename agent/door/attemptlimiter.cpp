@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "agent/door/attemptlimiter.h"
 
+#include "support/hostaddress.h"
+
 #include <algorithm>
 
 using namespace std::chrono_literals;
@@ -26,12 +28,11 @@ std::chrono::seconds lockTime(int wrong)
 
 QHostAddress countedAddress(const QHostAddress &address)
 {
-    bool isIPv4 = false;
-    const quint32 ipv4 = address.toIPv4Address(&isIPv4);
-    if (isIPv4) {
-        return QHostAddress(ipv4);
+    const QHostAddress plain = withoutIPv4Mapping(address);
+    if (plain.protocol() == QAbstractSocket::IPv4Protocol) {
+        return plain;
     }
-    Q_IPV6ADDR network = address.toIPv6Address();
+    Q_IPV6ADDR network = plain.toIPv6Address();
     std::fill(std::begin(network.c) + 8, std::end(network.c), quint8{0});
     return QHostAddress(network);
 }

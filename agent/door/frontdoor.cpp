@@ -3,6 +3,7 @@
 
 #include "agent/door/passwordstore.h"
 #include "base/logging.h"
+#include "support/hostaddress.h"
 
 #include <QHash>
 
@@ -21,14 +22,6 @@ constexpr int kQueueLength = 1024;
 
 // Strangers decide how often they are refused, and must not decide how large the log gets.
 constexpr std::chrono::seconds kRefusalPause(10);
-
-// IPv4 clients come in through an IPv6 socket; nobody wants to read the mapped form.
-QString addressText(const QHostAddress &address)
-{
-    bool isIPv4 = false;
-    const quint32 ipv4 = address.toIPv4Address(&isIPv4);
-    return isIPv4 ? QHostAddress(ipv4).toString() : address.toString();
-}
 
 template <typename T>
 std::unique_ptr<T> takeFrom(std::vector<std::unique_ptr<T>> *owners, const T *wanted)
@@ -94,7 +87,7 @@ void FrontDoor::disconnectClients()
     const std::vector<std::unique_ptr<ClientConnection>> leaving = std::exchange(clients, {});
     QStringList addresses;
     for (const std::unique_ptr<ClientConnection> &client : leaving) {
-        addresses.append(addressText(client->address()));
+        addresses.append(withoutIPv4Mapping(client->address()).toString());
     }
     if (!addresses.isEmpty()) {
         emit clientsDisconnected(addresses);
@@ -148,7 +141,7 @@ void FrontDoor::logRefusal(const QHostAddress &address, const QString &reason)
         ++unloggedRefusals;
         return;
     }
-    logMessage(LogInfo, u"Refused a client from %1: %2"_s.arg(addressText(address), reason));
+    logMessage(LogInfo, u"Refused a client from %1: %2"_s.arg(withoutIPv4Mapping(address).toString(), reason));
     refusalPause.start();
 }
 
@@ -170,7 +163,7 @@ void FrontDoor::addClient(HandshakeConnection *handshake, const QByteArray &pass
     ClientConnection *const raw = client.get();
     connect(raw, &ClientConnection::ended, this, [this, raw](const QString &reason) { removeClient(raw, reason); });
     clients.push_back(std::move(client));
-    emit clientAuthenticated(addressText(raw->address()), password);
+    emit clientAuthenticated(withoutIPv4Mapping(raw->address()).toString(), password);
     raw->start(backendPath);
 }
 
@@ -202,7 +195,7 @@ void FrontDoor::removeClient(const ClientConnection *client, const QString &reas
     if (!removed) {
         return;
     }
-    const QString address = addressText(removed->address());
+    const QString address = withoutIPv4Mapping(removed->address()).toString();
     removed.release()->deleteLater(); // we are in its signal
     logMessage(LogInfo, u"Lost a client from %1: %2"_s.arg(address, reason));
     emit clientsDisconnected({address});

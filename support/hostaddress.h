@@ -1,0 +1,11 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QHostAddress>
+
+/**
+ * An IPv4 address in its own form, "192.0.2.1". A socket for both families reports it as the IPv6 address
+ * "::ffff:192.0.2.1", so the same host would have two addresses. Any other address is returned unchanged.
+ * Callable from any thread.
+ */
+[[nodiscard]] QHostAddress withoutIPv4Mapping(const QHostAddress &address);
