@@ -21,7 +21,7 @@ bool FileLogging::open(const QString &path, QString *error)
     file->close();
     file->setFileName(path);
     if (isPipe(path)) {
-        *error = u"Failed to open the file \"%1\": %2"_s.arg(path, u"Not a regular file"_s);
+        *error = notRegularFileError(path);
         return false;
     }
     if (!openForAppending()) {

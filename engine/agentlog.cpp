@@ -101,7 +101,7 @@ void applyLine(Session *session, const QString &line)
 bool readAgentLog(Session *session, const QString &path, QString *error)
 {
     if (isSpecialFile(path)) {
-        *error = u"Failed to open the file \"%1\": %2"_s.arg(path, u"Not a regular file"_s);
+        *error = notRegularFileError(path);
         return false;
     }
     QFile file(path);

@@ -22,18 +22,12 @@ QString fileError(const char *pattern, const QFile &file)
     return QString::fromLatin1(pattern).arg(file.fileName(), file.errorString());
 }
 
-/** Opening a pipe waits for whoever is at its other end, which may be nobody. */
-QString notRegular(const QString &path)
-{
-    return QString::fromLatin1("Failed to open the file \"%1\": %2").arg(path, u"Not a regular file"_s);
-}
-
 template <typename Value>
 bool writeValue(const QString &path, const Value &value, QString *error)
 {
     QFile file(path);
     if (isSpecialFile(path)) {
-        *error = notRegular(path);
+        *error = notRegularFileError(path);
         return false;
     }
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
@@ -66,7 +60,7 @@ bool readValue(const QString &path, Value *value, QString *error, bool *mayPass)
 {
     QFile file(path);
     if (isSpecialFile(path)) {
-        *error = notRegular(path);
+        *error = notRegularFileError(path);
         return false;
     }
     if (!file.open(QIODevice::ReadOnly)) {

@@ -15,7 +15,7 @@ constexpr int kMaxCredentialBytes = 1024 * 1024;
 bool readCredential(const QString &path, QByteArray *data, QString *error)
 {
     if (isSpecialFile(path)) {
-        *error = u"Failed to open the file \"%1\": %2"_s.arg(path, u"Not a regular file"_s);
+        *error = notRegularFileError(path);
         return false;
     }
     return readFile(path, kMaxCredentialBytes, data, error);

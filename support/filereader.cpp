@@ -53,3 +53,8 @@ bool isPipe(const QString &path)
 {
     return S_ISFIFO(modeOf(path));
 }
+
+QString notRegularFileError(const QString &path)
+{
+    return u"Failed to open the file \"%1\": %2"_s.arg(path, u"Not a regular file"_s);
+}

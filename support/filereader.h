@@ -29,5 +29,8 @@ enum class FileReading { Done, Missing, Failed };
  */
 [[nodiscard]] bool isSpecialFile(const QString &path);
 
+/** The error of a file that is not opened because isSpecialFile() or isPipe() holds. Callable from any thread. */
+[[nodiscard]] QString notRegularFileError(const QString &path);
+
 /** Whether there is a named pipe at @p path, or a link to one. Callable from any thread. */
 [[nodiscard]] bool isPipe(const QString &path);
