@@ -19,6 +19,8 @@ std::unique_ptr<Json::CharReader> makeReader()
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     builder["failIfExtra"] = false;
+    builder["allowTrailingCommas"] = false;
+    builder["skipBom"] = false;
     return std::unique_ptr<Json::CharReader>(builder.newCharReader());
 }
 

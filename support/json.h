@@ -12,7 +12,8 @@
  */
 
 /**
- * Parses the first JSON value of @p text. Comments are allowed, and what follows the first value is ignored.
+ * Parses the first JSON value of @p text. Comments are allowed, and what follows the first value is ignored; a trailing
+ * comma and a byte order mark are errors.
  *
  * @param value  set only on success
  * @return false for anything that is no JSON, nesting deeper than the library takes (1000) included

@@ -194,6 +194,8 @@ void TestAnnouncement::whatIsNoJsonIsToldApart_data()
                                   "{\"Method\"=\"HELLO\"}",
                                   "{\"Method\":}",
                                   "{Method:1}",
+                                  "{\"Method\":\"HELLO\",\"Port\":40123,\"User\":\"alice\",}",
+                                  "\xef\xbb\xbf{\"Method\":\"HELLO\",\"Port\":40123,\"User\":\"alice\"}",
                                   "/*",
                                   "//"};
     for (const QByteArray &text : texts) {

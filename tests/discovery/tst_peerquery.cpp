@@ -171,6 +171,11 @@ void TestPeerQuery::refusedAnswersLeaveTheListAlone_data()
     json("nothing", "");
     json("no JSON", "no JSON");
     json("cut", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":[])");
+    json("trailing comma", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":[],})");
+    json("trailing comma in the list", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":[{"id":"a"},]})");
+    json("byte order mark", "\xef\xbb\xbf"
+                            R"({"id":"ServerUpdate","jsonrpc":"2.0","result":[]})");
+    json("notification with a trailing comma", R"({"jsonrpc":"2.0","method":"UpdateSessions","params":null,})");
     json("too deep", QByteArray(60000, '['));
     json("array", R"([{"id":"ServerUpdate","jsonrpc":"2.0","result":[]}])");
     json("number", "5");

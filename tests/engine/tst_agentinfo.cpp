@@ -221,6 +221,9 @@ void TestAgentInfo::answerThatIsNoJsonFails_data()
     QTest::newRow("word") << QByteArray("state");
     QTest::newRow("half an object") << QByteArray("{\"Clients\":1");
     QTest::newRow("missing value") << QByteArray("{\"Clients\":}");
+    QTest::newRow("trailing comma") << QByteArray("{\"Clients\":1,}");
+    QTest::newRow("trailing comma of the passwords") << QByteArray("{\"Passwords\":[\"a\",]}");
+    QTest::newRow("byte order mark") << QByteArray("\xef\xbb\xbf{\"Clients\":1}");
     QTest::newRow("bytes") << QByteArray("\xff\xfe\x00\x01", 4);
     QTest::newRow("nested too deep") << QByteArray(5000, '[');
 }

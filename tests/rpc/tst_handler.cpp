@@ -34,6 +34,13 @@ void TestHandler::payloadIsAnsweredToTheByte_data()
     QTest::newRow("binary") << QByteArray("\0\xff", 2) << kParseError;
     QTest::newRow("as deep as possible") << QByteArray(65536, '[') << kParseError;
     QTest::newRow("open batch") << R"([{"jsonrpc":"2.0","method":"echo","id":1})"_ba << kParseError;
+    QTest::newRow("trailing comma") << R"({"jsonrpc":"2.0","method":"echo","id":1,})"_ba << kParseError;
+    QTest::newRow("trailing comma in the parameters")
+        << R"({"jsonrpc":"2.0","method":"echo","params":[1,],"id":1})"_ba << kParseError;
+    QTest::newRow("trailing comma of a batch") << R"([{"jsonrpc":"2.0","method":"echo","id":1},])"_ba << kParseError;
+    QTest::newRow("byte order mark") << QByteArray("\xef\xbb\xbf"
+                                                   R"({"jsonrpc":"2.0","method":"echo","id":1})")
+                                     << kParseError;
     QTest::newRow("half a request") << R"({"jsonrpc":"2.0","method":"echo","id":1)"_ba << kParseError;
 
     // What is no request.

@@ -98,6 +98,15 @@ void TestJson::whatIsNoJsonIsRefused_data()
     QTest::newRow("bad escape") << R"("\x")"_ba;
     QTest::newRow("short escape") << R"("\u12")"_ba;
     QTest::newRow("binary") << QByteArray("\0\1\2\3", 4);
+    QTest::newRow("trailing comma of an array") << "[1,]"_ba;
+    QTest::newRow("trailing comma of an object") << "{\"a\":1,}"_ba;
+    QTest::newRow("trailing comma inside") << "{\"a\":[1 , /* b */ ]}"_ba;
+    QTest::newRow("comma alone") << "[,]"_ba;
+    QTest::newRow("comma alone in an object") << "{,}"_ba;
+    QTest::newRow("two commas") << "[1,,2]"_ba;
+    QTest::newRow("byte order mark before") << "\xef\xbb\xbf[1]"_ba;
+    QTest::newRow("byte order mark alone") << "\xef\xbb\xbf"_ba;
+    QTest::newRow("byte order mark inside") << "[\xef\xbb\xbf]"_ba;
     QTest::newRow("one too deep") << nested(kMaxDepth + 1);
     QTest::newRow("deep and open") << QByteArray(65536, '[');
     QTest::newRow("deep objects") << QByteArray("{\"a\":").repeated(10000);

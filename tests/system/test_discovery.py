@@ -240,6 +240,8 @@ class Discovery(hosts.NeighbourCase):
         for pieces, message in (
                 ([reply([], id="Other")], invalid), ([reply([], id=5)], invalid), ([reply([], jsonrpc="1.0")], invalid),
                 ([zarvo.frame("no JSON")], invalid), ([zarvo.frame("5")], invalid), ([zarvo.frame("")], invalid),
+                ([zarvo.frame('{"id":"ServerUpdate","jsonrpc":"2.0","result":[],}')], invalid),
+                ([zarvo.frame('\ufeff{"id":"ServerUpdate","jsonrpc":"2.0","result":[]}')], invalid),
                 ([zarvo.frame('{"id":"ServerUpdate","jsonrpc":"2.0"}')], invalid),
                 ([zarvo.frame('{"id":"ServerUpdate","jsonrpc":"2.0","error":5}')], invalid),
                 ([zarvo.frame('{"id":"ServerUpdate","jsonrpc":"2.0","error":{"code":"x","message":"y"}}')], invalid),

@@ -121,7 +121,7 @@ class Datagrams(HostileCase):
     def test_what_is_no_json_costs_a_line(self):
         good = hosts.announcement("UPDATE", 9, self.instance.user)
         texts = [b"", b" ", b"\n", b"\0", b"{", b"}", b'"', b"[", b"nul", b"tru", b"UPDATE", b"\xff\xfe",
-                 b"\xef\xbb\xbf",
+                 b"\xef\xbb\xbf", b"\xef\xbb\xbf" + good, good.rstrip()[:-1] + b",}",
                  b"\0" + good, b"'" + good, good[:-2], good.replace(b":", b"="), good.replace(b",", b";"),
                  good.replace(b'"', b"'"), b"[" * 65507, b"{\"a\":" * 10000, b"\xff" * 65507, b"/*" * 30000]
         for count, text in enumerate(texts, 1):

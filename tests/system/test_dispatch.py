@@ -70,7 +70,8 @@ class Dispatch(zarvo.SharedServer):
     def test_what_is_not_json(self):
         for payload in ("{", "", " ", "\n", "}", "[", "[1", '{"a"', '{"a":', '{"a":1', '"abc', "nul", "tru", "hello",
                         '{"jsonrpc" "2.0"}', "{1:2}", "[1 2]", '{"a":"\\q"}', '{"a":"\\u12"}', "/* only a comment */",
-                        "/* no end", b"\0", b"\xff\xfe{\0}\0"):
+                        "/* no end", "[1,]", "[,]", '{"a":1,}', json.dumps(VERSION_CALL)[:-1] + ",}",
+                        b"\xef\xbb\xbf" + json.dumps(VERSION_CALL).encode(), b"\xef\xbb\xbf", b"\0", b"\xff\xfe{\0}\0"):
             with self.subTest(payload=payload):
                 self.assert_answer(payload, PARSE_ERROR)
 

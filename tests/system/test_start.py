@@ -459,6 +459,7 @@ class AgentFailures(zarvo.TestCase):
         server.seen(session, "pid")
         path = os.path.join(server.records, "C-" + session, "reply")
         for reply in (b"garbage", b"[" * 100000, b"[]", b"5", b"null", b'"text"', b"{", b"", b"\xff\0\xfe",
+                      b'{"Clients":1,}', b'\xef\xbb\xbf{"Clients":1}',
                       b'{"Started":5,"Clients":"x","Passwords":5,"ScreenWidth":1e300,"ScreenHeight":null}',
                       b'{"Clients":1e400}', b'{"Clients":99999999999999999999}', b'{"Started":[],"LastConnect":{}}'):
             zarvo.write(path, "")

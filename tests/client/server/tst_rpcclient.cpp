@@ -282,6 +282,8 @@ private slots:
         QTest::newRow("no comma") << "2:{}."_ba;
         QTest::newRow("no JSON") << "1:x,"_ba;
         QTest::newRow("no object") << "2:[],"_ba;
+        QTest::newRow("trailing comma") << "20:{\"id\":1,\"result\":1,},"_ba;
+        QTest::newRow("byte order mark") << "22:\xef\xbb\xbf{\"id\":1,\"result\":1},"_ba;
     }
     void nonsenseEndsTheConnection()
     {
