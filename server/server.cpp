@@ -8,7 +8,6 @@
 #include "engine/sessionfiles.h"
 #include "live/sessionstore.h"
 #include "rpc/sslserver.h"
-#include "server/certificates.h"
 #include "server/daemon.h"
 #include "server/sslresponder.h"
 #include "server/startupfailure.h"
@@ -19,7 +18,6 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QHostAddress>
 #include <QSslSocket>
 #include <QUdpSocket>
@@ -84,8 +82,8 @@ bool Server::writePidFile(QString *error)
 bool Server::provideCertificates(QString *error)
 {
     logMessage(LogDebug1, u"Creating certificate files"_s);
-    madeCertificates = !QFile::exists(certificatePath());
-    return createCertificates(certificatePath(), keyPath(), error);
+    certificateFiles.emplace(certificatePath(), keyPath());
+    return certificateFiles->createIfMissing(error);
 }
 
 bool Server::createSessionDirectory(QString *error)
@@ -124,11 +122,8 @@ bool Server::readCredentials(QString *error)
     if (readPrivateKey(keyPath(), &privateKey, error) && readCertificate(certificatePath(), &certificate, error)) {
         return true;
     }
-    if (madeCertificates) {
-        // On a full disk openssl leaves empty files and calls it a success; they would fail every later start.
-        QFile::remove(certificatePath());
-        QFile::remove(keyPath());
-    }
+    // On a full disk openssl leaves empty files and reports success. They would make every later start fail.
+    certificateFiles->removeCreated();
     return false;
 }
 

@@ -4,6 +4,7 @@
 #include "base/filelogging.h"
 #include "base/infofile.h"
 #include "base/settings.h"
+#include "server/certificatefiles.h"
 #include "server/handlerfactory.h"
 
 #include <QSslCertificate>
@@ -67,8 +68,8 @@ private:
     std::unique_ptr<SessionStore> store;
     std::unique_ptr<SessionUpdater> updater;
     std::unique_ptr<SuspendChecker> checker;
+    std::optional<CertificateFiles> certificateFiles;
     QSslKey privateKey;
-    bool madeCertificates = false; ///< in this very start
     QSslCertificate certificate;
     std::unique_ptr<SslServer> listener;
     std::optional<HandlerFactory> factory;

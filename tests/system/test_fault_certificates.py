@@ -40,6 +40,14 @@ class Certificates(zarvo.TestCase):
         server.start()
         self.assert_serves(server)
 
+    def test_key_that_openssl_did_not_write_is_left_alone(self):
+        server = self.prepare(certificate=False)
+        zarvo.write(server.key, "no key")
+        server.install_program("openssl", f"printf certificate > {shlex.quote(server.certificate)}\n")
+        self.start_is_refused(server, 'Invalid private key in file ".+"')
+        self.assertEqual(zarvo.read(server.key), "no key")
+        self.assertFalse(os.path.exists(server.certificate))
+
     def test_spoilt_pair_that_was_there_before_is_left_alone(self):
         server = self.prepare()
         zarvo.write(server.key, "")
