@@ -4,13 +4,22 @@
 #include <QDateTime>
 #include <QMutexLocker>
 
+#include <atomic>
+
 using namespace Qt::StringLiterals;
 
 namespace {
 
-Logging *installed = nullptr;
+/** Atomic, because threads of Qt may ask for it while it is uninstalled. */
+std::atomic<Logging *> installed = nullptr;
 
 } // namespace
+
+Logging::~Logging()
+{
+    Logging *expected = this;
+    installed.compare_exchange_strong(expected, nullptr);
+}
 
 void Logging::log(int level, const QString &text)
 {

@@ -15,7 +15,8 @@ class Logging
 {
 public:
     Logging() = default;
-    virtual ~Logging() = default;
+    /** The installed logger is uninstalled, because messages of Qt may still come after it. */
+    virtual ~Logging();
     Q_DISABLE_COPY_MOVE(Logging)
 
     /** Writes one message. Called by log() with the mutex held, for messages that pass the threshold. */

@@ -32,6 +32,7 @@ private slots:
     void messagesUpToTheThresholdAreWritten_data();
     void messagesUpToTheThresholdAreWritten();
     void installedLoggerGetsAllMessages();
+    void installedLoggerIsUninstalledAtItsEnd();
     void writesOfSeveralThreadsNeverOverlap();
 };
 
@@ -185,6 +186,19 @@ void TestLogging::installedLoggerGetsAllMessages()
     logMessage(LogDebug1, u"two"_s);
     logMessage(LogInfo, u"three"_s);
     QCOMPARE(first.takeLines(), QStringList{u"Info: three"_s});
+}
+
+void TestLogging::installedLoggerIsUninstalledAtItsEnd()
+{
+    {
+        ExclusiveLogger installed;
+        Logging::setInstance(&installed);
+        {
+            const ExclusiveLogger other;
+        }
+        QCOMPARE(Logging::instance(), &installed);
+    }
+    QCOMPARE(Logging::instance(), nullptr);
 }
 
 void TestLogging::writesOfSeveralThreadsNeverOverlap()
