@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
 // Puts load on a TLS server from one thread. Usage:
 //
-//   load_client PORT CERTIFICATE KEY CONNECTIONS SECONDS frames|http REQUEST    each connection has one request under
-//   way load_client PORT CERTIFICATE KEY CONNECTIONS SECONDS handshakes             each connects, anew and in full,
-//   and closes
+//   load_client PORT CERTIFICATE KEY CONNECTIONS SECONDS frames|http REQUEST
+//     Each connection always has one request under way.
 //
-// Prints one line of JSON: operations per second and the latency of an operation in microseconds, once the server is
-// warm; and how many operations there were from the first one on.
+//   load_client PORT CERTIFICATE KEY CONNECTIONS SECONDS handshakes
+//     Each connection makes a full handshake, closes and connects again.
+//
+// Prints one line of JSON: operations per second, the latency of an operation in microseconds, both once the server is
+// warm, and the number of operations since the start.
 #include "bench/tls.h"
 
 #include <algorithm>
