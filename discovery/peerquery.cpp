@@ -149,5 +149,5 @@ bool fetchPeerSessions(const QHostAddress &address, quint16 port, const QSslCert
             return false;
         }
     } while (isNotification(payload));
-    return readPeerReply(payload, sessions, error);
+    return readPeerReply(payload, &sessions, &error);
 }

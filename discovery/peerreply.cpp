@@ -24,7 +24,7 @@ std::optional<QString> messageOfPeer(const Json::Value &reply)
 
 } // namespace
 
-bool readPeerReply(const QByteArray &payload, QList<SessionInfo> &sessions, QString &error)
+bool readPeerReply(const QByteArray &payload, QList<SessionInfo> *sessions, QString *error)
 {
     Json::Value reply;
     const bool isValid = parseJson(payload, &reply) && isReply(reply);
@@ -36,10 +36,10 @@ bool readPeerReply(const QByteArray &payload, QList<SessionInfo> &sessions, QStr
                 read.append(*info);
             }
         }
-        sessions = read;
+        *sessions = read;
         return true;
     }
     const bool isError = isValid && !hasMember(reply, "result");
-    error = (isError ? messageOfPeer(reply) : std::nullopt).value_or(u"Received invalid JSON"_s);
+    *error = (isError ? messageOfPeer(reply) : std::nullopt).value_or(u"Received invalid JSON"_s);
     return false;
 }

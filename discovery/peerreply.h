@@ -16,4 +16,4 @@ inline constexpr const char *kPeerRequestId = "ServerUpdate";
  * @param sessions  set only on success; descriptions that make no sense are left out
  * @param error     set only on failure: one sentence, or the peer's own words
  */
-[[nodiscard]] bool readPeerReply(const QByteArray &payload, QList<SessionInfo> &sessions, QString &error);
+[[nodiscard]] bool readPeerReply(const QByteArray &payload, QList<SessionInfo> *sessions, QString *error);

@@ -39,7 +39,7 @@ void checkReply(const QByteArray &payload)
     QList<SessionInfo> sessions(1);
     sessions[0].id = u"before"_s;
     QString error;
-    const bool read = readPeerReply(payload, sessions, error);
+    const bool read = readPeerReply(payload, &sessions, &error);
     Json::Value reply;
     FUZZ_CHECK(read == isList(payload, &reply));
     if (!read) {
