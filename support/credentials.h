@@ -7,20 +7,20 @@ class QSslCertificate;
 class QSslKey;
 
 /**
- * Loads the PEM certificate within the first MiB of a file.
+ * Loads the first PEM certificate in the first MiB of a file. Does not check its dates. Callable from any thread.
  *
  * @param certificate  set only on success
  * @param error        set only on failure: one sentence that names the file
- * @return true when a certificate was found; its dates are not looked at. Callable from any thread.
+ * @return true when a certificate was found
  */
 [[nodiscard]] bool readCertificate(const QString &path, QSslCertificate *certificate, QString *error);
 
 /**
- * Loads the unencrypted PEM RSA private key within the first MiB of a file. Never asks for a pass phrase: an
- * encrypted key is an invalid one.
+ * Loads the unencrypted PEM RSA private key in the first MiB of a file. An encrypted key is invalid, because there is
+ * nobody to ask for a pass phrase. Callable from any thread.
  *
  * @param key    set only on success
  * @param error  set only on failure: one sentence that names the file
- * @return true when a key was found. Callable from any thread.
+ * @return true when a key was found
  */
 [[nodiscard]] bool readPrivateKey(const QString &path, QSslKey *key, QString *error);

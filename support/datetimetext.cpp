@@ -9,7 +9,7 @@ namespace {
 
 constexpr auto kPattern = "yyyy-MM-ddThh:mm:ss"_L1;
 
-/** The number that @p digits, ASCII and nothing else, make; -1 for anything else. */
+/** Reads an unsigned decimal number; -1 if there is anything but ASCII digits. */
 int numberOf(QStringView digits)
 {
     int number = 0;
@@ -23,8 +23,8 @@ int numberOf(QStringView digits)
 }
 
 /**
- * The time that a text as we write it ourselves names. Invalid for every other text, also for some that do name a time:
- * Qt's parser, which takes fifty times as long, has the last word on those.
+ * Reads the form that dateTimeToText() writes. Returns an invalid time for all other text, even if Qt's parser would
+ * accept it: the caller then asks that parser, which takes fifty times as long.
  */
 QDateTime plainTimeFromText(QStringView text)
 {
@@ -32,14 +32,14 @@ QDateTime plainTimeFromText(QStringView text)
         text[16] != u':') {
         return {};
     }
-    const int year = numberOf(text.sliced(0, 4)); // one below zero is a year as well
+    const int year = numberOf(text.sliced(0, 4)); // negative: not a number
     const QDate date(year, numberOf(text.sliced(5, 2)), numberOf(text.sliced(8, 2)));
     const QTime time(numberOf(text.sliced(11, 2)), numberOf(text.sliced(14, 2)), numberOf(text.sliced(17, 2)));
     if (year < 0 || !date.isValid() || !time.isValid()) {
         return {};
     }
     const QDateTime both(date, time);
-    // Where the clocks are put forward, an hour is missing.
+    // When summer time begins an hour is skipped, and Qt moves a time within that hour.
     return both.date() == date && both.time() == time ? both : QDateTime();
 }
 

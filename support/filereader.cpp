@@ -11,7 +11,10 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Type and permissions of what is there, in one look: it may be gone at the next one. 0 when nothing is there. */
+/**
+ * Type and permissions of the file at @p path; 0 if nothing is there. Callers use one result for several questions,
+ * because the file may be gone at the second call.
+ */
 mode_t modeOf(const QString &path)
 {
     struct stat status = {};
@@ -28,10 +31,10 @@ bool readFile(const QString &path, int maxSize, QByteArray *data, QString *error
 FileReading readFileIfThere(const QString &path, int maxSize, QByteArray *data, QString *error)
 {
     QFile file(path);
-    // Unbuffered: a device such as the random generator is asked for the wanted bytes and no more.
+    // Unbuffered, so that a device such as /dev/urandom has to deliver only the bytes that are wanted.
     if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         *error = u"Failed to open the file \"%1\": %2"_s.arg(file.fileName(), file.errorString());
-        // QFile tells the reason as a text only.
+        // QFile reports the reason as a text only.
         return file.errorString() == qt_error_string(ENOENT) ? FileReading::Missing : FileReading::Failed;
     }
     QByteArray bytes = file.read(maxSize);

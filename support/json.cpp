@@ -33,7 +33,7 @@ std::unique_ptr<Json::StreamWriter> makeWriter()
     return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
 }
 
-/** Appends what is written to a byte array. */
+/** A stream buffer that appends to a byte array. */
 class ByteArrayBuffer final : public std::streambuf
 {
 public:
@@ -62,7 +62,7 @@ private:
 
 bool parseJson(const QByteArray &text, Json::Value *value)
 {
-    // Making one takes as long as parsing a request with it; it keeps nothing from one text to the next.
+    // Reused, because making a reader takes as long as parsing a request. It keeps no state between two texts.
     thread_local const std::unique_ptr<Json::CharReader> reader = makeReader();
     Json::Value parsed;
     try {
@@ -70,7 +70,7 @@ bool parseJson(const QByteArray &text, Json::Value *value)
             return false;
         }
     } catch (const std::exception &) {
-        return false; // nested too deep
+        return false; // the nesting is too deep
     }
     value->swap(parsed);
     return true;
@@ -100,8 +100,8 @@ QString stringFromJson(const Json::Value &value)
     if (!value.isString() || !value.getString(&begin, &end)) {
         return {};
     }
-    // A byte order mark is a character like any other here; the plain conversion would drop it. Stateless, so that a
-    // character cut off at the end shows.
+    // Within a string a byte order mark is a character, but Qt's plain conversion would drop it. Stateless, so that an
+    // incomplete character at the end becomes a replacement character.
     QStringDecoder decoder(QStringDecoder::Utf8,
                            QStringConverter::Flag::ConvertInitialBom | QStringConverter::Flag::Stateless);
     return decoder.decode(QByteArrayView(begin, end));

@@ -7,8 +7,8 @@
 #include <QString>
 
 /*
- * The project's only door to the JSON library: the library throws on deep nesting, on wrong types and on
- * numbers out of range, and nothing here does. All functions are callable from any thread.
+ * All parsing and writing of JSON goes through these functions. The JSON library throws on deep nesting, on wrong types
+ * and on numbers out of range; these functions never throw. All are callable from any thread.
  */
 
 /**
@@ -16,21 +16,21 @@
  * comma and a byte order mark are errors.
  *
  * @param value  set only on success
- * @return false for anything that is no JSON, nesting deeper than the library takes (1000) included
+ * @return false if @p text is not JSON, or nested deeper than 1000, the limit of the library
  */
 [[nodiscard]] bool parseJson(const QByteArray &text, Json::Value *value);
 
-/** The compact text of @p value: no white space, members in ascending key order, one line feed at the end. */
+/** Writes @p value without white space, members in ascending order of their names, and one line feed at the end. */
 [[nodiscard]] QByteArray writeJson(const Json::Value &value);
 
-/** @p text as a JSON string, in UTF-8 and whole, NUL characters included. */
+/** @p text as a JSON string in UTF-8. NUL characters are kept. */
 [[nodiscard]] Json::Value jsonString(const QString &text);
 
-/** The text of a JSON string, NUL characters included; an empty text for any value of another type. */
+/** The text of a JSON string, with its NUL characters; an empty text if @p value has another type. */
 [[nodiscard]] QString stringFromJson(const Json::Value &value);
 
 /** Whether @p value is an object with a member of this name. */
 [[nodiscard]] bool hasMember(const Json::Value &value, const char *name);
 
-/** The member of this name; null when there is none or @p value is no object. */
+/** The member of this name; null if there is none or @p value is not an object. */
 [[nodiscard]] const Json::Value &member(const Json::Value &value, const char *name);

@@ -19,6 +19,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kBacklog = 64;
+/** How long no connection is accepted after the system had no descriptor for one. */
 constexpr std::chrono::seconds kPauseWithoutDescriptors(1);
 
 int newSocket()
@@ -46,7 +47,7 @@ int closeKeepingErrno(int descriptor)
     return -1;
 }
 
-// A socket's permissions come from the mask at the moment of bind(); changed later, there would be a gap.
+/** Sets the permissions through the mask, because others could connect between bind() and a later chmod(). */
 int bindPrivately(int descriptor, const sockaddr_un &address)
 {
     const mode_t mask = ::umask(0177);
@@ -78,7 +79,7 @@ bool removeDeadSocket(const QString &path, QString *error)
     struct stat found = {};
     const QByteArray encoded = QFile::encodeName(path);
     if (::lstat(encoded.constData(), &found) != 0) {
-        return true; // what else may be wrong with the path shows when it is bound
+        return true; // if anything else is wrong with the path, bind() will report it
     }
     if (!S_ISSOCK(found.st_mode)) {
         *error = u"The path \"%1\" is taken by something that is no socket"_s.arg(path);
@@ -144,14 +145,14 @@ bool LocalEndpoint::listen(const QString &path, QString *error)
 
 void LocalEndpoint::acceptPending()
 {
-    // One per activation: the loop comes back for the rest, and other events get their turn.
+    // One per activation, so that other events get their turn. The notifier fires again while more are waiting.
     const int descriptor = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (descriptor != -1) {
         emit accepted(descriptor);
         return;
     }
     if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-        // The connection stays in the queue and would wake us again at once.
+        // The connection stays in the queue, so the notifier would fire again at once, without end.
         notifier->setEnabled(false);
         QTimer::singleShot(kPauseWithoutDescriptors, this, [this] { notifier->setEnabled(true); });
     }

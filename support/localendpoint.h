@@ -9,9 +9,8 @@
 class QSocketNotifier;
 
 /**
- * A local socket that listens at a path which is used as it is, relative ones included: the toolkit's own class puts
- * those into the temporary directory. Private to the user; removed from the file system with the object.
- * Lives on the main thread.
+ * A listening local socket, private to the user. Uses its path unchanged, because QLocalServer would put a relative one
+ * into the temporary directory. Removes the socket's file when it is destroyed. Lives on the main thread.
  */
 class LocalEndpoint final : public QObject
 {
@@ -22,15 +21,15 @@ public:
     ~LocalEndpoint() override;
 
     /**
-     * Starts to listen. A socket that a dead process left behind at @p path is replaced; one that still
-     * answers, and anything that is no socket, is not touched.
+     * Starts to listen. Replaces a stale socket of a dead process at @p path, but no socket that still answers and no
+     * other kind of file.
      *
      * @param error  set only on failure: one sentence that names the path
      */
     [[nodiscard]] bool listen(const QString &path, QString *error);
 
 signals:
-    /** Somebody connected. The receiver owns @p descriptor, which is close-on-exec and non-blocking. */
+    /** A client has connected. The receiver owns @p descriptor, which is close-on-exec and non-blocking. */
     void accepted(int descriptor);
 
 private:
@@ -42,15 +41,15 @@ private:
 };
 
 /**
- * Connects to the local socket at @p path, without waiting: a listener whose queue is full counts as a failure.
+ * Connects to the local socket at @p path. Never waits: it fails if the listener's queue is full.
  *
  * @return a close-on-exec, non-blocking descriptor that the caller owns; -1 with errno set on failure
  */
 [[nodiscard]] int connectLocalSocket(const QString &path);
 
 /**
- * Makes sure that nothing stands at @p path: removes the socket of a process that is dead.
+ * Removes the stale socket of a dead process at @p path. Succeeds if nothing is there.
  *
- * @param error  set only on failure: one sentence that says what is there and must stay
+ * @param error  set only on failure: one sentence that says what is there and was not removed
  */
 [[nodiscard]] bool removeDeadSocket(const QString &path, QString *error);

@@ -4,12 +4,11 @@
 #include <QString>
 
 /**
- * Replaces the placeholders of a setting, so that one settings file in a shared home directory gives each
- * host its own paths:
- *   "@HOME@" the home directory, "@TEMP@" the temporary directory, "@USER@" the environment variable USER
- *   (empty when unset), "@HOST@" the local host name.
+ * Replaces the placeholders in a setting, so that hosts with a shared home directory have paths of their own:
+ *   "@HOME@" is the home directory, "@TEMP@" the temporary directory,
+ *   "@USER@" the environment variable USER (empty when unset), "@HOST@" the local host name.
  *
- * The values are taken fresh on every call and are never expanded themselves. Everything else is copied
- * unchanged. Callable from any thread; cannot fail.
+ * The values are read at every call. Placeholders within a value are not expanded. Everything else is copied unchanged.
+ * Cannot fail. Callable from any thread.
  */
 [[nodiscard]] QString expandPathTemplate(const QString &input);

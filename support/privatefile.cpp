@@ -17,7 +17,7 @@ bool writePrivateFile(const QString &path, const QByteArray &content, QString *e
         *error = u"Failed to set permissions on the file \"%1\": %2"_s.arg(path, file.errorString());
         return false;
     }
-    // Committed without the flush, a file whose content found no room would appear empty.
+    // Flush first: on a full disk commit() alone would put an empty file in place.
     if (file.write(content) != content.size() || !file.flush() || !file.commit()) {
         *error = u"Failed to write to the file \"%1\": %2"_s.arg(path, file.errorString());
         return false;

@@ -5,8 +5,8 @@
 #include <QString>
 
 /**
- * Replaces the file at @p path by one that holds @p content and is private to the user. The file appears whole: a
- * reader sees the old content or the new one.
+ * Replaces the file at @p path by one with @p content that is private to the user. A reader sees either the old content
+ * or the new one, never a part of it.
  *
  * @param error  set only on failure: one sentence that names the file
  */

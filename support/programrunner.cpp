@@ -39,7 +39,7 @@ bool runProgram(const QString &program, const QStringList &arguments, const QStr
 
     QProcess process;
     process.setWorkingDirectory(workingDirectory);
-    // Nobody waits for it any more when we are killed, and whoever comes next may be writing the same files.
+    // If we are killed, the program must not go on: the next server may be writing the same files.
     process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
     process.start(program, arguments);
     if (!process.waitForFinished(timeoutMs)) {

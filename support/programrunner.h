@@ -5,14 +5,14 @@
 #include <QStringList>
 
 /**
- * Runs @p program to its end and reduces the outcome to success or one sentence. Its output is discarded. It does not
- * outlive the calling thread. Blocks that thread, so it is not called on the main thread once clients are served.
+ * Runs @p program and waits for its end. Discards its output. The program is killed if the calling thread ends. Blocks
+ * that thread, so do not call it on the main thread once clients are served.
  *
  * @param program           found by name on the search path; no shell is involved
  * @param workingDirectory  empty: the caller's own
- * @param timeoutMs         longest run in milliseconds, after which the program is killed; -1 waits for ever
- * @param error             set only on failure: the program's name and the reason, which is the first line
- *                          of its standard error when it ended by itself
+ * @param timeoutMs         how long the program may run in milliseconds until it is killed; -1: without a limit
+ * @param error             set only on failure: the program's name and the reason. If the program ended by itself, the
+ *                          reason is the first line of its standard error
  * @return true when the program ended by itself with exit code 0
  */
 [[nodiscard]] bool runProgram(const QString &program, const QStringList &arguments, const QString &workingDirectory,

@@ -19,7 +19,7 @@ bool randomHex(QString *result, QString *error, const QString &device)
     if (!readFile(device, kTokenBytes, &bytes, error)) {
         return false;
     }
-    // A shorter token would be a guessable one.
+    // A shorter token could be guessed.
     if (bytes.size() < kTokenBytes) {
         *error = u"Failed to read from the file \"%1\": %2"_s.arg(device, u"Too little data"_s);
         return false;

@@ -4,9 +4,9 @@
 #include <QString>
 
 /**
- * Whether the system has so many threads left for us, which is found out by making and ending them. Qt does not tell: a
- * task for which its pool gets no thread is gone without a word, and its place in the pool with it. Callable from any
- * thread.
+ * Whether the system can give us @p count more threads. Finds out by starting and ending them, because Qt does not
+ * report it: if its pool gets no thread for a task, the task is lost silently and its place in the pool stays taken.
+ * Callable from any thread.
  *
  * @param error  set only on failure: one sentence
  */

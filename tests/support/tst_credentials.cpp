@@ -20,15 +20,15 @@ private slots:
     void initTestCase();
     void certificateIsLoadedFromTheFirstMegabyte_data();
     void certificateIsLoadedFromTheFirstMegabyte();
-    void whatIsNoCertificateIsRefused_data();
-    void whatIsNoCertificateIsRefused();
+    void fileWithoutACertificateIsRefused_data();
+    void fileWithoutACertificateIsRefused();
     void expiredCertificateIsLoaded();
     void keyIsLoadedFromTheFirstMegabyte_data();
     void keyIsLoadedFromTheFirstMegabyte();
-    void whatIsNoUsableKeyIsRefused_data();
-    void whatIsNoUsableKeyIsRefused();
-    void unreadableFileIsReportedAsSuch_data();
-    void unreadableFileIsReportedAsSuch();
+    void fileWithoutAUsableKeyIsRefused_data();
+    void fileWithoutAUsableKeyIsRefused();
+    void unreadableFileIsReported_data();
+    void unreadableFileIsReported();
 
 private:
     [[nodiscard]] bool openssl(const QString &arguments);
@@ -43,7 +43,7 @@ namespace {
 
 constexpr int kMegabyte = 1024 * 1024;
 
-/** @p block behind as much other text as it takes to end at byte @p end of the file. */
+/** @p block with as much text before it as is needed for it to end at byte @p end of the file. */
 QByteArray endingAt(int end, const QByteArray &block)
 {
     return QByteArray(end - block.size() - 1, '#') + '\n' + block;
@@ -113,7 +113,7 @@ void TestCredentials::certificateIsLoadedFromTheFirstMegabyte()
     QCOMPARE(error, u"untouched"_s);
 }
 
-void TestCredentials::whatIsNoCertificateIsRefused_data()
+void TestCredentials::fileWithoutACertificateIsRefused_data()
 {
     QTest::addColumn<QByteArray>("content");
     const QByteArray certificate = made(u"cert"_s);
@@ -126,7 +126,7 @@ void TestCredentials::whatIsNoCertificateIsRefused_data()
     QTest::newRow("behind the limit") << endingAt(2 * kMegabyte, certificate);
 }
 
-void TestCredentials::whatIsNoCertificateIsRefused()
+void TestCredentials::fileWithoutACertificateIsRefused()
 {
     QFETCH(const QByteArray, content);
     putContent(content);
@@ -173,7 +173,7 @@ void TestCredentials::keyIsLoadedFromTheFirstMegabyte()
     QCOMPARE(error, u"untouched"_s);
 }
 
-void TestCredentials::whatIsNoUsableKeyIsRefused_data()
+void TestCredentials::fileWithoutAUsableKeyIsRefused_data()
 {
     QTest::addColumn<QByteArray>("content");
     const QByteArray key = made(u"key"_s);
@@ -189,7 +189,7 @@ void TestCredentials::whatIsNoUsableKeyIsRefused_data()
     QTest::newRow("behind the limit") << endingAt(2 * kMegabyte, key);
 }
 
-void TestCredentials::whatIsNoUsableKeyIsRefused()
+void TestCredentials::fileWithoutAUsableKeyIsRefused()
 {
     QFETCH(const QByteArray, content);
     QVERIFY(!content.isNull());
@@ -202,7 +202,7 @@ void TestCredentials::whatIsNoUsableKeyIsRefused()
     QCOMPARE(key, before);
 }
 
-void TestCredentials::unreadableFileIsReportedAsSuch_data()
+void TestCredentials::unreadableFileIsReported_data()
 {
     QTest::addColumn<QString>("file"); // "%1": the test's directory
     QTest::addColumn<QString>("pattern");
@@ -212,7 +212,7 @@ void TestCredentials::unreadableFileIsReportedAsSuch_data()
     QTest::newRow("read error") << u"/proc/self/mem"_s << u"Failed to read from the file \"%1\": Input/output error"_s;
 }
 
-void TestCredentials::unreadableFileIsReportedAsSuch()
+void TestCredentials::unreadableFileIsReported()
 {
     QFETCH(QString, file);
     QFETCH(const QString, pattern);

@@ -21,9 +21,9 @@ private slots:
     void timeBecomesLocalTextToTheSecond_data();
     void timeBecomesLocalTextToTheSecond();
     void textBecomesLocalTime();
-    void textOfAnotherFormIsNull_data();
-    void textOfAnotherFormIsNull();
-    void timeSurvivesTheWayThroughText();
+    void textInAnotherFormGivesANullTime_data();
+    void textInAnotherFormGivesANullTime();
+    void timeIsTheSameAfterARoundTrip();
     void everyTextIsReadAsQtReadsIt_data();
     void everyTextIsReadAsQtReadsIt();
 
@@ -76,7 +76,7 @@ void TestDateTimeText::textBecomesLocalTime()
     QCOMPARE(time.toUTC().time(), QTime(20, 4, 5));
 }
 
-void TestDateTimeText::textOfAnotherFormIsNull_data()
+void TestDateTimeText::textInAnotherFormGivesANullTime_data()
 {
     QTest::addColumn<QString>("text");
     for (const char *text : {"",
@@ -106,13 +106,13 @@ void TestDateTimeText::textOfAnotherFormIsNull_data()
     }
 }
 
-void TestDateTimeText::textOfAnotherFormIsNull()
+void TestDateTimeText::textInAnotherFormGivesANullTime()
 {
     QFETCH(const QString, text);
     QVERIFY(dateTimeFromText(text).isNull());
 }
 
-void TestDateTimeText::timeSurvivesTheWayThroughText()
+void TestDateTimeText::timeIsTheSameAfterARoundTrip()
 {
     const QDateTime time(QDate(1999, 12, 31), QTime(23, 59, 58));
     QCOMPARE(dateTimeFromText(dateTimeToText(time)), time);
@@ -135,7 +135,7 @@ void TestDateTimeText::everyTextIsReadAsQtReadsIt_data()
 void TestDateTimeText::everyTextIsReadAsQtReadsIt()
 {
     QFETCH(const QString, text);
-    // With summer time: 2026-03-29 has no hour from two to three, and 2026-10-25 has it twice.
+    // In this zone 2026-03-29 skips the hour from two to three, and 2026-10-25 has it twice.
     const EnvironmentVariable summer("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
     ::tzset();
     QDateTime expected = QLocale::c().toDateTime(text, u"yyyy-MM-ddThh:mm:ss"_s);

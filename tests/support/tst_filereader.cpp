@@ -28,13 +28,13 @@ private slots:
     void failureNamesTheFileAndTheReason();
     void missingFileIsToldFromOtherFailures_data();
     void missingFileIsToldFromOtherFailures();
-    void noMoreThanTheWantedBytesAreTakenFromADevice();
-    void fileThatComesAndGoesIsNothingSpecial();
+    void onlyTheWantedBytesAreReadFromADevice();
+    void fileThatComesAndGoesIsNeverSpecial();
 };
 
 namespace {
 
-/** Qt has a text of its own for this, which is not the same in all versions. */
+/** Qt's own text, which differs between versions. */
 QString whyADirectoryDoesNotOpen()
 {
     QFile directory(QDir::rootPath());
@@ -62,7 +62,7 @@ void TestFileReader::contentIsCutAtTheLimit_data()
     QTest::newRow("one over the limit") << QByteArray("1234567890A") << 10 << QByteArray("1234567890");
     QTest::newRow("limit of one byte") << QByteArray("12") << 1 << QByteArray("1");
     QTest::newRow("limit of no bytes") << QByteArray("12") << 0 << QByteArray("");
-    // More than any buffer on the way holds.
+    // More than any buffer in between can hold.
     const QByteArray large = QByteArray(3 * 1024 * 1024, 'a') + 'b';
     QTest::newRow("large, one below") << large << static_cast<int>(large.size()) + 1 << large;
     QTest::newRow("large, at the limit") << large << static_cast<int>(large.size()) << large;
@@ -99,7 +99,7 @@ void TestFileReader::bytesAreReadAsTheyAre()
 
 void TestFileReader::failureNamesTheFileAndTheReason_data()
 {
-    QTest::addColumn<QString>("name"); // relative names lie in the test's directory
+    QTest::addColumn<QString>("name"); // a relative name is one in the test's directory
     QTest::addColumn<QString>("pattern");
     QTest::newRow("missing") << u"missing"_s << u"Failed to open the file \"%1\": No such file or directory"_s;
     QTest::newRow("directory missing") << u"no/file"_s
@@ -110,7 +110,7 @@ void TestFileReader::failureNamesTheFileAndTheReason_data()
     QTest::newRow("dangling link") << u"link"_s << u"Failed to open the file \"%1\": No such file or directory"_s;
     QTest::newRow("name with place markers")
         << u"%2 %1"_s << u"Failed to open the file \"%1\": No such file or directory"_s;
-    // Nothing is mapped at address 0.
+    // Reading fails, because nothing is mapped at address 0.
     QTest::newRow("opens and cannot be read")
         << u"/proc/self/mem"_s << u"Failed to read from the file \"%1\": Input/output error"_s;
 }
@@ -132,7 +132,7 @@ void TestFileReader::failureNamesTheFileAndTheReason()
 
 void TestFileReader::missingFileIsToldFromOtherFailures_data()
 {
-    QTest::addColumn<QString>("name"); // relative names lie in the test's directory
+    QTest::addColumn<QString>("name"); // a relative name is one in the test's directory
     QTest::addColumn<FileReading>("expected");
     QTest::newRow("there") << u"file"_s << FileReading::Done;
     QTest::newRow("missing") << u"missing"_s << FileReading::Missing;
@@ -155,7 +155,7 @@ void TestFileReader::missingFileIsToldFromOtherFailures()
     QCOMPARE(error.isEmpty(), expected == FileReading::Done);
 }
 
-void TestFileReader::noMoreThanTheWantedBytesAreTakenFromADevice()
+void TestFileReader::onlyTheWantedBytesAreReadFromADevice()
 {
     std::array<int, 2> ends{};
     QCOMPARE(::pipe(ends.data()), 0);
@@ -172,7 +172,7 @@ void TestFileReader::noMoreThanTheWantedBytesAreTakenFromADevice()
     QCOMPARE(QByteArray(rest.data(), length), "456789"_ba);
 }
 
-void TestFileReader::fileThatComesAndGoesIsNothingSpecial()
+void TestFileReader::fileThatComesAndGoesIsNeverSpecial()
 {
     const QTemporaryDir dir;
     const QString path = dir.filePath(u"file"_s);

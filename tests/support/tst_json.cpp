@@ -13,17 +13,17 @@ class TestJson : public QObject
 private slots:
     void firstValueIsParsed_data();
     void firstValueIsParsed();
-    void whatIsNoJsonIsRefused_data();
-    void whatIsNoJsonIsRefused();
+    void textThatIsNotJsonIsRefused_data();
+    void textThatIsNotJsonIsRefused();
     void valuesAreWrittenCompactly_data();
     void valuesAreWrittenCompactly();
     void textIsKeptWhole_data();
     void textIsKeptWhole();
-    void byteOrderMarkIsKept();
+    void byteOrderMarkInAStringIsKept();
     void onlyStringsHaveText_data();
     void onlyStringsHaveText();
-    void membersAreFoundInObjectsAlone_data();
-    void membersAreFoundInObjectsAlone();
+    void onlyObjectsHaveMembers_data();
+    void onlyObjectsHaveMembers();
 };
 
 namespace {
@@ -81,7 +81,7 @@ void TestJson::firstValueIsParsed()
     QCOMPARE(writeJson(value), written);
 }
 
-void TestJson::whatIsNoJsonIsRefused_data()
+void TestJson::textThatIsNotJsonIsRefused_data()
 {
     QTest::addColumn<QByteArray>("text");
     QTest::newRow("empty") << QByteArray();
@@ -112,13 +112,13 @@ void TestJson::whatIsNoJsonIsRefused_data()
     QTest::newRow("deep objects") << QByteArray("{\"a\":").repeated(10000);
 }
 
-void TestJson::whatIsNoJsonIsRefused()
+void TestJson::textThatIsNotJsonIsRefused()
 {
     QFETCH(const QByteArray, text);
     Json::Value value("untouched");
     QVERIFY(!parseJson(text, &value));
     QVERIFY(value == Json::Value("untouched"));
-    // Nothing of it is left for the next text of this thread.
+    // The thread's reader keeps nothing of it for the next text.
     QVERIFY(parseJson("[1]", &value));
     QCOMPARE(writeJson(value), "[1]\n"_ba);
 }
@@ -183,7 +183,7 @@ void TestJson::textIsKeptWhole()
     QCOMPARE(stringFromJson(read), text);
 }
 
-void TestJson::byteOrderMarkIsKept()
+void TestJson::byteOrderMarkInAStringIsKept()
 {
     Json::Value value;
     QVERIFY(parseJson("\"\\ufeff2.0\"", &value));
@@ -207,11 +207,11 @@ void TestJson::onlyStringsHaveText()
     QCOMPARE(stringFromJson(value), QString());
 }
 
-void TestJson::membersAreFoundInObjectsAlone_data()
+void TestJson::onlyObjectsHaveMembers_data()
 {
     QTest::addColumn<QByteArray>("text");
     QTest::addColumn<bool>("has");
-    QTest::addColumn<QByteArray>("member"); // that is named "id"
+    QTest::addColumn<QByteArray>("member"); // the one with the name "id"
     QTest::newRow("there") << R"({"id":7,"x":8})"_ba << true << "7\n"_ba;
     QTest::newRow("there and null") << R"({"id":null})"_ba << true << "null\n"_ba;
     QTest::newRow("there and an object") << R"({"id":{"id":1}})"_ba << true << "{\"id\":1}\n"_ba;
@@ -227,7 +227,7 @@ void TestJson::membersAreFoundInObjectsAlone_data()
     QTest::newRow("number") << "1"_ba << false << "null\n"_ba;
 }
 
-void TestJson::membersAreFoundInObjectsAlone()
+void TestJson::onlyObjectsHaveMembers()
 {
     QFETCH(const QByteArray, text);
     QFETCH(const bool, has);

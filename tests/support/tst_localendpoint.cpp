@@ -50,7 +50,7 @@ private slots:
         ::close(server);
     }
 
-    void isPrivateAndRemovesItself()
+    void socketIsPrivateAndGoesWithTheObject()
     {
         {
             LocalEndpoint endpoint;
@@ -59,7 +59,7 @@ private slots:
             const bool isListening = endpoint.listen(path(), &error);
             const mode_t after = ::umask(before);
             QVERIFY(isListening);
-            QCOMPARE(after, mode_t{0}); // as it was
+            QCOMPARE(after, mode_t{0}); // the mask is restored
             struct stat found = {};
             QCOMPARE(::stat(QFile::encodeName(path()).constData(), &found), 0);
             QCOMPARE(found.st_mode & 07777, mode_t{0600});
@@ -67,9 +67,9 @@ private slots:
         QVERIFY(!QFileInfo::exists(path()));
     }
 
-    void replacesDeadSocket()
+    void staleSocketIsReplaced()
     {
-        // A listening socket whose process went without a word: only the name is left.
+        // The stale socket of a killed process: its file exists, but nobody listens.
         QVERIFY(::mknod(QFile::encodeName(path()).constData(), S_IFSOCK | 0600, 0) == 0);
         LocalEndpoint endpoint;
         QString error;
@@ -79,7 +79,7 @@ private slots:
         ::close(client);
     }
 
-    void leavesLiveSocketAlone()
+    void socketInUseIsKept()
     {
         LocalEndpoint first;
         LocalEndpoint second;
@@ -92,7 +92,7 @@ private slots:
         ::close(client);
     }
 
-    void leavesOtherFilesAlone()
+    void otherFilesAreKept()
     {
         QFile file(path());
         QVERIFY(file.open(QIODevice::WriteOnly));
@@ -105,7 +105,7 @@ private slots:
         QCOMPARE(QFileInfo(path()).size(), 4);
     }
 
-    void reportsBadPaths_data()
+    void badPathsAreReported_data()
     {
         QTest::addColumn<QString>("bad");
         QTest::newRow("empty") << QString();
@@ -113,7 +113,7 @@ private slots:
         QTest::newRow("no such directory") << u"/nowhere/socket"_s;
     }
 
-    void reportsBadPaths()
+    void badPathsAreReported()
     {
         QFETCH(QString, bad);
         LocalEndpoint endpoint;

@@ -16,20 +16,20 @@ class TestPathTemplate : public QObject
     Q_OBJECT
 
 private slots:
-    void placeholdersAreReplacedAndAllElseIsCopied_data();
-    void placeholdersAreReplacedAndAllElseIsCopied();
-    void insertedValuesAreNotExpandedThemselves();
-    void unsetUserDisappears();
-    void valuesAreTakenFreshOnEveryCall();
+    void onlyPlaceholdersAreReplaced_data();
+    void onlyPlaceholdersAreReplaced();
+    void insertedValuesAreNotExpanded();
+    void unsetUserBecomesEmpty();
+    void valuesAreReadAtEveryCall();
 
 private:
-    /** Has to exist: Qt gives out no other. */
+    /** Has to exist, because Qt ignores a TMPDIR that does not. */
     [[nodiscard]] QString temporaryPath() const { return QFileInfo(dir.path()).canonicalFilePath(); }
 
     QTemporaryDir dir;
 };
 
-void TestPathTemplate::placeholdersAreReplacedAndAllElseIsCopied_data()
+void TestPathTemplate::onlyPlaceholdersAreReplaced_data()
 {
     QTest::addColumn<QString>("input");
     QTest::addColumn<QString>("output");
@@ -63,7 +63,7 @@ void TestPathTemplate::placeholdersAreReplacedAndAllElseIsCopied_data()
     QTest::newRow("line feed") << u"\n@USER@\n"_s << u"\nanna\n"_s;
 }
 
-void TestPathTemplate::placeholdersAreReplacedAndAllElseIsCopied()
+void TestPathTemplate::onlyPlaceholdersAreReplaced()
 {
     QFETCH(const QString, input);
     QFETCH(const QString, output);
@@ -73,21 +73,21 @@ void TestPathTemplate::placeholdersAreReplacedAndAllElseIsCopied()
     QCOMPARE(expandPathTemplate(input), output);
 }
 
-void TestPathTemplate::insertedValuesAreNotExpandedThemselves()
+void TestPathTemplate::insertedValuesAreNotExpanded()
 {
     const EnvironmentVariable home("HOME", "/home/@USER@");
     const EnvironmentVariable user("USER", "@HOME@");
     QCOMPARE(expandPathTemplate(u"@HOME@:@USER@:@HOME@"_s), u"/home/@USER@:@HOME@:/home/@USER@"_s);
 }
 
-void TestPathTemplate::unsetUserDisappears()
+void TestPathTemplate::unsetUserBecomesEmpty()
 {
     const EnvironmentVariable user("USER");
     QCOMPARE(expandPathTemplate(u"a@USER@b"_s), u"ab"_s);
     QCOMPARE(expandPathTemplate(u"@USER@"_s), QString());
 }
 
-void TestPathTemplate::valuesAreTakenFreshOnEveryCall()
+void TestPathTemplate::valuesAreReadAtEveryCall()
 {
     const EnvironmentVariable first("USER", "anna");
     QCOMPARE(expandPathTemplate(u"@USER@"_s), u"anna"_s);

@@ -16,7 +16,7 @@ class PrivateFileTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void writesPrivateFile()
+    void fileIsPrivateAndWhole()
     {
         const QTemporaryDir directory;
         const QString path = directory.filePath(u"value"_s);
@@ -31,14 +31,14 @@ private slots:
         QCOMPARE(QDir(directory.path()).entryList(QDir::Files | QDir::Hidden), QStringList{u"value"_s});
     }
 
-    void reportsFailure()
+    void failureIsReported()
     {
         QString error;
         QVERIFY(!writePrivateFile(u"/nowhere/value"_s, "12", &error));
         QVERIFY(error.startsWith(u"Failed to open the file \"/nowhere/value\": "_s));
     }
 
-    void leavesNoEmptyFileOnAFullDisk()
+    void fullDiskLeavesNoEmptyFile()
     {
         const QTemporaryDir directory;
         const QString path = directory.filePath(u"value"_s);

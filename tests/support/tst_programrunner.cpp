@@ -21,20 +21,20 @@ class TestProgramRunner : public QObject
 private slots:
     void programThatEndsWithZeroSucceeds_data();
     void programThatEndsWithZeroSucceeds();
-    void failureCarriesTheProgramAndTheReason_data();
-    void failureCarriesTheProgramAndTheReason();
-    void programThatCannotStartCarriesTheProcessErrorText_data();
-    void programThatCannotStartCarriesTheProcessErrorText();
-    void argumentsArePassedAsTheyAre();
+    void failureNamesTheProgramAndTheReason_data();
+    void failureNamesTheProgramAndTheReason();
+    void failedStartNamesTheReasonOfQProcess_data();
+    void failedStartNamesTheReasonOfQProcess();
+    void argumentsArePassedUnchanged();
     void standardInputIsAPipe();
-    void workingDirectoryIsThePrograms();
-    void emptyWorkingDirectoryIsTheCallers();
+    void programRunsInTheWorkingDirectory();
+    void emptyWorkingDirectoryMeansTheCallers();
     void programThatRunsTooLongIsKilledAndReaped();
 };
 
 namespace {
 
-/** For programs that end by themselves: a hanging one must not hang the tests. */
+/** For programs that should end by themselves, so that one that hangs does not block the tests. */
 constexpr int kPatienceMs = 60000;
 
 QStringList script(const QString &text)
@@ -51,7 +51,7 @@ void TestProgramRunner::programThatEndsWithZeroSucceeds_data()
     QTest::newRow("silent") << u"exit 0"_s << kPatienceMs;
     QTest::newRow("no limit") << u"exit 0"_s << -1;
     QTest::newRow("complains") << u"echo bad >&2; exit 0"_s << kPatienceMs;
-    // Four times what a pipe holds.
+    // Four times as much as a pipe can hold.
     QTest::newRow("much output on both") << u"head -c 262144 /dev/zero; head -c 262144 /dev/zero >&2"_s << kPatienceMs;
 }
 
@@ -64,7 +64,7 @@ void TestProgramRunner::programThatEndsWithZeroSucceeds()
     QCOMPARE(error, u"untouched"_s);
 }
 
-void TestProgramRunner::failureCarriesTheProgramAndTheReason_data()
+void TestProgramRunner::failureNamesTheProgramAndTheReason_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("reason");
@@ -82,7 +82,7 @@ void TestProgramRunner::failureCarriesTheProgramAndTheReason_data()
     QTest::newRow("SIGTERM") << u"kill -15 $$"_s << u"The process crashed"_s;
 }
 
-void TestProgramRunner::failureCarriesTheProgramAndTheReason()
+void TestProgramRunner::failureNamesTheProgramAndTheReason()
 {
     QFETCH(const QString, text);
     QFETCH(const QString, reason);
@@ -91,7 +91,7 @@ void TestProgramRunner::failureCarriesTheProgramAndTheReason()
     QCOMPARE(error, QString(u"Failed to run the program \"sh\": "_s + reason));
 }
 
-void TestProgramRunner::programThatCannotStartCarriesTheProcessErrorText_data()
+void TestProgramRunner::failedStartNamesTheReasonOfQProcess_data()
 {
     QTest::addColumn<QString>("program"); // "%1": the test's directory
     QTest::newRow("unknown name") << u"zarvo-no-such-program"_s;
@@ -101,7 +101,7 @@ void TestProgramRunner::programThatCannotStartCarriesTheProcessErrorText_data()
     QTest::newRow("directory") << u"%1"_s;
 }
 
-void TestProgramRunner::programThatCannotStartCarriesTheProcessErrorText()
+void TestProgramRunner::failedStartNamesTheReasonOfQProcess()
 {
     QFETCH(QString, program);
     const QTemporaryDir dir;
@@ -117,7 +117,7 @@ void TestProgramRunner::programThatCannotStartCarriesTheProcessErrorText()
     QVERIFY2(!error.contains(u"timed out"_s), qPrintable(error));
 }
 
-void TestProgramRunner::argumentsArePassedAsTheyAre()
+void TestProgramRunner::argumentsArePassedUnchanged()
 {
     const QTemporaryDir dir;
     const QStringList arguments = {u"a b"_s, u""_s, u"$HOME; exit 1 | *"_s, u"\"quoted\" 'too'"_s, u"--ä€"_s};
@@ -135,7 +135,7 @@ void TestProgramRunner::standardInputIsAPipe()
     QVERIFY2(runProgram(u"sh"_s, script(u"test -p /dev/stdin"_s), QString(), kPatienceMs, &error), qPrintable(error));
 }
 
-void TestProgramRunner::workingDirectoryIsThePrograms()
+void TestProgramRunner::programRunsInTheWorkingDirectory()
 {
     const QTemporaryDir dir;
     const QString before = QDir::currentPath();
@@ -148,7 +148,7 @@ void TestProgramRunner::workingDirectoryIsThePrograms()
     QVERIFY2(error.startsWith(u"Failed to run the program \"sh\": "_s), qPrintable(error));
 }
 
-void TestProgramRunner::emptyWorkingDirectoryIsTheCallers()
+void TestProgramRunner::emptyWorkingDirectoryMeansTheCallers()
 {
     const QTemporaryDir dir;
     const QString out = dir.filePath(u"out"_s);
@@ -162,8 +162,7 @@ void TestProgramRunner::programThatRunsTooLongIsKilledAndReaped()
 {
     const QTemporaryDir dir;
     int pid = 0;
-    // On a busy machine the shell may not have written its number in the time that it has. It takes no notice of
-    // SIGTERM.
+    // The shell ignores SIGTERM. On a busy machine it may be killed before it has written its pid.
     for (int timeMs = 1000; pid == 0 && timeMs < kPatienceMs; timeMs *= 3) {
         QElapsedTimer clock;
         clock.start();
