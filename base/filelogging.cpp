@@ -53,6 +53,6 @@ void FileLogging::write(int level, const QString &text)
 
 bool FileLogging::openForAppending()
 {
-    // Opening a pipe waits for a reader, who may never come, and a full one stops the server in every line.
+    // Opening a pipe blocks until there is a reader, and writing a line blocks while the pipe is full.
     return !isPipe(file->fileName()) && file->open(QIODevice::WriteOnly | QIODevice::Append);
 }

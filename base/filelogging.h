@@ -8,8 +8,8 @@
 class LockedFile;
 
 /**
- * The logger that appends to a file, one flushed line per message, so that a crash loses nothing that was
- * logged. Created on the main thread; every function may be called from any thread.
+ * A logger that appends to a file. Each message is one line and is flushed at once, so that a crash loses none. Created
+ * on the main thread; every function may be called from any thread.
  */
 class FileLogging : public QObject, public Logging
 {
@@ -19,7 +19,7 @@ public:
     explicit FileLogging(QObject *parent = nullptr);
 
     /**
-     * Opens @p path for appending and logs there from now on.
+     * Opens @p path for appending. From then on messages go there.
      * @param error  set only on failure: the file's name and the reason
      */
     [[nodiscard]] bool open(const QString &path, QString *error);
@@ -28,8 +28,8 @@ public:
 
 public slots:
     /**
-     * Closes the file and opens one of the same name, for a rotation that has moved the old one away. When that
-     * fails, lines are lost until the next successful reopen.
+     * Closes the file and opens the path again, after log rotation has moved the old file away. If that fails, lines
+     * are lost until the next successful reopen.
      */
     void reopen();
 

@@ -15,7 +15,7 @@ constexpr std::chrono::milliseconds kIdleTimeout{300000};
 
 struct IdleState
 {
-    QMutex mutex; ///< guards all below; held while a call is queued, so that calls arrive in counting order
+    QMutex mutex; ///< guards all below; held while a call is queued, so that starts and stops arrive in order
     QPointer<QTimer> timer;
     int sessions = 0;
     int connections = 0;

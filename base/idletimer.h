@@ -4,26 +4,25 @@
 class QTimer;
 
 /*
- * The timer that ends a server which nobody needs: it quits the application 300000 ms after the last session
- * and the last client connection are gone. Sessions and connections are counted for the whole process,
- * because they are held by layers that know nothing of each other.
+ * Ends an idle server: the timer quits the application 300000 ms after the last session and the last client connection
+ * are gone. The counters are global, because sessions and connections belong to layers that do not know each other.
  *
- * Holds and releases come from any thread, also from callers that hold a mutex: they count at once and only
- * queue the timer's start or stop to the main thread. The others are called on the main thread.
+ * Holds and releases may come from any thread and while the caller holds a mutex: they count at once, and only queue
+ * the start or stop of the timer to the main thread. All other functions are called on the main thread.
  */
 
-/** Creates the timer and, unless something is held already, starts it. A second call does nothing. */
+/** Creates the timer, and starts it unless something is held already. A second call does nothing. */
 void armIdleTimer();
 
-/** Counts one session more or less in the registry. */
+/** Counts the sessions in the registry. */
 void holdSession();
 void releaseSession();
 
-/** Counts one client connection more or less. */
+/** Counts the client connections. */
 void holdConnection();
 void releaseConnection();
 
-/** For tests: the timer, null before it was armed. */
+/** For tests: the timer; null until armIdleTimer() was called. */
 [[nodiscard]] QTimer *TEST_idleTimer();
 /** For tests: how many sessions and connections are held. */
 [[nodiscard]] int TEST_heldSessions();

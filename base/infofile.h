@@ -5,8 +5,8 @@
 #include <QString>
 
 /**
- * Removes the file at its path when it is destroyed, so that the files which tell others of a running server
- * go with it on every ordinary way out. It does not write the file. Used on the main thread.
+ * Removes a file when it is destroyed. The pid file and the port file tell others that a server runs, so they must go
+ * with it on every ordinary way out. Does not write the file. Used on the main thread.
  */
 class InfoFile : public QObject
 {
@@ -16,7 +16,7 @@ public:
     explicit InfoFile(QObject *parent = nullptr);
     ~InfoFile() override;
 
-    /** The file to remove; an empty path, as at the beginning, removes nothing. */
+    /** The file to remove. With an empty path, the initial one, nothing is removed. */
     void setPath(const QString &newPath);
     [[nodiscard]] QString path() const;
 

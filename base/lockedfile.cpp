@@ -9,7 +9,7 @@ namespace {
 
 void setLock(int descriptor, short type)
 {
-    struct flock region = {}; // from the start to wherever the file ends
+    struct flock region = {}; // zeros: from the start to the end of the file
     region.l_type = type;
     region.l_whence = SEEK_SET;
     while (::fcntl(descriptor, F_SETLKW, &region) == -1 && errno == EINTR) {

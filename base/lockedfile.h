@@ -4,8 +4,8 @@
 #include <QFile>
 
 /**
- * A file with an advisory exclusive lock on the whole of it, for processes that append to the same file and
- * lock it in the same way. One thread at a time may use it.
+ * A file with an advisory exclusive lock, so that several processes can append to it. All of them must take the lock in
+ * the same way. One thread at a time may use it.
  */
 class LockedFile : public QFile
 {
@@ -15,10 +15,10 @@ public:
     using QFile::QFile;
 
     /**
-     * Waits, without a limit, until the lock is ours. Does nothing on a closed file, and goes on without a lock
-     * where the file system offers none: a log line is worth more than its lock.
+     * Waits for the lock, without a timeout. Does nothing if the file is closed. Goes on without a lock if the file
+     * system has none, because losing the log line would be worse.
      */
     void lockForWriting();
-    /** Gives the lock back. Closing the file does so as well. */
+    /** Releases the lock. Closing the file does so as well. */
     void unlock();
 };

@@ -10,7 +10,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Atomic, because threads of Qt may ask for it while it is uninstalled. */
+/** Atomic, because a thread of Qt may read it while the logger is uninstalled. */
 std::atomic<Logging *> installed = nullptr;
 
 } // namespace

@@ -7,22 +7,22 @@
 #include <QString>
 
 /**
- * A destination of log lines with a threshold. One logger is installed for the whole process, because
- * every layer logs and none should have to be handed a logger to do so; it is owned by whoever installed it
- * and outlives everything that logs. All functions but setInstance() may be called from any thread.
+ * A destination for log lines, with a threshold. One logger is installed for the whole process, because every layer
+ * logs and passing a logger to all of them would be a burden. The code that installs it owns it and keeps it until
+ * nothing logs any more. All functions except setInstance() may be called from any thread.
  */
 class Logging
 {
 public:
     Logging() = default;
-    /** The installed logger is uninstalled, because messages of Qt may still come after it. */
+    /** Uninstalls the logger if it is the installed one, because Qt may report something later. */
     virtual ~Logging();
     Q_DISABLE_COPY_MOVE(Logging)
 
-    /** Writes one message. Called by log() with the mutex held, for messages that pass the threshold. */
+    /** Writes one message. log() calls it with the mutex held, only for messages within the threshold. */
     virtual void write(int level, const QString &text) = 0;
 
-    /** Writes @p text when @p level is at most the threshold. Lines of several threads never interleave. */
+    /** Writes @p text if @p level is at most the threshold. Lines from several threads never interleave. */
     void log(int level, const QString &text);
 
     void setLevel(int level);
@@ -30,9 +30,9 @@ public:
 
     /** "Critical" to "Debug3"; empty for any other number. */
     [[nodiscard]] static QString levelName(int level);
-    /** The level of exactly this name; LogInfo for any other text. */
+    /** The level with exactly this name; LogInfo for any other text. */
     [[nodiscard]] static int levelFromName(const QString &name);
-    /** Local date and time, level and text as one line, without its line end. */
+    /** One line with the local date and time, the level and the text; without a line end. */
     [[nodiscard]] static QString formatLine(int level, const QString &text);
 
     /** Installs the process's logger without taking ownership. Called on the main thread, before others log. */
@@ -40,11 +40,11 @@ public:
     [[nodiscard]] static Logging *instance();
 
 protected:
-    mutable QMutex mutex; ///< guards the threshold and whatever a subclass writes to
+    mutable QMutex mutex; ///< guards the threshold and the output of the subclass
 
 private:
     int threshold = LogInfo;
 };
 
-/** Logs through the installed logger. There must be one. Callable from any thread. */
+/** Logs through the installed logger, which must exist. Callable from any thread. */
 void logMessage(int level, const QString &text);

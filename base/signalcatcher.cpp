@@ -89,7 +89,8 @@ bool createSignalPair(int ends[2])
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
         return false;
     }
-    // A handler that blocks would stop the thread that it interrupts; a full pair loses a signal instead.
+    // Non-blocking, because a handler that blocks would stop the thread that it interrupts. If the pair is full, the
+    // signal is lost instead.
     ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
     return true;
 }

@@ -6,12 +6,11 @@
 class QSocketNotifier;
 
 /**
- * Turns POSIX signals into Qt signals on the thread that it lives in. A signal handler may do next to
- * nothing, so ours writes the signal's number into a socket; the catcher reads it from the other end, in the
- * event loop.
+ * Turns POSIX signals into Qt signals on the thread that it lives in. A signal handler may call almost nothing, so ours
+ * only writes the number of the signal into a socket. The catcher reads it from the other end in the event loop.
  *
- * To use it: make a pair with createSignalPair(), set the write end, construct the catcher on the read end,
- * connect, and only then install the handlers. The catcher does not own either descriptor.
+ * To use it, create a pair with createSignalPair(), set the write end, construct the catcher on the read end, connect
+ * its signals, and only then install the handlers. The catcher does not own the descriptors.
  */
 class SignalCatcher : public QObject
 {
@@ -37,18 +36,18 @@ private:
 };
 
 /**
- * Creates the connected pair between handler and catcher, close-on-exec.
+ * Creates the connected sockets between handler and catcher, both close-on-exec.
  *
  * @param ends  set only on success: the write end, then the read end
- * @return false with errno set when the system refuses
+ * @return false with errno set on failure
  */
 [[nodiscard]] bool createSignalPair(int ends[2]);
 
 /**
- * Where the handler writes. Process-wide, for a signal handler cannot be handed anything; set once on the
- * main thread, before any handler is installed.
+ * Sets where the handler writes. This is global, because nothing can be passed to a signal handler. Called once on the
+ * main thread, before a handler is installed.
  */
 void setSignalWriteEnd(int descriptor);
 
-/** Installs the handler for @p number. */
+/** Installs the handler for the signal @p number. */
 void catchSignal(int number);

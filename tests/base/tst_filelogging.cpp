@@ -28,21 +28,21 @@ private slots:
     void messageAboveTheThresholdIsNotWritten();
     void openAppendsToTheFile();
     void failedOpenIsReportedAndLogsNothing();
-    void pipeIsNotWaitedFor();
+    void pipeIsRefusedWithoutWaiting();
     void openChangesTheFile();
     void reopenAfterARenameStartsANewFile();
-    void failedReopenLosesLinesUntilTheNextOne();
+    void failedReopenLosesLinesUntilASuccessfulOne();
     void linesOfSeveralThreadsStayWholeDuringReopens();
     void lineWaitsForTheLockOfAnotherProcess();
-    void lockIsGivenBackAfterEveryLine();
+    void lockIsReleasedAfterEveryLine();
 };
 
 namespace {
 
-/** Long enough for something that must not happen; nothing that has to happen depends on it. */
+/** How long to wait to be sure that something does not happen. No success depends on it. */
 constexpr int kWrongEventMs = 300;
 
-/** The lines of a log without their times; an odd line becomes "?". */
+/** The lines of a log without their times. A line of another form becomes "?". */
 QStringList linesOf(const QString &path)
 {
     static const QRegularExpression form(
@@ -86,7 +86,7 @@ void TestFileLogging::eachMessageIsOneFlushedLine()
     logger.log(LogInfo, text);
     QVERIFY(contentOf(path).endsWith(end));
     const qsizetype size = contentOf(path).size();
-    QVERIFY(size < end.size() + 20); // the time and no more
+    QVERIFY(size < end.size() + 20); // no more than the time
     logger.log(LogInfo, text);
     QCOMPARE(contentOf(path).count(end), 2);
 }
@@ -132,9 +132,9 @@ void TestFileLogging::failedOpenIsReportedAndLogsNothing()
     QCOMPARE(QDir(dir.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
 }
 
-void TestFileLogging::pipeIsNotWaitedFor()
+void TestFileLogging::pipeIsRefusedWithoutWaiting()
 {
-    // Nobody reads from it: opening it would wait for ever, and every thread that has something to log with it.
+    // The pipe has no reader, so opening it would block for ever, and then every thread that logs.
     const QTemporaryDir dir;
     const QString path = dir.filePath(u"log"_s);
     QCOMPARE(::mkfifo(QFile::encodeName(path).constData(), 0600), 0);
@@ -180,12 +180,12 @@ void TestFileLogging::reopenAfterARenameStartsANewFile()
     QCOMPARE(linesOf(moved), (QStringList{u"Info: before"_s, u"Info: between"_s}));
     QCOMPARE(linesOf(path), QStringList{u"Info: after"_s});
 
-    logger.reopen(); // with nothing moved: it goes on in the same file
+    logger.reopen(); // nothing was moved, so it is the same file again
     logger.log(LogInfo, u"again"_s);
     QCOMPARE(linesOf(path), (QStringList{u"Info: after"_s, u"Info: again"_s}));
 }
 
-void TestFileLogging::failedReopenLosesLinesUntilTheNextOne()
+void TestFileLogging::failedReopenLosesLinesUntilASuccessfulOne()
 {
     const QTemporaryDir dir;
     QVERIFY(QDir(dir.path()).mkdir(u"logs"_s));
@@ -196,7 +196,7 @@ void TestFileLogging::failedReopenLosesLinesUntilTheNextOne()
     QVERIFY(logger.open(path, &error));
     logger.log(LogInfo, u"before"_s);
 
-    QVERIFY(QDir().rename(dir.filePath(u"logs"_s), away)); // a read-only directory would not stop root
+    QVERIFY(QDir().rename(dir.filePath(u"logs"_s), away)); // because root could write into a read-only directory
     logger.reopen();
     logger.log(LogInfo, u"lost"_s);
     QCOMPARE(linesOf(away + u"/log"_s), QStringList{u"Info: before"_s});
@@ -224,7 +224,7 @@ void TestFileLogging::linesOfSeveralThreadsStayWholeDuringReopens()
     std::atomic<int> running = kThreads;
     std::vector<std::unique_ptr<QThread>> threads;
     for (int i = 0; i < kThreads; ++i) {
-        const QString text(200 + i, QChar(u'a' + i)); // of another length and letter for each
+        const QString text(200 + i, QChar(u'a' + i)); // each with a length and a letter of its own
         threads.emplace_back(QThread::create([&logger, &running, text] {
             for (int message = 0; message < kMessages; ++message) {
                 logger.log(LogInfo, text);
@@ -271,7 +271,7 @@ void TestFileLogging::lineWaitsForTheLockOfAnotherProcess()
     QVERIFY2(content.endsWith(": Info: ours\n"), content.constData());
 }
 
-void TestFileLogging::lockIsGivenBackAfterEveryLine()
+void TestFileLogging::lockIsReleasedAfterEveryLine()
 {
     const QTemporaryDir dir;
     const QString path = dir.filePath(u"log"_s);

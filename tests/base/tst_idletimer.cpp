@@ -20,15 +20,15 @@ class TestIdleTimer : public QObject
 private slots:
     void init();
     void cleanup();
-    void armedTimerRunsOnceForFiveMinutes();
+    void armedTimerIsSingleShotAndLastsFiveMinutes();
     void secondArmingChangesNothing();
     void armingWhileSomethingIsHeldDoesNotStartTheTimer_data();
     void armingWhileSomethingIsHeldDoesNotStartTheTimer();
     void countingWorksBeforeArming();
     void timerRunsOnlyWhileNothingIsHeld_data();
     void timerRunsOnlyWhileNothingIsHeld();
-    void lastReleaseStartsTheFullTimeAgain();
-    void holdsOfOtherThreadsCountWhileAMutexIsHeld();
+    void lastReleaseRestartsTheFullTime();
+    void otherThreadsCanHoldWhileAMutexIsHeld();
     void timeoutQuitsTheApplication();
     void holdKeepsTheApplicationRunning();
 };
@@ -37,7 +37,7 @@ namespace {
 
 constexpr int kPatienceMs = 30000;
 
-/** Has the timer done what was queued to it: starts and stops are queued before the calls return. */
+/** Lets the timer do what was queued to it. Holds and releases queue its starts and stops before they return. */
 void deliverCalls()
 {
     QCoreApplication::sendPostedEvents();
@@ -86,7 +86,7 @@ void TestIdleTimer::cleanup()
     delete TEST_idleTimer();
 }
 
-void TestIdleTimer::armedTimerRunsOnceForFiveMinutes()
+void TestIdleTimer::armedTimerIsSingleShotAndLastsFiveMinutes()
 {
     armIdleTimer();
     deliverCalls();
@@ -178,11 +178,11 @@ void TestIdleTimer::timerRunsOnlyWhileNothingIsHeld()
     QCOMPARE(TEST_heldConnections(), steps.count(u'C') - steps.count(u'c'));
 }
 
-void TestIdleTimer::lastReleaseStartsTheFullTimeAgain()
+void TestIdleTimer::lastReleaseRestartsTheFullTime()
 {
     armIdleTimer();
     deliverCalls();
-    // More of it has to be gone than timers are rounded by, or what is left would be the full time as well.
+    // Wait for longer than timers are rounded by. Otherwise the remaining time could equal the full one.
     QTRY_VERIFY_WITH_TIMEOUT(TEST_idleTimer()->remainingTime() < 298000, kPatienceMs);
     apply(u"S"_s);
     deliverCalls();
@@ -196,19 +196,19 @@ void TestIdleTimer::lastReleaseStartsTheFullTimeAgain()
     QVERIFY(left + sinceRelease.elapsed() > 299000);
 }
 
-void TestIdleTimer::holdsOfOtherThreadsCountWhileAMutexIsHeld()
+void TestIdleTimer::otherThreadsCanHoldWhileAMutexIsHeld()
 {
     constexpr int kTasks = 8;
     constexpr int kRounds = 200;
     armIdleTimer();
     deliverCalls();
-    QMutex registry; // what a caller of these functions may hold
+    QMutex registry; // a caller may hold one
     QThreadPool pool;
     pool.setMaxThreadCount(4);
     QSemaphore started;
     {
-        // The main thread holds the mutex and does not turn its event loop; a call that waited for either would
-        // never return.
+        // The main thread holds the mutex and does not run its event loop. A call that waited for either would never
+        // return.
         const QMutexLocker locker(&registry);
         for (int task = 0; task < kTasks; ++task) {
             pool.start([&started, task] {
@@ -233,7 +233,7 @@ void TestIdleTimer::holdsOfOtherThreadsCountWhileAMutexIsHeld()
             task % 2 == 0 ? releaseSession() : releaseConnection();
         });
     }
-    for (int round = 0; round < kRounds; ++round) { // the other way round: main waits for a pool thread's mutex
+    for (int round = 0; round < kRounds; ++round) { // now main waits for the mutex of a pool thread
         const QMutexLocker locker(&registry);
         holdSession();
         releaseSession();

@@ -15,15 +15,15 @@ class TestInfoFile : public QObject
     Q_OBJECT
 
 private slots:
-    void fileGoesWithTheObject();
-    void fileThatIsGoneAlreadyIsNoMatter();
+    void fileIsRemovedWithTheObject();
+    void missingFileIsNoError();
     void emptyPathRemovesNothing();
     void onlyTheLastPathIsRemoved();
     void noFileIsWritten();
-    void fileGoesWithTheParent();
+    void fileIsRemovedWithTheParent();
 };
 
-void TestInfoFile::fileGoesWithTheObject()
+void TestInfoFile::fileIsRemovedWithTheObject()
 {
     const QTemporaryDir dir;
     const QString path = dir.filePath(u"pid"_s);
@@ -39,7 +39,7 @@ void TestInfoFile::fileGoesWithTheObject()
     QVERIFY(QFile::exists(dir.filePath(u"other"_s)));
 }
 
-void TestInfoFile::fileThatIsGoneAlreadyIsNoMatter()
+void TestInfoFile::missingFileIsNoError()
 {
     const QTemporaryDir dir;
     putFile(dir.filePath(u"other"_s), "stays");
@@ -85,7 +85,7 @@ void TestInfoFile::noFileIsWritten()
     QVERIFY(!QFile::exists(file.path()));
 }
 
-void TestInfoFile::fileGoesWithTheParent()
+void TestInfoFile::fileIsRemovedWithTheParent()
 {
     const QTemporaryDir dir;
     const QString path = dir.filePath(u"pid"_s);

@@ -25,7 +25,7 @@ private slots:
 
 namespace {
 
-/** Long enough for something that must not happen; nothing that has to happen depends on it. */
+/** How long to wait to be sure that something does not happen. No success depends on it. */
 constexpr int kWrongEventMs = 300;
 
 } // namespace

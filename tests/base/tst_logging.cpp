@@ -22,13 +22,13 @@ class TestLogging : public QObject
 private slots:
     void levelsHaveNamesInBothDirections_data();
     void levelsHaveNamesInBothDirections();
-    void numberOfNoLevelHasNoName_data();
-    void numberOfNoLevelHasNoName();
-    void nameOfNoLevelMeansInfo_data();
-    void nameOfNoLevelMeansInfo();
+    void unknownNumberHasNoName_data();
+    void unknownNumberHasNoName();
+    void unknownNameMeansInfo_data();
+    void unknownNameMeansInfo();
     void lineHasTimeLevelAndText_data();
     void lineHasTimeLevelAndText();
-    void thresholdIsInfoAtFirst();
+    void initialThresholdIsInfo();
     void messagesUpToTheThresholdAreWritten_data();
     void messagesUpToTheThresholdAreWritten();
     void installedLoggerGetsAllMessages();
@@ -38,7 +38,7 @@ private slots:
 
 namespace {
 
-/** Notices when it is called while it is at work. */
+/** Notices a call of write() during another one. */
 class ExclusiveLogger final : public Logging
 {
 public:
@@ -52,7 +52,7 @@ public:
 
     std::atomic<bool> inside = false;
     std::atomic<bool> overlapped = false;
-    int written = 0; ///< not atomic on purpose: the logger's mutex has to do
+    int written = 0; ///< not atomic on purpose, because the logger's mutex has to suffice
 };
 
 QString timeText()
@@ -82,7 +82,7 @@ void TestLogging::levelsHaveNamesInBothDirections()
     QCOMPARE(Logging::levelFromName(name), level);
 }
 
-void TestLogging::numberOfNoLevelHasNoName_data()
+void TestLogging::unknownNumberHasNoName_data()
 {
     QTest::addColumn<int>("level");
     QTest::newRow("one below") << -1;
@@ -92,14 +92,14 @@ void TestLogging::numberOfNoLevelHasNoName_data()
     QTest::newRow("largest") << std::numeric_limits<int>::max();
 }
 
-void TestLogging::numberOfNoLevelHasNoName()
+void TestLogging::unknownNumberHasNoName()
 {
     QFETCH(const int, level);
     QCOMPARE(Logging::levelName(level), QString());
     QVERIFY(Logging::formatLine(level, u"text"_s).endsWith(u": : text"_s));
 }
 
-void TestLogging::nameOfNoLevelMeansInfo_data()
+void TestLogging::unknownNameMeansInfo_data()
 {
     QTest::addColumn<QString>("name");
     for (const char *name : {"", "debug1", "DEBUG3", "critical", "Debug", "Debug0", "Debug4", "Debug10", " Critical",
@@ -109,7 +109,7 @@ void TestLogging::nameOfNoLevelMeansInfo_data()
     QTest::newRow("null") << QString();
 }
 
-void TestLogging::nameOfNoLevelMeansInfo()
+void TestLogging::unknownNameMeansInfo()
 {
     QFETCH(const QString, name);
     QCOMPARE(Logging::levelFromName(name), 2);
@@ -136,14 +136,14 @@ void TestLogging::lineHasTimeLevelAndText()
     QFETCH(const QString, end);
     QString line;
     QString time;
-    do { // once more when the second has changed in between
+    do { // again if the second has changed in between
         time = timeText();
         line = Logging::formatLine(level, text);
     } while (time != timeText());
     QCOMPARE(line, QString(time + end));
 }
 
-void TestLogging::thresholdIsInfoAtFirst()
+void TestLogging::initialThresholdIsInfo()
 {
     const ExclusiveLogger logger;
     QCOMPARE(logger.level(), 2);

@@ -23,15 +23,15 @@ class TestSignalCatcher : public QObject
 private slots:
     void init();
     void cleanup();
-    void numberIsLoggedAndBecomesItsSignals_data();
-    void numberIsLoggedAndBecomesItsSignals();
+    void numberIsLoggedAndEmitsItsSignals_data();
+    void numberIsLoggedAndEmitsItsSignals();
     void numbersArriveOneByOneInOrder();
-    void signalOfTheSystemIsCaught_data();
-    void signalOfTheSystemIsCaught();
+    void realSignalIsCaught_data();
+    void realSignalIsCaught();
     void handlerKeepsErrno();
     void fullPairLosesSignalsInsteadOfBlocking();
     void pairIsConnectedAndNotInherited();
-    void catcherLeavesThePairOpen();
+    void catcherDoesNotCloseThePair();
 
 private:
     void send(qint32 number) const { QCOMPARE(::write(ends[0], &number, sizeof number), ssize_t(sizeof number)); }
@@ -39,14 +39,14 @@ private:
     std::array<int, 2> ends{};
     std::unique_ptr<CollectingLogger> logger;
     std::unique_ptr<SignalCatcher> catcher;
-    QStringList events; ///< log lines and signals in their order
+    QStringList events; ///< log lines and signals in the order in which they came
 };
 
 namespace {
 
 constexpr int kPatienceMs = 30000;
 
-/** Puts a signal's old action back. */
+/** Restores the old action of a signal. */
 class KeptAction final
 {
 public:
@@ -90,7 +90,7 @@ void TestSignalCatcher::cleanup()
     }
 }
 
-void TestSignalCatcher::numberIsLoggedAndBecomesItsSignals_data()
+void TestSignalCatcher::numberIsLoggedAndEmitsItsSignals_data()
 {
     QTest::addColumn<int>("number");
     QTest::addColumn<QStringList>("expected");
@@ -109,7 +109,7 @@ void TestSignalCatcher::numberIsLoggedAndBecomesItsSignals_data()
     }
 }
 
-void TestSignalCatcher::numberIsLoggedAndBecomesItsSignals()
+void TestSignalCatcher::numberIsLoggedAndEmitsItsSignals()
 {
     QFETCH(const int, number);
     send(number);
@@ -132,7 +132,7 @@ void TestSignalCatcher::numbersArriveOneByOneInOrder()
                           u"gotTERM"_s, u"gotSig 15"_s}));
 }
 
-void TestSignalCatcher::signalOfTheSystemIsCaught_data()
+void TestSignalCatcher::realSignalIsCaught_data()
 {
     QTest::addColumn<int>("number");
     QTest::addColumn<QStringList>("expected");
@@ -143,14 +143,14 @@ void TestSignalCatcher::signalOfTheSystemIsCaught_data()
     QTest::newRow("TERM") << SIGTERM << QStringList{u"Debug1: Got signal 'TERM'"_s, u"gotTERM"_s, u"gotSig 15"_s};
 }
 
-void TestSignalCatcher::signalOfTheSystemIsCaught()
+void TestSignalCatcher::realSignalIsCaught()
 {
     QFETCH(const int, number);
     const KeptAction kept(number);
     setSignalWriteEnd(ends[0]);
     catchSignal(number);
     QCOMPARE(::raise(number), 0);
-    QCOMPARE(events, QStringList()); // the handler itself does nothing but write
+    QCOMPARE(events, QStringList()); // the handler itself only writes
     QSignalSpy spy(catcher.get(), &SignalCatcher::gotSig);
     QVERIFY(spy.wait(kPatienceMs));
     QTEST(events, "expected");
@@ -177,7 +177,7 @@ void TestSignalCatcher::fullPairLosesSignalsInsteadOfBlocking()
     QCOMPARE(errno, EAGAIN);
     setSignalWriteEnd(ends[0]);
     catchSignal(SIGUSR1);
-    ::raise(SIGUSR1); // a handler that blocks would stay here
+    ::raise(SIGUSR1); // a handler that blocks would not return
     QSignalSpy spy(catcher.get(), &SignalCatcher::gotSig);
     QSignalSpy usr1Spy(catcher.get(), &SignalCatcher::gotUSR1);
     QTRY_COMPARE_WITH_TIMEOUT(spy.size(), sent, kPatienceMs);
@@ -196,7 +196,7 @@ void TestSignalCatcher::pairIsConnectedAndNotInherited()
     QCOMPARE(byte, 'x');
 }
 
-void TestSignalCatcher::catcherLeavesThePairOpen()
+void TestSignalCatcher::catcherDoesNotCloseThePair()
 {
     catcher.reset();
     for (const int end : ends) {
