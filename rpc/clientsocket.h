@@ -4,9 +4,9 @@
 #include <QSslSocket>
 
 /**
- * The server's end of a client connection. A TLS socket takes data to send before its handshake has ended, and
- * delivers what arrives right behind it; until the client was let in, neither may happen. Lives on the main
- * thread.
+ * The server's end of a client connection. It knows whether the client is admitted, because a TLS socket accepts data
+ * to send before the handshake has ended, and delivers data that arrives right after it. Neither may happen until the
+ * client's certificate has been compared. Lives on the main thread.
  */
 class ClientSocket final : public QSslSocket
 {
@@ -15,10 +15,10 @@ class ClientSocket final : public QSslSocket
 public:
     using QSslSocket::QSslSocket;
 
-    /** Lets the client in: its certificate has been compared. */
-    void admit() { letIn = true; }
-    [[nodiscard]] bool isAdmitted() const { return letIn; }
+    /** Called once the client has shown the right certificate. */
+    void admit() { admitted = true; }
+    [[nodiscard]] bool isAdmitted() const { return admitted; }
 
 private:
-    bool letIn = false;
+    bool admitted = false;
 };

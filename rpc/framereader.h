@@ -4,8 +4,8 @@
 #include <QByteArray>
 
 /**
- * Takes the frames that a server sends off a stream. A server sends longer frames than it accepts, so the limit here is
- * higher than that of decodeNetString(), and the length must be digits alone. A plain object for one thread.
+ * Splits the stream of a server into frames. A server sends longer frames than it accepts, so the limit here is higher
+ * than that of decodeNetString(), and the length must consist of digits only. Used on one thread.
  */
 class FrameReader
 {

@@ -20,8 +20,8 @@ namespace {
 const QString kDescribe = u"system.describe"_s;
 
 /**
- * How many answer bytes may wait for a peer before it counts as one that does not read. As much as the
- * responder lets a socket buffer of what it receives.
+ * With more unsent bytes than this a peer counts as lagging. The responder lets a socket buffer as much of what it
+ * receives.
  */
 constexpr qint64 kMaxUnsentBytes = 1024 * 1024;
 
@@ -31,7 +31,7 @@ qint64 unsentBytes(const QIODevice &device)
     return device.bytesToWrite() + (socket ? socket->encryptedBytesToWrite() : 0);
 }
 
-/** Whether the peer may be spoken to: it is there, and it was let in where that is asked for. */
+/** Whether the device is open and the peer, if it needs admission, is admitted. */
 bool isServing(const QIODevice &device)
 {
     const auto *socket = qobject_cast<const ClientSocket *>(&device);
@@ -51,7 +51,7 @@ Json::Value makeResponse(const Json::Value &id)
     return response;
 }
 
-/** Whether an answer can carry this "id"; null is refused, for it is what errors without an id carry. */
+/** Whether a request may have this "id". Null is refused, because errors without a known id carry it. */
 bool isUsableId(const Json::Value &id)
 {
     return !id.isNull() && !id.isObject() && !id.isArray();
@@ -97,7 +97,7 @@ QByteArray Handler::processMessage(const QByteArray &payload)
     if (!parseJson(payload, &root)) {
         response = makeErrorResponse(rpcError(RpcParseError, "Parse error."), Json::nullValue);
     } else if (root.isNull() || root.isArray()) {
-        response = processBatch(root); // a bare null is an empty batch
+        response = processBatch(root); // null is an empty batch
     } else {
         response = handleRequest(root);
     }
@@ -131,7 +131,7 @@ void Handler::writeToDevice(QByteArray msg)
         pendingUpdate = msg;
         return;
     }
-    pendingUpdate.clear(); // what waited for the peer is older than this
+    pendingUpdate.clear(); // it is older than this one
     device->write(msg);
 }
 
@@ -151,10 +151,10 @@ void Handler::Device_readyRead()
     QByteArray payload;
     QString error;
     int outcome = decodeNetString(buffer, payload, error);
-    // Only what is needed for one more frame is taken from the device; the rest waits there, where it is bounded. What
-    // is too long for a length without its colon may be one with it.
+    // Read from the device only if the buffer holds no whole frame: what waits in the device is bounded. Decode again
+    // after reading, even after an error, because the missing colon may just have arrived.
     if (outcome != 0 && device->bytesAvailable() > 0) {
-        buffer += device->read(device->bytesAvailable()); // readAll() would set aside 32 kB
+        buffer += device->read(device->bytesAvailable()); // readAll() would allocate 32 kB
         outcome = decodeNetString(buffer, payload, error);
     }
     if (outcome == 0) {
@@ -182,7 +182,7 @@ void Handler::Watcher_finished()
 void Handler::Device_bytesWritten()
 {
     if (isHeldUp) {
-        // Later: a TLS socket tells this in the middle of its work, where closing it would take that away from it.
+        // Queued, because a TLS socket emits this in the middle of its work and must not be closed there.
         QMetaObject::invokeMethod(this, &Handler::goOnAfterLag, Qt::QueuedConnection);
     }
 }
@@ -214,7 +214,7 @@ void Handler::startRequest(const QByteArray &payload)
 
 Json::Value Handler::processBatch(const Json::Value &requests)
 {
-    Json::Value responses; // stays null, and unsent, until the first answer
+    Json::Value responses; // null, so that nothing is sent, until there is an answer
     for (const Json::Value &request : requests) {
         Json::Value response = handleRequest(request);
         if (!response.isNull()) {

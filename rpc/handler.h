@@ -12,12 +12,12 @@
 class QIODevice;
 
 /**
- * Serves JSON-RPC 2.0 on one byte stream: takes NetString frames from it, runs one request at a time on the
- * global thread pool and writes the answers in the order of the requests. It is itself the method
- * "system.describe", and while it lives it holds the server's idle timer.
+ * Serves JSON-RPC 2.0 on one byte stream: reads NetString frames, runs one request at a time on the global thread pool
+ * and writes the answers in the order of the requests. It is also the method "system.describe", and holds the server's
+ * idle timer while it exists.
  *
- * Lives on the main thread, which does all reading and writing. What the peer can make it keep is bounded: a
- * request is taken up only when its predecessor is answered and the peer reads its answers.
+ * Lives on the main thread, which does all reading and writing. Its memory is bounded, whatever the peer does: it takes
+ * the next request only when the last one is answered and the peer reads its answers.
  */
 class Handler : public QObject, public RpcMethod
 {
@@ -26,13 +26,16 @@ class Handler : public QObject, public RpcMethod
 public:
     /**
      * @param device   the open stream; must outlive the handler, or be its parent
-     * @param methods  by exact name; the handler takes ownership of the objects
+     * @param methods  by exact name; the handler takes ownership of them
      */
     Handler(QIODevice *device, const QMap<QString, RpcMethod *> &methods, QObject *parent);
     /** Waits for a request that is still running. */
     ~Handler() override;
 
-    /** The payload of one frame in, the framed answer out; empty when none is due. Runs on a pool thread. */
+    /**
+     * Handles the payload of one frame. Runs on a pool thread.
+     * @return the answer as a frame; empty if there is none to send
+     */
     [[nodiscard]] QByteArray processMessage(const QByteArray &payload);
 
     bool execute(const Json::Value &params, Json::Value &result) override;
@@ -40,14 +43,14 @@ public:
 
 public slots:
     /**
-     * Pushes one whole frame to the peer. To a peer that lags behind only the newest frame is sent, once it has
-     * caught up: every frame tells the whole state, so an older one is of no use any more.
+     * Pushes one whole frame to the peer. A lagging peer gets only the newest frame, once it has caught up: each frame
+     * contains the whole state, so the older ones are useless.
      */
     void writeToDevice(QByteArray msg);
 
     /**
-     * The peer is gone: deletes the device, and the handler with it, as soon as no request runs any more. A request
-     * may take half a minute, for which the destructor would hold up every other connection.
+     * Called when the peer is gone. Deletes the device, and so the handler, once no request runs any more. A request
+     * may take half a minute, and waiting for it in the destructor would block all other connections.
      */
     void retire();
 
@@ -57,7 +60,7 @@ private slots:
     void Device_bytesWritten();
 
 private:
-    /** Whether the peer has too much to read; if so, goOnAfterLag() follows once it has not. */
+    /** Whether the peer has too many unread answers. If so, goOnAfterLag() is called once it has caught up. */
     [[nodiscard]] bool peerLags();
     void goOnAfterLag();
     void startRequest(const QByteArray &payload);
@@ -66,12 +69,12 @@ private:
     [[nodiscard]] static Json::Value makeErrorResponse(const Json::Value &error, const Json::Value &id);
 
     QIODevice *device;
-    QByteArray buffer;             ///< received and not yet taken as a frame
-    QFutureWatcher<void> *watcher; ///< of the request; a future with a result would wake the main thread twice
-    QByteArray answer;             ///< the request's; written by its thread while it runs
-    bool retired = false;          ///< nothing is taken up any more
-    bool busy = false;             ///< from the start of a request until its answer is written; the future ends earlier
-    bool isHeldUp = false;         ///< the peer lagged when it was looked at; goOnAfterLag() is due once it does not
-    QMap<QString, RpcMethod *> methods; ///< only read once the first request has started
-    QByteArray pendingUpdate;           ///< the newest frame that a lagging peer has still to get
+    QByteArray buffer;                  ///< received, but no frame taken from it yet
+    QFutureWatcher<void> *watcher;      ///< without a result, because one would wake the main thread twice
+    QByteArray answer;                  ///< to the running request; its thread writes this
+    bool retired = false;               ///< no further request is taken
+    bool busy = false;                  ///< a request runs or its answer is not written yet
+    bool isHeldUp = false;              ///< goOnAfterLag() has to be called once the peer has caught up
+    QMap<QString, RpcMethod *> methods; ///< not changed once the first request has started
+    QByteArray pendingUpdate;           ///< the newest frame, held back from a lagging peer
 };

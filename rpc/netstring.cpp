@@ -9,17 +9,16 @@ constexpr int kDecoded = 0;
 constexpr int kIncomplete = 1;
 constexpr int kInvalid = -1;
 
-/** How long a buffer without a colon may be: the digits of kMaxFrameBytes. */
+/** The digits of kMaxFrameBytes. A longer buffer without a colon is invalid. */
 constexpr qsizetype kMaxLengthDigits = 5;
 
-/** The length that the prefix gives; false for a sign, anything behind the digits, no digits, or too long a frame. */
+/** Reads the length before the colon. False for a sign, for anything after the digits, and above the limit. */
 bool parseLength(const QByteArray &prefix, qsizetype *length)
 {
     const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
     bool isNumber = false;
     const unsigned long value = prefix.toULong(&isNumber, 10);
-    // The conversion itself takes a sign, and blanks and NUL characters behind the digits. Blanks before them may
-    // stand.
+    // toULong() accepts a sign, and blanks and NUL characters after the digits. Blanks before them are allowed.
     const bool endsInDigit = !prefix.isEmpty() && isDigit(prefix.back()) && !prefix.contains('\0');
     if (!isNumber || !endsInDigit || prefix.contains('+') || prefix.contains('-') || value > kMaxFrameBytes) {
         return false;

@@ -9,18 +9,18 @@
  * callable from any thread.
  */
 
-/** The longest payload in bytes that the decoder takes. The encoder has no limit. */
+/** The longest payload in bytes that the decoder accepts. The encoder has no limit. */
 inline constexpr qsizetype kMaxFrameBytes = 65536;
 
 [[nodiscard]] QByteArray encodeNetString(const QByteArray &payload);
 
 /**
- * Takes one frame off the front of @p buffer.
+ * Removes one frame from the front of @p buffer.
  *
  * @param buffer   loses the frame on success, otherwise unchanged
  * @param payload  set only on success
- * @param error    set only when the front of the buffer is no frame: there is no way to go on from there
- * @return 0 on success, 1 when more bytes are needed, -1 when the front of the buffer is no frame
+ * @param error    set only when the result is -1
+ * @return 0 on success, 1 when more bytes are needed, -1 when there is no valid frame and the stream is broken for good
  */
 [[nodiscard]] int decodeNetString(QByteArray &buffer, QByteArray &payload, QString &error);
 
@@ -31,7 +31,7 @@ enum class NetStringTaking {
 };
 
 /**
- * The second half of decoding, once the length has been read: takes a frame off the front of @p buffer.
+ * The second half of decoding, once the length is known: removes a frame from the front of @p buffer.
  *
  * @param colon    where the colon stands in @p buffer
  * @param length   of the payload, in bytes

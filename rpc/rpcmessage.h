@@ -8,8 +8,8 @@
 #include <optional>
 
 /*
- * The JSON-RPC messages that a client of the service sends and gets: zarvoctl, and a server that asks another one.
- * How strictly an answer is checked is the client's decision. All functions are callable from any thread.
+ * The JSON-RPC messages of the service's clients, which are zarvoctl and a server that asks another one. Each client
+ * decides how strictly it checks an answer. All functions are callable from any thread.
  */
 
 /** A request without parameters. */
@@ -18,16 +18,16 @@
 /** Whether @p message says that it is JSON-RPC 2.0. */
 [[nodiscard]] bool isRpcMessage(const Json::Value &message);
 
-/** Whether @p message is about changed sessions: a server sends those to all its clients, without being asked. */
+/** Whether @p message is the notification about changed sessions, which a server pushes to all its clients. */
 [[nodiscard]] bool isSessionsUpdate(const Json::Value &message);
 
 /** The "error" of an answer. */
 struct RpcAnswerError
 {
-    std::optional<int> code;        ///< none when it is no integer, or too large
-    bool hasIntegerCode = false;    ///< whether the code is an integer of any size, written without a fraction
-    std::optional<QString> message; ///< none when it is no string
+    std::optional<int> code;        ///< none if it is not a number without a fraction, or too large
+    bool hasIntegerCode = false;    ///< whether the code is an integer of any size, written without a point
+    std::optional<QString> message; ///< none if it is not a string
 };
 
-/** The error in @p answer; none when it has no such member. Everything in the error may be missing. */
+/** The error in @p answer; none if it has no such member. Each part of the error may be missing. */
 [[nodiscard]] std::optional<RpcAnswerError> errorOfAnswer(const Json::Value &answer);

@@ -4,8 +4,8 @@
 #include <json/value.h>
 
 /**
- * One method of the JSON-RPC service. A handler owns its methods and runs them on pool threads, those of
- * different connections at the same time.
+ * One method of the JSON-RPC service. Each handler owns method objects of its own and runs them on pool threads, so the
+ * methods of different connections run at the same time.
  */
 class RpcMethod
 {
@@ -16,12 +16,12 @@ public:
     RpcMethod &operator=(const RpcMethod &) = delete;
 
     /**
-     * Does what the method is for. May block; called on a pool thread.
+     * Runs the method. May block; called on a pool thread.
      *
-     * @param params  the request's "params" of whatever type, null when it has none
-     * @param result  null on entry; the answer on success, else an object with an integer "code" and a string
-     *                "message"
-     * @return whether @p result is the answer
+     * @param params  the request's "params" of any type, null if there are none
+     * @param result  null on entry; set to the result on success, and to an object with an integer "code" and a string
+     *                "message" on failure
+     * @return true on success
      */
     virtual bool execute(const Json::Value &params, Json::Value &result) = 0;
 

@@ -23,12 +23,12 @@ namespace {
 constexpr auto kAcceptPause = 1s;
 
 /**
- * Descriptors that strangers who just connect do not get. The system gives the lowest free number, so a high one says
- * that there are few left; what the requests of those who are let in need would abort the process without.
+ * Descriptors that connecting clients never get, because the requests of admitted clients need some and the process
+ * aborts without them. The system assigns the lowest free number, so a high number means that few are left.
  */
 constexpr qintptr kReservedDescriptors = 64;
 
-/** The first descriptor that is too high for a client. Where there are few, half of them are for clients. */
+/** The lowest descriptor that no client gets. If the limit is low, clients get half of all descriptors. */
 qintptr firstReservedDescriptor()
 {
     rlimit limit = {};
@@ -41,7 +41,7 @@ qintptr firstReservedDescriptor()
 SslServer::SslServer(QObject *parent)
     : QTcpServer(parent)
 {
-    // Out of descriptors, Qt stops accepting for good; clients that go make room again.
+    // Qt stops accepting for good when there is no descriptor left. Resume, because leaving clients free some.
     connect(this, &QTcpServer::acceptError, this,
             [this] { QTimer::singleShot(kAcceptPause, this, &QTcpServer::resumeAccepting); });
 }
@@ -74,8 +74,8 @@ void SslServer::incomingConnection(qintptr socketDescriptor)
     }
     auto *socket = new ClientSocket(this);
     connect(socket, &ClientSocket::encrypted, this, &SslServer::socketEncrypted);
-    // Qt neither goes on nor hangs up after what is no TLS, and the client would wait for ever. Queued, because Qt
-    // tells it in the middle of its work.
+    // If the client does not speak TLS, Qt neither continues nor closes the connection, and the client would wait for
+    // ever. Queued, because Qt reports this in the middle of its work.
     connect(
         socket, &ClientSocket::errorOccurred, socket,
         [socket](QAbstractSocket::SocketError error) {
@@ -90,24 +90,24 @@ void SslServer::incomingConnection(qintptr socketDescriptor)
         return;
     }
 
-    // An answer is one piece; waiting for more to send with it would only delay it.
+    // Send at once: an answer is written as one piece, so there is nothing to collect.
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
 
     QSslConfiguration configuration = socket->sslConfiguration();
     configuration.setPrivateKey(privateKey);
     configuration.setLocalCertificateChain(QList{localCertificate} + extraCertificates);
     configuration.setPeerVerifyMode(QSslSocket::VerifyPeer);
-    // No authority is trusted, so none is named in the request: a client that is shown names which do not fit its
-    // certificate may hold the certificate back.
+    // Name no authority in the certificate request: some clients hold back a certificate that none of the named
+    // authorities has signed.
     configuration.setCaCertificates({});
-    // Every connection has keys of its own for them, so a ticket could never be used; making two takes a tenth of the
+    // Tickets are useless, because each connection encrypts them with a key of its own. Making two takes a tenth of the
     // whole handshake.
     configuration.setSslOption(QSsl::SslOptionDisableSessionTickets, true);
     socket->setSslConfiguration(configuration);
     socket->ignoreSslErrors();
     socket->startServerEncryption();
     if (socket->error() != QAbstractSocket::UnknownSocketError) {
-        // Not the client's fault, and without this it would wait for ever. Qt has no word about the reason.
+        // Close at once, or the client would wait for ever. Qt does not report the reason.
         logMessage(LogWarning, u"Failed to start TLS: the certificate and the private key may not belong together"_s);
         delete socket;
         return;
@@ -127,7 +127,7 @@ void SslServer::socketEncrypted()
     }
     logMessage(LogWarning, u"A unverified client attempted to connect from \"%1\" port \"%2\""_s.arg(
                                socket->peerName(), QString::number(socket->peerPort())));
-    // Queued, so that the last part of the handshake gets out first and the client does not take it for a broken one.
+    // Queued, so that the end of the handshake is sent first. Otherwise the client would see a failed handshake.
     QMetaObject::invokeMethod(
         socket, [socket] { socket->close(); }, Qt::QueuedConnection);
 }

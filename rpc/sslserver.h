@@ -7,9 +7,8 @@
 #include <QTcpServer>
 
 /**
- * Accepts TLS connections and lets only those clients stay that present the server's own certificate. The
- * handshake completes for everybody; the comparison that follows it, before any request is read, is the
- * whole admission. Lives on the main thread.
+ * Accepts TLS connections and admits only clients that present the server's own certificate. The handshake succeeds for
+ * everybody. Admission is the comparison of certificates after it, before a request is read. Lives on the main thread.
  */
 class SslServer : public QTcpServer
 {
@@ -33,5 +32,5 @@ private:
     QSslKey privateKey;
     QSslCertificate localCertificate;
     QList<QSslCertificate> extraCertificates;
-    bool isFull = false; ///< the last connection found no descriptor left for it
+    bool isFull = false; ///< there was no descriptor for the last connection; logged once until there is one again
 };

@@ -10,8 +10,8 @@
 #include <memory>
 
 /**
- * A stream whose other end the test holds: it feeds what the peer sends and sees what the peer gets. It can be
- * stalled, and then keeps what is written as a socket does whose peer does not read. Used on the main thread.
+ * A stream whose peer is the test. A stalled device keeps what is written, like a socket whose peer does not read. Used
+ * on the main thread.
  */
 class FakeDevice final : public QIODevice
 {
@@ -26,7 +26,7 @@ public:
     }
     /** The peer stops reading. */
     void stall() { stalled = true; }
-    /** The peer reads everything, and all that follows. */
+    /** The peer reads everything that waits, and reads on. */
     void resume()
     {
         stalled = false;
@@ -35,21 +35,21 @@ public:
         waiting.clear();
         emit bytesWritten(size);
     }
-    /** The peer reads what is waiting and stalls again. */
+    /** The peer reads everything that waits, and stalls again. */
     void drainOnce()
     {
         resume();
         stalled = true;
     }
 
-    /** What the peer has got, one element for each write. */
+    /** What the peer has received, one element per write. */
     [[nodiscard]] const QByteArrayList &writes() const { return *received; }
-    /** The same, for a test that wants to look when the device is gone. */
+    /** The same; stays readable when the device is gone. */
     [[nodiscard]] std::shared_ptr<const QByteArrayList> history() const { return received; }
     [[nodiscard]] QByteArray output() const { return received->join(); }
-    /** What a stalled peer has still to get. */
+    /** What waits for a stalled peer. */
     [[nodiscard]] const QByteArrayList &unsent() const { return waiting; }
-    /** What the peer has sent and nobody has read. */
+    /** How many bytes from the peer have not been read. */
     [[nodiscard]] qsizetype unread() const { return incoming.size(); }
 
     [[nodiscard]] bool isSequential() const override { return true; }

@@ -10,20 +10,20 @@
 
 #include <atomic>
 
-/** What the test sees of its methods, and how it holds them up. Every function is callable from any thread. */
+/** Lets a test observe its methods and hold up "block". Used from any thread. */
 struct MethodControl
 {
-    std::atomic<int> calls = 0;    ///< of all methods
-    std::atomic<int> running = 0;  ///< at this moment
-    std::atomic<int> together = 0; ///< most that ever ran at the same time
+    std::atomic<int> calls = 0;    ///< of all methods together
+    std::atomic<int> running = 0;  ///< calls at this moment
+    std::atomic<int> together = 0; ///< the most calls that ran at the same time
     std::atomic<int> finished = 0;
     std::atomic<int> deleted = 0;
     std::atomic<int> deletedWhileRunning = 0;
     std::atomic<bool> onMainThread = false;
-    QSemaphore go; ///< one for each call of "block"
+    QSemaphore go; ///< each call of "block" takes one
 };
 
-/** A method of the tests: counts its calls and leaves the rest to its heirs. */
+/** Counts the calls of a method. The subclasses answer. */
 class FakeMethod : public RpcMethod
 {
 public:
@@ -70,7 +70,7 @@ private:
     QThread *mainThread = QThread::currentThread();
 };
 
-/** Answers its parameters. */
+/** Returns its parameters. */
 class EchoMethod final : public FakeMethod
 {
     using FakeMethod::FakeMethod;
@@ -81,7 +81,7 @@ class EchoMethod final : public FakeMethod
     }
 };
 
-/** Fails with an error that tells whether its result was null on entry. */
+/** Fails with an error that says whether its result was null on entry. */
 class FailMethod final : public FakeMethod
 {
     using FakeMethod::FakeMethod;
@@ -99,7 +99,7 @@ class SilentMethod final : public FakeMethod
     bool answer(const Json::Value &, Json::Value &) override { return true; }
 };
 
-/** Answers its parameters once the test lets it. */
+/** Returns its parameters once the test releases it. */
 class BlockMethod final : public FakeMethod
 {
     using FakeMethod::FakeMethod;
@@ -111,7 +111,7 @@ class BlockMethod final : public FakeMethod
     }
 };
 
-/** How many methods fakeMethods() makes. */
+/** The number of methods in fakeMethods(). */
 inline constexpr int kFakeMethods = 4;
 
 /** "echo", "fail", "silent" and "block", for a handler to own. */

@@ -45,7 +45,7 @@ void deliverEvents()
 
 void HandlerTest::initTestCase()
 {
-    // As in the server: with one processor the pool would run one request at a time.
+    // As in the server. On a machine with one processor the pool would run only one request at a time.
     QThreadPool::globalInstance()->setMaxThreadCount(4);
 }
 
@@ -59,7 +59,7 @@ void HandlerTest::init()
 
 void HandlerTest::cleanup()
 {
-    control->go.release(1000); // a failed test may have left a request behind
+    control->go.release(1000); // because a failed test may have left a request running
     handler.reset();
     device.reset();
     control.reset();

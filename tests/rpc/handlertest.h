@@ -11,14 +11,14 @@
 
 #include <memory>
 
-/** How long a test waits for what a pool thread does. */
+/** How long a test waits for a pool thread. */
 inline constexpr int kPatienceMs = 30000;
 
 extern const QByteArray kParseError;
 extern const QByteArray kInvalid;
 
 /*
- * The texts of answers, and messages as they go over the wire.
+ * Answers as JSON, and frames as they are sent.
  */
 [[nodiscard]] QByteArray notFound(const QByteArray &id);
 [[nodiscard]] QByteArray success(const QByteArray &id, const QByteArray &result);
@@ -30,7 +30,7 @@ extern const QByteArray kInvalid;
 /** Delivers queued calls and deferred deletions. */
 void deliverEvents();
 
-/** Has a handler with the fake methods on a fake device, new for each test. */
+/** The base of the handler's tests: each test gets a new handler with the fake methods on a fake device. */
 class HandlerTest : public QObject
 {
     Q_OBJECT
@@ -41,7 +41,7 @@ private slots:
     void cleanup();
 
 protected:
-    /** Has the handler answer all requests that came before, and this one. */
+    /** Sends a request and waits for its answer, which comes after the answers to all earlier requests. */
     void waitForEcho(const QByteArray &id);
 
     std::unique_ptr<CollectingLogger> logger;

@@ -11,7 +11,7 @@ class TestFrameReader : public QObject
     Q_OBJECT
 
 private slots:
-    void everySplit()
+    void framesAreSplitWhereverTheStreamIsCut()
     {
         const QByteArray stream = "5:hello,0:,12:twelve bytes,";
         for (qsizetype split = 0; split <= stream.size(); ++split) {
@@ -29,7 +29,7 @@ private slots:
         }
     }
 
-    void longerThanTheServerTakes()
+    void frameMayBeLongerThanAServerAccepts()
     {
         const QByteArray text(200000, 'x');
         FrameReader reader;
@@ -39,7 +39,7 @@ private slots:
         QCOMPARE(payload, text);
     }
 
-    void invalid_data()
+    void brokenStreamIsRefused_data()
     {
         QTest::addColumn<QByteArray>("stream");
         QTest::newRow("no length") << QByteArray(":");
@@ -50,7 +50,7 @@ private slots:
         QTest::newRow("too many digits") << QByteArray("123456789");
         QTest::newRow("no comma") << QByteArray("1:ab");
     }
-    void invalid()
+    void brokenStreamIsRefused()
     {
         QFETCH(QByteArray, stream);
         FrameReader reader;
@@ -60,7 +60,7 @@ private slots:
         QCOMPARE(payload, QByteArray("untouched"));
     }
 
-    void atTheLimit()
+    void payloadOfTheLimitIsAccepted()
     {
         FrameReader reader;
         reader.append(QByteArray::number(FrameReader::kMaxPayloadBytes) + ':');

@@ -24,9 +24,9 @@ private slots:
 void TestHandler::payloadIsAnsweredToTheByte_data()
 {
     QTest::addColumn<QByteArray>("payload");
-    QTest::addColumn<QByteArray>("answer"); // null: none at all
+    QTest::addColumn<QByteArray>("answer"); // null: no answer
 
-    // What is no JSON.
+    // Not JSON.
     QTest::newRow("open object") << "{"_ba << kParseError;
     QTest::newRow("empty payload") << QByteArray("") << kParseError;
     QTest::newRow("blank payload") << " "_ba << kParseError;
@@ -43,7 +43,7 @@ void TestHandler::payloadIsAnsweredToTheByte_data()
                                      << kParseError;
     QTest::newRow("half a request") << R"({"jsonrpc":"2.0","method":"echo","id":1)"_ba << kParseError;
 
-    // What is no request.
+    // JSON, but not a request.
     for (const char *payload : {"1", "\"echo\"", "true", "1.5", "{}"}) {
         QTest::addRow("%s", payload) << QByteArray(payload) << kInvalid;
     }
@@ -65,7 +65,7 @@ void TestHandler::payloadIsAnsweredToTheByte_data()
     QTest::newRow("method number, no id") << R"({"jsonrpc":"2.0","method":1})"_ba << kInvalid;
     QTest::newRow("members in other case") << R"({"JSONRPC":"2.0","Method":"echo","ID":1})"_ba << kInvalid;
 
-    // What names no method.
+    // Requests for unknown methods.
     QTest::newRow("unknown method") << R"({"jsonrpc":"2.0","method":"nope","id":7})"_ba << notFound("7");
     QTest::newRow("unknown method, no id") << R"({"jsonrpc":"2.0","method":"nope"})"_ba << QByteArray();
     QTest::newRow("other case") << R"({"jsonrpc":"2.0","method":"Echo","id":1})"_ba << notFound("1");
@@ -74,14 +74,14 @@ void TestHandler::payloadIsAnsweredToTheByte_data()
     QTest::newRow("name with a blank") << R"({"jsonrpc":"2.0","method":"echo ","id":1})"_ba << notFound("1");
     QTest::newRow("half a name") << R"({"jsonrpc":"2.0","method":"ech","id":1})"_ba << notFound("1");
 
-    // Ids come back as they were.
+    // Ids come back unchanged.
     for (const char *id : {"0", "-1", "9223372036854775807", "18446744073709551615", "1.5", "true", "false", "\"\"",
                            "\"abc\"", "\"a\\\"b\\n\"", "\"\xc3\xa4\"", "\"a\\u0000b\""}) {
         QTest::addRow("id %s", id) << QByteArray(R"({"jsonrpc":"2.0","method":"echo","id":)" + QByteArray(id) + '}')
                                    << success(id, "null");
     }
 
-    // Parameters of every type, and none.
+    // Parameters of every type.
     for (const char *params : {"null", "true", "1", "\"a\"", "[]", "[1,[2]]", "{}", "{\"a\":{\"b\":null}}"}) {
         QTest::addRow("params %s", params)
             << QByteArray(R"({"jsonrpc":"2.0","method":"echo","id":1,"params":)" + QByteArray(params) + '}')
@@ -128,7 +128,7 @@ void TestHandler::payloadIsAnsweredToTheByte()
     QCOMPARE(handler->processMessage(payload), expected);
 
     device->feed(encodeNetString(payload));
-    waitForEcho("\"last\""); // so that an answer too many would be seen
+    waitForEcho("\"last\""); // would come after a second answer
     QCOMPARE(device->output(), QByteArray(expected + answerFrame(success("\"last\"", "null"))));
     QVERIFY(device->isOpen());
     QCOMPARE(logger->takeLines(), QStringList());

@@ -19,18 +19,18 @@ private slots:
     void oneRequestRunsAtATime();
     void batchRunsInOrderOneByOne();
     void busyHandlerReadsNothing();
-    void bytesThatArrivedWhileBusyAreTakenUpAtOnce();
-    void lengthIsJudgedWithAllThatHasArrived_data();
-    void lengthIsJudgedWithAllThatHasArrived();
+    void bytesThatArrivedWhileBusyAreReadAfterTheAnswer();
+    void lengthIsCheckedAfterReadingAllThatHasArrived_data();
+    void lengthIsCheckedAfterReadingAllThatHasArrived();
     void pipeliningPeerIsReadOneBufferAtATime();
     void framingErrorIsLoggedAndClosesTheDevice_data();
     void framingErrorIsLoggedAndClosesTheDevice();
-    void framingErrorBehindARequestWaitsForTheAnswer();
+    void framingErrorAfterARequestWaitsForTheAnswer();
 };
 
 void TestHandlerFrames::frameMayArriveInPieces_data()
 {
-    QTest::addColumn<qsizetype>("split"); // -1: every byte by itself
+    QTest::addColumn<qsizetype>("split"); // -1: every byte alone
     QTest::newRow("byte by byte") << qsizetype(-1);
     for (qsizetype split = 1; split < request("echo", "1").size(); ++split) {
         QTest::addRow("after %lld bytes", static_cast<long long>(split)) << split;
@@ -112,34 +112,34 @@ void TestHandlerFrames::busyHandlerReadsNothing()
     QVERIFY(device->isOpen());
 }
 
-void TestHandlerFrames::bytesThatArrivedWhileBusyAreTakenUpAtOnce()
+void TestHandlerFrames::bytesThatArrivedWhileBusyAreReadAfterTheAnswer()
 {
     device->feed(request("block", "1"));
     QTRY_COMPARE_WITH_TIMEOUT(control->running, 1, kPatienceMs);
     const QByteArray frame = request("echo", "2");
     device->feed(frame.first(5));
     device->feed(frame.sliced(5));
-    control->go.release(); // nothing is fed any more
+    control->go.release(); // nothing is fed from here on
     QTRY_COMPARE_WITH_TIMEOUT(device->output(),
                               QByteArray(answerFrame(success("1", "null")) + answerFrame(success("2", "null"))),
                               kPatienceMs);
 }
 
-void TestHandlerFrames::lengthIsJudgedWithAllThatHasArrived_data()
+void TestHandlerFrames::lengthIsCheckedAfterReadingAllThatHasArrived_data()
 {
-    QTest::addColumn<QByteArray>("begun"); // of a length, read together with the frame before it
+    QTest::addColumn<QByteArray>("begun"); // the start of a length, read together with the frame before
     QTest::newRow("nothing") << QByteArray();
     QTest::newRow("five bytes") << "00000"_ba;
-    QTest::newRow("six bytes") << "000000"_ba; // without a colon, that is too long for a length
+    QTest::newRow("six bytes") << "000000"_ba; // too long for a length, unless the colon is there
     QTest::newRow("ten bytes") << "0000000000"_ba;
 }
 
-void TestHandlerFrames::lengthIsJudgedWithAllThatHasArrived()
+void TestHandlerFrames::lengthIsCheckedAfterReadingAllThatHasArrived()
 {
     QFETCH(const QByteArray, begun);
     device->feed(request("block", "1") + begun);
     QTRY_COMPARE_WITH_TIMEOUT(control->running, 1, kPatienceMs);
-    device->feed(request("echo", "2")); // its colon is there before the handler looks again
+    device->feed(request("echo", "2")); // its colon arrives before the handler decodes again
     control->go.release();
     QTRY_COMPARE_WITH_TIMEOUT(device->output(),
                               QByteArray(answerFrame(success("1", "null")) + answerFrame(success("2", "null"))),
@@ -160,7 +160,7 @@ void TestHandlerFrames::pipeliningPeerIsReadOneBufferAtATime()
     device->feed(taken);
     QTRY_COMPARE_WITH_TIMEOUT(control->running, 1, kPatienceMs);
     device->feed(waiting);
-    // As long as there is a whole frame in what was read, no more is read.
+    // While the buffer holds a whole frame, no more is read.
     for (int i = 1; i < kFrames; ++i) {
         control->go.release();
         QTRY_COMPARE_WITH_TIMEOUT(control->calls, i + 1, kPatienceMs);
@@ -210,7 +210,7 @@ void TestHandlerFrames::framingErrorIsLoggedAndClosesTheDevice()
     QCOMPARE(logger->takeLines(), QStringList());
 }
 
-void TestHandlerFrames::framingErrorBehindARequestWaitsForTheAnswer()
+void TestHandlerFrames::framingErrorAfterARequestWaitsForTheAnswer()
 {
     device->feed(request("block", "1") + "junk, junk");
     QTRY_COMPARE_WITH_TIMEOUT(control->running, 1, kPatienceMs);

@@ -14,15 +14,15 @@ class TestHandlerLag : public HandlerTest
     Q_OBJECT
 
 private slots:
-    void updateIsWrittenAsItIs();
-    void updateNeverFallsInsideAnAnswer();
+    void updateIsWrittenUnchanged();
+    void updateIsWrittenBetweenAnswers();
     void updateOnAClosedDeviceIsDropped();
     void answerForAClosedDeviceIsDropped();
     void laggingPeerIsNotReadFrom_data();
     void laggingPeerIsNotReadFrom();
     void laggingPeerGetsOnlyTheNewestUpdate();
-    void peerThatLagsAgainStillGetsTheNewestUpdate();
-    void updateThatWaitedIsNotSentBehindANewerOne();
+    void peerThatLagsAgainGetsTheNewestUpdate();
+    void olderUpdateIsNotSentAfterANewerOne();
 };
 
 namespace {
@@ -31,19 +31,19 @@ constexpr qsizetype kMaxUnsent = 1024 * 1024;
 
 } // namespace
 
-void TestHandlerLag::updateIsWrittenAsItIs()
+void TestHandlerLag::updateIsWrittenUnchanged()
 {
     handler->writeToDevice("any bytes\0 at all"_ba);
     QCOMPARE(device->output(), "any bytes\0 at all"_ba);
 }
 
-void TestHandlerLag::updateNeverFallsInsideAnAnswer()
+void TestHandlerLag::updateIsWrittenBetweenAnswers()
 {
     const QByteArray update = encodeNetString("update");
     device->feed(request("block", "1") + request("block", "2"));
     QTRY_COMPARE_WITH_TIMEOUT(control->calls, 1, kPatienceMs);
     handler->writeToDevice(update);
-    QCOMPARE(device->writes(), QByteArrayList{update}); // at once, also while a request runs
+    QCOMPARE(device->writes(), QByteArrayList{update}); // at once, although a request runs
     control->go.release();
     QTRY_COMPARE_WITH_TIMEOUT(control->calls, 2, kPatienceMs);
     handler->writeToDevice(update);
@@ -67,7 +67,7 @@ void TestHandlerLag::answerForAClosedDeviceIsDropped()
     device->feed(request("block", "1"));
     QTRY_COMPARE_WITH_TIMEOUT(control->running, 1, kPatienceMs);
     device->close();
-    QTest::failOnWarning(QRegularExpression(u".*"_s)); // Qt complains about a write to a closed device
+    QTest::failOnWarning(QRegularExpression(u".*"_s)); // Qt warns of a write to a closed device
     control->go.release();
     QTRY_COMPARE_WITH_TIMEOUT(control->finished, 1, kPatienceMs);
     QThreadPool::globalInstance()->waitForDone();
@@ -120,14 +120,14 @@ void TestHandlerLag::laggingPeerGetsOnlyTheNewestUpdate()
     QVERIFY(device->writes().at(0) == large);
     QCOMPARE(device->writes().at(1), "update 99"_ba);
 
-    handler->writeToDevice("update 100"_ba); // from now on at once again
+    handler->writeToDevice("update 100"_ba); // the peer has caught up, so it is sent at once
     QCOMPARE(device->writes().size(), 3);
     QCOMPARE(device->writes().last(), "update 100"_ba);
     deliverEvents();
     QCOMPARE(device->writes().size(), 3);
 }
 
-void TestHandlerLag::peerThatLagsAgainStillGetsTheNewestUpdate()
+void TestHandlerLag::peerThatLagsAgainGetsTheNewestUpdate()
 {
     const QByteArray large(kMaxUnsent + 1, 'x');
     device->stall();
@@ -143,13 +143,13 @@ void TestHandlerLag::peerThatLagsAgainStillGetsTheNewestUpdate()
     QCOMPARE(device->writes().last(), "newest"_ba);
 }
 
-void TestHandlerLag::updateThatWaitedIsNotSentBehindANewerOne()
+void TestHandlerLag::olderUpdateIsNotSentAfterANewerOne()
 {
     device->stall();
     handler->writeToDevice(QByteArray(kMaxUnsent + 1, 'x'));
     handler->writeToDevice("old"_ba);
     device->resume();
-    handler->writeToDevice("new"_ba); // before the handler has looked at what waits
+    handler->writeToDevice("new"_ba); // before the handler has sent the update that waits
     deliverEvents();
     QCOMPARE(device->writes().last(), "new"_ba);
 }

@@ -53,7 +53,7 @@ void TestHandlerLifetime::destructionWaitsForTheRunningRequest()
     device->feed(request("block", "1"));
     QTRY_COMPARE_WITH_TIMEOUT(control->running, 1, kPatienceMs);
     const std::unique_ptr<QThread> releaser(QThread::create([this] {
-        QThread::msleep(100); // gives a destructor that does not wait the time to do wrong; a right one needs none
+        QThread::msleep(100); // so that a destructor that does not wait finishes first
         control->go.release();
     }));
     releaser->start();
@@ -85,7 +85,7 @@ void TestHandlerLifetime::retireDeletesTheDeviceLater()
     QPointer<Handler> child = handler.release();
     child->setParent(owner);
     child->retire();
-    QVERIFY(owner); // it may be in the middle of its own signal
+    QVERIFY(owner); // not at once, because it may be emitting a signal
     owner->feed(request("echo", "1"));
     QCOMPARE(control->calls, 0);
     deliverEvents();
@@ -103,7 +103,7 @@ void TestHandlerLifetime::retireWaitsForTheRunningRequestWithoutBlocking()
     owner->feed(request("block", "1") + request("echo", "2"));
     QTRY_COMPARE_WITH_TIMEOUT(control->running, 1, kPatienceMs);
     child->retire(); // would never return if it waited
-    child->retire(); // twice is once
+    child->retire(); // the second call changes nothing
     deliverEvents();
     QVERIFY(owner);
     QVERIFY(child);
@@ -113,7 +113,7 @@ void TestHandlerLifetime::retireWaitsForTheRunningRequestWithoutBlocking()
     QSignalSpy destroyed(child, &QObject::destroyed);
     QVERIFY(destroyed.wait(kPatienceMs));
     QTRY_VERIFY_WITH_TIMEOUT(!owner, kPatienceMs);
-    QCOMPARE(*history, QByteArrayList()); // and the answer goes nowhere
+    QCOMPARE(*history, QByteArrayList()); // the answer is not sent
     QCOMPARE(control->calls, 1);
     QCOMPARE(control->deleted, kFakeMethods);
     QCOMPARE(control->deletedWhileRunning, 0);

@@ -13,17 +13,17 @@ class TestNetString : public QObject
 private slots:
     void payloadIsFramed_data();
     void payloadIsFramed();
-    void frameIsTakenOffTheFront_data();
-    void frameIsTakenOffTheFront();
-    void beginningOfAFrameWaitsForMore_data();
-    void beginningOfAFrameWaitsForMore();
-    void whatIsNoFrameIsRefused_data();
-    void whatIsNoFrameIsRefused();
-    void frameSplitAnywhereIsDecodedOnceItIsWhole_data();
-    void frameSplitAnywhereIsDecodedOnceItIsWhole();
-    void framesComeOneByOne();
-    void payloadSurvivesTheWayThroughAFrame_data();
-    void payloadSurvivesTheWayThroughAFrame();
+    void frameIsRemovedFromTheFront_data();
+    void frameIsRemovedFromTheFront();
+    void incompleteFrameNeedsMoreBytes_data();
+    void incompleteFrameNeedsMoreBytes();
+    void invalidFrameIsRefused_data();
+    void invalidFrameIsRefused();
+    void frameIsDecodedWhereverItWasSplit_data();
+    void frameIsDecodedWhereverItWasSplit();
+    void oneFrameIsDecodedPerCall();
+    void payloadIsTheSameAfterARoundTrip_data();
+    void payloadIsTheSameAfterARoundTrip();
 };
 
 namespace {
@@ -64,7 +64,7 @@ void TestNetString::payloadIsFramed()
     QVERIFY(encodeNetString(payload) == frame);
 }
 
-void TestNetString::frameIsTakenOffTheFront_data()
+void TestNetString::frameIsRemovedFromTheFront_data()
 {
     QTest::addColumn<QByteArray>("buffer");
     QTest::addColumn<QByteArray>("payload");
@@ -98,7 +98,7 @@ void TestNetString::frameIsTakenOffTheFront_data()
     QTest::newRow("65536 bytes with a leading zero") << frame("065536", 65536) << fill(65536) << QByteArray("");
 }
 
-void TestNetString::frameIsTakenOffTheFront()
+void TestNetString::frameIsRemovedFromTheFront()
 {
     QFETCH(QByteArray, buffer);
     QFETCH(const QByteArray, payload);
@@ -111,14 +111,14 @@ void TestNetString::frameIsTakenOffTheFront()
     QCOMPARE(error, u"untouched"_s);
 }
 
-void TestNetString::beginningOfAFrameWaitsForMore_data()
+void TestNetString::incompleteFrameNeedsMoreBytes_data()
 {
     QTest::addColumn<QByteArray>("buffer");
     QTest::newRow("nothing") << QByteArray();
     QTest::newRow("one digit") << "5"_ba;
     QTest::newRow("five digits, no colon") << "12345"_ba;
     QTest::newRow("five zeros, no colon") << "00000"_ba;
-    QTest::newRow("five other characters, no colon") << "hello"_ba; // may only be judged with the colon
+    QTest::newRow("five other characters, no colon") << "hello"_ba; // invalid only once the colon is there
     QTest::newRow("no payload yet") << "5:"_ba;
     QTest::newRow("part of the payload") << "5:hel"_ba;
     QTest::newRow("no comma yet") << "5:hello"_ba;
@@ -128,7 +128,7 @@ void TestNetString::beginningOfAFrameWaitsForMore_data()
     QTest::newRow("leading zeros") << "000012:abc"_ba;
 }
 
-void TestNetString::beginningOfAFrameWaitsForMore()
+void TestNetString::incompleteFrameNeedsMoreBytes()
 {
     QFETCH(const QByteArray, buffer);
     QByteArray left = buffer;
@@ -140,7 +140,7 @@ void TestNetString::beginningOfAFrameWaitsForMore()
     QCOMPARE(error, u"untouched"_s);
 }
 
-void TestNetString::whatIsNoFrameIsRefused_data()
+void TestNetString::invalidFrameIsRefused_data()
 {
     QTest::addColumn<QByteArray>("buffer");
     QTest::addColumn<QString>("reason");
@@ -178,7 +178,7 @@ void TestNetString::whatIsNoFrameIsRefused_data()
     QTest::newRow("largest frame without comma") << QByteArray("65536:" + fill(65536) + 'x') << kNoComma;
 }
 
-void TestNetString::whatIsNoFrameIsRefused()
+void TestNetString::invalidFrameIsRefused()
 {
     QFETCH(const QByteArray, buffer);
     QFETCH(const QString, reason);
@@ -191,7 +191,7 @@ void TestNetString::whatIsNoFrameIsRefused()
     QCOMPARE(payload, "untouched"_ba);
 }
 
-void TestNetString::frameSplitAnywhereIsDecodedOnceItIsWhole_data()
+void TestNetString::frameIsDecodedWhereverItWasSplit_data()
 {
     QTest::addColumn<QByteArray>("frame");
     QTest::addColumn<QByteArray>("payload");
@@ -203,7 +203,7 @@ void TestNetString::frameSplitAnywhereIsDecodedOnceItIsWhole_data()
     QTest::newRow("five digits") << QByteArray("10000:" + fill(10000) + ',') << fill(10000);
 }
 
-void TestNetString::frameSplitAnywhereIsDecodedOnceItIsWhole()
+void TestNetString::frameIsDecodedWhereverItWasSplit()
 {
     QFETCH(const QByteArray, frame);
     QFETCH(const QByteArray, payload);
@@ -219,7 +219,7 @@ void TestNetString::frameSplitAnywhereIsDecodedOnceItIsWhole()
     }
 }
 
-void TestNetString::framesComeOneByOne()
+void TestNetString::oneFrameIsDecodedPerCall()
 {
     QByteArray buffer = "1:a,0:,2:bc,3:d";
     QByteArray payload;
@@ -232,7 +232,7 @@ void TestNetString::framesComeOneByOne()
     QCOMPARE(buffer, "3:d"_ba);
 }
 
-void TestNetString::payloadSurvivesTheWayThroughAFrame_data()
+void TestNetString::payloadIsTheSameAfterARoundTrip_data()
 {
     QTest::addColumn<qsizetype>("size");
     for (qsizetype power = 1; power <= 65536; power *= 2) {
@@ -242,7 +242,7 @@ void TestNetString::payloadSurvivesTheWayThroughAFrame_data()
     }
 }
 
-void TestNetString::payloadSurvivesTheWayThroughAFrame()
+void TestNetString::payloadIsTheSameAfterARoundTrip()
 {
     QFETCH(const qsizetype, size);
     QByteArray payload(size, '\0');

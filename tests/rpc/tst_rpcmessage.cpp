@@ -13,12 +13,12 @@ class TestRpcMessage : public QObject
 
 private slots:
     void requestHasNoParameters();
-    void versionIsATextAndExact_data();
-    void versionIsATextAndExact();
+    void versionIsAnExactString_data();
+    void versionIsAnExactString();
     void methodTellsASessionsUpdate_data();
     void methodTellsASessionsUpdate();
-    void errorIsReadAsFarAsItMakesSense_data();
-    void errorIsReadAsFarAsItMakesSense();
+    void validPartsOfAnErrorAreRead_data();
+    void validPartsOfAnErrorAreRead();
     void answerWithoutAnErrorHasNone_data();
     void answerWithoutAnErrorHasNone();
 };
@@ -42,7 +42,7 @@ void TestRpcMessage::requestHasNoParameters()
     QCOMPARE(writeJson(rpcRequest("x", u""_s)), "{\"id\":\"x\",\"jsonrpc\":\"2.0\",\"method\":\"\"}\n"_ba);
 }
 
-void TestRpcMessage::versionIsATextAndExact_data()
+void TestRpcMessage::versionIsAnExactString_data()
 {
     QTest::addColumn<QByteArray>("text");
     QTest::addColumn<bool>("is");
@@ -55,7 +55,7 @@ void TestRpcMessage::versionIsATextAndExact_data()
     QTest::newRow("array") << R"(["jsonrpc","2.0"])"_ba << false;
 }
 
-void TestRpcMessage::versionIsATextAndExact()
+void TestRpcMessage::versionIsAnExactString()
 {
     QFETCH(const QByteArray, text);
     QTEST(isRpcMessage(parsed(text)), "is");
@@ -77,7 +77,7 @@ void TestRpcMessage::methodTellsASessionsUpdate()
     QTEST(isSessionsUpdate(parsed(text)), "is");
 }
 
-void TestRpcMessage::errorIsReadAsFarAsItMakesSense_data()
+void TestRpcMessage::validPartsOfAnErrorAreRead_data()
 {
     QTest::addColumn<QByteArray>("error");
     QTest::addColumn<std::optional<int>>("code");
@@ -103,7 +103,7 @@ void TestRpcMessage::errorIsReadAsFarAsItMakesSense_data()
     }
 }
 
-void TestRpcMessage::errorIsReadAsFarAsItMakesSense()
+void TestRpcMessage::validPartsOfAnErrorAreRead()
 {
     QFETCH(const QByteArray, error);
     const std::optional<RpcAnswerError> read = errorOfAnswer(parsed(R"({"id":1,"error":)" + error + "}"));

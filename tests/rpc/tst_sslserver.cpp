@@ -41,15 +41,15 @@ private slots:
     void otherClientsAreLoggedAndDisconnected();
     void refusedClientGetsNoUpdates();
     void connectionIsPendingBeforeItsHandshake();
-    void clientIsNotLetInBeforeItsHandshake();
+    void clientIsNotAdmittedBeforeItsHandshake();
     void severalClientsAreServedAtOnce();
-    void brokenAndSilentClientsDisturbNobody_data();
-    void brokenAndSilentClientsDisturbNobody();
+    void brokenAndSilentClientsDoNotDisturbOthers_data();
+    void brokenAndSilentClientsDoNotDisturbOthers();
     void extraCertificatesAreOffered();
     void serverAcceptsAgainWhenDescriptorsAreFree();
 
 private:
-    /** A client that presents this identity, or nothing; connecting. */
+    /** A connecting client that presents this identity; none if it is null. */
     [[nodiscard]] std::unique_ptr<QSslSocket> connectClient(const TestIdentity *identity,
                                                             QSsl::SslProtocol protocol = QSsl::SecureProtocols);
     /** Gives every pending connection a handler, as the server does. */
@@ -58,7 +58,7 @@ private:
     QTemporaryDir dir;
     TestIdentity own;
     TestIdentity foreign;
-    TestIdentity renewed; ///< the server's key and name in another certificate
+    TestIdentity renewed; ///< another certificate with the server's key and name
 
     std::unique_ptr<CollectingLogger> logger;
     std::unique_ptr<MethodControl> control;
@@ -74,7 +74,7 @@ constexpr int kPatienceMs = 30000;
 const QByteArray kRequest = encodeNetString(R"({"jsonrpc":"2.0","method":"echo","params":[1],"id":1})");
 const QByteArray kAnswer = encodeNetString("{\"id\":1,\"jsonrpc\":\"2.0\",\"result\":[1]}\n");
 
-/** What a client has received, once it is as much as expected or nothing more comes. */
+/** What a client has received. Waits until it is as much as expected, or nothing more comes. */
 QByteArray receive(QSslSocket *client, qsizetype size)
 {
     [[maybe_unused]] const bool enough = QTest::qWaitFor(
@@ -83,14 +83,14 @@ QByteArray receive(QSslSocket *client, qsizetype size)
     return client->readAll();
 }
 
-/** Leaves room for no descriptor more while it lives. */
+/** While it exists, the process can open no further descriptor. */
 class NoFreeDescriptors final
 {
 public:
     NoFreeDescriptors()
     {
         ::getrlimit(RLIMIT_NOFILE, &previous);
-        const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC); // the lowest free number
+        const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC); // takes the lowest free number
         ::close(next);
         struct rlimit limit = previous;
         limit.rlim_cur = static_cast<rlim_t>(next);
@@ -128,7 +128,7 @@ void TestSslServer::init()
 
 void TestSslServer::cleanup()
 {
-    server.reset(); // with its sockets and their handlers
+    server.reset(); // and so its sockets and their handlers
     control.reset();
     logger.reset();
 }
@@ -200,7 +200,7 @@ void TestSslServer::otherClientsAreLoggedAndDisconnected()
     quint16 port = 0;
     connect(client.get(), &QSslSocket::encrypted, this, [&] { port = client->localPort(); });
     QCOMPARE(receive(client.get(), 1), QByteArray());
-    QCOMPARE(encrypted.size(), 1); // the handshake itself succeeds
+    QCOMPARE(encrypted.size(), 1); // the handshake succeeds
     QCOMPARE(client->state(), QAbstractSocket::UnconnectedState);
     QCOMPARE(client->error(), QAbstractSocket::RemoteHostClosedError);
     QCOMPARE(logger->takeLines(),
@@ -225,13 +225,13 @@ void TestSslServer::connectionIsPendingBeforeItsHandshake()
 {
     QTcpSocket client;
     client.connectToHost(u"127.0.0.1"_s, server->serverPort());
-    QTRY_COMPARE_WITH_TIMEOUT(accepted.size(), 1, kPatienceMs); // though the client never speaks
+    QTRY_COMPARE_WITH_TIMEOUT(accepted.size(), 1, kPatienceMs); // although the client sends nothing
     QVERIFY(!accepted.value(0)->isEncrypted());
     QCOMPARE(accepted.value(0)->parent(), server.get());
     QVERIFY(accepted.value(0)->isOpen());
 }
 
-void TestSslServer::clientIsNotLetInBeforeItsHandshake()
+void TestSslServer::clientIsNotAdmittedBeforeItsHandshake()
 {
     QTcpSocket client;
     client.connectToHost(u"127.0.0.1"_s, server->serverPort());
@@ -260,7 +260,7 @@ void TestSslServer::severalClientsAreServedAtOnce()
     QCOMPARE(logger->takeLines().size(), 1);
 }
 
-void TestSslServer::brokenAndSilentClientsDisturbNobody_data()
+void TestSslServer::brokenAndSilentClientsDoNotDisturbOthers_data()
 {
     QTest::addColumn<QByteArray>("bytes");
     QTest::newRow("silent") << QByteArray();
@@ -269,7 +269,7 @@ void TestSslServer::brokenAndSilentClientsDisturbNobody_data()
     QTest::newRow("zeros") << QByteArray(1000, '\0');
 }
 
-void TestSslServer::brokenAndSilentClientsDisturbNobody()
+void TestSslServer::brokenAndSilentClientsDoNotDisturbOthers()
 {
     QFETCH(const QByteArray, bytes);
     QTcpSocket broken;
@@ -299,14 +299,14 @@ void TestSslServer::serverAcceptsAgainWhenDescriptorsAreFree()
 {
     QTcpSocket waiting;
     waiting.connectToHost(u"127.0.0.1"_s, server->serverPort());
-    // Up to here the kernel alone has answered the client; the server sees it in its event loop.
+    // So far only the kernel has accepted the client. The server accepts it in its event loop.
     QVERIFY(waiting.waitForConnected(kPatienceMs));
     int refused = 0;
     connect(server.get(), &QTcpServer::acceptError, this, [&refused] { ++refused; });
     {
         const NoFreeDescriptors none;
         const QDeadlineTimer deadline(kPatienceMs);
-        while (refused == 0 && !deadline.hasExpired()) { // plainly: a sanitizer's checks may need a descriptor
+        while (refused == 0 && !deadline.hasExpired()) { // no QTRY_: a sanitizer may need a descriptor for it
             QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
         }
     }
