@@ -9,7 +9,7 @@ namespace {
 
 bool isPort(const Json::Value &value)
 {
-    // A number with a fraction of zero counts as an integer for the library, but is none in the text.
+    // For the JSON library 5.0 is an integer, too, so isUInt() alone would accept it.
     return (value.type() == Json::intValue || value.type() == Json::uintValue) && value.isUInt() &&
            value.asUInt() <= std::numeric_limits<quint16>::max();
 }

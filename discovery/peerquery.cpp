@@ -29,8 +29,9 @@ QByteArray requestFrame()
 }
 
 /**
- * One exchange with one peer, under one deadline. The socket's own waiting functions would look at the clock only when
- * there is nothing to read, and a peer that sends all the time would hold them for ever; so events are waited for.
+ * One exchange with a peer, with one deadline for all of it. It runs an event loop, because QSslSocket's waitFor...()
+ * functions check their timeout only when there is nothing to read: a peer that keeps sending would block them for
+ * ever.
  */
 class Exchange
 {
@@ -74,7 +75,7 @@ public:
                fail("Failed to write to \"%1\" port \"%2\": %3");
     }
 
-    /** The payload of the next frame. */
+    /** Waits for the next frame. */
     bool receive(QByteArray *payload)
     {
         for (;;) {
@@ -90,7 +91,7 @@ public:
     }
 
 private:
-    /** Lets the socket work until the condition holds; false when it has failed before that, or time is up. */
+    /** Runs the event loop until the condition holds; false if the socket fails before that or time is up. */
     template <typename Condition>
     bool waitUntil(Condition condition)
     {
@@ -107,7 +108,7 @@ private:
 
     bool fail(const char *pattern)
     {
-        // Our own copies, for a socket forgets its peer when the connection ends.
+        // Not from the socket, because it forgets its peer when the connection ends.
         const QString text = QString::fromLatin1(pattern);
         const QString host = address.toString();
         const QString number = QString::number(port);
@@ -121,12 +122,12 @@ private:
     const quint16 port;
     QString *error;
     QDeadlineTimer deadline;
-    QByteArray buffer; ///< what has arrived and was not taken
+    QByteArray buffer; ///< received, but no frame taken from it yet
     QTimer alarm;      ///< wakes the event loop when time is up
     QSslSocket socket;
 };
 
-/** A peer tells all of its clients of changes, and we are one of them while it prepares the answer. */
+/** A peer pushes changes to all its clients, so a notification may come before the answer. */
 bool isNotification(const QByteArray &payload)
 {
     Json::Value message;

@@ -11,11 +11,11 @@ class QSslCertificate;
 class QSslKey;
 
 /**
- * Asks a peer's service for the sessions of its host, over TLS with our own certificate, which must be the peer's as
- * well. Blocks for up to 15 seconds in all; callable from any thread but the main one.
+ * Asks the service of a peer for the sessions of its host, over TLS. The peer must have the same certificate as we.
+ * Blocks for up to 15 seconds; callable from any thread except the main one.
  *
- * @param sessions  set only on success; descriptions that make no sense are left out
- * @param error     set only on failure: one sentence that names the peer, or the peer's own words
+ * @param sessions  set only on success; invalid descriptions are left out
+ * @param error     set only on failure: one sentence that names the peer, or the message that the peer has sent
  */
 [[nodiscard]] bool fetchPeerSessions(const QHostAddress &address, quint16 port, const QSslCertificate &certificate,
                                      const QSslKey &key, QList<SessionInfo> &sessions, QString &error);

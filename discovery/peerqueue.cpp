@@ -16,7 +16,8 @@ void PeerQueue::add(const Peer &peer)
     }
 }
 
-/** Drops the last one of the address that has the most waiting, unless that would be no fairer to anybody. */
+/** Drops the last peer of the address with the most waiting. False if that would not be fairer than the present queue.
+ */
 bool PeerQueue::makeRoom(const QHostAddress &address)
 {
     if (hosts.contains(address) && !hosts[address].ports.isEmpty()) {
@@ -54,7 +55,7 @@ void PeerQueue::finish(const Peer &peer)
     Host &host = hosts[peer.first];
     --askingCount;
     if (host.asking-- == kMaxAskingPerAddress && !host.ports.isEmpty()) {
-        turns.enqueue(peer.first); // it had no place for what waits
+        turns.enqueue(peer.first); // it had no place until now
     } else if (host.asking == 0 && host.ports.isEmpty()) {
         hosts.remove(peer.first);
     }

@@ -9,25 +9,26 @@
 #include <utility>
 
 /**
- * The peers that are to be asked, and how many are being asked. Any host can make us ask it, as often as it likes and
- * at ports where nobody answers; so the addresses take turns, each has so many places at a time, and where there is no
- * room for one more the address that has the most waiting loses one. A plain value for one thread.
+ * Decides which peer is asked next, and bounds how many are asked at a time and how many wait. Any host can make us ask
+ * it as often as it likes, at ports where nobody answers. So the addresses take turns, each has a limited number of
+ * places, and a full queue drops a peer of the address that has most of them. A plain value for one thread.
  */
 class PeerQueue
 {
 public:
     using Peer = std::pair<QHostAddress, quint16>; ///< address and port
 
-    /** How many are asked at a time: each costs a thread that mostly waits. */
+    /** How many peers are asked at a time. Each costs a thread, which mostly waits. */
     static constexpr int kMaxAsking = 32;
-    /** How many of them have one address: half of the places are always left to others. */
+    /** How many of them may have the same address. Half of the places are always left to others. */
     static constexpr int kMaxAskingPerAddress = 16;
-    /** How many wait: enough for the answers of a large site to one "HELLO". */
+    /** How many peers wait. Enough for all answers to a "HELLO" at a large site. */
     static constexpr qsizetype kMaxWaiting = 4096;
 
-    /** Adds one, the same as often as it is told to; left out where the address already fills its share of the room. */
+    /** Adds a peer, even if it is waiting already. Drops it if the queue is full and its address has its share. */
     void add(const Peer &peer);
-    /** The next one to ask; finish() gives its place back. Nothing while all places that it could have are taken. */
+    /** Takes the peer to ask next, and a place, which finish() gives back. None while no waiting peer may have a place.
+     */
     [[nodiscard]] std::optional<Peer> next();
     void finish(const Peer &peer);
 
@@ -37,14 +38,14 @@ public:
 private:
     struct Host
     {
-        QQueue<quint16> ports; ///< that wait
+        QQueue<quint16> ports; ///< those that wait
         int asking = 0;
     };
 
     [[nodiscard]] bool makeRoom(const QHostAddress &address);
 
-    QHash<QHostAddress, Host> hosts; ///< those with anything that waits or is asked
-    QQueue<QHostAddress> turns;      ///< those with something that waits and a place for it, each once
+    QHash<QHostAddress, Host> hosts; ///< each address with a peer that waits or is being asked
+    QQueue<QHostAddress> turns;      ///< each address with a waiting peer and a place for it, once
     int askingCount = 0;
     qsizetype waitingCount = 0;
 };

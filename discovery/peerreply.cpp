@@ -15,7 +15,7 @@ bool isReply(const Json::Value &reply)
     return isRpcMessage(reply) && stringFromJson(member(reply, "id")) == QLatin1StringView(kPeerRequestId);
 }
 
-/** The message of the error that the peer has answered with; none when the answer has no valid error. */
+/** The message in the error of the peer; none if the reply has no valid error. */
 std::optional<QString> messageOfPeer(const Json::Value &reply)
 {
     const std::optional<RpcAnswerError> error = errorOfAnswer(reply);

@@ -7,13 +7,13 @@
 #include <QList>
 #include <QString>
 
-/** What the request to a peer is called, and its reply must be. */
+/** The "id" of the request to a peer. Its reply must have the same. */
 inline constexpr const char *kPeerRequestId = "ServerUpdate";
 
 /**
- * Reads a peer's reply to the question for its sessions. Callable from any thread.
+ * Reads the reply of a peer that was asked for its sessions. Callable from any thread.
  *
- * @param sessions  set only on success; descriptions that make no sense are left out
- * @param error     set only on failure: one sentence, or the peer's own words
+ * @param sessions  set only on success; invalid descriptions are left out
+ * @param error     set only on failure: one sentence, or the message that the peer has sent
  */
 [[nodiscard]] bool readPeerReply(const QByteArray &payload, QList<SessionInfo> *sessions, QString *error);

@@ -26,16 +26,16 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/** So often everybody is told of us even without a change, before peers forget what they know. */
+/** How often we announce ourselves without a change. Shorter than kExpirySeconds, or peers would forget us. */
 constexpr auto kRepeatInterval = 300000ms;
-/** How long a peer's list counts: longer than it takes the peer to announce itself again. */
+/** How long a peer's list is valid: longer than the peer takes to announce itself again. */
 constexpr qint64 kExpirySeconds = 400;
-/** After so many datagrams everybody else has his turn. */
+/** After so many datagrams the event loop handles other events. */
 constexpr int kMaxDatagramsAtOnce = 256;
-/** More than a datagram can hold. */
+/** More than the longest datagram. */
 constexpr qsizetype kMaxDatagramBytes = 65536;
 
-/** Those of every interface, also of one that is down: it may still be what a datagram of ours names. */
+/** The addresses of all interfaces. One that is down counts, too: our own datagrams may still carry its address. */
 QList<QHostAddress> allOwnAddresses()
 {
     QList<QHostAddress> addresses;
@@ -47,7 +47,7 @@ QList<QHostAddress> allOwnAddresses()
     return addresses;
 }
 
-/** With a peer's own words in it a text could pass for several lines of the log, or command a terminal. */
+/** Escapes line ends and control characters: a peer's message could forge lines of the log or control a terminal. */
 QString onOneLine(const QString &text)
 {
     QString line;
@@ -66,8 +66,8 @@ QString ownUser()
 }
 
 /**
- * A query takes one of the pool's threads from the requests, which have another one made when they need it. Where there
- * is none to be had it is given up: the peer will speak again, and what it said last is no less true for our want.
+ * A query occupies a thread of the pool, which makes another one for the requests. If the system cannot give us one
+ * more, the query is dropped. The peer's last list stays valid, and the peer will announce itself again.
  */
 bool hasThreadFor(const PeerQueue::Peer &peer)
 {
@@ -104,7 +104,7 @@ UdpTalker::~UdpTalker()
 {
     const auto watchers = findChildren<QFutureWatcher<void> *>();
     for (QFutureWatcher<void> *watcher : watchers) {
-        watcher->cancel(); // what has no thread yet would be asked by this one
+        watcher->cancel(); // otherwise waiting would run a query without a thread on this one
     }
     for (QFutureWatcher<void> *watcher : watchers) {
         watcher->waitForFinished();
@@ -129,10 +129,10 @@ void UdpTalker::sendUpdateTo(QHostAddress address, quint16 port)
 void UdpTalker::send(const QString &method, const QHostAddress &address, quint16 port)
 {
     const bool wasBound = socket->state() == QAbstractSocket::BoundState;
-    // Nobody can be told of a failure, and the next announcement follows anyway.
+    // A failure is ignored, because the next announcement follows anyway.
     socket->writeDatagram(Announcement{method, serverPort, ownUser()}.toDatagram(), address, port);
     if (!wasBound) {
-        socket->close(); // sending has bound it to a port, where anybody would reach a server without discovery
+        socket->close(); // sending has bound it, but without discovery nobody may reach us
     }
 }
 
@@ -147,8 +147,8 @@ void UdpTalker::Socket_readyRead()
     for (int count = 0; count < kMaxDatagramsAtOnce; ++count) {
         QHostAddress peer;
         quint16 peerPort = 0;
-        // Without a look whether there is one: the system announces a damaged datagram and drops it when it is looked
-        // at, and a socket that nobody has read from since its last readyRead() emits no other.
+        // Read without asking hasPendingDatagrams(): the system reports a damaged datagram, but drops it at the
+        // question, and until something has been read there is no further readyRead().
         const qint64 length = source->readDatagram(buffer.data(), buffer.size(), &peer, &peerPort);
         if (length < 0) {
             return;
@@ -199,8 +199,8 @@ void UdpTalker::askNext()
         });
         watcher->setFuture(QtConcurrent::run([this, peer = *peer] {
             queryPeer(peer.first, peer.second, keyPath, certPath);
-            // The pool does not wait for the very end of its threads, and the process would leave what the library
-            // keeps for each, or free it under the library's own clean-up.
+            // The pool does not wait until its threads have really ended. What OpenSSL keeps for a thread would leak,
+            // or be freed while the library cleans up at the end of the process.
             OPENSSL_thread_stop();
         }));
     }
@@ -208,7 +208,7 @@ void UdpTalker::askNext()
 
 void UdpTalker::queryPeer(QHostAddress address, quint16 port, QString keyPath_, QString certPath_)
 {
-    // A query does nothing but wait; clients' requests need the pool's threads meanwhile.
+    // A query mostly waits, so its thread must not count while clients' requests need the pool.
     QThreadPool::globalInstance()->releaseThread();
     QSslKey key;
     QSslCertificate certificate;

@@ -13,11 +13,12 @@ class QUdpSocket;
 class SessionStore;
 
 /**
- * Finds the other servers of the same user: announces this one by broadcast, and asks a server that it hears of for its
- * sessions, which go into the registry. A datagram is only a hint where to ask; what counts is the peer's certificate.
+ * Finds the other servers of the same user: announces this one by broadcast, asks each server that it hears of for its
+ * sessions, and puts those into the registry. A datagram only says where to ask. The peer proves who it is by its
+ * certificate.
  *
- * Lives on the main thread. The questions are asked on pool threads, so many at a time and so many waiting, whatever is
- * sent to us.
+ * Lives on the main thread. Peers are asked on pool threads; PeerQueue bounds how many at a time, whatever is sent to
+ * us.
  */
 class UdpTalker : public QObject
 {
@@ -28,17 +29,17 @@ public:
      * @param socket         not owned; bound to @p broadcastPort unless that is 0
      * @param serverPort     where our service listens
      * @param store          not owned
-     * @param keyPath        our key and certificate, read anew for each question
+     * @param keyPath        our key and certificate, read again for each query
      */
     UdpTalker(QUdpSocket *socket, const QHostAddress &broadcastAddress, quint16 broadcastPort, quint16 serverPort,
               SessionStore *store, const QString &keyPath, const QString &certPath, QObject *parent);
-    /** Waits for the questions that are being asked, up to 15 seconds; those that have no thread yet are dropped. */
+    /** Waits for the running queries, up to 15 seconds. Those that have no thread yet are dropped. */
     ~UdpTalker() override;
 
 public slots:
-    /** Tells everybody that we have started. */
+    /** Announces to everybody that we have started. */
     void sendHello();
-    /** Tells everybody that our sessions have changed. */
+    /** Announces to everybody that our sessions have changed. */
     void sendUpdate();
     void sendUpdateTo(QHostAddress address, quint16 port);
 
@@ -60,5 +61,5 @@ private:
     const QString keyPath;
     const QString certPath;
     QTimer timer;
-    PeerQueue queue; ///< as many are being asked as there are watchers among the children
+    PeerQueue queue; ///< each peer that is being asked has a watcher among the children
 };

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into a server, it puts the server's clocks forward: what counts in minutes is then tested in seconds.
-// The file that ZARVO_CLOCK_SHIFT names holds two native 64-bit integers, the seconds for the clock on the wall and
-// those for the one that only runs forward. Both may change at any time.
+// Preloaded into a server, this moves the server's clocks forward, so that timeouts of minutes are tested in seconds.
+// The file named by ZARVO_CLOCK_SHIFT holds two native 64-bit integers: the seconds for the wall clock and those for
+// the monotonic clock. Both may change at any time.
 
 #include <atomic>
 #include <cstdint>

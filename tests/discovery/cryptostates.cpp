@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
-// Preloaded into a server, it tells of threads that end with a state that libcrypto keeps for them. What a thread
-// leaves to its very end may come behind the library's own clean-up, when the process ends as well. The file that
-// ZARVO_CRYPTO_STATES names gets a byte for each.
+// Preloaded into a server, this detects threads that end while libcrypto still keeps a state for them. Such a state may
+// be freed after the library's own clean-up if the process ends at that moment. The file named by ZARVO_CRYPTO_STATES
+// gets one byte for each such thread.
 
 #include <cstdlib>
 #include <cstring>
@@ -16,7 +16,7 @@ namespace {
 using Destructor = void (*)(void *);
 using CreateKey = int (*)(pthread_key_t *, Destructor);
 
-Destructor inner = nullptr; // libcrypto has one such key
+Destructor inner = nullptr; // libcrypto has only one key with a destructor
 
 void tellAndDestroy(void *state)
 {

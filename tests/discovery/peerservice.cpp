@@ -28,7 +28,7 @@ QByteArray contentOf(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-/** A server that only hands out descriptors. */
+/** A server that only collects the descriptors of its connections. */
 class Door : public QTcpServer
 {
 public:
@@ -106,7 +106,7 @@ void PeerService::run()
     }
 }
 
-/** Asks for a new handshake in the middle of the first one, which the other side has to ignore, over and over. */
+/** Sends, without a pause, requests for a new handshake during the first one. The other side has to ignore them. */
 void PeerService::flood(qintptr descriptor) const
 {
     const QByteArray record = QByteArray::fromHex("1603034000") + QByteArray(0x4000, '\0');
@@ -133,7 +133,7 @@ void PeerService::serve(qintptr descriptor)
         }
     };
     if (manner == Manner::FloodsHandshake) {
-        socket.waitForReadyRead(kPatienceMs); // what the other side greets with
+        socket.waitForReadyRead(kPatienceMs); // the start of its handshake
         flood(descriptor);
         return;
     }
@@ -157,7 +157,7 @@ void PeerService::serve(qintptr descriptor)
         return;
     }
     QByteArray read;
-    // What came with the end of the handshake is there already and is not announced again.
+    // Check bytesAvailable() first: data that came with the end of the handshake causes no further readyRead().
     while (!read.endsWith(',') && (socket.bytesAvailable() > 0 || socket.waitForReadyRead(kPatienceMs))) {
         read += socket.readAll();
     }

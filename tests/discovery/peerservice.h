@@ -11,7 +11,7 @@
 
 #include <atomic>
 
-/** A certificate with its key, made anew. Takes some tenths of a second. */
+/** A new certificate with its key. Making one takes some tenths of a second. */
 struct KeyPair
 {
     QSslCertificate certificate;
@@ -23,28 +23,28 @@ struct KeyPair
 };
 
 /**
- * Plays another server's service in a thread of its own, one connection after the other: reads one frame over TLS,
- * sends what it was told, piece by piece, and waits until the other side hangs up. Started and set from the test's
- * thread.
+ * Plays the service of another server, in a thread of its own. It serves one connection after the other: reads one
+ * frame over TLS, sends the pieces that it was given, and waits until the other side closes. The test's thread starts
+ * it and gives it the pieces.
  */
 class PeerService : public QThread
 {
 public:
     enum class Manner {
-        Answers,         ///< as above
-        HangsUp,         ///< the same, but hangs up itself
-        NoTls,           ///< sends what is no TLS
-        NeverEncrypts,   ///< accepts, and that is all
-        FloodsHandshake, ///< sends as fast as it can what a handshake passes over, for 40 seconds at most
+        Answers,         ///< as described above
+        HangsUp,         ///< the same, but closes the connection itself
+        NoTls,           ///< sends plain text
+        NeverEncrypts,   ///< accepts the connection and does nothing else
+        FloodsHandshake, ///< sends data that a handshake ignores as fast as it can, for up to 40 seconds
     };
 
     PeerService(const QHostAddress &address, const KeyPair &pair, Manner manner = Manner::Answers);
     ~PeerService() override;
 
-    /** What it answers from now on. */
+    /** Sets the answer to further requests. */
     void setPieces(const QList<QByteArray> &pieces_);
     [[nodiscard]] quint16 port() const { return boundPort; }
-    /** All that it was sent inside TLS. */
+    /** Everything that it has received through TLS. */
     [[nodiscard]] QByteArray received() const;
     /** The certificate that the last client showed. */
     [[nodiscard]] QSslCertificate shown() const;

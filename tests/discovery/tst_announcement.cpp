@@ -11,17 +11,17 @@ class TestAnnouncement : public QObject
     Q_OBJECT
 
 private slots:
-    void isWrittenToTheByte_data();
-    void isWrittenToTheByte();
-    void isReadBack_data();
-    void isReadBack();
-    void decorationDoesNoHarm_data();
-    void decorationDoesNoHarm();
-    void wrongShapeIsJsonAllTheSame_data();
-    void wrongShapeIsJsonAllTheSame();
-    void whatIsNoJsonIsToldApart_data();
-    void whatIsNoJsonIsToldApart();
-    void everyCutIsNoJson();
+    void datagramIsWrittenToTheByte_data();
+    void datagramIsWrittenToTheByte();
+    void datagramIsReadBack_data();
+    void datagramIsReadBack();
+    void decorationIsIgnored_data();
+    void decorationIsIgnored();
+    void wrongShapeIsStillJson_data();
+    void wrongShapeIsStillJson();
+    void otherTextIsNotJson_data();
+    void otherTextIsNotJson();
+    void truncatedDatagramIsNotJson();
 };
 
 namespace {
@@ -50,12 +50,12 @@ void addPorts()
 
 } // namespace
 
-void TestAnnouncement::isWrittenToTheByte_data()
+void TestAnnouncement::datagramIsWrittenToTheByte_data()
 {
     addPorts();
 }
 
-void TestAnnouncement::isWrittenToTheByte()
+void TestAnnouncement::datagramIsWrittenToTheByte()
 {
     QFETCH(const QString, method);
     QFETCH(const quint16, port);
@@ -63,12 +63,12 @@ void TestAnnouncement::isWrittenToTheByte()
     QTEST(Announcement({method, port, user}).toDatagram(), "text");
 }
 
-void TestAnnouncement::isReadBack_data()
+void TestAnnouncement::datagramIsReadBack_data()
 {
     addPorts();
 }
 
-void TestAnnouncement::isReadBack()
+void TestAnnouncement::datagramIsReadBack()
 {
     QFETCH(const QByteArray, text);
     bool isJson = false;
@@ -80,7 +80,7 @@ void TestAnnouncement::isReadBack()
     QTEST(read->user, "user");
 }
 
-void TestAnnouncement::decorationDoesNoHarm_data()
+void TestAnnouncement::decorationIsIgnored_data()
 {
     QTest::addColumn<QByteArray>("text");
     QTest::newRow("no line end") << kExample.trimmed();
@@ -94,7 +94,7 @@ void TestAnnouncement::decorationDoesNoHarm_data()
     QTest::newRow("largest datagram") << kExample + QByteArray(65507 - kExample.size(), ' ');
 }
 
-void TestAnnouncement::decorationDoesNoHarm()
+void TestAnnouncement::decorationIsIgnored()
 {
     QFETCH(const QByteArray, text);
     bool isJson = false;
@@ -104,7 +104,7 @@ void TestAnnouncement::decorationDoesNoHarm()
     QCOMPARE(read->toDatagram(), kExample);
 }
 
-void TestAnnouncement::wrongShapeIsJsonAllTheSame_data()
+void TestAnnouncement::wrongShapeIsStillJson_data()
 {
     QTest::addColumn<QByteArray>("text");
     const QByteArrayList wholes = {"null",
@@ -167,7 +167,7 @@ void TestAnnouncement::wrongShapeIsJsonAllTheSame_data()
                     "\"Port\":1e300"});
 }
 
-void TestAnnouncement::wrongShapeIsJsonAllTheSame()
+void TestAnnouncement::wrongShapeIsStillJson()
 {
     QFETCH(const QByteArray, text);
     bool isJson = false;
@@ -175,7 +175,7 @@ void TestAnnouncement::wrongShapeIsJsonAllTheSame()
     QVERIFY(isJson);
 }
 
-void TestAnnouncement::whatIsNoJsonIsToldApart_data()
+void TestAnnouncement::otherTextIsNotJson_data()
 {
     QTest::addColumn<QByteArray>("text");
     const QByteArrayList texts = {"",
@@ -207,7 +207,7 @@ void TestAnnouncement::whatIsNoJsonIsToldApart_data()
     QTest::newRow("largest garbage") << QByteArray(65507, '\xff');
 }
 
-void TestAnnouncement::whatIsNoJsonIsToldApart()
+void TestAnnouncement::otherTextIsNotJson()
 {
     QFETCH(const QByteArray, text);
     bool isJson = true;
@@ -215,7 +215,7 @@ void TestAnnouncement::whatIsNoJsonIsToldApart()
     QVERIFY(!isJson);
 }
 
-void TestAnnouncement::everyCutIsNoJson()
+void TestAnnouncement::truncatedDatagramIsNotJson()
 {
     const qsizetype whole = kExample.indexOf('}') + 1;
     for (qsizetype length = 0; length < whole; ++length) {

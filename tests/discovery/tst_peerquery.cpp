@@ -20,17 +20,17 @@ private slots:
     void initTestCase();
     void sessionsAreRead_data();
     void sessionsAreRead();
-    void queryIsThisToTheByte();
+    void requestIsThisToTheByte();
     void ownCertificateIsShown();
     void answerInPiecesIsPutTogether_data();
     void answerInPiecesIsPutTogether();
-    void refusedAnswersLeaveTheListAlone_data();
-    void refusedAnswersLeaveTheListAlone();
-    void peerThatHangsUpIsNamed_data();
-    void peerThatHangsUpIsNamed();
-    void otherCertificateIsRefusedBeforeAnythingIsAsked();
-    void peerThatIsNotThereIsNamed();
-    void peerWithoutTlsIsNamed();
+    void refusedAnswersLeaveTheListUnchanged_data();
+    void refusedAnswersLeaveTheListUnchanged();
+    void errorNamesAPeerThatHangsUp_data();
+    void errorNamesAPeerThatHangsUp();
+    void otherCertificateIsRefusedBeforeTheRequest();
+    void errorNamesAPeerThatIsNotThere();
+    void errorNamesAPeerWithoutTls();
     void silenceEndsAfterFifteenSeconds_data();
     void silenceEndsAfterFifteenSeconds();
     void floodEndsAfterFifteenSeconds();
@@ -99,7 +99,7 @@ void TestPeerQuery::sessionsAreRead_data()
     QTest::newRow("bytes behind") << answer(R"("result":[{"id":"a"}])") + "nonsense" << QStringList{u"a"_s};
     QTest::newRow("leading zeros") << "0" + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
     QTest::newRow("invalid UTF-8") << answer("\"result\":[{\"id\":\"a\xff\"}]") << QStringList{u"a\uFFFD"_s};
-    // A peer tells all of its clients of changes, and who asks is one of them until it is answered.
+    // A peer pushes changes to all its clients. We are one of them until it has answered.
     const QByteArray change = encodeNetString(R"({"jsonrpc":"2.0","method":"UpdateSessions","params":[{"id":"x"}]})");
     QTest::newRow("behind a notification") << change + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
     QTest::newRow("behind many") << change.repeated(5000) + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
@@ -120,7 +120,7 @@ void TestPeerQuery::sessionsAreRead()
     QCOMPARE(error, u"untouched"_s);
 }
 
-void TestPeerQuery::queryIsThisToTheByte()
+void TestPeerQuery::requestIsThisToTheByte()
 {
     PeerService peer(kLocal, own);
     peer.setPieces({answer(R"("result":null)")});
@@ -160,7 +160,7 @@ void TestPeerQuery::answerInPiecesIsPutTogether()
     QCOMPARE(ids(), (QStringList{u"a"_s, u"b"_s}));
 }
 
-void TestPeerQuery::refusedAnswersLeaveTheListAlone_data()
+void TestPeerQuery::refusedAnswersLeaveTheListUnchanged_data()
 {
     QTest::addColumn<QByteArray>("frame");
     QTest::addColumn<QString>("message");
@@ -196,7 +196,7 @@ void TestPeerQuery::refusedAnswersLeaveTheListAlone_data()
     json("result is an object", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":{"a":{"id":"a"}}})");
     json("result is text", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":"a"})");
     json("result is a number", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":0})");
-    json("result is no list, and an error", // the result counts
+    json("result is no list, and an error", // an answer with a result is not an error
          R"({"id":"ServerUpdate","jsonrpc":"2.0","result":false,"error":{"code":1,"message":"late"}})");
     const auto failed = [&](const char *name, const QByteArray &value, const QString &message) {
         QTest::newRow(name) << answer("\"error\":" + value) << message;
@@ -222,7 +222,7 @@ void TestPeerQuery::refusedAnswersLeaveTheListAlone_data()
     QTest::newRow("no comma") << "3:abcX"_ba << u"Missing NetString comma"_s;
 }
 
-void TestPeerQuery::refusedAnswersLeaveTheListAlone()
+void TestPeerQuery::refusedAnswersLeaveTheListUnchanged()
 {
     QFETCH(const QByteArray, frame);
     PeerService peer(kLocal, own);
@@ -232,7 +232,7 @@ void TestPeerQuery::refusedAnswersLeaveTheListAlone()
     QCOMPARE(ids(), QStringList{known.id});
 }
 
-void TestPeerQuery::peerThatHangsUpIsNamed_data()
+void TestPeerQuery::errorNamesAPeerThatHangsUp_data()
 {
     QTest::addColumn<QByteArray>("frame");
     QTest::newRow("at once") << QByteArray();
@@ -241,7 +241,7 @@ void TestPeerQuery::peerThatHangsUpIsNamed_data()
     QTest::newRow("before the comma") << "3:abc"_ba;
 }
 
-void TestPeerQuery::peerThatHangsUpIsNamed()
+void TestPeerQuery::errorNamesAPeerThatHangsUp()
 {
     QFETCH(const QByteArray, frame);
     PeerService peer(kLocal, own, Manner::HangsUp);
@@ -252,7 +252,7 @@ void TestPeerQuery::peerThatHangsUpIsNamed()
     QCOMPARE(ids(), QStringList{known.id});
 }
 
-void TestPeerQuery::otherCertificateIsRefusedBeforeAnythingIsAsked()
+void TestPeerQuery::otherCertificateIsRefusedBeforeTheRequest()
 {
     PeerService peer(kLocal, foreign);
     peer.setPieces({answer(R"("result":[{"id":"a"}])")});
@@ -262,7 +262,7 @@ void TestPeerQuery::otherCertificateIsRefusedBeforeAnythingIsAsked()
     QCOMPARE(peer.received(), QByteArray());
 }
 
-void TestPeerQuery::peerThatIsNotThereIsNamed()
+void TestPeerQuery::errorNamesAPeerThatIsNotThere()
 {
     quint16 port = 0;
     {
@@ -275,7 +275,7 @@ void TestPeerQuery::peerThatIsNotThereIsNamed()
     QVERIFY2(error.startsWith(start) && error.size() > start.size(), qPrintable(error));
 }
 
-void TestPeerQuery::peerWithoutTlsIsNamed()
+void TestPeerQuery::errorNamesAPeerWithoutTls()
 {
     PeerService peer(kLocal, own, Manner::NoTls);
     QVERIFY(!ask(peer));
@@ -308,7 +308,7 @@ void TestPeerQuery::silenceEndsAfterFifteenSeconds()
 
 void TestPeerQuery::floodEndsAfterFifteenSeconds()
 {
-    // There is always something to read, and it never comes to anything.
+    // There is always something to read, but the handshake never ends.
     PeerService peer(kLocal, own, Manner::FloodsHandshake);
     QElapsedTimer timer;
     timer.start();

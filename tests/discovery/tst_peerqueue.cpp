@@ -14,14 +14,14 @@ class TestPeerQueue : public QObject
 
 private slots:
     void oneAddressIsServedInItsOrder();
-    void samePeerIsKeptAsOftenAsItIsAdded();
+    void samePeerMayWaitSeveralTimes();
     void addressesTakeTurns();
     void oneAddressLeavesPlacesToOthers();
-    void placesInAllAreLimited();
-    void finishedOneGivesItsPlaceBack();
+    void allPlacesTogetherAreLimited();
+    void finishedPeerGivesItsPlaceBack();
     void fullQueueStillTakesAnotherAddress();
     void fullQueueDropsMoreOfTheSameAddress();
-    void fullQueueOfStrangersTakesNobody();
+    void fullQueueOfSinglePeersTakesNoOther();
     void everyPeerIsTakenOnce();
 };
 
@@ -43,7 +43,7 @@ QList<Peer> takeAll(PeerQueue &queue)
     return taken;
 }
 
-/** As many as there is room for, of one address. */
+/** Fills the queue with peers of one address. */
 void fill(PeerQueue &queue, const QHostAddress &of)
 {
     for (qsizetype i = 0; i < PeerQueue::kMaxWaiting; ++i) {
@@ -67,7 +67,7 @@ void TestPeerQueue::oneAddressIsServedInItsOrder()
     QCOMPARE(queue.asking(), 3);
 }
 
-void TestPeerQueue::samePeerIsKeptAsOftenAsItIsAdded()
+void TestPeerQueue::samePeerMayWaitSeveralTimes()
 {
     PeerQueue queue;
     const Peer peer(address(1), 5);
@@ -104,7 +104,7 @@ void TestPeerQueue::oneAddressLeavesPlacesToOthers()
     QCOMPARE(takeAll(queue), (QList<Peer>{{address(2), 1}}));
 }
 
-void TestPeerQueue::placesInAllAreLimited()
+void TestPeerQueue::allPlacesTogetherAreLimited()
 {
     PeerQueue queue;
     for (quint32 number = 0; number < 100; ++number) {
@@ -116,7 +116,7 @@ void TestPeerQueue::placesInAllAreLimited()
     QCOMPARE(takeAll(queue), (QList<Peer>{{address(PeerQueue::kMaxAsking), 1}}));
 }
 
-void TestPeerQueue::finishedOneGivesItsPlaceBack()
+void TestPeerQueue::finishedPeerGivesItsPlaceBack()
 {
     PeerQueue queue;
     constexpr quint16 kFirst = PeerQueue::kMaxAskingPerAddress;
@@ -144,7 +144,7 @@ void TestPeerQueue::fullQueueStillTakesAnotherAddress()
         last = asked.takeFirst();
         queue.finish(last);
     }
-    QCOMPARE(last, Peer(address(1), PeerQueue::kMaxWaiting - 2)); // its last one was dropped
+    QCOMPARE(last, Peer(address(1), PeerQueue::kMaxWaiting - 2)); // its last peer was dropped
 }
 
 void TestPeerQueue::fullQueueDropsMoreOfTheSameAddress()
@@ -158,7 +158,7 @@ void TestPeerQueue::fullQueueDropsMoreOfTheSameAddress()
     QVERIFY(!takeAll(queue).contains(Peer(address(2), 2)));
 }
 
-void TestPeerQueue::fullQueueOfStrangersTakesNobody()
+void TestPeerQueue::fullQueueOfSinglePeersTakesNoOther()
 {
     PeerQueue queue;
     for (quint32 number = 0; number < PeerQueue::kMaxWaiting; ++number) {
@@ -175,7 +175,7 @@ void TestPeerQueue::everyPeerIsTakenOnce()
     QList<Peer> taken;
     QList<Peer> asked;
     for (quint32 i = 0; i < 3000; ++i) {
-        // Mostly one address, now and then another one; those being asked end in another order.
+        // Most peers have the same address. The queries end in another order than they started.
         const Peer peer(address(i % 7 == 0 ? i % 11 : 100), static_cast<quint16>(i));
         added << peer;
         queue.add(peer);

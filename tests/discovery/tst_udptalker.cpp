@@ -26,7 +26,7 @@
 
 using namespace Qt::StringLiterals;
 
-/** The other host is played from 127.0.0.2, which belongs to this machine but to no interface. */
+/** Stands for the other host. 127.0.0.2 works on this machine, but is not an address of an interface. */
 class TestUdpTalker : public QObject
 {
     Q_OBJECT
@@ -36,9 +36,9 @@ private slots:
     void init();
     void cleanup();
     void announcementsGoToTheBroadcastAddress();
-    void updateGoesWhereItIsTold();
-    void userIsReadWhenItIsSent_data();
-    void userIsReadWhenItIsSent();
+    void updateGoesToTheGivenAddress();
+    void userIsReadAtEveryAnnouncement_data();
+    void userIsReadAtEveryAnnouncement();
     void helloIsAnsweredToItsSourcePortAndAsked();
     void updateIsAskedAndNotAnswered();
     void everyPendingDatagramIsHandled();
@@ -46,14 +46,14 @@ private slots:
     void otherDatagramsAreDropped();
     void ownDatagramsAreDropped();
     void failureForgetsThePeer();
-    void unreadableCredentialsLeaveTheListAlone_data();
-    void unreadableCredentialsLeaveTheListAlone();
+    void unreadableCredentialsLeaveTheListUnchanged_data();
+    void unreadableCredentialsLeaveTheListUnchanged();
     void finishedQueriesLeaveNoWatcher();
     void endWaitsForTheQuery();
     void endDropsQueriesThatHaveNotBegun();
     void silentAddressLeavesPlacesToOthers();
-    void wordsOfThePeerStayOneLine();
-    void withoutAPortSendingDoesNothing();
+    void messageOfAPeerIsLoggedOnOneLine();
+    void withoutAPortNothingIsBoundOrSent();
     void updateIsRepeatedEveryFiveMinutes();
 
 private:
@@ -65,13 +65,13 @@ private:
     {
         return Announcement{method, port, u"alice"_s}.toDatagram();
     }
-    /** What the other host hears next; empty when nothing comes. */
+    /** The next datagram that the other host receives; empty if none comes. */
     [[nodiscard]] static QByteArray hear(QUdpSocket *at)
     {
         return QTest::qWaitFor([at] { return at->hasPendingDatagrams(); }, 10000) ? at->receiveDatagram().data()
                                                                                   : QByteArray();
     }
-    /** A mark: once it is heard everything that was sent before is handled. */
+    /** Sends a marker and waits for its effect. Everything that was sent before is handled then. */
     void waitUntilHandled();
     [[nodiscard]] QStringList remoteIds() const;
     [[nodiscard]] QString location(const PeerService &peer) const { return u"127.0.0.2:%1"_s.arg(peer.port()); }
@@ -81,7 +81,7 @@ private:
     std::unique_ptr<CollectingLogger> log;
     std::unique_ptr<QTemporaryDir> dir;
     std::unique_ptr<SessionStore> store;
-    std::unique_ptr<QUdpSocket> ear;    ///< of the other host, where broadcasts go
+    std::unique_ptr<QUdpSocket> ear;    ///< of the other host; receives the broadcasts
     std::unique_ptr<QUdpSocket> socket; ///< of the talker
     std::unique_ptr<UdpTalker> talker;
 };
@@ -164,7 +164,7 @@ void TestUdpTalker::announcementsGoToTheBroadcastAddress()
     QCOMPARE(hear(ear.get()), "{\"Method\":\"UPDATE\",\"Port\":40123,\"User\":\"alice\"}\n"_ba);
 }
 
-void TestUdpTalker::updateGoesWhereItIsTold()
+void TestUdpTalker::updateGoesToTheGivenAddress()
 {
     QUdpSocket other;
     QVERIFY(other.bind(kOtherHost));
@@ -173,7 +173,7 @@ void TestUdpTalker::updateGoesWhereItIsTold()
     QVERIFY(!ear->hasPendingDatagrams());
 }
 
-void TestUdpTalker::userIsReadWhenItIsSent_data()
+void TestUdpTalker::userIsReadAtEveryAnnouncement_data()
 {
     QTest::addColumn<std::optional<QByteArray>>("value");
     QTest::addColumn<QByteArray>("sent");
@@ -183,7 +183,7 @@ void TestUdpTalker::userIsReadWhenItIsSent_data()
     QTest::newRow("unset") << std::optional<QByteArray>() << ""_ba;
 }
 
-void TestUdpTalker::userIsReadWhenItIsSent()
+void TestUdpTalker::userIsReadAtEveryAnnouncement()
 {
     QFETCH(const std::optional<QByteArray>, value);
     QFETCH(const QByteArray, sent);
@@ -208,7 +208,7 @@ void TestUdpTalker::helloIsAnsweredToItsSourcePortAndAsked()
     QCOMPARE(peer.connections(), 1);
     QVERIFY(!other.hasPendingDatagrams());
     QVERIFY(!ear->hasPendingDatagrams());
-    // It is kept under this name and no other.
+    // The list is stored under this location only.
     store->forgetRemoteSessions(location(peer));
     QCOMPARE(remoteIds(), QStringList());
     QCOMPARE(log->takeLines(), QStringList());
@@ -221,7 +221,7 @@ void TestUdpTalker::updateIsAskedAndNotAnswered()
     say(message(u"UPDATE"_s, peer.port()));
     QTRY_COMPARE(remoteIds(), QStringList{u"a"_s});
     peer.setPieces({answer("null")});
-    // The answer to this one would come second.
+    // If this one were answered, the answer would come second.
     say(message(u"HELLO"_s, peer.port()));
     QTRY_COMPARE(remoteIds(), QStringList());
     QCOMPARE(hear(ear.get()), message(u"UPDATE"_s, kServicePort));
@@ -231,7 +231,7 @@ void TestUdpTalker::updateIsAskedAndNotAnswered()
 
 void TestUdpTalker::everyPendingDatagramIsHandled()
 {
-    // More than are taken at once, and all there before the first is looked at: the system has to hold that many.
+    // More than one pass reads. All of them arrive before the first is read, so the system has to buffer that many.
     constexpr int kCount = 300;
     socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, 400000);
     for (int i = 0; i < kCount; ++i) {
@@ -295,14 +295,14 @@ void TestUdpTalker::failureForgetsThePeer()
     QCOMPARE(log->takeLines(), QStringList{u"Warning: Missing NetString comma"_s});
 }
 
-void TestUdpTalker::unreadableCredentialsLeaveTheListAlone_data()
+void TestUdpTalker::unreadableCredentialsLeaveTheListUnchanged_data()
 {
     QTest::addColumn<QString>("file");
     QTest::newRow("key") << u"key"_s;
     QTest::newRow("certificate") << u"cert"_s;
 }
 
-void TestUdpTalker::unreadableCredentialsLeaveTheListAlone()
+void TestUdpTalker::unreadableCredentialsLeaveTheListUnchanged()
 {
     QFETCH(const QString, file);
     PeerService peer(kOtherHost, pair);
@@ -347,7 +347,7 @@ void TestUdpTalker::endWaitsForTheQuery()
 
 void TestUdpTalker::endDropsQueriesThatHaveNotBegun()
 {
-    // Requests that wait for an agent have all threads of the pool.
+    // Requests that wait for an agent occupy all threads of the pool.
     QThreadPool *pool = QThreadPool::globalInstance();
     QSemaphore answered;
     const int threads = pool->maxThreadCount();
@@ -390,7 +390,7 @@ void TestUdpTalker::silentAddressLeavesPlacesToOthers()
     QTRY_COMPARE_WITH_TIMEOUT(remoteIds(), QStringList{u"a"_s}, 10000);
 }
 
-void TestUdpTalker::wordsOfThePeerStayOneLine()
+void TestUdpTalker::messageOfAPeerIsLoggedOnOneLine()
 {
     PeerService peer(kOtherHost, pair);
     peer.setPieces(
@@ -415,7 +415,7 @@ void TestUdpTalker::updateIsRepeatedEveryFiveMinutes()
     QCOMPARE(hear(ear.get()), message(u"UPDATE"_s, kServicePort));
 }
 
-void TestUdpTalker::withoutAPortSendingDoesNothing()
+void TestUdpTalker::withoutAPortNothingIsBoundOrSent()
 {
     QUdpSocket unbound;
     UdpTalker silent(&unbound, kOtherHost, 0, kServicePort, store.get(), QString(), QString(), nullptr);
@@ -427,7 +427,7 @@ void TestUdpTalker::withoutAPortSendingDoesNothing()
     QCOMPARE(hear(ear.get()), message(u"UPDATE"_s, kServicePort));
     QVERIFY(!ear->hasPendingDatagrams());
     QCOMPARE(log->takeLines(), QStringList());
-    // A port of its own would be open to everybody.
+    // If the socket had a port, everybody could reach it.
     QCOMPARE(unbound.state(), QAbstractSocket::UnconnectedState);
     QCOMPARE(unbound.localPort(), 0);
 }
