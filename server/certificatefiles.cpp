@@ -26,7 +26,7 @@ bool isSameTime(const timespec &a, const timespec &b)
     return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-/** Whether nobody has written to a file between two looks. The time of change covers what sets back the other one. */
+/** Whether a file was not written to. Compares st_ctim as well, because programs can set st_mtim back. */
 bool isUntouched(const struct stat &before, const struct stat &after)
 {
     return before.st_dev == after.st_dev && before.st_ino == after.st_ino && before.st_size == after.st_size &&

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 
 /**
- * The files of the server's certificate and key. Makes them at the first start, and removes them again when they turn
+ * The files of the server's certificate and key. Creates them at the first start, and removes them again if they turn
  * out to be useless. Used on the main thread during start-up.
  */
 class CertificateFiles final
@@ -18,22 +18,22 @@ public:
 
     /**
      * Creates the self-signed certificate and its key with the "openssl" program, unless there is a certificate
-     * already. Blocks for as long as that takes.
+     * already. Blocks until the program has ended.
      *
-     * @param error  set only on failure: one sentence; what a failed run has written stays
+     * @param error  set only on failure: one sentence. Files that a failed run has written stay
      */
     [[nodiscard]] bool createIfMissing(QString *error);
 
     /**
-     * Removes what createIfMissing() has written. A file stays if the run of "openssl" did not touch it, or if somebody
-     * has changed it since: another host with the same home directory may be starting, too.
+     * Removes the files that createIfMissing() has written. A file stays if "openssl" did not write it, or if it has
+     * changed since: a server on another host may use the same home directory.
      */
     void removeCreated() const;
 
 private:
     struct CreatedFile
     {
-        QString path; ///< of the file itself, where the user has put a symlink in its place
+        QString path; ///< with symlinks resolved, so that a symlink of the user stays
         struct stat state;
     };
 

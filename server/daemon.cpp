@@ -19,11 +19,11 @@ QString systemError()
     return qt_error_string(errno);
 }
 
-/** Gives an open file another number, under which the programs that we start have it too. */
+/** Moves an open descriptor to another number, where the programs that we start inherit it. */
 bool moveDescriptor(int from, int to)
 {
     if (from == to) {
-        return ::fcntl(to, F_SETFD, 0) == 0; // opened in the place of what the caller had closed
+        return ::fcntl(to, F_SETFD, 0) == 0; // the caller had closed this number, so open() chose it
     }
     if (::dup2(from, to) == -1) {
         return false;
@@ -42,7 +42,7 @@ void doNothing(int)
 {
 }
 
-/** Makes a signal have no effect here and, unlike an ignored one, its usual effect in programs that we start. */
+/** Makes a signal have no effect here. Programs that we start get its default action, unlike with SIG_IGN. */
 void catchNothingOf(int number)
 {
     struct sigaction action = {};
@@ -63,7 +63,7 @@ bool writeAll(const char *data, size_t length)
     return true;
 }
 
-/** The parent's whole remaining life. */
+/** Copies messages until the other end is closed, and then ends the parent. */
 [[noreturn]] void relayMessages(int readEnd)
 {
     catchNothingOf(SIGPIPE);
@@ -77,7 +77,7 @@ bool writeAll(const char *data, size_t length)
     }
 }
 
-/** A blocked or ignored signal would stay so in the server and in all that it starts. */
+/** Resets what the caller has blocked or ignored, because the server and its programs would inherit it. */
 void resetSignals()
 {
     sigset_t none;
@@ -86,11 +86,11 @@ void resetSignals()
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
     for (int number = 1; number <= SIGRTMAX; ++number) {
-        ::sigaction(number, &action, nullptr); // some cannot be changed, and need not be
+        ::sigaction(number, &action, nullptr); // fails for some, which does not matter
     }
-    // Whoever reads our messages may go away; that is no reason to end without cleaning up.
+    // If the reader of our messages goes away, we still have to clean up.
     catchNothingOf(SIGPIPE);
-    // Where files may not grow any more, a write fails, as on a full disk.
+    // At the limit of file sizes a write must fail, as on a full disk, and not end the process.
     catchNothingOf(SIGXFSZ);
 }
 
@@ -99,7 +99,7 @@ bool detach(int writeEnd)
     if (!moveDescriptor(writeEnd, STDERR_FILENO)) {
         return false;
     }
-    // What the caller left open is not ours to keep, nor to hand on to the agents.
+    // Close what the caller left open, or the agents would inherit it.
     ::close_range(STDERR_FILENO + 1, ~0U, 0);
     resetSignals();
     return ::setsid() != -1 && ::chdir("/") == 0 && openNullDevice(STDIN_FILENO, O_RDONLY) &&

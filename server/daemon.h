@@ -4,19 +4,18 @@
 #include <QString>
 
 /**
- * Forks, and returns in the child alone: a process in a session of its own, working in "/", with standard
- * input and output on "/dev/null" and no other descriptor of its caller's. Its standard error leads to the
- * parent, which stays with the caller's terminal, copies what arrives and exits with 0 once
- * closeStartupChannel() was called or the child has ended.
+ * Forks and returns only in the child. The child has a session of its own, works in "/", and has standard input and
+ * output on "/dev/null" and no other descriptor of its caller. Its standard error is a pipe to the parent. The parent
+ * copies it to the caller's terminal and exits with 0 after closeStartupChannel() or the end of the child.
  *
- * Called first thing, before there are threads.
+ * Called first, before there are threads.
  *
- * @param error  set only on failure, which is reported in the one process or in the child: one sentence
+ * @param error  set only on failure: one sentence. If forking fails, this returns false in the original process
  */
 [[nodiscard]] bool becomeDaemon(QString *error);
 
 /**
- * Ends the start-up: standard error goes to "/dev/null" from now on and the parent exits.
- * @param error  set only on failure
+ * Ends the start-up: points standard error at "/dev/null", so that the parent exits.
+ * @param error  set only on failure: one sentence
  */
 [[nodiscard]] bool closeStartupChannel(QString *error);

@@ -6,13 +6,13 @@ class QIODevice;
 class SessionStore;
 class SessionUpdater;
 
-/** Knows what the handler of a client connection needs. Owns nothing; used on the main thread. */
+/** Makes the handlers of client connections. Owns nothing; used on the main thread. */
 class HandlerFactory final
 {
 public:
     HandlerFactory(SessionStore *store, SessionUpdater *updater);
 
-    /** A handler with method objects of its own that gets every update; the caller gives it a parent. */
+    /** Makes a handler that has method objects of its own and gets every update. The caller gives it a parent. */
     [[nodiscard]] Handler *createHandler(QIODevice *device) const;
 
 private:

@@ -17,12 +17,12 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Requests wait for agents on pool threads, so a machine with few processors still needs some. */
+/** Requests wait for agents on pool threads, so even a machine with one processor needs several. */
 constexpr int kMinPoolThreads = 4;
 
 /**
- * As long as it lives, an application object that is made takes Qt's own event loop: GLib's makes a system call for
- * each event that is posted, of which a request has several. The programs that we start are to see nothing of it.
+ * While it exists, a new application object uses Qt's own event loop. GLib's makes a system call for each posted event,
+ * and a request posts several. The variable is removed again, so that the programs that we start do not inherit it.
  */
 class WithoutGlib final
 {

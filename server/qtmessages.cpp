@@ -26,7 +26,8 @@ void logQtMessage(QtMsgType type, const QMessageLogContext &, const QString &tex
     if (!qApp) {
         return;
     }
-    // Queued, because Qt may report something while the logger writes. The logger may end before the event is handled.
+    // Queued, because Qt may report something while the logger writes. The logger may be gone when the event is
+    // handled.
     QMetaObject::invokeMethod(
         qApp,
         [text] {

@@ -16,13 +16,10 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/**
- * Other users may put what they like under our name into the temporary directory. Their files are passed
- * over, for as many names as this.
- */
+/** How many names of a lock file are tried, because other users may have put files under our names. */
 constexpr int kLockNames = 16;
 
-/** The id is hashed, for it holds the user's name, which may be of any length and form. */
+/** Hashes the id, because it contains the user's name, which may have any length and form. */
 QString lockPath(const QString &folder, const QString &id, int number)
 {
     const QByteArray digest = QCryptographicHash::hash(id.toUtf8(), QCryptographicHash::Sha256).toHex().first(16);
@@ -30,7 +27,7 @@ QString lockPath(const QString &folder, const QString &id, int number)
         u"zarvo-%1-%2-%3.lock"_s.arg(QString::fromLatin1(digest)).arg(::geteuid()).arg(number));
 }
 
-/** Opens a lock file of ours, with O_CREAT in @p create if need be; -1 for one that somebody else has put there. */
+/** Opens our lock file. @p create is O_CREAT or 0. -1 if it is missing or somebody else has put it there. */
 int openLockFile(const QString &path, int create)
 {
     const int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -80,16 +77,16 @@ bool QtSingleCoreApplication::isRunning()
     if (lock != -1) {
         return false;
     }
-    // Every name is tried, also behind the one that we could have: the other process may have started when
-    // somebody's file stood in its way.
+    // Try every name, even after we hold a lock: the other process may hold a later name, because a file that is gone
+    // now was in its way.
     for (int number = 0; number < 2 * kLockNames; ++number) {
-        // The second half is for a temporary directory that is missing or full.
+        // The second half is for a temporary directory that is missing or full: then the lock is in /tmp.
         const QString folder = number < kLockNames ? QDir::tempPath() : u"/tmp"_s;
         const int descriptor = openLockFile(lockPath(folder, id, number % kLockNames), lock == -1 ? O_CREAT : 0);
         if (descriptor == -1) {
             continue;
         }
-        // Usually the two folders are one, and our own lock on the same file would look like somebody else's.
+        // Usually both folders are the same one. Our own lock must not look like that of another process.
         if (lock != -1 && isSameFile(descriptor, lock)) {
             ::close(descriptor);
             continue;

@@ -5,19 +5,19 @@
 #include <QString>
 
 /**
- * The application object of a program of which each user runs one: whoever asks first holds a lock until its
- * process ends, however it ends. Child processes do not inherit it.
+ * The application object of a program that each user runs once. The first process holds a lock until it ends, however
+ * it ends. Child processes do not inherit the lock.
  */
 class QtSingleCoreApplication : public QCoreApplication
 {
     Q_OBJECT
 
 public:
-    /** @param id  names the program and, together with the user's numeric id, the lock */
+    /** @param id  the name of the program; the lock is for this id and the numeric id of the user */
     QtSingleCoreApplication(const QString &id, int &argc, char **argv);
     ~QtSingleCoreApplication() override;
 
-    /** Whether another process of this user holds the id; if not, this one holds it from now on. */
+    /** Whether another process of this user holds the lock. If not, this process holds it from now on. */
     [[nodiscard]] bool isRunning();
 
 private:

@@ -100,7 +100,7 @@ bool Server::createSessionDirectory(QString *error)
 void Server::startWorkers()
 {
     logMessage(LogDebug1, u"Initializing data stores"_s);
-    // Without discovery nobody could do anything with the URL.
+    // Without discovery no other host sees the sessions, so their URL is useless.
     const QString location = settings.broadcastPort != 0 ? settings.sciUrl : QString();
     store = std::make_unique<SessionStore>(sessionsPath(), settings.displayBase, settings.displayEnd(), location);
     QList<SessionInfo> ignored;
@@ -115,7 +115,7 @@ bool Server::readCredentials(QString *error)
 {
     logMessage(LogDebug1, u"Reading the certificate files"_s);
     if (!QSslSocket::supportsSsl()) {
-        // Nothing could be said of the files, and a pair that is new would be removed for nothing.
+        // Stop here: without the plugin no file can be read, and a good new pair would be removed.
         *error = u"Failed to load Qt's plugin for TLS: it is missing, or descriptors or memory are short"_s;
         return false;
     }

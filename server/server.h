@@ -24,9 +24,8 @@ class SuspendChecker;
 class UdpTalker;
 
 /**
- * The server's long-lived objects, in the order in which start-up makes them, and so destroyed in reverse:
- * also when a step of the start-up fails, and then as many as there are. Lives on the main thread, within the
- * application object's life.
+ * The server's long-lived objects, as members in the order in which start-up creates them. So they are destroyed in
+ * reverse order, also if a step of the start-up fails. Lives on the main thread, shorter than the application object.
  */
 class Server final
 {
@@ -36,15 +35,15 @@ public:
     Q_DISABLE_COPY_MOVE(Server)
 
     /**
-     * Starts everything, serves until the application is told to quit, and returns the process's exit code.
-     * What goes wrong before the event loop runs is told on standard error and in the log, in one line.
+     * Starts everything, serves until the application quits, and returns the exit code of the process. If a step of the
+     * start-up fails, the reason is written to standard error and to the log, in one line.
      */
     [[nodiscard]] int run();
 
 private:
-    /** Reads the settings and opens the log, without which nothing else is started. */
+    /** Reads the settings and opens the log. */
     [[nodiscard]] bool openLog(QString *error);
-    /** All further steps up to the event loop. */
+    /** Does all further steps up to the event loop. */
     [[nodiscard]] bool start(QString *error);
 
     [[nodiscard]] bool writePidFile(QString *error);

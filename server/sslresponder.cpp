@@ -9,7 +9,7 @@
 
 namespace {
 
-/** What a client may send ahead before the system makes it wait. */
+/** How much of a client's data is buffered until the system makes the client wait. */
 constexpr qint64 kReadBufferBytes = 1048576;
 
 } // namespace

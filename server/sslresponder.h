@@ -6,8 +6,8 @@
 class HandlerFactory;
 
 /**
- * Gives every connection of a TLS server its handler, which goes with the socket when the client does. Lives
- * on the main thread.
+ * Gives each connection of a TLS server its handler. Handler and socket are deleted after the client has gone. Lives on
+ * the main thread.
  */
 class SslResponder : public QObject
 {

@@ -4,7 +4,7 @@
 #include <QString>
 
 /**
- * Tells whoever started the server why it does not start, in one line on standard error.
+ * Writes the reason why the server does not start as one line to standard error.
  * @return the process's exit code
  */
 int reportStartupFailure(const QString &cause);

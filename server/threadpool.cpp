@@ -12,9 +12,9 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Long enough for any machine; threads that could be had a moment ago do not fail to come up. */
+/** Long enough for a busy machine, because the system has just proved that it has the threads. */
 constexpr int kStartTimeoutMs = 10000;
-/** Those of the two workers. */
+/** The threads of the two workers. */
 constexpr int kFurtherThreads = 2;
 
 } // namespace
@@ -27,7 +27,7 @@ bool startPoolThreads(QString *error)
         return false;
     }
     pool->setExpiryTimeout(-1);
-    // Each task keeps its thread until all have one. It may end after this function.
+    // Each task occupies its thread until all tasks have one. Shared, because a task may end after this function.
     const auto started = std::make_shared<QSemaphore>();
     const auto end = std::make_shared<QSemaphore>();
     for (int number = 0; number < count; ++number) {

@@ -4,11 +4,11 @@
 #include <QString>
 
 /**
- * Makes all threads that the global pool may have, for good. Without this a thread is made when a request needs it, and
- * when there is none to be had Qt drops the request without a word: the client waits for ever, and so does the
- * server's end. Threads that the pool has beyond its size, for queries of peers, are not among them.
+ * Starts all threads of the global pool, which then never expire. Otherwise a thread would be started when a request
+ * needs it, and if the system had none, Qt would drop the request silently: the client would wait for ever, and so
+ * would the end of the server. Extra threads, which the pool starts for queries of peers, are not included.
  *
- * Called on the main thread during start-up, once the pool has its size and before it is used.
+ * Called on the main thread during start-up, after the size of the pool was set and before the pool is used.
  *
  * @param error  set only on failure: one sentence
  */

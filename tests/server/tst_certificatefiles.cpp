@@ -101,7 +101,7 @@ void TestCertificateFiles::missingPairIsCreated()
     QCOMPARE(certificate.effectiveDate().secsTo(certificate.expiryDate()), 365LL * 24 * 3600);
     QVERIFY(qAbs(before.secsTo(certificate.effectiveDate())) < 120);
 
-    // That they belong together is beyond Qt's classes.
+    // Qt cannot tell whether key and certificate belong together.
     const QString publicKey = dir->filePath(u"public"_s);
     QVERIFY(runProgram(u"openssl"_s, {u"rsa"_s, u"-in"_s, keyPath(), u"-pubout"_s, u"-out"_s, publicKey}, QString(),
                        60000, &error));
@@ -111,7 +111,7 @@ void TestCertificateFiles::missingPairIsCreated()
 void TestCertificateFiles::existingCertificateIsKept_data()
 {
     QTest::addColumn<QByteArray>("certificate");
-    QTest::addColumn<QByteArray>("key"); // null: there is none
+    QTest::addColumn<QByteArray>("key"); // null: no file
     QTest::newRow("both") << "certificate"_ba
                           << "key"_ba;
     QTest::newRow("no key") << "certificate"_ba << QByteArray();
@@ -200,7 +200,7 @@ void TestCertificateFiles::createdFilesAreRemoved()
 
 void TestCertificateFiles::filesThatOpensslDidNotWriteStay_data()
 {
-    QTest::addColumn<QByteArray>("certificate"); // before the run; null: there is none
+    QTest::addColumn<QByteArray>("certificate"); // before the run; null: no file
     QTest::addColumn<QByteArray>("script");
     QTest::newRow("certificate was there") << "old"_ba
                                            << "echo new > \"$7\"; echo new > \"$9\"\n"_ba;

@@ -34,7 +34,7 @@ namespace {
 
 QStringList lines;
 
-/** Installed by the test and, as in the server, not uninstalled before its end. */
+/** As in the server, nobody uninstalls it before its end. */
 class LineLogger final : public Logging
 {
 public:

@@ -29,37 +29,37 @@ private slots:
     void onlyTheFirstProcessHoldsTheId();
     void idsDoNotDisturbEachOther_data();
     void idsDoNotDisturbEachOther();
-    void idIsFreeAgainWhenItsProcessEnds_data();
-    void idIsFreeAgainWhenItsProcessEnds();
+    void idIsFreeAfterTheEndOfItsProcess_data();
+    void idIsFreeAfterTheEndOfItsProcess();
     void childProcessDoesNotInheritTheLock();
-    void applicationObjectGivesTheIdBack();
-    void lockFileIsOfTheUserAlone();
-    void whatOthersPutInTheWayIsPassedOver_data();
-    void whatOthersPutInTheWayIsPassedOver();
-    void holderBehindAnObstacleIsFoundWhenTheObstacleIsGone();
+    void destroyedApplicationObjectReleasesTheId();
+    void lockFileIsPrivate();
+    void filesOfOthersAreSkipped_data();
+    void filesOfOthersAreSkipped();
+    void holderOfALaterNameIsFound();
     void usersDoNotDisturbEachOther();
 
 private:
     [[nodiscard]] std::unique_ptr<OtherProcess> start(const QString &id, const QString &mode = u"single"_s) const;
-    /** What a new process of this id is told. */
+    /** The answer that a new process gets for this id. */
     [[nodiscard]] QByteArray ask(const QString &id) const;
     /** The path of the only lock file. */
     [[nodiscard]] QString lockFile() const;
 
-    std::unique_ptr<QTemporaryDir> dir; ///< the directory for temporary files of all processes
+    std::unique_ptr<QTemporaryDir> dir; ///< the temporary directory of all processes
 };
 
 namespace {
 
 const QString kId = u"zarvo_test-anna"_s;
 
-/** Whether this process exists and runs this program; one that has ended has no command line. */
+/** Whether the process exists and runs this program. A zombie has no command line. */
 bool runs(int pid, const QByteArray &program)
 {
     return contentOf(u"/proc/%1/cmdline"_s.arg(pid)).startsWith(program);
 }
 
-/** Holds a lock on a file, if there is one, while it lives. */
+/** Holds a lock on a file, if the file exists, until it is destroyed. */
 class FileLock final
 {
 public:
@@ -127,12 +127,12 @@ void TestQtSingleCoreApplication::onlyTheFirstProcessHoldsTheId()
     QFETCH(const QString, id);
     const auto first = start(id);
     QCOMPARE(first->nextLine(), "free"_ba);
-    QCOMPARE(first->nextLine(), "free"_ba); // asking again does not find oneself
+    QCOMPARE(first->nextLine(), "free"_ba); // the process does not find its own lock
     const auto second = start(id);
     QCOMPARE(second->nextLine(), "taken"_ba);
     QCOMPARE(second->nextLine(), "taken"_ba);
     QCOMPARE(ask(id), "taken"_ba);
-    QVERIFY(second->finish()); // takes nothing away from the first
+    QVERIFY(second->finish()); // the first one keeps its lock
     QCOMPARE(ask(id), "taken"_ba);
 }
 
@@ -157,14 +157,14 @@ void TestQtSingleCoreApplication::idsDoNotDisturbEachOther()
     QCOMPARE(ask(other), "taken"_ba);
 }
 
-void TestQtSingleCoreApplication::idIsFreeAgainWhenItsProcessEnds_data()
+void TestQtSingleCoreApplication::idIsFreeAfterTheEndOfItsProcess_data()
 {
     QTest::addColumn<bool>("killed");
     QTest::newRow("by itself") << false;
     QTest::newRow("by SIGKILL") << true;
 }
 
-void TestQtSingleCoreApplication::idIsFreeAgainWhenItsProcessEnds()
+void TestQtSingleCoreApplication::idIsFreeAfterTheEndOfItsProcess()
 {
     QFETCH(const bool, killed);
     const auto first = start(kId);
@@ -192,7 +192,7 @@ void TestQtSingleCoreApplication::childProcessDoesNotInheritTheLock()
     QVERIFY(childLives);
 }
 
-void TestQtSingleCoreApplication::applicationObjectGivesTheIdBack()
+void TestQtSingleCoreApplication::destroyedApplicationObjectReleasesTheId()
 {
     const auto process = start(kId, u"single-twice"_s);
     QCOMPARE(process->nextLine(), "free"_ba);
@@ -200,7 +200,7 @@ void TestQtSingleCoreApplication::applicationObjectGivesTheIdBack()
     QCOMPARE(ask(kId), "taken"_ba);
 }
 
-void TestQtSingleCoreApplication::lockFileIsOfTheUserAlone()
+void TestQtSingleCoreApplication::lockFileIsPrivate()
 {
     const mode_t previous = ::umask(0);
     const QByteArray answer = ask(kId);
@@ -210,7 +210,7 @@ void TestQtSingleCoreApplication::lockFileIsOfTheUserAlone()
     QCOMPARE(modeOf(lockFile()), 0600);
 }
 
-void TestQtSingleCoreApplication::whatOthersPutInTheWayIsPassedOver_data()
+void TestQtSingleCoreApplication::filesOfOthersAreSkipped_data()
 {
     QTest::addColumn<QString>("obstacle");
     QTest::newRow("symbolic link to a file") << u"link"_s;
@@ -218,12 +218,12 @@ void TestQtSingleCoreApplication::whatOthersPutInTheWayIsPassedOver_data()
     QTest::newRow("second name of a file") << u"hard link"_s;
     QTest::newRow("named pipe") << u"pipe"_s;
     QTest::newRow("directory") << u"directory"_s;
-    if (::geteuid() == 0) { // only root can make one
+    if (::geteuid() == 0) { // only root can create a file of another user
         QTest::newRow("file of another user") << u"foreign"_s;
     }
 }
 
-void TestQtSingleCoreApplication::whatOthersPutInTheWayIsPassedOver()
+void TestQtSingleCoreApplication::filesOfOthersAreSkipped()
 {
     QFETCH(const QString, obstacle);
     QCOMPARE(ask(kId), "free"_ba);
@@ -250,7 +250,7 @@ void TestQtSingleCoreApplication::whatOthersPutInTheWayIsPassedOver()
         QCOMPARE(::chown(encoded.constData(), 65534, 65534), 0);
     }
 
-    // Its owner holds a lock on it, to keep us from running.
+    // Its owner holds a lock on it to prevent us from running.
     const FileLock lock(obstacle == u"foreign"_s ? path : target);
 
     const auto first = start(kId);
@@ -260,7 +260,7 @@ void TestQtSingleCoreApplication::whatOthersPutInTheWayIsPassedOver()
     QVERIFY(obstacle == u"dangling"_s || contentOf(target) == "not to be touched");
 }
 
-void TestQtSingleCoreApplication::holderBehindAnObstacleIsFoundWhenTheObstacleIsGone()
+void TestQtSingleCoreApplication::holderOfALaterNameIsFound()
 {
     QCOMPARE(ask(kId), "free"_ba);
     const QString path = lockFile();

@@ -27,8 +27,8 @@ private slots:
     void init();
     void cleanup();
     void connectionGetsAHandlerAndALimitedBuffer();
-    void connectionsOfOnePassGetAHandlerEach();
-    void socketAndHandlerGoWithTheClient();
+    void eachConnectionOfOnePassGetsAHandler();
+    void socketAndHandlerAreDeletedWhenTheClientGoes();
     void otherSendersAreIgnored();
 
 private:
@@ -47,7 +47,7 @@ namespace {
 
 constexpr int kPatienceMs = 30000;
 
-/** Connects without turning the event loop, so that the server has not seen the client yet. */
+/** Connects without running the event loop, so that the server has not accepted the client yet. */
 std::unique_ptr<QTcpSocket> connectClient(const SslServer &server)
 {
     auto client = std::make_unique<QTcpSocket>();
@@ -94,7 +94,7 @@ void TestSslResponder::connectionGetsAHandlerAndALimitedBuffer()
     QVERIFY(!server->hasPendingConnections());
 }
 
-void TestSslResponder::connectionsOfOnePassGetAHandlerEach()
+void TestSslResponder::eachConnectionOfOnePassGetsAHandler()
 {
     constexpr int kClients = 5;
     std::vector<std::unique_ptr<QTcpSocket>> clients;
@@ -110,7 +110,7 @@ void TestSslResponder::connectionsOfOnePassGetAHandlerEach()
     }
 }
 
-void TestSslResponder::socketAndHandlerGoWithTheClient()
+void TestSslResponder::socketAndHandlerAreDeletedWhenTheClientGoes()
 {
     auto first = connectClient(*server);
     const auto second = connectClient(*server);
@@ -130,7 +130,7 @@ void TestSslResponder::otherSendersAreIgnored()
     QTcpSocket client;
     client.connectToHost(u"127.0.0.1"_s, plain.serverPort());
     QTRY_VERIFY_WITH_TIMEOUT(plain.hasPendingConnections(), kPatienceMs);
-    responder->newConnection(); // nor without any sender
+    responder->newConnection(); // there is no sender at all
     QCOMPARE(TEST_heldConnections(), 0);
     QVERIFY(plain.hasPendingConnections());
 }

@@ -24,7 +24,7 @@ private slots:
 
 namespace {
 
-/** Sends standard error into a file while it lives. */
+/** Redirects standard error into a file until it is destroyed. */
 class StandardErrorFile final
 {
 public:
@@ -70,7 +70,7 @@ void TestStartupFailure::causeIsOneCriticalLineOnStandardError()
     int number = 0;
     QString path;
     int code = -1;
-    do { // once more when the second has changed in between
+    do { // again if the second has changed in between
         time = timeText();
         path = dir.filePath(QString::number(number++));
         const StandardErrorFile file(path);
