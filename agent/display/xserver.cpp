@@ -38,7 +38,7 @@ constexpr qsizetype kMaxLines = 20;
 constexpr qsizetype kMaxLineLength = 200;
 constexpr qsizetype kMaxTitleLength = 100;
 
-QList<QByteArray> serverArguments(const QByteArray &program, const XServerSettings &settings)
+QList<QByteArray> xServerArguments(const QByteArray &program, const XServerSettings &settings)
 {
     const QString size = u"%1x%2"_s.arg(settings.size.width()).arg(settings.size.height());
     // clang-format off
@@ -122,7 +122,7 @@ bool XServer::start(const XServerSettings &settings_, QString *error)
     }
     SpawnRequest request;
     request.program = program;
-    request.arguments = serverArguments(program, settings);
+    request.arguments = xServerArguments(program, settings);
     request.environment = currentEnvironment();
     request.output = pipeEnds[1];
     request.inheritedAsThree = authority;

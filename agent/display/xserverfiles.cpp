@@ -33,10 +33,10 @@ pid_t lockOwner(const QByteArray &path)
 
 } // namespace
 
-void removeXServerFiles(quint16 display, pid_t server, const QString &directory)
+void removeXServerFiles(quint16 display, pid_t xServer, const QString &directory)
 {
     const QByteArray lock = QFile::encodeName(u"%1/.X%2-lock"_s.arg(directory).arg(display));
-    if (server <= 0 || lockOwner(lock) != server) {
+    if (xServer <= 0 || lockOwner(lock) != xServer) {
         return;
     }
     // The lock last: it is what keeps others away from the socket.

@@ -21,24 +21,24 @@ constexpr auto kPollInterval = 20ms;
 
 } // namespace
 
-Ending::Ending(XServer *server_, ChildWatcher *watcher, EndingLimits limits_, QObject *parent)
+Ending::Ending(XServer *xServer_, ChildWatcher *watcher, EndingLimits limits_, QObject *parent)
     : QObject(parent)
-    , server(server_)
+    , xServer(xServer_)
     , limits(limits_)
 {
     connect(watcher, &ChildWatcher::ended, this, [this] {
-        if (isStarted && !isEndingServer) {
+        if (isStarted && !isEndingXServer) {
             pollTimer.start(0ms);
         }
     });
-    connect(server, &XServer::ended, this, [this] {
-        if (isEndingServer) {
+    connect(xServer, &XServer::ended, this, [this] {
+        if (isEndingXServer) {
             finish();
         }
     });
     connect(&pollTimer, &QTimer::timeout, this, &Ending::lookAround);
     connect(&politeTimer, &QTimer::timeout, this, &Ending::force);
-    connect(&forcedTimer, &QTimer::timeout, this, &Ending::endServer);
+    connect(&forcedTimer, &QTimer::timeout, this, &Ending::endXServer);
     pollTimer.setSingleShot(true);
     politeTimer.setSingleShot(true);
     forcedTimer.setSingleShot(true);
@@ -48,7 +48,7 @@ void Ending::start()
 {
     isStarted = true;
     politeTimer.start(limits.polite);
-    const QList<pid_t> left = liveDescendants(::getpid(), server->pid());
+    const QList<pid_t> left = liveDescendants(::getpid(), xServer->pid());
     asked = QSet<pid_t>(left.begin(), left.end());
     signalAll(left, SIGTERM);
     pollTimer.start(0ms);
@@ -78,11 +78,11 @@ void Ending::force()
 
 void Ending::lookAround()
 {
-    const QList<pid_t> left = liveDescendants(::getpid(), server->pid());
+    const QList<pid_t> left = liveDescendants(::getpid(), xServer->pid());
     if (left.isEmpty()) {
         // Looked at twice: what starts while we read the list can be missed, with its parent gone already.
         if (wasEmpty) {
-            endServer();
+            endXServer();
         } else {
             wasEmpty = true;
             pollTimer.start(0ms);
@@ -98,21 +98,21 @@ void Ending::lookAround()
     pollTimer.start(kPollInterval);
 }
 
-void Ending::endServer()
+void Ending::endXServer()
 {
-    if (isEndingServer) {
+    if (isEndingXServer) {
         return;
     }
-    isEndingServer = true;
+    isEndingXServer = true;
     pollTimer.stop();
     politeTimer.stop();
     forcedTimer.stop();
-    const qsizetype left = liveDescendants(::getpid(), server->pid()).size();
+    const qsizetype left = liveDescendants(::getpid(), xServer->pid()).size();
     if (left > 0) {
         logMessage(LogWarning, u"%1 processes of the session could not be ended"_s.arg(left));
     }
-    if (server->isRunning()) {
-        server->stop();
+    if (xServer->isRunning()) {
+        xServer->stop();
     } else {
         finish();
     }

@@ -30,8 +30,8 @@ class Ending final : public QObject
     Q_OBJECT
 
 public:
-    /** @param server and @param watcher outlive this object */
-    Ending(XServer *server, ChildWatcher *watcher, EndingLimits limits = {}, QObject *parent = nullptr);
+    /** @param xServer and @param watcher outlive this object */
+    Ending(XServer *xServer, ChildWatcher *watcher, EndingLimits limits = {}, QObject *parent = nullptr);
 
     /** finished() follows, from the event loop. */
     void start();
@@ -44,10 +44,10 @@ private:
     void force();
     void lookAround();
     void askNewOrphans(const QList<pid_t> &left);
-    void endServer();
+    void endXServer();
     void finish();
 
-    XServer *server;
+    XServer *xServer;
     EndingLimits limits;
     QSet<pid_t> asked; ///< to end, by SIGTERM
     QTimer pollTimer;
@@ -56,6 +56,6 @@ private:
     bool isStarted = false;
     bool isForced = false;
     bool wasEmpty = false; ///< at the last look
-    bool isEndingServer = false;
+    bool isEndingXServer = false;
     bool isFinished = false;
 };

@@ -88,8 +88,8 @@ bool reapOrphans(const AgentHoldings &holdings)
         if (ended.si_pid == 0) {
             return true;
         }
-        if (ended.si_pid == holdings.server) {
-            removeXServerFiles(static_cast<quint16>(holdings.display), holdings.server);
+        if (ended.si_pid == holdings.xServer) {
+            removeXServerFiles(static_cast<quint16>(holdings.display), holdings.xServer);
         }
         ::waitpid(ended.si_pid, nullptr, WNOHANG);
         ended = {};

@@ -18,7 +18,7 @@
 struct AgentHoldings
 {
     qint32 display = -1; ///< whose sockets the agent serves; -1: none
-    pid_t server = 0;    ///< the X server's process; 0: none
+    pid_t xServer = 0;   ///< the X server's process; 0: none
 };
 
 /**

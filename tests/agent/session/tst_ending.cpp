@@ -29,17 +29,17 @@ private:
     std::unique_ptr<QTemporaryDir> directory;
     std::unique_ptr<TestLog> log;
     std::unique_ptr<ChildWatcher> watcher;
-    std::unique_ptr<XServer> server;
+    std::unique_ptr<XServer> xServer;
 
     QString path(const QString &name) const { return directory->filePath(name); }
 
-    [[nodiscard]] bool startServer()
+    [[nodiscard]] bool startXServer()
     {
         XServerSettings settings;
         settings.size = QSize(800, 600);
         settings.rfbSocket = path(u"rfb"_s);
         QString error;
-        return writeScript(path(u"Xtigervnc"_s), "exec sleep 1000") && server->start(settings, &error);
+        return writeScript(path(u"Xtigervnc"_s), "exec sleep 1000") && xServer->start(settings, &error);
     }
 
     // Runs a script and waits until it has left its mark.
@@ -66,12 +66,12 @@ private slots:
         watcher = std::make_unique<ChildWatcher>();
         QString error;
         QVERIFY(watcher->start(&error));
-        server = std::make_unique<XServer>(watcher.get());
+        xServer = std::make_unique<XServer>(watcher.get());
     }
 
     void cleanup()
     {
-        server.reset();
+        xServer.reset();
         watcher.reset();
         log.reset();
         qputenv("PATH", searchPath);
@@ -79,7 +79,7 @@ private slots:
 
     void hasNothingToDo()
     {
-        Ending ending(server.get(), watcher.get());
+        Ending ending(xServer.get(), watcher.get());
         QSignalSpy finished(&ending, &Ending::finished);
         ending.start();
         QCOMPARE(finished.count(), 0);
@@ -88,24 +88,24 @@ private slots:
 
     void endsEverything()
     {
-        QVERIFY(startServer());
+        QVERIFY(startXServer());
         // Daemons in sessions of their own, parents gone.
         QVERIFY(startApplication("(setsid sh -c 'sleep 1000 & touch mark; sleep 1000' &) & sleep 1000"));
-        Ending ending(server.get(), watcher.get(), {20s, 2s});
+        Ending ending(xServer.get(), watcher.get(), {20s, 2s});
         QSignalSpy finished(&ending, &Ending::finished);
         ending.start();
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 15000);
-        QVERIFY(!server->isRunning());
+        QVERIFY(!xServer->isRunning());
         QVERIFY(liveDescendants(::getpid(), 0).isEmpty());
         QVERIFY(log->lines.isEmpty());
     }
 
-    void applicationsGoBeforeTheServer()
+    void applicationsEndBeforeTheXServer()
     {
-        QVERIFY(startServer());
-        QVERIFY(startApplication("trap 'sleep 0.3; kill -0 " + QByteArray::number(server->pid()) +
+        QVERIFY(startXServer());
+        QVERIFY(startApplication("trap 'sleep 0.3; kill -0 " + QByteArray::number(xServer->pid()) +
                                  " && touch served; exit' TERM; touch mark; while :; do sleep 0.05; done"));
-        Ending ending(server.get(), watcher.get(), {20s, 2s});
+        Ending ending(xServer.get(), watcher.get(), {20s, 2s});
         QSignalSpy finished(&ending, &Ending::finished);
         ending.start();
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 15000);
@@ -115,9 +115,9 @@ private slots:
     // Its parent ends when asked, and it was not there yet when the others were.
     void endsWhatIsStartedMeanwhile()
     {
-        QVERIFY(startServer());
+        QVERIFY(startXServer());
         QVERIFY(startApplication("trap 'sleep 1000 & exit' TERM; touch mark; while :; do sleep 0.05; done"));
-        Ending ending(server.get(), watcher.get(), {60s, 2s});
+        Ending ending(xServer.get(), watcher.get(), {60s, 2s});
         QSignalSpy finished(&ending, &Ending::finished);
         ending.start();
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 15000);
@@ -126,9 +126,9 @@ private slots:
 
     void killsWhatDoesNotEnd()
     {
-        QVERIFY(startServer());
+        QVERIFY(startXServer());
         QVERIFY(startApplication("trap '' TERM; touch mark; while :; do sleep 0.05; done"));
-        Ending ending(server.get(), watcher.get(), {300ms, 20s});
+        Ending ending(xServer.get(), watcher.get(), {300ms, 20s});
         QSignalSpy finished(&ending, &Ending::finished);
         ending.start();
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 15000);
@@ -138,10 +138,10 @@ private slots:
     // A busy machine may not let us run for so long.
     void killsWhatDoesNotEndAlsoWhenAllTheTimeIsOver()
     {
-        QVERIFY(startServer());
+        QVERIFY(startXServer());
         QVERIFY(startApplication("trap '' TERM; touch mark; while :; do sleep 0.05; done"));
         constexpr EndingLimits kLimits = {50ms, 3s};
-        Ending ending(server.get(), watcher.get(), kLimits);
+        Ending ending(xServer.get(), watcher.get(), kLimits);
         QSignalSpy finished(&ending, &Ending::finished);
         ending.start();
         QThread::msleep((kLimits.polite + kLimits.forced + 50ms).count());

@@ -186,7 +186,7 @@ private slots:
         AgentHoldings received;
         QCOMPARE(::recv(ends[0], &received, sizeof received, 0), ssize_t{sizeof received});
         QCOMPARE(received.display, 7);
-        QCOMPARE(received.server, pid_t{1234});
+        QCOMPARE(received.xServer, pid_t{1234});
         QVERIFY(isGuardAlive(ends[1]));
         QCOMPARE(lost.count(), 0);
         ::close(ends[0]);
