@@ -6,6 +6,7 @@
 #include "agent/display/windowmanager.h"
 #include "agent/session/guardlink.h"
 #include "agent/session/sessionlog.h"
+#include "agent/session/sessiontitle.h"
 #include "base/signalcatcher.h"
 #include "support/filereader.h"
 #include "support/privatefile.h"
@@ -22,18 +23,14 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int kMaxTitleBytes = 400;
+constexpr int kMaxNameBytes = 400;
 
-// What viewers show; a session may lack a name, or have one that no window title should hold.
-QString sessionTitle(quint16 display)
+/** The content of the session's name file; empty when it cannot be read, because no session fails for its title. */
+QByteArray sessionName()
 {
-    QByteArray bytes;
+    QByteArray name;
     QString error;
-    if (!readFile(SessionFile::kName, kMaxTitleBytes, &bytes, &error)) {
-        bytes.clear();
-    }
-    const QString title = QString::fromUtf8(bytes).simplified();
-    return title.isEmpty() ? u"Session :%1"_s.arg(display) : title;
+    return readFile(SessionFile::kName, kMaxNameBytes, &name, &error) ? name : QByteArray();
 }
 
 QString absolute(QLatin1StringView name)
@@ -50,8 +47,8 @@ Agent::Agent(SessionLog *log_, SignalCatcher *signals_, GuardLink *guard_, QObje
     , state(log_)
     , stateSocket(&state)
     , frontDoor(state.passwords(), QString())
-    , server(&children)
-    , ending(&server, &children)
+    , xServer(&children)
+    , ending(&xServer, &children)
 {
     connect(signals_, &SignalCatcher::gotUSR1, this, [this] { state.offerPassword(); });
     connect(signals_, &SignalCatcher::gotUSR2, &frontDoor, &FrontDoor::disconnectClients);
@@ -68,28 +65,17 @@ Agent::Agent(SessionLog *log_, SignalCatcher *signals_, GuardLink *guard_, QObje
         [this](const QString &address, const QByteArray &password) { state.clientAuthenticated(address, password); });
     connect(&frontDoor, &FrontDoor::clientsDisconnected, this,
             [this](const QStringList &addresses) { state.clientsDisconnected(addresses); });
-    connect(&server, &XServer::ready, this, &Agent::Server_ready);
-    connect(&server, &XServer::ended, this, &Agent::Server_ended);
+    connect(&xServer, &XServer::ready, this, &Agent::XServer_ready);
+    connect(&xServer, &XServer::ended, this, &Agent::XServer_ended);
     connect(&screenWatcher, &ScreenWatcher::started, this, &Agent::ScreenWatcher_started);
     connect(&screenWatcher, &ScreenWatcher::failed, this,
             [this](const QString &error) { fail(AgentExitCode::NotStarted, error); });
     connect(&screenWatcher, &ScreenWatcher::resized, this, [this](const QSize &size) { state.setScreenSize(size); });
     connect(&screenWatcher, &ScreenWatcher::windowManagerStarted, this, [this] {
-        if (windowManagerDeadline.isActive()) {
-            open();
+        if (windowManager) {
+            windowManager->setManaging();
         }
     });
-    connect(&windowManagerDeadline, &QTimer::timeout, this, [this] {
-        logMessage(LogWarning, u"The window manager is not ready, the session goes on without it"_s);
-        open();
-    });
-    connect(&children, &ChildWatcher::ended, this, [this](pid_t pid) {
-        if (pid == windowManager && windowManagerDeadline.isActive()) {
-            logMessage(LogWarning, u"The window manager has ended, the session goes on without it"_s);
-            open();
-        }
-    });
-    windowManagerDeadline.setSingleShot(true);
     connect(&ending, &Ending::finished, this, [this] { emit finished(*exitCode); });
 }
 
@@ -112,17 +98,16 @@ void Agent::start(const QStringList &arguments)
         fail(AgentExitCode::NotStarted, error);
         return;
     }
-    if (options.port != kFirstAgentPort + display) {
-        fail(AgentExitCode::BadArguments,
-             u"The port of display %1 is %2, not %3"_s.arg(display).arg(kFirstAgentPort + display).arg(options.port));
+    if (!checkPort(options.port, display, &error)) {
+        fail(AgentExitCode::BadArguments, error);
         return;
     }
-    if (!prepare(&error) || !startServer(&error)) {
+    if (!prepare(&error) || !startXServer(&error)) {
         fail(AgentExitCode::NotStarted, error);
     }
 }
 
-// What can be missing or taken is looked at before anything is started.
+/** Everything that can be missing or taken is checked before anything is started. */
 bool Agent::prepare(QString *error)
 {
     if (!readAuthorityFile(SessionFile::kAuthority, display, &authority, error) || !becomeSubreaper(error) ||
@@ -134,31 +119,31 @@ bool Agent::prepare(QString *error)
     return writePrivateFile(SessionFile::kServerPid, QByteArray::number(::getpid()), error);
 }
 
-bool Agent::startServer(QString *error)
+bool Agent::startXServer(QString *error)
 {
     XServerSettings settings;
     settings.display = display;
     settings.size = options.size;
-    settings.title = sessionTitle(display);
+    settings.title = sessionTitle(sessionName(), display);
     settings.authorityEntries = authority.entries;
     settings.rfbSocket = AgentFile::rfbSocket(display);
     frontDoor.setBackendPath(settings.rfbSocket);
-    if (!server.start(settings, error)) {
+    if (!xServer.start(settings, error)) {
         return false;
     }
-    guard->tell({display, server.pid()});
-    // Only now: beside a great many files it takes its time, and the X server needs longer.
+    guard->tell({display, xServer.pid()});
+    // Only now, because it takes long where a directory has many files, and the X server starts meanwhile.
     return directoryWatcher.watch(u"."_s, error);
 }
 
-// Without it nobody can reach the session any more.
+/** Without its directory nobody can reach the session any more. */
 void Agent::DirectoryWatcher_removed()
 {
     logMessage(LogWarning, u"The directory of the session was removed"_s);
     end(AgentExitCode::Ended);
 }
 
-void Agent::Server_ready()
+void Agent::XServer_ready()
 {
     screenWatcher.start(display, authority.cookie);
 }
@@ -170,12 +155,14 @@ void Agent::ScreenWatcher_started(const QSize &size)
     }
     state.setScreenSize(size);
     prepareApplications();
-    if (options.rootless && startWindowManager()) {
-        // It does not give windows that it finds the treatment of those that come later.
-        windowManagerDeadline.start(windowManagerPatience(std::chrono::milliseconds(sinceStart.elapsed())));
+    if (!options.rootless) {
+        open();
         return;
     }
-    open();
+    windowManager = std::make_unique<WindowManagerStart>(applications.get(), &children);
+    connect(windowManager.get(), &WindowManagerStart::settled, this, &Agent::open);
+    windowManager->start(absolute(AgentFile::kWindowManagerSettings),
+                         windowManagerPatience(std::chrono::milliseconds(sinceStart.elapsed())));
 }
 
 void Agent::prepareApplications()
@@ -191,34 +178,9 @@ void Agent::prepareApplications()
     });
 }
 
-// The application is usable without one, if less comfortably, so nothing here ends the session.
-bool Agent::startWindowManager()
-{
-    QList<QByteArray> arguments;
-    QString error;
-    if (!prepareWindowManager(absolute(AgentFile::kWindowManagerSettings), &arguments, &error)) {
-        logMessage(LogWarning, error);
-        return false;
-    }
-    if (arguments.isEmpty()) {
-        logMessage(LogWarning, u"No window manager is installed, neither openbox nor matchbox-window-manager"_s);
-        return false;
-    }
-    windowManager = applications->runProgram(arguments, &error);
-    if (windowManager == -1) {
-        logMessage(LogWarning, error);
-        return false;
-    }
-    return true;
-}
-
-// Everything is there: lets applications and clients in, and says so.
+/** Lets applications and clients in, because everything is there, and says so. */
 void Agent::open()
 {
-    windowManagerDeadline.stop();
-    if (exitCode || state.isReady()) {
-        return;
-    }
     QString error;
     if (!applicationDoor->listen(AgentFile::applicationSocket(display), &error)) {
         fail(AgentExitCode::NotStarted, error);
@@ -229,16 +191,16 @@ void Agent::open()
     listingWatcher.start();
 }
 
-void Agent::Server_ended(const QString &reason)
+void Agent::XServer_ended(const QString &reason)
 {
     if (exitCode) {
-        return; // we asked it to
+        return; // we have asked it to end
     }
-    for (const QString &line : server.lastLines()) {
+    for (const QString &line : xServer.lastLines()) {
         logMessage(LogWarning, u"X server: "_s + line);
     }
     if (state.isReady()) {
-        fail(AgentExitCode::ServerDied, u"The X server ended: "_s + reason);
+        fail(AgentExitCode::XServerDied, u"The X server ended: "_s + reason);
     } else {
         fail(AgentExitCode::NotStarted, u"The X server did not start: "_s + reason);
     }
@@ -255,10 +217,12 @@ void Agent::fail(AgentExitCode code, const QString &reason)
 void Agent::end(AgentExitCode code)
 {
     if (exitCode) {
-        return; // under way
+        return; // the end has begun
     }
     exitCode = code;
-    windowManagerDeadline.stop();
+    if (windowManager) {
+        windowManager->cancel();
+    }
     listingWatcher.stop();
     frontDoor.close();
     frontDoor.disconnectClients();

@@ -6,6 +6,7 @@
 #include "agent/applications/childwatcher.h"
 #include "agent/display/authorityfile.h"
 #include "agent/display/screenwatcher.h"
+#include "agent/display/windowmanagerstart.h"
 #include "agent/display/xserver.h"
 #include "agent/door/frontdoor.h"
 #include "agent/session/agentfiles.h"
@@ -18,7 +19,6 @@
 
 #include <QElapsedTimer>
 #include <QObject>
-#include <QTimer>
 
 #include <memory>
 #include <optional>
@@ -28,8 +28,8 @@ class GuardLink;
 class SignalCatcher;
 
 /**
- * One session, from the start of its X server to the end of everything that runs in it. Puts the parts together and
- * decides what follows what; the parts do the work. Works in the current directory, the session's.
+ * One session, from the start of its X server to the end of everything that runs in it. Connects the parts and decides
+ * what happens in which order; the parts do the work. Works in the current directory, which is the session's.
  * Owned by start-agent's main function, lives on the main thread, started once.
  */
 class Agent final : public QObject
@@ -50,13 +50,12 @@ signals:
 
 private:
     [[nodiscard]] bool prepare(QString *error);
-    [[nodiscard]] bool startServer(QString *error);
-    void Server_ready();
+    [[nodiscard]] bool startXServer(QString *error);
+    void XServer_ready();
     void DirectoryWatcher_removed();
-    void Server_ended(const QString &reason);
+    void XServer_ended(const QString &reason);
     void ScreenWatcher_started(const QSize &size);
     void prepareApplications();
-    [[nodiscard]] bool startWindowManager();
     void open();
     void fail(AgentExitCode code, const QString &reason);
     void end(AgentExitCode code);
@@ -72,13 +71,12 @@ private:
     DirectoryWatcher directoryWatcher;
     ListingWatcher listingWatcher;
     FrontDoor frontDoor;
-    XServer server;
+    XServer xServer;
     ScreenWatcher screenWatcher;
     std::unique_ptr<ApplicationRunner> applications;
     std::unique_ptr<ApplicationDoor> applicationDoor;
+    std::unique_ptr<WindowManagerStart> windowManager; ///< of a rootless session
     QElapsedTimer sinceStart;
-    pid_t windowManager = -1;
-    QTimer windowManagerDeadline;
     Ending ending;
-    std::optional<AgentExitCode> exitCode; ///< set from the moment that the end has begun
+    std::optional<AgentExitCode> exitCode; ///< set once the end has begun
 };

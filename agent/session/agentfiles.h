@@ -33,7 +33,7 @@ enum class AgentExitCode : int {
     Ended = 0,        ///< on request
     NotStarted = 1,   ///< something that it needs is missing, taken or refused
     BadArguments = 2, ///< its command line makes no sense
-    ServerDied = 3,   ///< the X server ended by itself
+    XServerDied = 3,  ///< the X server ended by itself
     AgentDied = 4,    ///< the agent was killed, or its guard
     Unlisted = 5,     ///< no server knows of the session
 };

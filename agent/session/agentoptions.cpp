@@ -66,3 +66,13 @@ bool readDisplayNumber(const QString &path, quint16 *display, QString *error)
     *display = number;
     return true;
 }
+
+bool checkPort(quint16 port, quint16 display, QString *error)
+{
+    const int expected = kFirstAgentPort + display;
+    if (port == expected) {
+        return true;
+    }
+    *error = u"The port of display %1 is %2, not %3"_s.arg(display).arg(expected).arg(port);
+    return false;
+}

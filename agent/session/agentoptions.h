@@ -29,3 +29,10 @@ struct AgentOptions
  * @param error    set only on failure: one sentence that names the file
  */
 [[nodiscard]] bool readDisplayNumber(const QString &path, quint16 *display, QString *error);
+
+/**
+ * Checks that @p port is the one of @p display, because the server tells viewers the port by the display's number.
+ *
+ * @param error  set only on failure: one sentence
+ */
+[[nodiscard]] bool checkPort(quint16 port, quint16 display, QString *error);

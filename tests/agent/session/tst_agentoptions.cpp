@@ -60,6 +60,29 @@ private slots:
         QCOMPARE(options.port, quint16{0});
     }
 
+    void portIsThatOfTheDisplay_data()
+    {
+        QTest::addColumn<int>("port");
+        QTest::addColumn<int>("display");
+        QTest::addColumn<bool>("isRight");
+        QTest::newRow("first") << 41000 << 0 << true;
+        QTest::newRow("last") << 65535 << 24535 << true;
+        QTest::newRow("one too low") << 41006 << 7 << false;
+        QTest::newRow("one too high") << 41008 << 7 << false;
+        // 41000 + 65535 in 16 bits.
+        QTest::newRow("overflow") << 40999 << 65535 << false;
+    }
+
+    void portIsThatOfTheDisplay()
+    {
+        QFETCH(int, port);
+        QFETCH(int, display);
+        QFETCH(bool, isRight);
+        QString error;
+        QCOMPARE(checkPort(static_cast<quint16>(port), static_cast<quint16>(display), &error), isRight);
+        QCOMPARE(error.isEmpty(), isRight);
+    }
+
     void readsDisplay_data()
     {
         QTest::addColumn<QByteArray>("content");

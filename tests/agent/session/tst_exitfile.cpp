@@ -43,7 +43,7 @@ private slots:
         {
             ExitFile file;
             QVERIFY(names().isEmpty());
-            QVERIFY2(file.write(AgentExitCode::ServerDied, &error), qPrintable(error));
+            QVERIFY2(file.write(AgentExitCode::XServerDied, &error), qPrintable(error));
         }
         QCOMPARE(contentOf(SessionFile::kServerExit), QByteArray("3"));
         QCOMPARE(names(), QStringList{SessionFile::kServerExit});
