@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "client/sessions/clientcontext.h"
+#include "client/verbs/completiontable.h"
 #include "client/verbs/help.h"
 #include "client/verbs/verbtable.h"
 #include "contract/application.h"
@@ -38,11 +39,10 @@ QString argumentProblem(const Verb &verb, const QStringList &arguments)
 ExitCode runVerb(Console &console, const Verb &verb, const QStringList &arguments)
 {
     QCommandLineParser line;
-    const QCommandLineOption help(QStringList{u"h"_s, u"help"_s});
-    line.addOption(help);
+    line.addOptions(verbOptions());
     addOptions(verb, &line);
     const bool parsed = line.parse(arguments);
-    if (line.isSet(help)) {
+    if (line.isSet(u"help"_s)) {
         console.print(verbHelp(verb));
         return ExitCode::Done;
     }
@@ -68,6 +68,11 @@ ExitCode run(Console &console, const QStringList &arguments)
     }
     if (first == "--version"_L1) {
         console.printLine(u"zarvoctl "_s + QCoreApplication::applicationVersion());
+        return ExitCode::Done;
+    }
+    // For the completion scripts only, so no help text and no manual names it.
+    if (arguments.sliced(1) == QStringList{u"help"_s, u"--plain"_s}) {
+        console.print(completionTable());
         return ExitCode::Done;
     }
     const bool asksForHelp = first == "help"_L1;

@@ -11,9 +11,16 @@ namespace {
 
 constexpr int kOptionColumn = 24;
 
-QString optionLine(const QString &synopsis, const QString &description)
+/** Lines as "  -n, --lines N           Print the last N lines". */
+QString optionLines(const QList<QCommandLineOption> &options)
 {
-    return u"  %1 %2\n"_s.arg(synopsis.leftJustified(kOptionColumn - 1), description);
+    QString lines;
+    for (const QCommandLineOption &option : options) {
+        const QString value = option.valueName().isEmpty() ? QString() : u' ' + option.valueName();
+        const QString synopsis = optionNames(option).join(u", "_s) + value;
+        lines += u"  %1 %2\n"_s.arg(synopsis.leftJustified(kOptionColumn - 1), option.description());
+    }
+    return lines;
 }
 
 QString usageLine(const Verb &verb)
@@ -24,14 +31,24 @@ QString usageLine(const Verb &verb)
 
 } // namespace
 
-QString optionSynopsis(const QCommandLineOption &option)
+QList<QCommandLineOption> programOptions()
+{
+    return {{{u"h"_s, u"help"_s}, u"Print this; after a verb: how to use it."_s},
+            {u"version"_s, u"Print the version of this program."_s}};
+}
+
+QList<QCommandLineOption> verbOptions()
+{
+    return {{{u"h"_s, u"help"_s}, u"Print this."_s}};
+}
+
+QStringList optionNames(const QCommandLineOption &option)
 {
     QStringList names;
     for (const QString &name : option.names()) {
         names.append((name.size() == 1 ? u"-"_s : u"--"_s) + name);
     }
-    const QString value = option.valueName().isEmpty() ? QString() : u' ' + option.valueName();
-    return names.join(u", "_s) + value;
+    return names;
 }
 
 QString programHelp()
@@ -42,8 +59,7 @@ QString programHelp()
         const QStringList names = QStringList(verb.name) + verb.aliases;
         text += u"  %1 %2\n"_s.arg(names.join(u", "_s).leftJustified(13), verb.summary);
     }
-    text += u"\nOptions:\n"_s + optionLine(u"-h, --help"_s, u"Print this; after a verb: how to use it."_s) +
-            optionLine(u"--version"_s, u"Print the version of this program."_s);
+    text += u"\nOptions:\n"_s + optionLines(programOptions());
     text += u"\nSESSION is a whole id, or else the exact name or the beginning of an id, which only one session may\n"
             "have; when there is only one session it may be left out.\n"_s;
     text += u"\nExit codes:\n"_s + exitCodeHelp();
@@ -57,11 +73,7 @@ QString verbHelp(const Verb &verb)
     if (!verb.aliases.isEmpty()) {
         help += u"\nAlso: zarvoctl "_s + verb.aliases.join(u", zarvoctl "_s) + u'\n';
     }
-    help += u"\nOptions:\n"_s;
-    for (const QCommandLineOption &option : verb.options) {
-        help += optionLine(optionSynopsis(option), option.description());
-    }
-    help += optionLine(u"-h, --help"_s, u"Print this."_s);
+    help += u"\nOptions:\n"_s + optionLines(verb.options + verbOptions());
     help += verb.examples.size() == 1 ? u"\nExample:\n"_s : u"\nExamples:\n"_s;
     for (const QString &example : verb.examples) {
         help += u"  "_s + example + u'\n';

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QCommandLineOption>
+#include <QList>
 #include <QString>
+#include <QStringList>
 
-class QCommandLineOption;
 struct Verb;
 
 /** What "zarvoctl --help" prints. */
@@ -12,5 +14,11 @@ struct Verb;
 /** What "zarvoctl VERB --help" prints. */
 [[nodiscard]] QString verbHelp(const Verb &verb);
 
-/** The option as the help text and the manual show it: "-n, --lines N". */
-[[nodiscard]] QString optionSynopsis(const QCommandLineOption &option);
+/** Options in the place of a verb. */
+[[nodiscard]] QList<QCommandLineOption> programOptions();
+
+/** Options that every verb has besides its own. */
+[[nodiscard]] QList<QCommandLineOption> verbOptions();
+
+/** The names of an option as they are typed: "-n", "--lines". */
+[[nodiscard]] QStringList optionNames(const QCommandLineOption &option);

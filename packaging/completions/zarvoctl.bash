@@ -1,7 +1,30 @@
 # SPDX-License-Identifier: MIT
-# bash completion for zarvoctl. Asks a server that runs for its sessions, not for long, and never starts one.
+# bash completion for zarvoctl. Verbs and options come from "zarvoctl help --plain", so this script stays as it is when
+# one is added. That takes some milliseconds, because it asks no server. Sessions come from a running server, which has
+# 3 seconds to answer; none is started.
 
-# Ids that begin with what is typed so far, and names, unless nothing is typed: then they would only double the choice.
+# Reads the table. Sets the caller's "verbs" and "options", which stand in the place of a verb; "own", the options of
+# the verb $1; "value", what follows each of them; "arguments", what the verb takes.
+_zarvoctl_read()
+{
+    local verb=$1 names description follows name
+    while IFS=$'\t' read -r names description follows; do
+        case $names in
+            -*) options+=($names) ;;
+            "$verb -"*)
+                for name in ${names#* }; do
+                    own+=("$name") value[$name]=$follows
+                done ;;
+            *" "*) ;;
+            *)
+                verbs+=("$names")
+                [[ $names != "$verb" ]] || arguments=$follows ;;
+        esac
+    done < <("$program" help --plain 2>/dev/null)
+}
+
+# Offers ids and names of sessions. Names are left out until something is typed, because each session would appear
+# twice.
 _zarvoctl_sessions()
 {
     local current=$1 line id name
@@ -11,94 +34,75 @@ _zarvoctl_sessions()
         printf -v name %q "${line%%$'\t'*}"
         if [[ $id == "$current"* ]]; then COMPREPLY+=("$id"); fi
         if [[ -n $current && $name == "$current"* ]]; then COMPREPLY+=("$name"); fi
-    done < <(timeout 3 zarvoctl list --plain --no-start 2>/dev/null)
+    done < <(timeout 3 "$program" list --plain --no-start 2>/dev/null)
 }
 
-# Sets "given" to the words behind the verb that are no options, "command" to the place of the first of them, and "starts"
-# to something when they are a command that is to be started.
+# Sets the caller's "given" to the number of words after the verb that are no options, "command" to the place of the
+# first of them, and "starts" to 1 when they are a command to start, whose options are not ours.
 _zarvoctl_given()
 {
     local i word skip=
-    given=() command=0 starts=
-    [[ $1 != start ]] || starts=1
     for ((i = 2; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
-        if [[ ${#given[@]} -gt 0 && -n $starts ]]; then
-            given+=("$word")
-        elif [[ -n $skip ]]; then
+        if [[ -n $skip ]]; then
             skip=
         elif [[ $word == -- ]]; then
-            given+=("${COMP_WORDS[@]:i + 1:COMP_CWORD - i - 1}")
-            command=$((i + 1))
+            given=$((given + COMP_CWORD - i - 1)) command=$((i + 1))
             return
+        elif [[ $word == -?* ]]; then
+            skip=${value[$word]-}
+            [[ $word != --new ]] || starts=1
         else
-            case $word in
-                --geometry | --for | --timeout | --lines | -n) skip=1 ;;
-                --new) starts=1 ;;
-                -?*) ;;
-                *) given+=("$word") && [ "$command" -gt 0 ] || command=$i ;;
-            esac
+            given=$((given + 1))
+            [[ $command -gt 0 ]] || command=$i
+            [[ -z $starts ]] || return
         fi
     done
 }
 
-_zarvoctl_options()
+# Offers what may follow, for a word such as "start|stop" or "[SESSION]".
+_zarvoctl_values()
 {
-    case $1 in
-        connect) echo "--new --geometry --print --json --no-start" ;;
-        list | ls) echo "--local --json --plain --no-legend --no-start" ;;
-        start) echo "--geometry --connect --json --no-start" ;;
-        resume | replay | version | describe) echo "--json --no-start" ;;
-        suspend | watch | screenshot) echo "--no-start" ;;
-        terminate) echo "--all -y --yes --no-start" ;;
-        wait) echo "--for --timeout --no-start" ;;
-        logs) echo "-n --lines --app" ;;
-        doctor) echo "--json" ;;
-        server) echo "--json -n --lines" ;;
-    esac
-    echo "-h --help"
-}
-
-_zarvoctl()
-{
-    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} verb=${COMP_WORDS[1]}
-    local given command starts
-    COMPREPLY=()
-    if [ "$COMP_CWORD" -eq 1 ]; then
-        COMPREPLY=($(compgen -W "connect list ls start resume replay suspend terminate watch wait logs screenshot doctor
-            server version describe help --help --version" -- "$current"))
-        return
-    fi
-    _zarvoctl_given "$verb"
-    if [[ -n $starts && $command -gt 0 && $COMP_CWORD -gt $command ]]; then
-        COMPREPLY=($(compgen -f -- "$current")) # it is the command's from here on
-        return
-    fi
-    case $previous in
-        --for) COMPREPLY=($(compgen -W "connected suspended ended" -- "$current")) && return ;;
-        --geometry) COMPREPLY=($(compgen -W "rootless 1280x800 1920x1080" -- "$current")) && return ;;
-        --timeout | --lines | -n) return ;;
-    esac
-    case $current in
-        -*) COMPREPLY=($(compgen -W "$(_zarvoctl_options "$verb")" -- "$current")) && return ;;
-    esac
-    if [[ -n $starts ]]; then
-        COMPREPLY=($(compgen -c -- "$current" | sort -u))
-        return
-    fi
-    case $verb in
-        connect | resume | replay | suspend | terminate | wait | logs)
-            _zarvoctl_sessions "$current" ;;
-        screenshot)
-            if [ ${#given[@]} -eq 0 ]; then
+    local follows=$1 given=$2 current=$3
+    case $follows in
+        *SESSION*FILE*)
+            if [[ $given -eq 0 ]]; then
                 _zarvoctl_sessions "$current"
             else
                 COMPREPLY=($(compgen -f -- "$current"))
             fi ;;
-        server) COMPREPLY=($(compgen -W "start stop status log" -- "$current")) ;;
-        help) COMPREPLY=($(compgen -W "connect list start resume replay suspend terminate watch wait logs screenshot doctor
-            server version describe" -- "$current")) ;;
+        *SESSION*) _zarvoctl_sessions "$current" ;;
+        *\|*) COMPREPLY=($(compgen -W "${follows//|/ }" -- "$current")) ;;
     esac
+}
+
+_zarvoctl()
+{
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+    local verbs=() options=() own=() arguments= given=0 command=0 starts=
+    local -A value=()
+    # A program that was typed with its path may be missing on the search path, or have other verbs than the one there.
+    local program=${COMP_WORDS[0]}
+    [[ $program == */* && -x $program ]] || program=zarvoctl
+    COMPREPLY=()
+    _zarvoctl_read "${COMP_WORDS[1]}"
+    if [[ $COMP_CWORD -eq 1 ]]; then
+        COMPREPLY=($(compgen -W "${verbs[*]} ${options[*]}" -- "$current"))
+        return
+    fi
+    [[ $arguments != *COMMAND* ]] || starts=1
+    _zarvoctl_given
+    if [[ -n $starts && $command -gt 0 && $COMP_CWORD -gt $command ]]; then
+        COMPREPLY=($(compgen -f -- "$current")) # an argument of the command
+    elif [[ $previous == -?* && -n ${value[$previous]-} ]]; then
+        _zarvoctl_values "${value[$previous]}" 0 "$current"
+    elif [[ $current == -* ]]; then
+        COMPREPLY=($(compgen -W "${own[*]}" -- "$current"))
+    elif [[ -n $starts ]]; then
+        COMPREPLY=($(compgen -c -- "$current" | sort -u))
+    else
+        _zarvoctl_values "$arguments" "$given" "$current"
+    fi
 }
 
 complete -F _zarvoctl zarvoctl

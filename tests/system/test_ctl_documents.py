@@ -52,7 +52,8 @@ def manual(name):
 
 class Help(unittest.TestCase):
     def test_every_verb_has_an_example(self):
-        self.assertEqual(len(verbs()), 15)
+        declared = zarvo.read(os.path.join(ROOT, "client", "verbs", "verbs.h"))
+        self.assertEqual(sorted(re.findall(r" Verb (\w+)Verb\(\);", declared)), sorted(verbs()))
         for verb, aliases in verbs().items():
             for name in (verb, *aliases):
                 text = help_text(name, "--help")
@@ -136,6 +137,33 @@ class Version(unittest.TestCase):
             yield from (os.path.join(folder, name) for name in names if os.path.isfile(os.path.join(folder, name)))
 
 
+class CompletionTable(unittest.TestCase):
+    """What the completion scripts read says the same as the help texts."""
+
+    def rows(self):
+        return [row.split("\t") for row in help_text("help", "--plain").splitlines()]
+
+    def test_fields(self):
+        for row in self.rows():
+            self.assertEqual(len(row), 3, row)
+            self.assertTrue(row[0] and row[1], row)
+
+    def test_options(self):
+        for verb, aliases in verbs().items():
+            for name in (verb, *aliases):
+                own = [names.split()[1:] for names, *_ in self.rows() if names.split()[0] == name]
+                found = {option for row in own for option in row}
+                self.assertEqual(found, options(verb), name)
+
+    def test_option_with_a_value_has_something_to_follow(self):
+        for names, description, follows in self.rows():
+            verb, *option = names.split()
+            if option and verb in verbs():
+                form = rf"(?m)^  {', '.join(option)}( \w+)? +{re.escape(description)}$"
+                (value,) = re.findall(form, help_text(verb, "--help"))
+                self.assertEqual(bool(value), bool(follows), names)
+
+
 class Completions(ctl.CtlTestCase):
     def prepare(self, *arguments, **how):
         """The shells ask for the sessions, and go on without them after 3 seconds. Here they wait for the answer."""
@@ -143,16 +171,29 @@ class Completions(ctl.CtlTestCase):
         server.install_program("timeout", '[ "$1" = 3 ] && shift && exec "$@"\n')
         return server
 
-    def assert_covers(self, verb, found):
-        self.assertEqual(set(found) | {"-h", "--help"}, options(verb), verb)
+    def assert_offers_all(self, offered):
+        """
+        Compares what a shell offers with the help texts.
+        @param offered  returns the set of what the shell offers for the last one of the words
+        """
+        names = {name: verb for verb, aliases in verbs().items() for name in (verb, *aliases)}
+        self.assertEqual(offered("") - {"-h", "--help", "--version"}, set(names) | {"help"})
+        self.assertEqual(offered("-"), {"-h", "--help", "--version"})
+        self.assertEqual(offered("help", ""), set(names))
+        for name, verb in names.items():
+            self.assertEqual(offered(name, "-"), options(verb), name)
+        # What follows an option or a verb.
+        self.assertEqual(offered("wait", "--for", ""), {"connected", "suspended", "ended"})
+        self.assertEqual(offered("start", "--geometry", ""), {"rootless", "1280x800", "1920x1080"})
+        self.assertEqual(offered("server", ""), {"start", "stop", "status", "log"})
 
-    def bash(self, server, *words, folder=None):
+    def bash(self, server, *words, folder=None, program="zarvoctl"):
         """What bash offers for the last word."""
         script = 'source "$0"; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _zarvoctl; printf "%s\\n" "${COMPREPLY[@]}"'
         environment = dict(os.environ) if server is None else server.environment
         path = os.path.dirname(ctl.CTL) + ":" + environment["PATH"]
         source = os.path.join(COMPLETIONS, "zarvoctl.bash")
-        result = subprocess.run(["bash", "--norc", "-c", script, source, "zarvoctl", *words], text=True,
+        result = subprocess.run(["bash", "--norc", "-c", script, source, program, *words], text=True,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=zarvo.DEADLINE,
                                 env={**environment, "PATH": path}, cwd=folder)
         self.assertEqual(result.stderr, "")
@@ -161,12 +202,19 @@ class Completions(ctl.CtlTestCase):
         return set(offered)
 
     def test_bash_knows_verbs_and_options(self):
-        names = {name for verb, aliases in verbs().items() for name in (verb, *aliases)}
-        self.assertEqual(self.bash(None, ""), names | {"help", "--help", "--version"})
-        for verb in verbs():
-            self.assert_covers(verb, self.bash(None, verb, "-"))
-        self.assertEqual(self.bash(None, "wait", "x", "--for", ""), {"connected", "suspended", "ended"})
+        self.assert_offers_all(functools.partial(self.bash, None))
+        self.assertEqual(self.bash(None, "wait", "x", "--for", "s"), {"suspended"})
+        self.assertEqual(self.bash(None, "wait", "--timeout", ""), set())
         self.assertEqual(self.bash(None, "server", "st"), {"start", "stop", "status"})
+
+    def test_bash_asks_the_program_that_was_typed(self):
+        server = self.unattended()
+        tool = os.path.join(server.top, "zarvoctl")
+        table = "sing\tSing.\t\nsing --loud\tShout.\t"
+        zarvo.write(tool, f"#!/bin/sh\n[ \"$*\" = 'help --plain' ] && echo '{table}'\n")
+        os.chmod(tool, 0o755)
+        self.assertEqual(self.bash(server, "", program=tool), {"sing"})
+        self.assertEqual(self.bash(server, "sing", "-", program=tool), {"--loud"})
 
     def test_bash_knows_sessions(self):
         server = self.server()
@@ -232,24 +280,39 @@ class Completions(ctl.CtlTestCase):
         self.assertIn(session, [entry[0] for entry in offered("zarvoctl connect ")])
         for line in ("zarvoctl connect --new ", "zarvoctl connect --new -- "):
             self.assertNotIn(session, [entry[0] for entry in offered(line)], line)
-        for verb in verbs():
-            found = [entry[0] for dashes in ("-", "--") for entry in offered(f"zarvoctl {verb} {dashes}")]
-            self.assert_covers(verb, found)
+
+        def names(*words):
+            # fish offers long options only after two dashes.
+            lasts = ("-", "--") if words[-1] == "-" else words[-1:]
+            return {entry[0] for last in lasts for entry in offered(" ".join(("zarvoctl", *words[:-1], last)))}
+
+        self.assert_offers_all(names)
+
+    def zsh(self, *words):
+        """What zsh is told to offer for the last word, by a script that runs outside of a terminal."""
+        script = """words=(zarvoctl "$@") CURRENT=$# PREFIX=$@[-1]; ((CURRENT++))
+            _describe() { print -rl -- ${(P)@[-1]} }
+            _arguments() { print -rl -- "$@" }
+            source $ZARVO_SCRIPT"""
+        environment = {**os.environ, "PATH": os.path.dirname(ctl.CTL) + ":" + os.environ["PATH"],
+                       "ZARVO_SCRIPT": os.path.join(COMPLETIONS, "_zarvoctl")}
+        result = subprocess.run(["zsh", "-f", "-c", script, "zsh", *words], text=True, timeout=zarvo.DEADLINE,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment)
+        self.assertEqual(result.stderr, "")
+        lines = result.stdout.splitlines()
+        if len(words) == 1:
+            return {name for name in (line.split(":")[0] for line in lines) if name.startswith(words[0])}
+        if words[-1] == "-":
+            return {match.group(1) for line in lines if (match := re.match(r"\([^)]*\)(-[a-z-]+)\[[^]]+\]", line))}
+        # What follows the option before, or else the verb.
+        begin = rf"\([^)]*\){words[-2]}\[" if len(words) > 2 else "1:"
+        (choices,) = [line for line in lines if re.match(begin, line)]
+        return set(re.search(r":\(([^)]*)\)$", choices).group(1).split())
 
     def test_zsh(self):
-        text = zarvo.read(os.path.join(COMPLETIONS, "_zarvoctl"))
-        self.assertEqual(set(re.findall(r"(?m)^        ['\"]([a-z]+):", text)),
-                         {name for verb, aliases in verbs().items() for name in (verb, *aliases)} | {"help"})
-        variables = {"$json": "--json", "$noStart": "--no-start", "$geometry": "--geometry", "$help": "-h --help",
-                     "$lines": "-n --lines"}
-        body = text.split("    case $verb in\n")[1].replace("\\\n", " ")
-        for verb in verbs():
-            (line,) = re.findall(rf"(?m)^        (?:[a-z| ]+ )?{verb}(?: [a-z| ]+)?\) (.*);;", body)
-            for name, value in variables.items():
-                line = line.replace(name, value)
-            self.assert_covers(verb, OPTION.findall(re.sub(r"\[[^]]*\]", " ", line)))
         if not shutil.which("zsh"):
             self.skipTest("zsh is not installed")
+        self.assert_offers_all(self.zsh)
         server = self.server()
         session = self.start(server, "nameless-thing")["id"]
         zarvo.write(os.path.join(server.home, ".zshrc"), f"fpath=({shlex.quote(COMPLETIONS)} $fpath); PS1='ready> '\n"
@@ -269,8 +332,10 @@ class Completions(ctl.CtlTestCase):
         for line, (begin, rest) in commands.items():
             zsh.type(f"\x15zarvoctl {line} {begin}\t")
             zsh.wait_for(begin + rest)
-        zsh.type("\x15zarvoctl screen\t")
-        zsh.wait_for("shot")
+        for begin, rest in (("screen", "shot"), ("list --no-l", "egend"), ("wait --for sus", "pended"),
+                            ("terminate --y", "es"), ("server statu", "s"), ("--vers", "ion")):
+            zsh.type(f"\x15zarvoctl {begin}\t")
+            zsh.wait_for(begin + rest)
 
 
 class Scripts(unittest.TestCase):

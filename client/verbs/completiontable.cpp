@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: MIT
+#include "client/verbs/completiontable.h"
+
+#include "client/verbs/help.h"
+#include "client/verbs/verbtable.h"
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QString row(const QStringList &words, const QString &description, const QString &value)
+{
+    return u"%1\t%2\t%3\n"_s.arg(words.join(u' '), description, value);
+}
+
+/** What the shells offer as the value of an option. */
+QString choices(const QCommandLineOption &option)
+{
+    const QString value = option.valueName();
+    if (value == "STATE"_L1) {
+        return u"connected|suspended|ended"_s;
+    }
+    return value == "WxH"_L1 ? u"rootless|1280x800|1920x1080"_s : value;
+}
+
+QString optionRows(const QStringList &verb, const QList<QCommandLineOption> &options)
+{
+    QString rows;
+    for (const QCommandLineOption &option : options) {
+        rows += row(verb + optionNames(option), option.description(), choices(option));
+    }
+    return rows;
+}
+
+} // namespace
+
+QString completionTable()
+{
+    QString table = optionRows({}, programOptions());
+    QStringList names;
+    for (const Verb &verb : allVerbs()) {
+        for (const QString &name : QStringList(verb.name) + verb.aliases) {
+            table += row({name}, verb.summary, verb.arguments) + optionRows({name}, verb.options + verbOptions());
+            names.append(name);
+        }
+    }
+    return table + row({u"help"_s}, u"Print how to use a verb."_s, names.join(u'|'));
+}
