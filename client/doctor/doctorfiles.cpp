@@ -74,31 +74,26 @@ void addPrivacy(const QString &path, QList<Finding> *findings)
     }
 }
 
-bool tellsOfServer(const ServerSighting &sighting)
-{
-    return sighting.trace != ServerTrace::Missing && sighting.trace != ServerTrace::Stale;
-}
-
 /**
  * A look at the files. A server that they do not tell of may be about to write them, or have removed them and be about
  * to end, which is waited for.
  * @param others  set to those that do neither: each of them lets no other server start
  */
-ServerSighting settledLook(const DoctorInput &input, QList<qint64> *others)
+ServerStatus settledLook(const DoctorInput &input, QList<qint64> *others)
 {
-    ServerSighting sighting = input.files.look();
-    *others = tellsOfServer(sighting) ? QList<qint64>() : serversOfSameUser();
+    ServerStatus server = input.files.readStatus();
+    *others = server.mayRun() ? QList<qint64>() : serversOfSameUser();
     const QDeadlineTimer end(input.settlingTime);
     while (!others->isEmpty() && !end.hasExpired()) {
         EventWait pause([] { return false; });
         [[maybe_unused]] const bool never = pause.run(kLookInterval);
-        sighting = input.files.look();
-        if (tellsOfServer(sighting)) {
+        server = input.files.readStatus();
+        if (server.mayRun()) {
             others->clear();
         }
         others->removeIf([](qint64 pid) { return !isServerProcess(pid); });
     }
-    return sighting;
+    return server;
 }
 
 Finding otherServer(qint64 pid)
@@ -132,33 +127,33 @@ QList<Finding> listenPort(const DoctorInput &input)
                u"End what listens on it, or set another one; 0 is any"_s)};
 }
 
-QList<Finding> serverFindings(const DoctorInput &input, const ServerSighting &sighting, const QList<qint64> &others)
+QList<Finding> serverFindings(const DoctorInput &input, const ServerStatus &server, const QList<qint64> &others)
 {
-    switch (sighting.trace) {
-    case ServerTrace::Missing:
-    case ServerTrace::Stale: {
-        const Finding none = sighting.trace == ServerTrace::Missing
+    switch (server.state) {
+    case ServerState::Missing:
+    case ServerState::Stale: {
+        const Finding none = server.state == ServerState::Missing
                                  ? fine(u"None is running; it is started when it is needed"_s)
-                                 : warning(sighting.detail, u"zarvoctl server start"_s);
+                                 : warning(server.detail, u"zarvoctl server start"_s);
         return QList<Finding>{others.isEmpty() ? none : otherServer(others.first())} + listenPort(input);
     }
-    case ServerTrace::Starting:
-        return {warning(sighting.detail, u"Wait a moment; if this stays, see \"zarvoctl server log\""_s)};
-    case ServerTrace::Unreadable:
-        return {failed(sighting.detail,
-                       sighting.pid == 0 ? u"Remove it and start the server"_s
-                                         : u"Remove it, end the process %1 and start the server"_s.arg(sighting.pid))};
-    case ServerTrace::Running:
+    case ServerState::Starting:
+        return {warning(server.detail, u"Wait a moment; if this stays, see \"zarvoctl server log\""_s)};
+    case ServerState::Unreadable:
+        return {failed(server.detail, server.pid == 0
+                                          ? u"Remove it and start the server"_s
+                                          : u"Remove it, end the process %1 and start the server"_s.arg(server.pid))};
+    case ServerState::Running:
         break;
     }
     RpcClient client;
     Failure failure;
     ServerConnector connector(input.files);
     if (!connector.connect(&client, ServerConnector::Start::Forbidden, &failure)) {
-        return {failed(u"%1, but: %2"_s.arg(sighting.detail, failure.text.chopped(failure.text.endsWith(u'.') ? 1 : 0)),
+        return {failed(u"%1, but: %2"_s.arg(server.detail, failure.text.chopped(failure.text.endsWith(u'.') ? 1 : 0)),
                        u"zarvoctl server stop; zarvoctl server start"_s)};
     }
-    return {fine(connector.sighting().detail + u" and lets us in"_s)};
+    return {fine(connector.status().detail + u" and lets us in"_s)};
 }
 
 bool areFine(const QList<Finding> &findings)
@@ -207,7 +202,7 @@ QList<Finding> checkCertificate(const DoctorInput &input)
     const auto exists = [&input] { return QFile::exists(input.files.certificatePath()); };
     if (!exists()) {
         // Asked again behind the look: a server makes it before it tells its port.
-        const bool isServed = input.files.look().trace == ServerTrace::Running;
+        const bool isServed = input.files.readStatus().state == ServerState::Running;
         if (!exists()) {
             return {isServed ? failed(u"There is no \"%1\", and so no way into the running server"_s.arg(
                                           input.files.certificatePath()),
@@ -241,9 +236,9 @@ QList<Finding> checkServerProcess(const DoctorInput &input)
     QList<Finding> findings;
     for (int look = 0; look < kMaxLooks; ++look) {
         QList<qint64> others;
-        const ServerSighting sighting = settledLook(input, &others);
-        findings = serverFindings(input, sighting, others);
-        if (areFine(findings) || input.files.look().isLike(sighting)) {
+        const ServerStatus server = settledLook(input, &others);
+        findings = serverFindings(input, server, others);
+        if (areFine(findings) || input.files.readStatus().isSameAs(server)) {
             break;
         }
     }

@@ -100,9 +100,9 @@ private:
 /** Whether the running server belongs to the user's own service manager, and so to no login session. */
 bool isOutsideOfLogins(const DoctorInput &input)
 {
-    const ServerSighting sighting = input.files.look();
-    return sighting.trace == ServerTrace::Running &&
-           contents(u"%1/%2/cgroup"_s.arg(input.processesPath, QString::number(sighting.pid))).contains("/user@"_L1);
+    const ServerStatus server = input.files.readStatus();
+    return server.state == ServerState::Running &&
+           contents(u"%1/%2/cgroup"_s.arg(input.processesPath, QString::number(server.pid))).contains("/user@"_L1);
 }
 
 } // namespace

@@ -91,12 +91,12 @@ Finding programFinding(const QString &program, const QString &need, const QStrin
 /** What a server that was not started by us may miss: it keeps the search path of its own start. */
 QList<Finding> missedByServer(const DoctorInput &input)
 {
-    const ServerSighting sighting = input.files.look();
-    if (sighting.trace != ServerTrace::Running) {
+    const ServerStatus server = input.files.readStatus();
+    if (server.state != ServerState::Running) {
         return {};
     }
     DoctorInput its = input;
-    its.searchPath = environmentOf(sighting.pid, u"PATH"_s).value_or(input.searchPath);
+    its.searchPath = environmentOf(server.pid, u"PATH"_s).value_or(input.searchPath);
     QList<Finding> findings;
     for (const QString &program : {u"start-agent"_s, u"start-app"_s, u"xauth"_s}) {
         if (find(program, its).isEmpty() && !find(program, input).isEmpty()) {

@@ -56,9 +56,9 @@ public:
     Traceless() { since.start(); }
 
     /** Called at each look at the files. */
-    void see(ServerTrace trace)
+    void see(ServerState trace)
     {
-        if (trace != ServerTrace::Missing && trace != ServerTrace::Stale) {
+        if (trace != ServerState::Missing && trace != ServerState::Stale) {
             starts = 0;
             since.start();
         }
@@ -101,7 +101,7 @@ bool ServerConnector::connect(RpcClient *client, Start start, Failure *failure)
         break;
     }
     // A server that is about to serve needs no start, so waiting for it is allowed in any case.
-    if (start == Start::Forbidden && last.trace != ServerTrace::Starting) {
+    if (start == Start::Forbidden && last.state != ServerState::Starting) {
         return fail(failure, ExitCode::NoServer, last.detail + u'.');
     }
     return connectToStarting(client, start, failure);
@@ -130,8 +130,8 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
         if (result != Attempt::NotYet) {
             return result == Attempt::Connected;
         }
-        const bool hopeless = launched && last.trace != ServerTrace::Starting;
-        traceless.see(last.trace);
+        const bool hopeless = launched && last.state != ServerState::Starting;
+        traceless.see(last.state);
         if (hopeless && start == Start::Forbidden) {
             return fail(failure, ExitCode::NoServer, last.detail + u'.'); // what was there has ended
         }
@@ -159,7 +159,7 @@ ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *fa
     Attempt result = attemptOnce(client, failure);
     // Whatever is wrong with a server that is there no more is nothing that is wrong with the one there is now.
     for (int count = 1; count < kMaxServers; ++count) {
-        if (result == Attempt::Connected || last.trace != ServerTrace::Running || files.look().isLike(last)) {
+        if (result == Attempt::Connected || last.state != ServerState::Running || files.readStatus().isSameAs(last)) {
             break;
         }
         result = attemptOnce(client, failure);
@@ -170,12 +170,12 @@ ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *fa
 ServerConnector::Attempt ServerConnector::attemptOnce(RpcClient *client, Failure *failure)
 {
     // Looked at once: what follows is decided by the same look, for a server writes its files meanwhile.
-    last = files.look();
-    if (last.trace == ServerTrace::Unreadable) {
+    last = files.readStatus();
+    if (last.state == ServerState::Unreadable) {
         fail(failure, ExitCode::NoServer, last.detail + u'.');
         return Attempt::Failed;
     }
-    if (last.trace != ServerTrace::Running) {
+    if (last.state != ServerState::Running) {
         return Attempt::NotYet;
     }
     Credentials credentials;

@@ -25,7 +25,7 @@ public:
     [[nodiscard]] bool connect(RpcClient *client, Start start, Failure *failure);
 
     /** What the files told when the connection was made, or when it was given up. */
-    [[nodiscard]] const ServerSighting &sighting() const { return last; }
+    [[nodiscard]] const ServerStatus &status() const { return last; }
 
 private:
     enum class Attempt { Connected, NotYet, Failed };
@@ -36,5 +36,5 @@ private:
     bool connectToStarting(RpcClient *client, Start start, Failure *failure);
 
     ServerFiles files;
-    ServerSighting last; ///< what the last attempt saw; the detail says why it brought no connection
+    ServerStatus last; ///< what the last attempt saw; the detail says why it brought no connection
 };

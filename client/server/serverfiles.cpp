@@ -20,10 +20,11 @@ namespace {
 
 constexpr int kMaxNumberBytes = 32;
 
-/** Servers that follow each other so fast have a reason to be given up. */
-constexpr int kMaxGlances = 10;
+constexpr qint64 kMaxPid = 0x7FFFFFFF;
+constexpr qint64 kMaxPort = 65535;
 
-enum class NumberFile { Missing, Empty, Unreadable, Invalid, Valid };
+/** Bounds the loop when each reading finds the files of yet another dead server. */
+constexpr int kMaxRetries = 10;
 
 NumberFile readNumber(const QString &path, qint64 limit, qint64 *number, QString *error)
 {
@@ -32,19 +33,19 @@ NumberFile readNumber(const QString &path, qint64 limit, qint64 *number, QString
     }
     if (isSpecialFile(path)) {
         *error = u"\"%1\" is no file"_s.arg(path);
-        return NumberFile::Unreadable; // one that reads from it may wait for ever
+        return NumberFile::Unreadable; // reading from a pipe may never end
     }
     QByteArray text;
     switch (readFileIfThere(path, kMaxNumberBytes, &text, error)) {
     case FileReading::Missing:
-        return NumberFile::Missing; // a server that ends, or fails to start, has removed it since
+        return NumberFile::Missing; // removed meanwhile by a server that ends or fails to start
     case FileReading::Failed:
         return NumberFile::Unreadable;
     case FileReading::Done:
         break;
     }
     if (text.isEmpty()) {
-        return NumberFile::Empty; // the server writes it this very moment
+        return NumberFile::Empty; // the server is writing it
     }
     bool isNumber = false;
     const qint64 value = text.trimmed().toLongLong(&isNumber);
@@ -65,7 +66,7 @@ std::optional<timespec> modificationTime(const QString &path)
     return status.st_mtim;
 }
 
-/** A killed server leaves its port file behind, and its successor overwrites that later than the pid file. */
+/** A killed server leaves its port file behind; its successor writes the pid file first, then the port file. */
 bool isOlder(const QString &path, const QString &otherPath)
 {
     const std::optional<timespec> first = modificationTime(path);
@@ -96,68 +97,37 @@ QString ServerFiles::sessionDirectory(const QString &id) const
     return ::sessionDirectory(sessionsPath(), id);
 }
 
-ServerSighting ServerFiles::look() const
+ServerStatus ServerFiles::readStatus() const
 {
-    // A server that ends removes its files before its process goes. So only what is there behind a look that found no
-    // process was left behind.
-    ServerSighting sighting = glance();
-    for (int count = 0; sighting.trace == ServerTrace::Stale && count < kMaxGlances; ++count) {
-        const ServerSighting before = std::exchange(sighting, glance());
-        if (sighting.pid == before.pid) {
+    // A server that ends removes its files before its process ends. So files are stale only if they still exist after
+    // a reading that found no process.
+    ServerStatus status = classify(readFacts());
+    for (int retry = 0; status.state == ServerState::Stale && retry < kMaxRetries; ++retry) {
+        const ServerStatus before = std::exchange(status, classify(readFacts()));
+        if (status.pid == before.pid) {
             break;
         }
     }
-    return sighting;
+    return status;
 }
 
-ServerSighting ServerFiles::glance() const
+ServerFacts ServerFiles::readFacts() const
 {
-    ServerSighting sighting;
-    QString error;
-    const NumberFile pidFile = readNumber(pidPath(), 0x7FFFFFFF, &sighting.pid, &error);
-    if (pidFile == NumberFile::Unreadable) {
-        return {ServerTrace::Unreadable, 0, 0, error};
+    ServerFacts facts;
+    facts.portPath = portPath();
+    facts.pidFile = readNumber(pidPath(), kMaxPid, &facts.pid, &facts.error);
+    if (facts.pidFile == NumberFile::Unreadable) {
+        return facts;
     }
-    // Told between the two readings: a port that is written after this may be taken for an old one and is looked at
-    // again, but no old one is ever taken for that of the server.
-    const bool isLeftBehind = pidFile != NumberFile::Missing && isOlder(portPath(), pidPath());
-    qint64 port = 0;
-    const NumberFile portFile = readNumber(portPath(), 65535, &port, &error);
-    if (pidFile == NumberFile::Missing && portFile == NumberFile::Valid) {
-        sighting.pid = serverListeningOn(static_cast<quint16>(port)); // somebody has tidied up
+    // Compared before the port is read: a port written after this counts as old and is read again, but a server never
+    // gets the port of an earlier one.
+    facts.isPortOlder = facts.pidFile != NumberFile::Missing && isOlder(portPath(), pidPath());
+    facts.portFile = readNumber(portPath(), kMaxPort, &facts.port, &facts.error);
+    if (facts.pidFile == NumberFile::Missing && facts.portFile == NumberFile::Valid) {
+        facts.pid = serverListeningOn(static_cast<quint16>(facts.port)); // the user has removed the pid file
     }
-    const bool alive = isServerProcess(sighting.pid);
-    switch (portFile) {
-    case NumberFile::Unreadable:
-        return {ServerTrace::Unreadable, 0, sighting.pid, error};
-    case NumberFile::Invalid:
-        if (alive && !isLeftBehind) {
-            return {ServerTrace::Unreadable, 0, sighting.pid, error};
-        }
-        break;
-    case NumberFile::Missing:
-        if (!alive) {
-            sighting.detail = u"No server is running: there is no file \"%1\""_s.arg(portPath());
-            return sighting;
-        }
-        break;
-    case NumberFile::Empty:
-        break;
-    case NumberFile::Valid:
-        if (alive && !isLeftBehind) {
-            return {ServerTrace::Running, static_cast<quint16>(port), sighting.pid,
-                    u"The server is process %1 on port %2"_s.arg(sighting.pid).arg(port)};
-        }
-    }
-    if (alive) {
-        sighting.trace = ServerTrace::Starting;
-        sighting.detail = u"The server, process %1, does not tell its port yet"_s.arg(sighting.pid);
-    } else {
-        sighting.trace = ServerTrace::Stale;
-        sighting.detail = u"The server has ended without removing its files: there is \"%1\" and no process%2"_s.arg(
-            portPath(), sighting.pid != 0 ? u" %1"_s.arg(sighting.pid) : QString());
-    }
-    return sighting;
+    facts.isAlive = isServerProcess(facts.pid);
+    return facts;
 }
 
 QString ServerFiles::file(QLatin1StringView name) const

@@ -1,33 +1,10 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "client/server/serverstatus.h"
 #include "contract/userdirectory.h"
 
 #include <QString>
-
-/** What the files of the user path tell about the server. */
-enum class ServerTrace {
-    Missing,    ///< no port file: nobody has started a server, or it has ended
-    Starting,   ///< a server process is there and has not written its port yet
-    Stale,      ///< left behind by a server whose process is gone
-    Unreadable, ///< a file is there and cannot be used
-    Running,    ///< a server process is there and names its port
-};
-
-/** One look at the files. A plain value. */
-struct ServerSighting
-{
-    ServerTrace trace = ServerTrace::Missing;
-    quint16 port = 0; ///< set for Running
-    qint64 pid = 0;   ///< 0 when the pid file names none and no server listens on the port
-    QString detail;   ///< one sentence about the trace, for the user
-
-    /** Whether the other one tells of the same server, in the same state. */
-    [[nodiscard]] bool isLike(const ServerSighting &other) const
-    {
-        return trace == other.trace && port == other.port && pid == other.pid;
-    }
-};
 
 /**
  * The files by which the server of this user and host is found. Only reads. Callable from any thread.
@@ -48,11 +25,11 @@ public:
     /** The directory of a session; the id must be one that the server or the disk gave. */
     [[nodiscard]] QString sessionDirectory(const QString &id) const;
 
-    /** What the files tell at the moment, also while a server writes or removes them. */
-    [[nodiscard]] ServerSighting look() const;
+    /** The server as its files show it now. A server may write or remove them meanwhile. */
+    [[nodiscard]] ServerStatus readStatus() const;
 
 private:
-    [[nodiscard]] ServerSighting glance() const;
+    [[nodiscard]] ServerFacts readFacts() const;
     [[nodiscard]] QString file(QLatin1StringView name) const;
 
     QString path;

@@ -30,7 +30,7 @@ bool ClientContext::connectToServer(ServerConnector::Start start, Failure *failu
     }
     ServerConnector connector(files);
     const bool isConnected = connector.connect(&client, start, failure);
-    server = connector.sighting();
+    server = connector.status();
     return isConnected;
 }
 

@@ -22,7 +22,7 @@ public:
     const Settings settings;
     const ServerFiles files;
     RpcClient client;
-    ServerSighting server; ///< set by connectToServer(): what was connected to, or why nothing was
+    ServerStatus server; ///< set by connectToServer(): what was connected to, or why nothing was
 
     /** Connects, unless that is done; @p start says whether a server may be started for it. */
     [[nodiscard]] bool connectToServer(ServerConnector::Start start, Failure *failure);

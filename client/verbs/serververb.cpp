@@ -15,18 +15,18 @@ namespace {
 /** Requests that run are waited for, and one may wait for its agent twice. */
 constexpr auto kStopTimeout = 60s;
 
-const char *traceName(ServerTrace trace)
+const char *stateName(ServerState state)
 {
-    switch (trace) {
-    case ServerTrace::Missing:
+    switch (state) {
+    case ServerState::Missing:
         return "missing";
-    case ServerTrace::Starting:
+    case ServerState::Starting:
         return "starting";
-    case ServerTrace::Stale:
+    case ServerState::Stale:
         return "stale";
-    case ServerTrace::Unreadable:
+    case ServerState::Unreadable:
         return "unreadable";
-    case ServerTrace::Running:
+    case ServerState::Running:
         return "running";
     }
     return "";
@@ -44,12 +44,12 @@ ExitCode start(const QCommandLineParser &, ClientContext &context)
 
 ExitCode stop(const QCommandLineParser &, ClientContext &context)
 {
-    const ServerSighting sighting = context.files.look();
+    const ServerStatus server = context.files.readStatus();
     Failure failure;
-    if (sighting.trace == ServerTrace::Missing || sighting.trace == ServerTrace::Stale || sighting.pid == 0) {
-        return context.console.report({ExitCode::NoServer, sighting.detail + u'.'});
+    if (server.state == ServerState::Missing || server.state == ServerState::Stale || server.pid == 0) {
+        return context.console.report({ExitCode::NoServer, server.detail + u'.'});
     }
-    if (!stopServer(sighting.pid, kStopTimeout, &failure)) {
+    if (!stopServer(server.pid, kStopTimeout, &failure)) {
         return context.console.report(failure);
     }
     context.console.note(u"The server has ended; its sessions go on."_s);
@@ -78,15 +78,15 @@ ExitCode status(const QCommandLineParser &line, ClientContext &context)
         failure.code = ExitCode::NoServer; // whether one answers is the question
     }
     // The files may be others by now; these told of the server that has answered, or has not.
-    const ServerSighting &sighting = context.server;
+    const ServerStatus &server = context.server;
     if (line.isSet(u"json"_s)) {
         Json::Value value(Json::objectValue);
         value["answers"] = answers;
-        value["files"] = traceName(sighting.trace);
+        value["files"] = stateName(server.state);
         value["userPath"] = jsonString(context.files.userPath());
         if (answers) {
-            value["pid"] = Json::Value::Int64(sighting.pid);
-            value["port"] = sighting.port;
+            value["pid"] = Json::Value::Int64(server.pid);
+            value["port"] = server.port;
             value["version"] = jsonString(version);
             value["sessions"] = static_cast<int>(sessions.size());
         }
@@ -96,8 +96,8 @@ ExitCode status(const QCommandLineParser &line, ClientContext &context)
     if (!answers) {
         return context.console.report(failure);
     }
-    context.console.printLine(u"process    %1"_s.arg(sighting.pid));
-    context.console.printLine(u"port       %1"_s.arg(sighting.port));
+    context.console.printLine(u"process    %1"_s.arg(server.pid));
+    context.console.printLine(u"port       %1"_s.arg(server.port));
     context.console.printLine(u"version    "_s + printable(version));
     context.console.printLine(u"sessions   %1"_s.arg(sessions.size()));
     context.console.printLine(u"user path  "_s + context.files.userPath());

@@ -57,7 +57,7 @@ private slots:
         const Impostor other(serverEnvironment(u"anna"_s, surroundings->path("bin")));
         putFile(surroundings->path("zarvo/host/server_pid"), QByteArray::number(other.pid()));
         putFile(surroundings->path("zarvo/host/server_port"), "1");
-        QTRY_COMPARE(ServerFiles(surroundings->path("zarvo/host")).look().trace, ServerTrace::Running);
+        QTRY_COMPARE(ServerFiles(surroundings->path("zarvo/host")).readStatus().state, ServerState::Running);
         QVERIFY(!texts(checkPrograms(surroundings->input())).join(u'\n').contains(u"does not find"_s));
     }
 

@@ -30,43 +30,43 @@ private slots:
         ::prctl(PR_SET_NAME, "zarvo_server");
     }
 
-    void traces_data()
+    void states_data()
     {
         QTest::addColumn<QByteArray>("pid");
         QTest::addColumn<QByteArray>("port");
-        QTest::addColumn<int>("trace");
+        QTest::addColumn<int>("state");
         const QByteArray self = QByteArray::number(::getpid());
         const QByteArray none; // a null array: no file
         const QByteArray empty("");
-        const auto row = [](const char *name, const QByteArray &pid, const QByteArray &port, ServerTrace trace) {
-            QTest::newRow(name) << pid << port << static_cast<int>(trace);
+        const auto row = [](const char *name, const QByteArray &pid, const QByteArray &port, ServerState state) {
+            QTest::newRow(name) << pid << port << static_cast<int>(state);
         };
-        row("nothing", none, none, ServerTrace::Missing);
-        row("running", self, "4000", ServerTrace::Running);
-        row("no port yet", self, none, ServerTrace::Starting);
-        row("port is being written", self, empty, ServerTrace::Starting);
-        row("dead", "999999999", "4000", ServerTrace::Stale);
-        row("dead before its port", "999999999", none, ServerTrace::Missing);
-        row("process 1", "1", "4000", ServerTrace::Stale);
-        row("no pid", none, "4000", ServerTrace::Stale);
-        row("pid is no number", "x", "4000", ServerTrace::Stale);
-        row("negative pid", "-1", "4000", ServerTrace::Stale);
-        row("port is no number", self, "x", ServerTrace::Unreadable);
-        row("port 0", self, "0", ServerTrace::Unreadable);
-        row("last port", self, "65535", ServerTrace::Running);
-        row("no port", self, "65536", ServerTrace::Unreadable);
-        row("broken port of the dead", none, "x", ServerTrace::Stale);
+        row("nothing", none, none, ServerState::Missing);
+        row("running", self, "4000", ServerState::Running);
+        row("no port yet", self, none, ServerState::Starting);
+        row("port is being written", self, empty, ServerState::Starting);
+        row("dead", "999999999", "4000", ServerState::Stale);
+        row("dead before its port", "999999999", none, ServerState::Missing);
+        row("process 1", "1", "4000", ServerState::Stale);
+        row("no pid", none, "4000", ServerState::Stale);
+        row("pid is no number", "x", "4000", ServerState::Stale);
+        row("negative pid", "-1", "4000", ServerState::Stale);
+        row("port is no number", self, "x", ServerState::Unreadable);
+        row("port 0", self, "0", ServerState::Unreadable);
+        row("last port", self, "65535", ServerState::Running);
+        row("no port", self, "65536", ServerState::Unreadable);
+        row("broken port of the dead", none, "x", ServerState::Stale);
     }
-    void traces()
+    void states()
     {
         QFETCH(QByteArray, pid);
         QFETCH(QByteArray, port);
         write(u"server_pid"_s, pid);
         write(u"server_port"_s, port);
-        const ServerSighting sighting = ServerFiles(folder->path()).look();
-        QTEST(static_cast<int>(sighting.trace), "trace");
-        QCOMPARE(sighting.port, sighting.trace == ServerTrace::Running ? port.toUShort() : quint16(0));
-        QVERIFY(!sighting.detail.isEmpty());
+        const ServerStatus server = ServerFiles(folder->path()).readStatus();
+        QTEST(static_cast<int>(server.state), "state");
+        QCOMPARE(server.port, server.state == ServerState::Running ? port.toUShort() : quint16(0));
+        QVERIFY(!server.detail.isEmpty());
     }
 
     void portOfAnEarlierServer_data()
@@ -82,7 +82,7 @@ private slots:
         write(u"server_port"_s, port);
         const timespec times[2] = {{1000, 0}, {1000, 0}};
         QVERIFY(::utimensat(AT_FDCWD, qPrintable(folder->filePath(u"server_port"_s)), times, 0) == 0);
-        QVERIFY(ServerFiles(folder->path()).look().trace == ServerTrace::Starting);
+        QVERIFY(ServerFiles(folder->path()).readStatus().state == ServerState::Starting);
     }
 
     void pidFileThatHasGone()
@@ -90,11 +90,11 @@ private slots:
         QTcpServer listener;
         QVERIFY(listener.listen(QHostAddress::LocalHost));
         write(u"server_port"_s, QByteArray::number(listener.serverPort()));
-        const ServerSighting sighting = ServerFiles(folder->path()).look();
-        QVERIFY(sighting.trace == ServerTrace::Running);
-        QCOMPARE(sighting.pid, qint64(::getpid()));
+        const ServerStatus server = ServerFiles(folder->path()).readStatus();
+        QVERIFY(server.state == ServerState::Running);
+        QCOMPARE(server.pid, qint64(::getpid()));
         write(u"server_pid"_s, "999999999"); // of one that has ended: the port is somebody else's by now
-        QVERIFY(ServerFiles(folder->path()).look().trace == ServerTrace::Stale);
+        QVERIFY(ServerFiles(folder->path()).readStatus().state == ServerState::Stale);
     }
 
     void pipeInPlaceOfAFile_data()
@@ -107,9 +107,9 @@ private slots:
     {
         QFETCH(QString, name);
         QCOMPARE(::mkfifo(qPrintable(folder->filePath(name)), 0600), 0);
-        const ServerSighting sighting = ServerFiles(folder->path()).look();
-        QVERIFY(sighting.trace == ServerTrace::Unreadable);
-        QCOMPARE(sighting.detail, u"\"%1\" is no file"_s.arg(folder->filePath(name)));
+        const ServerStatus server = ServerFiles(folder->path()).readStatus();
+        QVERIFY(server.state == ServerState::Unreadable);
+        QCOMPARE(server.detail, u"\"%1\" is no file"_s.arg(folder->filePath(name)));
     }
 
     void paths()
