@@ -2,6 +2,7 @@
 #include "client/server/serverconnector.h"
 
 #include "client/server/certificatepair.h"
+#include "client/server/connectionjudge.h"
 #include "client/server/serverlauncher.h"
 #include "client/server/serverprocess.h"
 #include "client/terminal/eventwait.h"
@@ -20,26 +21,13 @@ namespace {
 /** A server that is there answers within milliseconds; this is for a machine on its knees. */
 constexpr auto kConnectTimeout = 10s;
 
-/** A first start makes a key, which takes seconds on a slow machine. */
-constexpr auto kStartTimeout = 60s;
-
 /** Servers that follow each other so fast have a reason to be given up. */
 constexpr int kMaxServers = 5;
 
 /** How often the files are looked at while a server starts: nobody tells us that it is ready. */
-constexpr auto kLookInterval = 10ms;
+constexpr auto kRetryInterval = 10ms;
 
-/**
- * A start beside another one ends at once and without a word. When nothing has come of the other one after this
- * time, for it was that of a server about to end, it is tried again.
- */
-constexpr auto kRestartPause = 1s;
-
-/** After this time without a trace of the other one, and as many starts, it is none that is about to end. */
-constexpr auto kTracelessTime = 5s;
-constexpr int kTracelessStarts = 2;
-
-QString otherServerText()
+QString otherServersText()
 {
     QStringList pids;
     for (const qint64 pid : serversOfSameUser()) {
@@ -48,33 +36,6 @@ QString otherServerText()
     const QString which = pids.isEmpty() ? QString() : u" (process %1)"_s.arg(pids.join(u", "_s));
     return u"A server of USER=%1 runs already with other files%2."_s.arg(qEnvironmentVariable("USER"), which);
 }
-
-/** Tells one server that is about to start or end, of which files speak, from one that keeps its files elsewhere. */
-class Traceless
-{
-public:
-    Traceless() { since.start(); }
-
-    /** Called at each look at the files. */
-    void see(ServerState trace)
-    {
-        if (trace != ServerState::Missing && trace != ServerState::Stale) {
-            starts = 0;
-            since.start();
-        }
-    }
-    /** Called when a start has ended without a word. */
-    void countStart() { ++starts; }
-
-    [[nodiscard]] bool isProved() const
-    {
-        return starts >= kTracelessStarts && std::chrono::milliseconds(since.elapsed()) >= kTracelessTime;
-    }
-
-private:
-    QElapsedTimer since;
-    int starts = 0;
-};
 
 /** Lets the launcher do its work for a while. */
 void serveEvents(std::chrono::milliseconds time)
@@ -111,47 +72,32 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
 {
     const Progress progress(u"Starting the server"_s);
     ServerLauncher launcher;
+    ConnectionJudge judge(start == Start::Allowed, otherServersText);
     QElapsedTimer total;
-    QElapsedTimer sinceStart;
-    Traceless traceless;
     total.start();
-    QString error;
-    const auto launch = [&] {
-        sinceStart.start();
-        return launcher.start(files.userPath(), &error);
-    };
-    if (start == Start::Allowed && !launch()) {
-        return fail(failure, ExitCode::NoServer, error + u'.');
-    }
-    while (std::chrono::milliseconds(total.elapsed()) < kStartTimeout && !client->isLate()) {
-        serveEvents(kLookInterval);
-        const bool launched = !launcher.isRunning();
+    bool isLaunching = false;
+    while (true) {
+        const ConnectionJudge::Verdict verdict = judge.judge({.time = std::chrono::milliseconds(total.elapsed()),
+                                                              .server = last,
+                                                              .isLaunching = isLaunching,
+                                                              .launchMessages = launcher.messages(),
+                                                              .isLate = client->isLate()});
+        if (verdict.action == ConnectionJudge::Action::GiveUp) {
+            *failure = verdict.failure;
+            return false;
+        }
+        QString error;
+        if (verdict.action == ConnectionJudge::Action::Start && !launcher.start(files.userPath(), &error)) {
+            return fail(failure, ExitCode::NoServer, error + u'.');
+        }
+        serveEvents(kRetryInterval);
+        // Asked before the files are read: a launch that has ended by now has written everything it ever will.
+        isLaunching = launcher.isRunning();
         const Attempt result = attempt(client, failure);
         if (result != Attempt::NotYet) {
             return result == Attempt::Connected;
         }
-        const bool hopeless = launched && last.state != ServerState::Starting;
-        traceless.see(last.state);
-        if (hopeless && start == Start::Forbidden) {
-            return fail(failure, ExitCode::NoServer, last.detail + u'.'); // what was there has ended
-        }
-        if (hopeless && !launcher.messages().isEmpty()) {
-            return fail(failure, ExitCode::NoServer,
-                        u"The server does not start:\n%1"_s.arg(launcher.messages().trimmed()));
-        }
-        if (!hopeless || std::chrono::milliseconds(sinceStart.elapsed()) <= kRestartPause) {
-            continue;
-        }
-        traceless.countStart();
-        if (traceless.isProved()) {
-            return fail(failure, ExitCode::NoServer, otherServerText());
-        }
-        if (!launch()) {
-            return fail(failure, ExitCode::NoServer, error + u'.');
-        }
     }
-    return fail(failure, client->isLate() ? ExitCode::TimedOut : ExitCode::NoServer,
-                u"The server did not start in time: %1."_s.arg(last.detail));
 }
 
 ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *failure)
