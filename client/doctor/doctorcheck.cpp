@@ -1,7 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "client/doctor/doctorcheck.h"
 
+#include "support/filereader.h"
+
 using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int kMaxSmallFileBytes = 65536;
+
+} // namespace
 
 QString levelName(Finding::Level level)
 {
@@ -29,6 +37,13 @@ Finding warning(const QString &text, const QString &remedy)
 Finding failed(const QString &text, const QString &remedy)
 {
     return {Finding::Level::Fail, text, remedy};
+}
+
+QString smallFileText(const QString &path)
+{
+    QByteArray text;
+    QString ignored;
+    return readFile(path, kMaxSmallFileBytes, &text, &ignored) ? QString::fromUtf8(text) : QString();
 }
 
 QList<DoctorCheck> doctorChecks()

@@ -54,6 +54,9 @@ struct DoctorCheck
 /** All checks in the order in which they are reported. */
 [[nodiscard]] QList<DoctorCheck> doctorChecks();
 
+/** The text of a small file; empty when it cannot be read. */
+[[nodiscard]] QString smallFileText(const QString &path);
+
 // The checks; each stands in the source file that its group is named after.
 [[nodiscard]] QList<Finding> checkUserPath(const DoctorInput &input);
 [[nodiscard]] QList<Finding> checkCertificate(const DoctorInput &input);

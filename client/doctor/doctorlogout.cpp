@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "client/doctor/doctorcheck.h"
-#include "support/filereader.h"
 
 #include <QDir>
 #include <QFile>
@@ -13,15 +12,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-constexpr int kMaxFileBytes = 65536;
-
-QString contents(const QString &path)
-{
-    QByteArray text;
-    QString ignored;
-    return readFile(path, kMaxFileBytes, &text, &ignored) ? QString::fromUtf8(text) : QString();
-}
 
 /** Where settings of logind are, the weightiest last. */
 constexpr std::array kFolders = {"/usr/lib/systemd"_L1, "/usr/local/lib/systemd"_L1, "/run/systemd"_L1,
@@ -52,7 +42,7 @@ public:
     explicit LogoutSettings(const QString &systemPath)
     {
         for (const QString &path : settingsFiles(systemPath)) {
-            read(contents(path));
+            read(smallFileText(path));
         }
     }
 
@@ -102,7 +92,7 @@ bool isOutsideOfLogins(const DoctorInput &input)
 {
     const ServerStatus server = input.files.readStatus();
     return server.state == ServerState::Running &&
-           contents(u"%1/%2/cgroup"_s.arg(input.processesPath, QString::number(server.pid))).contains("/user@"_L1);
+           smallFileText(u"%1/%2/cgroup"_s.arg(input.processesPath, QString::number(server.pid))).contains("/user@"_L1);
 }
 
 } // namespace

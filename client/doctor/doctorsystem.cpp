@@ -5,7 +5,6 @@
 #include "client/server/serverlauncher.h"
 #include "client/server/serverprocess.h"
 #include "contract/sessiondirectory.h"
-#include "support/filereader.h"
 
 #include <QFile>
 #include <QRegularExpression>
@@ -20,21 +19,12 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kFirstXPort = 6000;
-constexpr int kMaxFileBytes = 65536;
-
 /** Looking at each of thousands would take long and tell no more. */
 constexpr int kMaxDisplaysTried = 1000;
 
 QString find(const QString &program, const DoctorInput &input)
 {
     return QStandardPaths::findExecutable(program, input.searchPath.split(u':', Qt::SkipEmptyParts));
-}
-
-QString contents(const QString &path)
-{
-    QByteArray text;
-    QString ignored;
-    return readFile(path, kMaxFileBytes, &text, &ignored) ? QString::fromUtf8(text) : QString();
 }
 
 bool isPortFree(int port)
@@ -184,8 +174,8 @@ QList<Finding> checkPortRange(const DoctorInput &input)
 {
     const PortRange agent = {kFirstAgentPort + input.settings.displayBase,
                              kFirstAgentPort + input.settings.displayBase + input.settings.displayLimit - 1};
-    const QList<PortRange> ephemeral = readRanges(contents(input.networkPath + u"/ip_local_port_range"_s));
-    const QList<PortRange> reserved = readRanges(contents(input.networkPath + u"/ip_local_reserved_ports"_s));
+    const QList<PortRange> ephemeral = readRanges(smallFileText(input.networkPath + u"/ip_local_port_range"_s));
+    const QList<PortRange> reserved = readRanges(smallFileText(input.networkPath + u"/ip_local_reserved_ports"_s));
     const QString range = u"%1-%2"_s.arg(agent.first).arg(agent.last);
     const bool isTaken =
         std::any_of(ephemeral.begin(), ephemeral.end(), [&agent](const PortRange &r) { return r.overlaps(agent); });

@@ -13,13 +13,13 @@
 class ServedContext
 {
 public:
-    explicit ServedContext(FakeServer::Answerer answerer)
+    explicit ServedContext(FakeServer::Answerer answerer_)
+        : answerer(std::move(answerer_))
     {
         if (!files.make()) {
             qFatal("Failed to make the files of a server");
         }
-        server = std::make_unique<FakeServer>(files.identity, std::move(answerer));
-        files.name(server->port());
+        startServer();
         context = std::make_unique<ClientContext>(console, files.settings());
         Failure failure;
         if (!context->connectToServer(ServerConnector::Start::Forbidden, &failure)) {
@@ -27,12 +27,41 @@ public:
         }
     }
 
+    [[nodiscard]] ClientContext *get() const { return context.get(); }
     ClientContext *operator->() const { return context.get(); }
     ClientContext &operator*() const { return *context; }
 
+    [[nodiscard]] FakeServer &server() const { return *fake; }
+
+    /** Starts a server in place of the earlier one, which has been stopped. */
+    void startServer() { startServer(files.identity); }
+
+    /** Starts a program that has the server's place but not its certificate. */
+    void startImpostor()
+    {
+        TestIdentity other;
+        if (!makeTestIdentity(files.dir, QStringLiteral("other"), QString(), &other)) {
+            qFatal("Failed to make a certificate");
+        }
+        startServer(other);
+    }
+
+    void stopServer()
+    {
+        files.remove();
+        fake.reset();
+    }
+
 private:
+    void startServer(const TestIdentity &identity)
+    {
+        fake = std::make_unique<FakeServer>(identity, answerer);
+        files.name(fake->port());
+    }
+
+    const FakeServer::Answerer answerer;
     FakeServerFiles files;
-    std::unique_ptr<FakeServer> server;
+    std::unique_ptr<FakeServer> fake;
     Console console;
     std::unique_ptr<ClientContext> context; ///< goes before the server
 };

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "client/sessions/sessionfollower.h"
 #include "client/terminal/eventwait.h"
-#include "support/json.h"
-#include "tests/client/fakeserver.h"
-#include "tests/client/fakeserverfiles.h"
+#include "tests/client/servedcontext.h"
+#include "tests/client/sessions.h"
 #include "tests/testmain.h"
 
 #include <QTest>
@@ -18,34 +17,30 @@ class TestSessionFollower : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { QVERIFY(files.make()); }
-
     void init()
     {
         listed = Json::Value();
         beforeAnswer = nullptr;
-        startServer();
-        context = std::make_unique<ClientContext>(console, files.settings());
-        Failure failure;
-        QVERIFY2(context->connectToServer(ServerConnector::Start::Forbidden, &failure), qPrintable(failure.text));
+        context = std::make_unique<ServedContext>([this](QSslSocket *peer, const Json::Value &request) {
+            if (beforeAnswer) {
+                beforeAnswer(peer);
+            }
+            FakeServer::answer(peer, request, listed);
+        });
     }
 
-    void cleanup()
-    {
-        context.reset();
-        server.reset();
-    }
+    void cleanup() { context.reset(); }
 
     void firstListIsAskedForAndTheOthersAreSent()
     {
         listed = sessionsNamed({u"one"_s});
-        SessionFollower follower(context.get(), 10s);
+        SessionFollower follower(context->get(), 10s);
         QCOMPARE(next(&follower), "one"_ba);
         FakeServer::notify(client(), sessionsNamed({u"one"_s, u"two"_s}));
         FakeServer::notify(client(), Json::Value());
         QCOMPARE(next(&follower), "one two"_ba);
         QCOMPARE(next(&follower), ""_ba);
-        QCOMPARE(server->requests(), 1);
+        QCOMPARE(context->server().requests(), 1);
     }
 
     void listThatIsSentBeforeTheAnswerStandsForIt()
@@ -55,17 +50,17 @@ private slots:
             FakeServer::notify(peer, sessionsNamed({u"older"_s}));
             FakeServer::notify(peer, sessionsNamed({u"new"_s}));
         };
-        SessionFollower follower(context.get(), 10s);
+        SessionFollower follower(context->get(), 10s);
         QCOMPARE(next(&follower), "new"_ba);
         QCOMPARE(next(&follower, 50ms), "timed out"_ba);
     }
 
     void newestListsAreKept()
     {
-        SessionFollower follower(context.get(), 10s);
+        SessionFollower follower(context->get(), 10s);
         QCOMPARE(next(&follower), ""_ba);
         int taken = 0;
-        connect(&context->client, &RpcClient::sessionsUpdated, this, [&taken] { ++taken; });
+        connect(&context->get()->client, &RpcClient::sessionsUpdated, this, [&taken] { ++taken; });
         for (int i = 1; i <= 200; ++i) {
             FakeServer::notify(client(), sessionsNamed({QString::number(i)}));
         }
@@ -82,7 +77,7 @@ private slots:
 
     void nothingComesInTime()
     {
-        SessionFollower follower(context.get(), 10s);
+        SessionFollower follower(context->get(), 10s);
         QCOMPARE(next(&follower), ""_ba);
         QCOMPARE(next(&follower, 20ms), "timed out"_ba);
         QCOMPARE(next(&follower, 0ms), "timed out"_ba);
@@ -93,12 +88,12 @@ private slots:
     void serverThatComesBackIsAskedAgain()
     {
         listed = sessionsNamed({u"before"_s});
-        SessionFollower follower(context.get(), 30s);
+        SessionFollower follower(context->get(), 30s);
         QCOMPARE(next(&follower), "before"_ba);
-        stopServer();
+        context->stopServer();
         QCOMPARE(next(&follower), "lost"_ba);
         listed = sessionsNamed({u"after"_s});
-        QTimer::singleShot(100ms, this, [this] { startServer(); });
+        QTimer::singleShot(100ms, this, [this] { context->startServer(); });
         QCOMPARE(next(&follower), "after"_ba);
         FakeServer::notify(client(), sessionsNamed({u"update"_s}));
         QCOMPARE(next(&follower), "update"_ba);
@@ -106,7 +101,7 @@ private slots:
 
     void connectionThatIsLostWithoutTheServer()
     {
-        SessionFollower follower(context.get(), 30s);
+        SessionFollower follower(context->get(), 30s);
         QCOMPARE(next(&follower), ""_ba);
         for (int i = 0; i < 3; ++i) { // each loss is told once
             client()->disconnectFromHost();
@@ -118,7 +113,7 @@ private slots:
     void lossWhileTheFirstListIsAwaited()
     {
         beforeAnswer = [](QSslSocket *peer) { peer->disconnectFromHost(); };
-        SessionFollower follower(context.get(), 30s);
+        SessionFollower follower(context->get(), 30s);
         QCOMPARE(next(&follower), "lost"_ba);
         beforeAnswer = nullptr;
         QCOMPARE(next(&follower), ""_ba);
@@ -126,9 +121,9 @@ private slots:
 
     void patienceEnds()
     {
-        SessionFollower follower(context.get(), 300ms);
+        SessionFollower follower(context->get(), 300ms);
         QCOMPARE(next(&follower), ""_ba);
-        stopServer();
+        context->stopServer();
         QCOMPARE(next(&follower), "lost"_ba);
         QCOMPARE(next(&follower), "failed"_ba);
         QCOMPARE(failed.code, ExitCode::NoServer);
@@ -136,40 +131,38 @@ private slots:
 
     void timeoutEndsTheSearchBeforePatienceDoes()
     {
-        SessionFollower follower(context.get(), kNoDeadline);
+        SessionFollower follower(context->get(), kNoDeadline);
         QCOMPARE(next(&follower), ""_ba);
-        stopServer();
+        context->stopServer();
         QCOMPARE(next(&follower), "lost"_ba);
         QCOMPARE(next(&follower, 100ms), "timed out"_ba);
-        startServer();
+        context->startServer();
         QCOMPARE(next(&follower), ""_ba);
     }
 
     void wakingEndsAnyWait()
     {
-        SessionFollower follower(context.get(), kNoDeadline);
+        SessionFollower follower(context->get(), kNoDeadline);
         QCOMPARE(next(&follower), ""_ba);
         follower.wake(); // before the wait
         QCOMPARE(next(&follower), "woken"_ba);
         QTimer::singleShot(50ms, &follower, &SessionFollower::wake);
         QCOMPARE(next(&follower), "woken"_ba);
-        stopServer();
+        context->stopServer();
         QCOMPARE(next(&follower), "lost"_ba);
         QTimer::singleShot(50ms, &follower, &SessionFollower::wake);
         QCOMPARE(next(&follower), "woken"_ba);
-        startServer();
+        context->startServer();
         QCOMPARE(next(&follower), ""_ba);
     }
 
     void anotherProgramInThePlaceOfTheServer()
     {
-        SessionFollower follower(context.get(), kNoDeadline);
+        SessionFollower follower(context->get(), kNoDeadline);
         QCOMPARE(next(&follower), ""_ba);
-        stopServer();
+        context->stopServer();
         QCOMPARE(next(&follower), "lost"_ba);
-        TestIdentity other;
-        QVERIFY(makeTestIdentity(files.dir, u"other"_s, QString(), &other));
-        startServer(&other);
+        context->startImpostor();
         QCOMPARE(next(&follower), "failed"_ba);
         QCOMPARE(failed.code, ExitCode::CertificateRefused);
     }
@@ -177,35 +170,14 @@ private slots:
 private:
     static Json::Value sessionsNamed(const QStringList &names)
     {
-        Json::Value sessions(Json::arrayValue);
+        SessionList sessions;
         for (const QString &name : names) {
-            Json::Value session(Json::objectValue);
-            session["id"] = jsonString(u"id of "_s + name);
-            session["name"] = jsonString(name);
-            sessions.append(session);
+            sessions.append(makeSession(name, name));
         }
-        return sessions;
+        return serverList(sessions);
     }
 
-    void startServer(const TestIdentity *other = nullptr)
-    {
-        server = std::make_unique<FakeServer>(other ? *other : files.identity,
-                                              [this](QSslSocket *peer, const Json::Value &request) {
-                                                  if (beforeAnswer) {
-                                                      beforeAnswer(peer);
-                                                  }
-                                                  FakeServer::answer(peer, request, listed);
-                                              });
-        files.name(server->port());
-    }
-
-    void stopServer()
-    {
-        files.remove();
-        server.reset();
-    }
-
-    QSslSocket *client() { return server->clients().first(); }
+    QSslSocket *client() { return context->server().clients().first(); }
 
     /** The next thing that happens as one text: the names of the sessions, or what else it is. */
     QByteArray next(SessionFollower *follower, std::chrono::milliseconds timeout = 30s)
@@ -230,12 +202,9 @@ private:
         return names.join(u' ').toUtf8();
     }
 
-    FakeServerFiles files;
-    std::unique_ptr<FakeServer> server;
     Json::Value listed; ///< what the server answers to every request
     std::function<void(QSslSocket *)> beforeAnswer;
-    Console console;
-    std::unique_ptr<ClientContext> context;
+    std::unique_ptr<ServedContext> context;
     Failure failed;
 };
 
