@@ -57,7 +57,9 @@ struct DoctorCheck
 /** The text of a small file; empty when it cannot be read. */
 [[nodiscard]] QString smallFileText(const QString &path);
 
-// The checks; each stands in the source file that its group is named after.
+/*
+ * The checks. Each is in the source file that is named after its subject.
+ */
 [[nodiscard]] QList<Finding> checkUserPath(const DoctorInput &input);
 [[nodiscard]] QList<Finding> checkCertificate(const DoctorInput &input);
 [[nodiscard]] QList<Finding> checkServerProcess(const DoctorInput &input);

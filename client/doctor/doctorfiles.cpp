@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/doctor/doctorcheck.h"
+#include "client/doctor/portprobe.h"
 #include "client/server/certificatepair.h"
-#include "client/server/portprobe.h"
 #include "client/server/serverconnector.h"
 #include "client/server/serverprocess.h"
 #include "client/terminal/eventwait.h"

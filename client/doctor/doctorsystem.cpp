@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/doctor/doctorcheck.h"
+#include "client/doctor/portprobe.h"
 #include "client/reach/viewer.h"
-#include "client/server/portprobe.h"
 #include "client/server/serverlauncher.h"
 #include "client/server/serverprocess.h"
 #include "contract/sessiondirectory.h"

@@ -22,8 +22,7 @@ public:
     [[nodiscard]] static std::unique_ptr<RemoteHost> fromLocation(const QString &location);
 
     ~RemoteHost();
-    RemoteHost(const RemoteHost &) = delete;
-    RemoteHost &operator=(const RemoteHost &) = delete;
+    Q_DISABLE_COPY_MOVE(RemoteHost)
 
     [[nodiscard]] QString hostName() const { return host; }
 

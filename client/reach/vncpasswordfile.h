@@ -12,8 +12,7 @@ class VncPasswordFile
 public:
     VncPasswordFile() = default;
     ~VncPasswordFile();
-    VncPasswordFile(const VncPasswordFile &) = delete;
-    VncPasswordFile &operator=(const VncPasswordFile &) = delete;
+    Q_DISABLE_COPY_MOVE(VncPasswordFile)
 
     /** @param error  set only on failure: one sentence, without the password */
     [[nodiscard]] bool create(const QString &password, QString *error);

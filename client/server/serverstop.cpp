@@ -31,8 +31,7 @@ public:
             ::close(descriptor);
         }
     }
-    ProcessHandle(const ProcessHandle &) = delete;
-    ProcessHandle &operator=(const ProcessHandle &) = delete;
+    Q_DISABLE_COPY_MOVE(ProcessHandle)
 
     [[nodiscard]] int get() const { return descriptor; }
     [[nodiscard]] bool signal(int number) const

@@ -14,8 +14,7 @@ class Progress
 public:
     explicit Progress(const QString &text);
     ~Progress();
-    Progress(const Progress &) = delete;
-    Progress &operator=(const Progress &) = delete;
+    Q_DISABLE_COPY_MOVE(Progress)
 
 private:
     void show();

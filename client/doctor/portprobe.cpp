@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "client/server/portprobe.h"
+#include "client/doctor/portprobe.h"
 
 #include <cerrno>
 
