@@ -25,6 +25,9 @@ if(ZARVO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
 endif()
 if(ZARVO_PCH AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-fpch-preprocess)
+elseif(ZARVO_PCH)
+    # Clang would write times into the precompiled header, so a new build folder would find nothing in ccache.
+    add_compile_options("SHELL:-Xclang -fno-pch-timestamp")
 endif()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow)
