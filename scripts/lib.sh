@@ -22,6 +22,35 @@ need_packages() {
     as_root env DEBIAN_FRONTEND=noninteractive apt-get install -qq -y --no-install-recommends "${missing[@]}" >/dev/null
 }
 
+flakes=()
+
+# run_tests DIR OPTION...: runs the tests of a build folder, with these options of ctest. A test that fails is run once more,
+# alone. If it passes then, it is added to the list "flakes" and counts as passed. If it fails again, run_tests fails.
+run_tests() {
+    local dir=$1 list=$1/Testing/Temporary/LastTestsFailed.log status=0 failed again="" name
+    shift
+    rm -f "$list"
+    ctest --test-dir "$dir" --output-on-failure --no-tests=error "$@" || status=$?
+    # Without a list of failed tests ctest itself has failed.
+    if [ $status = 0 ] || [ ! -s "$list" ]; then return $status; fi
+    failed=$(cut -d: -f2- "$list")
+    say "Once more, one by one:" $failed
+    status=0
+    ctest --test-dir "$dir" --output-on-failure --rerun-failed || status=$?
+    # ctest leaves the old list when none has failed.
+    if [ $status != 0 ]; then again=$(cut -d: -f2- "$list"); fi
+    for name in $failed; do
+        grep -qxF -- "$name" <<<"$again" || flakes+=("$dir: $name")
+    done
+    return $status
+}
+
+print_flakes() {
+    if [ ${#flakes[@]} = 0 ]; then return; fi
+    say "Flakes: failed once, passed alone"
+    printf '%s\n' "${flakes[@]}"
+}
+
 build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev libjsoncpp-dev libssl-dev libxau-dev libxcb1-dev libpng-dev)
 # The sessions, and below them what "zarvoctl connect" runs to get into one.
 run_packages=(tigervnc-standalone-server xauth openssl xterm xfonts-base openbox
