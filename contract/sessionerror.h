@@ -4,18 +4,17 @@
 #include <QString>
 
 /**
- * What engine and registry operations return: 0 for success or one of these. The numbers reach clients, so
- * they never change; those missing between them stay unassigned. The cause of a failure is logged where it
- * arises and does not travel with the code.
+ * The result of an operation of the engine or the registry: 0 for success, or one of these. Clients see the numbers, so
+ * none ever changes, and the gaps between them stay. The cause is logged where it occurs.
  */
 enum SessionError : int {
     SessionOk = 0,
-    UnknownError = -99,       ///< the liveness test or a sleep failed, or the agent went while waited for
+    UnknownError = -99,       ///< the system refused a check or a wait, or the agent ended during a wait
     NotInitialized = -98,     ///< an operation on a session without a directory
     InvalidCredentials = -97, ///< reserved
     InvalidToken = -96,       ///< reserved
     PermissionDenied = -95,   ///< reserved
-    NoSuchSession = -94,      ///< the registry knows no session of this id
+    NoSuchSession = -94,      ///< the registry has no session with this id
     NotASession = -93,        ///< the session directory does not exist
     InvalidState = -92,       ///< the session's state does not allow the action
     NoSuchPath = -91,         ///< reserved
@@ -27,8 +26,8 @@ enum SessionError : int {
     ApplicationFailed = -83,  ///< the application could not be started
     ScreenShotFailed = -82,   ///< reserved
     WriteFailed = -80,        ///< a session file could not be written
-    TimedOut = -77,           ///< a wait ran out of time
+    TimedOut = -77,           ///< a wait reached its timeout
 };
 
-/** The sentence that clients see for @p code; empty for anything but an error code. Callable from any thread. */
+/** The sentence that clients see for @p code; empty for any other number. Callable from any thread. */
 [[nodiscard]] QString errorMessage(int code);

@@ -9,7 +9,7 @@
  * directory, is named after it. All functions are callable from any thread.
  */
 
-/** What stands before the id in the directory's name. */
+/** The directory's name is this and the id. */
 inline constexpr QLatin1StringView kSessionDirectoryPrefix("C-");
 
 [[nodiscard]] bool isValidSessionId(const QString &id);

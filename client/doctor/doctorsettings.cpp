@@ -15,6 +15,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+/** The agent of a display above has no valid port. */
 constexpr int kHighestDisplay = 65535 - kFirstAgentPort;
 
 class SettingsInspection
@@ -27,7 +28,7 @@ public:
 
     QList<Finding> run()
     {
-        fileItself();
+        settingsFile();
         unknownKeys();
         numbers<quint16>();
         numbers<int>();
@@ -44,7 +45,7 @@ public:
 private:
     void add(const QString &text) { findings.append(warning(text, u"Correct it in \"%1\""_s.arg(input.settingsPath))); }
 
-    void fileItself()
+    void settingsFile()
     {
         const QFileInfo file(input.settingsPath);
         if (file.exists() && (!file.isFile() || !file.isReadable() || input.settingsStatus == QSettings::AccessError)) {
@@ -66,7 +67,7 @@ private:
         }
     }
 
-    /** The settings of this type whose text becomes another number than it says. */
+    /** Checks the numbers of this type: QSettings replaces text that is no number, and 16 bits cut large ones. */
     template <typename Number>
     void numbers()
     {

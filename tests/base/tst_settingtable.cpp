@@ -117,9 +117,9 @@ void TestSettingTable::manualTellsTheDefaults()
 
 void TestSettingTable::manualTellsWherePlaceholdersAreFilledIn()
 {
-    static const QRegularExpression sentence(u"\\.PP\nIn\n(.*?)these are filled in"_s,
+    static const QRegularExpression sentence(u"Placeholders are replaced in the values of\n(.*?):\n"_s,
                                              QRegularExpression::DotMatchesEverythingOption);
-    static const QRegularExpression name(u"^\\.B (\\w+)$"_s, QRegularExpression::MultilineOption);
+    static const QRegularExpression name(u"^\\.BR? (\\w+)"_s, QRegularExpression::MultilineOption);
     QStringList documented;
     for (const QRegularExpressionMatch &match : name.globalMatch(sentence.match(manual).captured(1))) {
         documented.append(match.captured(1));
