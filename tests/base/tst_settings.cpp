@@ -8,11 +8,13 @@
 #include <QDir>
 #include <QFile>
 #include <QHostInfo>
+#include <QSet>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
+#include <variant>
 
 using namespace Qt::StringLiterals;
 
@@ -37,6 +39,7 @@ private slots:
     void placeholdersInTheUsersNameAreExpandedInTheDefaultUrl();
     void unsetUserIsEmptyInTheDefaultUrl();
     void readingWritesNothing();
+    void everyMemberHasARowOfItsOwn();
 
 private:
     [[nodiscard]] QString settingsFile() const;
@@ -217,6 +220,21 @@ void TestSettings::readingWritesNothing()
     [[maybe_unused]] const Settings settings = Settings::read();
     QVERIFY(!QFile::exists(settingsFile()));
     QVERIFY(!QFile::exists(dir->filePath(u".zarvo_server"_s)));
+}
+
+void TestSettings::everyMemberHasARowOfItsOwn()
+{
+    // This stops compiling when Settings gets another member, which then needs a row.
+    Settings settings{};
+    auto &[a, b, c, d, e, f, g, h, i] = settings;
+    const QSet<const void *> members = {&a, &b, &c, &d, &e, &f, &g, &h, &i};
+    QSet<const void *> reached;
+    for (const SettingRow &row : settingTable()) {
+        reached.insert(
+            std::visit([&settings](auto member) -> const void * { return &(settings.*member); }, row.member));
+    }
+    QCOMPARE(reached, members);
+    QCOMPARE(settingTable().size(), size_t(members.size()));
 }
 
 ZARVO_TEST(TestSettings)
