@@ -7,6 +7,7 @@
 #include "tests/engine/fakeprograms.h"
 #include "tests/engine/reserveddisplays.h"
 #include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/files.h"
 #include "tests/live/backgroundtask.h"
 #include "tests/live/livesession.h"
 #include "tests/testmain.h"
@@ -29,6 +30,8 @@ private slots:
     void init();
     void cleanup();
 
+    void tableHasTheMethodsOfTheService();
+    void dictionaryOfTheFuzzTargetHasAllMethods();
     void descriptionIsExact_data();
     void descriptionIsExact();
 
@@ -132,6 +135,25 @@ QByteArray TestLiveMethods::call(const QString &method, const QByteArray &params
     Json::Value result;
     isSuccess = makeMethod(method)->execute(parsed(params), result);
     return writeJson(result);
+}
+
+void TestLiveMethods::tableHasTheMethodsOfTheService()
+{
+    const QMap<QString, RpcMethod *> methods = makeLiveMethods(store.get());
+    qDeleteAll(methods);
+    QCOMPARE(methods.keys(),
+             (QStringList{u"Live.GetVersion"_s, u"Live.ListLocalSessions"_s, u"Live.ListSessions"_s, u"Live.Replay"_s,
+                          u"Live.Resume"_s, u"Live.Start"_s, u"Live.Suspend"_s, u"Live.Terminate"_s}));
+}
+
+void TestLiveMethods::dictionaryOfTheFuzzTargetHasAllMethods()
+{
+    const QByteArray dictionary = contentOf(QStringLiteral(ZARVO_SOURCES "/fuzz/dict/handler.dict"));
+    const QMap<QString, RpcMethod *> methods = makeLiveMethods(store.get());
+    qDeleteAll(methods);
+    for (const QString &name : methods.keys()) {
+        QVERIFY2(dictionary.contains('"' + name.toLatin1() + "\"\n"), qPrintable(name));
+    }
 }
 
 void TestLiveMethods::descriptionIsExact_data()

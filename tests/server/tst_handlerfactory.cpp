@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "base/idletimer.h"
+#include "live/livemethods.h"
 #include "live/sessionstore.h"
 #include "rpc/handler.h"
+#include "rpc/rpcmethod.h"
 #include "server/handlerfactory.h"
 #include "support/json.h"
 #include "tests/helpers/collectinglogger.h"
@@ -9,9 +11,11 @@
 #include "tests/testmain.h"
 #include "workers/sessionupdater.h"
 
+#include <QMap>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -61,9 +65,13 @@ void TestHandlerFactory::handlerHasTheMethodsOfTheService()
     const std::unique_ptr<Handler> handler(factory->createHandler(&device));
     Json::Value list;
     QVERIFY(handler->execute(Json::Value(), list));
-    const std::vector<std::string> expected = {
-        "Live.GetVersion", "Live.ListLocalSessions", "Live.ListSessions", "Live.Replay",    "Live.Resume",
-        "Live.Start",      "Live.Suspend",           "Live.Terminate",    "system.describe"};
+    const QMap<QString, RpcMethod *> methods = makeLiveMethods(store.get());
+    qDeleteAll(methods);
+    std::vector<std::string> expected = {"system.describe"};
+    for (const QString &name : methods.keys()) {
+        expected.push_back(name.toStdString());
+    }
+    std::sort(expected.begin(), expected.end());
     QVERIFY(list.getMemberNames() == expected);
     for (const std::string &name : expected) {
         const Json::Value &description = list[name];
