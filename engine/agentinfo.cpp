@@ -13,7 +13,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kAnswerTimeoutMs = 1000;
-/** Far more than any state; an agent that sends more counts as one that never ends. */
+/** Far more than any state has. An agent that sends more counts as one that never stops sending. */
 constexpr qsizetype kMaxAnswerBytes = 1024 * 1024;
 
 bool receiveAnswer(const QString &socketPath, QByteArray *answer)
@@ -24,14 +24,14 @@ bool receiveAnswer(const QString &socketPath, QByteArray *answer)
         return false;
     }
     const QDeadlineTimer deadline(kAnswerTimeoutMs);
-    bool isHopeful = true;
-    while (isHopeful && socket.state() == QLocalSocket::ConnectedState && answer->size() <= kMaxAnswerBytes) {
-        // What has come counts, however late we are ourselves.
+    bool isWaiting = true;
+    while (isWaiting && socket.state() == QLocalSocket::ConnectedState && answer->size() <= kMaxAnswerBytes) {
+        // The answer may have arrived in time while this process did not run: read it before giving up.
         const bool isLate = deadline.hasExpired();
-        isHopeful = socket.waitForReadyRead(static_cast<int>(deadline.remainingTime())) || !isLate;
+        isWaiting = socket.waitForReadyRead(static_cast<int>(deadline.remainingTime())) || !isLate;
         *answer += socket.readAll();
     }
-    // Only an answer that ends with the connection is a whole one.
+    // The answer is complete only once the agent has closed the connection.
     return socket.state() == QLocalSocket::UnconnectedState;
 }
 

@@ -6,12 +6,12 @@
 struct Session;
 
 /**
- * Asks a running agent for its state: times, screen size, clients, passwords. Blocks for up to 1000 ms;
- * callable from any thread.
+ * Asks a running agent for its state: times, screen size, clients, passwords. Blocks for up to 1000 ms; callable from
+ * any thread.
  *
- * @param session     updated with what the agent tells, and unchanged on failure
+ * @param session     updated with the agent's answer; unchanged on failure
  * @param socketPath  the agent's local socket
  * @param error       set only on failure
- * @return whether the agent has answered with JSON and closed the connection in time
+ * @return whether the agent answered with JSON and closed the connection in time
  */
 [[nodiscard]] bool readAgentInfo(Session *session, const QString &socketPath, QString *error);

@@ -17,7 +17,7 @@ namespace {
 
 constexpr qint64 kMaxLineCharacters = 512;
 
-/** One kind of line: the prefix selects it, the pattern must then match the whole line. */
+/** One form of line: the prefix selects it, and then the pattern must match the whole line. */
 struct LogEvent
 {
     QLatin1StringView prefix;
@@ -43,7 +43,7 @@ void passwordExpired(Session *session, const QRegularExpressionMatch &match)
 void clientAuthenticated(Session *session, const QRegularExpressionMatch &match)
 {
     ++session->clients;
-    session->passwords.removeOne(match.captured(3)); // it was good for this one time
+    session->passwords.removeOne(match.captured(3)); // a password works once
     session->lastConnect = dateTimeFromText(match.captured(2));
 }
 
@@ -112,7 +112,7 @@ bool readAgentLog(Session *session, const QString &path, QString *error)
     QTextStream stream(&file);
     QString line;
     bool isWholePiece = false;
-    // The rest of a line that fits a piece exactly is empty, and is no empty line.
+    // After a line whose length is a multiple of the limit comes an empty piece. It is not an empty line.
     while (stream.readLineInto(&line, kMaxLineCharacters) && (!line.isEmpty() || isWholePiece)) {
         isWholePiece = line.size() == kMaxLineCharacters;
         applyLine(session, line);

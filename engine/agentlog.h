@@ -6,9 +6,8 @@
 struct Session;
 
 /**
- * Applies what the agent's log tells to the record: every line of one of the six known forms, up to the end
- * of the file or its first empty line. Adds to what the record holds: a log read twice counts twice. Callable
- * from any thread.
+ * Applies the agent's log to the record: every line of one of the six known forms, up to the end of the file or its
+ * first empty line. Adds to the record, so a log that is read twice counts twice. Callable from any thread.
  *
  * @param session  keeps what was applied before a failure
  * @param error    set only on failure: the file's name and the reason

@@ -41,8 +41,8 @@ QString displayLockPath(quint16 display)
 }
 
 /**
- * Whether the port has an owner, though nobody may listen there: an outgoing connection that the system gave this
- * number, or the remains of one. No agent could listen on it.
+ * Whether an agent could not listen on the port although no process listens there: the system gave this number to an
+ * outgoing connection, or that connection is in TIME_WAIT.
  */
 bool isPortOwned(quint16 port)
 {
@@ -68,7 +68,7 @@ bool isDisplayOpen(quint16 display)
            !QFile::exists(agentSocketPath(display)) && !isPortOwned(agentPort(display));
 }
 
-/** Whether the path is of this type and belongs to this user; what a link points to does not count. */
+/** Whether the path is of this type and belongs to this user. A symlink is not followed. */
 bool isOwn(const QByteArray &path, mode_t type)
 {
     struct stat status = {};
@@ -87,7 +87,7 @@ void removeStaleSocket(const QString &path)
     }
 }
 
-/** Whether the X server that made the lock file, which holds its pid, is still there; in doubt it is. */
+/** Whether the X server whose pid is in the lock file still runs. True when that is unknown. */
 bool isLockHeld(const QString &path)
 {
     qint32 pid = 0;
@@ -185,7 +185,7 @@ void removeStaleDisplayFiles(quint16 display)
     if (!isOwn(QFile::encodeName(lock), S_IFREG) || isLockHeld(lock)) {
         return;
     }
-    // The lock last: it keeps another X server from making the socket anew meanwhile.
+    // The lock last: until then no other X server creates the socket.
     removeStaleSocket(displaySocketPath(display));
     QFile::remove(lock);
 }

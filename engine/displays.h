@@ -7,24 +7,24 @@
 #include <optional>
 
 /**
- * Whether nobody listens on this TCP port of the loopback address: only a refused connection says so. Blocks
- * for up to 1000 ms; callable from any thread.
+ * Whether no process listens on this TCP port of the loopback address. Only a refused connection proves it. Blocks for
+ * up to 1000 ms; callable from any thread.
  */
 [[nodiscard]] bool isPortFree(quint16 port);
 
 /**
- * The display numbers of our sessions, from before they are started until they have left the registry: nothing on the
- * system shows yet that they are taken while an agent is slow. Two sessions on one display would see each other's
- * state, passwords included. Callable from any thread.
+ * The display numbers of our sessions, from before their start until they have left the registry. Until an agent is
+ * ready nothing on the system shows that its number is taken, and two sessions on one display would see each other's
+ * state, including passwords. Callable from any thread.
  */
 class DisplayReservations
 {
 public:
-    /** Reserves the number; false when it is reserved already. */
+    /** Reserves the number; false when it is already reserved. */
     [[nodiscard]] bool insert(quint16 display);
-    /** Reserves the number once more, whoever else has. */
+    /** Reserves the number, also when it is already reserved. */
     void hold(quint16 display);
-    /** Takes back one insert() or hold(). */
+    /** Undoes one insert() or hold(). The number is free when all are undone. */
     void remove(quint16 display);
 
 private:
@@ -32,7 +32,7 @@ private:
     QHash<quint16, int> displays; ///< how often each is reserved, never 0
 };
 
-/** One number in such a set, for as long as this object lives. Used by one thread. */
+/** Reserves one number at a time, as long as this object lives. Used by one thread. */
 class DisplayReservation
 {
 public:
@@ -40,10 +40,10 @@ public:
     ~DisplayReservation();
     Q_DISABLE_COPY_MOVE(DisplayReservation)
 
-    /** Gives up the number held so far and reserves this one, unless another start has. */
+    /** Releases the number held so far and reserves this one; false when it is already reserved. */
     [[nodiscard]] bool take(quint16 display);
     void release();
-    /** Leaves the number reserved for good. */
+    /** Leaves the number reserved until the server ends. */
     void keep();
 
 private:
@@ -52,19 +52,19 @@ private:
 };
 
 /**
- * The first display number from @p base up to, but not including, @p limit (in 16 bits) whose ports, sockets and lock
- * file nobody uses, an outgoing connection on the agent's port included; nothing when there is none. Blocks for up to
- * 2000 ms for each number tried; callable from any thread.
+ * The first free display number from @p base up to, but not including, @p limit (in 16 bits); nothing when all are in
+ * use. A number is free when its ports, sockets and lock file are unused; an outgoing connection on the agent's port
+ * counts as a use. Blocks for up to 2000 ms per number tried; callable from any thread.
  *
- * @param reservation  where given, holds the number afterwards; numbers that others hold are passed over
+ * @param reservation  if given, holds the number afterwards, and numbers that are already reserved are skipped
  */
 [[nodiscard]] std::optional<quint16> findOpenDisplay(quint16 base, quint16 limit,
                                                      DisplayReservation *reservation = nullptr);
 
 /**
- * Removes what processes of this user that were killed have left of the display: the agent's socket, the X socket when
- * nobody listens on them, and the X lock file when its process is gone. The display could never be found open
- * otherwise. Call it once the display's agent is gone and before its number may be given away again; callable from any
- * thread.
+ * Removes the stale files of the display that killed processes of this user have left: the agent's socket and the X
+ * socket when no process listens on them, and the X lock file when its process is gone. Otherwise the display would
+ * never be free again. Call it after the display's agent has ended and before its number is released; callable from
+ * any thread.
  */
 void removeStaleDisplayFiles(quint16 display);

@@ -36,8 +36,8 @@ bool addAuthority(const QDir &files, const QString &displayName, const QString &
 }
 
 /**
- * xauth leaves its locks when it is killed or when the disk is full, and then waits for them. Here nobody else holds
- * them: the id is ours alone while its session is started.
+ * A killed xauth, or a full disk, leaves stale locks, and the next xauth waits for them. No other process holds them
+ * here, because only one start at a time uses the id.
  */
 void removeAuthorityLocks(const QDir &files)
 {
@@ -56,8 +56,8 @@ bool writeDescription(const QDir &files, quint16 display, const QString &windowM
 }
 
 /**
- * An id may be used again, and what the agent of an earlier run left in the directory would be taken for the word
- * of the new one. Its log is kept under another name.
+ * An id may be started again. Without this the files of the earlier run's agent would be read as those of the new one.
+ * The earlier log is kept under another name.
  */
 void setAsideEarlierRun(const QDir &files)
 {
@@ -71,11 +71,11 @@ void setAsideEarlierRun(const QDir &files)
         }
     }
     QFile::remove(files.filePath(SessionFile::kServerExit));
-    // The system may have given its number to another program, which our signals are not for.
+    // The system may have given this pid to another program, which our signals must not reach.
     QFile::remove(files.filePath(SessionFile::kServerPid));
 }
 
-/** Starts the agent. It inherits the standard streams alone: every other descriptor is close-on-exec. */
+/** Starts the agent. It inherits only the standard streams, because every other descriptor is close-on-exec. */
 bool startAgent(const QString &directory, const QString &geometry, quint16 display, qint64 *pid)
 {
     const QStringList arguments = {geometry, QString::number(agentPort(display))};
@@ -109,7 +109,7 @@ int startSession(Session *session, const QString &directory, quint16 base, quint
     if (!addAuthority(files, u"unix:%1"_s.arg(*display), cookie, &error)) {
         return fail(WriteFailed, error);
     }
-    // By the host's name as well, for programs that reach the display that way; most do without.
+    // Some programs reach the display by the host's name. Most do not, so a failure is only logged.
     if (!addAuthority(files, u"%2:%1"_s.arg(*display).arg(QHostInfo::localHostName()), cookie, &error)) {
         logMessage(LogWarning, error);
     }
@@ -120,7 +120,7 @@ int startSession(Session *session, const QString &directory, quint16 base, quint
         return fail(AgentFailed, u"Failed to start the agent in the directory \"%1\""_s.arg(directory));
     }
     if (!writeNumberFile(files.filePath(SessionFile::kMonitorPid), pid, &error)) {
-        // The agent goes on, on its display, and nobody will hear of its end.
+        // The agent runs on, on its display, and its end cannot be noticed.
         if (reservation) {
             reservation->keep();
         }

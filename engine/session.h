@@ -9,8 +9,8 @@
 #include <QStringList>
 
 /**
- * What is known of one local session. A value without a lock: whoever works on a session holds its id busy in
- * the registry, or owns a record of his own.
+ * What the server knows of one local session. A value without a lock: a thread that works on it holds its id busy in
+ * the registry, or has a record of its own.
  */
 struct Session
 {
@@ -24,8 +24,8 @@ struct Session
     QDateTime started;        ///< when the agent became ready; null until then
     QDateTime lastConnect;    ///< null until a client came
     QDateTime lastDisconnect; ///< null until a client went
-    qint32 clients = 0;       ///< how many are connected, as far as the agent tells
-    QStringList passwords;    ///< those that the agent accepts now
+    qint32 clients = 0;       ///< how many are connected, according to the agent
+    QStringList passwords;    ///< those that the agent accepts now, the newest last
     QSize screenSize;         ///< in pixels; (-1, -1) when unknown
     bool exited = false;      ///< the agent's process is gone
     qint32 exitCode = -1;     ///< how the agent ended; -1 until known

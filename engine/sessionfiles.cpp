@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Far more than a request can bring; a file in which a word never ends must not fill the memory. */
+/** Far more than a request can bring. A file with an endless word must not fill the memory. */
 constexpr qint64 kMaxFileBytes = 1024 * 1024;
 
 QString fileError(const char *pattern, const QFile &file)
@@ -48,15 +48,15 @@ bool writeValue(const QString &path, const Value &value, QString *error)
     return true;
 }
 
-void notePassing(const QFile &file, bool *mayPass)
+void noteTransient(const QFile &file, bool *isTransientError)
 {
-    if (mayPass && isPassing(file.errorString())) {
-        *mayPass = true;
+    if (isTransientError && isTransient(file.errorString())) {
+        *isTransientError = true;
     }
 }
 
 template <typename Value>
-bool readValue(const QString &path, Value *value, QString *error, bool *mayPass)
+bool readValue(const QString &path, Value *value, QString *error, bool *isTransientError)
 {
     QFile file(path);
     if (isSpecialFile(path)) {
@@ -65,7 +65,7 @@ bool readValue(const QString &path, Value *value, QString *error, bool *mayPass)
     }
     if (!file.open(QIODevice::ReadOnly)) {
         *error = fileError("Failed to open the file \"%1\": %2", file);
-        notePassing(file, mayPass);
+        noteTransient(file, isTransientError);
         return false;
     }
     QTextStream stream(file.read(kMaxFileBytes));
@@ -73,7 +73,7 @@ bool readValue(const QString &path, Value *value, QString *error, bool *mayPass)
     stream >> read;
     if (stream.status() != QTextStream::Ok) {
         *error = fileError("Failed to read from the file \"%1\": %2", file);
-        notePassing(file, mayPass);
+        noteTransient(file, isTransientError);
         return false;
     }
     *value = std::move(read);
@@ -92,24 +92,24 @@ bool writeTextFile(const QString &path, const QString &text, QString *error)
     return writeValue(path, text, error);
 }
 
-bool readDisplayFile(const QString &path, quint16 *value, QString *error, bool *mayPass)
+bool readDisplayFile(const QString &path, quint16 *value, QString *error, bool *isTransientError)
 {
-    return readValue(path, value, error, mayPass);
+    return readValue(path, value, error, isTransientError);
 }
 
-bool readNumberFile(const QString &path, qint32 *value, QString *error, bool *mayPass)
+bool readNumberFile(const QString &path, qint32 *value, QString *error, bool *isTransientError)
 {
-    return readValue(path, value, error, mayPass);
+    return readValue(path, value, error, isTransientError);
 }
 
-bool readWordFile(const QString &path, QString *value, QString *error, bool *mayPass)
+bool readWordFile(const QString &path, QString *value, QString *error, bool *isTransientError)
 {
-    return readValue(path, value, error, mayPass);
+    return readValue(path, value, error, isTransientError);
 }
 
-bool isPassing(const QString &reason)
+bool isTransient(const QString &reason)
 {
-    // By the text, for it is all that Qt keeps of the number.
+    // Compare texts, because QFile does not keep the error number.
     constexpr std::array kNumbers = {EMFILE, ENFILE, ENOMEM, EIO};
     return std::any_of(kNumbers.begin(), kNumbers.end(),
                        [&reason](int number) { return reason == qt_error_string(number); });

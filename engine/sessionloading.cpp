@@ -10,7 +10,7 @@
 
 using namespace Qt::StringLiterals;
 
-int loadSession(Session *session, const QString &directory, bool *mayPass)
+int loadSession(Session *session, const QString &directory, bool *isTransientError)
 {
     const QDir files(directory);
     if (!files.exists()) {
@@ -20,10 +20,10 @@ int loadSession(Session *session, const QString &directory, bool *mayPass)
 
     Session loaded;
     QString error;
-    if (!readDisplayFile(files.filePath(SessionFile::kDisplay), &loaded.display, &error, mayPass) ||
-        !readWordFile(files.filePath(SessionFile::kWindowMode), &loaded.windowMode, &error, mayPass) ||
-        !readWordFile(files.filePath(SessionFile::kName), &loaded.name, &error, mayPass) ||
-        !readNumberFile(files.filePath(SessionFile::kMonitorPid), &loaded.monitorPid, &error, mayPass)) {
+    if (!readDisplayFile(files.filePath(SessionFile::kDisplay), &loaded.display, &error, isTransientError) ||
+        !readWordFile(files.filePath(SessionFile::kWindowMode), &loaded.windowMode, &error, isTransientError) ||
+        !readWordFile(files.filePath(SessionFile::kName), &loaded.name, &error, isTransientError) ||
+        !readNumberFile(files.filePath(SessionFile::kMonitorPid), &loaded.monitorPid, &error, isTransientError)) {
         logMessage(LogWarning, error);
         return ReadFailed;
     }

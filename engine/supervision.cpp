@@ -25,7 +25,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kPollIntervalMs = 50;
-/** A log may look younger than its stamp by less than this and is still read: clocks of file servers drift. */
+/** A log that is older than its stamp by less than this is read again, because clocks of file servers drift. */
 constexpr qint64 kLogStampToleranceMs = 500;
 
 enum class Liveness { Alive, Gone, Unknown };
@@ -45,8 +45,8 @@ bool isSymbolicLink(const QByteArray &path)
 }
 
 /**
- * Whether the process with this pid works in the session's directory. The pid alone proves nothing, for the
- * system gives it to another process once its owner is gone.
+ * Whether the process with this pid works in the session's directory. The pid alone proves nothing, because the system
+ * reuses it once its owner has ended.
  */
 Liveness processLiveness(qint32 pid, const QString &directory)
 {
@@ -70,7 +70,7 @@ void refreshFromLog(Session *session, const QString &path)
     }
 }
 
-/** The agent's own word where it can be had, its log otherwise; a failure leaves the record as it was. */
+/** Asks the agent if it has a socket, else reads its log. A failure is ignored: the next refresh tries again. */
 void refreshAgentState(Session *session)
 {
     const QString socketPath = agentSocketPath(session->display);
@@ -97,7 +97,7 @@ int refreshExitCode(Session *session)
     return SessionOk;
 }
 
-/** Sleeps for the whole time, whatever signals arrive meanwhile. */
+/** Sleeps the whole time, also when signals arrive. */
 bool sleepFor(qint64 milliseconds)
 {
     timespec left = {};
@@ -113,8 +113,8 @@ bool sleepFor(qint64 milliseconds)
 }
 
 /**
- * Refreshes the session until @p isMet says so of it.
- * @param exitEnds  whether an agent that is gone ends the wait without success
+ * Refreshes the session until @p isMet is true for it.
+ * @param exitEnds  whether the end of the agent makes the wait fail
  */
 template <typename Condition>
 int waitFor(Session *session, int timeoutMs, bool exitEnds, Condition isMet)
@@ -144,7 +144,7 @@ int waitFor(Session *session, int timeoutMs, bool exitEnds, Condition isMet)
     }
 }
 
-/** Waits until a field of the session is no longer what it was at the beginning. */
+/** Waits until a field of the session differs from its value at the beginning. */
 template <typename Field>
 int waitForChange(Session *session, int timeoutMs, Field Session::*field)
 {
@@ -213,7 +213,7 @@ int signalSession(const Session &session, int number)
         logMessage(LogWarning, error);
         return ReadFailed;
     }
-    // Zero and negative numbers would address whole groups of processes, our own among them.
+    // Zero and negative numbers would signal whole process groups, including our own.
     int reason = ESRCH;
     if (pid > 0) {
         int outcome = 0;

@@ -26,20 +26,19 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** How often a start-up looks at what the system cannot read at the moment. */
-constexpr int kMaxScans = 3;
-constexpr int kScanPauseMs = 200; ///< before each further scan
+constexpr int kMaxTries = 3; ///< for a directory or file with a transient error
+constexpr int kRetryPauseMs = 200;
 
 /**
- * The paths of all directories in this one; nothing when the system cannot tell at the moment, which is logged. QDir
- * would list none then.
+ * The paths of all directories in this one; nothing after a transient error, which is logged. QDir alone would list an
+ * empty directory then.
  */
 std::optional<QStringList> directoriesIn(const QString &path)
 {
     const int descriptor = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor != -1) {
         ::close(descriptor);
-    } else if (const QString reason = qt_error_string(errno); isPassing(reason)) {
+    } else if (const QString reason = qt_error_string(errno); isTransient(reason)) {
         logMessage(LogWarning, u"Failed to open the directory \"%1\": %2"_s.arg(path, reason));
         return std::nullopt;
     }
@@ -51,22 +50,22 @@ std::optional<QStringList> directoriesIn(const QString &path)
     return paths;
 }
 
-/** @return those of the directories that may be readable a moment later */
+/** @return the directories with a transient error */
 QStringList load(const QStringList &paths, SessionRegistry *registry)
 {
     QStringList left;
     for (const QString &path : paths) {
         const QString id = sessionIdFromPath(path);
         auto session = std::make_unique<Session>();
-        bool mayPass = false;
-        if (id.isNull() || loadSession(session.get(), path, &mayPass) != SessionOk ||
+        bool isTransientError = false;
+        if (id.isNull() || loadSession(session.get(), path, &isTransientError) != SessionOk ||
             refreshSession(session.get()) != SessionOk) {
-            if (mayPass) {
+            if (isTransientError) {
                 left.append(path);
             }
             continue;
         }
-        // Two directories may carry one id, because a suffix of the name does not count.
+        // Two directories may have one id, because a suffix of the name is ignored.
         registry->addFreeSession(id, std::move(session));
     }
     return left;
@@ -74,13 +73,13 @@ QStringList load(const QStringList &paths, SessionRegistry *registry)
 
 } // namespace
 
-// What the system could not read for a moment is read again, because until the next server nobody would list it.
+// Without the retry a session would stay unlisted until the next server starts.
 void scanSessions(const QString &root, SessionRegistry *registry)
 {
     std::optional<QStringList> left;
-    for (int scan = 0; scan < kMaxScans; ++scan) {
-        if (scan > 0) {
-            QThread::msleep(kScanPauseMs);
+    for (int tries = 0; tries < kMaxTries; ++tries) {
+        if (tries > 0) {
+            QThread::msleep(kRetryPauseMs);
         }
         if (!left) {
             left = directoriesIn(root);

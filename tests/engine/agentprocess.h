@@ -9,13 +9,13 @@
 #include <csignal>
 
 /**
- * A process that plays a session's agent: a child of the test that works in the session's directory. It has
- * started when the constructor returns and is gone when the destructor does. Used on one thread.
+ * A process that plays a session's agent: a child of the test that works in the session's directory. The constructor
+ * starts it, the destructor ends it. Used on one thread.
  */
 class AgentProcess final
 {
 public:
-    /** @param script  what it does, for the shell; by default it does nothing for long, whatever the search path */
+    /** @param script  run by the shell; by default the process sleeps */
     explicit AgentProcess(const QString &workingDirectory,
                           const QString &script = QStringLiteral("exec /bin/sleep 1000"))
     {
@@ -29,20 +29,19 @@ public:
         startedPid = static_cast<qint32>(process.processId());
     }
     ~AgentProcess() { end(); }
-    AgentProcess(const AgentProcess &) = delete;
-    AgentProcess &operator=(const AgentProcess &) = delete;
+    Q_DISABLE_COPY_MOVE(AgentProcess)
 
-    /** Its pid, also after its end. */
+    /** The pid, also after the process has ended. */
     [[nodiscard]] qint32 pid() const { return startedPid; }
 
-    /** Ends it and waits for that; its pid is free from then on. */
+    /** Ends the process and waits for its end. Its pid is free afterwards. */
     void end()
     {
         process.kill();
         process.waitForFinished(-1);
     }
 
-    /** Ends it and leaves its pid to a process that nobody has asked for the outcome of yet. */
+    /** Ends the process and leaves a zombie. */
     void endUnnoticed() const { ::kill(startedPid, SIGKILL); }
 
 private:
@@ -51,8 +50,8 @@ private:
 };
 
 /**
- * The script of an agent that answers to signals, each of which is noted as a line of the file "signals" after
- * what it causes is done. It ends when its file "alive" goes, at the latest with its directory.
+ * The script of an agent that reacts to signals. After each reaction it writes a line into the file "signals". It ends
+ * when its file "alive" is removed.
  */
 [[nodiscard]] inline QString agentScript(const QString &preparation, const QString &onUsr1, const QString &onUsr2,
                                          const QString &onTerm)
@@ -70,13 +69,13 @@ private:
         .arg(preparation, onUsr1, onUsr2, onTerm);
 }
 
-/** The line of a script that makes an agent tell this state from now on. */
+/** The line of a script that makes an agent report this state from now on. */
 [[nodiscard]] inline QString tellState(const QString &state)
 {
     return QStringLiteral("printf %s '%1' > state.new; mv state.new state").arg(state);
 }
 
-/** The line of a script that ends an agent in good order. */
+/** The line of a script that ends an agent with this exit code, which it writes down. */
 [[nodiscard]] inline QString exitWith(int exitCode)
 {
     return QStringLiteral("echo TERM >> signals; printf %1 > server_exit; exit %1").arg(exitCode);

@@ -21,19 +21,19 @@
 #include <unistd.h>
 
 /**
- * An agent's state socket, served by a thread of its own: tells every caller the state and closes, or fails in
+ * An agent's state socket, served by a thread of its own. It sends every client the state and closes, or misbehaves in
  * one of the ways below. Its functions are callable from any thread.
  */
 class AgentSocket final
 {
 public:
     enum class Manner {
-        AnswerAndClose,    ///< what an agent does
+        AnswerAndClose,    ///< as an agent does
         AnswerInPieces,    ///< the same, byte by byte
-        AnswerAndLinger,   ///< leaves the connection open for good
-        NeverAnswer,       ///< accepts and is silent
-        Flood,             ///< sends without end
-        AnswerAndHearMore, ///< ends its own direction and keeps what the caller says
+        AnswerAndLinger,   ///< never closes the connection
+        NeverAnswer,       ///< accepts and sends nothing
+        Flood,             ///< never stops sending
+        AnswerAndHearMore, ///< closes its own direction and records what the client sends
     };
 
     explicit AgentSocket(const QString &path_, const QByteArray &state = {}, Manner manner_ = Manner::AnswerAndClose)
@@ -58,37 +58,36 @@ public:
         }
         QFile::remove(path);
     }
-    AgentSocket(const AgentSocket &) = delete;
-    AgentSocket &operator=(const AgentSocket &) = delete;
+    Q_DISABLE_COPY_MOVE(AgentSocket)
 
-    /** Tells this from now on. */
+    /** Sends this state from now on. */
     void setState(const QByteArray &state) { setStates({state}); }
-    /** Tells these one after the other and then the last of them for ever. */
+    /** Sends these states one after the other, then always the last one. */
     void setStates(const QList<QByteArray> &next)
     {
         const QMutexLocker locker(&mutex);
         states = next;
     }
-    /** Tells what stands in this file at the moment of the call. */
+    /** Sends the content that this file has at the moment of a connection. */
     void setStateFile(const QString &file)
     {
         const QMutexLocker locker(&mutex);
         stateFile = file;
     }
 
-    /** How many callers there were. */
+    /** How many clients have connected. */
     [[nodiscard]] int calls() const
     {
         const QMutexLocker locker(&mutex);
         return callCount;
     }
-    /** What callers have said, with AnswerAndHearMore. */
+    /** What clients have sent, with AnswerAndHearMore. */
     [[nodiscard]] QByteArray heard() const
     {
         const QMutexLocker locker(&mutex);
         return heardBytes;
     }
-    /** How many callers have gone, with AnswerAndHearMore. */
+    /** How many clients have disconnected, with AnswerAndHearMore. */
     [[nodiscard]] int goodbyes() const
     {
         const QMutexLocker locker(&mutex);
@@ -171,7 +170,7 @@ private:
         return states.size() > 1 ? states.takeFirst() : states.constFirst();
     }
 
-    /** Whether all of it could be sent; a caller who does not read holds up nobody but himself. */
+    /** Whether all bytes were sent. A client that does not read does not keep the destructor waiting. */
     bool send(int connection, const QByteArray &bytes) const
     {
         qsizetype done = 0;
@@ -206,8 +205,8 @@ private:
     const QString path;
     const Manner manner;
     int listener = -1;
-    int wake[2] = {-1, -1}; ///< its writing end closes when the thread shall end
-    std::vector<int> open;  ///< connections kept open; touched by the thread alone while it runs
+    int wake[2] = {-1, -1}; ///< closing its write end stops the thread
+    std::vector<int> open;  ///< connections kept open; used only by the thread while it runs
 
     mutable QMutex mutex; ///< guards all below
     QList<QByteArray> states;

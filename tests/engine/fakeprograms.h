@@ -12,8 +12,8 @@
 #include <unistd.h>
 
 /**
- * A folder of shell scripts that is the whole search path while the object lives, so that a program that is not
- * in it cannot be found at all. Made on the main thread before other threads run.
+ * A folder of shell scripts that is the whole search path while the object lives, so that only its programs are found.
+ * Created on the main thread before other threads run.
  */
 class FakePrograms final
 {
@@ -24,10 +24,9 @@ public:
         qputenv("PATH", QFile::encodeName(folder.path()));
     }
     ~FakePrograms() { qputenv("PATH", searchPath); }
-    FakePrograms(const FakePrograms &) = delete;
-    FakePrograms &operator=(const FakePrograms &) = delete;
+    Q_DISABLE_COPY_MOVE(FakePrograms)
 
-    /** Adds a program or replaces it. The script finds the system's programs and writes to no terminal. */
+    /** Adds or replaces a program. The script itself finds the system's programs; its output is dropped. */
     void add(const QString &name, const QString &script) const
     {
         const QString file = folder.filePath(name);
@@ -38,7 +37,7 @@ public:
     }
     void remove(const QString &name) const { QFile::remove(folder.filePath(name)); }
 
-    /** Where the programs are, and files that they write beside themselves. */
+    /** The path of a program, or of a file that a program wrote beside itself. */
     [[nodiscard]] QString filePath(const QString &name) const { return folder.filePath(name); }
 
 private:

@@ -14,25 +14,25 @@
 
 #include <fcntl.h>
 
-/** A line of a script that records something beside the program, in one step. */
+/** A line of a script that writes the output of a command into a file beside the program, atomically. */
 [[nodiscard]] inline QString record(const QString &name, const QString &command)
 {
     return QStringLiteral("%2 > \"${0%/*}/%1.new\"; mv \"${0%/*}/%1.new\" \"${0%/*}/%1\"\n").arg(name, command);
 }
 
-/** A program that records how it was called: the arguments in brackets. */
+/** A program that records its arguments, each in brackets. */
 [[nodiscard]] inline QString recordingScript()
 {
     return record(QStringLiteral("arguments"), QStringLiteral("printf '[%s]' \"$@\""));
 }
 
-/** An xauth that notes its arguments, one call to a line, and puts the file in place. */
+/** An xauth that records its arguments, one call per line, and creates the file. */
 [[nodiscard]] inline QString xauthScript()
 {
     return QStringLiteral("{ printf '[%s]' \"$@\"; echo; } >> \"${0%/*}/xauth_calls\"\n: > \"$2\"\n");
 }
 
-/** A program that runs until somebody removes the file "alive" beside it, or its whole folder. */
+/** A program that runs until the file "alive" beside it is removed. */
 [[nodiscard]] inline QString lastingScript()
 {
     return QStringLiteral(": > \"${0%/*}/alive\"\n") + record(QStringLiteral("pid"), QStringLiteral("printf %s $$")) +
@@ -40,8 +40,8 @@
 }
 
 /**
- * A program that records its descriptors. A shell that reads its commands from an argument has none of its own;
- * looking a number up, other than listing them all, needs none either.
+ * A program that records its descriptors without opening any itself: the shell gets its commands as an argument, and
+ * each number is looked up, because listing the directory would open it.
  */
 [[nodiscard]] inline QString descriptorsScript()
 {
@@ -55,7 +55,7 @@
                           "mv \"${0%/*}/descriptors.new\" \"${0%/*}/descriptors\"' \"$0\"\n");
 }
 
-/** What this process was handed by whoever started the tests is not the server's to close. */
+/** Hides descriptors that the test program inherited: in a real server no such descriptor exists. */
 inline void keepInheritedDescriptors()
 {
     const QStringList numbers = QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::AllEntries | QDir::System);
@@ -68,13 +68,13 @@ inline void keepInheritedDescriptors()
     }
 }
 
-/** Whether the process works anywhere: one that has ended does not, even while its parent has not asked for it. */
+/** Whether the process runs. A zombie has no working directory. */
 [[nodiscard]] inline bool isRunning(qint32 pid)
 {
     return QFile::exists(QStringLiteral("/proc/%1/cwd").arg(pid));
 }
 
-/** A folder for a session and programs that record how they are called. For tests of what the engine launches. */
+/** A folder for a session and programs that record how they are called. For tests of launch.h. */
 class LaunchFixture
 {
 protected:

@@ -11,7 +11,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-/** Leaves a local socket that nobody listens on any more, as a killed program does. */
+/** Leaves a stale local socket, as a killed program does. */
 inline void leaveSocket(const QString &path)
 {
     const QByteArray name = QFile::encodeName(path);

@@ -17,9 +17,9 @@
 #include <unistd.h>
 
 /**
- * A run of display numbers that no other test uses at the same time, in this program or in another: each number
- * stands for an abstract socket, which the system takes back with the process. They are high enough for their
- * ports to lie where nothing else listens. Removes on destruction what a test left in /tmp under these numbers.
+ * A range of display numbers that no other test uses at the same time, in this program or in another. Each number is
+ * locked by an abstract socket, which the system closes with the process. The destructor removes the files that a test
+ * left in /tmp under these numbers.
  */
 class ReservedDisplays final
 {
@@ -40,8 +40,7 @@ public:
         }
         closeAll();
     }
-    ReservedDisplays(const ReservedDisplays &) = delete;
-    ReservedDisplays &operator=(const ReservedDisplays &) = delete;
+    Q_DISABLE_COPY_MOVE(ReservedDisplays)
 
     [[nodiscard]] quint16 first() const { return base; }
     [[nodiscard]] quint16 end() const { return static_cast<quint16>(base + count); }
@@ -50,8 +49,8 @@ public:
 
 private:
     /**
-     * From the first one on both ports of a display lie outside the range from which the system takes outgoing ones.
-     * The tests of the built programs have the numbers behind the end, and clear all of theirs away.
+     * From kBegin on both ports of a display lie outside the range of the system's outgoing ports. The tests of the
+     * built programs use the numbers from kEnd on, and remove all files of those.
      */
     static constexpr int kBegin = 20000;
     static constexpr int kEnd = 21000;
@@ -66,7 +65,7 @@ private:
         return true;
     }
 
-    /** Whether nothing is there, not even what a program that ended badly left behind. */
+    /** Whether the number has no listeners and no stale files. */
     static bool isUnused(quint16 display)
     {
         return isPortUnused(static_cast<quint16>(6000 + display)) &&
@@ -79,7 +78,7 @@ private:
     {
         const QByteArray name = "test-display-" + QByteArray::number(display);
         sockaddr_un address = {};
-        address.sun_family = AF_UNIX; // the path's first byte stays 0: an abstract name
+        address.sun_family = AF_UNIX; // the path's first byte stays 0, which makes the name abstract
         std::memcpy(address.sun_path + 1, name.constData(), static_cast<size_t>(name.size()));
         const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
 

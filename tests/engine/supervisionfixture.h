@@ -15,7 +15,7 @@
 
 #include <memory>
 
-/** A session's directory and a display for its agent. For tests of the supervision. */
+/** A session's directory and a display for its agent. For tests of supervision.h. */
 class SupervisionFixture
 {
 protected:
@@ -51,7 +51,7 @@ protected:
         return session;
     }
 
-    /** Rows of files that hold no number: "content" (null: there is no file) and "line", the warning about it. */
+    /** Rows of files without a number: "content" (null if there is no file) and "line", the warning. */
     static void addUnreadableNumbers()
     {
         QTest::addColumn<QByteArray>("content");

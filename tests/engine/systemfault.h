@@ -5,12 +5,12 @@
 
 #include <vector>
 
-/** What system calls do on demand, on the thread that runs the tests alone. */
+/** Faults of system calls, only on the thread that sets them. */
 struct SystemFault
 {
     bool hideLinks = false;         ///< lstat() finds no symbolic links
-    int sleepErrno = 0;             ///< how nanosleep() fails; EINTR: once, with half of the time left
-    bool recordSleeps = false;      ///< keeps what nanosleep() is asked for
-    std::vector<qint64> sleepsInNs; ///< what it was asked for
+    int sleepErrno = 0;             ///< how nanosleep() fails once; EINTR leaves half of the time
+    bool recordSleeps = false;      ///< whether sleepsInNs is filled
+    std::vector<qint64> sleepsInNs; ///< the arguments of nanosleep()
 };
 extern thread_local SystemFault fault;

@@ -24,22 +24,22 @@ class TestAgentInfo : public QObject
 
 private slots:
     void wholeStateIsTakenOver();
-    void onlyWhatIsThereAndOfTheRightTypeIsTakenOver_data();
-    void onlyWhatIsThereAndOfTheRightTypeIsTakenOver();
+    void onlyMembersOfTheRightTypeAreTakenOver_data();
+    void onlyMembersOfTheRightTypeAreTakenOver();
     void answerInPiecesIsPutTogether();
     void largeAnswerIsTaken();
-    void nothingIsSaidToTheAgent();
-    void answerThatIsNoJsonFails_data();
-    void answerThatIsNoJsonFails();
-    void answerThatCameBeforeALateLookIsTaken();
+    void agentIsSentNothing();
+    void answerThatIsNotJsonFails_data();
+    void answerThatIsNotJsonFails();
+    void answerInTimeIsReadByALateReader();
     void agentThatDoesNotCloseInTimeFails_data();
     void agentThatDoesNotCloseInTimeFails();
     void missingSocketFails();
-    void fileInTheSocketsPlaceFails();
-    void abandonedSocketFails();
+    void fileInPlaceOfTheSocketFails();
+    void staleSocketFails();
 
 private:
-    /** What the record holds before each question. */
+    /** The record before each question to the agent. */
     [[nodiscard]] static Session knownSession();
 
     QTemporaryDir folder;
@@ -48,12 +48,12 @@ private:
 
 namespace {
 
-/** How long the next wait for a socket on this thread stands still before it looks. */
+/** How long the next poll() on this thread sleeps before it polls. */
 thread_local unsigned long stallMs = 0;
 
 } // namespace
 
-// Stands before the C library's own. Qt waits for sockets with it.
+// Replaces the C library's function, with which Qt waits for sockets.
 extern "C" int ppoll(pollfd *polled, nfds_t count, const timespec *timeout, const sigset_t *mask)
 {
     if (stallMs > 0) {
@@ -70,7 +70,7 @@ QDateTime at(int hour)
     return QDateTime(QDate(2024, 5, 6), QTime(hour, 8, 9));
 }
 
-/** The fields that an agent tells, as text: one comparison shows all differences. */
+/** The fields that an agent reports, as text, so that one comparison shows all differences. */
 QString told(const Session &session)
 {
     const auto text = [](const QDateTime &time) { return time.isNull() ? u"null"_s : time.toString(Qt::ISODate); };
@@ -114,7 +114,7 @@ void TestAgentInfo::wholeStateIsTakenOver()
     QCOMPARE(session.passwords, QStringList({u"one"_s, u"two"_s}));
 }
 
-void TestAgentInfo::onlyWhatIsThereAndOfTheRightTypeIsTakenOver_data()
+void TestAgentInfo::onlyMembersOfTheRightTypeAreTakenOver_data()
 {
     QTest::addColumn<QByteArray>("state");
     QTest::addColumn<Session>("expected");
@@ -172,7 +172,7 @@ void TestAgentInfo::onlyWhatIsThereAndOfTheRightTypeIsTakenOver_data()
     add("/* comment */ {\"Clients\":1} and more", [](Session &s) { s.clients = 1; });
 }
 
-void TestAgentInfo::onlyWhatIsThereAndOfTheRightTypeIsTakenOver()
+void TestAgentInfo::onlyMembersOfTheRightTypeAreTakenOver()
 {
     QFETCH(QByteArray, state);
     QFETCH(Session, expected);
@@ -202,7 +202,7 @@ void TestAgentInfo::largeAnswerIsTaken()
     QCOMPARE(session.clients, 3);
 }
 
-void TestAgentInfo::nothingIsSaidToTheAgent()
+void TestAgentInfo::agentIsSentNothing()
 {
     const AgentSocket agent(path, "{}", AgentSocket::Manner::AnswerAndHearMore);
     Session session;
@@ -213,7 +213,7 @@ void TestAgentInfo::nothingIsSaidToTheAgent()
     QCOMPARE(agent.heard(), QByteArray());
 }
 
-void TestAgentInfo::answerThatIsNoJsonFails_data()
+void TestAgentInfo::answerThatIsNotJsonFails_data()
 {
     QTest::addColumn<QByteArray>("state");
     QTest::newRow("nothing") << QByteArray();
@@ -228,7 +228,7 @@ void TestAgentInfo::answerThatIsNoJsonFails_data()
     QTest::newRow("nested too deep") << QByteArray(5000, '[');
 }
 
-void TestAgentInfo::answerThatIsNoJsonFails()
+void TestAgentInfo::answerThatIsNotJsonFails()
 {
     QFETCH(QByteArray, state);
     const AgentSocket agent(path, state);
@@ -239,15 +239,15 @@ void TestAgentInfo::answerThatIsNoJsonFails()
     QCOMPARE(told(session), told(knownSession()));
 }
 
-// A machine may be so busy that we come back after the time that the agent has.
-void TestAgentInfo::answerThatCameBeforeALateLookIsTaken()
+// A busy machine may resume this process after the agent's deadline, although the answer came in time.
+void TestAgentInfo::answerInTimeIsReadByALateReader()
 {
     const AgentSocket agent(path, R"({"Clients":12})");
     Session session;
     QString error;
     stallMs = 1500;
     const bool answered = readAgentInfo(&session, path, &error);
-    QCOMPARE(std::exchange(stallMs, 0), 0UL); // it was met
+    QCOMPARE(std::exchange(stallMs, 0), 0UL); // the fault was used
     QVERIFY2(answered, qPrintable(error));
     QCOMPARE(session.clients, 12);
 }
@@ -270,7 +270,7 @@ void TestAgentInfo::agentThatDoesNotCloseInTimeFails()
     timer.start();
     QVERIFY(!readAgentInfo(&session, path, &error));
     const qint64 elapsed = timer.elapsed();
-    // Who sends without end is given up as soon as that is clear, the others when their time is over.
+    // An endless answer ends the wait at its limit of bytes, the others at the timeout.
     const qint64 shortest = manner == AgentSocket::Manner::Flood ? 0 : 900;
     QVERIFY2(elapsed >= shortest && elapsed < 15000, qPrintable(QString::number(elapsed)));
     QCOMPARE(error, u"Failed to get the info from the session"_s);
@@ -286,7 +286,7 @@ void TestAgentInfo::missingSocketFails()
     QCOMPARE(told(session), told(knownSession()));
 }
 
-void TestAgentInfo::fileInTheSocketsPlaceFails()
+void TestAgentInfo::fileInPlaceOfTheSocketFails()
 {
     const QString file = folder.filePath(u"file"_s);
     putFile(file, R"({"Clients":1})");
@@ -297,7 +297,7 @@ void TestAgentInfo::fileInTheSocketsPlaceFails()
     QCOMPARE(told(session), told(knownSession()));
 }
 
-void TestAgentInfo::abandonedSocketFails()
+void TestAgentInfo::staleSocketFails()
 {
     const QString abandoned = folder.filePath(u"abandoned"_s);
     {

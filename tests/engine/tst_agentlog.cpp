@@ -20,14 +20,14 @@ private slots:
     void linesChangeTheRecord_data();
     void linesChangeTheRecord();
     void lineIsTakenInPiecesOf512Characters();
-    void lineOfWholePiecesEndsNoLog();
-    void pipeInTheLogsPlaceIsNotWaitedFor();
+    void lineOfWholePiecesDoesNotEndTheLog();
+    void pipeInPlaceOfTheLogDoesNotBlock();
     void longLineIsNoEventAsAWhole();
     void readingTwiceCountsTwice();
     void onlyTheFieldsOfTheEventsChange();
     void datesAreLocalTime();
     void missingLogFails();
-    void directoryInTheLogsPlaceFails();
+    void directoryInPlaceOfTheLogFails();
 
 private:
     QTemporaryDir folder;
@@ -41,7 +41,7 @@ QDateTime at(int hour)
     return QDateTime(QDate(2024, 5, 6), QTime(hour, 8, 9));
 }
 
-/** The record as the tests begin with it. */
+/** The record before each log. */
 Session knownSession()
 {
     Session session;
@@ -54,7 +54,7 @@ Session knownSession()
     return session;
 }
 
-/** The fields that a log changes, as text: one comparison shows all differences. */
+/** The fields that a log changes, as text, so that one comparison shows all differences. */
 QString told(const Session &session)
 {
     const auto text = [](const QDateTime &time) { return time.isNull() ? u"null"_s : time.toString(Qt::ISODate); };
@@ -218,7 +218,7 @@ void TestAgentLog::linesChangeTheRecord()
 
 void TestAgentLog::lineIsTakenInPiecesOf512Characters()
 {
-    // In characters, not bytes.
+    // The limit counts characters, not bytes.
     for (const QString &filler : {u"x"_s, u"\u00e4"_s}) {
         Session session;
         QString error;
@@ -238,7 +238,7 @@ void TestAgentLog::lineIsTakenInPiecesOf512Characters()
     }
 }
 
-void TestAgentLog::lineOfWholePiecesEndsNoLog()
+void TestAgentLog::lineOfWholePiecesDoesNotEndTheLog()
 {
     for (const int length : {511, 512, 513, 1024}) {
         Session session;
@@ -253,7 +253,7 @@ void TestAgentLog::lineOfWholePiecesEndsNoLog()
     }
 }
 
-void TestAgentLog::pipeInTheLogsPlaceIsNotWaitedFor()
+void TestAgentLog::pipeInPlaceOfTheLogDoesNotBlock()
 {
     const QString pipe = folder.filePath(u"pipe"_s);
     QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
@@ -336,12 +336,12 @@ void TestAgentLog::missingLogFails()
     QCOMPARE(told(session), told(knownSession()));
 }
 
-void TestAgentLog::directoryInTheLogsPlaceFails()
+void TestAgentLog::directoryInPlaceOfTheLogFails()
 {
     Session session = knownSession();
     QString error;
     QVERIFY(!readAgentLog(&session, folder.path(), &error));
-    QFile probe(folder.path()); // Qt has its own words for it
+    QFile probe(folder.path()); // for Qt's text of the error
     QVERIFY(!probe.open(QIODevice::ReadOnly));
     QCOMPARE(error, u"Failed to open the file \"%1\": %2"_s.arg(folder.path(), probe.errorString()));
     QCOMPARE(told(session), told(knownSession()));

@@ -57,7 +57,7 @@ void TestApplicationStart::applicationGetsTheCommandAsOneArgument()
     programs->add(u"start-app"_s, record(u"arguments"_s, u"{ printf '%s ' $#; printf '[%s]' \"$@\"; }"_s));
     QCOMPARE(startApplication(sessionInDirectory(), command), 0);
     QVERIFY(waitForFile(programs->filePath(u"arguments"_s)));
-    // In bytes: what arrives does not depend on the locale that the tests run in.
+    // Compared as bytes, which do not depend on the locale of the tests.
     QCOMPARE(recorded(u"arguments"_s), "1 [" + QFile::encodeName(command) + ']');
     QCOMPARE(logger->takeLines(), QStringList());
 }
@@ -112,7 +112,7 @@ void TestApplicationStart::applicationThatCannotBeStartedFails()
 {
     programs->remove(u"start-app"_s);
     QCOMPARE(startApplication(sessionInDirectory(), u"xterm"_s), ApplicationFailed);
-    // The misspelt word is part of the text.
+    // The misspelling is part of the fixed text.
     QCOMPARE(logger->takeLines(),
              QStringList{u"Warning: Failed to start the applicaion in the directory \"%1\""_s.arg(directory)});
     QCOMPARE(contentOf(file(u"app_log"_s)), QByteArray(""));

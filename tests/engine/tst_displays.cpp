@@ -29,30 +29,30 @@ private slots:
     void cleanupTestCase();
     void agentPortIsBesideTheDisplay_data();
     void agentPortIsBesideTheDisplay();
-    void portIsTakenWhileSomebodyListens();
-    void portIsTakenWhenNobodyAnswers();
+    void portIsTakenWhileAProcessListens();
+    void portIsTakenWhenTheConnectionTimesOut();
     void emptyRangeHasNoDisplay_data();
     void emptyRangeHasNoDisplay();
     void firstDisplayIsTaken();
     void usedDisplayIsSkipped_data();
     void usedDisplayIsSkipped();
     void limitIsExcluded();
-    void whatIsFreedIsFoundAgain();
+    void freedDisplayIsFoundAgain();
     void socketElsewhereDoesNotCount();
     void reservedNumberCannotBeReservedAgain();
-    void oneThreadAloneReservesANumber();
+    void onlyOneThreadReservesANumber();
     void reservationEndsWithItsObject();
-    void reservationHoldsTheLastNumberAlone();
+    void reservationHoldsOnlyItsLastNumber();
     void refusedReservationHoldsNothing();
     void releasedReservationIsNotReleasedAgain();
     void keptReservationOutlivesItsObject();
-    void searchReservesWhatItFinds();
-    void searchPassesOverWhatOthersReserved();
+    void searchReservesTheNumberItFinds();
+    void searchSkipsReservedNumbers();
     void searchThatFindsNothingReservesNothing();
     void numberIsReservedUntilItsLastHoldEnds();
-    void whatKilledProcessesLeftIsRemoved();
-    void whatIsInUseStays_data();
-    void whatIsInUseStays();
+    void staleFilesOfKilledProcessesAreRemoved();
+    void filesInUseStay_data();
+    void filesInUseStay();
 
 private:
     QTemporaryDir temporary; ///< the system's temporary directory for this test
@@ -63,7 +63,7 @@ namespace {
 
 using Occupy = void (*)(quint16 display);
 
-/** The listeners that the rows of a test make; gone with the test function. */
+/** The listeners of one row of a test. They end with the test function. */
 QList<QObject *> &listeners()
 {
     static QList<QObject *> all;
@@ -88,13 +88,13 @@ void listenLocally(const QString &path)
     }
 }
 
-/** What an X server writes into its lock file. */
+/** The content of an X server's lock file. */
 QByteArray lockOf(qint64 pid)
 {
     return QByteArray::number(pid).rightJustified(10) + '\n';
 }
 
-/** The pid of a process that is gone. */
+/** The pid of a process that has ended. */
 qint64 pidOfNobody()
 {
     QProcess process;
@@ -109,7 +109,7 @@ QString socketFile(quint16 display)
     return QDir::temp().filePath(u".X11-unix/X%1"_s.arg(display));
 }
 
-/** Makes a connection that goes out from this port. */
+/** Opens an outgoing connection from this port. */
 void connectFrom(quint16 port)
 {
     auto *server = new QTcpServer;
@@ -170,7 +170,7 @@ void TestDisplays::agentPortIsBesideTheDisplay()
     QTEST(agentPort(display), "port");
 }
 
-void TestDisplays::portIsTakenWhileSomebodyListens()
+void TestDisplays::portIsTakenWhileAProcessListens()
 {
     QTcpServer server;
     QVERIFY(server.listen(QHostAddress::LocalHost));
@@ -181,9 +181,9 @@ void TestDisplays::portIsTakenWhileSomebodyListens()
     QVERIFY(isPortFree(agentPort(displays.first())));
 }
 
-void TestDisplays::portIsTakenWhenNobodyAnswers()
+void TestDisplays::portIsTakenWhenTheConnectionTimesOut()
 {
-    // A full queue of connections: the system neither accepts nor refuses another.
+    // When the queue of connections is full, the system neither accepts nor refuses another one.
     const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = {};
     address.sin_family = AF_INET;
@@ -262,7 +262,7 @@ void TestDisplays::limitIsExcluded()
     QCOMPARE(findOpenDisplay(displays.first(), displays.end()), last);
 }
 
-void TestDisplays::whatIsFreedIsFoundAgain()
+void TestDisplays::freedDisplayIsFoundAgain()
 {
     const ReservedDisplays displays;
     putFile(ReservedDisplays::lockPath(displays.first()), "");
@@ -293,7 +293,7 @@ void TestDisplays::reservedNumberCannotBeReservedAgain()
     QVERIFY(all.insert(5));
 }
 
-void TestDisplays::oneThreadAloneReservesANumber()
+void TestDisplays::onlyOneThreadReservesANumber()
 {
     constexpr int kNumbers = 2000;
     DisplayReservations all;
@@ -323,7 +323,7 @@ void TestDisplays::reservationEndsWithItsObject()
     QVERIFY(all.insert(100));
 }
 
-void TestDisplays::reservationHoldsTheLastNumberAlone()
+void TestDisplays::reservationHoldsOnlyItsLastNumber()
 {
     DisplayReservations all;
     DisplayReservation reservation(&all);
@@ -371,7 +371,7 @@ void TestDisplays::keptReservationOutlivesItsObject()
     QVERIFY(all.insert(101));
 }
 
-void TestDisplays::searchReservesWhatItFinds()
+void TestDisplays::searchReservesTheNumberItFinds()
 {
     const ReservedDisplays displays(2);
     const quint16 next = displays.first() + 1;
@@ -386,7 +386,7 @@ void TestDisplays::searchReservesWhatItFinds()
     QVERIFY(all.insert(next));
 }
 
-void TestDisplays::searchPassesOverWhatOthersReserved()
+void TestDisplays::searchSkipsReservedNumbers()
 {
     const ReservedDisplays displays(2);
     const quint16 next = displays.first() + 1;
@@ -429,7 +429,7 @@ void TestDisplays::numberIsReservedUntilItsLastHoldEnds()
     QVERIFY(all.insert(100));
 }
 
-void TestDisplays::whatKilledProcessesLeftIsRemoved()
+void TestDisplays::staleFilesOfKilledProcessesAreRemoved()
 {
     const ReservedDisplays displays;
     leaveSocket(agentSocketPath(displays.first()));
@@ -438,10 +438,10 @@ void TestDisplays::whatKilledProcessesLeftIsRemoved()
     QVERIFY(!findOpenDisplay(displays.first(), displays.end()));
     removeStaleDisplayFiles(displays.first());
     QCOMPARE(findOpenDisplay(displays.first(), displays.end()), displays.first());
-    removeStaleDisplayFiles(displays.first()); // where nothing is, nothing happens
+    removeStaleDisplayFiles(displays.first()); // does nothing without files
 }
 
-void TestDisplays::whatIsInUseStays_data()
+void TestDisplays::filesInUseStay_data()
 {
     QTest::addColumn<Occupy>("occupy");
     const auto add = [](const char *name, Occupy occupy) { QTest::newRow(name) << occupy; };
@@ -460,7 +460,7 @@ void TestDisplays::whatIsInUseStays_data()
     add("lock of all processes", [](quint16 display) { putFile(ReservedDisplays::lockPath(display), lockOf(-1)); });
 }
 
-void TestDisplays::whatIsInUseStays()
+void TestDisplays::filesInUseStay()
 {
     QFETCH(Occupy, occupy);
     const ReservedDisplays displays;

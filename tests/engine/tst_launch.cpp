@@ -27,7 +27,7 @@ private slots:
     void init();
     void cleanup();
 
-    void directoryIsMadeWithItsParents();
+    void directoryIsCreatedWithItsParents();
     void sessionIsDescribedInPrivateFiles_data();
     void sessionIsDescribedInPrivateFiles();
     void earlierFilesAreReplacedAndMadePrivate();
@@ -43,13 +43,13 @@ private slots:
     void firstOpenDisplayIsTaken();
 
     void logOfAnEarlierRunIsSetAside();
-    void pidOfAnEarlierRunIsForgotten();
-    void locksOfAnEarlierRunAreNotWaitedFor();
+    void pidOfAnEarlierRunIsRemoved();
+    void locksOfAnEarlierRunDoNotBlock();
     void logOfTheLastRunReplacesTheOneBefore();
     void newDirectoryHasNoEarlierRun();
 
-    void withoutDisplayNothingIsMade();
-    void directoryThatCannotBeMadeFails();
+    void withoutDisplayNothingIsCreated();
+    void directoryThatCannotBeCreatedFails();
     void fileThatCannotBeWrittenFails_data();
     void fileThatCannotBeWrittenFails();
     void missingXauthFails();
@@ -84,7 +84,7 @@ QString hostName()
 
 void TestLaunch::initTestCase()
 {
-    // The sockets of X servers that ended badly stay where they are, and would take displays away.
+    // Stale sockets of X servers on this machine would make displays look used.
     previousTemporary = qgetenv("TMPDIR");
     qputenv("TMPDIR", QFile::encodeName(temporary.path()));
 }
@@ -108,7 +108,7 @@ void TestLaunch::init()
 
 void TestLaunch::cleanup()
 {
-    // Their folder must not go before they do. Those that last end with this file.
+    // The agents must end before their folder is removed. Long-running ones end with this file.
     QFile::remove(programs->filePath(u"alive"_s));
     for (const qint32 agent : std::as_const(agents)) {
         QVERIFY(QTest::qWaitFor([agent] { return !isRunning(agent); }, 20000));
@@ -127,7 +127,7 @@ int TestLaunch::start(const QString &geometry, const QString &name)
     return code;
 }
 
-void TestLaunch::directoryIsMadeWithItsParents()
+void TestLaunch::directoryIsCreatedWithItsParents()
 {
     QVERIFY(!QFile::exists(folder->filePath(u"sessions"_s)));
     QCOMPARE(start(), 0);
@@ -157,7 +157,7 @@ void TestLaunch::sessionIsDescribedInPrivateFiles()
 {
     QFETCH(QString, geometry);
     QFETCH(QString, name);
-    // The mode is not the umask's doing.
+    // The umask allows everything, so that only the code can make the files private.
     const mode_t previous = ::umask(0);
     const int code = start(geometry, name);
     ::umask(previous);
@@ -265,7 +265,7 @@ void TestLaunch::agentOutlivesTheServer()
     programs->add(u"start-agent"_s, lastingScript());
     QCOMPARE(start(), 0);
     QVERIFY(waitForFile(programs->filePath(u"pid"_s)));
-    // No child, so that nobody has to ask for its end, and in no group or terminal that could take it along.
+    // It is not a child, so that no zombie stays, and has its own session and group, so that signals to ours miss it.
     QVERIFY(isRunning(session.monitorPid));
     QVERIFY(::waitpid(session.monitorPid, nullptr, WNOHANG) == -1);
     QVERIFY(::getsid(session.monitorPid) != ::getsid(0));
@@ -337,9 +337,9 @@ void TestLaunch::logOfAnEarlierRunIsSetAside()
     QCOMPARE(contentOf(file(u"server_log.old"_s)), QByteArray("earlier\n"));
 }
 
-void TestLaunch::pidOfAnEarlierRunIsForgotten()
+void TestLaunch::pidOfAnEarlierRunIsRemoved()
 {
-    // It may be another process's by now.
+    // The system may have given the pid to another process.
     QVERIFY(QDir().mkpath(directory));
     putFile(file(u"server_pid"_s), QByteArray::number(::getpid()));
     programs->add(u"start-agent"_s, record(u"found"_s, u"ls"_s));
@@ -349,7 +349,7 @@ void TestLaunch::pidOfAnEarlierRunIsForgotten()
     QVERIFY(!recorded(u"found"_s).contains("server_pid\n"));
 }
 
-void TestLaunch::locksOfAnEarlierRunAreNotWaitedFor()
+void TestLaunch::locksOfAnEarlierRunDoNotBlock()
 {
     QVERIFY(QDir().mkpath(directory));
     putFile(file(u"authority-c"_s), QByteArray());
@@ -374,7 +374,7 @@ void TestLaunch::logOfTheLastRunReplacesTheOneBefore()
 
 void TestLaunch::newDirectoryHasNoEarlierRun()
 {
-    // A log set aside earlier stays when there is none to replace it.
+    // An older log stays if there is no newer one to replace it.
     QVERIFY(QDir().mkpath(directory));
     putFile(file(u"server_log.old"_s), "much earlier\n");
     QCOMPARE(start(), 0);
@@ -383,7 +383,7 @@ void TestLaunch::newDirectoryHasNoEarlierRun()
     QVERIFY(!QFile::exists(file(u"server_exit"_s)));
 }
 
-void TestLaunch::withoutDisplayNothingIsMade()
+void TestLaunch::withoutDisplayNothingIsCreated()
 {
     programs->remove(u"xauth"_s);
     programs->remove(u"start-agent"_s);
@@ -401,7 +401,7 @@ void TestLaunch::withoutDisplayNothingIsMade()
     QCOMPARE(session.directory, kUntouched);
 }
 
-void TestLaunch::directoryThatCannotBeMadeFails()
+void TestLaunch::directoryThatCannotBeCreatedFails()
 {
     programs->remove(u"xauth"_s);
     programs->remove(u"start-agent"_s);
@@ -441,7 +441,7 @@ void TestLaunch::missingXauthFails()
     QCOMPARE(start(), WriteFailed);
     const QStringList lines = logger->takeLines();
     QCOMPARE(lines.size(), 1);
-    // The reason's words are Qt's own.
+    // Qt words the reason.
     const auto beginning = "Warning: Failed to run the program \"xauth\": "_L1;
     QVERIFY2(lines[0].startsWith(beginning) && lines[0].size() > beginning.size(), qPrintable(lines[0]));
     QCOMPARE(files(), QStringList({u"display"_s, u"info"_s, u"name"_s, u"window_mode"_s}));

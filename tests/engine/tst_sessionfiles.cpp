@@ -24,15 +24,15 @@ class TestSessionFiles : public QObject
 private slots:
     void numberIsWrittenInDecimal_data();
     void numberIsWrittenInDecimal();
-    void textIsWrittenAsItIs_data();
-    void textIsWrittenAsItIs();
+    void textIsWrittenUnchanged_data();
+    void textIsWrittenUnchanged();
     void writtenFileIsPrivate_data();
     void writtenFileIsPrivate();
     void earlierContentIsGone();
     void directoryCannotBeWritten();
     void missingFolderCannotBeWrittenTo();
     void nothingIsWrittenToAFileThatCannotBeMadePrivate();
-    void fullDiskIsReportedAndTheFileIsPrivateByThen();
+    void fullDiskIsReportedAndLeavesAPrivateFile();
     void displayNumberIsReadAndCutToItsSize_data();
     void displayNumberIsReadAndCutToItsSize();
     void numberIsReadAndCutToItsSize_data();
@@ -45,7 +45,7 @@ private slots:
     void fileWithoutAWordIsNotRead();
     void endlessWordIsCut();
     void missingFileIsNotRead();
-    void pipeIsNotWaitedFor();
+    void pipeDoesNotBlock();
     void directoryIsNotRead();
 
 private:
@@ -75,7 +75,7 @@ void TestSessionFiles::numberIsWrittenInDecimal()
     QCOMPARE(error, untouched);
 }
 
-void TestSessionFiles::textIsWrittenAsItIs_data()
+void TestSessionFiles::textIsWrittenUnchanged_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<QByteArray>("content");
@@ -87,7 +87,7 @@ void TestSessionFiles::textIsWrittenAsItIs_data()
     QTest::newRow("long") << QString(100000, u'x') << QByteArray(100000, 'x');
 }
 
-void TestSessionFiles::textIsWrittenAsItIs()
+void TestSessionFiles::textIsWrittenUnchanged()
 {
     QFETCH(QString, text);
     QString error = untouched;
@@ -151,7 +151,7 @@ void TestSessionFiles::missingFolderCannotBeWrittenTo()
 
 void TestSessionFiles::nothingIsWrittenToAFileThatCannotBeMadePrivate()
 {
-    // It can be written, but its mode is the system's own.
+    // This file can be written, but its mode cannot be changed.
     const QString fixed = u"/proc/self/comm"_s;
     const QByteArray before = contentOf(fixed);
     QString error;
@@ -160,7 +160,7 @@ void TestSessionFiles::nothingIsWrittenToAFileThatCannotBeMadePrivate()
     QCOMPARE(contentOf(fixed), before);
 }
 
-void TestSessionFiles::fullDiskIsReportedAndTheFileIsPrivateByThen()
+void TestSessionFiles::fullDiskIsReportedAndLeavesAPrivateFile()
 {
     QFile::remove(path);
     QString error;
@@ -294,7 +294,7 @@ void TestSessionFiles::fileWithoutAWordIsNotRead()
 
 void TestSessionFiles::endlessWordIsCut()
 {
-    // No byte of it ends a word, and nobody needs as much memory as it is long.
+    // The file is one word of 4 MiB, longer than the limit.
     QFile file(path);
     QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.resize(4 * 1024 * 1024));
     QString word;
@@ -324,7 +324,7 @@ void TestSessionFiles::missingFileIsNotRead()
     QCOMPARE(word, untouched);
 }
 
-void TestSessionFiles::pipeIsNotWaitedFor()
+void TestSessionFiles::pipeDoesNotBlock()
 {
     const QString pipe = folder.filePath(u"pipe"_s);
     QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
@@ -343,7 +343,7 @@ void TestSessionFiles::directoryIsNotRead()
     QString error;
     qint32 number = 4711;
     QVERIFY(!readNumberFile(folder.path(), &number, &error));
-    QFile probe(folder.path()); // Qt has its own words for it
+    QFile probe(folder.path()); // for Qt's text of the error
     QVERIFY(!probe.open(QIODevice::ReadOnly));
     QCOMPARE(error, u"Failed to open the file \"%1\": %2"_s.arg(folder.path(), probe.errorString()));
     QCOMPARE(number, 4711);

@@ -29,10 +29,10 @@ private slots:
     void missingFileFailsTheLoad();
     void unreadableFileFailsTheLoad_data();
     void unreadableFileFailsTheLoad();
-    void lackOfDescriptorsMayPass();
+    void lackOfDescriptorsIsTransient();
     void filesAreReadInTheirOrder();
     void missingDirectoryIsNoSession();
-    void fileInTheDirectorysPlaceIsNoSession();
+    void fileInPlaceOfTheDirectoryIsNoSession();
 
 private:
     QTemporaryDir folder;
@@ -125,10 +125,10 @@ void TestSessionLoading::missingFileFailsTheLoad()
     const QString path = directory + u'/' + file;
     QVERIFY(QFile::remove(path));
     Session session;
-    bool mayPass = false;
+    bool isTransientError = false;
     session.directory = u"untouched"_s;
-    QCOMPARE(loadSession(&session, directory, &mayPass), ReadFailed);
-    QVERIFY(!mayPass);
+    QCOMPARE(loadSession(&session, directory, &isTransientError), ReadFailed);
+    QVERIFY(!isTransientError);
     QCOMPARE(session.directory, u"untouched"_s);
     QCOMPARE(session.display, 0);
     QCOMPARE(logger->takeLines(),
@@ -146,31 +146,31 @@ void TestSessionLoading::unreadableFileFailsTheLoad()
     const QString path = directory + u'/' + file;
     putFile(path, " ");
     Session session;
-    bool mayPass = false;
-    QCOMPARE(loadSession(&session, directory, &mayPass), ReadFailed);
-    QVERIFY(!mayPass);
+    bool isTransientError = false;
+    QCOMPARE(loadSession(&session, directory, &isTransientError), ReadFailed);
+    QVERIFY(!isTransientError);
     QCOMPARE(session.directory, QString());
     QCOMPARE(logger->takeLines(),
              QStringList{u"Warning: Failed to read from the file \"%1\": Unknown error"_s.arg(path)});
 }
 
-void TestSessionLoading::lackOfDescriptorsMayPass()
+void TestSessionLoading::lackOfDescriptorsIsTransient()
 {
     Session session;
-    bool mayPass = false;
+    bool isTransientError = false;
     rlimit limit = {};
     QCOMPARE(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit none = {0, limit.rlim_max};
     QCOMPARE(::setrlimit(RLIMIT_NOFILE, &none), 0);
-    const int code = loadSession(&session, directory, &mayPass);
+    const int code = loadSession(&session, directory, &isTransientError);
     QCOMPARE(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     QCOMPARE(code, ReadFailed);
-    QVERIFY(mayPass);
+    QVERIFY(isTransientError);
     QCOMPARE(logger->takeLines(),
              QStringList{u"Warning: Failed to open the file \"%1/display\": Too many open files"_s.arg(directory)});
-    mayPass = false;
-    QCOMPARE(loadSession(&session, directory, &mayPass), 0);
-    QVERIFY(!mayPass);
+    isTransientError = false;
+    QCOMPARE(loadSession(&session, directory, &isTransientError), 0);
+    QVERIFY(!isTransientError);
 }
 
 void TestSessionLoading::filesAreReadInTheirOrder()
@@ -200,7 +200,7 @@ void TestSessionLoading::missingDirectoryIsNoSession()
     QCOMPARE(logger->takeLines(), QStringList{u"Warning: The directory \"%1\" does not exist"_s.arg(missing)});
 }
 
-void TestSessionLoading::fileInTheDirectorysPlaceIsNoSession()
+void TestSessionLoading::fileInPlaceOfTheDirectoryIsNoSession()
 {
     const QString file = folder.filePath(u"file"_s);
     putFile(file, "");

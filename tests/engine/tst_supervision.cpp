@@ -26,13 +26,13 @@ private slots:
 
     void agentInTheDirectoryLives();
     void agentLivesUnderAnyNameOfTheDirectory();
-    void processElsewhereIsNoAgent();
-    void processThatIsGoneIsNoAgent();
-    void processThatNobodyAskedForIsGone();
+    void processInAnotherDirectoryIsNoAgent();
+    void endedProcessIsNoAgent();
+    void zombieCountsAsEnded();
     void agentOfARemovedDirectoryIsGone();
-    void pidsThatNoProcessHasAreGone_data();
-    void pidsThatNoProcessHasAreGone();
-    void agentThatMovedAwayIsGoneAndThatComesBackLives();
+    void pidsWithoutAProcessAreGone_data();
+    void pidsWithoutAProcessAreGone();
+    void agentIsGoneWhileItWorksInAnotherDirectory();
     void unknownLivenessBreaksTheSession();
 
     void socketTellsTheState();
@@ -50,8 +50,8 @@ private slots:
     void exitCodeOfALivingAgentIsNotRead();
     void unreadableExitCodeBreaksTheSession_data();
     void unreadableExitCodeBreaksTheSession();
-    void exitCodeThatComesLateMendsTheSession();
-    void refreshOfALivingAgentMendsTheSession();
+    void lateExitCodeRepairsTheSession();
+    void refreshOfALivingAgentRepairsTheSession();
 };
 
 namespace {
@@ -61,7 +61,7 @@ QDateTime at(int hour)
     return QDateTime(QDate(2024, 5, 6), QTime(hour, 8, 9));
 }
 
-/** Waits until the process has ended, and leaves it as it is then: a zombie. */
+/** Waits until the process has ended and leaves the zombie. */
 void waitForZombie(qint32 pid)
 {
     siginfo_t info = {};
@@ -96,7 +96,7 @@ void TestSupervision::agentLivesUnderAnyNameOfTheDirectory()
     }
 }
 
-void TestSupervision::processElsewhereIsNoAgent()
+void TestSupervision::processInAnotherDirectoryIsNoAgent()
 {
     putFile(file(u"server_exit"_s), "3");
     QVERIFY(QDir(directory).mkdir(u"inside"_s));
@@ -110,7 +110,7 @@ void TestSupervision::processElsewhereIsNoAgent()
     QCOMPARE(logger->takeLines(), QStringList());
 }
 
-void TestSupervision::processThatIsGoneIsNoAgent()
+void TestSupervision::endedProcessIsNoAgent()
 {
     putFile(file(u"server_exit"_s), "3");
     AgentProcess agent(directory);
@@ -123,7 +123,7 @@ void TestSupervision::processThatIsGoneIsNoAgent()
     QCOMPARE(session.exitCode, 3);
 }
 
-void TestSupervision::processThatNobodyAskedForIsGone()
+void TestSupervision::zombieCountsAsEnded()
 {
     putFile(file(u"server_exit"_s), "3");
     const AgentProcess agent(directory);
@@ -144,14 +144,14 @@ void TestSupervision::agentOfARemovedDirectoryIsGone()
     QVERIFY(QDir(directory).removeRecursively());
     QCOMPARE(refreshSession(&session), ReadFailed);
     QCOMPARE(session.exited, true);
-    // Another directory of that name is another session.
+    // A new directory of the same name is another session.
     QVERIFY(QDir().mkpath(directory));
     putFile(file(u"server_exit"_s), "3");
     QCOMPARE(refreshSession(&session), 0);
     QCOMPARE(session.exited, true);
 }
 
-void TestSupervision::pidsThatNoProcessHasAreGone_data()
+void TestSupervision::pidsWithoutAProcessAreGone_data()
 {
     QTest::addColumn<qint32>("pid");
     QTest::newRow("zero") << 0;
@@ -160,7 +160,7 @@ void TestSupervision::pidsThatNoProcessHasAreGone_data()
     QTest::newRow("smallest") << std::numeric_limits<qint32>::min();
 }
 
-void TestSupervision::pidsThatNoProcessHasAreGone()
+void TestSupervision::pidsWithoutAProcessAreGone()
 {
     QFETCH(qint32, pid);
     putFile(file(u"server_exit"_s), "3");
@@ -170,7 +170,7 @@ void TestSupervision::pidsThatNoProcessHasAreGone()
     QCOMPARE(session.exitCode, 3);
 }
 
-void TestSupervision::agentThatMovedAwayIsGoneAndThatComesBackLives()
+void TestSupervision::agentIsGoneWhileItWorksInAnotherDirectory()
 {
     putFile(file(u"server_exit"_s), "3");
     AgentProcess agent(directory, u"home=$PWD\n"
@@ -398,7 +398,7 @@ void TestSupervision::unreadableExitCodeBreaksTheSession()
     QCOMPARE(logger->takeLines(), QStringList{u"Warning: "_s + line.arg(file(u"server_exit"_s))});
 }
 
-void TestSupervision::exitCodeThatComesLateMendsTheSession()
+void TestSupervision::lateExitCodeRepairsTheSession()
 {
     Session session = sessionOf(0);
     QCOMPARE(refreshSession(&session), ReadFailed);
@@ -409,7 +409,7 @@ void TestSupervision::exitCodeThatComesLateMendsTheSession()
     QCOMPARE(session.exitCode, 3);
 }
 
-void TestSupervision::refreshOfALivingAgentMendsTheSession()
+void TestSupervision::refreshOfALivingAgentRepairsTheSession()
 {
     const AgentProcess agent(directory);
     Session session = sessionOf(agent.pid());

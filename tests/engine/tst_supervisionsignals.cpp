@@ -33,8 +33,8 @@ private slots:
 namespace {
 
 /**
- * Has the agent note two signals, the second only once the first was seen: any that it got before stands in the
- * file by then. The file afterwards.
+ * Sends the agent two signals, the second after it has recorded the first. By then it has recorded every earlier signal
+ * too. Returns what it has recorded.
  */
 QByteArray signalsAfterTwoMore(qint32 pid, const QString &signalsFile)
 {
@@ -158,7 +158,7 @@ void TestSupervisionSignals::signalNeverReachesAGroup()
 {
     QFETCH(QByteArray, content);
     QFETCH(qint32, pid);
-    // A signal that does no harm to those who do not expect it, should it reach them after all.
+    // SIGURG is ignored by default, so that a failure of this test does no harm.
     struct sigaction counting = {};
     counting.sa_handler = countUrgentSignal;
     struct sigaction previous = {};

@@ -28,8 +28,8 @@ private slots:
     void init() { setUp(); }
     void cleanup() { tearDown(); }
 
-    void nothingWorksWithoutADirectory_data();
-    void nothingWorksWithoutADirectory();
+    void everyOperationNeedsADirectory_data();
+    void everyOperationNeedsADirectory();
 
     void waitEndsWhenItsConditionIsMet_data();
     void waitEndsWhenItsConditionIsMet();
@@ -45,7 +45,7 @@ private slots:
     void timeoutEndsAWait();
     void exitEndsAWaitForAChange_data();
     void exitEndsAWaitForAChange();
-    void lastWordOfAnAgentCountsBeforeItsExit();
+    void lastLogLineCountsBeforeTheExit();
     void waitForExitSeesTheEnd();
     void failedRefreshEndsAWait_data();
     void failedRefreshEndsAWait();
@@ -58,7 +58,7 @@ private slots:
 namespace {
 
 constexpr qint64 kMillisecond = 1000000;
-/** Longer than any test runs: a wait that ends has ended for another reason. */
+/** Longer than any test runs, so that no wait ends because of it. */
 constexpr int kLongTimeoutMs = 100000;
 
 const char kQuiet[] = R"({"Clients": 0, "Passwords": []})";
@@ -67,7 +67,7 @@ const char kConnected[] = R"({"LastConnect": "2024-05-06T12:08:09"})";
 const char kDisconnected[] = R"({"LastDisconnect": "2024-05-06T13:08:09"})";
 const char kPassword[] = R"({"Passwords": ["pw"]})";
 
-/** The waits for a change, each with the state that ends it. */
+/** One of the waits for a change, with a state that ends it. */
 struct ChangeWait
 {
     const char *name;
@@ -86,7 +86,7 @@ const std::vector<ChangeWait> &changeWaits()
     return all;
 }
 
-/** Does something on a thread of its own once an agent was asked this many times. Ends with the object. */
+/** Runs an action on a thread of its own once an agent was asked this often. The destructor waits for the thread. */
 class AfterCalls final
 {
 public:
@@ -115,7 +115,7 @@ private:
 
 } // namespace
 
-void TestSupervisionWaits::nothingWorksWithoutADirectory_data()
+void TestSupervisionWaits::everyOperationNeedsADirectory_data()
 {
     QTest::addColumn<Wait>("operation");
     QTest::newRow("refresh") << Wait([](Session *session, int) { return refreshSession(session); });
@@ -126,11 +126,11 @@ void TestSupervisionWaits::nothingWorksWithoutADirectory_data()
     }
 }
 
-void TestSupervisionWaits::nothingWorksWithoutADirectory()
+void TestSupervisionWaits::everyOperationNeedsADirectory()
 {
     QFETCH(Wait, operation);
     const AgentSocket socket(socketPath(), kStarted);
-    // Neither the limit nor what is known otherwise matters.
+    // With every timeout, and whatever else the record says.
     for (const int timeoutMs : {-1, 0, kLongTimeoutMs}) {
         Session session = sessionOf(::getpid());
         session.directory.clear();
@@ -234,7 +234,7 @@ void TestSupervisionWaits::waitWithoutTimeRefreshesOnce()
     socket.setState(state);
     QCOMPARE(wait(&session, 0), 0);
     QCOMPARE(socket.calls(), 2);
-    // What it was at the beginning of this wait, not of an earlier one.
+    // A wait compares with the state at its own beginning, not with that of an earlier one.
     QCOMPARE(wait(&session, 0), TimedOut);
     QCOMPARE(logger->takeLines(), QStringList());
 }
@@ -277,7 +277,7 @@ void TestSupervisionWaits::timeoutEndsAWait()
     timer.start();
     QCOMPARE(wait(&session, 120), TimedOut);
     QVERIFY(timer.elapsed() >= 120);
-    // One more for a sleep that ends just before the limit.
+    // One more refresh than steps, because the last sleep may end just before the timeout.
     QVERIFY2(socket.calls() <= 5, qPrintable(QString::number(socket.calls())));
     QCOMPARE(session.exited, false);
     QCOMPARE(session.broken, false);
@@ -311,12 +311,12 @@ void TestSupervisionWaits::exitEndsAWaitForAChange()
     QCOMPARE(session.exitCode, 3);
     QCOMPARE(session.broken, false);
 
-    // The same at once, and before the time is up that there is not.
+    // The exit is reported rather than the timeout, also without any time.
     QCOMPARE(wait(&session, 0), UnknownError);
     QCOMPARE(logger->takeLines(), QStringList());
 }
 
-void TestSupervisionWaits::lastWordOfAnAgentCountsBeforeItsExit()
+void TestSupervisionWaits::lastLogLineCountsBeforeTheExit()
 {
     putFile(file(u"server_exit"_s), "0");
     putFile(file(u"server_log"_s), "RDP initialized at '2024-05-06T11:08:09'\n");
