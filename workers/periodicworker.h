@@ -7,10 +7,9 @@
 #include <chrono>
 
 /**
- * Calls doWork() at regular intervals on the thread that created the worker, which is the main thread: its own
- * thread does nothing but host the timer. A tick is left out while the one before it waits or is at work, so
- * that work which takes longer than the interval does not fill the event queue. Destroying the worker ends its
- * thread, for which every class derived from this one calls stop() in its destructor.
+ * Calls doWork() at regular intervals on the thread that created the worker, which is the main thread. Its own thread
+ * only runs the timer. A tick is skipped while the previous one is queued or at work, so that slow work does not fill
+ * the event queue. Destroying the worker ends its thread: every derived class calls stop() in its destructor.
  */
 class PeriodicWorker : public QThread
 {
@@ -26,8 +25,8 @@ protected:
     void run() override;
 
     /**
-     * Ends the thread if it runs, and waits for it. Only the last class can do so: a thread that has just begun
-     * looks up run() in an object that must not be in parts by then.
+     * Ends the thread if it runs, and waits for it. Only the most derived class may call it: a thread that has just
+     * started calls the virtual run(), which must not happen while base destructors run.
      */
     void stop();
 

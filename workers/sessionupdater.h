@@ -8,9 +8,8 @@
 class SessionStore;
 
 /**
- * Keeps the registry current and tells everybody who listens when the list of sessions has changed: every 400
- * ms it refreshes all sessions and, when the resulting notification differs from the last one, sends it.
- * Created on the main thread, where doWork() runs and sendUpdates() is emitted.
+ * Refreshes all sessions every 400 ms and sends a notification when the list of sessions differs from the last one
+ * sent. Created on the main thread, where doWork() runs and sendUpdates() is emitted.
  */
 class SessionUpdater final : public PeriodicWorker
 {
@@ -30,5 +29,5 @@ signals:
 
 private:
     SessionStore *store;    ///< not owned
-    QByteArray lastMessage; ///< the last frame sent; touched by doWork() alone
+    QByteArray lastMessage; ///< the last frame sent; used only by doWork()
 };

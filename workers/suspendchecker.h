@@ -6,8 +6,8 @@
 class SessionStore;
 
 /**
- * Once a minute asks every session to end that has been without a client for too long. It does not wait for
- * them: the session updater sees them go. Created on the main thread, where doWork() runs.
+ * Once a minute sends SIGTERM to every session that has been without a client for too long. It does not wait for their
+ * end, which the session updater notices. Created on the main thread, where doWork() runs.
  */
 class SuspendChecker final : public PeriodicWorker
 {

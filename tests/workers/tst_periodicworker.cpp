@@ -20,21 +20,21 @@ class TestPeriodicWorker : public QObject
 
 private slots:
     void nothingHappensBeforeTheStart();
-    void workIsDoneOnTheThreadThatMadeTheWorker();
-    void workIsDoneAgainAndAgain();
+    void workIsDoneOnTheThreadThatCreatedTheWorker();
+    void workIsDoneRepeatedly();
     void firstTickComesAfterTheInterval();
     void ticksDoNotPileUpWhileTheirReceiverIsBusy();
     void ticksDoNotPileUpBehindSlowWork();
-    void slowWorkIsNotTheLast();
+    void workGoesOnAfterSlowWork();
     void destructionEndsTheThread();
-    void destructionEndsAThreadThatHasJustBegun();
-    void destructionDropsTheTickThatWaits();
+    void destructionEndsAThreadThatHasJustStarted();
+    void destructionDropsAQueuedTick();
     void destructionWithItsParentEndsTheThread();
 };
 
 namespace {
 
-/** A worker that does what the test says and counts how often. */
+/** A worker that runs a function of the test and counts how often. */
 class CountingWorker final : public PeriodicWorker
 {
 public:
@@ -58,7 +58,7 @@ private:
     const std::function<void()> work;
 };
 
-/** A thread whose timer ticks like a worker's, to tell how many ticks a worker must have had meanwhile. */
+/** A thread with a timer like a worker's. It shows how many ticks a worker must have had. */
 class Metronome final : public QThread
 {
 public:
@@ -69,7 +69,7 @@ public:
         wait();
     }
 
-    /** Blocks the calling thread for so many ticks of one millisecond. */
+    /** Blocks the calling thread for this many ticks of one millisecond. */
     void waitForTicks(int count)
     {
         ticks.acquire(ticks.available());
@@ -104,7 +104,7 @@ void TestPeriodicWorker::nothingHappensBeforeTheStart()
     QVERIFY(!worker.isRunning());
 }
 
-void TestPeriodicWorker::workIsDoneOnTheThreadThatMadeTheWorker()
+void TestPeriodicWorker::workIsDoneOnTheThreadThatCreatedTheWorker()
 {
     QThread *thread = nullptr;
     CountingWorker worker(1ms, [&] { thread = QThread::currentThread(); });
@@ -114,7 +114,7 @@ void TestPeriodicWorker::workIsDoneOnTheThreadThatMadeTheWorker()
     QCOMPARE(worker.thread(), QCoreApplication::instance()->thread());
 }
 
-void TestPeriodicWorker::workIsDoneAgainAndAgain()
+void TestPeriodicWorker::workIsDoneRepeatedly()
 {
     CountingWorker worker(1ms);
     worker.start();
@@ -129,7 +129,7 @@ void TestPeriodicWorker::firstTickComesAfterTheInterval()
     timer.start();
     worker.start();
     QTRY_VERIFY_WITH_TIMEOUT(worker.count > 0, kDeadlineMs);
-    // The system's timers may be early by a twentieth.
+    // A timer of the system may fire 5 % early.
     QVERIFY2(timer.elapsed() >= interval.count() * 9 / 10, qPrintable(QString::number(timer.elapsed())));
 }
 
@@ -140,7 +140,7 @@ void TestPeriodicWorker::ticksDoNotPileUpWhileTheirReceiverIsBusy()
     worker.start();
     QTRY_VERIFY_WITH_TIMEOUT(worker.count > 0, kDeadlineMs);
 
-    // This thread takes no events meanwhile.
+    // This thread processes no events meanwhile.
     const int before = worker.count;
     metronome.waitForTicks(kManyTicks);
     QCoreApplication::sendPostedEvents(&worker, QEvent::MetaCall);
@@ -157,7 +157,7 @@ void TestPeriodicWorker::ticksDoNotPileUpBehindSlowWork()
     const auto slowWork = [&] {
         if (worker->count == 1) {
             metronome.waitForTicks(kManyTicks);
-            // Stands behind every tick that has come during the work.
+            // This call is queued behind every tick that came during the work.
             QMetaObject::invokeMethod(
                 worker, [&] { countAfterTheFirst = worker->count; }, Qt::QueuedConnection);
         }
@@ -169,7 +169,7 @@ void TestPeriodicWorker::ticksDoNotPileUpBehindSlowWork()
     QCOMPARE(countAfterTheFirst, 1);
 }
 
-void TestPeriodicWorker::slowWorkIsNotTheLast()
+void TestPeriodicWorker::workGoesOnAfterSlowWork()
 {
     Metronome metronome;
     CountingWorker worker(1ms, [&] { metronome.waitForTicks(5); });
@@ -196,7 +196,7 @@ void TestPeriodicWorker::destructionEndsTheThread()
     QCOMPARE(count, last);
 }
 
-void TestPeriodicWorker::destructionEndsAThreadThatHasJustBegun()
+void TestPeriodicWorker::destructionEndsAThreadThatHasJustStarted()
 {
     std::atomic<int> ended = 0;
     for (int round = 0; round < 200; ++round) {
@@ -208,7 +208,7 @@ void TestPeriodicWorker::destructionEndsAThreadThatHasJustBegun()
     QCOMPARE(ended, 200);
 }
 
-void TestPeriodicWorker::destructionDropsTheTickThatWaits()
+void TestPeriodicWorker::destructionDropsAQueuedTick()
 {
     int count = 0;
     {

@@ -31,10 +31,10 @@ private slots:
     void sessionsOfPeersComeFirst();
     void updateIsSentAfterTheWork();
     void everyChangeIsSentOnce();
-    void changeThatNobodySeesIsNotSent();
+    void changeOfAnUnlistedFieldIsNotSent();
     void stateThatComesBackIsSentAgain();
-    void sessionThatIsGoneLeavesTheList();
-    void listOfAPeerThatExpiredLeavesTheList();
+    void endedSessionLeavesTheList();
+    void expiredPeerLeavesTheList();
     void busySessionDoesNotHoldUpTheWork();
     void runningUpdaterSendsEachChangeOnce();
     void runningUpdaterEmitsOnTheMainThread();
@@ -43,9 +43,9 @@ private slots:
 private:
     [[nodiscard]] QString file(const QString &name) const { return directory + u'/' + name; }
     void makeStore() { store = std::make_unique<SessionStore>(root->path(), 1, 1, u"https://here/"_s); }
-    /** A session that says @p state; its agent ends with the test. */
+    /** Creates a session that reports @p state. Its agent ends with the test. */
     void makeSession(const QByteArray &state);
-    /** Lets the updater work once and takes what it sent then. */
+    /** Lets the updater work once and returns what it sent. */
     [[nodiscard]] QList<QByteArray> sentAfter(SessionUpdater &updater);
 
     std::unique_ptr<CollectingLogger> logger;
@@ -207,7 +207,7 @@ void TestSessionUpdater::everyChangeIsSentOnce()
     }
 }
 
-void TestSessionUpdater::changeThatNobodySeesIsNotSent()
+void TestSessionUpdater::changeOfAnUnlistedFieldIsNotSent()
 {
     makeSession(kStarted);
     makeStore();
@@ -232,7 +232,7 @@ void TestSessionUpdater::stateThatComesBackIsSentAgain()
     QCOMPARE(sentAfter(updater), first);
 }
 
-void TestSessionUpdater::sessionThatIsGoneLeavesTheList()
+void TestSessionUpdater::endedSessionLeavesTheList()
 {
     makeSession(kStarted);
     putFile(file(u"server_exit"_s), "0");
@@ -244,7 +244,7 @@ void TestSessionUpdater::sessionThatIsGoneLeavesTheList()
     QVERIFY(!QFile::exists(directory));
 }
 
-void TestSessionUpdater::listOfAPeerThatExpiredLeavesTheList()
+void TestSessionUpdater::expiredPeerLeavesTheList()
 {
     makeStore();
     const QList<SessionInfo> list = {peerSession(u"ffffffffffffffffffffffffffffffff"_s)};
@@ -275,7 +275,7 @@ void TestSessionUpdater::runningUpdaterSendsEachChangeOnce()
     makeStore();
     SessionUpdater updater(store.get(), nullptr);
     const QSignalSpy spy(&updater, &SessionUpdater::sendUpdates);
-    // The agent is asked once at every tick.
+    // Every tick asks the agent once.
     const auto someTicks = [this] {
         const int calls = socket->calls();
         return QTest::qWaitFor([this, calls] { return socket->calls() >= calls + 3; }, kDeadlineMs);

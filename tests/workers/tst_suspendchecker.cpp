@@ -32,14 +32,14 @@ private slots:
     void idleSessionIsAskedToEnd();
     void sessionInUseIsLeftAlone_data();
     void sessionInUseIsLeftAlone();
-    void sessionThatDoesNotListenIsAskedAgain();
+    void sessionThatIgnoresTheSignalIsAskedAgain();
     void busySessionIsCheckedWhenItIsFree();
     void sessionStaysRegistered();
     void everySessionIsChecked();
     void runningCheckerEndsWithTheObject();
 
 private:
-    /** One session with its agent, which notes the signals that it gets. */
+    /** A session whose agent records its signals. */
     struct Running
     {
         ReservedDisplays displays;
@@ -69,7 +69,7 @@ constexpr int kDeadlineMs = 20000;
 constexpr auto kId = "0123456789abcdef0123456789abcdef"_L1;
 constexpr auto kOtherId = "fedcba9876543210fedcba9876543210"_L1;
 
-/** The state of an agent whose last client went so long ago. */
+/** The state of an agent whose last client disconnected @p secondsAgo. */
 QByteArray stateWith(int clients, int secondsAgo)
 {
     const QDateTime time = QDateTime::currentDateTime().addSecs(-secondsAgo);
@@ -116,7 +116,7 @@ bool TestSuspendChecker::isAsked(const Running &session, int times) const
     return QTest::qWaitFor([&] { return signalsOf(session) == expected; }, kDeadlineMs);
 }
 
-/** Has the agent note two signals of ours, the second once the first was seen: any before them were noted by then. */
+/** Sends two signals, the second after the agent has recorded the first. By then it has recorded any earlier one. */
 bool TestSuspendChecker::isLeftAlone(const Running &session) const
 {
     for (int noted = 1; noted <= 2; ++noted) {
@@ -173,7 +173,7 @@ void TestSuspendChecker::sessionInUseIsLeftAlone()
     QVERIFY(isLeftAlone(*running[0]));
 }
 
-void TestSuspendChecker::sessionThatDoesNotListenIsAskedAgain()
+void TestSuspendChecker::sessionThatIgnoresTheSignalIsAskedAgain()
 {
     addSession(kId, "{}");
     makeStore();
