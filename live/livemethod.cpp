@@ -11,7 +11,7 @@ namespace {
 
 using Parameters = std::span<const LiveMethodEntry::Parameter>;
 
-/** One parameter, by position where @p params is an array; null when it is missing. */
+/** One parameter, by position if @p params is an array, else by name; null if it is missing. */
 Json::Value valueOf(const Json::Value &params, Parameters parameters, size_t index)
 {
     if (!params.isArray()) {
@@ -20,7 +20,7 @@ Json::Value valueOf(const Json::Value &params, Parameters parameters, size_t ind
     return index < params.size() ? params[static_cast<Json::ArrayIndex>(index)] : Json::Value();
 }
 
-/** The values of all parameters, by position or by name; nothing unless all are there and strings. */
+/** The values of all parameters; nothing if one is missing or not a string. */
 std::optional<QStringList> readParameters(const Json::Value &params, Parameters parameters)
 {
     QStringList values;

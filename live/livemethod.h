@@ -10,7 +10,7 @@
 class LiveMethod;
 class SessionStore;
 
-/** What the table of methods says of one method. A constant that lives as long as the program. */
+/** An entry of the table of methods. A constant that lives as long as the program. */
 struct LiveMethodEntry
 {
     /** Every parameter is a string. */
@@ -24,13 +24,13 @@ struct LiveMethodEntry
     LiveMethod *(*make)(const LiveMethodEntry &entry, SessionStore *store); ///< a new object of the method's class
     const char *description;
     std::span<const Parameter> parameters;
-    const char *returns; ///< what the answer is; null when it is always null
+    const char *returns; ///< describes the answer; null if the answer is always null
 };
 
 /**
- * What the methods on sessions have in common: the parameters, the description, the error objects. A method keeps
- * nothing but its entry and the SessionStore, which it does not own, so that one object may run on several pool threads
- * at once.
+ * What the methods on sessions have in common: it reads the parameters, describes the method and makes the error
+ * objects. A method keeps only its entry and the SessionStore, which it does not own, so one object may run on several
+ * pool threads at once.
  */
 class LiveMethod : public RpcMethod
 {
@@ -42,9 +42,9 @@ public:
 
 protected:
     /**
-     * Does what the method is for.
+     * Carries out the method. May block; called on a pool thread.
      * @param values  the parameters in the order of the entry
-     * @param result  null on entry; the answer, which counts only on success
+     * @param result  null on entry; the answer, ignored on failure
      * @return SessionOk or a SessionError
      */
     [[nodiscard]] virtual int act(const QStringList &values, Json::Value *result) = 0;

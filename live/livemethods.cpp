@@ -38,7 +38,7 @@ class ListSessionsMethod final : public LiveMethod
     }
 };
 
-/** The sessions of this server, which is what peers ask for. */
+/** The sessions of this server. Peers call it. */
 class ListLocalSessionsMethod final : public LiveMethod
 {
     using LiveMethod::LiveMethod;
@@ -72,7 +72,7 @@ class StartMethod final : public LiveMethod
 using ConnectionAction = int (SessionStore::*)(const QString &id, QString &windowMode, QString &geometry,
                                                QString &password, quint16 &port);
 
-/** Runs an action on the session @p id and answers with what a client needs to connect to it. */
+/** Runs an action on a session. The answer has all that a client needs to connect to it. */
 int offerConnection(SessionStore *store, ConnectionAction action, const QString &id, Json::Value *result)
 {
     QString windowMode;
@@ -98,7 +98,7 @@ class ResumeMethod final : public LiveMethod
     }
 };
 
-/** Once more the password that a session offers already. */
+/** The password that a session already offers. */
 class ReplayMethod final : public LiveMethod
 {
     using LiveMethod::LiveMethod;

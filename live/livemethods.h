@@ -8,7 +8,7 @@ class RpcMethod;
 class SessionStore;
 
 /**
- * Every method on sessions by the name that clients call it by, as new objects that belong to the caller. A new method
- * is a class with its action and an entry in the table, both in the source of this function.
+ * New objects of all methods on sessions, by the names under which clients call them. The caller owns the objects. To
+ * add a method, add its class and its entry in the table, both in livemethods.cpp.
  */
 [[nodiscard]] QMap<QString, RpcMethod *> makeLiveMethods(SessionStore *store);

@@ -16,12 +16,12 @@ public:
     PeerLists() = default;
     Q_DISABLE_COPY_MOVE(PeerLists)
 
-    /** Replaces the list of the peer @p key, which counts until @p expiry. */
+    /** Replaces the list of the peer @p key, which is valid until @p expiry. */
     void store(const QString &key, const QDateTime &expiry, const QList<SessionInfo> &list);
     void forget(const QString &key);
     /** Forgets every list that has expired. */
     void purge();
-    /** All lists, in the order of their keys, including those that have expired since the last purge(). */
+    /** All lists in the order of their keys, including those that have expired since the last purge(). */
     [[nodiscard]] QList<SessionInfo> sessions() const;
 
 private:

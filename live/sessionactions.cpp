@@ -21,7 +21,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** How long an agent may take for what it was asked. */
+/** The longest time that an agent may take to start or to react to a signal. */
 constexpr int kAgentTimeoutMs = 15000;
 
 void describeConnection(const Session &session, QString *windowMode, QString *geometry, QString *password,
@@ -33,7 +33,7 @@ void describeConnection(const Session &session, QString *windowMode, QString *ge
     *port = agentPort(session.display);
 }
 
-/** Asks the agent for one more password and waits until it is there. */
+/** Asks the agent for a new password and waits until it offers one. */
 int offerPassword(SessionLease *lease)
 {
     if (const int code = signalSession(**lease, SIGUSR1); code != SessionOk) {
@@ -45,7 +45,7 @@ int offerPassword(SessionLease *lease)
         if (const int code = waitForPasswordsChange(lease->get(), timeLeft); code != SessionOk) {
             return lease->removeIfBroken(code);
         }
-        // A client that uses up an earlier password changes the list as well, and may leave nothing in it.
+        // A client that uses an earlier password changes the list too, and may leave it empty.
     } while ((*lease)->passwords.isEmpty());
     return SessionOk;
 }
@@ -65,7 +65,7 @@ SessionActions::SessionActions(SessionRegistry *registry_, const QString &root_,
 int SessionActions::start(const QString &id, const QString &command, const QString &geometry, QString *password,
                           quint16 *port)
 {
-    // Busy from here on, so that of two starts of one id only one gets as far as the directory.
+    // The id is busy before the directory is touched, so that a second start of the id fails.
     if (!isValidSessionId(id) || !registry->reserve(id)) {
         logMessage(LogWarning, u"Got a bad id"_s);
         return NoSuchSession;
@@ -99,7 +99,8 @@ int SessionActions::startReserved(const QString &id, const QString &command, con
     }
     *password = lease->passwords.constLast();
     *port = agentPort(lease->display);
-    // The client knows of the session from now on. A list without it, because it is busy again, would tell of its end.
+    // The client knows the session from now on. Without this a refresh that finds it busy again would leave it out of
+    // the list, and clients would take it as ended.
     registry->setListed(id, SessionInfo(id, location, *lease));
     return SessionOk;
 }

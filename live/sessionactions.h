@@ -6,14 +6,14 @@
 class SessionRegistry;
 
 /**
- * What clients can do with a session, as sequences of engine operations on a session that is held by a lease. Outputs
- * are set only on success. Owned by the SessionStore, whose functions of the same names say how long each blocks;
- * callable from any thread but the main one.
+ * The actions that clients ask for, each a sequence of engine operations under a SessionLease. Outputs are set only on
+ * success. Owned by the SessionStore, whose functions of the same names say how long each action blocks. Callable from
+ * any thread except the main thread.
  */
 class SessionActions final
 {
 public:
-    /** The arguments are those of the SessionStore. */
+    /** @param root,displayBase,displayLimit,location  as for the SessionStore */
     SessionActions(SessionRegistry *registry, const QString &root, quint16 displayBase, quint16 displayLimit,
                    const QString &location);
     Q_DISABLE_COPY_MOVE(SessionActions)

@@ -10,9 +10,9 @@ bool removeSessionDirectory(const QString &path, QString &error)
 {
     if (QFileInfo(path).isSymLink()) {
         error = u"Failed to remove the directory \"%1\""_s.arg(path);
-        return false; // what is behind it was not made by us, and may hold anything
+        return false; // the server did not create the target, which may contain anything
     }
-    // Sockets and dangling links are what the filter calls system files; they would keep the directory alive.
+    // The filter calls sockets and dangling symlinks system files. Without it they would keep the directory.
     const QDir directory(path, QString(), QDir::Unsorted, QDir::Files | QDir::Hidden | QDir::System);
     const QStringList names = directory.entryList();
     for (const QString &name : names) {

@@ -21,22 +21,22 @@ struct SessionInfo
     QString windowMode;
     QString name;
     QDateTime started;        ///< null until the agent is ready
-    QDateTime lastConnect;    ///< null until a client came
-    QDateTime lastDisconnect; ///< null until a client went
+    QDateTime lastConnect;    ///< null until a client has connected
+    QDateTime lastDisconnect; ///< null until a client has disconnected
     QStringList permissions;  ///< what a client may do now: one of "connect", "retry", "disconnect"; "terminate"
 
     SessionInfo() = default;
-    /** Describes the local session @p id of the server that is reached at @p locationText. */
+    /** Describes the local session @p id of the server whose advertised URL is @p locationText. */
     SessionInfo(const QString &id, const QString &locationText, const Session &session);
 
-    /** The description as an object of eight strings, all of them always there. */
+    /** The description as an object that always has all eight members, all strings. */
     [[nodiscard]] Json::Value toJson() const;
     /**
-     * Reads the description that a peer sent; what is missing there stays empty.
-     * @return nothing for what is no object, or has one of the eight members with a value that is no string
+     * Reads the description that a peer sent. A missing member stays empty.
+     * @return nothing if @p value is not an object or one of the eight members is not a string
      */
     [[nodiscard]] static std::optional<SessionInfo> fromJson(const Json::Value &value);
 };
 
-/** The list as clients get it: an array, or null when it is empty. */
+/** The list in the form that clients get: an array, or null when it is empty. */
 [[nodiscard]] Json::Value sessionListToJson(const QList<SessionInfo> &sessions);

@@ -37,7 +37,7 @@ SessionLease::~SessionLease()
 
 void SessionLease::remove()
 {
-    // Before the registry gives the display's number back: these files must not be those of a new session.
+    // Before the registry frees the display's number, so that these cannot be the files of a new session.
     if (session->exited) {
         removeStaleDisplayFiles(session->display);
     }

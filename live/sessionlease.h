@@ -7,22 +7,22 @@ struct Session;
 class SessionRegistry;
 
 /**
- * The right to work on one session while everybody else waits: ends in exactly one release() or removeSession() of the
- * registry, on every way out of the scope that holds it. Used by the thread that made it.
+ * The right to work on one session while all others wait. On every way out of its scope it ends in exactly one
+ * release() or removeSession() of the registry. Used by the thread that created it.
  */
 class SessionLease final
 {
 public:
-    /** Says that the caller would rather go without the session than wait for it. */
+    /** The caller does without the session if it had to wait for it. */
     struct IfFree
     {
     };
 
-    /** Waits until nobody works on the session and takes it; code() says whether that worked. */
+    /** Waits until the session is free and takes it; code() says whether that worked. */
     SessionLease(SessionRegistry *registry, const QString &id);
-    /** Takes the session for a peek, and only if nobody works on it. */
+    /** Takes the session for a peek if it is free. */
     SessionLease(SessionRegistry *registry, const QString &id, IfFree);
-    /** Takes over an id that is busy on the caller's behalf already. */
+    /** Takes over an id that the caller has already marked busy. */
     SessionLease(SessionRegistry *registry, const QString &id, Session *session);
     ~SessionLease();
     Q_DISABLE_COPY_MOVE(SessionLease)
@@ -35,15 +35,15 @@ public:
     [[nodiscard]] Session *get() const { return session; }
 
     /**
-     * Takes the session out of the registry and deletes its record; the lease is over. What an agent that was killed
-     * has left of its display goes as well.
+     * Takes the session out of the registry and deletes its record. The lease is over. Removes the stale display files
+     * of an agent that has ended.
      */
     void remove();
 
-    /** The same for a session that has ended. When it ended well its directory goes as well; failures are logged. */
+    /** The same for a session that has ended. If its exit code is 0, removes its directory too; a failure is logged. */
     void removeEnded();
 
-    /** Ends the lease after an operation that failed with @p failure: a broken session is removed. */
+    /** Call it after an operation failed with @p failure, which it returns: removes the session if it is broken. */
     int removeIfBroken(int failure);
 
 private:

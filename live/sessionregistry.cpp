@@ -46,7 +46,7 @@ int SessionRegistry::tryAcquire(const QString &id, Session **session)
     return code;
 }
 
-/** Marks a session busy that is not. The mutex is held. */
+/** Marks a free session busy. The mutex is held. */
 int SessionRegistry::markBusy(const QString &id, Session **session)
 {
     const auto found = sessions.find(id);
@@ -77,9 +77,9 @@ void SessionRegistry::release(const QString &id)
     auto found = sessions.find(id);
     while (found != sessions.end() && found->second.deferred) {
         const Work work = std::exchange(found->second.deferred, nullptr);
-        peeks.insert(id); // what the id was busy for is over, so a start waits for the end of this work
+        peeks.insert(id); // the action is over: a start waits for this work instead of failing
         locker.unlock();
-        work(*found->second.session); // stays where it is, because the id is busy
+        work(*found->second.session); // the busy mark keeps the entry in place
         locker.relock();
     }
     unmarkBusy(id);

@@ -18,9 +18,9 @@
 struct Session;
 
 /**
- * The sessions of this server and who works on which of them. Whoever works on a session has marked its id busy, so the
+ * The sessions of this server and their busy marks. A caller marks an id busy before it works on the session, so the
  * one mutex is never held across an engine operation, and different sessions proceed in parallel. Every registered
- * session holds the idle timer, and its display number is reserved until it leaves the registry.
+ * session holds the idle timer and reserves its display number until it leaves the registry.
  *
  * Callable from any thread. Codes are SessionOk or a SessionError.
  */
@@ -34,41 +34,43 @@ public:
     ~SessionRegistry();
     Q_DISABLE_COPY_MOVE(SessionRegistry)
 
-    /** Whether somebody works on this id at the moment. */
+    /** Whether a caller works on this id at the moment. */
     [[nodiscard]] bool isBusy(const QString &id) const;
     /**
-     * Waits, without a limit, until nobody works on the id and marks it busy for the caller.
+     * Waits, without a limit, until the id is free, and marks it busy for the caller.
      * @param session  set only on success; the caller's until release() or removeSession()
      */
     [[nodiscard]] int acquire(const QString &id, Session **session);
     /**
-     * The same for a peek at the session, which never waits: InvalidState when somebody works on the id. reserve()
-     * waits for the end of a peek, and refuses an id that is busy otherwise.
+     * The same for a peek at the session, which never waits: InvalidState when the id is busy. reserve() waits for the
+     * end of a peek, but refuses an id that is busy for another reason.
      */
     [[nodiscard]] int tryAcquire(const QString &id, Session **session);
-    /** Marks an id busy whose session is about to be started; false when somebody works on it. */
+    /** Marks an id busy before its session is started; false when the id is busy. */
     [[nodiscard]] bool reserve(const QString &id);
     void release(const QString &id);
     /**
-     * Does short work on a session without waiting for it: at once when nobody works on the session, otherwise on the
-     * thread that releases it, before anybody else gets it. A session that is removed or replaced before takes the work
-     * with it, and so does later work on the same session. Nothing happens for an unknown id.
+     * Does short work on a session without waiting for it. If the session is free, the work is done at once. If it is
+     * busy, the thread that releases it does the work first. The work is dropped if the id is unknown, if the session
+     * is removed or replaced before its release, or if later work on the session replaces it.
      */
     void whenFree(const QString &id, Work work);
 
-    /** Registers the session, busy for the caller. An earlier one of this id, which nobody else may hold, is deleted.
+    /**
+     * Registers the session, busy for the caller. Deletes an earlier session of this id, which no other caller may
+     * hold; its description stays listed until the new session is listed.
      */
     void addSession(const QString &id, std::unique_ptr<Session> session);
-    /** The same for a session that nobody works on. */
+    /** The same, but the id is not marked busy. */
     void addFreeSession(const QString &id, std::unique_ptr<Session> session);
-    /** Takes the session out and ends the busy mark; the caller decides about the record that is returned. */
+    /** Takes the session out, ends the busy mark and hands the record to the caller; null for an unknown id. */
     std::unique_ptr<Session> removeSession(const QString &id);
     /** The ids of all sessions in ascending order. */
     [[nodiscard]] QStringList sessionIds() const;
 
-    /** How the session was last listed: see setListed(). */
+    /** The description of the last setListed(); nothing if the session was never listed. */
     [[nodiscard]] std::optional<SessionInfo> lastListed(const QString &id) const;
-    /** Notes how the session is listed while somebody works on it. The caller holds the id. */
+    /** Keeps the description under which the session is listed while it is busy. The caller holds the id. */
     void setListed(const QString &id, const SessionInfo &info);
 
     /** The display numbers in use, by registered sessions and by starts. */
@@ -79,7 +81,7 @@ private:
     {
         std::unique_ptr<Session> session;
         std::optional<SessionInfo> listed;
-        Work deferred; ///< waits for the release; may be empty
+        Work deferred; ///< to be done at the release; may be empty
     };
 
     void insert(const QString &id, std::unique_ptr<Session> session);
@@ -92,6 +94,6 @@ private:
     mutable QMutex mutex; ///< guards all below
     QWaitCondition changed;
     std::map<QString, Entry> sessions;
-    QSet<QString> busy;  ///< ids that one caller works on, or is about to register
-    QSet<QString> peeks; ///< those of them that tryAcquire() has marked
+    QSet<QString> busy;  ///< ids that a caller works on, or is about to register
+    QSet<QString> peeks; ///< the busy ids whose holder is done soon, so that reserve() waits
 };

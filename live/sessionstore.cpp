@@ -11,7 +11,7 @@
 
 namespace {
 
-/** Whether the session has been without a client for this long; one that never had any counts as such. */
+/** Whether the session has been without a client for this long. One that never had a client is idle at once. */
 bool isIdle(const Session &session, qint32 seconds)
 {
     return session.clients == 0 &&
@@ -69,7 +69,7 @@ std::optional<SessionInfo> SessionStore::refreshOne(const QString &id)
         return std::nullopt;
     }
     const SessionInfo info(id, location, *lease);
-    registry.setListed(id, info); // while the session is ours, so that nobody can have replaced it
+    registry.setListed(id, info); // under the lease, so that it cannot be the description of a replaced session
     return info;
 }
 
@@ -100,7 +100,7 @@ int SessionStore::appendLocalSessions(QList<SessionInfo> *out)
 
 void SessionStore::suspendIdle(int minutes)
 {
-    // In 32 bits, where a huge setting wraps around, but without the undefined behaviour of a signed product.
+    // A huge setting wraps around in 32 bits. The product is unsigned, because a signed overflow is undefined.
     const auto seconds = static_cast<qint32>(static_cast<quint32>(minutes) * 60U);
     const QStringList ids = sessionIds();
     for (const QString &id : ids) {

@@ -17,8 +17,8 @@
 struct Session;
 
 /**
- * All that the server does with sessions: its own ones, which it keeps in the registry, and the lists that peers
- * reported.
+ * All that the server does with sessions: it keeps its own ones in the registry, refreshes and lists them, and carries
+ * out the actions. It also keeps the lists that peers reported.
  *
  * Created on the main thread; every other function may be called from any thread. Codes are SessionOk or a
  * SessionError.
@@ -28,11 +28,11 @@ class SessionStore final
 public:
     /**
      * Registers the sessions found below @p root whose files can be read.
-     * @param displayBase,displayLimit  the display numbers for new sessions, the limit excluded
+     * @param displayBase,displayLimit  the range of display numbers for new sessions; the limit is excluded
      * @param location                  the URL under which the sessions are advertised; may be empty
      */
     SessionStore(const QString &root, quint16 displayBase, quint16 displayLimit, const QString &location);
-    /** Forgets all sessions. They run on and are found again by the next store. */
+    /** Forgets all sessions. They run on, and the next store finds them again. */
     ~SessionStore();
     Q_DISABLE_COPY_MOVE(SessionStore)
 
@@ -46,37 +46,39 @@ public:
     [[nodiscard]] QStringList sessionIds() const { return registry.sessionIds(); }
 
     /**
-     * Refreshes every session, drops those that are gone, and lists peers' sessions, then the local ones. A session
-     * that somebody works on is listed as it was the last time, because an action may take half a minute and this pass
-     * must not hold up the main thread that long. A new session is not listed until the end of its start; one that
-     * takes the place of a listed one is listed as that one until then. One thread at a time may call it.
+     * Refreshes every session, drops those that have ended, and lists the peers' sessions, then the local ones. A busy
+     * session is not waited for, because an action may take half a minute and would block the main thread. It is listed
+     * as it was the last time. A new session is listed from the end of its start on; until then an earlier session of
+     * its id stays listed. Only one thread at a time may call it.
      */
     void refreshAll(QList<SessionInfo> &out);
-    /** The local sessions as the last refresh left them; fails when one goes while the listing waits for it. */
+    /**
+     * The local sessions as the last refresh left them. Waits for busy ones; fails when one is removed meanwhile.
+     */
     [[nodiscard]] int listLocalSessions(QList<SessionInfo> &out);
-    /** The same, behind what peers reported. */
+    /** The peers' sessions, then the local ones as listLocalSessions() lists them. */
     [[nodiscard]] int listSessions(QList<SessionInfo> &out);
     /**
-     * Asks every session to end that has been without a client for this many minutes. Never waits: a session that
-     * somebody works on is checked by the thread that ends this work.
+     * Sends SIGTERM to every session that has been without a client for this many minutes. Never waits: the thread that
+     * works on a busy session checks it when it releases the session.
      */
     void suspendIdle(int minutes);
 
     /** Starts a session and its application. Blocks for up to half a minute and more. */
     [[nodiscard]] int start(const QString &id, const QString &command, const QString &geometry, QString &password,
                             quint16 &port);
-    /** Has the agent offer a new password. Blocks for up to 15 seconds and waits for whoever holds the session. */
+    /** Has the agent offer a new password. Waits until the session is free, then blocks for up to 15 seconds. */
     [[nodiscard]] int resume(const QString &id, QString &windowMode, QString &geometry, QString &password,
                              quint16 &port);
-    /** Hands out the password that the agent offers already. */
+    /** Returns the password that the agent already offers. Waits until the session is free. */
     [[nodiscard]] int replay(const QString &id, QString &windowMode, QString &geometry, QString &password,
                              quint16 &port);
     /** Disconnects all clients. Blocks like resume(). */
     [[nodiscard]] int suspend(const QString &id);
-    /** Ends the session and removes its directory when it ended well. Blocks like resume(). */
+    /** Ends the session and removes its directory if the exit code is 0. Blocks like resume(). */
     [[nodiscard]] int terminate(const QString &id);
 
-    /** Replaces the list of the peer @p key, which counts until @p expiry. */
+    /** Replaces the list of the peer @p key, which is valid until @p expiry. */
     void storeRemoteSessions(const QString &key, const QDateTime &expiry, const QList<SessionInfo> &list);
     void forgetRemoteSessions(const QString &key);
     /** Forgets every peer's list that has expired. */

@@ -15,9 +15,9 @@
 
 #include <memory>
 
-/** What an agent tells once it is ready. */
+/** The state of an agent that is ready. */
 inline const QString kReady = QStringLiteral("{\"Started\":\"2024-01-02T03:04:05\",\"Clients\":0,\"Passwords\":[]}");
-/** An agent that ends without a word about how. */
+/** Ends an agent without an exit code in its directory. */
 inline const QString kBreak = QStringLiteral("exit 3");
 
 [[nodiscard]] inline QString stateWith(int clients, const QString &passwords)
@@ -27,7 +27,7 @@ inline const QString kBreak = QStringLiteral("exit 3");
         .arg(QString::number(clients), passwords);
 }
 
-/** A store with one display for its sessions, and the programs that a start runs. For tests of the actions. */
+/** A store with one display for its sessions, and the programs that a start runs. For tests of actions. */
 class ActionsFixture
 {
 protected:
@@ -61,13 +61,13 @@ protected:
 
     void makeStore() { store = std::make_unique<SessionStore>(root, displays->first(), displays->end(), QString()); }
 
-    /** The program "start-agent" as a script that tells its state on the display's socket. */
+    /** Adds the program "start-agent", a script that reports its state on the display's socket. */
     void addAgent(const QString &preparation, const AgentManner &manner)
     {
         const QString path = folder->filePath(QStringLiteral("socket"));
         socket = std::make_unique<AgentSocket>(path);
         socket->setStateFile(fileOf(QStringLiteral("state")));
-        // The socket must not be there before the agent, because the display would count as used.
+        // The agent itself links the socket: if it existed before, the display would count as used.
         programs->add(QStringLiteral("start-agent"),
                       QStringLiteral("printf '%s,' \"$@\" > arguments\n"
                                      "ln -s '%1' /tmp/Xrdp_$(($2 - 41000)).sock\n")
@@ -88,8 +88,8 @@ protected:
     }
 
     /**
-     * Adds a session in this state whose agent is not there to answer; its directory takes signals for it. It has the
-     * one display that there is.
+     * Adds a session in this state, without an agent that answers. Signals go to the process that its directory names.
+     * It uses the only display.
      */
     Session *addRecord(const QString &directory, qint32 clients = 0, const QStringList &passwords = {})
     {
@@ -116,7 +116,7 @@ protected:
     std::unique_ptr<QTemporaryDir> folder;
     QString root;
     std::unique_ptr<FakePrograms> programs;
-    std::unique_ptr<AgentSocket> socket; ///< of the agent that a start makes
+    std::unique_ptr<AgentSocket> socket; ///< of the started agent
     std::unique_ptr<CollectingLogger> logger;
     std::unique_ptr<SessionStore> store;
 

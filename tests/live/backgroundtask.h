@@ -12,8 +12,8 @@
 #include <unistd.h>
 
 /**
- * A function on a thread of its own, for what blocks until the test does something. The destructor waits for
- * its end.
+ * Runs a function on a thread of its own, because it blocks until the test does something. The destructor waits for its
+ * end.
  */
 class BackgroundTask final
 {
@@ -27,19 +27,18 @@ public:
     {
     }
     ~BackgroundTask() { thread.join(); }
-    BackgroundTask(const BackgroundTask &) = delete;
-    BackgroundTask &operator=(const BackgroundTask &) = delete;
+    Q_DISABLE_COPY_MOVE(BackgroundTask)
 
     [[nodiscard]] bool isDone() const { return done; }
 
-    /** Waits until it sleeps in the system; false when it came to its end instead. */
+    /** Waits until the thread sleeps; false if it ended instead. */
     [[nodiscard]] bool waitUntilBlocked() const
     {
         const bool isOver = QTest::qWaitFor([this] { return done || isAsleep(); }, 20000);
         return isOver && !done;
     }
 
-    /** Waits for its end, for as long as no healthy one can take. */
+    /** Waits for the end of the function, longer than it can take without a fault. */
     [[nodiscard]] bool waitUntilDone() const
     {
         return QTest::qWaitFor([this] { return done.load(); }, 30000);

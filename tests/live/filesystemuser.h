@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QtGlobal>
+
 #include <sys/fsuid.h>
 #include <unistd.h>
 
 /**
- * While it lives, permissions of files count for the thread that made it even when the tests run as root.
- * An ordinary user's thread is what it should be already.
+ * While it lives, file permissions apply to the thread that created it, even if the tests run as root. Does nothing for
+ * an ordinary user.
  */
 class OrdinaryFilesystemUser final
 {
@@ -18,8 +20,7 @@ public:
         }
     }
     ~OrdinaryFilesystemUser() { ::setfsuid(::geteuid()); }
-    OrdinaryFilesystemUser(const OrdinaryFilesystemUser &) = delete;
-    OrdinaryFilesystemUser &operator=(const OrdinaryFilesystemUser &) = delete;
+    Q_DISABLE_COPY_MOVE(OrdinaryFilesystemUser)
 
 private:
     static constexpr uid_t kNobody = 65534;

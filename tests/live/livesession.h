@@ -17,7 +17,7 @@
     return QStringLiteral("%1").arg(number, 32, 16, QLatin1Char('0'));
 }
 
-/** Makes the directory of a session as a start leaves it, but for the pid of the agent. */
+/** Creates the directory of a session with the files of a start, except the agent's pid. */
 inline QString makeSessionDirectory(const QString &root, const QString &id, quint16 display)
 {
     const QString directory = sessionDirectory(root, id);
@@ -32,8 +32,8 @@ inline QString makeSessionDirectory(const QString &root, const QString &id, quin
 }
 
 /**
- * Ends the agent that a start made, if it still works in its directory, so that it leaves nothing in there any
- * more. It is nobody's child.
+ * Kills the agent of a start if it still works in its directory, so that it writes no more files there. It is not a
+ * child of the test.
  */
 inline void endStartedAgent(const QString &directory)
 {
@@ -50,7 +50,7 @@ inline void endStartedAgent(const QString &directory)
     }
 }
 
-/** What an agent does when it gets a signal, in shell. */
+/** The shell commands that an agent runs on each signal. */
 struct AgentManner
 {
     QString onUsr1 = {};
@@ -59,8 +59,8 @@ struct AgentManner
 };
 
 /**
- * A session on disk whose agent runs, answers on its socket with the content of its file "state" and reacts to
- * signals. A store that is made after it finds it. Used on one thread.
+ * A session on disk whose agent runs, answers on its socket with the content of its file "state" and reacts to signals.
+ * A store that is created later finds it. Used on one thread.
  */
 class LiveSession final
 {
@@ -79,7 +79,7 @@ public:
     }
 
     [[nodiscard]] QString path(const QString &file) const { return directory + QLatin1Char('/') + file; }
-    /** The signals that the agent is done with, one per line. */
+    /** The signals that the agent has reacted to, one per line. */
     [[nodiscard]] QByteArray handledSignals() const { return contentOf(path(QStringLiteral("signals"))); }
 
     const QString directory;

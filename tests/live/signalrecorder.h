@@ -9,9 +9,9 @@
 #include <csignal>
 
 /**
- * A process in a session's directory that takes note of the signals of an agent and does nothing about them:
- * they are blocked, so that each is there to be seen as soon as it was sent, and one that was not sent is
- * known not to come. Used on one thread; gone when the destructor returns.
+ * A process in a session's directory that blocks the signals of an agent. A blocked signal shows as pending as soon as
+ * it is sent, so a test sees at once which signals were sent and which were not. Used on one thread. The destructor
+ * ends the process.
  */
 class SignalRecorder final
 {
@@ -37,8 +37,7 @@ public:
         process.kill();
         process.waitForFinished(-1);
     }
-    SignalRecorder(const SignalRecorder &) = delete;
-    SignalRecorder &operator=(const SignalRecorder &) = delete;
+    Q_DISABLE_COPY_MOVE(SignalRecorder)
 
     [[nodiscard]] qint32 pid() const { return static_cast<qint32>(process.processId()); }
 

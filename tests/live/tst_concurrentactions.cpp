@@ -20,7 +20,7 @@
 
 using namespace Qt::StringLiterals;
 
-/** What only shows when several sessions are worked on at once. */
+/** Actions on several sessions at the same time. */
 class TestConcurrentActions : public QObject
 {
     Q_OBJECT
@@ -29,8 +29,8 @@ private slots:
     void init();
     void cleanup();
 
-    void startsAtOnceHaveDisplaysOfTheirOwn();
-    void agentsThatDoNothingTimeOutSideBySide();
+    void concurrentStartsGetDifferentDisplays();
+    void hangingAgentsTimeOutInParallel();
 
 private:
     [[nodiscard]] int start(const QString &id);
@@ -74,9 +74,9 @@ int TestConcurrentActions::start(const QString &id)
     return store->start(id, u"xterm"_s, u"1024x768"_s, password, port);
 }
 
-void TestConcurrentActions::startsAtOnceHaveDisplaysOfTheirOwn()
+void TestConcurrentActions::concurrentStartsGetDifferentDisplays()
 {
-    // While xauth runs, nothing on the system shows yet that a display is taken.
+    // While xauth runs, only the registry knows that a display is taken.
     const QString goOn = programs->filePath(u"go_on"_s);
     programs->add(u"xauth"_s, u"until [ -e '%1' ]; do sleep 0.01; done\nexit 1"_s.arg(goOn));
     const quint16 first = displays->first();
@@ -102,13 +102,13 @@ void TestConcurrentActions::startsAtOnceHaveDisplaysOfTheirOwn()
     QCOMPARE(firstCode.load(), -80);
     QCOMPARE(secondCode.load(), -80);
 
-    // Starts that failed keep no display.
+    // Failed starts have released their displays.
     QCOMPARE(start(testId(3)), -80);
     QCOMPARE(displayOf(testId(3)), QByteArray::number(first));
     QCOMPARE(store->sessionIds(), QStringList());
 }
 
-void TestConcurrentActions::agentsThatDoNothingTimeOutSideBySide()
+void TestConcurrentActions::hangingAgentsTimeOutInParallel()
 {
     const QString idle = u"{\"Clients\":0,\"Passwords\":[]}"_s;
     const QString connected = u"{\"Clients\":1,\"LastDisconnect\":\"2024-01-02T03:04:05\"}"_s;

@@ -30,17 +30,17 @@ constexpr int kPasses = 5;
 constexpr int kLiveSessions = 2;
 constexpr int kIds = kLiveSessions + kThreads;
 
-/** Sessions with these numbers have an agent; each of the others is added by one thread and removed by any. */
+/** The first kLiveSessions ids have an agent. Each of the others is added by one thread and removed by any. */
 QString idOf(int number)
 {
     return testId(number + 1);
 }
 
-/** One caller of a registry that does now this and now that, the same things in every run. */
+/** Calls random functions of a store, the same sequence in every run. */
 class RandomCaller final
 {
 public:
-    /** @param holders  how many work on each id; shared by all callers */
+    /** @param holders  how many callers work on each id; shared by all callers */
     RandomCaller(SessionStore *store_, int number_, std::array<std::atomic<int>, kIds> *holders_)
         : store(store_)
         , number(number_)
@@ -49,7 +49,7 @@ public:
     {
     }
 
-    /** @param passes  how many refreshes there were; on a busy machine they are waited for */
+    /** @param passes  how many refreshes are done; the caller goes on until there are enough, also on a busy machine */
     void run(const std::atomic<int> &passes)
     {
         for (int round = 0; round < kRounds || passes < kPasses; ++round) {
@@ -57,7 +57,7 @@ public:
         }
     }
 
-    std::atomic<bool> wasAlwaysAlone = true; ///< nobody else held what this one held
+    std::atomic<bool> wasAlwaysAlone = true; ///< no id had two holders
 
 private:
     int below(int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); }
@@ -76,7 +76,7 @@ private:
         case 4:
             return workOn(below(kIds), &SessionStore::tryAcquire);
         case 5:
-            static_cast<void>(store->listSessions(list)); // fails when one goes meanwhile
+            static_cast<void>(store->listSessions(list)); // fails if a session is removed meanwhile
             return;
         case 6:
             store->storeRemoteSessions(idOf(number), QDateTime::currentDateTime().addSecs(below(3) - 1),
@@ -112,7 +112,7 @@ private:
         }
         auto created = std::make_unique<Session>();
         session = created.get();
-        store->addSession(idOf(own), std::move(created)); // nobody but us adds it
+        store->addSession(idOf(own), std::move(created)); // only this caller adds it
         work(own, session);
         store->release(idOf(own));
     }
@@ -153,16 +153,16 @@ private:
 
 } // namespace
 
-/** Everything that a registry can do, by several threads at once and beside the refresh. */
+/** All functions of a store on several threads, while another thread refreshes it. */
 class TestCrowdedStore : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void idsAreHeldByOneAndFreeAtTheEnd();
+    void idsHaveOneHolderAtATimeAndAreFreeAtTheEnd();
 };
 
-void TestCrowdedStore::idsAreHeldByOneAndFreeAtTheEnd()
+void TestCrowdedStore::idsHaveOneHolderAtATimeAndAreFreeAtTheEnd()
 {
     CollectingLogger logger;
     const ReservedDisplays displays(kLiveSessions);

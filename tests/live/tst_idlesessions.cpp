@@ -24,8 +24,8 @@ private slots:
     void busySessionThatGetsAClientIsNotAskedToEnd();
     void checkOfABusySessionKeepsItsTimeout();
     void checkOfABusySessionIsDoneOnce();
-    void checkEndsWithTheSession();
-    void checkEndsWithTheSessionThatIsReplaced();
+    void checkEndsWhenTheSessionIsRemoved();
+    void checkEndsWhenTheSessionIsReplaced();
     void everyIdleSessionIsAskedToEnd();
 
 private:
@@ -135,7 +135,7 @@ void TestIdleSessions::checkOfABusySessionIsDoneOnce()
     QCOMPARE(recorder.received(), QList<int>());
 }
 
-void TestIdleSessions::checkEndsWithTheSession()
+void TestIdleSessions::checkEndsWhenTheSessionIsRemoved()
 {
     const SignalRecorder recorder(directory());
     addIdleSession(recorder);
@@ -147,7 +147,7 @@ void TestIdleSessions::checkEndsWithTheSession()
     QCOMPARE(recorder.received(), QList<int>());
 }
 
-void TestIdleSessions::checkEndsWithTheSessionThatIsReplaced()
+void TestIdleSessions::checkEndsWhenTheSessionIsReplaced()
 {
     const SignalRecorder recorder(directory());
     addIdleSession(recorder);
@@ -160,7 +160,7 @@ void TestIdleSessions::checkEndsWithTheSessionThatIsReplaced()
 
 void TestIdleSessions::everyIdleSessionIsAskedToEnd()
 {
-    // The first cannot be signalled, which is of no concern for the next.
+    // The first session cannot be signalled. The check goes on.
     addRecord(makeSessionDirectory(root, id, displays->first()));
     const QString directory = makeSessionDirectory(root, testId(0xb), displays->first());
     const SignalRecorder recorder(directory);

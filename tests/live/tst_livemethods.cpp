@@ -54,8 +54,8 @@ private slots:
     void emptyListsAreNull();
     void localSessionsAreListed();
     void allSessionsAreListed();
-    void listingOfASessionThatGoesFails_data();
-    void listingOfASessionThatGoesFails();
+    void listingFailsWhenASessionIsRemoved_data();
+    void listingFailsWhenASessionIsRemoved();
     void startAnswersWithTheConnection();
     void resumeAnswersWithTheConnection();
     void replayAnswersWithTheConnection();
@@ -66,7 +66,7 @@ private slots:
 private:
     Session *addRecord(const QString &id);
     [[nodiscard]] std::unique_ptr<RpcMethod> makeMethod(const QString &name) const;
-    /** Runs a method with this JSON text for parameters; gives the text of its answer. */
+    /** Calls a method with these parameters and returns its answer, both as JSON text. */
     QByteArray call(const QString &method, const QByteArray &params);
 
     const QString id = testId(0xa);
@@ -236,7 +236,7 @@ void TestLiveMethods::idIsRefused()
     QCOMPARE(logger->takeLines(), QStringList());
 }
 
-// An id that is no good is refused by the store, which is how it shows that the parameters were accepted.
+// The store refuses a bad id, which proves that the method has accepted the parameters.
 void TestLiveMethods::startParametersAreAccepted_data()
 {
     QTest::addColumn<QByteArray>("params");
@@ -382,14 +382,14 @@ void TestLiveMethods::allSessionsAreListed()
     QCOMPARE(stringFromJson(list[1]["location"]), u"zarvo://here:1"_s);
 }
 
-void TestLiveMethods::listingOfASessionThatGoesFails_data()
+void TestLiveMethods::listingFailsWhenASessionIsRemoved_data()
 {
     QTest::addColumn<QString>("method");
     QTest::newRow("local") << u"ListLocalSessions"_s;
     QTest::newRow("all") << u"ListSessions"_s;
 }
 
-void TestLiveMethods::listingOfASessionThatGoesFails()
+void TestLiveMethods::listingFailsWhenASessionIsRemoved()
 {
     QFETCH(QString, method);
     addRecord(testId(1));

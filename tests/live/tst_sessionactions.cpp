@@ -21,12 +21,12 @@ private slots:
     void cleanup() { tearDown(); }
 
     void resumeHandsOutANewPassword();
-    void resumeOfAnUnknownSizeTellsSo();
+    void resumeReportsAnUnknownSize();
     void resumeIsRefusedInOtherStates_data();
     void resumeIsRefusedInOtherStates();
     void resumeWithoutASignalFails_data();
     void resumeWithoutASignalFails();
-    void resumeOfAnAgentThatBreaksForgetsIt();
+    void resumeRemovesASessionThatBreaks();
     void resumeOfAnAgentThatEndsFails();
     void secondResumeSeesWhatTheFirstLeft();
 
@@ -40,14 +40,14 @@ private slots:
     void suspendIsRefusedWithoutClients();
     void suspendWithoutASignalFails();
     void suspendOfAnAgentThatEndsFails();
-    void suspendOfAnAgentThatBreaksForgetsIt();
+    void suspendRemovesASessionThatBreaks();
 
     void terminateRemovesTheSession_data();
     void terminateRemovesTheSession();
     void terminateKeepsTheDirectoryOfAFailure();
     void terminateKeepsASubdirectory();
     void terminateWithoutASignalFails();
-    void terminateOfAnAgentThatBreaksForgetsIt();
+    void terminateRemovesASessionThatBreaks();
     void actionsOnUnknownIdsFail_data();
     void actionsOnUnknownIdsFail();
     void actionsOnARemovedSessionFail_data();
@@ -71,7 +71,7 @@ void TestSessionActions::resumeHandsOutANewPassword()
     QVERIFY(QTest::qWaitFor([&live] { return live.handledSignals() == "USR1\n"; }, 20000));
 }
 
-void TestSessionActions::resumeOfAnUnknownSizeTellsSo()
+void TestSessionActions::resumeReportsAnUnknownSize()
 {
     const LiveSession live(root, id, displays->first(), kReady,
                            {.onUsr1 = tellState(u"{\"Passwords\":[\"pw\"],\"ScreenWidth\":800}"_s)});
@@ -131,7 +131,7 @@ void TestSessionActions::resumeWithoutASignalFails()
     QCOMPARE(store->sessionIds(), QStringList{id});
 }
 
-void TestSessionActions::resumeOfAnAgentThatBreaksForgetsIt()
+void TestSessionActions::resumeRemovesASessionThatBreaks()
 {
     const LiveSession live(root, id, displays->first(), kReady, {.onUsr1 = kBreak});
     makeStore();
@@ -273,7 +273,7 @@ void TestSessionActions::suspendOfAnAgentThatEndsFails()
     QVERIFY(QFileInfo::exists(live.directory));
 }
 
-void TestSessionActions::suspendOfAnAgentThatBreaksForgetsIt()
+void TestSessionActions::suspendRemovesASessionThatBreaks()
 {
     const LiveSession live(root, id, displays->first(), stateWith(1, QString()), {.onUsr2 = kBreak});
     makeStore();
@@ -339,7 +339,7 @@ void TestSessionActions::terminateWithoutASignalFails()
     QVERIFY(QFileInfo::exists(directory));
 }
 
-void TestSessionActions::terminateOfAnAgentThatBreaksForgetsIt()
+void TestSessionActions::terminateRemovesASessionThatBreaks()
 {
     const LiveSession live(root, id, displays->first(), kReady, {.onTerm = kBreak});
     makeStore();

@@ -26,22 +26,22 @@ class TestSessionDirectoryRemoval : public QObject
 private slots:
     void init();
     void emptyDirectoryIsRemoved();
-    void directoryGoesWithItsFiles();
+    void directoryIsRemovedWithItsFiles();
     void fileWithoutPermissionsIsRemoved();
     void hiddenFilesAreRemoved();
-    void danglingLinkIsRemoved();
-    void linkToAFileIsRemovedAndTheFileStays();
+    void danglingSymlinkIsRemoved();
+    void symlinkToAFileIsRemovedAndTheFileStays();
     void socketIsRemoved();
     void fifoIsRemoved();
     void subdirectoryKeepsTheDirectory_data();
     void subdirectoryKeepsTheDirectory();
-    void linkToADirectoryIsNotFollowed();
-    void linkInPlaceOfTheDirectoryIsNotFollowed();
+    void symlinkToADirectoryIsNotFollowed();
+    void symlinkInPlaceOfTheDirectoryIsNotFollowed();
     void missingDirectoryIsAFailure();
     void fileThatCannotBeRemovedIsNamed();
     void firstFailureEndsTheRemoval();
     void directoryThatCannotBeRemovedIsNamed();
-    void neighboursAreLeftAlone();
+    void otherDirectoriesStay();
 
 private:
     [[nodiscard]] QString inside(const QString &name) const { return directory + u'/' + name; }
@@ -66,7 +66,7 @@ void TestSessionDirectoryRemoval::emptyDirectoryIsRemoved()
     QCOMPARE(error, u"untouched"_s);
 }
 
-void TestSessionDirectoryRemoval::directoryGoesWithItsFiles()
+void TestSessionDirectoryRemoval::directoryIsRemovedWithItsFiles()
 {
     for (const QString &name : {u"display"_s, u"name"_s, u"server log"_s, u"Gr\u00fc\u00dfe"_s}) {
         putFile(inside(name), "content");
@@ -91,14 +91,14 @@ void TestSessionDirectoryRemoval::hiddenFilesAreRemoved()
     QVERIFY(!QFileInfo::exists(directory));
 }
 
-void TestSessionDirectoryRemoval::danglingLinkIsRemoved()
+void TestSessionDirectoryRemoval::danglingSymlinkIsRemoved()
 {
     QVERIFY(QFile::link(inside(u"gone"_s), inside(u"link"_s)));
     QVERIFY(removeSessionDirectory(directory, error));
     QVERIFY(!QFileInfo::exists(directory));
 }
 
-void TestSessionDirectoryRemoval::linkToAFileIsRemovedAndTheFileStays()
+void TestSessionDirectoryRemoval::symlinkToAFileIsRemovedAndTheFileStays()
 {
     const QString file = folder->filePath(u"outside"_s);
     putFile(file, "content");
@@ -141,7 +141,7 @@ void TestSessionDirectoryRemoval::subdirectoryKeepsTheDirectory()
     QCOMPARE(contentOf(inside(name) + u"/file"_s), QByteArray("content"));
 }
 
-void TestSessionDirectoryRemoval::linkToADirectoryIsNotFollowed()
+void TestSessionDirectoryRemoval::symlinkToADirectoryIsNotFollowed()
 {
     const QString outside = folder->filePath(u"outside"_s);
     QVERIFY(QDir().mkdir(outside));
@@ -152,7 +152,7 @@ void TestSessionDirectoryRemoval::linkToADirectoryIsNotFollowed()
     QCOMPARE(contentOf(outside + u"/file"_s), QByteArray("content"));
 }
 
-void TestSessionDirectoryRemoval::linkInPlaceOfTheDirectoryIsNotFollowed()
+void TestSessionDirectoryRemoval::symlinkInPlaceOfTheDirectoryIsNotFollowed()
 {
     putFile(inside(u"letter"_s), "content");
     const QString link = folder->filePath(u"link"_s);
@@ -188,7 +188,7 @@ void TestSessionDirectoryRemoval::fileThatCannotBeRemovedIsNamed()
 
 void TestSessionDirectoryRemoval::firstFailureEndsTheRemoval()
 {
-    // In a directory so deep that the path of a file with a long name is longer than the system takes.
+    // The directory is so deep that the path of a file with a long name exceeds the system's limit.
     QString deep = directory;
     while (deep.size() < 3800) {
         deep += u'/' + QString(200, u'd');
@@ -239,7 +239,7 @@ void TestSessionDirectoryRemoval::directoryThatCannotBeRemovedIsNamed()
     QCOMPARE(::chmod(QFile::encodeName(parent).constData(), 0755), 0);
 }
 
-void TestSessionDirectoryRemoval::neighboursAreLeftAlone()
+void TestSessionDirectoryRemoval::otherDirectoriesStay()
 {
     const QString neighbour = folder->filePath(u"C-0123456789abcdef0123456789abcdee"_s);
     QVERIFY(QDir().mkdir(neighbour));

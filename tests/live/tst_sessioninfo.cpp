@@ -34,19 +34,19 @@ private slots:
     void jsonOfAnEmptyInfoHasAllMembers();
     void jsonIsTheExactBytes();
     void roundTripKeepsEveryField();
-    void roundTripDropsWhatIsBelowASecond();
+    void roundTripDropsMilliseconds();
     void missingKeyLeavesItsFieldEmpty_data();
     void missingKeyLeavesItsFieldEmpty();
     void emptyObjectGivesAnEmptyInfo();
     void unknownMembersAreIgnored();
-    void memberThatIsNoStringGivesNothing_data();
-    void memberThatIsNoStringGivesNothing();
-    void otherThanAnObjectGivesNothing_data();
-    void otherThanAnObjectGivesNothing();
+    void onlyStringMembersGiveAnInfo_data();
+    void onlyStringMembersGiveAnInfo();
+    void onlyAnObjectGivesAnInfo_data();
+    void onlyAnObjectGivesAnInfo();
     void emptyPermissionsAreOneEmptyString();
     void emptyPartsOfPermissionsAreKept();
-    void textThatIsNoTimeIsAnInvalidTime_data();
-    void textThatIsNoTimeIsAnInvalidTime();
+    void invalidTextIsAnInvalidTime_data();
+    void invalidTextIsAnInvalidTime();
     void emptyListIsNull();
     void listKeepsItsOrder();
 };
@@ -145,7 +145,7 @@ void TestSessionInfo::roundTripKeepsEveryField()
     QCOMPARE(read->permissions, (QStringList{u"disconnect"_s, u"terminate"_s}));
 }
 
-void TestSessionInfo::roundTripDropsWhatIsBelowASecond()
+void TestSessionInfo::roundTripDropsMilliseconds()
 {
     Session session;
     session.started = QDateTime(QDate(2024, 1, 2), QTime(3, 4, 5, 999));
@@ -199,7 +199,7 @@ void TestSessionInfo::unknownMembersAreIgnored()
     QVERIFY(info->name.isEmpty());
 }
 
-void TestSessionInfo::memberThatIsNoStringGivesNothing_data()
+void TestSessionInfo::onlyStringMembersGiveAnInfo_data()
 {
     QTest::addColumn<QByteArray>("text");
     for (const char *key :
@@ -210,13 +210,13 @@ void TestSessionInfo::memberThatIsNoStringGivesNothing_data()
     }
 }
 
-void TestSessionInfo::memberThatIsNoStringGivesNothing()
+void TestSessionInfo::onlyStringMembersGiveAnInfo()
 {
     QFETCH(QByteArray, text);
     QVERIFY(!SessionInfo::fromJson(parsed(text)).has_value());
 }
 
-void TestSessionInfo::otherThanAnObjectGivesNothing_data()
+void TestSessionInfo::onlyAnObjectGivesAnInfo_data()
 {
     QTest::addColumn<QByteArray>("text");
     for (const char *text : {"null", "7", "true", "\"id\"", "[]", "[{\"id\":\"i\"}]"}) {
@@ -224,7 +224,7 @@ void TestSessionInfo::otherThanAnObjectGivesNothing_data()
     }
 }
 
-void TestSessionInfo::otherThanAnObjectGivesNothing()
+void TestSessionInfo::onlyAnObjectGivesAnInfo()
 {
     QFETCH(QByteArray, text);
     QVERIFY(!SessionInfo::fromJson(parsed(text)).has_value());
@@ -244,7 +244,7 @@ void TestSessionInfo::emptyPartsOfPermissionsAreKept()
     QCOMPARE(info->permissions, (QStringList{QString(), u"connect"_s, QString(), QString()}));
 }
 
-void TestSessionInfo::textThatIsNoTimeIsAnInvalidTime_data()
+void TestSessionInfo::invalidTextIsAnInvalidTime_data()
 {
     QTest::addColumn<QString>("text");
     QTest::newRow("empty") << QString();
@@ -255,7 +255,7 @@ void TestSessionInfo::textThatIsNoTimeIsAnInvalidTime_data()
     QTest::newRow("with a zone") << u"2024-01-02T03:04:05Z"_s;
 }
 
-void TestSessionInfo::textThatIsNoTimeIsAnInvalidTime()
+void TestSessionInfo::invalidTextIsAnInvalidTime()
 {
     QFETCH(QString, text);
     Json::Value value(Json::objectValue);

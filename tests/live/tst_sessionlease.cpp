@@ -31,7 +31,7 @@ private slots:
     void sessionRemovedMeanwhileHasNoLease();
     void ifFreeTakesAFreeSession();
     void ifFreeDoesNotWait();
-    void ifFreeKnowsNoUnknownSession();
+    void ifFreeFailsForAnUnknownSession();
     void takenOverSessionIsReleased();
     void removeEndsTheLease();
     void removeDoesNotReleaseTheNextHolder();
@@ -152,7 +152,7 @@ void TestSessionLease::ifFreeDoesNotWait()
     QVERIFY(!lease.get());
 }
 
-void TestSessionLease::ifFreeKnowsNoUnknownSession()
+void TestSessionLease::ifFreeFailsForAnUnknownSession()
 {
     const SessionLease lease(registry.get(), testId(2), SessionLease::IfFree());
     QCOMPARE(lease.code(), NoSuchSession);

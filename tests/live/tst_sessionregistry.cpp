@@ -24,7 +24,7 @@ private slots:
 
     void idsAreInAscendingOrder();
     void idsAreBusyUntilReleased();
-    void releaseOfAnIdleIdDoesNothing();
+    void releaseOfAFreeIdDoesNothing();
     void acquireHandsOutTheRecord();
     void acquireOfAnUnknownIdFails();
     void acquireOfAnEmptyEntryFails();
@@ -49,7 +49,7 @@ private slots:
     void destructorDropsAllHolds();
 
 private:
-    /** Adds a session that nobody works on. */
+    /** Adds a free session. */
     Session *add(const QString &id);
 
     std::unique_ptr<SessionRegistry> registry;
@@ -94,7 +94,7 @@ void TestSessionRegistry::idsAreBusyUntilReleased()
     QVERIFY(!registry->isBusy(testId(1)));
 }
 
-void TestSessionRegistry::releaseOfAnIdleIdDoesNothing()
+void TestSessionRegistry::releaseOfAFreeIdDoesNothing()
 {
     add(testId(1));
     registry->release(testId(1));
@@ -373,7 +373,7 @@ void TestSessionRegistry::listedDescriptionEndsWithTheSession()
     registry->setListed(testId(1), SessionInfo());
     registry->removeSession(testId(1));
     QVERIFY(!registry->lastListed(testId(1)));
-    registry->setListed(testId(1), SessionInfo()); // of a session that is gone
+    registry->setListed(testId(1), SessionInfo()); // of a removed session
     add(testId(1));
     QVERIFY(!registry->lastListed(testId(1)));
 }

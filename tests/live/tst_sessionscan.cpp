@@ -27,7 +27,7 @@ private slots:
     void cleanup();
 
     void scanFindsRunningSessions();
-    void scanFindsSessionsThatEndedInOrder();
+    void scanFindsSessionsThatEndedWell();
     void scanIgnoresOtherNames_data();
     void scanIgnoresOtherNames();
     void scanIgnoresFiles();
@@ -75,7 +75,7 @@ void TestSessionScan::scanFindsRunningSessions()
     QCOMPARE(logger->takeLines(), QStringList());
 }
 
-void TestSessionScan::scanFindsSessionsThatEndedInOrder()
+void TestSessionScan::scanFindsSessionsThatEndedWell()
 {
     const QString directory = newDirectory(1);
     putFile(directory + u"/monitor_pid"_s, QByteArray::number(::getpid()));
@@ -171,7 +171,7 @@ void TestSessionScan::scanTellsIdsApartByCase()
     QCOMPARE(SessionStore(root, 0, 0, QString()).sessionIds(), (QStringList{upper, testId(0xa)}));
 }
 
-// A directory's name counts up to its first dot, so that two names may stand for one id.
+// The id is read up to the first dot of the name, so two directories may have the same id.
 void TestSessionScan::scanHoldsOnceForTwoDirectoriesOfOneId()
 {
     for (const QString &suffix : {QString(), u".copy"_s}) {

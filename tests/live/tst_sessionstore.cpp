@@ -40,16 +40,16 @@ private slots:
     void refreshReleasesEverySession();
     void busySessionIsListedAsBefore();
     void busySessionThatIsNewIsNotListed();
-    void busySessionIsNotListedOnceItHasGone();
-    void busySessionIsNotListedAsTheOneItReplaced();
+    void busySessionIsNotListedAfterItsRemoval();
+    void busySessionIsNotListedAsARemovedOne();
     void freeSessionIsListedAsItIs();
 
     void listingOfNothingIsEmpty();
     void listingIsInTheOrderOfIds();
     void listingDoesNotRefresh();
     void listingWaitsForABusySession();
-    void listingFailsWhenASessionGoes_data();
-    void listingFailsWhenASessionGoes();
+    void listingFailsWhenASessionIsRemoved_data();
+    void listingFailsWhenASessionIsRemoved();
 
     void peerIsForgotten();
     void refreshListsPeersFirst();
@@ -60,7 +60,7 @@ private slots:
     void localListingHasNoPeers();
 
 private:
-    /** Adds a session that nobody works on; one whose process is the test itself counts as ended. */
+    /** Adds a free session. With the pid of the test itself its agent counts as ended. */
     Session *add(const QString &id, const QString &directory = {}, qint32 monitorPid = 0);
     [[nodiscard]] QStringList refreshedIds();
     [[nodiscard]] QString newDirectory(int number)
@@ -251,7 +251,7 @@ void TestSessionStore::busySessionThatIsNewIsNotListed()
     QCOMPARE(refreshedIds(), QStringList{testId(1)});
 }
 
-void TestSessionStore::busySessionIsNotListedOnceItHasGone()
+void TestSessionStore::busySessionIsNotListedAfterItsRemoval()
 {
     const QString directory = newDirectory(1);
     const AgentProcess agent(directory);
@@ -265,13 +265,13 @@ void TestSessionStore::busySessionIsNotListedOnceItHasGone()
     QCOMPARE(refreshedIds(), QStringList());
 }
 
-void TestSessionStore::busySessionIsNotListedAsTheOneItReplaced()
+void TestSessionStore::busySessionIsNotListedAsARemovedOne()
 {
     const QString directory = newDirectory(1);
     const AgentProcess agent(directory);
     add(testId(1), directory, agent.pid());
     QCOMPARE(refreshedIds(), QStringList{testId(1)});
-    store->removeSession(testId(1)); // and no pass sees that it is gone
+    store->removeSession(testId(1)); // and no refresh notices it
     auto next = std::make_unique<Session>();
     next->directory = directory;
     store->addSession(testId(1), std::move(next));
@@ -349,14 +349,14 @@ void TestSessionStore::listingWaitsForABusySession()
     QCOMPARE(list.constLast().permissions, (QStringList{u"disconnect"_s, u"terminate"_s}));
 }
 
-void TestSessionStore::listingFailsWhenASessionGoes_data()
+void TestSessionStore::listingFailsWhenASessionIsRemoved_data()
 {
     QTest::addColumn<bool>("isLocal");
     QTest::newRow("local") << true;
     QTest::newRow("all") << false;
 }
 
-void TestSessionStore::listingFailsWhenASessionGoes()
+void TestSessionStore::listingFailsWhenASessionIsRemoved()
 {
     QFETCH(bool, isLocal);
     add(testId(1));

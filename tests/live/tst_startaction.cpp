@@ -24,11 +24,11 @@ private slots:
 
     void startHandsOutAPasswordAndThePort();
     void startedSessionIsListedAndReplayed();
-    void startedSessionIsListedAlsoWhenItIsBusyAtOnce();
+    void startedSessionIsListedEvenIfItIsBusyAtOnce();
     void startKeepsTheCaseOfTheId();
     void startOfARootlessSession();
     void startHandsOutTheLastPassword();
-    void startWaitsForAPasswordThatIsThere();
+    void startWaitsUntilThereIsAPassword();
     void startRefusesABadId_data();
     void startRefusesABadId();
     void startRefusesAnIdThatIsBeingStarted();
@@ -44,20 +44,20 @@ private slots:
     void startWithoutAnAuthorityFails();
     void startWithoutAnAgentFails();
     void failedStartKeepsTheEarlierSession();
-    void brokenAgentIsForgotten();
+    void sessionThatBreaksAtTheStartIsRemoved();
     void agentThatEndsBeforeItIsReadyStaysRegistered();
     void startWithoutAnApplicationKeepsTheSession();
     void startWithoutAnApplicationLogKeepsTheSession();
     void agentThatTakesNoSignalsKeepsTheSession();
-    void agentThatBreaksAtTheSignalIsForgotten();
+    void sessionThatBreaksAtTheSignalIsRemoved();
     void agentThatOffersNoPasswordTimesOut();
 
-    void displayOfARegisteredSessionIsNotGivenAway();
-    void displayOfASessionFoundAgainIsNotGivenAway();
-    void displayOfAKilledAgentIsGivenAwayAgain();
+    void displayOfARegisteredSessionIsNotReused();
+    void displayOfAFoundSessionIsNotReused();
+    void displayOfAKilledAgentIsReused();
 
 private:
-    /** Adds a session whose agent runs, and has it listed. */
+    /** Adds a session with a running agent and lists it. */
     void addListedSession(const AgentProcess &agent);
     [[nodiscard]] QList<SessionInfo> refreshed();
 };
@@ -113,7 +113,7 @@ void TestStartAction::startedSessionIsListedAndReplayed()
     QCOMPARE(port, startPort);
 }
 
-void TestStartAction::startedSessionIsListedAlsoWhenItIsBusyAtOnce()
+void TestStartAction::startedSessionIsListedEvenIfItIsBusyAtOnce()
 {
     addAgent(tellState(kReady), {.onUsr1 = tellState(stateWith(0, u"\"one-time\""_s))});
     QCOMPARE(start(id), SessionOk);
@@ -150,9 +150,9 @@ void TestStartAction::startHandsOutTheLastPassword()
     QCOMPARE(password, u"new"_s);
 }
 
-void TestStartAction::startWaitsForAPasswordThatIsThere()
+void TestStartAction::startWaitsUntilThereIsAPassword()
 {
-    // A client uses the password that was there before, and only then comes the one that was asked for.
+    // A client uses the earlier password before the agent offers the new one.
     addAgent(tellState(stateWith(0, u"\"old\""_s)),
              {.onUsr1 = tellState(stateWith(0, QString())) + u"\nuntil [ -e seen ]; do sleep 0.01; done\n"_s +
                         tellState(stateWith(0, u"\"new\""_s))});
@@ -236,13 +236,13 @@ void TestStartAction::startWaitsForTheEndOfAPeek()
 {
     addRecordOn(displays->end(), QString(), 0, {});
     Session *session = nullptr;
-    QCOMPARE(store->tryAcquire(id, session), SessionOk); // as the refresh pass does, many times a minute
+    QCOMPARE(store->tryAcquire(id, session), SessionOk); // as the refresh pass does
     std::atomic<int> code = UnknownError;
     const BackgroundTask starting([&] { code = start(id); });
     QVERIFY(!QTest::qWaitFor([&] { return starting.isDone(); }, 100));
     store->release(id);
     QVERIFY(starting.waitUntilDone());
-    QCOMPARE(code.load(), int(AgentFailed)); // there is no program for it, but it is let in
+    QCOMPARE(code.load(), int(AgentFailed)); // the id is accepted; only the program is missing
     QCOMPARE(logger->takeLines().contains(u"Warning: Got a bad id"_s), false);
 }
 
@@ -369,7 +369,7 @@ void TestStartAction::failedStartKeepsTheEarlierSession()
     QCOMPARE(TEST_heldSessions(), 1);
 }
 
-void TestStartAction::brokenAgentIsForgotten()
+void TestStartAction::sessionThatBreaksAtTheStartIsRemoved()
 {
     programs->add(u"start-agent"_s, kBreak);
     QCOMPARE(start(id), -86);
@@ -427,7 +427,7 @@ void TestStartAction::agentThatTakesNoSignalsKeepsTheSession()
     QVERIFY(waitForFile(fileOf(u"command"_s)));
 }
 
-void TestStartAction::agentThatBreaksAtTheSignalIsForgotten()
+void TestStartAction::sessionThatBreaksAtTheSignalIsRemoved()
 {
     addAgent(tellState(kReady), {.onUsr1 = kBreak});
     QCOMPARE(start(id), ReadFailed);
@@ -449,17 +449,17 @@ void TestStartAction::agentThatOffersNoPasswordTimesOut()
     QCOMPARE(password, u"untouched"_s);
 }
 
-void TestStartAction::displayOfARegisteredSessionIsNotGivenAway()
+void TestStartAction::displayOfARegisteredSessionIsNotReused()
 {
-    // Its agent is slow: nothing on the system shows yet that the number is taken.
+    // As with a slow agent, only the registry knows that the number is taken.
     const QString directory = makeSessionDirectory(root, id, displays->first());
     addRecord(directory);
     QCOMPARE(start(testId(1)), NoOpenDisplay);
     store->removeSession(id);
-    QCOMPARE(start(testId(1)), AgentFailed); // there is no program for it, but a display
+    QCOMPARE(start(testId(1)), AgentFailed); // there is a display; only the program is missing
 }
 
-void TestStartAction::displayOfASessionFoundAgainIsNotGivenAway()
+void TestStartAction::displayOfAFoundSessionIsNotReused()
 {
     const QString directory = makeSessionDirectory(root, id, displays->first());
     const AgentProcess agent(directory, u"exec /bin/sleep 1000"_s);
@@ -469,7 +469,7 @@ void TestStartAction::displayOfASessionFoundAgainIsNotGivenAway()
     QCOMPARE(start(testId(1)), NoOpenDisplay);
 }
 
-void TestStartAction::displayOfAKilledAgentIsGivenAwayAgain()
+void TestStartAction::displayOfAKilledAgentIsReused()
 {
     const QString directory = makeSessionDirectory(root, id, displays->first());
     addRecord(directory);
@@ -478,7 +478,7 @@ void TestStartAction::displayOfAKilledAgentIsGivenAwayAgain()
     store->refreshAll(list);
     QCOMPARE(list.size(), 0);
     QVERIFY(!QFile::exists(agentSocketPath(displays->first())));
-    QCOMPARE(start(testId(1)), AgentFailed); // there is no program for it, but a display
+    QCOMPARE(start(testId(1)), AgentFailed); // there is a display; only the program is missing
 }
 
 ZARVO_TEST(TestStartAction)
