@@ -73,7 +73,7 @@ QStringList load(const QStringList &paths, SessionRegistry *registry)
 
 } // namespace
 
-// Without the retry a session would stay unlisted until the next server starts.
+/** Without the retry a session would stay unlisted until the next server starts. */
 void scanSessions(const QString &root, SessionRegistry *registry)
 {
     std::optional<QStringList> left;

@@ -19,7 +19,7 @@ qint64 nanoseconds(const timespec &time)
 
 } // namespace
 
-// These replace the C library's functions and do their work through other system calls.
+/** These replace the C library's functions and do their work through other system calls. */
 
 extern "C" int lstat(const char *path, struct stat *status) noexcept
 {

@@ -53,7 +53,7 @@ thread_local unsigned long stallMs = 0;
 
 } // namespace
 
-// Replaces the C library's function, with which Qt waits for sockets.
+/** Replaces the C library's function, with which Qt waits for sockets. */
 extern "C" int ppoll(pollfd *polled, nfds_t count, const timespec *timeout, const sigset_t *mask)
 {
     if (stallMs > 0) {
@@ -239,7 +239,7 @@ void TestAgentInfo::answerThatIsNotJsonFails()
     QCOMPARE(told(session), told(knownSession()));
 }
 
-// A busy machine may resume this process after the agent's deadline, although the answer came in time.
+/** A busy machine may resume this process after the agent's deadline, although the answer came in time. */
 void TestAgentInfo::answerInTimeIsReadByALateReader()
 {
     const AgentSocket agent(path, R"({"Clients":12})");

@@ -95,7 +95,7 @@ QByteArray lockOf(qint64 pid)
 }
 
 /** The pid of a process that has ended. */
-qint64 pidOfNobody()
+qint64 pidOfAnEndedProcess()
 {
     QProcess process;
     process.start(u"/bin/true"_s);
@@ -434,7 +434,7 @@ void TestDisplays::staleFilesOfKilledProcessesAreRemoved()
     const ReservedDisplays displays;
     leaveSocket(agentSocketPath(displays.first()));
     leaveSocket(socketFile(displays.first()));
-    putFile(ReservedDisplays::lockPath(displays.first()), lockOf(pidOfNobody()));
+    putFile(ReservedDisplays::lockPath(displays.first()), lockOf(pidOfAnEndedProcess()));
     QVERIFY(!findOpenDisplay(displays.first(), displays.end()));
     removeStaleDisplayFiles(displays.first());
     QCOMPARE(findOpenDisplay(displays.first(), displays.end()), displays.first());

@@ -147,11 +147,11 @@ void TestSupervisionSignals::signalNeverReachesAGroup_data()
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<qint32>("pid");
     QTest::newRow("own group") << QByteArray("0") << 0;
-    QTest::newRow("everybody") << QByteArray("-1") << -1;
+    QTest::newRow("every process") << QByteArray("-1") << -1;
     QTest::newRow("own group by its number")
         << QByteArray::number(-static_cast<qint64>(::getpgrp())) << -static_cast<qint32>(::getpgrp());
     QTest::newRow("own group once cut to size") << QByteArray("4294967296") << 0;
-    QTest::newRow("everybody once cut to size") << QByteArray("4294967295") << -1;
+    QTest::newRow("every process once cut to size") << QByteArray("4294967295") << -1;
 }
 
 void TestSupervisionSignals::signalNeverReachesAGroup()

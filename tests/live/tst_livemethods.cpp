@@ -236,7 +236,7 @@ void TestLiveMethods::idIsRefused()
     QCOMPARE(logger->takeLines(), QStringList());
 }
 
-// The store refuses a bad id, which proves that the method has accepted the parameters.
+/** The store refuses a bad id, which proves that the method has accepted the parameters. */
 void TestLiveMethods::startParametersAreAccepted_data()
 {
     QTest::addColumn<QByteArray>("params");

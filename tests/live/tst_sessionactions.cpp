@@ -113,7 +113,7 @@ void TestSessionActions::resumeWithoutASignalFails_data()
     QTest::newRow("no number") << QByteArray("none") << -86;
     QTest::newRow("own group") << QByteArray("0") << -99;
     QTest::newRow("every process") << QByteArray("-1") << -99;
-    QTest::newRow("nobody") << QByteArray("2147483647") << -99;
+    QTest::newRow("no process") << QByteArray("2147483647") << -99;
 }
 
 void TestSessionActions::resumeWithoutASignalFails()

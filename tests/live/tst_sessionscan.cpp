@@ -171,7 +171,7 @@ void TestSessionScan::scanTellsIdsApartByCase()
     QCOMPARE(SessionStore(root, 0, 0, QString()).sessionIds(), (QStringList{upper, testId(0xa)}));
 }
 
-// The id is read up to the first dot of the name, so two directories may have the same id.
+/** The id is read up to the first dot of the name, so two directories may have the same id. */
 void TestSessionScan::scanHoldsOnceForTwoDirectoriesOfOneId()
 {
     for (const QString &suffix : {QString(), u".copy"_s}) {
