@@ -82,6 +82,32 @@ bool startAgent(const QString &directory, const QString &geometry, quint16 displ
     return QProcess::startDetached(u"start-agent"_s, arguments, directory, pid);
 }
 
+/** Creates the directory with the files that describe the session, and its X authority. */
+int prepareDirectory(const QString &directory, quint16 display, const QString &windowMode, const QString &name)
+{
+    QString error;
+    QString cookie;
+    if (!randomHex(&cookie, &error)) {
+        return fail(CookieFailed, error);
+    }
+    if (!QDir(directory).exists() && !QDir().mkpath(directory)) {
+        return fail(DirectoryFailed, u"Failed to create the directory \"%1\""_s.arg(directory));
+    }
+    const QDir files(directory);
+    if (!writeDescription(files, display, windowMode, name, &error)) {
+        return fail(WriteFailed, error);
+    }
+    removeAuthorityLocks(files);
+    if (!addAuthority(files, u"unix:%1"_s.arg(display), cookie, &error)) {
+        return fail(WriteFailed, error);
+    }
+    // Some programs reach the display by the host's name. Most do not, so a failure is only logged.
+    if (!addAuthority(files, u"%2:%1"_s.arg(display).arg(QHostInfo::localHostName()), cookie, &error)) {
+        logMessage(LogWarning, error);
+    }
+    return SessionOk;
+}
+
 } // namespace
 
 int startSession(Session *session, const QString &directory, quint16 base, quint16 limit, const QString &geometry,
@@ -93,33 +119,17 @@ int startSession(Session *session, const QString &directory, quint16 base, quint
     }
     const QString windowMode = windowModeOf(geometry);
 
-    QString error;
-    QString cookie;
-    if (!randomHex(&cookie, &error)) {
-        return fail(CookieFailed, error);
-    }
-    if (!QDir(directory).exists() && !QDir().mkpath(directory)) {
-        return fail(DirectoryFailed, u"Failed to create the directory \"%1\""_s.arg(directory));
-    }
-    const QDir files(directory);
-    if (!writeDescription(files, *display, windowMode, name, &error)) {
-        return fail(WriteFailed, error);
-    }
-    removeAuthorityLocks(files);
-    if (!addAuthority(files, u"unix:%1"_s.arg(*display), cookie, &error)) {
-        return fail(WriteFailed, error);
-    }
-    // Some programs reach the display by the host's name. Most do not, so a failure is only logged.
-    if (!addAuthority(files, u"%2:%1"_s.arg(*display).arg(QHostInfo::localHostName()), cookie, &error)) {
-        logMessage(LogWarning, error);
+    if (const int code = prepareDirectory(directory, *display, windowMode, name); code != SessionOk) {
+        return code;
     }
 
+    const QDir files(directory);
     setAsideEarlierRun(files);
     qint64 pid = 0;
     if (!startAgent(directory, geometry, *display, &pid)) {
         return fail(AgentFailed, u"Failed to start the agent in the directory \"%1\""_s.arg(directory));
     }
-    if (!writeNumberFile(files.filePath(SessionFile::kMonitorPid), pid, &error)) {
+    if (QString error; !writeNumberFile(files.filePath(SessionFile::kMonitorPid), pid, &error)) {
         // The agent runs on, on its display, and its end cannot be noticed.
         if (reservation) {
             reservation->keep();
