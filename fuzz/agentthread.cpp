@@ -21,7 +21,7 @@ void AgentThread::enter(const QByteArray &directory)
 
 void AgentThread::run()
 {
-    // From here on the working directory is no longer that of all threads.
+    // From here on this thread has a working directory of its own.
     FUZZ_CHECK(::unshare(CLONE_FS) == 0);
     threadId = ::gettid();
     done.release();

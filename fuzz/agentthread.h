@@ -9,23 +9,21 @@
 #include <sys/types.h>
 
 /**
- * A thread with a working directory of its own, which looks like a process that works there to whoever asks the
- * system: an agent that costs no process. Lives until the process ends; its functions are called by one thread at a
- * time.
+ * A thread with a working directory of its own. Under /proc it looks like a process that works there, so it can stand
+ * for an agent without the cost of a process. Lives until the process ends; one thread at a time calls its functions.
  */
 class AgentThread final
 {
 public:
     AgentThread();
-    AgentThread(const AgentThread &) = delete;
-    AgentThread &operator=(const AgentThread &) = delete;
+    Q_DISABLE_COPY_MOVE(AgentThread)
 
-    /** Its number, which stands below /proc like that of a process. */
+    /** The id of the thread, which has a directory under /proc like a process. */
     [[nodiscard]] pid_t id() const { return threadId; }
 
-    /** Works in this directory from now on. */
+    /** Makes the thread work in this directory. */
     void enter(const QByteArray &directory);
-    /** Works nowhere in particular, as if it had ended. */
+    /** Makes the thread work in "/", as if the agent had ended. */
     void leave() { enter("/"); }
 
 private:
@@ -35,5 +33,5 @@ private:
     QByteArray wanted;
     std::binary_semaphore asked{0};
     std::binary_semaphore done{0};
-    std::thread thread; // the last one: it uses all the others
+    std::thread thread; // last, because it uses all other members
 };

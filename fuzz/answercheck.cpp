@@ -17,7 +17,7 @@
 
 namespace {
 
-/** What the answer to one request of a batch, or to a single one, has to carry as "id". */
+/** The "id" that the answer to a single request, or to one of a batch, must have. */
 using ExpectedId = Json::Value;
 
 bool isRequest(const Json::Value &value)
@@ -31,7 +31,7 @@ bool isRequest(const Json::Value &value)
            (id.isString() || id.isNumeric() || id.isBool());
 }
 
-/** Nothing for a notification. */
+/** None for a notification. */
 std::optional<ExpectedId> answerTo(const Json::Value &request)
 {
     if (!isRequest(request)) {
@@ -57,7 +57,7 @@ std::vector<ExpectedId> answersTo(const Json::Value &root)
     return answers;
 }
 
-/** What others parse of it, with nothing allowed that is not in the standard. */
+/** Parses with a reader that accepts nothing beyond the JSON standard. */
 Json::Value parsedStrictly(const QByteArray &text)
 {
     Json::CharReaderBuilder builder;
@@ -94,7 +94,7 @@ void checkOne(const Json::Value &answer, const ExpectedId &id)
 
 QByteArray payloadOf(const QByteArray &frame)
 {
-    // Longer ones may be sent than are taken, so it is not the decoder that takes the frame apart.
+    // Not with decodeNetString(), because the server sends longer frames than it accepts.
     const qsizetype colon = frame.indexOf(':');
     const QByteArray payload = frame.mid(colon + 1, frame.size() - colon - 2);
     FUZZ_CHECK(encodeNetString(payload) == frame);
@@ -126,7 +126,7 @@ void checkAnswer(const QByteArray &request, const QByteArray &answer)
         return;
     }
     const QByteArray text = payloadOf(answer);
-    FUZZ_CHECK(isUtf8(text) || !isUtf8(request)); // an "id" comes back as it came
+    FUZZ_CHECK(isUtf8(text) || !isUtf8(request)); // because an "id" comes back unchanged
     FUZZ_CHECK(text.endsWith('\n') && text.count('\n') == 1);
     const Json::Value parsed = parsedStrictly(text);
     if (!root.isArray()) {

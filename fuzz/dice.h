@@ -7,8 +7,8 @@
 #include <random>
 
 /**
- * Decisions that a target makes beside its input: random, and the same again for the same input, so that an input
- * can be what travels on the wire and nothing else, and is a plain text where that is one.
+ * Makes the random decisions of a target. The same input always gives the same decisions. So the input need not encode
+ * them and can be exactly the bytes on the wire, which stay readable if they are text.
  */
 class Dice final
 {
@@ -18,14 +18,14 @@ public:
     {
     }
 
-    /** One of 0 to @p count - 1. */
+    /** A number from 0 to @p count - 1. */
     [[nodiscard]] unsigned roll(unsigned count) { return static_cast<unsigned>(engine()) % count; }
 
 private:
     std::minstd_rand engine;
 };
 
-/** Cuts off the front of @p rest what arrives next: mostly a few bytes, now and then many. */
+/** Removes the next piece from the front of @p rest: usually a few bytes, sometimes many. */
 [[nodiscard]] inline QByteArray takePiece(QByteArray *rest, Dice *dice)
 {
     const unsigned most = dice->roll(4) == 0 ? 4096 : 16;

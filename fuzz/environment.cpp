@@ -11,7 +11,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Most targets write files for each input: in memory where that can be, for a disk makes that many times slower. */
+/** A directory in memory if there is one: most targets write files for each input, and a disk is many times slower. */
 QString placeForFiles()
 {
     const QString memory = u"/dev/shm"_s;
@@ -27,7 +27,7 @@ FuzzEnvironment::FuzzEnvironment(int &argc, char **argv)
     : application(argc, argv)
     , home(placeForFiles() + u"/fuzz-XXXXXX"_s)
 {
-    qputenv("TMPDIR", QFile::encodeName(home.path())); // gone with it, whatever the targets leave there
+    qputenv("TMPDIR", QFile::encodeName(home.path())); // removed at the end with everything that targets leave there
     qputenv("HOME", QFile::encodeName(home.path()));
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.filePath(u"config"_s)));
     qputenv("USER", "alice");

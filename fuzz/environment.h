@@ -6,7 +6,7 @@
 #include <QCoreApplication>
 #include <QTemporaryDir>
 
-/** Takes every line and drops it. */
+/** Drops every line. */
 class SilentLogger final : public Logging
 {
 public:
@@ -15,8 +15,8 @@ public:
 };
 
 /**
- * What the code under test finds around it: an application, a logger, and a home directory of its own. Made once, at
- * the beginning of a process, and kept until its end.
+ * What the code under test needs: an application object, a logger and an empty home directory. Made once, at the start
+ * of the process, and kept until its end.
  */
 class FuzzEnvironment final
 {

@@ -27,7 +27,7 @@ QString pathOf(const QString &directory, QLatin1StringView file)
     return QDir(directory).filePath(file);
 }
 
-/** An agent whose directory was taken away from it by a later one of the same id writes nothing more. */
+/** Writes nothing if the agent's directory is gone, because a later start with the same id may have removed it. */
 void put(const QString &path, const QByteArray &content, QIODevice::OpenMode mode)
 {
     QFile file(path);
@@ -198,12 +198,12 @@ int startApplication(const Session &session, const QString &command)
     return command.contains(u"no program"_s) ? ApplicationFailed : SessionOk;
 }
 
-// The linker puts it in the place of kill(): whatever an input makes the code do, no real process gets a signal.
+/** Replaces kill() at link time, so that no input can make the code send a signal to a real process. */
 extern "C" int __wrap_kill(pid_t process, int number)
 {
     FUZZ_CHECK(process > 0);
     if (!current) {
-        errno = ESRCH; // there are no agents, so there is no such process
+        errno = ESRCH; // without fake agents no process exists
         return -1;
     }
     return current->signal(process, number);

@@ -15,18 +15,18 @@
 class DisplayReservation;
 
 /**
- * Stands in for all programs that a start of a session runs, and for the signals sent to them: linking this in
- * replaces engine/launch.h and kill(). What an agent does depends on the command line of its session:
- *   contains "viewer": a viewer connects at the next viewersCome()
- *   contains "dies": ends when a password is asked for, contains "badly": with a code, "silently": without one
- * and a geometry of "none" finds no display, while "bad" finds no program.
+ * Replaces all programs that the start of a session runs, and the signals to them: linking this in replaces
+ * engine/launch.h and kill(). What an agent does depends on the command line of its session, which may contain:
+ *   "viewer": a viewer connects at the next viewersCome()
+ *   "dies": the agent ends when it is asked for a password; with "badly": with an exit code, "silently": without one
+ * With the geometry "none" there is no display, and with "bad" no program.
  *
- * Always answers at once, so that nothing ever waits. One at a time; used by one thread at a time.
+ * Agents answer at once, so that nothing waits. There is one object at a time, used by one thread at a time.
  */
 class FakeAgents final
 {
 public:
-    // So high that nobody else on this machine has an agent there.
+    // Too high for the real agents on this machine.
     static constexpr quint16 kFirstDisplay = 65000;
     static constexpr quint16 kEndDisplay = 65003;
 
@@ -34,27 +34,27 @@ public:
     ~FakeAgents();
     Q_DISABLE_COPY_MOVE(FakeAgents)
 
-    /** The one that there is. */
+    /** The present object. */
     [[nodiscard]] static FakeAgents &instance();
 
-    /** Those who wait for a password that is open use it. */
+    /** Connects the viewers that wait for an open password. */
     void viewersCome();
 
-    /** Starts an agent in this directory; gives the display. Nothing when all displays are in use. */
+    /** Starts an agent in this directory. Returns its display; none if all displays are in use. */
     [[nodiscard]] std::optional<quint16> begin(const QString &directory, const QString &command,
                                                DisplayReservation *reservation);
-    /** The number of the agent's process. */
+    /** The pid of the agent. */
     [[nodiscard]] pid_t processOf(quint16 display) const;
-    /** Like kill(), but that there must be such an agent. */
+    /** Like kill(), but the agent must exist. */
     [[nodiscard]] int signal(pid_t process, int number);
 
 private:
     struct Agent
     {
         AgentThread *thread = nullptr;
-        QString directory; ///< empty when there is no agent
+        QString directory; ///< empty if there is no agent
         QString command;
-        QByteArray password; ///< open, not yet used
+        QByteArray password; ///< offered and not used yet
     };
 
     void log(const Agent &agent, const QByteArray &line);

@@ -10,7 +10,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** A record in which every value that an agent tells differs from that of a new one. */
+/** A record in which every value that an agent reports differs from that of a new record. */
 Session record()
 {
     Session session;
@@ -31,7 +31,7 @@ bool isSame(const Session &a, const Session &b)
            a.screenSize == b.screenSize && a.exited == b.exited && a.exitCode == b.exitCode;
 }
 
-/** A time is taken from a text alone, and is null for what is no time. */
+/** A time is read only from a string, and is null if the string is not a time. */
 QDateTime expectedTime(const QDateTime &before, const Json::Value &value)
 {
     if (!value.isString()) {
@@ -86,7 +86,7 @@ void fuzzAgentInfo(const QByteArray &input)
     const bool isJson = parseJson(input, &state);
     FUZZ_CHECK(answered == error.isEmpty());
     if (!answered) {
-        // On a machine that is busy the answer may come too late.
+        // On a busy machine the answer may come too late.
         FUZZ_CHECK(!isJson || error == u"Failed to get the info from the session"_s);
         FUZZ_CHECK(isSame(session, record()));
         return;

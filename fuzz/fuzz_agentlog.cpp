@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** A log with this content, at the same place every time. */
+/** Writes a log with this content, always to the same path. */
 QString writeLog(const QByteArray &content)
 {
     static const QTemporaryDir *const folder = new QTemporaryDir;
@@ -30,7 +30,7 @@ void readInto(Session *session, const QString &path)
     FUZZ_CHECK(readAgentLog(session, path, &error) && error.isEmpty());
 }
 
-/** Whether it is made of lines that nobody reads in two ways: printable, and short. */
+/** Whether all lines are printable and short, so that there is only one way to read them. */
 bool isPlain(const QByteArray &log)
 {
     const auto isPlainByte = [](char c) { return (c >= ' ' && c <= '~') || c == '\n'; };
@@ -39,7 +39,7 @@ bool isPlain(const QByteArray &log)
            std::all_of(lines.begin(), lines.end(), [](const QByteArray &line) { return line.size() < 512; });
 }
 
-/** Cuts the prefix off the line if it has it. */
+/** Removes the prefix from the line. False if the line has another one. */
 bool takePrefix(QByteArray *line, const char *prefix)
 {
     const bool hasIt = line->startsWith(prefix);
@@ -47,10 +47,10 @@ bool takePrefix(QByteArray *line, const char *prefix)
     return hasIt;
 }
 
-/** The words between quotes when the line is made of so many of them with these texts in between. */
+/** The quoted words of a line that consists of such words with these texts in between; empty for any other line. */
 QByteArrayList quotedWords(const QByteArray &line, const QByteArrayList &between)
 {
-    // Words may hold quotes themselves, as long as they hold no blanks.
+    // A word may contain quotes, but no blanks.
     QByteArrayList parts = line.split(' ');
     QByteArrayList words;
     for (qsizetype index = 0; index < parts.size(); ++index) {
@@ -90,7 +90,7 @@ void applyClient(Session *session, const QByteArrayList &words, int change)
     session->passwords.removeOne(QString::fromLatin1(words.value(2, "no such password")));
 }
 
-/** What one plain line tells, found out without a pattern. */
+/** Applies a plain line to the record, without regular expressions. */
 void applyPlainLine(Session *session, QByteArray line)
 {
     if (takePrefix(&line, "RDP initialized at ")) {
@@ -115,7 +115,7 @@ void checkPlainLog(const QByteArray &log, const Session &session)
     Session expected;
     for (const QByteArray &line : log.split('\n')) {
         if (line.isEmpty()) {
-            break; // the reader goes no further
+            break; // the reader stops here
         }
         applyPlainLine(&expected, line);
     }
@@ -132,7 +132,7 @@ void fuzzAgentLog(const QByteArray &input)
     if (isPlain(input)) {
         checkPlainLog(input, session);
     }
-    // Read once more: everything counts twice, and the last of each kind is the same.
+    // Reading again counts everything twice, but the last value of each kind stays the same.
     Session again = session;
     readInto(&again, path);
     FUZZ_CHECK(again.clients == 2 * session.clients);

@@ -22,15 +22,15 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/** In the client's bytes: what somebody answers who knows the password. */
+/** In the client's bytes this stands for the response of a client that knows the password. */
 const QByteArray kRightResponse = "<right>";
-/** Between the client's bytes and those of the X server. */
+/** Separates the client's bytes from those of the X server. */
 const QByteArray kSeparator = "\n--\n";
-/** After so many rounds without any news there will be none. */
+/** After so many rounds in which nothing happens a play is over. */
 constexpr int kQuietRounds = 6;
 constexpr int kMostRounds = 100;
 
-/** The X server's socket, the same one for all inputs. */
+/** The socket of the X server. All inputs share it. */
 class BackendDoor final
 {
 public:
@@ -47,7 +47,7 @@ private:
     RawSocket listener = RawSocket::listenAt(path());
 };
 
-/** A client from the moment it has connected, with an X server behind: what the front door does with each. */
+/** Handles one connected client as the front door does: the handshake, and then copying to and from the X server. */
 class Door final
 {
 public:
@@ -93,7 +93,7 @@ private:
     int ends = 0;
 };
 
-/** Both peers of one connection, who say what the input says, each as fast as the dice want it. */
+/** Plays both peers of a connection. They send the bytes of the input, in pieces that the dice choose. */
 class Play final
 {
 public:
@@ -129,7 +129,7 @@ private:
                                      : input.mid(separator + kSeparator.size());
     }
 
-    /** Everybody does a little. @return whether anything happened */
+    /** Lets each side do one step. @return whether anything happened */
     bool round()
     {
         QCoreApplication::processEvents();
@@ -165,7 +165,7 @@ private:
         if (!clientSocket.isOpen() || toSay.isEmpty()) {
             return false;
         }
-        // The right response comes once the challenge is there, in one piece with what follows.
+        // The right response depends on the challenge, so it is made here and sent together with what follows.
         QByteArray response;
         if (toSay.startsWith(kRightResponse)) {
             toSay.remove(0, kRightResponse.size());
@@ -184,7 +184,7 @@ private:
     [[nodiscard]] bool speaks33() const { return said.size() >= 12 && said.mid(8, 3).toInt() < 7; }
     [[nodiscard]] qsizetype challengeStart() const { return 12 + (speaks33() ? 4 : 2); }
     [[nodiscard]] QByteArray challenge() const { return heard.mid(challengeStart(), kVncChallengeBytes); }
-    /** Where in the client's bytes those begin that are for the X server. */
+    /** How many of the client's bytes belong to the handshake. The rest is for the X server. */
     [[nodiscard]] qsizetype handshakeBytes() const { return 12 + (speaks33() ? 0 : 1) + kVncChallengeBytes; }
 
     void check() const
@@ -199,7 +199,7 @@ private:
         }
     }
 
-    /** Whether the client has done everything that opens the door. */
+    /** Whether the client has completed the handshake with the right password. */
     [[nodiscard]] bool knowsPassword() const
     {
         if (challenge().size() != kVncChallengeBytes) {
@@ -212,7 +212,7 @@ private:
                handshake.response() == door.rightResponse(challenge());
     }
 
-    /** Every byte arrives as it was said, and nothing but that. */
+    /** Checks that each side has received exactly the bytes that the other one has sent. */
     void checkRelay() const
     {
         BackendHandshake handshake;

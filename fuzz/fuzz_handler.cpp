@@ -10,7 +10,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** News of this size are all that the server keeps for a peer that does not read. */
+/** An update of this size makes a peer that does not read lag. */
 constexpr qsizetype kMoreThanMayWait = 1024 * 1024 + 1;
 
 struct Outcome
@@ -37,7 +37,7 @@ Outcome playWhole(const QByteArray &stream)
     return outcome;
 }
 
-/** Something that happens between two pieces. */
+/** Lets something happen between two pieces. */
 void interfere(FuzzedConnection *connection, Dice *dice)
 {
     switch (dice->roll(16)) {
@@ -85,7 +85,7 @@ Outcome playInPieces(const QByteArray &stream)
     return outcome;
 }
 
-/** The peer goes somewhere in the middle, with a request under way or not. */
+/** Lets the peer leave in the middle of the stream, with or without a running request. */
 void playAndLeave(const QByteArray &stream)
 {
     {
@@ -96,7 +96,7 @@ void playAndLeave(const QByteArray &stream)
             connection.feed(takePiece(&rest, &dice));
             interfere(&connection, &dice);
         } while (!rest.isEmpty() && dice.roll(8) != 0);
-        // Without the first the server itself ends, in the middle of whatever it is doing.
+        // Otherwise the server ends, in the middle of its work.
         if (dice.roll(2) == 0) {
             connection.leave();
             connection.finish();
@@ -106,7 +106,7 @@ void playAndLeave(const QByteArray &stream)
     checkNothingIsHeld();
 }
 
-/** Whether what is no frame, or is one with zeros before its length, depends on how it arrives. */
+/** Whether the result depends on how the stream is split: a long length is valid only if its colon is there. */
 bool dependsOnPieces(const QByteArray &stream)
 {
     QByteArray rest = stream;
@@ -136,7 +136,7 @@ void checkAnswers(const QByteArray &stream, const Outcome &outcome)
     FUZZ_CHECK(outcome.isOpen == (code == 1));
 }
 
-/** The input as it is when it looks like a stream of frames; otherwise each of its lines in a frame. */
+/** The input itself if it looks like a stream of frames. Otherwise each of its lines becomes a frame. */
 QByteArray streamOf(const QByteArray &input)
 {
     if (!input.isEmpty() && input[0] >= '0' && input[0] <= '9') {

@@ -21,7 +21,7 @@ bool isBlank(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-/** The number before the colon, written out byte by byte: blanks, then digits and nothing else. */
+/** Reads the number before the colon byte by byte: blanks, then digits, and nothing else. */
 std::optional<qsizetype> lengthOf(const QByteArray &prefix)
 {
     qsizetype at = 0;
@@ -44,7 +44,7 @@ std::optional<qsizetype> lengthOf(const QByteArray &prefix)
     return length;
 }
 
-/** What a decoder that is written the long way says to this buffer. */
+/** The result of a decoder that is written in another way. */
 Outcome expected(const QByteArray &buffer)
 {
     const qsizetype colon = buffer.indexOf(':');
@@ -61,7 +61,7 @@ Outcome expected(const QByteArray &buffer)
     return {buffer[colon + 1 + *length] == ',' ? 0 : -1, colon + 1, *length};
 }
 
-/** Takes a frame off the buffer, and checks everything that is promised of that. */
+/** Decodes a frame and checks all that decodeNetString() promises. */
 int decodeChecked(QByteArray *buffer, QByteArray *payload)
 {
     const QByteArray before = *buffer;
@@ -80,7 +80,7 @@ int decodeChecked(QByteArray *buffer, QByteArray *payload)
     return code;
 }
 
-/** What is decoded and encoded again is decoded to the same. */
+/** Checks that an encoded payload is decoded to the same bytes. */
 void checkRoundTrip(const QByteArray &payload)
 {
     QByteArray frame = encodeNetString(payload);

@@ -10,7 +10,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** The first frame of the stream, which arrives in pieces; a null array when there is none. */
+/** Decodes the first frame of a stream that arrives in pieces; a null array if there is none. */
 QByteArray firstPayload(QByteArray stream)
 {
     Dice dice(stream);
@@ -54,7 +54,7 @@ void checkReply(const QByteArray &payload)
 
 void fuzzPeerReply(const QByteArray &input)
 {
-    // As it comes from the peer when it looks like a frame, else the payload of one.
+    // An input that looks like a frame is the stream of a peer. Any other one is a payload.
     const bool isFrame = !input.isEmpty() && input[0] >= '0' && input[0] <= '9';
     checkReply(isFrame ? firstPayload(input) : input);
 }

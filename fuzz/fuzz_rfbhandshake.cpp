@@ -13,7 +13,7 @@ namespace {
 
 const QByteArray kChallenge = "0123456789abcdef";
 
-/** How a handshake went: all that was said, what is left for others, and where it ended. */
+/** The result of a handshake: its last state, all its output, and the bytes that it has not read. */
 template <typename State>
 struct Outcome
 {
@@ -29,7 +29,7 @@ using BackendOutcome = Outcome<BackendHandshake::State>;
 
 enum class Verdict { Right, Wrong, TurnedAway };
 
-/** Lets the handshake take what has arrived, and judges when it is asked to. */
+/** Passes the input to the handshake, and gives the verdict once it waits for one. */
 void receive(RfbHandshake *handshake, QByteArray *input, QByteArray *output, Verdict verdict)
 {
     handshake->receive(input);
@@ -46,7 +46,7 @@ void receive(RfbHandshake *handshake, QByteArray *input, QByteArray *output, Ver
     *output += handshake->output();
     const QByteArray before = *input;
     handshake->receive(input);
-    FUZZ_CHECK(*input == before && handshake->output().isEmpty()); // what follows belongs to others
+    FUZZ_CHECK(*input == before && handshake->output().isEmpty()); // what follows is not for the handshake
 }
 
 template <typename Piece>
@@ -84,7 +84,8 @@ QByteArray all(QByteArray *stream)
     return std::exchange(*stream, {});
 }
 
-/** Nobody is in who has not said what the versions want said: a version, the type where it is asked for, a response. */
+/** Checks that an accepted client has sent all that its version requires: the version, the type if asked, a response.
+ */
 void checkWayIn(const QByteArray &said)
 {
     const bool isOld = said.mid(8, 3).toInt() < 7;
@@ -100,7 +101,7 @@ void checkClient(const QByteArray &stream, Verdict verdict)
     const ClientOutcome pieces =
         playClient(stream, verdict, [&dice](QByteArray *rest) { return takePiece(rest, &dice); });
     FUZZ_CHECK(whole.state == pieces.state && whole.output == pieces.output);
-    // A refused client is not listened to any more, so how much of it was taken depends on how it came.
+    // After a refusal nothing more is read, so the unread rest depends on how the stream was split.
     FUZZ_CHECK(whole.state == State::Refused || whole.rest == pieces.rest);
     FUZZ_CHECK(whole.output.startsWith("RFB 003.008\n"));
     FUZZ_CHECK(stream.endsWith(whole.rest) && whole.state != State::Judgement);

@@ -23,11 +23,11 @@ namespace {
 
 const QString kId = u"0123456789abcdef0123456789abcdef"_s;
 
-/** A sessions directory with one session, whose files are what the input says; removed with the object. */
+/** A sessions directory with one session, whose files come from the input. Removed with the object. */
 class SessionsDirectory final
 {
 public:
-    /** @param content  the files one behind the other, each behind a line "@NAME" */
+    /** @param content  the files one after the other, each after a line "@NAME" */
     explicit SessionsDirectory(const QByteArray &content)
     {
         FUZZ_CHECK(QDir().mkpath(session()));
@@ -55,7 +55,7 @@ public:
     [[nodiscard]] static QString session() { return sessionDirectory(path(), kId); }
 
 private:
-    /** Whatever name the input makes up stays within the directory, and "%" is the number of a living agent. */
+    /** Changes the name so that the file stays within the directory. "%" becomes the pid of a living agent. */
     static void write(QByteArray name, const QByteArrayList &lines)
     {
         name.replace('/', '_').replace('\0', '_');
@@ -78,7 +78,7 @@ bool isOneWord(const QString &text)
     return std::none_of(text.begin(), text.end(), [](QChar c) { return c.isSpace(); });
 }
 
-/** What was read and is written is read again. */
+/** Checks that a number is the same after it was written and read. */
 void checkNumberFile(qint32 number)
 {
     const QString path = SessionsDirectory::session() + u"/number"_s;
@@ -96,22 +96,22 @@ void checkRecord(const Session &session)
     checkNumberFile(session.monitorPid);
 }
 
-/** @return whether the registry has to know it */
+/** @return whether the registry must know the session */
 bool checkRefresh(Session *session)
 {
     const int code = refreshSession(session);
     FUZZ_CHECK(code == SessionOk || code == ReadFailed);
     FUZZ_CHECK(session->broken == (code != SessionOk));
-    // Only whoever works in the directory is its agent, whatever number the file names.
+    // A pid in the file is that of the agent only if the process works in the directory.
     FUZZ_CHECK(session->exited == (session->monitorPid != SessionsDirectory::agent().id()));
     FUZZ_CHECK(session->exited || code == SessionOk);
-    // There is nobody who could be signalled: kill() is replaced at link time, and finds no process.
+    // kill() is replaced at link time and finds no process.
     const int outcome = signalSession(*session, SIGTERM);
     FUZZ_CHECK(outcome == ReadFailed || outcome == UnknownError);
     return code == SessionOk;
 }
 
-/** The registry finds what can be read, and is done with what has ended. */
+/** Checks that the registry finds a readable session and forgets one that has ended. */
 void checkStore(bool isUsable, bool isAlive)
 {
     {
@@ -138,7 +138,7 @@ void fuzzSessionFiles(const QByteArray &input)
     FUZZ_CHECK(session.directory.isEmpty() == (code != SessionOk));
     if (code != SessionOk) {
         checkStore(false, false);
-    } else if (!QFile::exists(agentSocketPath(session.display))) { // else it is that of a session of this machine
+    } else if (!QFile::exists(agentSocketPath(session.display))) { // otherwise a real session of this machine has it
         checkRecord(session);
         const bool isUsable = checkRefresh(&session);
         checkStore(isUsable, isUsable && !session.exited);

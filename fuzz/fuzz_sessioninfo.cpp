@@ -12,7 +12,7 @@ namespace {
 constexpr const char *kKeys[] = {"id",      "location",    "windowMode",     "name",
                                  "started", "lastConnect", "lastDisconnect", "permissions"};
 
-/** Whether a peer may describe a session like this: texts where there is something, whatever else there is. */
+/** Whether this is a valid description: each of its members is missing or a string. Other members are ignored. */
 bool isDescription(const Json::Value &value)
 {
     if (!value.isObject()) {

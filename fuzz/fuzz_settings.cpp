@@ -18,8 +18,8 @@ using namespace Qt::StringLiterals;
 namespace {
 
 /**
- * The settings file with this content, which is gone with the object. Its name is another one than the last time:
- * settings of a name that was read before may come from memory.
+ * A settings file with this content, removed with the object. Each file has another name than the last ones, because
+ * QSettings caches files that it has read.
  */
 class SettingsFile final
 {
@@ -42,14 +42,14 @@ public:
     Q_DISABLE_COPY_MOVE(SettingsFile)
 
 private:
-    /** More than are kept in memory. */
+    /** More files than QSettings caches. */
     static constexpr unsigned kNames = 1000;
 
     const QString name;
     QString path;
 };
 
-/** What a template means, one character after the other. */
+/** Expands a template character by character. */
 QString expandedSlowly(const QString &text)
 {
     const std::array<std::pair<QString, QString>, 4> values = {{

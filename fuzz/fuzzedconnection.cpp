@@ -73,7 +73,7 @@ EmptySessionsDirectory::EmptySessionsDirectory()
 
 EmptySessionsDirectory::~EmptySessionsDirectory()
 {
-    // Whatever ids are asked for, nothing is made anywhere else, nor under another name.
+    // No id may have led to a file elsewhere, or to one with a name of another form.
     FUZZ_CHECK(namesIn(path() + u"/.."_s) == QStringList{UserFile::kSessions});
     for (const QString &name : namesIn(path())) {
         FUZZ_CHECK(name == kSessionDirectoryPrefix + sessionIdFromPath(name));
@@ -93,7 +93,7 @@ FuzzedConnection::FuzzedConnection()
     , handler(new Handler(device, allMethods(&store), device))
     , watcher(handler->findChild<QFutureWatcherBase *>())
 {
-    // The handler has heard of it before us, and may be busy again by now.
+    // The handler gets this signal before us, so it may already run the next request.
     QObject::connect(watcher, &QFutureWatcherBase::finished, watcher, [this] { ++finishedRequests; });
 }
 

@@ -11,7 +11,7 @@
 class FakeDevice;
 class Handler;
 
-/** The directory of the sessions, empty again with every new object. */
+/** The directory of the sessions. Each object starts with an empty one. */
 class EmptySessionsDirectory final
 {
 public:
@@ -23,9 +23,9 @@ public:
 };
 
 /**
- * One connection to a server of its own, which has all methods and two more, for what it does by itself at moments that
- * the peer does not decide about: "Tick", the refresh, before which waiting viewers connect, and "Idle", the end of
- * sessions without a client. Used on the main thread; nothing of it runs but in finish() and the destructor.
+ * A connection to a server with all methods and two more. These do what a real server does by itself: "Tick" connects
+ * waiting viewers and refreshes the sessions, "Idle" suspends sessions without a client. Used on the main thread.
+ * Requests run only during finish() and the destructor.
  */
 class FuzzedConnection final
 {
@@ -34,25 +34,25 @@ public:
     ~FuzzedConnection();
     Q_DISABLE_COPY_MOVE(FuzzedConnection)
 
-    /** The peer sends this. */
+    /** The peer sends @p bytes. */
     void feed(const QByteArray &bytes);
-    /** The peer does not read any more, or reads on. */
+    /** The peer stops reading, or reads again. */
     void stall();
     void resume();
-    /** The peer is gone: after the next finish() nothing of its connection may be left. */
+    /** The peer closes. After the next finish() nothing of the connection may be left. */
     void leave();
     [[nodiscard]] bool isLeft() const { return device.isNull(); }
-    /** The server has news for the peer, which are of this size. */
+    /** The server pushes an update of this size. */
     void update(qsizetype bytes);
 
-    /** Until nothing more happens without the peer. */
+    /** Runs until nothing more happens without the peer. */
     void finish();
 
-    /** Whether the server has not closed it. */
+    /** Whether the server has not closed the connection. */
     [[nodiscard]] bool isOpen() const;
-    /** What the peer has got but for the news, an element for each write. */
+    /** What the peer has received except updates, one element per write. */
     [[nodiscard]] QByteArrayList answers() const;
-    /** Whether the peer has got the last news, if there were any. */
+    /** Whether the peer has received the last update, if there was one. */
     [[nodiscard]] bool hasLastUpdate() const;
 
 private:

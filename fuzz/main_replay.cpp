@@ -15,7 +15,7 @@
 
 using namespace Qt::StringLiterals;
 
-// A finding shall always end in abort(), where the input is told.
+/** Makes every finding end in abort(), because the handler of SIGABRT keeps the input. */
 extern "C" const char *__asan_default_options()
 {
     return "abort_on_error=1";
@@ -31,7 +31,7 @@ namespace {
 QByteArray current;
 QByteArray findingFile;
 
-/** Keeps the input that led here. Calls only what a signal handler may. */
+/** Writes the present input to a file. Calls only functions that a signal handler may call. */
 void writeFinding(int)
 {
     const int file = ::open(findingFile.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -84,7 +84,13 @@ void replayAll(FuzzFunction target, const QDir &folder, const QString &name, uns
 
 } // namespace
 
-// Usage: PROGRAM TARGET FOLDER MUTATIONS  or  PROGRAM TARGET FILE: the kept inputs and so many changed ones, or one.
+// Usage:
+//
+//   PROGRAM TARGET FOLDER MUTATIONS
+//     Replays the kept inputs and then MUTATIONS changed ones.
+//
+//   PROGRAM TARGET FILE
+//     Replays one input.
 int main(int argc, char **argv)
 {
     FuzzEnvironment environment(argc, argv);

@@ -4,11 +4,12 @@
 #include <QByteArray>
 #include <QByteArrayList>
 
-/** The words of a dictionary in the fuzzer's form: name="word", with escapes like \x00. */
+/** Reads the words of a dictionary in the fuzzer's form: name="word", with escapes like \x00. */
 [[nodiscard]] QByteArrayList dictionaryWords(const QByteArray &dictionary);
 
 /**
- * One of the @p inputs, of which there is at least one, changed in a few places. The same for the same @p number:
- * bytes are changed, put in, taken out and doubled, words are put in, and the end of another input is put behind it.
+ * Takes one of the @p inputs, of which there must be at least one, and changes it in a few places: changes, inserts,
+ * removes and doubles bytes, inserts words, or appends the end of another input. The same @p number gives the same
+ * result.
  */
 [[nodiscard]] QByteArray mutatedInput(const QByteArrayList &inputs, const QByteArrayList &words, unsigned number);

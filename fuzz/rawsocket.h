@@ -6,12 +6,12 @@
 
 #include <utility>
 
-/** One end of a local connection, without an event loop: what a peer is that does as it likes. Nothing here waits. */
+/** One end of a local connection, without an event loop. Plays a peer. All calls are non-blocking. */
 class RawSocket final
 {
 public:
     RawSocket() = default;
-    /** Takes the descriptor, which is a non-blocking one; -1 for none. */
+    /** Takes ownership of a non-blocking descriptor; -1 for none. */
     explicit RawSocket(int descriptor_)
         : descriptor(descriptor_)
     {
@@ -27,17 +27,17 @@ public:
         return *this;
     }
 
-    /** Two ends of one connection; the descriptor is the other one. */
+    /** Both ends of a new connection. The caller owns the descriptor. */
     [[nodiscard]] static std::pair<RawSocket, int> pair();
-    /** Listens at this path. */
+    /** A socket that listens at @p path. */
     [[nodiscard]] static RawSocket listenAt(const QString &path);
 
     [[nodiscard]] bool isOpen() const { return descriptor != -1; }
-    /** Whoever has come; not open when nobody has. */
+    /** Accepts a connection; the result is not open if none is waiting. */
     [[nodiscard]] RawSocket accept() const;
-    /** Everything that has arrived. */
+    /** Reads everything that has arrived. */
     [[nodiscard]] QByteArray readAll() const;
-    /** How many bytes of it the other side has room for. */
+    /** Writes as much as there is room for. @return the number of bytes written */
     qsizetype write(const QByteArray &bytes) const;
     void close();
 

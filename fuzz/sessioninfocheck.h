@@ -4,7 +4,7 @@
 struct SessionInfo;
 
 /**
- * Checks what must hold for every description that a peer sent and that was taken: our own clients get it as an object
- * of eight texts, which is read as the same description again.
+ * Checks a description that a peer has sent and that was accepted: written for our own clients it must be an object of
+ * eight strings, and reading that must give the same description.
  */
 void checkSessionInfo(const SessionInfo &info);

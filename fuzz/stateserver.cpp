@@ -61,7 +61,7 @@ void StateServer::answer(int connection)
     while (!rest.isEmpty()) {
         const QByteArray piece = takePiece(&rest, &dice);
         if (::send(connection, piece.constData(), static_cast<size_t>(piece.size()), MSG_NOSIGNAL) != piece.size()) {
-            return; // the caller has enough
+            return; // the caller has closed
         }
     }
 }

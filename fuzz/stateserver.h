@@ -11,18 +11,17 @@
 #include <thread>
 
 /**
- * An agent's socket: tells every caller, in pieces, what it was told last, and hangs up. Lives until the process ends;
- * its functions are called by one thread.
+ * Plays the socket of an agent: sends every caller the current answer, in pieces, and closes the connection. Lives
+ * until the process ends; one thread calls its functions.
  */
 class StateServer final
 {
 public:
     StateServer();
-    StateServer(const StateServer &) = delete;
-    StateServer &operator=(const StateServer &) = delete;
+    Q_DISABLE_COPY_MOVE(StateServer)
 
     [[nodiscard]] QString path() const { return folder.filePath(QStringLiteral("socket")); }
-    /** Tells this from now on. */
+    /** Sets the answer for further callers. */
     void tell(const QByteArray &bytes);
 
 private:
@@ -33,5 +32,5 @@ private:
     int listener = -1;
     std::mutex mutex; ///< guards the answer
     QByteArray state;
-    std::thread thread; // the last one: it uses all the others
+    std::thread thread; // last, because it uses all other members
 };
