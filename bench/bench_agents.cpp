@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// Stands in for N sessions and their agents. Usage: bench_agents ROOT N socket|log FIRST_DISPLAY
+// Plays N sessions and their agents. Usage: bench_agents ROOT N socket|log FIRST_DISPLAY
 //
-// Prints "ready" once they are there. Every line that it reads is a number of clients, which all agents tell from then
-// on; each is answered by an empty line. Ends, and everything with it, at the end of its input.
+// Prints "ready" when all of them exist. Each line of its input is the number of clients that all agents report from
+// then on, and is answered by an empty line. Ends with all sessions at the end of its input.
 #include "bench/fakesessions.h"
 
 #include <QCoreApplication>
@@ -34,5 +34,5 @@ int main(int argc, char **argv)
         std::cout << std::endl;
     }
     sessions.reset();
-    ::_exit(0); // the answering thread has no end of its own
+    ::_exit(0); // because the answering thread never ends
 }

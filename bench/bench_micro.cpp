@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What the parts of a request and of a refresh cost by themselves.
+// Measures the parts of a request and of a refresh one by one.
 #include "contract/application.h"
 #include "contract/geometry.h"
 #include "engine/agentlog.h"

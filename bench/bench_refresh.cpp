@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// What one refresh pass over N sessions costs. Usage: bench_refresh N socket|log FIRST_DISPLAY [PASSES]
+// Measures a refresh pass over N sessions. Usage: bench_refresh N socket|log FIRST_DISPLAY [PASSES]
 // Prints one line of JSON.
 #include "base/logging.h"
 #include "bench/fakesessions.h"
@@ -64,5 +64,5 @@ int main(int argc, char **argv)
                 static_cast<double>(microseconds[microseconds.size() / 2]) / 1000.0,
                 static_cast<double>(microseconds.back()) / 1000.0);
     std::fflush(stdout);
-    ::_exit(0); // the answering thread has no end of its own
+    ::_exit(0); // because the answering thread never ends
 }

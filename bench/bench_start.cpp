@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
-// What the server itself takes to start a session. Usage: bench_start REPEATS FIRST_DISPLAY
+// Measures how long the server itself takes to start a session. Usage: bench_start REPEATS FIRST_DISPLAY
 //
-// The "start-agent" and "start-app" on the search path should be ready at once. The waits that the server is asked to
-// make are taken off: it sleeps nowhere else. Prints one line of JSON.
+// The "start-agent" and "start-app" on the search path should be ready at once. The fixed waits of the server are
+// subtracted; it sleeps nowhere else. Prints one line of JSON.
 #include "base/logging.h"
 #include "live/sessionstore.h"
 
@@ -46,7 +46,7 @@ double worstMs(const std::vector<qint64> &nanoseconds)
 
 } // namespace
 
-/** Takes the place of the C library's: counts how long the caller really slept. */
+/** Replaces the function of the C library and adds up how long the caller really slept. */
 extern "C" int nanosleep(const timespec *time, timespec *left)
 {
     QElapsedTimer timer;

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What the benchmarks share: a server of their own with the bundled agent, from the tests' library."""
+"""Shared by the benchmarks: starting a server with the bundled agent through the library of the system tests."""
 import json
 import os
 import re
@@ -12,7 +12,7 @@ if len(sys.argv) < 2:
     sys.exit(f"usage: {sys.argv[0]} BUILD_FOLDER")
 os.environ["ZARVO_BUILD_DIR"] = os.path.abspath(sys.argv[1])
 
-import zarvo  # noqa: E402  (needs the two lines above)
+import zarvo  # noqa: E402  (after the lines above, which it needs)
 
 PROGRAMS = os.path.join(zarvo.BUILD, "bench")
 
@@ -34,7 +34,7 @@ def resident_mib(pid):
 
 
 def program(name, *arguments, **how):
-    """What a benchmark program prints, which is JSON."""
+    """Runs a benchmark program and returns what it prints, which is JSON."""
     result = subprocess.run([os.path.join(PROGRAMS, name), *map(str, arguments)], stdout=subprocess.PIPE, check=True,
                             timeout=600, **how)
     return json.loads(result.stdout)

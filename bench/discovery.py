@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: MIT
-"""What discovery costs: how soon a session is seen on another host, what a datagram and a query take, what remains.
+"""Measures discovery: when another host sees a session, the cost of a datagram and of a query, and memory that stays.
 
 usage: discovery.py BUILD_FOLDER [HOSTS...]
 
-The hosts are namespaces of this machine, so all of them share its processors. With several servers of one user every
-change on one is passed on by all: HOSTS (2 4 8) are the numbers of servers for which that is measured.
+The hosts are network namespaces of this machine, so they share its processors. All servers of a user pass on a change
+on one of them. HOSTS are the numbers of servers for which that is measured, by default 2 4 8.
 """
 import json
 import os
@@ -34,7 +34,7 @@ def sent_bytes(server):
 
 
 class Bench(unittest.TestCase):
-    """A test case only for the sake of its clean-ups."""
+    """A test case, because the library uses its clean-ups."""
 
     def site(self, count):
         site = hosts.Site(self, {"LogLevel": "Warning"})
@@ -45,7 +45,7 @@ class Bench(unittest.TestCase):
         return servers
 
     def change_until_seen(self, here, there):
-        """Seconds from the request, and from its answer, until the other servers list the new session."""
+        """The seconds from the request, and from its answer, until the other servers list the new session."""
         session = zarvo.new_id()
         begin = time.monotonic()
         here.talk.call("Live.Start", [session, "xterm", "800x600"])
@@ -84,7 +84,7 @@ class Bench(unittest.TestCase):
         here, there = self.site(2)
         source = there.host.datagrams()
         update = there.announcement("UPDATE")
-        for _ in range(3):  # what grows once is caches, what grows again is lost
+        for _ in range(3):  # memory that grows once is a cache; memory that grows again is a leak
             self.ask(here, there, source, update)
 
     def ask(self, here, there, source, update):
@@ -103,7 +103,7 @@ class Bench(unittest.TestCase):
 
     @staticmethod
     def wait_idle(*servers):
-        """Until none of them has anything to do but its regular look at the sessions."""
+        """Waits until the servers only do their regular refresh."""
         quiet_since, last = time.monotonic(), None
         while time.monotonic() - quiet_since < QUIET:
             now = [sent_bytes(server) // 1000 for server in servers]

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The limit that the service is compared with: sends every byte back, on one thread, with nothing but epoll and
-// OpenSSL. Usage: echo_server CERTIFICATE KEY; prints its port.
+// The fastest server that ours is compared with: it sends every byte back, on one thread, with epoll and OpenSSL only.
+// Usage: echo_server CERTIFICATE KEY. Prints its port.
 #include "bench/tls.h"
 
 #include <array>
@@ -62,7 +62,7 @@ void accept(int poll, int listener, SSL_CTX *context)
     watch(poll, descriptor, client);
 }
 
-/** Whether the client is still there. What it sends is small enough for the socket to take at once. */
+/** Sends back what the client has sent, which is small enough for one write. False if the client has gone. */
 bool serve(const Client &client)
 {
     std::array<char, 16384> bytes{};
@@ -90,7 +90,7 @@ int main(int argc, char **argv)
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::signal(SIGPIPE, SIG_IGN);
     const tls::Context context = tls::makeContext(TLS_server_method(), argv[1], argv[2]);
-    SSL_CTX_set_num_tickets(context.get(), 0); // the server offers none either
+    SSL_CTX_set_num_tickets(context.get(), 0); // as in our server
     const int listener = listenOnLoopback();
     const int poll = ::epoll_create1(EPOLL_CLOEXEC);
     watch(poll, listener, nullptr);

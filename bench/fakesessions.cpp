@@ -30,7 +30,7 @@ constexpr const char *kState =
     R"({"Clients":%d,"LastConnect":"2026-01-31T12:00:00","LastDisconnect":"",)"
     R"("Passwords":[],"ScreenHeight":800,"ScreenWidth":1280,"Started":"2026-01-31T11:59:00"})";
 
-/** Without Qt, whose last words may go to the system's journal. */
+/** Not qFatal(), because Qt may send its message to the system's journal. */
 [[noreturn]] void fail(const char *what, const QByteArray &which)
 {
     std::fprintf(stderr, "%s %s: %s\n", what, which.constData(), std::strerror(errno));
@@ -39,11 +39,11 @@ constexpr const char *kState =
 
 pid_t startProcess(const QString &directory)
 {
-    QDir::setCurrent(directory); // before the fork, so that the process is there from its first moment
+    QDir::setCurrent(directory); // before the fork, so that the child works there from the start
     const pid_t pid = ::fork();
     if (pid == -1) {
         fail("Failed to start a process in",
-             QFile::encodeName(directory)); // the end of "-1" is the end of all processes
+             QFile::encodeName(directory)); // kill(-1) would end all processes
     }
     if (pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -72,7 +72,7 @@ FakeSessions::FakeSessions(const QString &root, int count, Mode mode_, quint16 f
         makeSession(root, number);
     }
     if (mode == Mode::Socket) {
-        ::signal(SIGPIPE, SIG_IGN); // who asks may not wait for the answer
+        ::signal(SIGPIPE, SIG_IGN); // a caller may close before the answer
         std::thread([this] { answer(); }).detach();
     }
 }

@@ -10,20 +10,20 @@
 #include <poll.h>
 
 /**
- * Sessions without agents: real directories, with a live process each that does nothing. In socket mode a thread
- * answers for all agents until the program ends. Failures end the program.
+ * Sessions without agents: each has a real directory and a process that does nothing. In socket mode one thread answers
+ * for all agents until the program ends. Failures end the program.
  */
 class FakeSessions
 {
 public:
     enum class Mode { Socket, Log };
 
-    /** Makes @p count sessions below @p root, on the displays from @p firstDisplay on. */
+    /** Makes @p count sessions under @p root, on consecutive displays from @p firstDisplay on. */
     FakeSessions(const QString &root, int count, Mode mode, quint16 firstDisplay);
     ~FakeSessions();
     Q_DISABLE_COPY_MOVE(FakeSessions)
 
-    /** How many clients every agent tells from now on; socket mode only. */
+    /** Sets how many clients every agent reports; only in socket mode. */
     void setClients(int count) { clients = count; }
 
 private:

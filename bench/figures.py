@@ -76,7 +76,7 @@ def machine():
 
 
 def main():
-    # As by Ctrl-C: what was started is ended, and its files are removed.
+    # SIGTERM works like Ctrl-C, so that started programs are ended and their files are removed.
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: sys.exit("interrupted"))
     chosen = sys.argv[2:] or list(PARTS)
@@ -86,7 +86,7 @@ def main():
     for name in chosen:
         try:
             PARTS[name](figures)
-        except Exception:  # the others are measured all the same
+        except Exception:  # the other parts are still measured
             traceback.print_exc()
             failed.append(name)
     surroundings["load after"] = os.getloadavg()[0]

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The service under load, beside the least that a TLS server can do and beside nginx with the same bytes."""
+"""Measures the service under load, next to a minimal TLS server and to nginx that sends the same bytes."""
 import contextlib
 import os
 import shutil
@@ -17,7 +17,7 @@ REQUEST = zarvo.frame('{"jsonrpc":"2.0","id":1,"method":"Live.GetVersion"}').dec
 ANSWER = zarvo.frame('{"id":1,"jsonrpc":"2.0","result":"%s"}\n' % zarvo.VERSION).decode()
 HTTP_REQUEST = "GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"
 
-# One process, as the others, and the same certificates; what it asks of its clients is what the server asks of its own.
+# One process and the same certificates, as for the others. It asks its clients for the same as our server does.
 NGINX = """
 daemon off; master_process off; pid nginx.pid; error_log stderr error;
 events { worker_connections 1024; }
@@ -33,14 +33,14 @@ http {
 
 
 class Peer:
-    """A server under load: where it listens, and how it is spoken to."""
+    """A server under load: its port and its protocol."""
 
     def __init__(self, pid, port, kind="frames", request=REQUEST):
         self.pid, self.port, self.kind, self.request = pid, port, kind, request
 
     def run(self, server, connections, kind=None):
-        """What load_client prints, and the peer's processor time for an operation: it stays the same when others
-        are at work on the machine, as the rate does not."""
+        """What load_client prints, and the peer's processor time per operation. Unlike the rate, that time does not
+        depend on what else the machine does."""
         before = self.processor_seconds()
         result = program("load_client", self.port, server.certificate, server.key, connections, SECONDS,
                          kind or self.kind, self.request)
@@ -48,7 +48,7 @@ class Peer:
         return result
 
     def processor_seconds(self):
-        fields = zarvo.read(f"/proc/{self.pid}/stat").rpartition(")")[2].split()  # threads that have ended included
+        fields = zarvo.read(f"/proc/{self.pid}/stat").rpartition(")")[2].split()  # includes threads that have ended
         return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
@@ -105,7 +105,7 @@ def measure(figures):
 
 def compare(figures, server, peers, group, connections, aim, kind=None):
     results = {name: [] for name in peers}
-    for _ in range(ROUNDS):  # in turn, so that what disturbs the machine disturbs all
+    for _ in range(ROUNDS):  # in turn, so that other work on the machine affects all of them
         for name, peer in peers.items():
             results[name].append(peer.run(server, connections, kind))
     for name, rounds in results.items():

@@ -122,7 +122,7 @@ private:
         go(peer);
     }
 
-    /** Goes on with whatever the peer is at. All that is sent is small enough for the socket to take at once. */
+    /** Does the peer's next step. Everything sent is small enough for one write. */
     void go(Peer &peer)
     {
         if (!SSL_is_init_finished(peer.connection.get()) && !shakeHands(peer)) {
@@ -174,7 +174,7 @@ private:
         orFail(peer, length, "read");
     }
 
-    /** Whether a whole answer was there. Notifications are taken as well, and are none. */
+    /** Removes a whole answer from what has arrived. False if there is none. Skips notifications. */
     static bool takeFrame(Peer &peer)
     {
         for (;;) {
@@ -238,7 +238,7 @@ private:
     const int poll = ::epoll_create1(EPOLL_CLOEXEC);
     std::vector<Peer> peers;
     std::vector<double> microseconds; ///< of each operation that counts
-    size_t operations = 0;            ///< those of the warm-up included
+    size_t operations = 0;            ///< including those of the warm-up
     Clock::time_point from = Clock::time_point::max();
     double seconds = 0;
 };

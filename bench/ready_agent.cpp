@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
-// An agent that is ready at once, so that what a start takes is what the server takes. Installed as "start-agent", in
-// a session directory: tells its state on the socket, adds a password on SIGUSR1 and ends well on SIGTERM.
+// An agent that is ready at once, so that the time of a start is the time of the server. Installed as "start-agent" and
+// run in a session directory. Reports its state on the socket, adds a password on SIGUSR1, exits with 0 on SIGTERM.
 #include "contract/sessiondirectory.h"
 
 #include <csignal>
@@ -61,7 +61,7 @@ void tellState(int listener)
     ::close(client);
 }
 
-/** Whether the agent goes on. */
+/** Handles one event. False if the agent has to end. */
 bool takeSignal(int descriptor)
 {
     signalfd_siginfo info = {};

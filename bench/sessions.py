@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What many sessions cost, with stand-ins for their agents."""
+"""Measures many sessions, with fake agents."""
 import contextlib
 import os
 import random
@@ -23,7 +23,7 @@ def some(count):
 
 
 class Agents:
-    """Sessions in the directory of a server that is not started yet."""
+    """Fake sessions in the directory of a server that is not started yet."""
 
     def __init__(self, server, count, mode="socket"):
         os.makedirs(server.sessions, exist_ok=True)
@@ -73,7 +73,7 @@ def listing(figures):
 
 @contextlib.contextmanager
 def some_displays(count):
-    """The first one of so many display numbers, of which no socket is left afterwards."""
+    """Gives the first of several display numbers, and removes their sockets afterwards."""
     displays = zarvo.Displays(count)
     try:
         yield displays.base
@@ -101,7 +101,7 @@ def change(figures):
         with server_with(count) as (server, agents), server.client() as client:
             seconds = []
             for clients in [1, 0] * 15:
-                time.sleep(random.uniform(0, INTERVAL_MS / 1000))  # anywhere between two passes
+                time.sleep(random.uniform(0, INTERVAL_MS / 1000))  # a random moment between two passes
                 begin = time.monotonic()
                 agents.set_clients(clients)
                 action = "disconnect" if clients else "connect"
@@ -113,10 +113,10 @@ def change(figures):
 
 
 def start_once(server):
-    """How long a start takes, in seconds."""
+    """The seconds that a start takes."""
     begin = time.monotonic()
     try:
-        # Comes back when it serves.
+        # Returns when the server serves.
         subprocess.run([zarvo.BINARY], env=server.environment, stdin=subprocess.DEVNULL,
                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
         return time.monotonic() - begin
@@ -136,7 +136,7 @@ def startup(figures):
 
 
 def settled(server):
-    """Memory once nothing grows any more, in bytes."""
+    """The memory in bytes once it does not grow any more."""
     last = None
     while server.resident() != last:
         last = server.resident()

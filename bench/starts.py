@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What starting a session takes: the server alone, all of it with the bundled agent, and the X server alone."""
+"""Measures the start of a session: the server alone, all of it with the bundled agent, and the X server alone."""
 import os
 import shutil
 import statistics

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
-/** What both ends of the load tests share: OpenSSL as it comes, with the server's certificate on both sides. */
+/** TLS for both ends of the load tests: OpenSSL with its defaults and the server's certificate on both sides. */
 namespace tls {
 
 struct Free
@@ -24,7 +24,7 @@ using Connection = std::unique_ptr<SSL, Free>;
     std::exit(1);
 }
 
-/** Asks the peer for its certificate and takes any, as the server does. */
+/** Asks the peer for its certificate and accepts any, as the server does during the handshake. */
 inline Context makeContext(const SSL_METHOD *method, const char *certificate, const char *key)
 {
     Context context(SSL_CTX_new(method));
@@ -38,7 +38,7 @@ inline Context makeContext(const SSL_METHOD *method, const char *certificate, co
     return context;
 }
 
-/** Whether the call only waits for the socket; sets what for. */
+/** Whether the call has to wait for the socket. Sets the events to wait for. */
 inline bool isWaiting(SSL *connection, int result, bool *forWriting)
 {
     const int reason = SSL_get_error(connection, result);

@@ -18,7 +18,7 @@ import rfb  # noqa: E402
 
 CTL = os.path.join(zarvo.BUILD, "bin", "zarvoctl")
 
-# As little as an agent can be, so that 200 of them leave the machine to what is measured.
+# A minimal agent, so that 200 of them do not slow down what is measured.
 AGENT = """
 trap 'echo "Added new password 12345678" >> server_log' USR1
 trap 'echo 0 > server_exit; kill $!; exit 0' TERM
@@ -36,7 +36,7 @@ def run(server, *arguments):
 
 
 def report(what, durations):
-    """The best one as well: on a machine that does something else, it is the one that tells about the program."""
+    """Prints the best time as well: on a busy machine it says most about the program."""
     print(f"{what}: {common.milliseconds(durations)}, best {min(durations) * 1000:.1f} ms", flush=True)
 
 
@@ -71,7 +71,7 @@ def starting():
 
 
 def first_picture():
-    """No server, no certificate, no user path; until a viewer has the whole screen."""
+    """From no server, no certificate and no user path until a viewer has the whole screen."""
     durations = []
     for _ in range(5):
         server = zarvo.Server(agent=False, certificate=False)
