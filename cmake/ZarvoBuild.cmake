@@ -14,12 +14,12 @@ endif()
 option(ZARVO_WERROR "Treat warnings as errors" OFF)
 set(ZARVO_SANITIZE "" CACHE STRING "Sanitizers to build with, as in -fsanitize=, for example address,undefined")
 
-# Most of a compilation is Qt's headers. Off by default, so that the plain build shows a missing include.
+# Saves most of the build time, which goes into Qt's headers. Off by default, so that a missing include is an error.
 option(ZARVO_PCH "Precompile the headers that nearly every file needs" OFF)
 
 find_program(ZARVO_CCACHE ccache)
 if(ZARVO_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    # Without this it would leave alone what uses a precompiled header.
+    # Without this ccache would not cache files that use a precompiled header.
     set(CMAKE_CXX_COMPILER_LAUNCHER
         "${CMAKE_COMMAND}" -E env CCACHE_SLOPPINESS=pch_defines,time_macros "${ZARVO_CCACHE}")
 endif()
@@ -58,7 +58,7 @@ endif()
 # Includes are written from the root of the project.
 include_directories("${PROJECT_SOURCE_DIR}")
 
-# zarvo_precompile(TARGET HEADERS...): makes a target whose precompiled headers others reuse.
+# zarvo_precompile(TARGET HEADERS...): a target whose precompiled headers others reuse.
 function(zarvo_precompile name)
     if(NOT ZARVO_PCH)
         return()
@@ -70,14 +70,14 @@ function(zarvo_precompile name)
     target_precompile_headers(${name} PRIVATE ${ARGN})
 endfunction()
 
-# zarvo_reuse(TARGET FROM): compiles the target with the headers of zarvo_precompile(FROM).
+# zarvo_reuse(TARGET FROM): compiles TARGET with the headers of zarvo_precompile(FROM).
 function(zarvo_reuse name from)
     if(ZARVO_PCH)
         target_precompile_headers(${name} REUSE_FROM ${from})
     endif()
 endfunction()
 
-# zarvo_library(NAME SOURCES... [LINK targets...]): a static library for one folder.
+# zarvo_library(NAME SOURCES... [LINK targets...]): the static library of a folder.
 function(zarvo_library name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     add_library(${name} STATIC ${ARG_SOURCES})
@@ -85,7 +85,7 @@ function(zarvo_library name)
     zarvo_reuse(${name} zarvo_headers)
 endfunction()
 
-# zarvo_program(NAME FOLDER SOURCES... LINK...): an executable that is put into <build>/<FOLDER>.
+# zarvo_program(NAME FOLDER SOURCES... LINK...): an executable in <build>/<FOLDER>.
 function(zarvo_program name folder)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})

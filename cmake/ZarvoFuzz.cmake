@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: MIT
-# Two ways to run the same targets. With a compiler that is told to instrument for it, each becomes a program of the
-# fuzzer. With the address sanitizer alone all of them together become one program, and CTest runs it on the kept
-# inputs and on a fixed number of changed ones: the same ones every time.
+# Two ways to run the same targets. If ZARVO_SANITIZE contains "fuzzer", each target is a program that looks for new
+# inputs. With the address sanitizer alone one program has all targets, and CTest replays the kept inputs and a fixed
+# number of changed ones, the same ones every time.
 
-# zarvo_fuzz_support(SOURCES files... LINK targets...): what all targets share.
+# zarvo_fuzz_support(SOURCES files... LINK targets...): the code that all targets share.
 function(zarvo_fuzz_support)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     zarvo_library(fuzz_support SOURCES ${ARG_SOURCES} LINK ${ARG_LINK})
@@ -16,7 +16,7 @@ endfunction()
 
 # zarvo_fuzz(NAME REPLAYS count [SOURCES files...] [LINK targets...] [OPTIONS link options...])
 #
-# The target in fuzz_NAME.cpp, with dict/NAME.dict and corpus/NAME/. REPLAYS: how many changed inputs CTest tries.
+# The target in fuzz_NAME.cpp, with dict/NAME.dict and corpus/NAME/. REPLAYS is the number of changed inputs for CTest.
 function(zarvo_fuzz name)
     cmake_parse_arguments(ARG "" "REPLAYS" "SOURCES;LINK;OPTIONS" ${ARGN})
     if(ZARVO_SANITIZE MATCHES "fuzzer")

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: MIT
-# The target Qt6::Test gives each program the names of its folders as macros, and then no two could share precompiled
-# headers; nothing here asks for them.
+# Does not link Qt6::Test itself: that target defines macros with the folders of each program, so no two programs could
+# share precompiled headers. No test needs the macros.
 function(zarvo_use_qt_test target)
     target_include_directories(${target} SYSTEM PRIVATE $<TARGET_PROPERTY:Qt6::Test,INTERFACE_INCLUDE_DIRECTORIES>)
     target_link_libraries(${target} PRIVATE $<TARGET_LINKER_FILE:Qt6::Test>)
@@ -8,9 +8,9 @@ endfunction()
 
 # zarvo_tests(FOLDER SOURCES tst_a.cpp tst_b.cpp... LINK targets...)
 #
-# One test program per folder: linking Qt once per class costs minutes on a small machine. Every
-# source defines one test class and names it with ZARVO_TEST(Class) from tests/testmain.h; each class is a
-# CTest test of its own, so that they run side by side and fail by name.
+# One test program per folder, because linking one per class takes minutes on a small machine. Each source defines one
+# test class and registers it with ZARVO_TEST(Class) from tests/testmain.h. Each class is a test of its own for CTest, so
+# that classes run in parallel and a failure has a name.
 function(zarvo_tests folder)
     cmake_parse_arguments(ARG "" "" "SOURCES;LINK" ${ARGN})
     set(program tst_${folder})

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 // Linked into every program that is built for the thread sanitizer.
 //
-// QProcess makes children that share our memory until they run their program. What the sanitizer notes of a new
-// process, that it has but one thread, is noted of ours then, and from the first child on it takes our threads for dead
-// and finds nothing any more. So they get a copy of the memory instead, which costs time and nothing else.
+// A child of QProcess shares our memory until it runs its program. The sanitizer notes that a new process has one
+// thread only, and because of the shared memory it then believes the same of us: after the first child it finds nothing
+// more. So children get a copy of the memory instead, which only costs time.
 #include <cstdarg>
 
 #include <dlfcn.h>
