@@ -23,7 +23,7 @@ Makers &makers()
 
 int runClass(const QString &name, int argc, char **argv)
 {
-    // Qt's own handler asks a debugger for the stack, again and again when the handler crashes in its turn.
+    // Qt's own handler gets the stack from a debugger. If the handler itself crashes, it does so again and again.
     std::string noCrashHandler = "-nocrashhandler";
     std::vector<char *> arguments(argv, argv + argc);
     arguments.push_back(noCrashHandler.data());
@@ -39,7 +39,7 @@ bool addTestClass(const char *sourceFile, std::function<QObject *()> make)
     return true;
 }
 
-// Usage: PROGRAM [TEST [Qt Test arguments]]: one class, or all of them in order of their names.
+// Usage: PROGRAM [TEST [Qt Test arguments]]. Runs one class, or all of them in order of their names.
 int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);

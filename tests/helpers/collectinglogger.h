@@ -7,8 +7,8 @@
 #include <QStringList>
 
 /**
- * Is the process's logger while it lives and keeps every line as "Level: text". Made on the main thread before
- * other threads log; everything else is callable from any thread.
+ * The installed logger as long as it exists. Keeps every line as "Level: text". Made on the main thread before other
+ * threads log; all other functions are callable from any thread.
  */
 class CollectingLogger final : public Logging
 {
@@ -27,7 +27,7 @@ public:
         collected.append(levelName(level) + QStringLiteral(": ") + text);
     }
 
-    /** What was logged since the last call. */
+    /** Returns the lines since the last call. */
     [[nodiscard]] QStringList takeLines()
     {
         const QMutexLocker locker(&mutex);

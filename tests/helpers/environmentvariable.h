@@ -6,11 +6,11 @@
 
 #include <optional>
 
-/** Gives an environment variable another value for as long as it lives. Used on the main thread. */
+/** Changes an environment variable and restores it when it is destroyed. Used on the main thread. */
 class EnvironmentVariable final
 {
 public:
-    /** Without a value the variable is unset. */
+    /** Without a value it unsets the variable. */
     explicit EnvironmentVariable(const QByteArray &name_, const std::optional<QByteArray> &value = std::nullopt)
         : name(name_)
     {

@@ -12,7 +12,7 @@
  * Small file helpers of the tests.
  */
 
-/** Puts the content in place in one step, so that nobody ever reads half of it. */
+/** Writes a file and puts it in place in one step, so that a reader never sees half of it. */
 inline void putFile(const QString &path, const QByteArray &content)
 {
     const QString temporary = path + QStringLiteral(".new");
@@ -23,7 +23,7 @@ inline void putFile(const QString &path, const QByteArray &content)
     }
 }
 
-/** The content of a file; a null array when it cannot be read. */
+/** The content of a file; a null array if it cannot be read. */
 [[nodiscard]] inline QByteArray contentOf(const QString &path)
 {
     QFile file(path);
@@ -34,14 +34,14 @@ inline void putFile(const QString &path, const QByteArray &content)
     return content.isNull() ? QByteArray("") : content;
 }
 
-/** The permission bits of a file; -1 when there is none. */
+/** The permission bits of a file; -1 if there is none. */
 [[nodiscard]] inline int modeOf(const QString &path)
 {
     struct stat status = {};
     return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? static_cast<int>(status.st_mode & 07777) : -1;
 }
 
-/** Waits until a file is there; what puts it there does so in one step. */
+/** Waits until a file exists. It is whole then if it was put in place in one step. */
 [[nodiscard]] inline bool waitForFile(const QString &path)
 {
     return QTest::qWaitFor([&path] { return QFile::exists(path); }, 20000);

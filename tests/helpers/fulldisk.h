@@ -5,7 +5,7 @@
 
 #include <sys/resource.h>
 
-/** While it lives, no file of this process can grow, as on a full disk. */
+/** While it exists, no file of this process can grow, as on a full disk. */
 class FullDisk final
 {
 public:

@@ -11,14 +11,14 @@
 #include <unistd.h>
 
 /*
- * The other process of the tests. Says one line on standard output for each step and ends when its standard
- * input does.
+ * The other process in tests. Writes one line to standard output for each step, and ends when its standard input
+ * ends.
  *
- *   other_process lock FILE           locks the file and appends to it what comes on standard input
+ *   other_process lock FILE           locks the file and appends its standard input to it
  *   other_process single ID           asks twice whether another process holds the id
- *   other_process single-user ID UID  the same as this user; only root may
- *   other_process single-parent ID    the same, with a child process that lives on
- *   other_process single-twice ID     the same behind another application object that had the id
+ *   other_process single-user ID UID  the same as the user UID; needs root
+ *   other_process single-parent ID    the same, with a child process that goes on when this one has ended
+ *   other_process single-twice ID     the same after another application object had the id
  */
 
 namespace {
@@ -49,7 +49,7 @@ int holdFileLock(const char *path)
     return file.flush() ? 0 : 1;
 }
 
-/** A child that stays when this process is killed. */
+/** Starts a child that goes on when this process is killed. */
 void startChild()
 {
     const pid_t child = ::fork();

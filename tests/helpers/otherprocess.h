@@ -5,21 +5,21 @@
 #include <QProcess>
 #include <QStringList>
 
-/** The test's end of a process as described in main_otherprocess.cpp. Used on the main thread. */
+/** Runs the program of main_otherprocess.cpp. Used on the main thread. */
 class OtherProcess final
 {
 public:
-    /** Starts it; @p temporaryPath, if not empty, is its directory for temporary files. */
+    /** Starts the program. @p temporaryPath, if not empty, is its temporary directory. */
     explicit OtherProcess(const QStringList &arguments, const QString &temporaryPath = QString());
     ~OtherProcess();
     Q_DISABLE_COPY_MOVE(OtherProcess)
 
-    /** Its next line, without the line end; null when it has ended or says nothing for too long. */
+    /** The next line of its output, without the line end; null after its end or a timeout. */
     [[nodiscard]] QByteArray nextLine();
     void send(const QByteArray &bytes);
-    /** Ends its standard input and waits for its end. */
+    /** Closes its standard input and waits for its end. */
     [[nodiscard]] bool finish();
-    /** Kills it and waits for its end. */
+    /** Kills the program and waits for its end. */
     [[nodiscard]] bool kill();
 
 private:

@@ -16,9 +16,9 @@ struct TestIdentity
 
 /**
  * Makes a self-signed certificate with the "openssl" program in @p dir, as the files NAME.cert and NAME.key. Blocks
- * for as long as that takes.
+ * until the program has ended.
  *
- * @param keyOf  the name of an earlier one whose key is used; empty: a new key
+ * @param keyOf     the name of an earlier identity whose key is used; empty: a new key
  * @param identity  set only on success
  */
 [[nodiscard]] bool makeTestIdentity(const QTemporaryDir &dir, const QString &name, const QString &keyOf,
