@@ -19,7 +19,7 @@ enum class FileReading { Done, Missing, Failed };
 
 /**
  * Like readFile(), but returns Missing when there is no file. The open call itself tells this: a separate check would
- * be a race with whoever writes and removes the file. @p error is set for Missing as well.
+ * be a race with the process that writes and removes the file. @p error is set for Missing as well.
  */
 [[nodiscard]] FileReading readFileIfThere(const QString &path, int maxSize, QByteArray *data, QString *error);
 

@@ -88,7 +88,7 @@ void TestAnnouncement::decorationIsIgnored_data()
     QTest::newRow("other order") << "{\"User\":\"alice\",\"Port\":40123,\"Method\":\"HELLO\"}"_ba;
     QTest::newRow("more members")
         << "{\"A\":[{}],\"Method\":\"HELLO\",\"Port\":40123,\"User\":\"alice\",\"Z\":null}"_ba;
-    QTest::newRow("text behind") << kExample + "and more";
+    QTest::newRow("text after it") << kExample + "and more";
     QTest::newRow("comment") << "/* a */" + kExample;
     QTest::newRow("escaped") << "{\"Method\":\"\\u0048ELLO\",\"Port\":40123,\"User\":\"\\u0061lice\"}"_ba;
     QTest::newRow("largest datagram") << kExample + QByteArray(65507 - kExample.size(), ' ');

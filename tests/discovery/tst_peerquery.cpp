@@ -91,18 +91,19 @@ void TestPeerQuery::sessionsAreRead_data()
     QTest::newRow("in their order") << answer(R"("result":[{"id":"b"},{"id":"a"},{"id":"b"}])")
                                     << QStringList{u"b"_s, u"a"_s, u"b"_s};
     QTest::newRow("no members") << answer(R"("result":[{}])") << QStringList{u""_s};
-    QTest::newRow("odd ones are skipped")
+    QTest::newRow("invalid ones are skipped")
         << answer(R"("result":[null,1,"a",true,[],[{"id":"x"}],{"id":"a"},{"id":1},{"id":"x","name":null},{"id":"b"}])")
         << QStringList{u"a"_s, u"b"_s};
     QTest::newRow("more members") << answer(R"("error":null,"result":[{"id":"a","x":1}],"z":[])")
                                   << QStringList{u"a"_s};
-    QTest::newRow("bytes behind") << answer(R"("result":[{"id":"a"}])") + "nonsense" << QStringList{u"a"_s};
+    QTest::newRow("bytes after it") << answer(R"("result":[{"id":"a"}])") + "nonsense" << QStringList{u"a"_s};
     QTest::newRow("leading zeros") << "0" + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
     QTest::newRow("invalid UTF-8") << answer("\"result\":[{\"id\":\"a\xff\"}]") << QStringList{u"a\uFFFD"_s};
     // A peer pushes changes to all its clients. We are one of them until it has answered.
     const QByteArray change = encodeNetString(R"({"jsonrpc":"2.0","method":"UpdateSessions","params":[{"id":"x"}]})");
-    QTest::newRow("behind a notification") << change + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
-    QTest::newRow("behind many") << change.repeated(5000) + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
+    QTest::newRow("after a notification") << change + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
+    QTest::newRow("after many notifications")
+        << change.repeated(5000) + answer(R"("result":[{"id":"a"}])") << QStringList{u"a"_s};
     const QByteArray head = R"({"id":"ServerUpdate","jsonrpc":"2.0","result":[],"x":")";
     QTest::newRow("largest frame") << encodeNetString(head + QByteArray(65536 - head.size() - 2, 'x') + "\"}")
                                    << QStringList();
@@ -169,7 +170,7 @@ void TestPeerQuery::refusedAnswersLeaveTheListUnchanged_data()
         QTest::newRow(name) << encodeNetString(text) << invalid;
     };
     json("nothing", "");
-    json("no JSON", "no JSON");
+    json("not JSON", "no JSON");
     json("cut", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":[])");
     json("trailing comma", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":[],})");
     json("trailing comma in the list", R"({"id":"ServerUpdate","jsonrpc":"2.0","result":[{"id":"a"},]})");
@@ -213,7 +214,7 @@ void TestPeerQuery::refusedAnswersLeaveTheListUnchanged_data()
     failed("error", R"({"code":-32094,"message":"No session exists with the given id."})",
            u"No session exists with the given id."_s);
     failed("error with placeholders", R"({"code":0,"message":"%1 %2 %3","data":[]})", u"%1 %2 %3"_s);
-    failed("error without words", R"({"code":1,"message":""})", u""_s);
+    failed("error with an empty message", R"({"code":1,"message":""})", u""_s);
     const QString length = u"Invalid NetString length"_s;
     for (const char *bytes : {"65537:", "99999999999999999999:", "123456", ":", "a:", "-1:", "+1:a,", "nonsense"}) {
         QTest::newRow(bytes) << QByteArray(bytes) << length;

@@ -96,8 +96,8 @@ void TestHandler::payloadIsAnsweredToTheByte_data()
         << R"({"jsonrpc":"2.0","method":"echo","id":1,"more":[]})"_ba << success("1", "null");
     QTest::newRow("comments") << "/* a */ {\"jsonrpc\":\"2.0\", // b\n\"method\":\"echo\",\"id\":1}"_ba
                               << success("1", "null");
-    QTest::newRow("something behind") << R"({"jsonrpc":"2.0","method":"echo","id":1} {"jsonrpc")"_ba
-                                      << success("1", "null");
+    QTest::newRow("something after it") << R"({"jsonrpc":"2.0","method":"echo","id":1} {"jsonrpc")"_ba
+                                        << success("1", "null");
 
     // Failure and notifications.
     QTest::newRow("failing method") << R"({"jsonrpc":"2.0","method":"fail","id":"x"})"_ba << failure("\"x\"");

@@ -189,9 +189,9 @@ void TestHandlerFrames::framingErrorIsLoggedAndClosesTheDevice_data()
     QTest::newRow("leading zeros in pieces") << QByteArrayList{"00001", "2"} << badLength;
     QTest::newRow("one byte too long") << QByteArrayList{"65537:"} << badLength;
     QTest::newRow("another protocol") << QByteArrayList{"GET / HTTP/1.1\r\n\r\n"} << badLength;
-    QTest::newRow("other byte for the comma") << QByteArrayList{"3:abcX"} << noComma;
-    QTest::newRow("other byte for the comma, by itself") << QByteArrayList{"3:abc", "X"} << noComma;
-    QTest::newRow("line feed behind the payload") << QByteArrayList{"3:abc\n,"} << noComma;
+    QTest::newRow("another byte instead of the comma") << QByteArrayList{"3:abcX"} << noComma;
+    QTest::newRow("another byte instead of the comma, alone") << QByteArrayList{"3:abc", "X"} << noComma;
+    QTest::newRow("line feed after the payload") << QByteArrayList{"3:abc\n,"} << noComma;
 }
 
 void TestHandlerFrames::framingErrorIsLoggedAndClosesTheDevice()

@@ -75,12 +75,12 @@ void TestNetString::frameIsRemovedFromTheFront_data()
     QTest::newRow("empty payload") << "0:,"_ba << QByteArray("") << QByteArray("");
     QTest::newRow("hello") << "5:hello,"_ba
                            << "hello"_ba << QByteArray("");
-    QTest::newRow("another frame behind") << "5:hello,5:world,"_ba
-                                          << "hello"_ba
-                                          << "5:world,"_ba;
-    QTest::newRow("junk behind") << "5:hello,junk"_ba
-                                 << "hello"_ba
-                                 << "junk"_ba;
+    QTest::newRow("another frame after it") << "5:hello,5:world,"_ba
+                                            << "hello"_ba
+                                            << "5:world,"_ba;
+    QTest::newRow("junk after it") << "5:hello,junk"_ba
+                                   << "hello"_ba
+                                   << "junk"_ba;
     QTest::newRow("comma in the payload") << "3:,,,,"_ba
                                           << ",,,"_ba << QByteArray("");
     QTest::newRow("colon in the payload") << "3::::,"_ba
@@ -93,7 +93,7 @@ void TestNetString::frameIsRemovedFromTheFront_data()
                                               << "hello"_ba << QByteArray("");
     QTest::newRow("65535 bytes") << frame("65535", 65535) << fill(65535) << QByteArray("");
     QTest::newRow("65536 bytes") << frame("65536", 65536) << fill(65536) << QByteArray("");
-    QTest::newRow("65536 bytes and more behind")
+    QTest::newRow("65536 bytes and more after it")
         << QByteArray(frame("65536", 65536) + "1:a") << fill(65536) << "1:a"_ba;
     QTest::newRow("65536 bytes with a leading zero") << frame("065536", 65536) << fill(65536) << QByteArray("");
 }
@@ -158,20 +158,20 @@ void TestNetString::invalidFrameIsRefused_data()
     QTest::newRow("no length") << ":hello,"_ba << kBadLength;
     QTest::newRow("letters") << "abc:"_ba << kBadLength;
     QTest::newRow("hexadecimal digits") << "0x1:a,"_ba << kBadLength;
-    QTest::newRow("letter behind") << "5a:hello,"_ba << kBadLength;
+    QTest::newRow("letter after it") << "5a:hello,"_ba << kBadLength;
     QTest::newRow("letter before") << "a5:hello,"_ba << kBadLength;
     QTest::newRow("minus") << "-1:a,"_ba << kBadLength;
     QTest::newRow("minus zero") << "-0:,"_ba << kBadLength;
     QTest::newRow("plus") << "+5:hello,"_ba << kBadLength;
     QTest::newRow("fraction") << "5.0:hello,"_ba << kBadLength;
-    QTest::newRow("blank behind") << "5 :hello,"_ba << kBadLength;
+    QTest::newRow("blank after it") << "5 :hello,"_ba << kBadLength;
     QTest::newRow("blank in between") << "1 1:hello world,"_ba << kBadLength;
     QTest::newRow("blanks alone") << "  :"_ba << kBadLength;
     QTest::newRow("blank and plus") << " +5:hello,"_ba << kBadLength;
-    QTest::newRow("NUL behind") << QByteArray("5\0:hello,", 9) << kBadLength;
+    QTest::newRow("NUL after it") << QByteArray("5\0:hello,", 9) << kBadLength;
     QTest::newRow("NUL before") << QByteArray("\0005:hello,", 9) << kBadLength;
-    QTest::newRow("other byte for the comma") << "3:abcX"_ba << kNoComma;
-    QTest::newRow("colon for the comma") << "3:abc:"_ba << kNoComma;
+    QTest::newRow("another byte instead of the comma") << "3:abcX"_ba << kNoComma;
+    QTest::newRow("colon instead of the comma") << "3:abc:"_ba << kNoComma;
     QTest::newRow("no comma before the next frame") << "5:hello5:world,"_ba << kNoComma;
     QTest::newRow("empty payload without comma") << "0:x"_ba << kNoComma;
     QTest::newRow("length one too small") << "4:hello,"_ba << kNoComma;

@@ -160,7 +160,7 @@ void TestQtSingleCoreApplication::idsDoNotDisturbEachOther()
 void TestQtSingleCoreApplication::idIsFreeAfterTheEndOfItsProcess_data()
 {
     QTest::addColumn<bool>("killed");
-    QTest::newRow("by itself") << false;
+    QTest::newRow("alone") << false;
     QTest::newRow("by SIGKILL") << true;
 }
 

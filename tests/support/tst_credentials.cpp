@@ -94,11 +94,11 @@ void TestCredentials::certificateIsLoadedFromTheFirstMegabyte_data()
     const QByteArray certificate = made(u"cert"_s);
     QTest::newRow("alone") << certificate;
     QTest::newRow("text before") << QByteArray("some text\n" + certificate);
-    QTest::newRow("behind its key") << QByteArray(made(u"key"_s) + certificate);
+    QTest::newRow("after its key") << QByteArray(made(u"key"_s) + certificate);
     QTest::newRow("before another one") << QByteArray(certificate + made(u"cert2"_s));
     QTest::newRow("at the start of two megabytes") << QByteArray(certificate + QByteArray(2 * kMegabyte, '#'));
     QTest::newRow("ends one byte before the limit") << endingAt(kMegabyte - 1, certificate);
-    QTest::newRow("ends at the limit, with more behind")
+    QTest::newRow("ends at the limit, with more after it")
         << QByteArray(endingAt(kMegabyte, certificate) + QByteArray(kMegabyte, '#'));
 }
 
@@ -123,7 +123,7 @@ void TestCredentials::fileWithoutACertificateIsRefused_data()
     QTest::newRow("half of one") << certificate.first(certificate.size() / 2);
     QTest::newRow("not PEM") << made(u"der"_s);
     QTest::newRow("cut by the limit") << endingAt(kMegabyte + 10, certificate);
-    QTest::newRow("behind the limit") << endingAt(2 * kMegabyte, certificate);
+    QTest::newRow("after the limit") << endingAt(2 * kMegabyte, certificate);
 }
 
 void TestCredentials::fileWithoutACertificateIsRefused()
@@ -155,7 +155,7 @@ void TestCredentials::keyIsLoadedFromTheFirstMegabyte_data()
     QTest::newRow("PKCS #1") << made(u"pkcs1"_s);
     QTest::newRow("before its certificate") << QByteArray(key + made(u"cert"_s));
     QTest::newRow("at the start of two megabytes") << QByteArray(key + QByteArray(2 * kMegabyte, '#'));
-    QTest::newRow("ends at the limit, with more behind")
+    QTest::newRow("ends at the limit, with more after it")
         << QByteArray(endingAt(kMegabyte, key) + QByteArray(kMegabyte, '#'));
 }
 
@@ -186,7 +186,7 @@ void TestCredentials::fileWithoutAUsableKeyIsRefused_data()
     QTest::newRow("PKCS #1 with a pass phrase") << made(u"encrypted1"_s);
     QTest::newRow("half of one") << key.first(key.size() / 2);
     QTest::newRow("cut by the limit") << endingAt(kMegabyte + 10, key);
-    QTest::newRow("behind the limit") << endingAt(2 * kMegabyte, key);
+    QTest::newRow("after the limit") << endingAt(2 * kMegabyte, key);
 }
 
 void TestCredentials::fileWithoutAUsableKeyIsRefused()

@@ -59,12 +59,12 @@ void TestJson::firstValueIsParsed_data()
                                    << "[1,2]\n"_ba;
     QTest::newRow("line comment") << "// a\n[1 // b\n]"_ba
                                   << "[1]\n"_ba;
-    QTest::newRow("comment behind") << "[1] // a"_ba
-                                    << "[1]\n"_ba;
-    QTest::newRow("second value behind") << "{\"a\":1}{\"b\":2}"_ba
-                                         << "{\"a\":1}\n"_ba;
-    QTest::newRow("junk behind") << "[1] ]x\xff"_ba
-                                 << "[1]\n"_ba;
+    QTest::newRow("comment after it") << "[1] // a"_ba
+                                      << "[1]\n"_ba;
+    QTest::newRow("second value after it") << "{\"a\":1}{\"b\":2}"_ba
+                                           << "{\"a\":1}\n"_ba;
+    QTest::newRow("junk after it") << "[1] ]x\xff"_ba
+                                   << "[1]\n"_ba;
     QTest::newRow("escapes") << R"("\u00e4\n\"\\\/")"_ba << QByteArray("\"\xc3\xa4\\n\\\"\\\\/\"\n");
     QTest::newRow("surrogates") << R"("\ud83d\ude00")"_ba << QByteArray("\"\xf0\x9f\x98\x80\"\n");
     QTest::newRow("as deep as it goes") << nested(kMaxDepth) << QByteArray(nested(kMaxDepth) + '\n');

@@ -49,7 +49,7 @@ void TestPathTemplate::onlyPlaceholdersAreReplaced_data()
     QTest::newRow("the same one twice") << u"@USER@|@USER@"_s << u"anna|anna"_s;
     QTest::newRow("shared delimiter: the first wins") << u"@USER@HOME@"_s << u"annaHOME@"_s;
     QTest::newRow("delimiter before") << u"@@USER@"_s << u"@anna"_s;
-    QTest::newRow("delimiter behind") << u"@USER@@"_s << u"anna@"_s;
+    QTest::newRow("delimiter after it") << u"@USER@@"_s << u"anna@"_s;
     QTest::newRow("lower case") << u"@home@/@user@"_s << u"@home@/@user@"_s;
     QTest::newRow("first letter in lower case") << u"@uSER@"_s << u"@uSER@"_s;
     QTest::newRow("no end") << u"@USER"_s << u"@USER"_s;
