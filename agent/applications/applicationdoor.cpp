@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::chrono::seconds kDeadline(5);
 
-// One connection, from its acceptance to its end. Deletes itself.
+/** One connection of start-app, from accept to close. Deletes itself. */
 class CommandReader final : public QObject
 {
 public:
@@ -34,7 +34,7 @@ public:
 
     ~CommandReader() override
     {
-        socket.disconnect(this); // it closes itself when most of us is gone already
+        socket.disconnect(this); // its destructor closes it, and our slots must not run then
     }
 
 private:

@@ -9,26 +9,24 @@
 #include <functional>
 
 /*
- * How a command line comes from start-app to the agent, over a socket in the session directory: the command line, a
- * NUL, and in return "ok" or a sentence that says what went wrong, up to the end of the stream.
+ * How start-app sends a command line to the agent, over a socket in the session directory: the command line, then a
+ * NUL. The agent answers "ok" or a sentence that says what went wrong, and closes the connection.
  */
 inline constexpr qsizetype kMaxCommandBytes = 64 * 1024;
 inline constexpr qsizetype kMaxAnswerBytes = 4 * 1024;
 inline constexpr char kCommandEnd = '\0';
 inline constexpr char kCommandAccepted[] = "ok";
 
-/**
- * Takes the command lines of applications from start-app. Owned by the agent, lives on the main thread.
- */
+/** Takes command lines from start-app. Owned by the agent, lives on the main thread. */
 class ApplicationDoor final : public QObject
 {
     Q_OBJECT
 
 public:
-    /** Starts an application; false with a sentence in @p error when that fails. */
+    /** Starts an application. @param error  set only on failure: one sentence */
     using Start = std::function<bool(const QByteArray &commandLine, QString *error)>;
 
-    /** Connections at one time; a further one is closed unseen. */
+    /** Connections at one time; one more is closed before anything is read. */
     static constexpr int kMaxConnections = 16;
 
     explicit ApplicationDoor(Start start, QObject *parent = nullptr);

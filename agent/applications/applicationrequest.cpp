@@ -26,7 +26,7 @@ ApplicationRequest::ApplicationRequest(QObject *parent)
 
 ApplicationRequest::~ApplicationRequest()
 {
-    socket.disconnect(this); // it closes itself when most of us is gone already
+    socket.disconnect(this); // its destructor closes it, and our slots must not run then
 }
 
 void ApplicationRequest::send(const QString &path, const QByteArray &commandLine)

@@ -8,8 +8,8 @@
 #include <QTimer>
 
 /**
- * The other side of ApplicationDoor: hands one command line to the agent of a session. Owned by start-app's main
- * function; used once.
+ * The client of ApplicationDoor: sends one command line to the agent of a session. Owned by start-app's main function,
+ * used once.
  */
 class ApplicationRequest final : public QObject
 {
@@ -20,12 +20,12 @@ public:
     ~ApplicationRequest() override;
 
     /**
-     * Sends @p commandLine to the agent that listens at @p path. finished() follows, from the event loop, within 10 s.
+     * Sends @p commandLine to the agent that listens at @p path. finished() follows within 10 s, from the event loop.
      */
     void send(const QString &path, const QByteArray &commandLine);
 
 signals:
-    /** @p error is empty when the agent has started the application, else one sentence. */
+    /** @p error is empty when the agent has started the application. Otherwise it is one sentence. */
     void finished(const QString &error);
 
 private:

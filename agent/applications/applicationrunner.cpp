@@ -28,7 +28,7 @@ bool ApplicationRunner::run(const QByteArray &commandLine, QString *error)
 
 pid_t ApplicationRunner::runProgram(const QList<QByteArray> &arguments, QString *error)
 {
-    // Opened to append: the file is emptied behind our back when the next application is about to start.
+    // Opened to append, because the server empties the file when it is about to start an application.
     const int output = ::open(QFile::encodeName(settings.logPath).constData(),
                               O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
     if (output == -1) {

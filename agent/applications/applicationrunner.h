@@ -16,13 +16,13 @@ struct ApplicationSettings
 {
     QList<QByteArray> environment;
     mode_t fileCreationMask = 022;
-    QByteArray workingDirectory; ///< the user's home, not the session directory, which is removed with the session
-    QString logPath;             ///< takes their output
+    QByteArray workingDirectory; ///< the user's home, because the session directory is removed with the session
+    QString logPath;             ///< the file that takes their output
 };
 
 /**
- * Starts the applications of a session and logs how they end. It does not hold on to what they start in turn: that is
- * found among our descendants when the session ends. Owned by the agent, lives on the main thread.
+ * Starts the applications of a session and logs how they end. It keeps no list of what they start in turn: Ending finds
+ * that among our descendants. Owned by the agent, lives on the main thread.
  */
 class ApplicationRunner final : public QObject
 {
@@ -40,10 +40,11 @@ public:
     [[nodiscard]] bool run(const QByteArray &commandLine, QString *error);
 
     /**
-     * Runs the program at the path @p arguments begin with, without a shell.
+     * Runs a program without a shell.
      *
-     * @param error  set only on failure: one sentence
-     * @return its process; -1 on failure
+     * @param arguments  the path of the program, then its arguments
+     * @param error      set only on failure: one sentence
+     * @return its pid; -1 on failure
      */
     [[nodiscard]] pid_t runProgram(const QList<QByteArray> &arguments, QString *error);
 

@@ -51,7 +51,7 @@ bool ChildWatcher::start(QString *error)
         *error = u"Failed to watch child processes: %1"_s.arg(qt_error_string(errno));
         return false;
     }
-    // Ignored, as some parents leave it, it would let the kernel throw the exit codes away.
+    // Some parents leave the signal ignored, and then the kernel throws the exit codes away.
     ::signal(SIGCHLD, SIG_DFL);
     ::pthread_sigmask(SIG_BLOCK, &set, &maskBefore);
     notifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);

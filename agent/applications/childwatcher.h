@@ -12,11 +12,11 @@
 class QSocketNotifier;
 
 /**
- * Reaps every child of this process, those included that it inherits as subreaper, and says who ended. It is the one
- * place that waits for children; nothing else in the process may, the toolkit's process class included.
+ * Reaps every child of this process, also the orphans that it gets as subreaper, and says who ended. Nothing else in
+ * the process may wait for children, so QProcess must not be used.
  *
- * SIGCHLD comes through a descriptor of its own and not through the handler of the other signals: an application that
- * ends thousands of processes must not fill the queue in which a request to end the session waits.
+ * SIGCHLD comes through a descriptor of its own and not through the handler of the other signals. Otherwise an
+ * application that ends thousands of processes could fill the queue in which a request to end the session waits.
  * One per process, on the main thread, started before there is any other thread or child.
  */
 class ChildWatcher final : public QObject
@@ -31,8 +31,10 @@ public:
     [[nodiscard]] bool start(QString *error);
 
 signals:
-    /** The child @p pid ended with @p status, in the form of waitpid(). Nobody else gets its number before the
-     * receivers return. */
+    /**
+     * The child @p pid ended with @p status, in the form of waitpid(). It is reaped when the slots have returned, so no
+     * other process has its pid until then.
+     */
     void ended(pid_t pid, int status);
 
 private:

@@ -25,13 +25,13 @@ struct ProcessStat
     bool isLive = false;
 };
 
-// The file reads "pid (name) state parent ...", and the name may hold anything, parentheses included.
+/** The file reads "pid (name) state parent ...". The name may hold anything, also parentheses. */
 std::optional<ProcessStat> readStat(const QString &pid)
 {
     QByteArray text;
     QString error;
     if (!readFile(u"/proc/%1/stat"_s.arg(pid), kMaxStatBytes, &text, &error)) {
-        return std::nullopt; // ended since it was listed
+        return std::nullopt; // the process has ended since it was listed
     }
     const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
     if (fields.size() < 2) {

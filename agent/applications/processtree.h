@@ -8,21 +8,21 @@
 #include <sys/types.h>
 
 /**
- * The live descendants of @p root, children before grandchildren, without @p root itself. Processes that have ended and
- * wait to be reaped are left out.
+ * The live descendants of @p root, children before grandchildren, without @p root itself. Zombies are left out.
  *
  * @param except  a process to leave out together with its own descendants; 0 for none
  */
 [[nodiscard]] QList<pid_t> liveDescendants(pid_t root, pid_t except);
 
-/** The live children of this process alone, its orphaned descendants included if it is a subreaper. */
+/** The live children of this process. For a subreaper these include its orphaned descendants. */
 [[nodiscard]] QSet<pid_t> liveChildren();
 
 /** Sends the signal @p number to each of @p processes. */
 void signalAll(const QList<pid_t> &processes, int number);
 
 /**
- * Makes this process the parent of all its descendants whose own parent ends. Its children do not inherit that.
+ * Makes this process a subreaper: the parent of all its descendants whose own parent ends. Children do not inherit
+ * that.
  *
  * @param error  set only on failure: one sentence
  */

@@ -12,14 +12,16 @@
 namespace {
 
 constexpr int kMaxLoginSettingsBytes = 256 * 1024;
-constexpr mode_t kUsualMask = 022;
+constexpr mode_t kDefaultMask = 022;
 
-// They name the bus, the session manager, the compositor, the seat and the start-up notification of another session; a
-// desktop that finds them joins that one.
+/**
+ * Variables of the session from which ours was started: its bus, session manager, compositor, seat and start-up
+ * notification. A desktop that finds them joins that session.
+ */
 constexpr std::array kForeign = {"DBUS_SESSION_BUS_ADDRESS", "DBUS_SESSION_BUS_PID", "SESSION_MANAGER",
                                  "WAYLAND_DISPLAY", "WAYLAND_SOCKET", "XDG_SESSION_ID", "XDG_SEAT", "XDG_VTNR",
                                  "DESKTOP_STARTUP_ID", "WINDOWID",
-                                 // Set anew below.
+                                 // These are set again below.
                                  "DISPLAY", "XAUTHORITY", "XDG_SESSION_TYPE"};
 
 bool isForeign(const QByteArray &variable)
@@ -54,7 +56,7 @@ mode_t userFileCreationMask(const QString &loginSettings)
     QByteArray text;
     QString error;
     if (!readFile(loginSettings, kMaxLoginSettingsBytes, &text, &error)) {
-        return kUsualMask;
+        return kDefaultMask;
     }
     for (const QByteArray &line : text.split('\n')) {
         const QList<QByteArray> words = line.simplified().split(' ');
@@ -63,7 +65,7 @@ mode_t userFileCreationMask(const QString &loginSettings)
         }
         bool isOctal = false;
         const uint mask = words[1].toUInt(&isOctal, 8);
-        return isOctal && mask <= 0777 ? static_cast<mode_t>(mask) : kUsualMask;
+        return isOctal && mask <= 0777 ? static_cast<mode_t>(mask) : kDefaultMask;
     }
-    return kUsualMask;
+    return kDefaultMask;
 }

@@ -7,12 +7,12 @@
 
 #include <sys/types.h>
 
-/** Our own environment, "NAME=value" each. */
+/** Our own environment, each variable as "NAME=value". */
 [[nodiscard]] QList<QByteArray> currentEnvironment();
 
 /**
- * The environment of a session's applications: @p base with the display and its authority in it, and without what
- * belongs to the login that happened to start the session.
+ * The environment of a session's applications: @p base with the display and its authority, and without what belongs to
+ * the login that the session was started from.
  *
  * @param authorityPath  absolute
  */
@@ -20,7 +20,7 @@
                                                        const QString &authorityPath);
 
 /**
- * The file-creation mask that a login gives the user, as the file at @p loginSettings says; 022 when it does not. Our
- * own mask is no guide: it keeps the session's files private.
+ * The file-creation mask that a login gives the user, as the file at @p loginSettings says; 022 when it does not say.
+ * Our own mask does not count, because it keeps the session's files private.
  */
 [[nodiscard]] mode_t userFileCreationMask(const QString &loginSettings = QStringLiteral("/etc/login.defs"));

@@ -27,13 +27,13 @@ std::vector<char *> pointersTo(const QList<QByteArray> &texts)
     return pointers;
 }
 
-// Everything from here to runChild() runs between fork() and exec(), where only functions that are safe in a signal
-// handler may be called: other threads may have held any lock, the allocator's included.
+// Everything from here to runChild() runs between fork() and exec(). Only functions that are safe in a signal handler
+// may be called there, because another thread may have held any lock at the fork, also the allocator's.
 
 void resetSignals()
 {
-    // Ignored signals stay ignored in a new program. An X server that finds SIGUSR1 ignored signals its parent when it
-    // is ready, which to us would be a request for a password.
+    // Ignored signals stay ignored in a new program. An X server that finds SIGUSR1 ignored sends it to its parent when
+    // it is ready, and to us that is a request for a password.
     struct sigaction action = {};
     action.sa_handler = SIG_DFL;
     for (int number = 1; number < NSIG; ++number) {
@@ -71,7 +71,7 @@ void writeText(const char *text)
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     resetSignals();
     if (::getppid() != parent) {
-        ::_exit(kProgramNotRun); // it died before the line above
+        ::_exit(kProgramNotRun); // the parent died before prctl(), so no signal will come
     }
     ::setsid();
     arrangeDescriptors(request);
@@ -94,7 +94,7 @@ pid_t spawnProcess(const SpawnRequest &request, QString *error)
     const std::vector<char *> environment = pointersTo(request.environment);
     const pid_t parent = ::getpid();
 
-    // Until its handlers are reset, a signal to the child would be reported as one to us.
+    // Blocked until the child has reset its handlers: until then they would report a signal to the child as one to us.
     sigset_t all;
     sigset_t before;
     ::sigfillset(&all);

@@ -12,27 +12,31 @@ struct SpawnRequest
 {
     QByteArray program;            ///< path of the file to run
     QList<QByteArray> arguments;   ///< the name that the program sees as its own, then its arguments
-    QList<QByteArray> environment; ///< "NAME=value" each
-    int output = -1;               ///< its standard output and error; -1: nowhere
-    int inheritedAsThree = -1;     ///< a descriptor that it finds as number 3; -1: none
+    QList<QByteArray> environment; ///< each variable as "NAME=value"
+    int output = -1;               ///< its standard output and error; -1: /dev/null
+    int inheritedAsThree = -1;     ///< a descriptor that it gets as number 3; -1: none
     mode_t fileCreationMask = 077;
-    QByteArray workingDirectory; ///< empty, or not there: ours
+    QByteArray workingDirectory; ///< when empty or missing, ours
 };
 
 /**
- * Starts a child in a session of its own, with default signal handling, standard input from nowhere and no descriptor
- * but those of the request. The child gets SIGTERM when we die, however that happens. Does not wait for the
- * program to be loaded: when that fails, the child says so on its output and ends with exit code 127.
+ * Starts a child in a session of its own, with default signal handling, /dev/null as standard input and no descriptor
+ * but those of the request. The child gets SIGTERM when we die, however that happens. Does not wait until the program
+ * is loaded: when that fails, the child says so on its output and ends with exit code 127.
  *
- * Main thread only, for "when we die" means this thread.
+ * Main thread only, because the child gets its SIGTERM when the thread that started it ends.
  *
  * @param error  set only on failure: one sentence
- * @return the process's id, to be reaped by the ChildWatcher; -1 on failure
+ * @return the pid, which ChildWatcher reaps; -1 on failure
  */
 [[nodiscard]] pid_t spawnProcess(const SpawnRequest &request, QString *error);
 
-/** The exit code 127 by which a child tells that its program could not be run. */
+/** The exit code of a child whose program could not be run; shells use the same. */
 inline constexpr int kProgramNotRun = 127;
 
-/** How a process ended, for people: "exit code 1" or "signal 9". @param status  as from waitpid() */
+/**
+ * How a process ended, as a text to log: "exit code 1" or "signal 9".
+ *
+ * @param status  as from waitpid()
+ */
 [[nodiscard]] QString exitStatusText(int status);
