@@ -4,16 +4,16 @@
 #include <QByteArray>
 #include <QString>
 
-/** What a display's authority file says about it. A value. */
+/** What an authority file holds for one display. A value. */
 struct DisplayAuthority
 {
-    QByteArray cookie;  ///< of the first entry for the display, for our own connection
-    QByteArray entries; ///< all of its entries in the file's own form, for the X server
+    QByteArray cookie;  ///< of the first entry, for our own connection
+    QByteArray entries; ///< all entries in the file's own form, for the X server
 };
 
 /**
- * Finds the MIT-MAGIC-COOKIE-1 entries of @p display in the content of an authority file. Without any, the X server
- * would let every local user in, so there is no way around this check.
+ * Finds the MIT-MAGIC-COOKIE-1 entries of @p display in the content of an authority file. The check matters, because an
+ * X server without any entry lets every local user in.
  *
  * @param authority  set only on success
  * @return false when there is none, or when the content is damaged
@@ -28,8 +28,7 @@ struct DisplayAuthority
 [[nodiscard]] bool readAuthorityFile(const QString &path, quint16 display, DisplayAuthority *authority, QString *error);
 
 /**
- * Puts @p entries into a file without a name that nobody can change any more, for an X server to read as often as it
- * likes.
+ * Puts @p entries into a file in memory that nobody can change any more. An X server can read it again and again.
  *
  * @param error  set only on failure: one sentence
  * @return a close-on-exec descriptor that the caller owns; -1 on failure

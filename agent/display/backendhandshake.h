@@ -4,15 +4,16 @@
 #include <QByteArray>
 
 /**
- * The client's side of an RFB handshake with our own X server, as bytes in and bytes out: version 3.8 and no
- * authentication, for only we can reach its socket. Ends where the client behind us goes on by itself.
+ * The client's side of an RFB handshake with our own X server, as bytes in and bytes out. It speaks version 3.8 without
+ * authentication, because only we can reach the X server's socket. It ends before ClientInit, which the viewer sends
+ * itself.
  */
 class BackendHandshake final
 {
 public:
     enum class State { Version, SecurityTypes, Result, Done, Failed };
 
-    /** Takes what belongs to the handshake from the front of @p input and leaves the rest. */
+    /** Takes the bytes of the handshake from the front of @p input and leaves the rest. */
     void receive(QByteArray *input);
 
     /** The bytes to send since the last call. */
@@ -30,6 +31,6 @@ private:
     QByteArray pendingOutput;
 };
 
-/** What an X server that is ready says first. */
+/** The first bytes that a ready X server sends. */
 inline constexpr char kBackendGreeting[] = "RFB 003.008\n";
 inline constexpr qsizetype kBackendGreetingBytes = 12;

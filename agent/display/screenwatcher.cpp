@@ -34,19 +34,19 @@ struct XcbDeleter
 
 } // namespace
 
-// Filled on the thread that connects, used on the main thread once that thread has finished.
+/** Written by the thread that connects, and read by the main thread after that thread has finished. */
 struct ScreenWatcher::Connection
 {
-    int socket = -1;      // the X library's, which closes it when it likes
-    int socketAgain = -1; // the same, to break the connection from the main thread
+    int socket = -1;          ///< libxcb's, which may close it at any time
+    int socketDuplicate = -1; ///< the same socket, with which the main thread can break the connection
     QByteArray cookie;
     std::unique_ptr<xcb_connection_t, XcbDeleter> xcb;
     xcb_window_t root = 0;
-    xcb_atom_t windowManagerCheck = XCB_ATOM_NONE; // the property by which a window manager shows itself
+    xcb_atom_t windowManagerCheck = XCB_ATOM_NONE; ///< the property that a window manager sets
     QSize size;
 
     Connection() = default;
-    ~Connection() { ::close(socketAgain); }
+    ~Connection() { ::close(socketDuplicate); }
     Q_DISABLE_COPY_MOVE(Connection)
 
     void open();
@@ -67,7 +67,7 @@ void ScreenWatcher::Connection::open()
     root = xcb_setup_roots_iterator(xcb_get_setup(xcb.get())).data->root;
     const uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY | XCB_EVENT_MASK_PROPERTY_CHANGE;
     xcb_change_window_attributes(xcb.get(), root, XCB_CW_EVENT_MASK, &events);
-    // Asked after the events are ordered: the size in the greeting may be an older one.
+    // Asked after events are selected. The size in the connection setup may be out of date, and no event would tell.
     const Malloced<xcb_get_geometry_reply_t> geometry(
         xcb_get_geometry_reply(xcb.get(), xcb_get_geometry(xcb.get(), root), nullptr));
     const QByteArray name = "_NET_SUPPORTING_WM_CHECK";
@@ -88,8 +88,8 @@ ScreenWatcher::~ScreenWatcher()
 {
     notifier.reset();
     if (thread && thread->isRunning()) {
-        // Whatever it waits for, it now reads the end of the stream.
-        ::shutdown(connection->socketAgain, SHUT_RDWR);
+        // Ends every wait of the thread, because its reads return the end of the stream.
+        ::shutdown(connection->socketDuplicate, SHUT_RDWR);
         thread->wait();
     }
 }
@@ -104,7 +104,7 @@ void ScreenWatcher::start(quint16 display, const QByteArray &cookie)
     }
     connection = std::make_unique<Connection>();
     connection->socket = socket;
-    connection->socketAgain = ::fcntl(socket, F_DUPFD_CLOEXEC, 0);
+    connection->socketDuplicate = ::fcntl(socket, F_DUPFD_CLOEXEC, 0);
     connection->cookie = cookie;
     thread.reset(QThread::create([target = connection.get()] { target->open(); }));
     connect(thread.get(), &QThread::finished, this, &ScreenWatcher::Thread_finished);
@@ -120,11 +120,13 @@ void ScreenWatcher::Thread_finished()
     notifier = std::make_unique<QSocketNotifier>(connection->socket, QSocketNotifier::Read);
     connect(notifier.get(), &QSocketNotifier::activated, this, &ScreenWatcher::takeEvents);
     emit started(connection->size);
-    // What the library read along with the answer wakes no notifier.
+    // libxcb may have read events together with the reply, and no notifier reports those.
     takeEvents();
 }
 
-// Types are compared whole: their highest bit marks what an application sent, and that may claim anything.
+/**
+ * The type is compared with its highest bit, which marks events that an application has sent: those may claim anything.
+ */
 void ScreenWatcher::takeEvent(const xcb_generic_event_t *event)
 {
     if (event->response_type == XCB_CONFIGURE_NOTIFY) {
@@ -147,6 +149,6 @@ void ScreenWatcher::takeEvents()
         takeEvent(event.get());
     }
     if (xcb_connection_has_error(xcb) != 0) {
-        notifier->setEnabled(false); // the X server is gone, which its process tells
+        notifier->setEnabled(false); // the X server is gone, and XServer reports that
     }
 }

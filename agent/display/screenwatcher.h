@@ -14,10 +14,9 @@ class QSocketNotifier;
 class QThread;
 
 /**
- * Follows what happens to a display's screen, as a client of its X server: its size, and whether a window manager looks
- * after it. The X library waits for the server's answers
- * while it connects, so that happens on a thread of its own; what comes later are events, which are
- * taken on the main thread without waiting. Owned by the agent, lives on the main thread, started at most once.
+ * Watches a display's screen as a client of its X server: the screen's size, and whether there is a window manager.
+ * libxcb blocks while it connects, so it connects on a thread of its own. Events are read on the main thread, where
+ * nothing blocks. Owned by the agent, lives on the main thread, started at most once.
  */
 class ScreenWatcher final : public QObject
 {
@@ -25,7 +24,7 @@ class ScreenWatcher final : public QObject
 
 public:
     explicit ScreenWatcher(QObject *parent = nullptr);
-    /** Breaks a connection that is still being made. Does not wait for the X server. */
+    /** Breaks off a connection attempt. Does not wait for the X server. */
     ~ScreenWatcher() override;
 
     /** Connects to the local display @p display. started() or failed() follows. */
@@ -38,7 +37,7 @@ signals:
     void failed(const QString &error);
     /** The screen has this size from now on. */
     void resized(const QSize &size);
-    /** From now on, a window manager decides on every window that appears. */
+    /** A window manager manages every window that appears from now on. */
     void windowManagerStarted();
 
 private:

@@ -13,15 +13,19 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// It needs a tenth of a second. On a machine that is busy it is worth waiting for: windows that are there before it
-// stay as they are.
+/**
+ * A window manager needs a tenth of a second. The bound is for busy machines, where waiting is worth it: the window
+ * manager does not maximise windows that are older than itself.
+ */
 constexpr auto kMaxPatience = 8s;
 
-// The server gives a session up that is not ready in 15 seconds, of which the X server may take 10.
+/** The server gives up on a session that is not ready within 15 seconds. Of these the X server may take 10. */
 constexpr auto kReadyTime = 13s;
 
-// Main windows fill the screen and have no frame. Dialogues keep theirs, so that they can be moved and closed; there is
-// one desktop, no menu, and no key that an application would not get to see.
+/**
+ * Main windows fill the screen and have no frame. Dialogs keep their frame, so that they can be moved and closed. There
+ * is one desktop and no menu, and the window manager takes no key, so applications get them all.
+ */
 constexpr char kOpenboxSettings[] = R"(<?xml version="1.0" encoding="UTF-8"?>
 <openbox_config xmlns="http://openbox.org/3.4/rc">
   <focus><focusNew>yes</focusNew><followMouse>no</followMouse></focus>

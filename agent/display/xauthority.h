@@ -27,6 +27,7 @@ class XAuthorityReader final
 {
 public:
     explicit XAuthorityReader(std::string_view content);
+    ~XAuthorityReader() = default;
     XAuthorityReader(const XAuthorityReader &) = delete;
     XAuthorityReader &operator=(const XAuthorityReader &) = delete;
 

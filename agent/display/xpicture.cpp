@@ -9,7 +9,7 @@
 
 namespace {
 
-/** The screen may get another size between asking for the size and for the picture. */
+/** An attempt fails when the screen is resized between the request for its size and the one for the picture. */
 constexpr int kAttempts = 5;
 
 struct Free
@@ -52,7 +52,7 @@ const xcb_format_t *formatOf(const xcb_setup_t &setup, std::uint8_t depth)
     return nullptr;
 }
 
-/** How the bytes of the display's pixels become colours. */
+/** Turns the bytes of the display's pixels into colours. */
 class PixelReader
 {
 public:

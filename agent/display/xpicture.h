@@ -14,8 +14,8 @@ struct Picture
 };
 
 /**
- * Takes a picture of the whole screen of an X display. Blocks for as long as the X server takes, which may be for
- * ever, so only a program that somebody else can kill may call it.
+ * Takes a picture of the whole screen of an X display. Blocks until the X server answers, which may be never, so only a
+ * program that somebody else kills after a timeout may call it.
  *
  * @param display  as in ":100"
  * @param error    set only on failure: one sentence

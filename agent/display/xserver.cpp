@@ -30,7 +30,7 @@ namespace {
 constexpr auto kProgram = "Xtigervnc"_L1;
 
 constexpr auto kProbeInterval = 3ms;
-// Shorter than anybody waits for a session to start, so that they hear the reason.
+/** Shorter than the 15 seconds for which the server waits, so that the reason is logged before it gives up. */
 constexpr auto kReadyDeadline = 10s;
 constexpr auto kEndDeadline = 5s;
 
@@ -46,19 +46,19 @@ QList<QByteArray> xServerArguments(const QByteArray &program, const XServerSetti
         program, ":" + QByteArray::number(settings.display),
         "-geometry", size.toLatin1(),
         "-depth", "24",
-        // The descriptor that the process inherits: with the file of the session directory, removing that file would
-        // open the display to every user of the machine.
+        // The descriptor that the process inherits. With the file of the session directory instead, removing that file
+        // would open the display to every user of the machine.
         "-auth", "/proc/self/fd/3",
         "-desktop", settings.title.left(kMaxTitleLength).toUtf8(),
-        // Served to us alone. We have asked for the password already, and count the clients.
+        // Only we can connect, and we have checked the password already.
         "-rfbport", "-1",
         "-rfbunixpath", QFile::encodeName(settings.rfbSocket),
         "-rfbunixmode", "0600",
         "-SecurityTypes", "None",
         "-UseBlacklist=0",
         "-AlwaysShared",
-        // Of the local names it takes both, the file and the abstract one. Clients try the abstract one first: left
-        // free, any user of the machine could take it, and would be sent the cookie by every application.
+        // Local sockets stay on, both the file and the abstract name. Applications try the abstract name first. If it
+        // were free, any user of the machine could take it and would get the cookie from every application.
         "-nolisten", "tcp",
         "-noreset",
         "-Log", "*:stderr:30",
@@ -107,7 +107,7 @@ bool XServer::start(const XServerSettings &settings_, QString *error)
         return false;
     }
     settings = settings_;
-    // One that a dead server left behind would be taken for the new one's.
+    // Otherwise the socket of a dead X server could be taken for the new one's.
     ::unlink(QFile::encodeName(settings.rfbSocket).constData());
 
     const int authority = sealedAuthority(settings.authorityEntries, error);
@@ -156,11 +156,11 @@ void XServer::stop()
 void XServer::probe()
 {
     if (probeSocket) {
-        return; // connected, and waiting for the first words
+        return; // connected, and waiting for the greeting
     }
     const int descriptor = connectLocalSocket(settings.rfbSocket);
     if (descriptor == -1) {
-        return; // not yet
+        return; // it does not listen yet
     }
     probeSocket = std::make_unique<QLocalSocket>();
     connect(probeSocket.get(), &QLocalSocket::readyRead, this, &XServer::Probe_readyRead);
@@ -176,7 +176,7 @@ void XServer::Probe_readyRead()
     const bool isExpected = probeSocket->read(kBackendGreetingBytes) == kBackendGreeting;
     dropProbe();
     if (!isExpected) {
-        return; // asked again until the deadline
+        return; // the timer probes again until the deadline
     }
     probeTimer.stop();
     deadline.stop();
@@ -203,7 +203,7 @@ void XServer::Watcher_ended(pid_t pid, int status)
     if (!isRunning() || pid != process) {
         return;
     }
-    Output_activated(); // its last words
+    Output_activated(); // reads what it wrote last
     removeXServerFiles(settings.display, pid);
     process = 0;
     probeTimer.stop();
@@ -218,7 +218,7 @@ void XServer::Output_activated()
     if (!outputNotifier) {
         return;
     }
-    constexpr int kMaxReads = 16; // a process that never stops talking does not keep us from the rest
+    constexpr int kMaxReads = 16; // so that a process that writes without end does not block the event loop
     std::array<char, 4096> buffer = {};
     for (int i = 0; i < kMaxReads; ++i) {
         const ssize_t length = ::read(output, buffer.data(), buffer.size());

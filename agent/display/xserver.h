@@ -20,15 +20,15 @@ struct XServerSettings
 {
     quint16 display = 0;
     QSize size;
-    QString title;               ///< viewers show it
-    QByteArray authorityEntries; ///< who may connect, in the form of an authority file
+    QString title;               ///< what viewers show
+    QByteArray authorityEntries; ///< the cookies that open the display, in the form of an authority file
     QString rfbSocket;           ///< where it serves the screen; relative to the working directory
 };
 
 /**
- * The X server behind a session: its process from the start to the end, with what it says on the way. It tells when
- * the screen is served, and when the process is gone, whoever ended it; what a killed one leaves behind is removed.
- * Owned by the agent, lives on the main thread, started at most once.
+ * The process of the X server behind a session, from its start to its end, with the last lines of its output. Signals
+ * when the screen is served, and when the process has ended for any reason. Removes the files that a killed X server
+ * leaves behind. Owned by the agent, lives on the main thread, started at most once.
  */
 class XServer final : public QObject
 {
@@ -40,18 +40,17 @@ public:
     ~XServer() override;
 
     /**
-     * Starts the process. ready() or ended() follows; when the server does not serve its screen within 10 s it is
-     * killed.
+     * Starts the process. ready() or ended() follows. An X server that does not serve its screen within 10 s is killed.
      *
      * @param error  set only on failure: one sentence
      */
     [[nodiscard]] bool start(const XServerSettings &settings, QString *error);
 
-    /** Asks the process to end and kills it when it has not after 5 s. ended() follows if isRunning(). */
+    /** Asks the process to end, and kills it after 5 s if it still runs. ended() follows if isRunning(). */
     void stop();
 
     [[nodiscard]] bool isRunning() const { return process > 0; }
-    /** The process's id; 0 when it is not running. */
+    /** The pid; 0 when the process is not running. */
     [[nodiscard]] pid_t pid() const { return process; }
 
     /** The last lines that the process wrote, oldest first; at most 20 of at most 200 characters. */
@@ -59,7 +58,7 @@ public:
 
 signals:
     void ready();
-    /** The process is gone, and isRunning() is false. @p reason says how, in a few words. */
+    /** The process has ended, and isRunning() is false. @p reason says how, in a few words. */
     void ended(const QString &reason);
 
 private:

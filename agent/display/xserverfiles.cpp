@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// The folder is everybody's: what stands there under the lock's name may be anything.
+/** Everybody can write to the directory, so whatever has the lock's name may be anything. */
 pid_t lockOwner(const QByteArray &path)
 {
     const int file = ::open(path.constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
@@ -39,7 +39,7 @@ void removeXServerFiles(quint16 display, pid_t xServer, const QString &directory
     if (xServer <= 0 || lockOwner(lock) != xServer) {
         return;
     }
-    // The lock last: it is what keeps others away from the socket.
+    // The lock last, because it keeps other X servers away from the socket.
     ::unlink(QFile::encodeName(u"%1/.X11-unix/X%2"_s.arg(directory).arg(display)).constData());
     ::unlink(lock.constData());
 }

@@ -6,10 +6,10 @@
 #include <sys/types.h>
 
 /**
- * Removes the lock file and the socket of @p display that the X server with the process id @p xServer could not remove
- * itself because it was killed. Does nothing unless the lock names that process: the display may be another one's.
- * To be called before the process is reaped, for until then no other X server takes the lock for a stale one.
+ * Removes the lock file and the socket of @p display that a killed X server with the pid @p xServer has left behind.
+ * Does nothing unless the lock names that pid, because the display may belong to another X server. To be called before
+ * the process is reaped: until then its pid is taken, so no other X server takes the lock for stale.
  *
- * @param directory  where the files of X servers are; another one is for tests
+ * @param directory  where X servers keep their files; tests use another one
  */
 void removeXServerFiles(quint16 display, pid_t xServer, const QString &directory = QStringLiteral("/tmp"));
