@@ -12,7 +12,7 @@ namespace {
 constexpr std::chrono::seconds kFirstLock = 10s;
 constexpr std::chrono::seconds kLongestLock = 600s;
 
-// An address that has been quiet for this long starts afresh.
+/** After this time without a wrong password, an address starts from zero again. */
 constexpr std::chrono::seconds kMemory = 2 * kLongestLock;
 
 std::chrono::seconds lockTime(int wrong)

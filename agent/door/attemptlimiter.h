@@ -7,34 +7,35 @@
 #include <chrono>
 
 /**
- * What counts as one address where somebody's share is limited: one host owns at least 64 bits of an IPv6 address, and
- * an IPv4 host must not get a second share by coming in through the mapped form.
+ * The form of an address under which limits count it. An IPv6 host usually owns at least 64 bits of addresses, so only
+ * the network part counts. An IPv4-mapped address counts as the IPv4 address, so that no host gets two shares.
  */
 [[nodiscard]] QHostAddress countedAddress(const QHostAddress &address);
 
 /**
- * Slows down guessing: after five wrong passwords from one address, each further one locks that address out, first for
- * 10 s and then for twice as long each time, up to 600 s. Only a wrong password counts; who connects and says nothing
- * has guessed nothing. A right password clears the address.
+ * Slows down guessing. After five wrong passwords from one address, each further one locks that address out, first for
+ * 10 s and then for twice as long each time, up to 600 s. Only wrong passwords count, and not connections that send
+ * nothing. A right password clears the address.
  *
- * Owned by the front door, used on the main thread only. The caller brings the time.
+ * Owned by the front door, used on the main thread only. The caller passes the time in.
  */
 class AttemptLimiter final
 {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /** Addresses that are remembered; beyond that, the one that has been quiet for longest is forgotten. */
+    /** How many addresses are remembered. When there are more, the one whose last wrong password is oldest is
+     * forgotten. */
     static constexpr qsizetype kMaxAddresses = 1024;
     static constexpr int kFreeAttempts = 5;
 
-    /** Whether a try from @p address must be refused unseen. */
+    /** Whether a response from @p address must be refused without checking it. */
     [[nodiscard]] bool isLocked(const QHostAddress &address, Clock::time_point now) const;
 
     void wrongPassword(const QHostAddress &address, Clock::time_point now);
     void rightPassword(const QHostAddress &address);
 
-    /** How many addresses are remembered. */
+    /** The number of remembered addresses. */
     [[nodiscard]] qsizetype size() const { return attempts.size(); }
 
 private:

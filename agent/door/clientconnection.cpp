@@ -17,20 +17,22 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr qint64 kChunkBytes = 64 * 1024;
-// Written and not yet taken by the other side. Together with the read buffer, what one direction can cost.
+/** Bytes written that the other side has not taken yet. One direction costs about this and the read buffer. */
 constexpr qint64 kMaxUnsentBytes = 256 * 1024;
 constexpr qint64 kReadBufferBytes = 256 * 1024;
 constexpr qsizetype kMaxHandshakeBytes = 1024;
 constexpr auto kBackendDeadline = 5s;
 
-// A client whose machine vanished is noticed after about a minute and a half of silence, or a minute of bytes that
-// nobody confirms.
+/**
+ * A client whose machine has vanished is noticed after 90 seconds of silence, or after 60 seconds in which it confirms
+ * no bytes that we send.
+ */
 constexpr int kKeepaliveIdleSeconds = 60;
 constexpr int kKeepaliveIntervalSeconds = 10;
 constexpr int kKeepaliveProbes = 3;
 constexpr int kUnconfirmedMilliseconds = 60000;
 
-// Copies what fits. @return false when @p to refuses
+/** Copies as many bytes as fit. @return false when @p to takes none */
 bool copy(QIODevice *from, QIODevice *to)
 {
     static std::array<char, kChunkBytes> buffer; // main thread only
@@ -72,7 +74,7 @@ ClientConnection::ClientConnection(std::unique_ptr<QTcpSocket> client_, QByteArr
 
 ClientConnection::~ClientConnection()
 {
-    // The sockets close themselves when most of us is gone already.
+    // Their destructors close them, and our slots must not run then.
     client->disconnect(this);
     backend.disconnect(this);
 }

@@ -12,9 +12,9 @@
 #include <memory>
 
 /**
- * An authenticated client and its own connection to the X server: logs in there, and copies bytes both ways until one
- * side goes. Of each direction at most a few hundred KiB are held; a side that does not take its bytes stops the
- * other side from being read. Owned by the front door, lives on the main thread.
+ * An authenticated client and its own connection to the X server: does the handshake there, then copies bytes both ways
+ * until one side closes. It buffers at most a few hundred KiB in each direction. When one side does not take its bytes,
+ * the other side is not read (back-pressure). Owned by the front door, lives on the main thread.
  */
 class ClientConnection final : public QObject
 {
@@ -23,18 +23,18 @@ class ClientConnection final : public QObject
 public:
     /**
      * @param client  connected and authenticated
-     * @param unread  what the client has sent beyond its handshake
+     * @param unread  what the client has sent after its handshake
      */
     ClientConnection(std::unique_ptr<QTcpSocket> client, QByteArray unread, QObject *parent = nullptr);
     ~ClientConnection() override;
 
-    /** Connects to the X server's socket at @p backendPath. ended() follows, sooner or later. */
+    /** Connects to the X server's socket at @p backendPath. ended() follows. */
     void start(const QString &backendPath);
 
     [[nodiscard]] QHostAddress address() const { return peer; }
 
 signals:
-    /** The client is disconnected. Emitted once, never from within start(). @p reason is a few words for the log. */
+    /** The client is disconnected. Emitted once, never during start(). @p reason is a few words to log. */
     void ended(const QString &reason);
 
 private:
@@ -49,7 +49,7 @@ private:
     QLocalSocket backend;
     QHostAddress peer;
     QByteArray fromClient;  ///< read before the relay began
-    QByteArray fromBackend; ///< the X server's side of the handshake, as it comes in
+    QByteArray fromBackend; ///< the X server's side of the handshake, not parsed yet
     BackendHandshake handshake;
     QTimer deadline;
     bool isRelaying = false;

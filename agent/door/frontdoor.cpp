@@ -17,10 +17,10 @@ namespace {
 
 constexpr std::chrono::seconds kPauseWithoutDescriptors(1);
 
-// Connections that the kernel keeps until we come to them. They cost nothing else, and the next one is turned away.
-constexpr int kQueueLength = 1024;
+/** Connections that the kernel queues until we accept them. It takes no further ones. */
+constexpr int kMaxQueuedConnections = 1024;
 
-// Strangers decide how often they are refused, and must not decide how large the log gets.
+/** Anybody can cause refusals, so the log must not grow with each of them. */
 constexpr std::chrono::seconds kRefusalPause(10);
 
 template <typename T>
@@ -44,8 +44,8 @@ FrontDoor::FrontDoor(PasswordStore *passwords_, QString backendPath_, HandshakeL
     , backendPath(std::move(backendPath_))
     , limits(limits_)
 {
-    connect(&server, &QTcpServer::newConnection, this, &FrontDoor::Server_newConnection);
-    connect(&server, &QTcpServer::acceptError, this, &FrontDoor::Server_acceptError);
+    connect(&listener, &QTcpServer::newConnection, this, &FrontDoor::Listener_newConnection);
+    connect(&listener, &QTcpServer::acceptError, this, &FrontDoor::Listener_acceptError);
     connect(&refusalPause, &QTimer::timeout, this, &FrontDoor::RefusalPause_timeout);
     refusalPause.setSingleShot(true);
     refusalPause.setInterval(kRefusalPause);
@@ -55,30 +55,30 @@ FrontDoor::~FrontDoor() = default;
 
 bool FrontDoor::listen(quint16 port, QString *error)
 {
-    // One socket for both families; where the machine has IPv6 switched off, for the one that it has.
-    server.setListenBacklogSize(kQueueLength);
-    bool isListening = server.listen(QHostAddress::Any, port);
-    if (!isListening && server.serverError() != QAbstractSocket::AddressInUseError) {
-        isListening = server.listen(QHostAddress::AnyIPv4, port);
+    // One socket for both address families, or for IPv4 alone where IPv6 is switched off.
+    listener.setListenBacklogSize(kMaxQueuedConnections);
+    bool isListening = listener.listen(QHostAddress::Any, port);
+    if (!isListening && listener.serverError() != QAbstractSocket::AddressInUseError) {
+        isListening = listener.listen(QHostAddress::AnyIPv4, port);
     }
     if (!isListening) {
-        *error = u"Failed to listen on port %1: %2"_s.arg(port).arg(server.errorString());
+        *error = u"Failed to listen on port %1: %2"_s.arg(port).arg(listener.errorString());
         return false;
     }
-    server.pauseAccepting();
+    listener.pauseAccepting();
     return true;
 }
 
 void FrontDoor::open()
 {
     isOpen = true;
-    server.resumeAccepting();
+    listener.resumeAccepting();
 }
 
 void FrontDoor::close()
 {
     isOpen = false;
-    server.close();
+    listener.close();
     handshakes.clear();
 }
 
@@ -94,10 +94,10 @@ void FrontDoor::disconnectClients()
     }
 }
 
-void FrontDoor::Server_newConnection()
+void FrontDoor::Listener_newConnection()
 {
-    while (server.hasPendingConnections()) {
-        std::unique_ptr<QTcpSocket> socket(server.nextPendingConnection());
+    while (listener.hasPendingConnections()) {
+        std::unique_ptr<QTcpSocket> socket(listener.nextPendingConnection());
         socket->setParent(nullptr);
         if (!isOpen || clients.size() >= kMaxClients) {
             continue;
@@ -109,13 +109,13 @@ void FrontDoor::Server_newConnection()
     }
 }
 
-void FrontDoor::Server_acceptError()
+void FrontDoor::Listener_acceptError()
 {
-    // The server has paused itself: without a free descriptor it would try again for ever.
-    logMessage(LogWarning, u"Failed to accept a connection: %1"_s.arg(server.errorString()));
+    // QTcpServer has paused itself. Without a free descriptor it would fail again and again.
+    logMessage(LogWarning, u"Failed to accept a connection: %1"_s.arg(listener.errorString()));
     QTimer::singleShot(kPauseWithoutDescriptors, this, [this] {
         if (isOpen) {
-            server.resumeAccepting();
+            listener.resumeAccepting();
         }
     });
 }
@@ -174,7 +174,7 @@ void FrontDoor::removeHandshake(const HandshakeConnection *handshake)
     }
 }
 
-// The newest one counts: a host that has most of the places gets no further one.
+/** The newest handshake counts too, so that a host with most of the places gets no further one. */
 void FrontDoor::dropHandshake()
 {
     QHash<QHostAddress, int> counts;

@@ -17,8 +17,8 @@
 class PasswordStore;
 
 /**
- * Where clients come in. Listens on the session's port, asks for a one-time password, and leads who has one to the X
- * server, which nobody reaches in any other way. Owned by the agent, lives on the main thread.
+ * Listens for viewers on the session's port, asks each for a one-time password, and connects those that have one to the
+ * X server. There is no other way to the X server. Owned by the agent, lives on the main thread.
  */
 class FrontDoor final : public QObject
 {
@@ -26,47 +26,47 @@ class FrontDoor final : public QObject
 
 public:
     /**
-     * Handshakes at one time. A further connection takes the place of the oldest one from the address that has the most
-     * of them, so that nobody keeps others out by saying nothing.
+     * Handshakes at one time. One more connection replaces the oldest handshake of the address that has most of them,
+     * so that silent connections keep nobody out.
      */
     static constexpr size_t kMaxHandshakes = 16;
-    /** Clients at one time; a further connection is closed unseen. */
+    /** Clients at one time; one more connection is closed at once. */
     static constexpr size_t kMaxClients = 64;
 
     /** @param passwords  outlives this object. @param backendPath  the X server's socket */
     FrontDoor(PasswordStore *passwords, QString backendPath, HandshakeLimits limits = {}, QObject *parent = nullptr);
     ~FrontDoor() override;
 
-    /** Where the X server will be, if that was not known from the start. Called before open(). */
+    /** Sets the X server's socket, if the constructor did not get it. Called before open(). */
     void setBackendPath(const QString &path) { backendPath = path; }
 
     /**
-     * Takes the port on all addresses, without letting anybody in yet: connections wait until open().
+     * Binds the port on all addresses. Connections wait in the queue until open().
      *
-     * @param port   0 for any that is free
+     * @param port   0: any free port
      * @param error  set only on failure: one sentence that names the port
      */
     [[nodiscard]] bool listen(quint16 port, QString *error);
 
-    /** Lets clients in from now on. */
+    /** Accepts connections from now on. */
     void open();
-    /** Lets nobody in any more and breaks off the handshakes. Clients stay. */
+    /** Accepts no connections any more and breaks off the handshakes. Clients stay. */
     void close();
-    /** Disconnects every client. clientsDisconnected() follows when there were any. */
+    /** Disconnects every client. clientsDisconnected() follows unless there were none. */
     void disconnectClients();
 
-    [[nodiscard]] quint16 port() const { return server.serverPort(); }
+    [[nodiscard]] quint16 port() const { return listener.serverPort(); }
     [[nodiscard]] size_t clientCount() const { return clients.size(); }
     [[nodiscard]] size_t handshakeCount() const { return handshakes.size(); }
 
 signals:
     void clientAuthenticated(const QString &address, const QByteArray &password);
-    /** These clients left, all at once. */
+    /** These clients left, all at the same time. */
     void clientsDisconnected(const QStringList &addresses);
 
 private:
-    void Server_newConnection();
-    void Server_acceptError();
+    void Listener_newConnection();
+    void Listener_acceptError();
     void RefusalPause_timeout();
     void logRefusal(const QHostAddress &address, const QString &reason);
     void addHandshake(std::unique_ptr<QTcpSocket> socket);
@@ -79,9 +79,9 @@ private:
     QString backendPath;
     HandshakeLimits limits;
     AttemptLimiter limiter;
-    QTcpServer server;
+    QTcpServer listener;
     bool isOpen = false;
-    QTimer refusalPause; ///< running while refusals are counted and not logged one by one
+    QTimer refusalPause; ///< active while refusals are only counted
     int unloggedRefusals = 0;
     std::vector<std::unique_ptr<HandshakeConnection>> handshakes;
     std::vector<std::unique_ptr<ClientConnection>> clients;

@@ -11,7 +11,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// A handshake is 12, 1 and 16 bytes; a client may have sent its first message behind it.
+/** A handshake is 12 + 1 + 16 bytes, and a client may send its first message right after it. */
 constexpr qsizetype kMaxInputBytes = 256;
 
 constexpr char kLockedReason[] = "Too many wrong passwords, try again later";
@@ -45,7 +45,7 @@ HandshakeConnection::HandshakeConnection(std::unique_ptr<QTcpSocket> socket_, Pa
 HandshakeConnection::~HandshakeConnection()
 {
     if (socket) {
-        socket->disconnect(this); // it closes itself when most of us is gone already
+        socket->disconnect(this); // its destructor closes it, and our slots must not run then
     }
 }
 
@@ -59,11 +59,12 @@ std::unique_ptr<QTcpSocket> HandshakeConnection::takeSocket(QByteArray *unread)
 void HandshakeConnection::Socket_readyRead()
 {
     if (isFinished || handshake.state() == RfbHandshake::State::Refused) {
-        socket->skip(kMaxInputBytes); // nobody listens any more, and unread bytes would turn the farewell into a reset
+        socket->skip(
+            kMaxInputBytes); // unread bytes would make the kernel reset the connection before our answer arrives
         return;
     }
     if (handshake.state() == RfbHandshake::State::Judgement) {
-        return; // waiting to be refused
+        return; // the refusal is delayed
     }
     input += socket->read(kMaxInputBytes - input.size());
     handshake.receive(&input);
@@ -78,7 +79,7 @@ void HandshakeConnection::Socket_readyRead()
 void HandshakeConnection::judge()
 {
     const AttemptLimiter::Clock::time_point now = AttemptLimiter::Clock::now();
-    // Asked again: connections that were opened before the address was locked get no further tries either.
+    // Checked again, because the address may have been locked since this connection was opened.
     if (limiter->isLocked(peer, now)) {
         refusal = u"Too many wrong passwords"_s;
         handshake.refuse(kLockedReason);
@@ -124,7 +125,7 @@ void HandshakeConnection::closeAfterAnswer()
     if (refusal.isEmpty()) {
         refusal = u"It does not speak our protocol"_s;
     }
-    // The socket goes when the answer is sent; the deadline still stands for a client that does not take it.
+    // The socket closes once the answer is sent. The deadline still ends a client that does not take the answer.
     socket->disconnectFromHost();
 }
 

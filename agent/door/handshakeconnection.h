@@ -14,16 +14,16 @@
 class AttemptLimiter;
 class PasswordStore;
 
-/** What a handshake may take. A value; the defaults are the product's. */
+/** How long a handshake may take. A value; the defaults are the product's. */
 struct HandshakeLimits
 {
-    std::chrono::milliseconds longest{20000};    ///< the whole of it, from the connection on
-    std::chrono::milliseconds failureDelay{500}; ///< before a wrong password is answered
+    std::chrono::milliseconds longest{20000};    ///< from the connection to the end of the handshake
+    std::chrono::milliseconds failureDelay{500}; ///< between a wrong password and its answer
 };
 
 /**
- * One connection from its acceptance until it is authenticated or gone. Owned by the front door, lives on the main
- * thread. Exactly one of its two signals is emitted, once; the object is of no use after that.
+ * One connection from accept until it is authenticated or closed. It emits exactly one of its two signals, once, and
+ * serves no purpose after that. Owned by the front door, lives on the main thread.
  */
 class HandshakeConnection final : public QObject
 {
@@ -37,13 +37,13 @@ public:
 
     [[nodiscard]] QHostAddress address() const { return peer; }
 
-    /** The socket, and what the client has sent beyond the handshake. After authenticated(), once. */
+    /** The socket. May be called once, after authenticated(). @param unread  what came in after the handshake */
     [[nodiscard]] std::unique_ptr<QTcpSocket> takeSocket(QByteArray *unread);
 
 signals:
-    /** The client is in, and @p password is used up. */
+    /** The client has used up @p password. */
     void authenticated(const QByteArray &password);
-    /** The connection is gone. @p reason is a few words for the log; empty when there is nothing to tell. */
+    /** The connection is closed. @p reason is a few words to log, or empty when there is nothing to log. */
     void failed(const QString &reason);
 
 private:

@@ -10,7 +10,7 @@
 
 namespace {
 
-// The authentication method looks at no more than eight characters.
+/** VNC authentication uses no more than eight characters. */
 constexpr int kPasswordLength = 8;
 constexpr std::string_view kAlphabet = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
 
@@ -42,7 +42,7 @@ std::optional<QByteArray> PasswordStore::take(const QByteArray &challenge, const
 {
     qsizetype found = -1;
     for (qsizetype i = 0; i < passwords.size(); ++i) {
-        // No early end, and no comparison that stops at the first difference.
+        // All passwords are compared, each in constant time, so that timing tells nothing about them.
         if (equalInConstantTime(vncAuthResponse(passwords[i], challenge), response)) {
             found = i;
         }

@@ -7,29 +7,29 @@
 #include <optional>
 
 /**
- * The one-time passwords that are open: each lets one client in and is gone with that. Owned by the agent, used on the
- * main thread only; that is what makes take() one step that no second client can get between.
+ * The open one-time passwords. Each lets one client in and is then removed. Owned by the agent, used on the main thread
+ * only, so take() is atomic: two clients cannot use the same password.
  */
 class PasswordStore final
 {
 public:
-    /** Open at one time. Passwords that nobody ever uses must not pile up; the oldest makes room. */
+    /** Passwords open at one time. One more replaces the oldest, so that unused passwords do not pile up. */
     static constexpr qsizetype kMaxOpen = 16;
 
     struct Added
     {
-        QByteArray password; ///< the new one
-        QByteArray expired;  ///< the one that had to make room; empty when there was room
+        QByteArray password; ///< the new password
+        QByteArray expired;  ///< the password that it replaced; empty when there was room
     };
 
-    /** Makes one more password, of 8 letters and digits from the system's random generator. */
+    /** Adds a password of 8 letters and digits from the system's random generator. */
     Added add();
 
     /**
      * Finds the password that answers @p challenge with @p response, and removes it. The time that it takes does not
-     * tell which password came close.
+     * depend on how close a response comes.
      *
-     * @return the password used up; nothing, with no password lost, when none fits
+     * @return the removed password; nothing when none fits, and then none is removed
      */
     [[nodiscard]] std::optional<QByteArray> take(const QByteArray &challenge, const QByteArray &response);
 

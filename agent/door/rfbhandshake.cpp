@@ -30,8 +30,10 @@ bool isDigit(char c)
     return c >= '0' && c <= '9';
 }
 
-// Whether @p text can still become "RFB ddd.ddd\n". Asked at each byte, so that a client of another
-// protocol is dropped at once and not after a time-out.
+/**
+ * Whether @p text is the beginning of "RFB ddd.ddd\n". Checked at each byte, so that a client of another protocol is
+ * dropped at once and not after a timeout.
+ */
 bool beginsLikeVersion(const QByteArray &text)
 {
     constexpr char kForm[] = "RFB 000.000\n";
@@ -44,8 +46,10 @@ bool beginsLikeVersion(const QByteArray &text)
     return true;
 }
 
-// The version to speak with a client that names 3.@p minor. Numbers between the published ones occur in
-// the wild and mean the older one; nobody speaks a newer one than we do.
+/**
+ * The version to speak with a client that sends 3.@p minor. Some clients send a number between the published versions,
+ * and mean the older one. For a newer number we speak 3.8.
+ */
 int spokenMinor(int minor)
 {
     if (minor >= 8) {
@@ -128,7 +132,7 @@ void RfbHandshake::sendSecurityTypes()
 
 void RfbHandshake::refuseVersion(const QByteArray &reason)
 {
-    // A security type, or a number of them, of zero: what follows is the reason.
+    // Zero instead of a security type, or of their number, announces a reason.
     pendingOutput += minorVersion == 3 ? number32(0) : QByteArray(1, '\0');
     pendingOutput += reasonText(reason);
     current = State::Refused;
@@ -146,7 +150,7 @@ bool RfbHandshake::receiveSecurityType(QByteArray *input)
     } else if (minorVersion == 8) {
         refuse("This security type was not offered");
     } else {
-        current = State::Refused; // 3.7 has no words for it
+        current = State::Refused; // version 3.7 has no message for it
     }
     return true;
 }

@@ -14,10 +14,10 @@ inline constexpr qsizetype kVncChallengeBytes = 16;
  * bytes of the password.
  *
  * @param challenge  of kVncChallengeBytes
- * @return as many bytes; empty when the challenge has another length or the cipher is not available, which
- *         equals no response
+ * @return as many bytes; empty when the challenge has another length or the cipher is not available.
+ *         equalInConstantTime() finds an empty response equal to none
  */
 [[nodiscard]] QByteArray vncAuthResponse(const QByteArray &password, const QByteArray &challenge);
 
-/** Compares secrets in a time that depends on their length alone. Empty texts equal nothing. */
+/** Compares secrets in a time that depends only on their length. An empty secret equals nothing, not even itself. */
 [[nodiscard]] bool equalInConstantTime(const QByteArray &a, const QByteArray &b);
