@@ -21,7 +21,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Without them, our first files and sockets would get their numbers, and what a library prints would end up there.
+/** Otherwise our first files and sockets would get their numbers, and libraries would print into them. */
 void ensureStandardDescriptors()
 {
     int descriptor = ::open("/dev/null", O_RDWR);
@@ -37,7 +37,7 @@ AgentExitCode report(const QString &error)
     return AgentExitCode::NotStarted;
 }
 
-// They have waited since before there was a handler.
+/** Unblocks the signals last. They were blocked before there was a handler, so none that came meanwhile is lost. */
 void catchSignals(int writeEnd)
 {
     setSignalWriteEnd(writeEnd);
@@ -50,7 +50,7 @@ void catchSignals(int writeEnd)
     ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
-// Everything that a session owns is gone when this returns.
+/** When this returns, everything that the session owned is gone. */
 AgentExitCode runSession(SessionLog *log, int guard, int signalReadEnd, int signalWriteEnd)
 {
     AgentExitCode code = AgentExitCode::NotStarted;
@@ -84,7 +84,7 @@ AgentExitCode runAgent(int argc, char **argv, int guard)
     return runSession(&log, guard, signalEnds[1], signalEnds[0]);
 }
 
-// The last thing that happens in a session, on every way out of it.
+/** Writes the exit file, which is the last step of every session, however it ends. */
 int leave(ExitFile *exitFile, AgentExitCode code)
 {
     QString error;
@@ -96,12 +96,12 @@ int leave(ExitFile *exitFile, AgentExitCode code)
 
 } // namespace
 
-// Usage: start-agent GEOMETRY PORT, in a session directory.
+/** Usage: start-agent GEOMETRY PORT, in a session directory. */
 int main(int argc, char **argv)
 {
     ensureStandardDescriptors();
     ::umask(077);
-    ::signal(SIGXFSZ, SIG_IGN); // a file that may not grow any further is no reason to end
+    ::signal(SIGXFSZ, SIG_IGN); // so that a write beyond the file size limit fails and does not kill us
 
     ExitFile exitFile;
     pid_t agent = 0;

@@ -7,7 +7,7 @@
 
 #include <cstdio>
 
-// Usage: start-app COMMAND, in a session directory. The command is one line for the shell, taken byte for byte.
+/** Usage: start-app COMMAND, in a session directory. The shell gets the command byte for byte. */
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);

@@ -9,13 +9,13 @@
 #include <png.h>
 
 /*
- * take-screenshot NUMBER AUTHORITY FILE: a picture of display NUMBER as a PNG file. A program of its own, because
- * the X library waits without end for a server that does not answer, and a child can be killed.
+ * take-screenshot NUMBER AUTHORITY FILE: writes a picture of display NUMBER as a PNG file. It is a program of its own,
+ * because libxcb waits without a timeout for an X server that does not answer, and a child process can be killed.
  */
 
 namespace {
 
-/** An authority file of one session holds two entries; this is for a file that is something else. */
+/** A session's authority file has two short entries. The bound is for a file that is something else. */
 constexpr std::streamsize kMaxAuthorityBytes = 65536;
 
 int complain(const std::string &text)

@@ -7,18 +7,18 @@
 #include <QString>
 
 /*
- * The agent's own files. They stand in the session directory, which is its working directory, and are used relative to
- * it: the path of the directory may be longer than a socket's address can hold.
+ * The agent's own files in the session directory. The agent works in that directory and uses relative names, because
+ * the path of the directory may be longer than the address of a socket can hold.
  */
 namespace AgentFile {
 
-// By display: a session that is started again under its id works in the directory where the earlier one still may.
-/** Where start-app hands its command line over. */
+// The names hold the display, because a later run under the same id may use the directory while the earlier run ends.
+/** The socket that takes command lines from start-app. */
 [[nodiscard]] inline QString applicationSocket(quint16 display)
 {
     return QStringLiteral("app-%1.sock").arg(display);
 }
-/** Where the X server waits for the front door. */
+/** The socket where the X server serves its screen to the front door. */
 [[nodiscard]] inline QString rfbSocket(quint16 display)
 {
     return QStringLiteral("rfb-%1.sock").arg(display);
@@ -32,8 +32,8 @@ inline constexpr QLatin1StringView kWindowManagerSettings("openbox.xml");
 enum class AgentExitCode : int {
     Ended = 0,        ///< on request
     NotStarted = 1,   ///< something that it needs is missing, taken or refused
-    BadArguments = 2, ///< its command line makes no sense
-    XServerDied = 3,  ///< the X server ended by itself
-    AgentDied = 4,    ///< the agent was killed, or its guard
+    BadArguments = 2, ///< its command line is wrong
+    XServerDied = 3,  ///< the X server has ended by itself
+    AgentDied = 4,    ///< the agent or its guard was killed
     Unlisted = 5,     ///< no server knows of the session
 };

@@ -9,7 +9,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// A rootless screen follows the window of its first client; until then, the application gets a common size.
+/** A rootless screen gets the size of its first viewer's window. Until then it has this common size. */
 constexpr QSize kRootlessSize(1280, 800);
 
 constexpr int kMaxDisplayFileBytes = 64;
@@ -18,7 +18,7 @@ std::optional<quint16> parsePort(const QString &text)
 {
     bool isNumber = false;
     const uint port = text.toUInt(&isNumber);
-    // Written back it must be the same text: toUInt() also takes blanks and signs.
+    // Compared as text, because toUInt() also takes blanks and signs.
     if (!isNumber || port < kFirstAgentPort || port > 65535 || QString::number(port) != text) {
         return std::nullopt;
     }

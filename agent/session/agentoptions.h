@@ -9,12 +9,12 @@
 struct AgentOptions
 {
     bool rootless = false; ///< one maximised application instead of a desktop
-    QSize size;            ///< of the screen at the start
-    quint16 port = 0;      ///< where clients connect
+    QSize size;            ///< the screen's first size
+    quint16 port = 0;      ///< where viewers connect
 };
 
 /**
- * Reads "GEOMETRY PORT", with a screen size or "rootless" for the geometry.
+ * Reads "GEOMETRY PORT". The geometry is a screen size or "rootless".
  *
  * @param arguments  without the program's name
  * @param options    set only on success

@@ -17,7 +17,7 @@ bool isRemoved(int directory)
 {
     struct stat status = {};
     if (::fstat(directory, &status) != 0) {
-        return errno == ESTALE || errno == ENOENT; // how file servers say so
+        return errno == ESTALE || errno == ENOENT; // a file server's answer for a removed directory
     }
     return status.st_nlink == 0;
 }
@@ -47,10 +47,11 @@ bool DirectoryWatcher::watch(const QString &path, QString *error)
         *error = u"Failed to open the directory \"%1\": %2"_s.arg(path, qt_error_string(errno));
         return false;
     }
-    // In the parent, for a directory that a process works in is not told of its own removal before that process ends.
+    // Watched in the parent, because while a process works in a directory the kernel does not report its removal there.
     parentWatcher.addPath(path + "/.."_L1);
     timer.start();
-    QMetaObject::invokeMethod(this, &DirectoryWatcher::check, Qt::QueuedConnection); // it may be gone already
+    QMetaObject::invokeMethod(this, &DirectoryWatcher::check,
+                              Qt::QueuedConnection); // the directory may be gone already
     return true;
 }
 

@@ -8,7 +8,7 @@
 #include <chrono>
 
 /**
- * Notices that a directory was removed. One that is renamed is still there: who moves it away can move it back.
+ * Notices that a directory was removed. A renamed directory still exists, and whoever moved it can move it back.
  * Owned by the agent, lives on the main thread.
  */
 class DirectoryWatcher final : public QObject
@@ -16,12 +16,12 @@ class DirectoryWatcher final : public QObject
     Q_OBJECT
 
 public:
-    /** @param fallback  how often to look when the system does not tell, as with removals by other hosts */
+    /** @param fallback  how often to check, because the kernel does not report removals by other hosts */
     explicit DirectoryWatcher(std::chrono::milliseconds fallback = std::chrono::seconds(10), QObject *parent = nullptr);
     ~DirectoryWatcher() override;
 
     /**
-     * Begins to watch the directory at @p path, once. removed() may follow.
+     * Begins to watch the directory at @p path. Called once. removed() may follow.
      *
      * @param error  set only on failure: one sentence that names the directory
      */

@@ -16,7 +16,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A process below an application that dies is not our child and tells us nothing, so we look.
+/** The end of a grandchild sends us no signal, so we poll. */
 constexpr auto kPollInterval = 20ms;
 
 } // namespace
@@ -36,51 +36,56 @@ Ending::Ending(XServer *xServer_, ChildWatcher *watcher, EndingLimits limits_, Q
             finish();
         }
     });
-    connect(&pollTimer, &QTimer::timeout, this, &Ending::lookAround);
-    connect(&politeTimer, &QTimer::timeout, this, &Ending::force);
-    connect(&forcedTimer, &QTimer::timeout, this, &Ending::endXServer);
+    connect(&pollTimer, &QTimer::timeout, this, &Ending::look);
+    connect(&terminateTimer, &QTimer::timeout, this, &Ending::beginKilling);
+    connect(&killTimer, &QTimer::timeout, this, &Ending::endXServer);
     pollTimer.setSingleShot(true);
-    politeTimer.setSingleShot(true);
-    forcedTimer.setSingleShot(true);
+    terminateTimer.setSingleShot(true);
+    killTimer.setSingleShot(true);
 }
 
 void Ending::start()
 {
     isStarted = true;
-    politeTimer.start(limits.polite);
+    terminateTimer.start(limits.terminate);
     const QList<pid_t> left = liveDescendants(::getpid(), xServer->pid());
-    asked = QSet<pid_t>(left.begin(), left.end());
+    signalled = QSet<pid_t>(left.begin(), left.end());
     signalAll(left, SIGTERM);
     pollTimer.start(0ms);
 }
 
-// What was started while we were asking, by a process that ended when it was asked. Not what has a parent: an
-// application that clears up before it ends needs its helpers.
-void Ending::askNewOrphans(const QList<pid_t> &left)
+/**
+ * Sends SIGTERM to orphans that were started by a process which has since ended on its own SIGTERM. Processes with a
+ * living parent get none, because an application that cleans up before it ends needs its helpers.
+ */
+void Ending::terminateNewOrphans(const QList<pid_t> &left)
 {
-    const QSet<pid_t> unasked = QSet<pid_t>(left.begin(), left.end()) - asked;
-    if (unasked.isEmpty()) {
+    const QSet<pid_t> notSignalled = QSet<pid_t>(left.begin(), left.end()) - signalled;
+    if (notSignalled.isEmpty()) {
         return;
     }
-    const QSet<pid_t> orphans = unasked & liveChildren();
+    const QSet<pid_t> orphans = notSignalled & liveChildren();
     signalAll(orphans.values(), SIGTERM);
-    asked += orphans;
+    signalled += orphans;
 }
 
-// The rest of the time counts from here: on a machine that stood still all of it may be over otherwise before the first
-// SIGKILL.
-void Ending::force()
+/**
+ * The time for SIGKILL starts to count here. If it counted from start(), all of it could be over before the first
+ * SIGKILL on a machine that stood still.
+ */
+void Ending::beginKilling()
 {
-    isForced = true;
-    forcedTimer.start(limits.forced);
-    lookAround();
+    isKilling = true;
+    killTimer.start(limits.kill);
+    look();
 }
 
-void Ending::lookAround()
+void Ending::look()
 {
     const QList<pid_t> left = liveDescendants(::getpid(), xServer->pid());
     if (left.isEmpty()) {
-        // Looked at twice: what starts while we read the list can be missed, with its parent gone already.
+        // Two empty looks in a row, because one look can miss a process that starts while we read /proc and whose
+        // parent has ended.
         if (wasEmpty) {
             endXServer();
         } else {
@@ -90,10 +95,10 @@ void Ending::lookAround()
         return;
     }
     wasEmpty = false;
-    if (isForced) {
+    if (isKilling) {
         signalAll(left, SIGKILL);
     } else {
-        askNewOrphans(left);
+        terminateNewOrphans(left);
     }
     pollTimer.start(kPollInterval);
 }
@@ -105,8 +110,8 @@ void Ending::endXServer()
     }
     isEndingXServer = true;
     pollTimer.stop();
-    politeTimer.stop();
-    forcedTimer.stop();
+    terminateTimer.stop();
+    killTimer.stop();
     const qsizetype left = liveDescendants(::getpid(), xServer->pid()).size();
     if (left > 0) {
         logMessage(LogWarning, u"%1 processes of the session could not be ended"_s.arg(left));

@@ -15,15 +15,14 @@ class XServer;
 /** How long the end of a session may take. A value; the defaults are the product's. */
 struct EndingLimits
 {
-    std::chrono::milliseconds polite{3000}; ///< between SIGTERM and SIGKILL for the applications
-    std::chrono::milliseconds forced{5000}; ///< from the first SIGKILL, before the X server is ended anyway
+    std::chrono::milliseconds terminate{3000}; ///< between SIGTERM and SIGKILL for the applications
+    std::chrono::milliseconds kill{5000};      ///< between the first SIGKILL and the end of the X server
 };
 
 /**
- * Ends what runs in a session, in order: the applications, by SIGTERM and then by SIGKILL, and when none of our
- * descendants is left, the X server. An application may have started anything, and anything may have left its
- * parent; as long as this process is the subreaper of its children, all of it is found.
- * Owned by the agent, lives on the main thread, started at most once.
+ * Ends what runs in a session, in this order: the applications and everything that they have started, by SIGTERM and
+ * then by SIGKILL, and after them the X server. Finds also daemons that have left their parent, because this process is
+ * the subreaper of its children. Owned by the agent, lives on the main thread, started at most once.
  */
 class Ending final : public QObject
 {
@@ -41,21 +40,21 @@ signals:
     void finished();
 
 private:
-    void force();
-    void lookAround();
-    void askNewOrphans(const QList<pid_t> &left);
+    void beginKilling();
+    void look();
+    void terminateNewOrphans(const QList<pid_t> &left);
     void endXServer();
     void finish();
 
     XServer *xServer;
     EndingLimits limits;
-    QSet<pid_t> asked; ///< to end, by SIGTERM
+    QSet<pid_t> signalled; ///< have got SIGTERM
     QTimer pollTimer;
-    QTimer politeTimer;
-    QTimer forcedTimer;
+    QTimer terminateTimer;
+    QTimer killTimer;
     bool isStarted = false;
-    bool isForced = false;
-    bool wasEmpty = false; ///< at the last look
+    bool isKilling = false;
+    bool wasEmpty = false; ///< whether the last look found nothing
     bool isEndingXServer = false;
     bool isFinished = false;
 };

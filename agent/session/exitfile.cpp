@@ -37,7 +37,7 @@ bool ExitFile::writeReserved(const QByteArray &content) const
                                 static_cast<ssize_t>(content.size())) {
         return false;
     }
-    QFile::remove(SessionFile::kServerExit); // an earlier run of the same id may have ended meanwhile
+    QFile::remove(SessionFile::kServerExit); // an earlier run under the same id may have ended meanwhile
     const QByteArray unnamed = "/proc/self/fd/" + QByteArray::number(descriptor);
     return ::linkat(AT_FDCWD, unnamed.constData(), AT_FDCWD, SessionFile::kServerExit.data(), AT_SYMLINK_FOLLOW) == 0;
 }

@@ -6,21 +6,19 @@
 #include <QString>
 
 /**
- * The file that tells how a session ended. Its place on the disk is taken at the beginning, so that a disk which is
- * full by the end does not leave the session without an answer; the name appears with the content. Not for threads.
+ * The file that tells how a session ended. Its disk space is reserved at the start, so that it can be written even if
+ * the disk is full at the end. Its name appears together with its content. For one thread.
  */
 class ExitFile final
 {
 public:
-    /** Takes the place in the working directory, where the file system can do that. Removes the file of a former run.
-     */
+    /** Reserves the space in the working directory, if the file system can. Removes the file of an earlier run. */
     ExitFile();
     ~ExitFile();
-    ExitFile(const ExitFile &) = delete;
-    ExitFile &operator=(const ExitFile &) = delete;
+    Q_DISABLE_COPY_MOVE(ExitFile)
 
     /**
-     * Lets the file appear, with @p code in it.
+     * Makes the file appear with @p code in it.
      *
      * @param error  set only on failure: one sentence that names the file
      */
@@ -29,5 +27,5 @@ public:
 private:
     [[nodiscard]] bool writeReserved(const QByteArray &content) const;
 
-    int descriptor = -1; ///< of the file without a name; -1: none
+    int descriptor = -1; ///< the reserved file, which has no name yet; -1: none
 };

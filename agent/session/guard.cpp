@@ -24,11 +24,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kPolite = 3s; ///< between SIGTERM and SIGKILL
-constexpr auto kForced = 5s; ///< for SIGKILL to take effect, which on a busy machine it does with the next turn
+constexpr auto kTerminateTime = 3s; ///< between SIGTERM and SIGKILL
+constexpr auto kKillTime = 5s; ///< a killed process ends when it is next scheduled, which takes long on a busy machine
 constexpr auto kPollInterval = 20ms;
 
-// By its own name, it is not met by who ends all agents by theirs.
+/** Renamed, so that `pkill start-agent` spares it. */
 constexpr char kProcessName[] = "session-guard";
 
 constexpr std::array kGuardedSignals = {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGUSR2};
@@ -43,8 +43,10 @@ sigset_t guardedSignals()
     return set;
 }
 
-// Whoever started us may have had signals blocked or ignored; with SIGTERM blocked we could not be ended, and with
-// SIGCHLD ignored the exit codes would be thrown away.
+/**
+ * Makes the signals wait until we take them. They get their default action first, because a parent may have left them
+ * ignored, and with SIGCHLD ignored the kernel throws exit codes away.
+ */
 void holdSignals()
 {
     for (const int number : kGuardedSignals) {
@@ -64,7 +66,7 @@ AgentHoldings lastHoldings(int link)
     return last;
 }
 
-// @return the status, in the form of waitpid()
+/** @return the status of the agent, in the form of waitpid() */
 int waitForAgent(pid_t agent)
 {
     const sigset_t set = guardedSignals();
@@ -78,9 +80,12 @@ int waitForAgent(pid_t agent)
     return status;
 }
 
-// Orphans of the agent are our children. Looked at before they are reaped, for until then nobody else gets their
-// number.
-// @return whether there are any left
+/**
+ * Reaps the orphans of the agent, which are our children, and removes the files of the X server. This happens before
+ * its process is reaped, because no other X server can have its pid until then.
+ *
+ * @return whether any are left
+ */
 bool reapOrphans(const AgentHoldings &holdings)
 {
     siginfo_t ended = {};
@@ -104,7 +109,7 @@ void waitForNextLook()
     ::sigtimedwait(&set, nullptr, &kInterval);
 }
 
-// @return whether all orphans have ended in time
+/** @return whether all orphans have ended in time */
 bool awaitOrphans(const AgentHoldings &holdings, Clock::duration limit)
 {
     const Clock::time_point begin = Clock::now();
@@ -123,20 +128,21 @@ void endOrphans(const AgentHoldings &holdings)
         return;
     }
     signalAll(liveDescendants(::getpid(), 0), SIGTERM);
-    if (awaitOrphans(holdings, kPolite)) {
+    if (awaitOrphans(holdings, kTerminateTime)) {
         return;
     }
-    // Again and again, for they may go on starting others; and once in any case, however long the machine stood still.
+    // In a loop, because they may start others. At least once, because the machine may have stood still for all the
+    // time.
     const Clock::time_point begin = Clock::now();
     do {
         signalAll(liveDescendants(::getpid(), 0), SIGKILL);
         waitForNextLook();
-    } while (reapOrphans(holdings) && Clock::now() - begin <= kForced);
+    } while (reapOrphans(holdings) && Clock::now() - begin <= kKillTime);
 }
 
 void removeDeadSockets(quint16 display)
 {
-    QString error; // the path is taken by somebody else: not ours to remove
+    QString error; // ignored: the socket belongs to another process, so it must stay
     for (const QString &path :
          {agentSocketPath(display), AgentFile::applicationSocket(display), AgentFile::rfbSocket(display)}) {
         [[maybe_unused]] const bool removed = removeDeadSocket(path, &error);
@@ -152,7 +158,7 @@ bool forkAgent(pid_t *agent, int *link, QString *error)
         *error = u"Failed to create a socket pair: %1"_s.arg(qt_error_string(errno));
         return false;
     }
-    if (!becomeSubreaper(error)) { // does not pass on to the child
+    if (!becomeSubreaper(error)) { // the child does not inherit this
         return false;
     }
     holdSignals();

@@ -8,23 +8,22 @@
 #include <sys/types.h>
 
 /*
- * The agent works under a guard, its parent process, so that nothing of a session outlives an agent that is killed:
- * what the applications have started in turn learns nothing of the agent's death, and would run on without a display.
- * The guard does nothing while all goes well. It has no event loop and no thread, and its one connection is the link
- * to the agent, over which the agent tells what it holds, and notices when the guard itself is gone.
+ * The guard is the parent process of the agent. When the agent is killed, the guard ends everything that the session
+ * has started, because most of these processes do not notice the agent's death and would run on without a display.
+ * Until then the guard only passes signals on. It has no event loop and no thread. Over one link the agent tells the
+ * guard what it holds, and notices when the guard is gone.
  */
 
-/** What the agent holds that stays behind when it is killed. Goes over the link as it is. */
+/** What a killed agent leaves behind. Sent over the link as it is in memory. */
 struct AgentHoldings
 {
-    qint32 display = -1; ///< whose sockets the agent serves; -1: none
-    pid_t xServer = 0;   ///< the X server's process; 0: none
+    qint32 display = -1; ///< the display whose sockets the agent serves; -1: none
+    pid_t xServer = 0;   ///< the pid of the X server; 0: none
 };
 
 /**
- * Becomes the guard of a new process. Returns in both: in the agent with @p agent 0, in the guard with the agent's id.
- * Signals that ask the agent for something are blocked in both and wait; the agent unblocks them when it is ready for
- * them.
+ * Starts a new process, the agent, and becomes its guard. Returns in both: in the agent with @p agent 0, in the guard
+ * with the agent's pid. The agent's signals are blocked in both. The agent unblocks them when it has its handlers.
  *
  * @param agent  set only on success
  * @param link   set only on success: this process's end of the link, close-on-exec
@@ -33,8 +32,8 @@ struct AgentHoldings
 [[nodiscard]] bool forkAgent(pid_t *agent, int *link, QString *error);
 
 /**
- * Waits for the end of the agent, hands signals on to it until then, and ends and removes whatever it has left.
- * Blocks for as long as the session lasts.
+ * Passes signals on to the agent until it ends. Then ends the processes and removes the files that it has left behind.
+ * Blocks as long as the session lasts.
  *
  * @return the agent's exit code; AgentDied when it had none
  */

@@ -13,7 +13,7 @@ GuardLink::GuardLink(int descriptor_, QObject *parent)
 
 void GuardLink::tell(const AgentHoldings &holdings)
 {
-    // A guard that is gone is noticed elsewhere.
+    // Failures are ignored, because lost() reports a guard that is gone.
     [[maybe_unused]] const ssize_t sent = ::send(descriptor, &holdings, sizeof holdings, MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
@@ -28,5 +28,6 @@ void GuardLink::Notifier_activated()
 bool isGuardAlive(int link)
 {
     char byte = 0;
-    return ::recv(link, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK) != 0; // it says nothing, ever
+    return ::recv(link, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK) !=
+           0; // the guard never sends anything, so 0 is the end of the stream
 }

@@ -6,16 +6,16 @@
 #include <QObject>
 #include <QSocketNotifier>
 
-/** The agent's end of the link to its guard. Owned by the program's main function, lives on the main thread. */
+/** The agent's end of the link to its guard. Owned by start-agent's main function, lives on the main thread. */
 class GuardLink final : public QObject
 {
     Q_OBJECT
 
 public:
-    /** @param descriptor  as from forkAgent(); stays the caller's */
+    /** @param descriptor  as from forkAgent(); the caller closes it */
     explicit GuardLink(int descriptor, QObject *parent = nullptr);
 
-    /** What the guard has to remove if we are killed from now on. */
+    /** Tells the guard what to remove if we are killed from now on. */
     void tell(const AgentHoldings &holdings);
 
 signals:

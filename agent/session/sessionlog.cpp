@@ -17,7 +17,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Below the 512 characters at which the file's reader cuts a line in two.
+/** The server cuts lines in two at 512 characters, and this is below that. */
 constexpr qsizetype kMaxLineLength = 500;
 
 QString singleLine(const QString &text)
@@ -95,7 +95,7 @@ void SessionLog::screenResized(const QSize &size)
 
 void SessionLog::writeLine(const QString &line)
 {
-    // One write per line, so that a reader never sees half of one and two writers do not mix.
+    // One write per line, so that no reader sees half a line and the lines of two writers do not mix.
     const QByteArray bytes = line.toUtf8() + '\n';
     [[maybe_unused]] const ssize_t written = ::write(descriptor, bytes.constData(), static_cast<size_t>(bytes.size()));
 }

@@ -16,7 +16,7 @@ void setDate(Json::Value *object, const char *name, const QDateTime &time)
     }
 }
 
-// Dates travel to the second.
+/** Dates are written to the second. */
 QDateTime wholeSecond(const QDateTime &time)
 {
     return time.addMSecs(-time.time().msec());
@@ -99,12 +99,14 @@ QByteArray SessionState::toJson() const
     return writeJson(object);
 }
 
-// The session server notices that a client came or left by the date alone, which is precise to the second: a second
-// event within the same second must still have a date of its own, or the server waits for it in vain.
+/**
+ * The time of an event, always later than @p previous. The server notices events only by their date, which is precise
+ * to the second. So two events within one second need different dates, or the server would miss the second one.
+ */
 QDateTime SessionState::timeAfter(const QDateTime &previous) const
 {
-    constexpr qint64 kLargestLeadSeconds = 60; // further ahead than that, the clock was set back: follow it
+    constexpr qint64 kMaxLeadSeconds = 60; // further ahead, the clock was set back, and we follow it
     const QDateTime now = wholeSecond(clock());
-    const bool isTaken = previous.isValid() && now <= previous && now.secsTo(previous) < kLargestLeadSeconds;
+    const bool isTaken = previous.isValid() && now <= previous && now.secsTo(previous) < kMaxLeadSeconds;
     return isTaken ? previous.addSecs(1) : now;
 }

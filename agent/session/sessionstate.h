@@ -13,27 +13,28 @@
 class SessionLog;
 
 /**
- * What the session server wants to know about a session, kept in one place so that the state that is served and the
- * events in the log cannot tell different stories: every change goes through a function here, which writes the
- * log line as well. Owned by the agent, used on the main thread only.
+ * What the server wants to know about a session. Each function that changes it also writes the line of the log, so the
+ * state that is served and the log cannot differ. Owned by the agent, used on the main thread only.
  */
 class SessionState final
 {
 public:
     using Clock = std::function<QDateTime()>;
 
-    /** @param log outlives this object. @param clock the local time; another one is for tests. */
+    /** @param log  outlives this object. @param clock  the local time; tests pass another one */
     explicit SessionState(SessionLog *log, Clock clock = &QDateTime::currentDateTime);
+    ~SessionState() = default;
+    Q_DISABLE_COPY_MOVE(SessionState)
 
     /** The session can be used from now on. */
     void setReady();
-    /** Opens one more one-time password. */
+    /** Adds a one-time password. */
     void offerPassword();
-    /** Closes all open passwords. */
+    /** Removes all passwords. */
     void expirePasswords();
-    /** A client from @p address came in and used up @p password. */
+    /** A client from @p address has used up @p password. */
     void clientAuthenticated(const QString &address, const QByteArray &password);
-    /** All these clients left, at one and the same time. Does nothing for an empty list. */
+    /** All these clients left at the same time. Does nothing for an empty list. */
     void clientsDisconnected(const QStringList &addresses);
     void setScreenSize(const QSize &size);
 
@@ -41,8 +42,8 @@ public:
     [[nodiscard]] bool isReady() const { return started.isValid(); }
 
     /**
-     * One JSON object with Clients and Passwords, and once they are known Started, LastConnect, LastDisconnect,
-     * ScreenWidth and ScreenHeight.
+     * One JSON object with Clients and Passwords. Started, LastConnect, LastDisconnect, ScreenWidth and ScreenHeight
+     * are left out until they are known.
      */
     [[nodiscard]] QByteArray toJson() const;
 

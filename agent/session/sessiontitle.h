@@ -5,9 +5,9 @@
 #include <QString>
 
 /**
- * What viewers show as the title of a session: its name on one line, without blanks that nobody sees. A session without
- * a name is called by its display.
+ * What viewers show as the title of a session: its name on one line, each row of blanks as one space. A session without
+ * a name gets its display number as the title.
  *
- * @param name  as in the session's file, in UTF-8
+ * @param name  the content of the session's name file, UTF-8
  */
 [[nodiscard]] QString sessionTitle(const QByteArray &name, quint16 display);

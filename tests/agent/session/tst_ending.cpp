@@ -42,7 +42,7 @@ private:
         return writeScript(path(u"Xtigervnc"_s), "exec sleep 1000") && xServer->start(settings, &error);
     }
 
-    // Runs a script and waits until it has left its mark.
+    /** Runs a script and waits until it has left its mark. */
     [[nodiscard]] bool startApplication(const QByteArray &script)
     {
         SpawnRequest request;
@@ -144,7 +144,7 @@ private slots:
         Ending ending(xServer.get(), watcher.get(), kLimits);
         QSignalSpy finished(&ending, &Ending::finished);
         ending.start();
-        QThread::msleep((kLimits.polite + kLimits.forced + 50ms).count());
+        QThread::msleep((kLimits.terminate + kLimits.kill + 50ms).count());
         QTRY_COMPARE_WITH_TIMEOUT(finished.count(), 1, 15000);
         QVERIFY(liveDescendants(::getpid(), 0).isEmpty());
         QVERIFY(log->lines.isEmpty());
