@@ -11,8 +11,8 @@
 #include <vector>
 
 /**
- * Stands in for the X server's socket: lets every connection in without a password and then sends back what it
- * receives. Can be told to refuse, to say nothing, or to stop reading.
+ * Replaces the X server's socket: accepts every connection without a password and then echoes what it receives. Can
+ * also refuse, send nothing, or stop reading.
  */
 class FakeBackend final : public QObject
 {
@@ -42,7 +42,7 @@ private:
         if (manner == Manner::Silent) {
             return;
         }
-        // Version, one security type, result: the client's answers in between say nothing new.
+        // Version, security types and result at once, because the client's answers in between are always the same.
         socket->write(QByteArray("RFB 003.008\n") + QByteArray::fromHex("0101") +
                       QByteArray::fromHex(manner == Manner::Refuse ? "00000001" : "00000000"));
         if (manner == Manner::DoNotRead) {

@@ -15,8 +15,10 @@ bool blockChildSignal()
     return ::pthread_sigmask(SIG_BLOCK, &set, nullptr) == 0;
 }
 
-// The test library runs a thread of its own, and SIGCHLD would be lost on it. Done before main(), so that every thread
-// inherits it.
+/**
+ * Qt Test has a thread of its own, on which SIGCHLD would be lost. Blocked before main(), so that every thread inherits
+ * the mask.
+ */
 [[maybe_unused]] const bool isChildSignalBlocked = blockChildSignal();
 
 } // namespace

@@ -23,7 +23,7 @@ class ApplicationDoorTest final : public QObject
 private:
     QTemporaryDir directory;
     QList<QByteArray> started;
-    QString failure; ///< what the next start reports
+    QString failure; ///< the error of the next start; empty: it succeeds
 
     QString path() const { return directory.filePath(u"door"_s); }
 
@@ -36,7 +36,7 @@ private:
         };
     }
 
-    // What start-app would report.
+    /** @return what start-app would report */
     QString request(const QByteArray &commandLine)
     {
         ApplicationRequest request;
@@ -55,17 +55,17 @@ private slots:
         failure.clear();
     }
 
-    void handsCommandsOver_data()
+    void commandsReachTheAgent_data()
     {
         QTest::addColumn<QByteArray>("command");
         QTest::newRow("word") << QByteArray("xterm");
         QTest::newRow("line") << QByteArray("a  'b c' | d; e &");
         QTest::newRow("lines") << QByteArray("a\nb");
-        QTest::newRow("no text") << QByteArray("\xff\xfe");
+        QTest::newRow("no UTF-8") << QByteArray("\xff\xfe");
         QTest::newRow("longest") << QByteArray(kMaxCommandBytes, 'x');
     }
 
-    void handsCommandsOver()
+    void commandsReachTheAgent()
     {
         QFETCH(QByteArray, command);
         TestLog log;
@@ -76,7 +76,7 @@ private slots:
         QCOMPARE(started, QList<QByteArray>{command});
     }
 
-    void refuses_data()
+    void badCommandsAreRefused_data()
     {
         QTest::addColumn<QByteArray>("command");
         QTest::addColumn<QString>("answer");
@@ -85,7 +85,7 @@ private slots:
         QTest::newRow("too long") << QByteArray(kMaxCommandBytes + 1, 'x') << u"The command line is too long"_s;
     }
 
-    void refuses()
+    void badCommandsAreRefused()
     {
         QFETCH(QByteArray, command);
         TestLog log;
@@ -96,7 +96,7 @@ private slots:
         QVERIFY(started.isEmpty());
     }
 
-    void passesFailuresOn()
+    void failuresAreReportedAndLogged()
     {
         TestLog log;
         failure = u"It did not work"_s;
@@ -107,12 +107,12 @@ private slots:
         QCOMPARE(log.lines, QStringList{u"Warning: It did not work"_s});
     }
 
-    void reportsMissingAgent()
+    void missingAgentIsReported()
     {
         QVERIFY(request("xterm").startsWith(u"Failed to reach the agent of this session at \""_s + path()));
     }
 
-    void reportsAgentThatGoes()
+    void agentThatClosesTheConnectionIsReported()
     {
         LocalEndpoint endpoint;
         QString error;
@@ -121,7 +121,7 @@ private slots:
         QCOMPARE(request("xterm"), u"The agent of this session closed the connection"_s);
     }
 
-    // A peer that ignores the limit of start-app is stopped by the door's own.
+    // The door has limits of its own, because a peer need not be start-app.
     void bytesAndConnectionsAreLimited()
     {
         TestLog log;
@@ -144,7 +144,7 @@ private slots:
         QTRY_COMPARE(request("xterm"), QString());
     }
 
-    void silenceHasAnEnd()
+    void silentConnectionTimesOut()
     {
         TestLog log;
         ApplicationDoor door(starter());

@@ -14,7 +14,7 @@ class ApplicationRunnerTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void runsAndLogs()
+    void applicationsRunAndTheirEndsAreLogged()
     {
         TestLog log;
         ChildWatcher watcher;
@@ -33,10 +33,10 @@ private slots:
 
         QVERIFY(runner.runProgram({"/bin/echo", "$NAME"}, &error) > 0);
         QTRY_COMPARE(log.lines.size(), 4);
-        QVERIFY(contentOf(logPath).endsWith("\n$NAME\n")); // behind the first one's output
+        QVERIFY(contentOf(logPath).endsWith("\n$NAME\n")); // after the output of the first one
     }
 
-    void reportsWhatItCannotOpen()
+    void outputFileThatCannotBeOpenedIsReported()
     {
         TestLog log;
         ChildWatcher watcher;

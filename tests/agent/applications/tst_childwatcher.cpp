@@ -15,9 +15,9 @@ class ChildWatcherTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void reportsEveryChild()
+    void everyChildIsReported()
     {
-        // As if our parent had left it ignored, in which case the kernel would reap for us.
+        // As some parents leave it. The kernel would then reap our children.
         ::signal(SIGCHLD, SIG_IGN);
         ChildWatcher watcher;
         QString error;
@@ -25,7 +25,7 @@ private slots:
         std::map<pid_t, int> ended;
         connect(&watcher, &ChildWatcher::ended, this, [&ended](pid_t pid, int status) { ended[pid] = status; });
 
-        // More at once than there are signals: the kernel merges them.
+        // Many at once, because the kernel merges their signals.
         std::map<pid_t, int> expected;
         for (int code = 0; code < 20; ++code) {
             const pid_t pid = ::fork();
@@ -39,7 +39,7 @@ private slots:
         QCOMPARE(::waitpid(-1, nullptr, WNOHANG), pid_t{-1});
     }
 
-    void restoresTheSignalMask()
+    void signalMaskIsRestored()
     {
         sigset_t set;
         ::sigemptyset(&set);

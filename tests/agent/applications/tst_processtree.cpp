@@ -17,9 +17,10 @@ class ProcessTreeTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void findsDescendants()
+    void liveDescendantsAreFound()
     {
-        // Ours forks one of its own, under a name that looks like the end of its field, and tells its number.
+        // The child forks a grandchild and sends us its pid. The name looks like the fields that follow a name in
+        // /proc.
         std::array<int, 2> ends = {};
         QCOMPARE(::pipe2(ends.data(), O_CLOEXEC), 0);
         const pid_t child = ::fork();
@@ -44,7 +45,7 @@ private slots:
         QCOMPARE(liveChildren(), QSet<pid_t>{child});
         QCOMPARE(liveDescendants(child, 0), QList<pid_t>{grandchild});
 
-        // Ended and not yet reaped: no longer live.
+        // Zombies are not live.
         ::kill(grandchild, SIGKILL);
         QTRY_COMPARE(liveDescendants(::getpid(), 0), QList<pid_t>{child});
         ::kill(child, SIGKILL);

@@ -13,7 +13,7 @@ class SessionEnvironmentTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void replacesWhatBelongsToTheSession()
+    void variablesOfAnotherSessionAreReplaced()
     {
         const QList<QByteArray> base = {"PATH=/bin",
                                         "DISPLAY=:0",
@@ -31,14 +31,14 @@ private slots:
                                     "XAUTHORITY=/a b/authority", "XDG_SESSION_TYPE=x11"}));
     }
 
-    void readsOurOwn()
+    void currentEnvironmentIsOurs()
     {
         qputenv("ZARVO_TEST_VARIABLE", "a=b");
         QVERIFY(currentEnvironment().contains("ZARVO_TEST_VARIABLE=a=b"));
         qunsetenv("ZARVO_TEST_VARIABLE");
     }
 
-    void readsTheMask_data()
+    void maskIsReadFromTheSettings_data()
     {
         QTest::addColumn<QByteArray>("text");
         QTest::addColumn<int>("mask");
@@ -52,7 +52,7 @@ private slots:
         QTest::newRow("longer name") << QByteArray("UMASKED 077\n") << 022;
     }
 
-    void readsTheMask()
+    void maskIsReadFromTheSettings()
     {
         QFETCH(QByteArray, text);
         QFETCH(int, mask);
@@ -64,7 +64,7 @@ private slots:
         QCOMPARE(int(userFileCreationMask(file.fileName())), mask);
     }
 
-    void hasAMaskWithoutSettings() { QCOMPARE(int(userFileCreationMask(u"/nowhere/login"_s)), 022); }
+    void missingSettingsGiveTheDefaultMask() { QCOMPARE(int(userFileCreationMask(u"/nowhere/login"_s)), 022); }
 };
 
 ZARVO_TEST(SessionEnvironmentTest)

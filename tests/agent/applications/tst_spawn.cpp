@@ -28,7 +28,7 @@ private:
         int status = -1;
     };
 
-    // Runs the request to its end. The children here end by themselves; the test program's own time-out guards.
+    /** Runs the request and waits until it ends. There is no deadline, because all children here end by themselves. */
     static Outcome run(SpawnRequest request)
     {
         std::array<int, 2> ends = {};
@@ -62,7 +62,7 @@ private:
     }
 
 private slots:
-    void passesArgumentsAndEnvironment()
+    void argumentsAndEnvironmentReachTheProgram()
     {
         SpawnRequest request = shell("echo \"$0|$1|$NAME|$HOME\"; echo error >&2; exit 3");
         request.arguments += {"zero", "a  b"};
@@ -72,9 +72,9 @@ private slots:
         QCOMPARE(exitStatusText(outcome.status), u"exit code 3"_s);
     }
 
-    void reportsSignals() { QCOMPARE(exitStatusText(run(shell("kill -9 $$")).status), u"signal 9"_s); }
+    void signalIsReported() { QCOMPARE(exitStatusText(run(shell("kill -9 $$")).status), u"signal 9"_s); }
 
-    void childTellsThatItsProgramCannotBeRun()
+    void childReportsThatItsProgramCannotBeRun()
     {
         SpawnRequest request = shell({});
         request.program = "/nowhere/program";
@@ -84,7 +84,7 @@ private slots:
         QCOMPARE(WEXITSTATUS(outcome.status), kProgramNotRun);
     }
 
-    void startsFromCleanSignals()
+    void signalsHaveTheirDefaults()
     {
         sigset_t blocked;
         ::sigfillset(&blocked);
@@ -98,11 +98,11 @@ private slots:
         QCOMPARE(outcome.output, "SigBlk:" + none + "SigIgn:" + none);
     }
 
-    void inheritsNothingElse()
+    void noOtherDescriptorIsInherited()
     {
         const int leaked = ::open("/dev/null", O_RDONLY); // without close-on-exec, as a library may do
-        // No pipe behind it: the shell would hold an end of that for a moment. And a last command that is none, or the
-        // shell would become ls, which holds the directory.
+        // Without a pipe, because the shell would hold an end of it for a moment. ":" comes last, because otherwise the
+        // shell would exec ls, which holds the directory open.
         const Outcome without = run(shell("ls /proc/$$/fd; :"));
         QCOMPARE(without.output, QByteArray("0\n1\n2\n"));
         SpawnRequest request = shell("ls /proc/$$/fd; readlink /proc/$$/fd/3 /proc/$$/fd/0");
@@ -113,8 +113,8 @@ private slots:
         ::close(leaked);
     }
 
-    // A descriptor that already has the number 3 must lose its close-on-exec as well.
-    void inheritsDescriptorThree()
+    // dup2() of a descriptor onto itself does not clear close-on-exec.
+    void descriptorThreeIsInheritedEvenIfItIsThreeAlready()
     {
         const int saved = ::fcntl(3, F_DUPFD_CLOEXEC, 10);
         const int zero = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
@@ -132,7 +132,7 @@ private slots:
         QCOMPARE(outcome.output, QByteArray("/dev/zero\n"));
     }
 
-    void hasItsOwnSessionMaskAndDirectory()
+    void childHasItsOwnSessionMaskAndDirectory()
     {
         SpawnRequest request = shell("umask; pwd; test $(cut -d' ' -f6 /proc/$$/stat) = $$ && echo leader");
         request.fileCreationMask = 027;
@@ -143,7 +143,6 @@ private slots:
         QCOMPARE(run(request).output, "0027\n" + here + "\nleader\n");
     }
 
-    // Our death must not go unnoticed, however it comes.
     void childEndsWithItsParent()
     {
         std::array<int, 2> ends = {};
@@ -157,7 +156,8 @@ private slots:
         }
         ::close(ends[1]);
         char byte = 0;
-        QCOMPARE(::read(ends[0], &byte, 1), ssize_t{0}); // the end of the stream: nobody holds the pipe any more
+        QCOMPARE(::read(ends[0], &byte, 1),
+                 ssize_t{0}); // the end of the stream, because no process holds the pipe any more
         ::close(ends[0]);
         int status = -1;
         QCOMPARE(::waitpid(parent, &status, 0), parent);

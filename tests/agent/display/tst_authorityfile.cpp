@@ -17,13 +17,13 @@ class AuthorityFileTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void finds_data()
+    void findsTheEntriesOfTheDisplay_data()
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<QByteArray>("entries"); // empty: refused
         const QByteArray other = authorityEntry("8", "MIT-MAGIC-COOKIE-1", QByteArray(16, 'o'));
         QTest::newRow("one") << authorityEntry("7") << authorityEntry("7");
-        QTest::newRow("behind another display") << other + authorityEntry("7") << authorityEntry("7");
+        QTest::newRow("after another display") << other + authorityEntry("7") << authorityEntry("7");
         QTest::newRow("two for us") << authorityEntry("7") + other + authorityEntry("7")
                                     << authorityEntry("7") + authorityEntry("7");
         QTest::newRow("none") << QByteArray() << QByteArray();
@@ -34,10 +34,10 @@ private slots:
         QTest::newRow("longer method") << authorityEntry("7", "MIT-MAGIC-COOKIE-10") << QByteArray();
         QTest::newRow("empty cookie") << authorityEntry("7", "MIT-MAGIC-COOKIE-1", {}) << QByteArray();
         QTest::newRow("short cookie") << authorityEntry("7", "MIT-MAGIC-COOKIE-1", QByteArray(15, 'c')) << QByteArray();
-        QTest::newRow("damaged behind") << authorityEntry("7") + "x" << QByteArray();
+        QTest::newRow("damaged after the entry") << authorityEntry("7") + "x" << QByteArray();
     }
 
-    void finds()
+    void findsTheEntriesOfTheDisplay()
     {
         QFETCH(QByteArray, content);
         QFETCH(QByteArray, entries);
@@ -47,7 +47,7 @@ private slots:
         QCOMPARE(authority.cookie, entries.isEmpty() ? QByteArray() : QByteArray(16, 'c'));
     }
 
-    void refusesEveryTruncation()
+    void everyTruncationIsRefused()
     {
         const QByteArray content = authorityEntry("7");
         for (qsizetype length = 0; length < content.size(); ++length) {
@@ -57,7 +57,7 @@ private slots:
         }
     }
 
-    void namesTheFile()
+    void errorNamesTheFile()
     {
         const QTemporaryDir directory;
         const QString path = directory.filePath(u"authority"_s);
@@ -87,7 +87,7 @@ private slots:
         const int again = ::open(path.constData(), O_RDWR | O_CLOEXEC);
         QVERIFY(again == -1 || ::write(again, "x", 1) == -1);
         ::close(again);
-        // Read more than once, each time from its beginning.
+        // Can be read again and again, because each open() starts at the beginning.
         for (int i = 0; i < 2; ++i) {
             QFile file(QString::fromLatin1(path));
             QVERIFY(file.open(QIODevice::ReadOnly));

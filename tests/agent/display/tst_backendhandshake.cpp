@@ -14,7 +14,7 @@ private:
     static QByteArray hex(const char *digits) { return QByteArray::fromHex(digits); }
 
 private slots:
-    void logsIn()
+    void handshakeSucceeds()
     {
         BackendHandshake handshake;
         QByteArray input = "RFB 003.008\n";
@@ -30,7 +30,7 @@ private slots:
         QCOMPARE(input, QByteArray("next"));
     }
 
-    void takesAnyPieces()
+    void bytesMayComeInAnyPieces()
     {
         const QByteArray all = QByteArray("RFB 003.008\n") + hex("03021310") + hex("00000000");
         const QByteArray good = QByteArray("RFB 003.008\n") + hex("03020113") + hex("00000000") + "next";
@@ -50,7 +50,7 @@ private slots:
         QCOMPARE(refused.state(), State::Failed);
     }
 
-    void fails_data()
+    void unexpectedAnswerFails_data()
     {
         QTest::addColumn<QByteArray>("input");
         const QByteArray version = "RFB 003.008\n";
@@ -61,7 +61,7 @@ private slots:
         QTest::newRow("refused") << version + hex("0101") + hex("00000001");
     }
 
-    void fails()
+    void unexpectedAnswerFails()
     {
         QFETCH(QByteArray, input);
         BackendHandshake handshake;

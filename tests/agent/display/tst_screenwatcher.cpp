@@ -7,13 +7,13 @@
 
 using namespace Qt::StringLiterals;
 
-// With a real X server it is tested as part of the agent.
+/** The rest needs a real X server, so the tests of the built agent cover it. */
 class ScreenWatcherTest final : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void reportsMissingServer()
+    void missingXServerIsReported()
     {
         ScreenWatcher watcher;
         QSignalSpy failed(&watcher, &ScreenWatcher::failed);

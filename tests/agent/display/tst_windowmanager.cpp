@@ -33,11 +33,11 @@ private slots:
 
     void cleanup() { qputenv("PATH", searchPath); }
 
-    void isWaitedForWhileTheServerWaitsForTheSession_data()
+    void patienceEndsBeforeThatOfTheServer_data()
     {
         QTest::addColumn<int>("sinceStart"); // in milliseconds
         QTest::addColumn<int>("patience");
-        QTest::newRow("X server at once") << 0 << 8000;
+        QTest::newRow("fast X server") << 0 << 8000;
         QTest::newRow("slow X server") << 5000 << 8000;
         QTest::newRow("slower X server") << 7600 << 5400;
         QTest::newRow("slowest X server") << 10000 << 3000;
@@ -45,14 +45,14 @@ private slots:
         QTest::newRow("machine that stood still") << 60000 << 0;
     }
 
-    void isWaitedForWhileTheServerWaitsForTheSession()
+    void patienceEndsBeforeThatOfTheServer()
     {
         QFETCH(const int, sinceStart);
         QFETCH(const int, patience);
         QCOMPARE(windowManagerPatience(std::chrono::milliseconds(sinceStart)).count(), patience);
     }
 
-    void choosesNoneWhenNoneIsInstalled()
+    void noneIsChosenWhereNoneIsInstalled()
     {
         QList<QByteArray> arguments = {"before"};
         QString error;
@@ -61,7 +61,7 @@ private slots:
         QVERIFY(!QFileInfo::exists(path(u"settings"_s)));
     }
 
-    void choosesTheSecond()
+    void matchboxIsChosenWithoutOpenbox()
     {
         QVERIFY(writeScript(path(u"matchbox-window-manager"_s), ""));
         QList<QByteArray> arguments;
@@ -70,7 +70,7 @@ private slots:
         QCOMPARE(arguments.first(), QFile::encodeName(path(u"matchbox-window-manager"_s)));
     }
 
-    void prefersTheFirstAndWritesItsSettings()
+    void openboxIsPreferredAndGetsItsSettings()
     {
         QVERIFY(writeScript(path(u"matchbox-window-manager"_s), ""));
         QVERIFY(writeScript(path(u"openbox"_s), ""));
@@ -90,7 +90,7 @@ private slots:
         QVERIFY(elements.contains(u"maximized"_s) && elements.contains(u"decor"_s));
     }
 
-    void reportsSettingsThatCannotBeWritten()
+    void settingsThatCannotBeWrittenAreReported()
     {
         QVERIFY(writeScript(path(u"openbox"_s), ""));
         QList<QByteArray> arguments;

@@ -20,7 +20,7 @@
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 
-// The window manager is a script called openbox.
+/** The window manager is a script called openbox. */
 class WindowManagerStartTest final : public QObject
 {
     Q_OBJECT

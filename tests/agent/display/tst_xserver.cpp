@@ -13,7 +13,7 @@
 
 using namespace Qt::StringLiterals;
 
-// The process is a script; what it would serve is served by the test.
+/** The process is a script, and the test serves the screen. */
 class XServerTest final : public QObject
 {
     Q_OBJECT
@@ -55,7 +55,7 @@ private slots:
         qputenv("PATH", searchPath);
     }
 
-    void isReadyWhenItServesItsScreen()
+    void readyWhenTheScreenIsServed()
     {
         QVERIFY(install("exec sleep 1000"));
         XServer server(watcher.get());
@@ -75,7 +75,7 @@ private slots:
         QCOMPARE(ready.count(), 1);
     }
 
-    void isStartedAsItShould()
+    void argumentsAndAuthorityReachTheProcess()
     {
         QVERIFY(install("for argument; do echo \"[$argument]\" >> " + QFile::encodeName(path(u"seen"_s)) +
                         "; done; cat /proc/self/fd/3 >> " + QFile::encodeName(path(u"seen"_s))));
@@ -91,7 +91,7 @@ private slots:
         QVERIFY(!seen.contains("-displayfd"));
     }
 
-    void endsByItself_data()
+    void endIsReportedWithItsReason_data()
     {
         QTest::addColumn<QByteArray>("script");
         QTest::addColumn<QString>("reason");
@@ -99,7 +99,7 @@ private slots:
         QTest::newRow("signal") << QByteArray("kill -9 $$") << u"signal 9"_s;
     }
 
-    void endsByItself()
+    void endIsReportedWithItsReason()
     {
         QFETCH(QByteArray, script);
         QVERIFY(install(script));
@@ -111,7 +111,7 @@ private slots:
         QTEST(ended.first().first().toString(), "reason");
     }
 
-    void keepsItsLastWords()
+    void lastLinesAreKept()
     {
         QVERIFY(
             install("echo; for i in $(seq 100); do echo \"line $i\" >&2; done; head -c 1000 /dev/zero | tr '\\0' x; "
@@ -127,7 +127,7 @@ private slots:
         QCOMPARE(server.lastLines().last(), QString(200, u'x'));
     }
 
-    void isKilledWhenItDoesNotEnd()
+    void processThatIgnoresTheRequestIsKilled()
     {
         QVERIFY(
             install("trap '' TERM; touch " + QFile::encodeName(path(u"trapped"_s)) + "; while :; do sleep 0.1; done"));
@@ -141,7 +141,7 @@ private slots:
         QCOMPARE(ended.first().first().toString(), u"signal 9"_s);
     }
 
-    void isMissing()
+    void missingProgramIsReported()
     {
         qputenv("PATH", QFile::encodeName(directory->path()));
         XServer server(watcher.get());
@@ -151,7 +151,7 @@ private slots:
         QVERIFY(!server.isRunning());
     }
 
-    void oldSocketIsNotTakenForTheNewOne()
+    void staleSocketIsNotTakenForTheNewOne()
     {
         FakeBackend old(FakeBackend::Manner::Echo);
         QVERIFY(old.listen(path(u"rfb"_s)));

@@ -19,13 +19,13 @@ class XServerFilesTest final : public QObject
     Q_OBJECT
 
 private:
-    static constexpr pid_t kServer = 1234;
+    static constexpr pid_t kXServer = 1234;
 
     std::unique_ptr<QTemporaryDir> directory;
 
     QString lockPath() const { return directory->filePath(u".X7-lock"_s); }
     QString socketPath() const { return directory->filePath(u".X11-unix/X7"_s); }
-    void remove(pid_t server) { removeXServerFiles(7, server, directory->path()); }
+    void remove(pid_t xServer) { removeXServerFiles(7, xServer, directory->path()); }
 
     [[nodiscard]] bool write(const QString &path, const QByteArray &text)
     {
@@ -41,18 +41,18 @@ private slots:
         QVERIFY(write(socketPath(), {}));
     }
 
-    void removesWhatTheServerHeld()
+    void filesOfTheXServerAreRemoved()
     {
         QVERIFY(write(lockPath(), "      1234\n"));
         QVERIFY(write(directory->filePath(u".X8-lock"_s), "      1234\n"));
-        remove(kServer);
+        remove(kXServer);
         QVERIFY(!QFileInfo::exists(lockPath()));
         QVERIFY(!QFileInfo::exists(socketPath()));
         QVERIFY(QFileInfo::exists(directory->filePath(u".X8-lock"_s)));
-        remove(kServer); // nothing is there any more
+        remove(kXServer); // the files are gone already
     }
 
-    void leavesWhatIsAnothers_data()
+    void filesOfOthersStay_data()
     {
         QTest::addColumn<QByteArray>("lock");
         QTest::newRow("another process") << QByteArray("      4321\n");
@@ -62,33 +62,33 @@ private slots:
         QTest::newRow("too long") << QByteArray(40, '1');
     }
 
-    void leavesWhatIsAnothers()
+    void filesOfOthersStay()
     {
         QFETCH(QByteArray, lock);
         QVERIFY(write(lockPath(), lock));
-        remove(kServer);
+        remove(kXServer);
         remove(0);
         QCOMPARE(contentOf(lockPath()), lock);
         QVERIFY(QFileInfo::exists(socketPath()));
     }
 
-    void leavesSocketWithoutLock()
+    void socketWithoutLockStays()
     {
-        remove(kServer);
+        remove(kXServer);
         remove(0);
         QVERIFY(QFileInfo::exists(socketPath()));
     }
 
-    void neitherFollowsLinksNorWaitsForPipes()
+    void linksAreNotFollowedAndPipesDoNotBlock()
     {
         const QString target = directory->filePath(u"target"_s);
         QVERIFY(write(target, "      1234\n"));
         QVERIFY(QFile::link(target, lockPath()));
-        remove(kServer);
+        remove(kXServer);
         QVERIFY(QFileInfo(lockPath()).isSymLink());
         QVERIFY(QFile::remove(lockPath()));
         QCOMPARE(::mkfifo(QFile::encodeName(lockPath()).constData(), 0600), 0);
-        remove(kServer);
+        remove(kXServer);
         QVERIFY(QFileInfo::exists(lockPath()));
         QVERIFY(QFileInfo::exists(socketPath()));
     }

@@ -69,7 +69,7 @@ private slots:
         QCOMPARE(limiter.size(), 1);
     }
 
-    void quietAddressStartsAfresh()
+    void quietAddressStartsFromZero()
     {
         AttemptLimiter limiter;
         fail(&limiter, peer, start, 20);
@@ -79,7 +79,7 @@ private slots:
         QVERIFY(limiter.isLocked(peer, start + 1201s));
     }
 
-    void countsOneHostAsOne_data()
+    void addressesOfOneHostCountTogether_data()
     {
         QTest::addColumn<QString>("other");
         QTest::addColumn<QString>("address");
@@ -91,7 +91,7 @@ private slots:
         QTest::newRow("other network") << u"2001:db8::1"_s << u"2001:db8:0:1::1"_s << false;
     }
 
-    void countsOneHostAsOne()
+    void addressesOfOneHostCountTogether()
     {
         QFETCH(QString, other);
         QFETCH(QString, address);
@@ -109,9 +109,9 @@ private slots:
             limiter.wrongPassword(QHostAddress(0x0a000000 + i), start + 1s);
             QVERIFY(limiter.size() <= AttemptLimiter::kMaxAddresses);
         }
-        QVERIFY(!limiter.isLocked(peer, start + 2s)); // quiet for longest, so forgotten first
+        QVERIFY(!limiter.isLocked(peer, start + 2s)); // its wrong password is the oldest, so it is forgotten first
         limiter.wrongPassword(peer, start + 3000s);
-        QCOMPARE(limiter.size(), 1); // all others were quiet for long enough
+        QCOMPARE(limiter.size(), 1); // all others were quiet long enough to be forgotten
     }
 };
 

@@ -41,7 +41,7 @@ private slots:
         client.reset();
     }
 
-    void copiesBothWays()
+    void bytesAreCopiedBothWays()
     {
         FakeBackend backend(FakeBackend::Manner::Echo);
         QVERIFY(backend.listen(path()));
@@ -61,7 +61,7 @@ private slots:
         QCOMPARE(received, large);
     }
 
-    void endsWithTheClient()
+    void clientThatClosesEndsIt()
     {
         FakeBackend backend(FakeBackend::Manner::Echo);
         QVERIFY(backend.listen(path()));
@@ -76,7 +76,7 @@ private slots:
         QTRY_COMPARE(backend.sockets.front()->state(), QLocalSocket::UnconnectedState);
     }
 
-    void endsWithTheBackend()
+    void backendThatClosesEndsIt()
     {
         FakeBackend backend(FakeBackend::Manner::Echo);
         QVERIFY(backend.listen(path()));
@@ -90,7 +90,7 @@ private slots:
         QTRY_COMPARE(client->state(), QAbstractSocket::UnconnectedState);
     }
 
-    void endsWithoutBackend_data()
+    void backendThatDoesNotServeEndsIt_data()
     {
         QTest::addColumn<bool>("isThere");
         QTest::addColumn<int>("manner");
@@ -99,7 +99,7 @@ private slots:
         QTest::newRow("silent") << true << int(FakeBackend::Manner::Silent);
     }
 
-    void endsWithoutBackend()
+    void backendThatDoesNotServeEndsIt()
     {
         QFETCH(bool, isThere);
         QFETCH(int, manner);
@@ -108,13 +108,13 @@ private slots:
         begin("input");
         QSignalSpy ended(connection.get(), &ClientConnection::ended);
         connection->start(path());
-        QCOMPARE(ended.count(), 0); // never from within start()
+        QCOMPARE(ended.count(), 0); // never during start()
         QTRY_COMPARE_WITH_TIMEOUT(ended.count(), 1, 30000);
         QTRY_COMPARE(client->state(), QAbstractSocket::UnconnectedState);
     }
 
-    // A side that takes nothing stops the other side; nothing piles up in between.
-    void holdsBackAFlood()
+    // Back-pressure: when the backend does not read, the client is not read either.
+    void floodIsHeldBack()
     {
         FakeBackend backend(FakeBackend::Manner::DoNotRead);
         QVERIFY(backend.listen(path()));
@@ -124,7 +124,7 @@ private slots:
         constexpr qint64 kFlood = 64 * 1024 * 1024;
         client->write(QByteArray(kFlood, 'x'));
         qint64 left = kFlood;
-        // Until nothing moves any more for half a second; the system's own buffers take a few MiB.
+        // Until no byte has moved for half a second. The kernel's buffers take a few MiB.
         while (QTest::qWaitFor([&] { return client->bytesToWrite() < left; }, 500)) {
             left = client->bytesToWrite();
         }

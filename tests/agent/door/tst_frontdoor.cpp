@@ -18,7 +18,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// A client that answers by itself, with a password that it was given.
+/** A client that does the handshake by itself, with the password that it gets. */
 class Viewer final
 {
 public:
@@ -33,7 +33,7 @@ public:
     bool isRefused() const { return socket.state() == QAbstractSocket::UnconnectedState && !isIn(); }
 
     QTcpSocket socket;
-    QByteArray received; ///< greeting 12, types 2, challenge 16, result 4, and what follows
+    QByteArray received; ///< greeting (12 bytes), types (2), challenge (16), result (4), and what follows
 
 private:
     void read()
@@ -92,7 +92,7 @@ private slots:
         log.reset();
     }
 
-    void leadsToTheBackend()
+    void rightPasswordOpensTheBackend()
     {
         door->open();
         QSignalSpy authenticated(door.get(), &FrontDoor::clientAuthenticated);
@@ -143,7 +143,7 @@ private slots:
         QCOMPARE(door->clientCount(), size_t{1});
     }
 
-    void nobodyComesInBeforeItIsOpen()
+    void connectionsWaitUntilItIsOpen()
     {
         Viewer viewer(door->port(), passwords.add().password);
         QTRY_COMPARE(viewer.socket.state(), QAbstractSocket::ConnectedState);
@@ -152,7 +152,7 @@ private slots:
         QTRY_VERIFY(viewer.isIn());
     }
 
-    // A client that finds no place in the queue is told nothing and tries again after a second, or two, or four.
+    // The kernel drops a connection that finds the queue full. The client tries again only after 1, 2 or 4 seconds.
     void burstOfConnectionsFindsRoomInTheQueue()
     {
         std::vector<std::unique_ptr<QTcpSocket>> burst;
@@ -167,7 +167,7 @@ private slots:
         QTRY_COMPARE(connected(), 200);
     }
 
-    void disconnectsEveryClientAtOnce()
+    void allClientsAreDisconnectedAtOnce()
     {
         door->open();
         QSignalSpy disconnected(door.get(), &FrontDoor::clientsDisconnected);
@@ -182,12 +182,12 @@ private slots:
         QCOMPARE(disconnected.first().first().toStringList().size(), 2);
         QTRY_VERIFY(first.socket.state() == QAbstractSocket::UnconnectedState &&
                     second.socket.state() == QAbstractSocket::UnconnectedState);
-        Viewer third(door->port(), passwords.add().password); // still open
+        Viewer third(door->port(), passwords.add().password); // the door is still open
         QTRY_VERIFY(third.isIn());
         QCOMPARE(disconnected.count(), 1);
     }
 
-    void closes()
+    void closedDoorKeepsItsClients()
     {
         door->open();
         Viewer inside(door->port(), passwords.add().password);
@@ -204,7 +204,7 @@ private slots:
         QTRY_COMPARE(late.error(), QAbstractSocket::ConnectionRefusedError);
     }
 
-    // One address: its oldest connection goes for its newest.
+    // With one address alone, its newest connection replaces its oldest.
     void silentConnectionsKeepNobodyOut()
     {
         door->open();
@@ -224,7 +224,7 @@ private slots:
         QVERIFY(log->lines.first().startsWith(u"Info: Refused a client from 127.0.0.1: "_s));
     }
 
-    // Several addresses: who has the most of the places pays, even if others are older.
+    // With several addresses, the one with most handshakes loses its oldest, even if another one has older handshakes.
     void floodFromOneAddressDropsNoOther()
     {
         door->open();
@@ -258,7 +258,7 @@ private slots:
         QCOMPARE(passwords.all().size(), 1);
     }
 
-    void reportsTakenPort()
+    void takenPortIsReported()
     {
         FrontDoor second(&passwords, u"unused"_s);
         QString error;
@@ -266,23 +266,23 @@ private slots:
         QVERIFY(error.startsWith(u"Failed to listen on port %1: "_s.arg(door->port())));
     }
 
-    void strangersDoNotFillTheLog()
+    void refusalsDoNotFillTheLog()
     {
         door->open();
         QElapsedTimer elapsed;
         elapsed.start();
         for (int i = 0; i < 50; ++i) {
-            QTcpSocket stranger;
-            stranger.connectToHost(QHostAddress::LocalHost, door->port());
-            stranger.write("GET / HTTP/1.1\r\n\r\n");
-            QTRY_COMPARE(stranger.state(), QAbstractSocket::UnconnectedState);
+            QTcpSocket client;
+            client.connectToHost(QHostAddress::LocalHost, door->port());
+            client.write("GET / HTTP/1.1\r\n\r\n");
+            QTRY_COMPARE(client.state(), QAbstractSocket::UnconnectedState);
         }
         QVERIFY(!log->lines.isEmpty());
-        QVERIFY(log->lines.size() <= 1 + elapsed.elapsed() / 9000); // one more for each pause that is over
+        QVERIFY(log->lines.size() <= 1 + elapsed.elapsed() / 9000); // one more for each pause that has ended
         QVERIFY(log->lines.first().startsWith(u"Info: Refused a client from 127.0.0.1: "_s));
     }
 
-    void clientWithoutBackendIsCountedAndGone()
+    void clientWithoutBackendIsCountedAndDisconnected()
     {
         backend.reset();
         door->open();

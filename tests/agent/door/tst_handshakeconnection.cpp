@@ -26,7 +26,7 @@ private:
     std::unique_ptr<QTcpSocket> client;
     std::unique_ptr<HandshakeConnection> handshake;
 
-    // A client on the other end of the handshake, with version and security type behind it.
+    /** Connects a client, and gives its other end to a new handshake. */
     void begin(HandshakeLimits limits = {20s, 1ms})
     {
         client = std::make_unique<QTcpSocket>();
@@ -37,6 +37,7 @@ private:
         handshake = std::make_unique<HandshakeConnection>(std::move(socket), &passwords, &limiter, limits);
     }
 
+    /** Sends version and security type. @return the challenge */
     QByteArray answerVersion()
     {
         client->write("RFB 003.008\n\x02");
@@ -61,7 +62,7 @@ private slots:
         client.reset();
     }
 
-    void letsRightPasswordIn()
+    void rightPasswordAuthenticates()
     {
         const QByteArray password = passwords.add().password;
         begin();
@@ -80,7 +81,7 @@ private slots:
         QCOMPARE(socket->state(), QAbstractSocket::ConnectedState);
     }
 
-    void refusesWrongPasswordAfterADelay()
+    void wrongPasswordIsRefusedAfterADelay()
     {
         passwords.add();
         begin({20s, 200ms});
@@ -97,7 +98,7 @@ private slots:
         QCOMPARE(passwords.all().size(), 1);
     }
 
-    void clientThatLeavesBeforeTheAnswerHasStillGuessed()
+    void guessCountsEvenIfTheClientLeavesBeforeTheAnswer()
     {
         for (int i = 0; i <= AttemptLimiter::kFreeAttempts; ++i) {
             begin({20s, 20s});
@@ -123,7 +124,7 @@ private slots:
         QVERIFY(client->readAll().endsWith("Too many wrong passwords, try again later"));
     }
 
-    // Connections that were there before the lock get no further try, not even with the right password.
+    // Connections from before the lock get no further try, not even with the right password.
     void lockHoldsForEarlierConnections()
     {
         const QByteArray password = passwords.add().password;
@@ -138,7 +139,7 @@ private slots:
         QCOMPARE(passwords.all(), QList<QByteArray>{password});
     }
 
-    void silenceHasAnEnd_data()
+    void silentClientTimesOut_data()
     {
         QTest::addColumn<QByteArray>("sent");
         QTest::newRow("nothing") << QByteArray();
@@ -147,7 +148,7 @@ private slots:
         QTest::newRow("half a response") << QByteArray("RFB 003.008\n\x02half");
     }
 
-    void silenceHasAnEnd()
+    void silentClientTimesOut()
     {
         QFETCH(QByteArray, sent);
         begin({100ms, 1ms});
@@ -160,7 +161,7 @@ private slots:
         QCOMPARE(limiter.size(), 0);
     }
 
-    void portScanIsNoNews()
+    void portScanIsNeitherLoggedNorCounted()
     {
         begin();
         QSignalSpy failed(handshake.get(), &HandshakeConnection::failed);
@@ -170,7 +171,7 @@ private slots:
         QCOMPARE(limiter.size(), 0);
     }
 
-    void floodBehindAWrongPasswordIsNotKept()
+    void floodAfterAWrongPasswordIsDropped()
     {
         begin({20s, 100ms});
         QSignalSpy failed(handshake.get(), &HandshakeConnection::failed);

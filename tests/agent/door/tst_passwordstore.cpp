@@ -17,7 +17,7 @@ private:
     const QByteArray challenge = QByteArray("0123456789abcdef");
 
 private slots:
-    void makesPasswords()
+    void passwordsAreRandomLettersAndDigits()
     {
         PasswordStore store;
         const QRegularExpression form(u"\\A[a-zA-Z0-9]{8}\\z"_s);
@@ -30,10 +30,10 @@ private slots:
             characters.unite(QSet<char>(password.begin(), password.end()));
         }
         QCOMPARE(seen.size(), 500);
-        QCOMPARE(characters.size(), 62); // each of them, in 4000 draws
+        QCOMPARE(characters.size(), 62); // all of them, in 4000 draws
     }
 
-    void takesOnce()
+    void passwordIsTakenOnce()
     {
         PasswordStore store;
         const QByteArray first = store.add().password;
@@ -73,7 +73,7 @@ private slots:
         QCOMPARE(store.all().size(), 1);
     }
 
-    void oldestMakesRoom()
+    void newPasswordReplacesTheOldest()
     {
         PasswordStore store;
         for (qsizetype i = 0; i < PasswordStore::kMaxOpen; ++i) {
@@ -87,7 +87,7 @@ private slots:
         QVERIFY(!store.all().contains(oldest));
     }
 
-    void takesAll()
+    void takeAllEmptiesTheStore()
     {
         PasswordStore store;
         const QByteArray first = store.add().password;

@@ -16,7 +16,7 @@ private:
 
     static QByteArray hex(const char *digits) { return QByteArray::fromHex(digits); }
 
-    // What the client sends up to and including its response.
+    /** The bytes that a client sends, up to and including its response. */
     QByteArray clientBytes(const QByteArray &version) const
     {
         const bool choosesType = version != "RFB 003.003\n";
@@ -29,10 +29,10 @@ private:
     }
 
 private slots:
-    void speaks_data()
+    void versionsAreSpoken_data()
     {
         QTest::addColumn<QByteArray>("version");
-        QTest::addColumn<QByteArray>("offer"); // what comes between the version and the challenge
+        QTest::addColumn<QByteArray>("offer"); // the bytes between the version and the challenge
         QTest::addColumn<bool>("choosesType");
         QTest::addColumn<bool>("hearsReason");
         QTest::newRow("3.3") << QByteArray("RFB 003.003\n") << hex("00000002") << false << false;
@@ -42,7 +42,7 @@ private slots:
         QTest::newRow("3.889") << QByteArray("RFB 003.889\n") << hex("0102") << true << true;
     }
 
-    void speaks()
+    void versionsAreSpoken()
     {
         QFETCH(QByteArray, version);
         QFETCH(QByteArray, offer);
@@ -80,8 +80,8 @@ private slots:
         }
     }
 
-    // The bytes may come in any pieces, and what follows them is not ours.
-    void takesAnyPieces_data()
+    // What follows the handshake is left in the input.
+    void bytesMayComeInAnyPieces_data()
     {
         QTest::addColumn<QByteArray>("version");
         QTest::newRow("3.3") << QByteArray("RFB 003.003\n");
@@ -89,7 +89,7 @@ private slots:
         QTest::newRow("3.8") << QByteArray("RFB 003.008\n");
     }
 
-    void takesAnyPieces()
+    void bytesMayComeInAnyPieces()
     {
         QFETCH(QByteArray, version);
         const QByteArray all = clientBytes(version) + "next";
@@ -113,7 +113,7 @@ private slots:
         }
     }
 
-    void refusesVersion_data()
+    void textThatIsNoVersionIsRefused_data()
     {
         QTest::addColumn<QByteArray>("input");
         QTest::newRow("one wrong byte") << QByteArray("G");
@@ -124,7 +124,7 @@ private slots:
         QTest::newRow("lower case") << QByteArray("rfb");
     }
 
-    void refusesVersion()
+    void textThatIsNoVersionIsRefused()
     {
         QFETCH(QByteArray, input);
         RfbHandshake handshake(challenge);
@@ -134,7 +134,7 @@ private slots:
         QCOMPARE(handshake.output(), QByteArray());
     }
 
-    void refusesOtherMajorVersions_data()
+    void otherMajorVersionsAreRefused_data()
     {
         QTest::addColumn<QByteArray>("version");
         QTest::newRow("0") << QByteArray("RFB 000.008\n");
@@ -143,7 +143,7 @@ private slots:
         QTest::newRow("999") << QByteArray("RFB 999.999\n");
     }
 
-    void refusesOtherMajorVersions()
+    void otherMajorVersionsAreRefused()
     {
         QFETCH(QByteArray, version);
         RfbHandshake handshake(challenge);
@@ -153,7 +153,7 @@ private slots:
         QVERIFY(handshake.output().endsWith("This version of the protocol is not supported"));
     }
 
-    void refusesSecurityType_data()
+    void otherSecurityTypeIsRefused_data()
     {
         QTest::addColumn<QByteArray>("version");
         QTest::addColumn<QByteArray>("answer");
@@ -162,7 +162,7 @@ private slots:
         QTest::newRow("3.8") << QByteArray("RFB 003.008\n") << hex("00000001") + reason(text);
     }
 
-    void refusesSecurityType()
+    void otherSecurityTypeIsRefused()
     {
         QFETCH(QByteArray, version);
         QFETCH(QByteArray, answer);
@@ -182,7 +182,7 @@ private slots:
         }
     }
 
-    void turnsAway_data()
+    void clientIsTurnedAwayWithAReason_data()
     {
         QTest::addColumn<QByteArray>("version");
         QTest::addColumn<QByteArray>("answer");
@@ -191,7 +191,7 @@ private slots:
         QTest::newRow("3.8") << QByteArray("RFB 003.008\n") << hex("00") + reason("later");
     }
 
-    void turnsAway()
+    void clientIsTurnedAwayWithAReason()
     {
         QFETCH(QByteArray, version);
         QFETCH(QByteArray, answer);

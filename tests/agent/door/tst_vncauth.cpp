@@ -10,15 +10,15 @@ class VncAuthTest final : public QObject
     Q_OBJECT
 
 private slots:
-    // Single DES under the published example key 133457799BBCDFF1, each byte of it mirrored to be a password.
-    void answersKnownChallenge()
+    // The published example of DES: key 133457799BBCDFF1, whose bytes are mirrored here.
+    void responseIsTheEncryptedChallenge()
     {
         const QByteArray password = QByteArray::fromHex("c82cea9ed93dfb8f");
         const QByteArray block = QByteArray::fromHex("0123456789abcdef");
         QCOMPARE(vncAuthResponse(password, block + block).toHex(), QByteArray("85e813540f0ab40585e813540f0ab405"));
     }
 
-    void usesEightCharacters()
+    void eightCharactersCount()
     {
         const QByteArray challenge(kVncChallengeBytes, 'c');
         QCOMPARE(vncAuthResponse("12345678", challenge), vncAuthResponse("123456789", challenge));
@@ -27,14 +27,14 @@ private slots:
         QCOMPARE(vncAuthResponse("", challenge).size(), kVncChallengeBytes);
     }
 
-    void refusesOtherLengths()
+    void challengeOfAnotherLengthHasNoResponse()
     {
         for (const qsizetype size : {0, 1, 8, 15, 17, 32}) {
             QCOMPARE(vncAuthResponse("12345678", QByteArray(size, 'c')), QByteArray());
         }
     }
 
-    void makesFreshChallenges()
+    void challengesAreNeverTheSame()
     {
         QSet<QByteArray> challenges;
         for (int i = 0; i < 100; ++i) {
@@ -45,7 +45,7 @@ private slots:
         QCOMPARE(challenges.size(), 100);
     }
 
-    void compares_data()
+    void secretsAreCompared_data()
     {
         QTest::addColumn<QByteArray>("a");
         QTest::addColumn<QByteArray>("b");
@@ -59,7 +59,7 @@ private slots:
         QTest::newRow("empty") << QByteArray() << QByteArray() << false;
     }
 
-    void compares()
+    void secretsAreCompared()
     {
         QFETCH(QByteArray, a);
         QFETCH(QByteArray, b);

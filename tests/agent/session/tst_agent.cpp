@@ -25,7 +25,7 @@
 
 using namespace Qt::StringLiterals;
 
-// The X server is a script that never serves a screen; the tests of the built agent have a real one.
+/** The X server is a script that never serves a screen; the tests of the built agent have a real one. */
 class AgentTest final : public QObject
 {
     Q_OBJECT

@@ -13,7 +13,7 @@ class AgentOptionsTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void takesDesktop()
+    void desktopIsASize()
     {
         AgentOptions options;
         QString error;
@@ -24,7 +24,7 @@ private slots:
         QVERIFY(error.isEmpty());
     }
 
-    void takesRootless()
+    void rootlessHasASize()
     {
         AgentOptions options;
         QString error;
@@ -34,7 +34,7 @@ private slots:
         QCOMPARE(options.port, quint16{65535});
     }
 
-    void refuses_data()
+    void badArgumentsAreRefused_data()
     {
         QTest::addColumn<QStringList>("arguments");
         QTest::newRow("none") << QStringList();
@@ -50,7 +50,7 @@ private slots:
         QTest::newRow("no port") << QStringList{u"800x600"_s, QString()};
     }
 
-    void refuses()
+    void badArgumentsAreRefused()
     {
         QFETCH(QStringList, arguments);
         AgentOptions options;
@@ -83,7 +83,7 @@ private slots:
         QCOMPARE(error.isEmpty(), isRight);
     }
 
-    void readsDisplay_data()
+    void displayIsRead_data()
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<int>("display"); // -1: refused
@@ -99,7 +99,7 @@ private slots:
         QTest::newRow("long") << QByteArray(1000, '1') << -1;
     }
 
-    void readsDisplay()
+    void displayIsRead()
     {
         QFETCH(QByteArray, content);
         QFETCH(int, display);

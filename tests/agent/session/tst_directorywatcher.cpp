@@ -30,9 +30,9 @@ private slots:
         QVERIFY(QDir().mkpath(top->filePath(u"elsewhere"_s)));
     }
 
-    void noticesRemovalAtOnce()
+    void removalIsNoticedAtOnce()
     {
-        DirectoryWatcher watcher(1h); // the system tells
+        DirectoryWatcher watcher(1h); // so the kernel must report it
         QSignalSpy removed(&watcher, &DirectoryWatcher::removed);
         QString error;
         QVERIFY2(watcher.watch(path, &error), qPrintable(error));
@@ -40,7 +40,7 @@ private slots:
         QTRY_COMPARE(removed.count(), 1);
     }
 
-    void noticesRemovalBeforeItWatches()
+    void removalBeforeTheWatchIsNoticed()
     {
         const QString before = QDir::currentPath();
         QVERIFY(QDir::setCurrent(path));
@@ -55,7 +55,7 @@ private slots:
         QTRY_COMPARE(removed.count(), 1);
     }
 
-    void noticesRemovalTogetherWithItsParent()
+    void removalTogetherWithTheParentIsNoticed()
     {
         DirectoryWatcher watcher(1h);
         QSignalSpy removed(&watcher, &DirectoryWatcher::removed);
@@ -65,7 +65,7 @@ private slots:
         QTRY_COMPARE(removed.count(), 1);
     }
 
-    void noticesRemovalThatIsFollowedByAnotherOfItsName()
+    void removalIsNoticedEvenIfTheNameIsUsedAgain()
     {
         DirectoryWatcher watcher(1h);
         QSignalSpy removed(&watcher, &DirectoryWatcher::removed);
@@ -76,8 +76,8 @@ private slots:
         QTRY_COMPARE(removed.count(), 1);
     }
 
-    // Moved out of the folder where the system would tell.
-    void noticesRemovalThatNobodyTells()
+    // Moved out of the watched parent first, so the kernel reports nothing.
+    void unreportedRemovalIsNoticed()
     {
         DirectoryWatcher watcher(20ms);
         QSignalSpy removed(&watcher, &DirectoryWatcher::removed);
@@ -91,7 +91,7 @@ private slots:
         QVERIFY(!QTest::qWaitFor([&removed] { return removed.count() > 1; }, 100));
     }
 
-    void passesOverOtherChanges()
+    void otherChangesAreIgnored()
     {
         DirectoryWatcher watcher(20ms);
         QSignalSpy removed(&watcher, &DirectoryWatcher::removed);
@@ -103,7 +103,7 @@ private slots:
         QVERIFY(!QTest::qWaitFor([&removed] { return removed.count() > 0; }, 200));
     }
 
-    void reportsWhatIsNotThere()
+    void missingDirectoryIsReported()
     {
         DirectoryWatcher watcher;
         QString error;

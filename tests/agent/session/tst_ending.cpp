@@ -42,7 +42,7 @@ private:
         return writeScript(path(u"Xtigervnc"_s), "exec sleep 1000") && xServer->start(settings, &error);
     }
 
-    /** Runs a script and waits until it has left its mark. */
+    /** Runs a script and waits until it has created the file "mark". */
     [[nodiscard]] bool startApplication(const QByteArray &script)
     {
         SpawnRequest request;
@@ -77,7 +77,7 @@ private slots:
         qputenv("PATH", searchPath);
     }
 
-    void hasNothingToDo()
+    void sessionWithoutProcessesEnds()
     {
         Ending ending(xServer.get(), watcher.get());
         QSignalSpy finished(&ending, &Ending::finished);
@@ -86,10 +86,10 @@ private slots:
         QTRY_COMPARE(finished.count(), 1);
     }
 
-    void endsEverything()
+    void everythingEnds()
     {
         QVERIFY(startXServer());
-        // Daemons in sessions of their own, parents gone.
+        // Daemons in a session of their own, whose parents have ended.
         QVERIFY(startApplication("(setsid sh -c 'sleep 1000 & touch mark; sleep 1000' &) & sleep 1000"));
         Ending ending(xServer.get(), watcher.get(), {20s, 2s});
         QSignalSpy finished(&ending, &Ending::finished);
@@ -112,8 +112,8 @@ private slots:
         QVERIFY(QFile::exists(path(u"served"_s)));
     }
 
-    // Its parent ends when asked, and it was not there yet when the others were.
-    void endsWhatIsStartedMeanwhile()
+    // The application starts a process on its own SIGTERM, so that one gets none with the others.
+    void processStartedMeanwhileIsEnded()
     {
         QVERIFY(startXServer());
         QVERIFY(startApplication("trap 'sleep 1000 & exit' TERM; touch mark; while :; do sleep 0.05; done"));
@@ -124,7 +124,7 @@ private slots:
         QVERIFY(liveDescendants(::getpid(), 0).isEmpty());
     }
 
-    void killsWhatDoesNotEnd()
+    void processThatIgnoresSigtermIsKilled()
     {
         QVERIFY(startXServer());
         QVERIFY(startApplication("trap '' TERM; touch mark; while :; do sleep 0.05; done"));
@@ -135,8 +135,8 @@ private slots:
         QVERIFY(liveDescendants(::getpid(), 0).isEmpty());
     }
 
-    // A busy machine may not let us run for so long.
-    void killsWhatDoesNotEndAlsoWhenAllTheTimeIsOver()
+    // A busy machine may not let us run until both times are over.
+    void processIsKilledEvenIfAllTheTimeIsOver()
     {
         QVERIFY(startXServer());
         QVERIFY(startApplication("trap '' TERM; touch mark; while :; do sleep 0.05; done"));

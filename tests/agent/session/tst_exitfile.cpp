@@ -37,7 +37,7 @@ private slots:
         directory.reset();
     }
 
-    void appearsAtTheEnd()
+    void fileAppearsAtTheEnd()
     {
         QString error;
         {
@@ -50,7 +50,7 @@ private slots:
         QVERIFY(!(QFileInfo(SessionFile::kServerExit).permissions() & (QFile::ReadGroup | QFile::ReadOther)));
     }
 
-    void replacesThoseOfOtherRuns()
+    void filesOfOtherRunsAreReplaced()
     {
         QFile other(SessionFile::kServerExit);
         QVERIFY(other.open(QIODevice::WriteOnly) && other.write("77") == 2);
@@ -64,8 +64,8 @@ private slots:
         QCOMPARE(contentOf(SessionFile::kServerExit), QByteArray("0"));
     }
 
-    // What is taken is there however full the disk gets.
-    void takesItsPlaceOnTheDiskAtOnce()
+    // Reserved blocks stay available on a disk that fills up.
+    void spaceIsReservedAtOnce()
     {
         const ExitFile file;
         const QDir descriptors(u"/proc/self/fd"_s);
@@ -80,7 +80,7 @@ private slots:
         QSKIP("this file system has no files without a name");
     }
 
-    void reportsRemovedDirectory()
+    void removedDirectoryIsReported()
     {
         ExitFile file;
         QVERIFY(QDir(directory->path()).removeRecursively());

@@ -28,7 +28,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** By how many seconds clocks are fast, here and in children. */
+/** By how many seconds the clocks are fast, in this process and in its children. */
 std::atomic_long *clockShift()
 {
     static void *const shared =
@@ -38,7 +38,7 @@ std::atomic_long *clockShift()
 
 } // namespace
 
-// Stands before the C library's own.
+/** Replaces the C library's function in this program. */
 extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
 {
     const int result = static_cast<int>(::syscall(SYS_clock_gettime, clock, time));
@@ -46,7 +46,7 @@ extern "C" int clock_gettime(clockid_t clock, timespec *time) noexcept
     return result;
 }
 
-// The guard takes over the process that it works in, so that each one here is a child of the test.
+/** A guard takes over its process, so each guard runs in a child of the test. */
 class GuardTest final : public QObject
 {
     Q_OBJECT
@@ -57,7 +57,7 @@ private:
 
     QString path(const QString &name) const { return directory->filePath(name); }
 
-    // Runs @p agent under a guard.
+    /** Runs @p agent under a guard. */
     void start(const std::function<int(int link)> &agent)
     {
         guard = ::fork();
@@ -73,7 +73,7 @@ private:
         ::_exit(pid == 0 ? agent(link) : static_cast<int>(guardAgent(pid, link)));
     }
 
-    // The guard's exit code; -1 when it has none.
+    /** The guard's exit code; -1 when it has none. */
     int exitCode()
     {
         int status = 0;
@@ -100,13 +100,13 @@ private slots:
 
     void init() { directory = std::make_unique<QTemporaryDir>(); }
 
-    void handsOnTheExitCode()
+    void exitCodeIsPassedOn()
     {
         start([](int) { return 2; });
         QCOMPARE(exitCode(), 2);
     }
 
-    void handsOnSignals_data()
+    void signalsArePassedOn_data()
     {
         QTest::addColumn<int>("number");
         QTest::newRow("TERM") << SIGTERM;
@@ -116,7 +116,7 @@ private slots:
         QTest::newRow("USR2") << SIGUSR2;
     }
 
-    void handsOnSignals()
+    void signalsArePassedOn()
     {
         QFETCH(int, number);
         const QByteArray mark = QFile::encodeName(path(u"mark"_s));
@@ -129,7 +129,7 @@ private slots:
         QCOMPARE(exitCode(), 7);
     }
 
-    // A signal that comes before the agent is ready for it must not end it.
+    // A signal that comes before the agent has handlers must not end it.
     void signalsWaitForTheAgent()
     {
         const QByteArray mark = QFile::encodeName(path(u"mark"_s));
@@ -146,7 +146,7 @@ private slots:
         QCOMPARE(exitCode(), 8);
     }
 
-    void endsWhatAKilledAgentLeaves()
+    void processesOfAKilledAgentAreEnded()
     {
         const QByteArray mark = QFile::encodeName(path(u"mark"_s));
         start([&](int) {
@@ -160,8 +160,8 @@ private slots:
         QVERIFY(liveDescendants(::getpid(), 0).isEmpty());
     }
 
-    // A busy machine may not let the guard run for so long.
-    void endsWhatAKilledAgentLeavesAlsoWhenAllTheTimeIsOver()
+    // A busy machine may not let the guard run until all the time is over.
+    void processesOfAKilledAgentAreKilledEvenIfAllTheTimeIsOver()
     {
         const QByteArray mark = QFile::encodeName(path(u"mark"_s));
         start([&](int) {
@@ -192,7 +192,7 @@ private slots:
         ::close(ends[0]);
         QTRY_COMPARE(lost.count(), 1);
         QVERIFY(!isGuardAlive(ends[1]));
-        link.tell({}); // to nobody
+        link.tell({}); // must not fail without a guard
         ::close(ends[1]);
     }
 };

@@ -23,7 +23,7 @@ private:
 private slots:
     void init() { QFile::remove(path()); }
 
-    void writesEvents()
+    void eventsHaveTheirForms()
     {
         SessionLog log;
         QString error;
@@ -44,7 +44,7 @@ private slots:
                                                "Screen resized to '1280x800'\n"));
     }
 
-    void isPrivateAndAppends()
+    void fileIsPrivateAndAppendedTo()
     {
         {
             QFile file(path());
@@ -71,7 +71,7 @@ private slots:
         QTest::newRow("after a line separator") << u"x"_s + QChar(QChar::LineSeparator) + event;
         QTest::newRow("empty") << QString();
         QTest::newRow("line feeds") << u"\n\n\n"_s;
-        QTest::newRow("where a reader cuts") << QString(512 - 30, u'x') + event;
+        QTest::newRow("where the server cuts") << QString(512 - 30, u'x') + event;
         QTest::newRow("long") << QString(100000, u'x');
     }
 
@@ -91,7 +91,7 @@ private slots:
         QVERIFY(!written.contains(u'\r'));
     }
 
-    void keepsLevelThreshold()
+    void levelThresholdHolds()
     {
         SessionLog log;
         QString error;
@@ -102,7 +102,7 @@ private slots:
         QVERIFY(contentOf(path()).contains("Info: shown"));
     }
 
-    void reportsFailure()
+    void failureToOpenIsReported()
     {
         SessionLog log;
         QString error;

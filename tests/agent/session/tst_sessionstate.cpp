@@ -33,7 +33,7 @@ private slots:
         now = QDateTime(QDate(2024, 1, 2), QTime(3, 4, 5, 678));
     }
 
-    void tellsNothingThatIsNotKnown()
+    void unknownValuesAreLeftOut()
     {
         SessionLog agentLog;
         QString error;
@@ -44,14 +44,14 @@ private slots:
         QVERIFY(log().isEmpty());
     }
 
-    void tellsAll()
+    void knownValuesAreInTheJson()
     {
         SessionLog agentLog;
         QString error;
         QVERIFY(agentLog.open(path(), &error));
         SessionState state(&agentLog, clock());
         state.setScreenSize(QSize(800, 600));
-        state.setScreenSize(QSize(800, 600)); // no news
+        state.setScreenSize(QSize(800, 600)); // the same size is not logged again
         state.setReady();
         QVERIFY(state.isReady());
         state.offerPassword();
@@ -85,7 +85,7 @@ private slots:
                             left + "\n");
     }
 
-    void logsPasswordThatMadeRoom()
+    void replacedPasswordIsLogged()
     {
         SessionLog agentLog;
         QString error;
@@ -98,13 +98,13 @@ private slots:
         QCOMPARE(log().count("Expiring password "), 1);
     }
 
-    void eventsHaveDatesOfTheirOwn()
+    void eventsHaveDifferentDates()
     {
         SessionLog agentLog;
         QString error;
         QVERIFY(agentLog.open(path(), &error));
         SessionState state(&agentLog, clock());
-        state.clientsDisconnected({u"a"_s, u"b"_s}); // at once: one date
+        state.clientsDisconnected({u"a"_s, u"b"_s}); // at the same time, so with one date
         state.clientsDisconnected({u"c"_s});
         state.clientsDisconnected({});
         state.clientsDisconnected({u"d"_s});
@@ -112,7 +112,7 @@ private slots:
                                    "Client disconnected from 'b' at '2024-01-02T03:04:05'\n"
                                    "Client disconnected from 'c' at '2024-01-02T03:04:06'\n"
                                    "Client disconnected from 'd' at '2024-01-02T03:04:07'\n"));
-        now = now.addSecs(1); // still behind the last date
+        now = now.addSecs(1); // still before the last date
         state.clientsDisconnected({u"e"_s});
         QVERIFY(log().contains("'e' at '2024-01-02T03:04:08'"));
         now = now.addSecs(-7200); // the clock was set back

@@ -20,7 +20,7 @@ class StateSocketTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void tellsTheStateAndCloses()
+    void stateIsSentAndTheConnectionClosed()
     {
         const QTemporaryDir directory;
         SessionLog log;
@@ -40,7 +40,7 @@ private slots:
         }
     }
 
-    void isNotHeldUpByOthers()
+    void clientsThatDoNotReadHoldNobodyUp()
     {
         const QTemporaryDir directory;
         SessionLog log;
