@@ -80,6 +80,7 @@ inline void refuseUnknownSession(QSslSocket *peer, const Json::Value &request)
         Json::Value entry(Json::objectValue);
         entry["id"] = jsonString(session.id);
         entry["name"] = jsonString(session.name);
+        entry["location"] = jsonString(session.location);
         entry["permissions"] = jsonString(session.permissions.join(u'|'));
         list.append(entry);
     }

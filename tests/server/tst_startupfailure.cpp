@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "server/startupfailure.h"
 #include "tests/helpers/files.h"
+#include "tests/helpers/redirection.h"
 #include "tests/testmain.h"
 
 #include <QDateTime>
@@ -8,7 +9,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -23,28 +23,6 @@ private slots:
 };
 
 namespace {
-
-/** Redirects standard error into a file until it is destroyed. */
-class StandardErrorFile final
-{
-public:
-    explicit StandardErrorFile(const QString &path)
-        : previous(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
-    {
-        const int file = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        ::dup2(file, STDERR_FILENO);
-        ::close(file);
-    }
-    ~StandardErrorFile()
-    {
-        ::dup2(previous, STDERR_FILENO);
-        ::close(previous);
-    }
-    Q_DISABLE_COPY_MOVE(StandardErrorFile)
-
-private:
-    const int previous;
-};
 
 QString timeText()
 {
@@ -73,7 +51,7 @@ void TestStartupFailure::causeIsOneCriticalLineOnStandardError()
     do { // again if the second has changed in between
         time = timeText();
         path = dir.filePath(QString::number(number++));
-        const StandardErrorFile file(path);
+        const Redirection file(STDERR_FILENO, path);
         code = reportStartupFailure(cause);
     } while (time != timeText());
     QCOMPARE(code, 1);
