@@ -24,7 +24,7 @@ bool writeTo(std::FILE *stream, const QByteArray &bytes)
     return std::fwrite(bytes.constData(), 1, size, stream) == size;
 }
 
-/** The same without what a terminal would obey, but for what makes lines and columns. */
+/** Replaces all control characters except line feeds and tabs. */
 QString printableLines(const QString &text)
 {
     QStringList lines = text.split(u'\n');
@@ -66,7 +66,7 @@ void Console::printJson(const Json::Value &value)
 
 void Console::note(const QString &text)
 {
-    // What was printed before comes first, also when both streams lead to the same place.
+    // Keeps the order when both streams lead to the same file or terminal.
     std::fflush(stdout);
     [[maybe_unused]] const bool isWritten = writeTo(stderr, (text + u'\n').toUtf8());
 }
@@ -90,7 +90,7 @@ bool Console::flush()
 
 void Console::write(const QByteArray &bytes)
 {
-    // Large output reaches the system before flush() does, and only this moment knows why it does not.
+    // stdio writes large output before flush(), so a failure must be recorded here while errno still says why.
     errno = 0;
     if (!writeTo(stdout, bytes)) {
         recordWriteError();

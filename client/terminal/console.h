@@ -8,8 +8,8 @@
 #include <QString>
 
 /**
- * The program's three streams: data goes to standard output, everything else to standard error. Knows what a
- * terminal can show. Used on the main thread.
+ * The program's three streams: data goes to standard output, everything else to standard error. Removes control
+ * characters before a terminal gets text of others. Used on the main thread.
  */
 class Console
 {
@@ -18,7 +18,7 @@ public:
     void print(const QString &text);
     void printLine(const QString &text) { print(text + u'\n'); }
 
-    /** The same for text that other programs have written: on a terminal it loses what that would obey. */
+    /** The same for text that other programs have written: on a terminal, its control characters are replaced. */
     void printForeign(const QString &text);
 
     /** Writes @p value to standard output, on one line. */
@@ -28,28 +28,28 @@ public:
     void note(const QString &text);
 
     /**
-     * Tells the user why something failed, and returns the exit code for it. What others have put into the sentence
-     * loses what a terminal would obey.
+     * Tells the user why something failed, and returns the exit code for it. Control characters are replaced, because
+     * parts of the sentence may come from others.
      */
     ExitCode report(const Failure &failure);
 
-    /** Writes what is still buffered; false when standard output took less than everything, now or earlier. */
+    /** Writes what is still buffered. Returns false if any write to standard output has failed, now or earlier. */
     [[nodiscard]] bool flush();
 
-    /** The system's number for the reason of the first output that was not taken; 0 when there was none. */
+    /** The errno of the first write to standard output that failed; 0 if none failed. */
     [[nodiscard]] int writeError() const { return firstWriteError; }
 
     [[nodiscard]] static bool inputIsTerminal();
     [[nodiscard]] static bool outputIsTerminal();
     [[nodiscard]] static bool errorIsTerminal();
 
-    /** Columns of the terminal on standard output; 0 when there is none or it does not tell. */
+    /** Columns of the terminal on standard output; 0 if it is no terminal or does not report its size. */
     [[nodiscard]] static int outputWidth();
 
-    /** Lines of the terminal on standard output; 0 when there is none or it does not tell. */
+    /** Lines of the terminal on standard output; 0 if it is no terminal or does not report its size. */
     [[nodiscard]] static int outputHeight();
 
-    /** Whether to use colour on standard output: only on a terminal, and not with NO_COLOR. */
+    /** Whether to use colour on standard output: only on a terminal, and only without NO_COLOR. */
     [[nodiscard]] static bool useColour();
 
     /** Asks a question on the terminal and waits for the line of the answer; true for yes. */

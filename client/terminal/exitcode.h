@@ -3,22 +3,22 @@
 
 #include <QString>
 
-/** How the program ends. Scripts rely on the numbers, so none is ever given another meaning. */
+/** How the program ends. Scripts rely on the numbers, so a number never changes its meaning. */
 enum class ExitCode : int {
     Done = 0,
-    Negative = 1,           ///< the question was answered with no
+    Negative = 1,           ///< the answer to the question is no
     Usage = 2,              ///< the command line makes no sense
-    NoSuchSession = 3,      ///< nothing fits the given session
-    Ambiguous = 4,          ///< more than one session fits
+    NoSuchSession = 3,      ///< no session matches the argument
+    Ambiguous = 4,          ///< more than one session matches the argument
     NoServer = 5,           ///< no server answers
-    CertificateRefused = 6, ///< what answers is not proved to be our server, or does not take us for its user
-    TimedOut = 7,           ///< an answer or an event did not come in time
-    SessionFailed = 8,      ///< the server or the agent could not do it
-    WrongState = 9,         ///< not possible in the state that the session is in
-    NoViewer = 10,          ///< no viewer could be run
+    CertificateRefused = 6, ///< the certificates of client and server differ, or one cannot be used
+    TimedOut = 7,           ///< no answer or event arrived in time
+    SessionFailed = 8,      ///< the server or the agent failed to do it
+    WrongState = 9,         ///< the session's state does not allow it
+    NoViewer = 10,          ///< there is no viewer, or it failed
 };
 
-/** Why something did not work, as the user is told, and the exit code that it leads to. */
+/** Why something failed, in words for the user, and the exit code for it. */
 struct Failure
 {
     ExitCode code = ExitCode::Done;

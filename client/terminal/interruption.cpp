@@ -23,7 +23,7 @@ Interruption::Interruption(QObject *parent)
     : QObject(parent)
 {
     if (!createSignalPair(ends)) {
-        return; // signals end the program on the spot then
+        return; // then signals end the program at once
     }
     notifier = std::make_unique<QSocketNotifier>(ends[1], QSocketNotifier::Read);
     connect(notifier.get(), &QSocketNotifier::activated, this, &Interruption::Notifier_activated);
@@ -65,6 +65,6 @@ void Interruption::Notifier_activated()
     qint32 signalNumber = 0;
     if (::read(ends[1], &signalNumber, sizeof signalNumber) == sizeof signalNumber) {
         number = signalNumber;
-        emit came();
+        emit signalCaught();
     }
 }

@@ -8,10 +8,10 @@
 #include <memory>
 
 /**
- * For as long as it lives, SIGINT, SIGTERM and SIGHUP do not end the program on the spot: they end the wait that is
- * going on, as if its time were over, so that what was made is cleaned up. A later wait is none of theirs. At the end
- * of its life the signal that has come ends the program. Signals that the program was started to ignore stay ignored.
- * One at a time; used on the main thread.
+ * Delays the end of the program by SIGINT, SIGTERM or SIGHUP, so that temporary files and child processes are cleaned
+ * up first. While it lives, a signal ends the EventWait that is running, as if its timeout had passed; later waits are
+ * not affected. The destructor raises the signal again, which ends the program. Signals that were ignored when the
+ * program started stay ignored. At most one may exist; used on the main thread.
  */
 class Interruption : public QObject
 {
@@ -21,19 +21,19 @@ public:
     explicit Interruption(QObject *parent = nullptr);
     ~Interruption() override;
 
-    /** The one that lives; null when there is none. */
+    /** The one that exists; null if there is none. */
     [[nodiscard]] static Interruption *current();
 
-    [[nodiscard]] bool hasCome() const { return number != 0; }
+    [[nodiscard]] bool hasCaughtSignal() const { return number != 0; }
 
 signals:
-    void came();
+    void signalCaught();
 
 private:
     void Notifier_activated();
 
-    int ends[2] = {-1, -1}; ///< the handler's and ours
+    int ends[2] = {-1, -1}; ///< the signal handler writes to the first; we read from the second
     std::unique_ptr<QSocketNotifier> notifier;
     QList<int> caught;
-    int number = 0; ///< of the signal that has come
+    int number = 0; ///< of the caught signal; 0 if none was caught
 };

@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/** What is done sooner needs no sign of life. */
+/** Shorter work shows no progress line, because it would only flicker. */
 constexpr auto kInterval = 200ms;
 
 } // namespace

@@ -6,8 +6,8 @@
 #include <QTimer>
 
 /**
- * Shows on the terminal that something goes on, from a moment after its construction until its destruction, when
- * the line is wiped. Shows nothing when standard error is no terminal. Needs a running event loop.
+ * Shows a text and the elapsed time in one line of the terminal, until its destruction erases the line. Work that ends
+ * within 200 ms shows nothing, and neither does a standard error that is no terminal. Needs a running event loop.
  */
 class Progress
 {

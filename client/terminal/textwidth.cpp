@@ -9,8 +9,8 @@
 namespace {
 
 /**
- * While it lives, the functions of the C library take characters for Unicode ones on this thread, whatever the locale
- * of the user. That one of it is part of every system.
+ * While it lives, the C library treats wide characters on this thread as Unicode, whatever the user's locale is. The
+ * C.UTF-8 locale is part of every system.
  */
 class UnicodeLocale
 {
@@ -23,13 +23,13 @@ private:
     static locale_t shared()
     {
         static const locale_t locale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-        return locale; // null, which changes nothing, where there is none after all
+        return locale; // null on a system without it: uselocale(null) changes nothing
     }
 
     locale_t previous;
 };
 
-/** As the C library has it, for this is what terminals and their programs go by. */
+/** Asks the C library, because terminals and their programs use its widths. */
 int characterWidth(char32_t character)
 {
     const int width = ::wcwidth(static_cast<wchar_t>(character));
@@ -45,10 +45,10 @@ char32_t nextCharacter(QStringView text, qsizetype *position)
     return first.unicode();
 }
 
-bool isObeyedByTerminals(QChar character)
+bool isTerminalControl(QChar character)
 {
     const char16_t code = character.unicode();
-    // Controls of both sets, line and paragraph separators, and those that turn the direction of the line around.
+    // C0 and C1 controls, line and paragraph separators, and characters that reverse the direction of the line.
     return code < 0x20 || (code >= 0x7F && code < 0xA0) || code == 0x2028 || code == 0x2029 ||
            (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069);
 }
@@ -91,6 +91,6 @@ QString elided(const QString &text, int width)
 QString printable(const QString &text)
 {
     QString clean = text;
-    std::replace_if(clean.begin(), clean.end(), isObeyedByTerminals, QChar(QChar::ReplacementCharacter));
+    std::replace_if(clean.begin(), clean.end(), isTerminalControl, QChar(QChar::ReplacementCharacter));
     return clean;
 }

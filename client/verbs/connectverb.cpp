@@ -33,7 +33,7 @@ public:
     }
 
     /** Whether the user has had enough. */
-    [[nodiscard]] bool isInterrupted() const { return interruption && interruption->hasCome(); }
+    [[nodiscard]] bool isInterrupted() const { return interruption && interruption->hasCaughtSignal(); }
 
 private:
     bool checkUsage(Failure *failure) const

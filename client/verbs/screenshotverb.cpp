@@ -58,7 +58,7 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
         return true;
     }
     QFile::remove(part);
-    if (interruption.hasCome()) {
+    if (interruption.hasCaughtSignal()) {
         return fail(failure, ExitCode::SessionFailed, {});
     }
     if (!ended) {

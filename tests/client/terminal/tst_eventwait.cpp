@@ -15,7 +15,7 @@ class TestEventWait : public QObject
     Q_OBJECT
 
 private slots:
-    void timeIsNeverCutShort()
+    void timeoutIsNeverShortened()
     {
         for (int i = 0; i < 20; ++i) {
             EventWait wait([] { return false; });
@@ -26,14 +26,14 @@ private slots:
         }
     }
 
-    void conditionThatHoldsNeedsNoEvent()
+    void returnsAtOnceIfTheConditionHolds()
     {
         EventWait wait([] { return true; });
         QVERIFY(wait.run(0ms));
         QVERIFY(wait.run(kNoDeadline));
     }
 
-    void conditionIsLookedAtWhenItWakes()
+    void wakeChecksTheConditionAgain()
     {
         int events = 0;
         EventWait wait([&events] { return events == 3; });

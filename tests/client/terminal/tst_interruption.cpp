@@ -18,14 +18,14 @@ class TestInterruption : public QObject
     Q_OBJECT
 
 private slots:
-    void endsTheWaitAndNotALaterOne()
+    void signalEndsTheRunningWaitAndNoLaterOne()
     {
         int later = 0;
         const int status = inChild([&later] {
             const Interruption interruption;
             QTimer::singleShot(0, [] { ::raise(SIGTERM); });
             EventWait wait([] { return false; });
-            if (wait.run(kNoDeadline) || !interruption.hasCome()) {
+            if (wait.run(kNoDeadline) || !interruption.hasCaughtSignal()) {
                 ::_exit(1);
             }
             EventWait closing([&later] { return later == 1; });
@@ -41,12 +41,12 @@ private slots:
         QCOMPARE(WTERMSIG(status), SIGTERM);
     }
 
-    void withoutASignalNothingHappens()
+    void destructorRestoresTheDefaultHandlers()
     {
         {
             const Interruption interruption;
             QCOMPARE(Interruption::current(), &interruption);
-            QVERIFY(!interruption.hasCome());
+            QVERIFY(!interruption.hasCaughtSignal());
         }
         QVERIFY(!Interruption::current());
         struct sigaction action = {};
@@ -54,7 +54,7 @@ private slots:
         QVERIFY(action.sa_handler == SIG_DFL);
     }
 
-    void ignoredSignalsStaySo()
+    void ignoredSignalsStayIgnored()
     {
         std::signal(SIGHUP, SIG_IGN);
         {
@@ -62,7 +62,7 @@ private slots:
             QCOMPARE(::raise(SIGHUP), 0);
             EventWait wait([] { return false; });
             QVERIFY(!wait.run(50ms));
-            QVERIFY(!interruption.hasCome());
+            QVERIFY(!interruption.hasCaughtSignal());
         }
         struct sigaction action = {};
         QCOMPARE(::sigaction(SIGHUP, nullptr, &action), 0);
@@ -71,7 +71,7 @@ private slots:
     }
 
 private:
-    /** Runs something in a process of its own; returns how that ended. */
+    /** Runs @p work in a child process; returns the child's wait status. */
     static int inChild(const std::function<void()> &work)
     {
         const pid_t pid = ::fork();
