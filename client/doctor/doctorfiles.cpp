@@ -99,7 +99,7 @@ ServerStatus settledLook(const DoctorInput &input, QList<qint64> *others)
 Finding otherServer(qint64 pid)
 {
     const QString home = environmentOf(pid, u"HOME"_s).value_or(QString());
-    return failed(u"A server of USER=%1 runs already with other files: process %2, whose HOME is \"%3\""_s.arg(
+    return failed(u"A server of USER=%1 already runs with other files: process %2, whose HOME is \"%3\""_s.arg(
                       qEnvironmentVariable("USER"), QString::number(pid), home),
                   u"Use its HOME and settings, or end it: kill %1"_s.arg(pid));
 }

@@ -12,7 +12,7 @@ using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
 using CertificatePtr = std::unique_ptr<X509, decltype(&X509_free)>;
 using KeyPtr = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
 
-/** Never asks for the pass phrase of an encrypted key. */
+/** Supplies no pass phrase: without this, OpenSSL would ask on the terminal for that of an encrypted key. */
 int noPassPhrase(char *, int, int, void *)
 {
     return -1;

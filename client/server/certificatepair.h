@@ -3,5 +3,5 @@
 
 #include <QByteArray>
 
-/** Whether the certificate and the unencrypted key, both in PEM, belong together. Callable from any thread. */
+/** Whether the certificate and the private key, both PEM texts, match. An encrypted key never does. Any thread. */
 [[nodiscard]] bool belongTogether(const QByteArray &certificateText, const QByteArray &keyText);

@@ -18,14 +18,14 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/** A server that is there answers within milliseconds; this is for a machine on its knees. */
+/** A running server answers within milliseconds; an overloaded machine may need seconds. */
 constexpr auto kConnectTimeout = 10s;
 
-/** Servers that follow each other so fast have a reason to be given up. */
-constexpr int kMaxServers = 5;
+/** Bounds the retries when a new server has replaced the last one at every attempt. */
+constexpr int kMaxAttempts = 5;
 
-/** How often the files are looked at while a server starts: nobody tells us that it is ready. */
-constexpr auto kRetryInterval = 10ms;
+/** Between two attempts while a server starts. We poll its files, because it sends no signal when it is ready. */
+constexpr auto kAttemptInterval = 10ms;
 
 QString otherServersText()
 {
@@ -34,10 +34,10 @@ QString otherServersText()
         pids.append(QString::number(pid));
     }
     const QString which = pids.isEmpty() ? QString() : u" (process %1)"_s.arg(pids.join(u", "_s));
-    return u"A server of USER=%1 runs already with other files%2."_s.arg(qEnvironmentVariable("USER"), which);
+    return u"A server of USER=%1 already runs with other files%2."_s.arg(qEnvironmentVariable("USER"), which);
 }
 
-/** Lets the launcher do its work for a while. */
+/** Lets the launcher start the program and read its messages. */
 void serveEvents(std::chrono::milliseconds time)
 {
     EventWait wait([] { return false; });
@@ -61,7 +61,7 @@ bool ServerConnector::connect(RpcClient *client, Start start, Failure *failure)
     case Attempt::NotYet:
         break;
     }
-    // A server that is about to serve needs no start, so waiting for it is allowed in any case.
+    // Waiting for a server that is starting already is allowed even if we may not start one.
     if (start == Start::Forbidden && last.state != ServerState::Starting) {
         return fail(failure, ExitCode::NoServer, last.detail + u'.');
     }
@@ -90,8 +90,8 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
         if (verdict.action == ConnectionJudge::Action::Start && !launcher.start(files.userPath(), &error)) {
             return fail(failure, ExitCode::NoServer, error + u'.');
         }
-        serveEvents(kRetryInterval);
-        // Asked before the files are read: a launch that has ended by now has written everything it ever will.
+        serveEvents(kAttemptInterval);
+        // Asked before the files are read: if the program has ended by now, the files show what it has achieved.
         isLaunching = launcher.isRunning();
         const Attempt result = attempt(client, failure);
         if (result != Attempt::NotYet) {
@@ -103,8 +103,8 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
 ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *failure)
 {
     Attempt result = attemptOnce(client, failure);
-    // Whatever is wrong with a server that is there no more is nothing that is wrong with the one there is now.
-    for (int count = 1; count < kMaxServers; ++count) {
+    // A failure counts only if the files still show the same server: a replaced one may have failed while it ended.
+    for (int count = 1; count < kMaxAttempts; ++count) {
         if (result == Attempt::Connected || last.state != ServerState::Running || files.readStatus().isSameAs(last)) {
             break;
         }
@@ -115,7 +115,7 @@ ServerConnector::Attempt ServerConnector::attempt(RpcClient *client, Failure *fa
 
 ServerConnector::Attempt ServerConnector::attemptOnce(RpcClient *client, Failure *failure)
 {
-    // Looked at once: what follows is decided by the same look, for a server writes its files meanwhile.
+    // Read once per attempt: a server may change its files meanwhile, and all decisions must fit one reading.
     last = files.readStatus();
     if (last.state == ServerState::Unreadable) {
         fail(failure, ExitCode::NoServer, last.detail + u'.');
@@ -154,6 +154,6 @@ bool ServerConnector::readCredentials(Credentials *credentials, Failure *failure
     }
     return belongTogether(credentials->certificate.toPem(), credentials->key.toPem()) ||
            fail(failure, ExitCode::CertificateRefused,
-                u"Certificate and key do not belong together: \"%1\" and \"%2\"."_s.arg(files.certificatePath(),
-                                                                                        files.keyPath()));
+                u"The certificate and the key do not belong together: \"%1\" and \"%2\"."_s.arg(files.certificatePath(),
+                                                                                                files.keyPath()));
 }

@@ -8,8 +8,8 @@
 #include <QString>
 
 /**
- * Gets a connection to the user's server, which is started first when none runs. Any number of programs may do
- * so at the same moment. Used on the main thread.
+ * Connects to the user's server, and starts it first if none runs. Many programs may do so at the same time. Used on
+ * the main thread.
  */
 class ServerConnector
 {
@@ -19,12 +19,14 @@ public:
     explicit ServerConnector(const ServerFiles &files);
 
     /**
-     * @param failure  set only on failure: NoServer with what the server said about its start, or
+     * Blocks until it has connected or given up; waits at most a minute for a server that starts.
+     *
+     * @param failure  set only on failure: NoServer, with the server's messages if it does not start; TimedOut; or
      *                 CertificateRefused
      */
     [[nodiscard]] bool connect(RpcClient *client, Start start, Failure *failure);
 
-    /** What the files told when the connection was made, or when it was given up. */
+    /** What the files showed at the last attempt to connect. */
     [[nodiscard]] const ServerStatus &status() const { return last; }
 
 private:
@@ -36,5 +38,5 @@ private:
     bool connectToStarting(RpcClient *client, Start start, Failure *failure);
 
     ServerFiles files;
-    ServerStatus last; ///< what the last attempt saw; the detail says why it brought no connection
+    ServerStatus last; ///< at the last attempt; the detail says why it failed
 };

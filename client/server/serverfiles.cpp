@@ -32,7 +32,7 @@ NumberFile readNumber(const QString &path, qint64 limit, qint64 *number, QString
         return NumberFile::Missing;
     }
     if (isSpecialFile(path)) {
-        *error = u"\"%1\" is no file"_s.arg(path);
+        *error = u"\"%1\" is not a file"_s.arg(path);
         return NumberFile::Unreadable; // reading from a pipe may never end
     }
     QByteArray text;

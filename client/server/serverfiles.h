@@ -7,7 +7,7 @@
 #include <QString>
 
 /**
- * The files by which the server of this user and host is found. Only reads. Callable from any thread.
+ * The files that tell where the server of this user and host is. Only reads them. Callable from any thread.
  */
 class ServerFiles
 {
@@ -22,7 +22,7 @@ public:
     [[nodiscard]] QString certificatePath() const;
     [[nodiscard]] QString keyPath() const;
 
-    /** The directory of a session; the id must be one that the server or the disk gave. */
+    /** The directory of a session. The id must come from the server or from the disk, because it is not checked. */
     [[nodiscard]] QString sessionDirectory(const QString &id) const;
 
     /** The server as its files show it now. A server may write or remove them meanwhile. */

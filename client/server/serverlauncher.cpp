@@ -16,7 +16,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** A failed start says one line; more than this is kept of no program. */
+/** A failed start writes one line. This bounds the memory if another program with that name writes more. */
 constexpr qsizetype kMaxMessageLength = 16384;
 
 QString missingProgramText()
@@ -74,7 +74,7 @@ ServerLauncher::ServerLauncher(QObject *parent)
 ServerLauncher::~ServerLauncher()
 {
     if (isRunning()) {
-        // What still runs is the program's front part, which only relays messages; the server itself goes on.
+        // This is the foreground process, which only passes messages on; the server in the background goes on.
         process.disconnect(this);
         process.kill();
         process.waitForFinished(1000);

@@ -6,8 +6,9 @@
 #include <QString>
 
 /**
- * Starts the server's program, which goes into the background by itself once it serves. Any number of these may
- * run at the same time: the server makes sure that one of it stays. Used on the main thread.
+ * Starts the server's program. Its foreground process ends as soon as the server in the background serves. Many
+ * programs may start it at the same time: the server's single instance lock lets one of them stay. Used on the main
+ * thread.
  */
 class ServerLauncher : public QObject
 {
@@ -18,15 +19,15 @@ public:
     ~ServerLauncher() override;
 
     /**
-     * Makes the user path, private to the user, and starts the program that stands beside this one or else on the
-     * search path, with the bundled agent at the end of its own search path.
+     * Creates the user path, private to the user. Then starts the zarvo_server that is in the folder of this program,
+     * else the one on the search path. The bundled agent is last on the search path that the server gets.
      * @param error  set only on failure: one sentence
      */
     [[nodiscard]] bool start(const QString &userPath, QString *error);
 
     [[nodiscard]] bool isRunning() const { return process.state() != QProcess::NotRunning; }
 
-    /** What the program had to say about its start, which is nothing when all is well. */
+    /** What the program wrote to standard error: empty if it started, else the reason. */
     [[nodiscard]] QString messages() const { return text; }
 
 private:
@@ -36,14 +37,14 @@ private:
     QString text;
 };
 
-/** Where the programs stand that only other programs run; relative to this one, as built and as installed. */
+/** The folder of the bundled agent, relative to this program; the same in a build folder and when installed. */
 [[nodiscard]] QString bundledProgramsPath();
 
-/** The server's program; an empty text when there is none. */
+/** The path of the server's program; empty if there is none. */
 [[nodiscard]] QString serverProgramPath();
 
-/** The search path that a server started by us gets: the user's own programs come before the bundled agent. */
+/** The search path of a server that we start: ours, then the bundled agent, so an agent of the user's own wins. */
 [[nodiscard]] QString serverSearchPath();
 
-/** Creates @p path with all its missing parents, which only the user can enter. */
+/** Creates the directory @p path and its missing parents with mode 0700. */
 [[nodiscard]] bool makePrivatePath(const QString &path, QString *error);

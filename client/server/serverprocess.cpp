@@ -44,7 +44,7 @@ QList<qint64> ownServers()
     return pids;
 }
 
-/** The sockets that listen on a port, as the links in /proc/PID/fd name them. */
+/** The sockets that listen on a port, in the form of the links in /proc/PID/fd. */
 QSet<QString> listeners(quint16 port)
 {
     constexpr qsizetype kLocal = 1;
@@ -79,8 +79,8 @@ bool isServerProcess(qint64 pid)
         status.st_uid != ::geteuid()) {
         return false;
     }
-    // The kernel gives the numbers of dead processes to others, so the name has to fit as well. A process that has
-    // ended keeps both until its parent has asked about it, which some never do.
+    // The kernel reuses pids, so the name must match as well. A zombie keeps pid and name until its parent waits for
+    // it, which some parents never do.
     const QByteArray line = contents(processPath(pid) + u"/stat"_s, kMaxStatBytes);
     const qsizetype nameEnd = line.lastIndexOf(')');
     const bool hasEnded = nameEnd == -1 || "ZX"_ba.contains(line.mid(nameEnd + 2, 1));

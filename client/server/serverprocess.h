@@ -7,17 +7,18 @@
 #include <optional>
 
 /*
- * What the kernel tells about the processes of servers. Callable from any thread.
+ * What /proc shows about server processes. Callable from any thread.
  */
 
-/** Whether @p pid is a live process of a server, and one of this user. */
+/** Whether @p pid is a running server of this user. */
 [[nodiscard]] bool isServerProcess(qint64 pid);
 
-/** The variable as the process got it at its start; null when it has none or does not show it to us. */
+/** The environment variable as the process got it at its start; null if it has none or its environment is unreadable.
+ */
 [[nodiscard]] std::optional<QString> environmentOf(qint64 pid, const QString &variable);
 
-/** The servers that keep another one from starting: those of this user that have the same USER. */
+/** The servers of this user whose USER is the same as ours. A new server does not start while one of them runs. */
 [[nodiscard]] QList<qint64> serversOfSameUser();
 
-/** The server of this user that listens on a TCP port; 0 when there is none. */
+/** The server of this user that listens on a TCP port; 0 if there is none. */
 [[nodiscard]] qint64 serverListeningOn(quint16 port);

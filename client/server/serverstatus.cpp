@@ -12,7 +12,7 @@ ServerStatus missing(qint64 pid, const QString &portPath)
 
 ServerStatus starting(qint64 pid)
 {
-    return {ServerState::Starting, 0, pid, u"The server, process %1, does not tell its port yet"_s.arg(pid)};
+    return {ServerState::Starting, 0, pid, u"The server, process %1, has not written its port yet"_s.arg(pid)};
 }
 
 ServerStatus stale(qint64 pid, const QString &portPath)

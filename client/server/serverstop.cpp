@@ -17,7 +17,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** A handle on one process, which never means another one that the kernel gave the same number. */
+/** A handle on one process. It never refers to a later process that got the same pid. */
 class ProcessHandle
 {
 public:
@@ -53,17 +53,17 @@ private:
 bool stopServer(qint64 pid, std::chrono::milliseconds timeout, Failure *failure)
 {
     const ProcessHandle process(pid);
-    // The handle comes first, and then the look at whose process it is.
+    // The handle is opened before the check, so the process that is checked is the one that gets the signal.
     if (process.get() == -1 || !isServerProcess(pid)) {
         return fail(failure, ExitCode::NoServer, u"No server is running."_s);
     }
     if (!process.signal(SIGTERM)) {
         return fail(failure, ExitCode::NoServer,
-                    u"Process %1 takes no signal: %2."_s.arg(pid).arg(qt_error_string(errno)));
+                    u"Failed to signal process %1: %2."_s.arg(pid).arg(qt_error_string(errno)));
     }
     EventWait wait([&process] { return process.hasEnded(); });
     QSocketNotifier notifier(process.get(), QSocketNotifier::Read);
     QObject::connect(&notifier, &QSocketNotifier::activated, wait.context(), [&wait] { wait.wake(); });
     return wait.run(timeout) ||
-           fail(failure, ExitCode::TimedOut, u"The server, process %1, has not ended in time."_s.arg(pid));
+           fail(failure, ExitCode::TimedOut, u"The server, process %1, did not end in time."_s.arg(pid));
 }

@@ -8,7 +8,7 @@
 #include <chrono>
 
 /**
- * Asks a server process to end and waits for that. Its sessions go on.
- * @param failure  set only on failure: NoServer when there is no such process, or TimedOut
+ * Sends SIGTERM to a server process and waits until it has ended. Its sessions go on.
+ * @param failure  set only on failure: NoServer if there is no such process, or TimedOut
  */
 [[nodiscard]] bool stopServer(qint64 pid, std::chrono::milliseconds timeout, Failure *failure);

@@ -97,7 +97,7 @@ class Patience(ctl.CtlTestCase):
         def wait():
             result = self.ctl_result(server, "list", environment={"HOME": home})
             self.assertEqual((result.returncode, result.stdout), (NO_SERVER, ""), result.stderr)
-            self.assertEqual(result.stderr, f"zarvoctl: A server of USER={server.user} runs already with other files "
+            self.assertEqual(result.stderr, f"zarvoctl: A server of USER={server.user} already runs with other files "
                                             f"(process {server.pid}).\n")
         return wait
 

@@ -233,7 +233,7 @@ private slots:
         };
         QCOMPARE(found(), u"OK None is running; it is started when it is needed"_s);
         putFile(surroundings.path("zarvo/host/server_pid"), QByteArray::number(::getpid()));
-        QVERIFY2(found().contains(u"WARN The server, process %1, does not tell its port yet"_s.arg(::getpid())),
+        QVERIFY2(found().contains(u"WARN The server, process %1, has not written its port yet"_s.arg(::getpid())),
                  qPrintable(found()));
         putFile(surroundings.path("zarvo/host/server_port"), "x");
         QVERIFY2(found().startsWith("FAIL The file"_L1), qPrintable(found()));
@@ -249,7 +249,7 @@ private slots:
         const DoctorSurroundings surroundings;
         const QString name = qEnvironmentVariable("USER");
         const Impostor impostor(serverEnvironment(name, u"/"_s));
-        const QString text = u"FAIL A server of USER=%1 runs already with other files: process %2, whose HOME is "
+        const QString text = u"FAIL A server of USER=%1 already runs with other files: process %2, whose HOME is "
                              "\"/home/of/it\""_s.arg(name, QString::number(impostor.pid()));
         QTRY_COMPARE(texts(checkServerProcess(surroundings.input())).join(u'\n'), text);
         QVERIFY(haveRemedies(checkServerProcess(surroundings.input())));
@@ -268,7 +268,7 @@ private slots:
             putFile(surroundings.path("zarvo/host/server_pid"), QByteArray::number(impostor.pid()));
         });
         QCOMPARE(texts(checkServerProcess(input)),
-                 QStringList{u"WARN The server, process %1, does not tell its port yet"_s.arg(impostor.pid())});
+                 QStringList{u"WARN The server, process %1, has not written its port yet"_s.arg(impostor.pid())});
     }
 
     void serverThatHasRemovedItsFilesAlready()

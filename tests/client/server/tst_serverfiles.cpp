@@ -18,7 +18,7 @@
 
 using namespace Qt::StringLiterals;
 
-/** The process under test passes itself off as a server, so that there is a live one. */
+/** The process under test takes the server's name, so its own pid is that of a running server. */
 class TestServerFiles : public QObject
 {
     Q_OBJECT
@@ -30,7 +30,7 @@ private slots:
         ::prctl(PR_SET_NAME, "zarvo_server");
     }
 
-    void states_data()
+    void stateOfTheFiles_data()
     {
         QTest::addColumn<QByteArray>("pid");
         QTest::addColumn<QByteArray>("port");
@@ -41,23 +41,23 @@ private slots:
         const auto row = [](const char *name, const QByteArray &pid, const QByteArray &port, ServerState state) {
             QTest::newRow(name) << pid << port << static_cast<int>(state);
         };
-        row("nothing", none, none, ServerState::Missing);
+        row("no files", none, none, ServerState::Missing);
         row("running", self, "4000", ServerState::Running);
         row("no port yet", self, none, ServerState::Starting);
         row("port is being written", self, empty, ServerState::Starting);
-        row("dead", "999999999", "4000", ServerState::Stale);
-        row("dead before its port", "999999999", none, ServerState::Missing);
-        row("process 1", "1", "4000", ServerState::Stale);
+        row("process has ended", "999999999", "4000", ServerState::Stale);
+        row("process has ended, no port", "999999999", none, ServerState::Missing);
+        row("pid of another program", "1", "4000", ServerState::Stale);
         row("no pid", none, "4000", ServerState::Stale);
         row("pid is no number", "x", "4000", ServerState::Stale);
         row("negative pid", "-1", "4000", ServerState::Stale);
         row("port is no number", self, "x", ServerState::Unreadable);
         row("port 0", self, "0", ServerState::Unreadable);
         row("last port", self, "65535", ServerState::Running);
-        row("no port", self, "65536", ServerState::Unreadable);
-        row("broken port of the dead", none, "x", ServerState::Stale);
+        row("port out of range", self, "65536", ServerState::Unreadable);
+        row("broken port, no pid", none, "x", ServerState::Stale);
     }
-    void states()
+    void stateOfTheFiles()
     {
         QFETCH(QByteArray, pid);
         QFETCH(QByteArray, port);
@@ -69,13 +69,13 @@ private slots:
         QVERIFY(!server.detail.isEmpty());
     }
 
-    void portOfAnEarlierServer_data()
+    void portFileOlderThanThePidFileDoesNotCount_data()
     {
         QTest::addColumn<QByteArray>("port");
-        QTest::newRow("whole") << "4000"_ba;
+        QTest::newRow("valid") << "4000"_ba;
         QTest::newRow("broken") << "x"_ba;
     }
-    void portOfAnEarlierServer()
+    void portFileOlderThanThePidFileDoesNotCount()
     {
         QFETCH(QByteArray, port);
         write(u"server_pid"_s, QByteArray::number(::getpid()));
@@ -85,7 +85,7 @@ private slots:
         QVERIFY(ServerFiles(folder->path()).readStatus().state == ServerState::Starting);
     }
 
-    void pidFileThatHasGone()
+    void serverWithoutAPidFileIsFoundByItsPort()
     {
         QTcpServer listener;
         QVERIFY(listener.listen(QHostAddress::LocalHost));
@@ -93,26 +93,26 @@ private slots:
         const ServerStatus server = ServerFiles(folder->path()).readStatus();
         QVERIFY(server.state == ServerState::Running);
         QCOMPARE(server.pid, qint64(::getpid()));
-        write(u"server_pid"_s, "999999999"); // of one that has ended: the port is somebody else's by now
+        write(u"server_pid"_s, "999999999"); // of an ended server: another program has its port by now
         QVERIFY(ServerFiles(folder->path()).readStatus().state == ServerState::Stale);
     }
 
-    void pipeInPlaceOfAFile_data()
+    void pipeIsNotRead_data()
     {
         QTest::addColumn<QString>("name");
         QTest::newRow("pid") << u"server_pid"_s;
         QTest::newRow("port") << u"server_port"_s;
     }
-    void pipeInPlaceOfAFile()
+    void pipeIsNotRead()
     {
         QFETCH(QString, name);
         QCOMPARE(::mkfifo(qPrintable(folder->filePath(name)), 0600), 0);
         const ServerStatus server = ServerFiles(folder->path()).readStatus();
         QVERIFY(server.state == ServerState::Unreadable);
-        QCOMPARE(server.detail, u"\"%1\" is no file"_s.arg(folder->filePath(name)));
+        QCOMPARE(server.detail, u"\"%1\" is not a file"_s.arg(folder->filePath(name)));
     }
 
-    void paths()
+    void pathsAreInTheUserPath()
     {
         const ServerFiles files(u"/home/me/.zarvo_server/host"_s);
         QCOMPARE(files.certificatePath(), u"/home/me/.zarvo_server/server_cert"_s);

@@ -21,7 +21,7 @@ class TestServerProcess : public QObject
 private slots:
     void cleanup() { ::prctl(PR_SET_NAME, "a test"); }
 
-    void otherProgramOfThatNumber()
+    void otherProgramIsNoServer()
     {
         QVERIFY(!isServerProcess(::getpid()));
         ::prctl(PR_SET_NAME, "zarvo_server");
@@ -31,7 +31,7 @@ private slots:
         QVERIFY(!isServerProcess(1));
     }
 
-    void serverThatHasEndedAndThatNobodyHasAskedAbout()
+    void zombieIsNoServer()
     {
         int held[2] = {-1, -1};
         QCOMPARE(::pipe(held), 0);
@@ -52,7 +52,7 @@ private slots:
         QVERIFY(!isTakenForLive);
     }
 
-    void nameThatHoldsThatOfAServer()
+    void longerNameIsNoServer()
     {
         ::prctl(PR_SET_NAME, "x (zarvo_server");
         QVERIFY(!isServerProcess(::getpid()));
@@ -60,7 +60,7 @@ private slots:
         QVERIFY(!isServerProcess(::getpid()));
     }
 
-    void serverOfAnotherUser()
+    void serverOfAnotherUserDoesNotCount()
     {
         if (::geteuid() != 0) {
             QSKIP("only root can be somebody else");
@@ -73,7 +73,7 @@ private slots:
         QVERIFY(!isOurs);
     }
 
-    void environment()
+    void environmentIsThatOfTheStart()
     {
         const Impostor impostor(serverEnvironment(u"anna"_s, u"/a:/b"_s));
         QCOMPARE(environmentOf(impostor.pid(), u"PATH"_s).value_or(QString()), u"/a:/b"_s);
@@ -81,7 +81,7 @@ private slots:
         QVERIFY(!environmentOf(999999999, u"PATH"_s));
     }
 
-    void serversOfTheSameUser()
+    void serversWithTheSameUserAreFound()
     {
         const QByteArray user = "tst_serverprocess-" + QByteArray::number(::getpid());
         const EnvironmentVariable variable("USER", user);
@@ -92,7 +92,7 @@ private slots:
         QTRY_COMPARE(serversOfSameUser(), QList<qint64>{same.pid()});
     }
 
-    void whoListens()
+    void listeningServerIsFound()
     {
         ::prctl(PR_SET_NAME, "zarvo_server");
         QTcpServer listener;

@@ -39,7 +39,7 @@ private slots:
         const QString none = u"No server is running: there is no file \"/p/server_port\""_s;
         const QString stale = u"The server has ended without removing its files: there is \"/p/server_port\" and no "
                               "process"_s;
-        const QString starting = u"The server, process 123, does not tell its port yet"_s;
+        const QString starting = u"The server, process 123, has not written its port yet"_s;
         const ServerStatus running{ServerState::Running, kPort, kPid, u"The server is process 123 on port 4000"_s};
         const auto row = [](const char *name, const ServerFacts &read, const ServerStatus &expected) {
             QTest::newRow(name) << read << expected;
