@@ -11,7 +11,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** More than a host has sessions, each of which may end while another list is made. */
+/** Bounds the retries. Each session that ends may spoil one list, and no host has this many sessions. */
 constexpr int kMaxLists = 1000;
 
 } // namespace
@@ -19,7 +19,8 @@ constexpr int kMaxLists = 1000;
 ClientContext::ClientContext(Console &console_, const Settings &settings_)
     : console(console_)
     , settings(settings_)
-    , files(QDir::root().absoluteFilePath(settings_.userPath)) // where a relative path leads the server, a daemon
+    // The server works in the root directory, so a relative user path starts there.
+    , files(QDir::root().absoluteFilePath(settings_.userPath))
 {
 }
 
@@ -42,7 +43,7 @@ bool ClientContext::list(const QString &method, SessionList *sessions, Failure *
             *sessions = sessionListFromJson(result);
             return true;
         }
-        // A session that ends while the server makes its list spoils the whole list, and the next one has it no more.
+        // A session that ends while the server makes the list fails the whole request; the next list is without it.
         if (failure->code != ExitCode::NoSuchSession) {
             return false;
         }

@@ -10,8 +10,8 @@
 #include "client/terminal/exitcode.h"
 
 /**
- * What every verb works with: the console, the settings, and the server, to which a connection is made when a
- * verb asks for it. One per run of the program; used on the main thread.
+ * What every verb works with: the console, the settings, and the server. It connects when a verb asks for it. One per
+ * run of the program; used on the main thread.
  */
 class ClientContext
 {
@@ -22,20 +22,20 @@ public:
     const Settings settings;
     const ServerFiles files;
     RpcClient client;
-    ServerStatus server; ///< set by connectToServer(): what was connected to, or why nothing was
+    ServerStatus server; ///< set by connectToServer(): the server, or why there is no connection
 
-    /** Connects, unless that is done; @p start says whether a server may be started for it. */
+    /** Connects unless it is connected; @p start says whether it may start a server first. */
     [[nodiscard]] bool connectToServer(ServerConnector::Start start, Failure *failure);
 
-    /** The sessions of the connected server itself. */
+    /** Lists the sessions of the connected server itself. */
     [[nodiscard]] bool listLocal(SessionList *sessions, Failure *failure);
 
-    /** The same with those that other servers of the user have reported. */
+    /** Lists these and the sessions that other servers of the user have reported. */
     [[nodiscard]] bool listAll(SessionList *sessions, Failure *failure);
 
     /**
-     * Finds a session that the connected server can work with.
-     * @param failure  for one on another host: WrongState, with the way to get there
+     * Finds a session of the connected server itself.
+     * @param failure  for a session on another host: WrongState, with the name of that host
      */
     [[nodiscard]] bool findLocal(const QString &target, SessionEntry *found, Failure *failure);
 
@@ -46,8 +46,8 @@ private:
     bool list(const QString &method, SessionList *sessions, Failure *failure);
 };
 
-/** A JSON array of texts, for the parameters of a request. */
+/** The texts as a JSON array: the form of a request's parameters. */
 [[nodiscard]] Json::Value jsonTexts(const QStringList &texts);
 
-/** The name of this host, for people. */
+/** The name of this host, to be shown to the user. */
 [[nodiscard]] QString localHostName();

@@ -21,7 +21,7 @@ bool isPlainWord(const QString &word)
     return !word.isEmpty() && std::all_of(word.begin(), word.end(), isPlain);
 }
 
-/** In the place of a command a shell obeys these words, and takes those with a "=" for assignments. */
+/** As the first word, a shell treats a keyword as syntax, and a word with "=" as an assignment. */
 bool isSyntax(const QString &word)
 {
     static constexpr std::array kKeywords = {

@@ -4,10 +4,8 @@
 #include <QString>
 #include <QStringList>
 
-/**
- * The command line that a shell reads as @p arguments. A single argument is taken to be a command line already.
- */
+/** The command line that a shell splits into @p arguments. A single argument is a command line already. */
 [[nodiscard]] QString commandLine(const QStringList &arguments);
 
-/** Whether @p text is what a session can have as its geometry: "rootless", or a size that the agent can make. */
+/** Whether @p text can be the geometry of a session: "rootless", or a size within the agent's limits. */
 [[nodiscard]] bool isGeometry(const QString &text);

@@ -44,5 +44,5 @@ void ConnectionOffer::print(Console &console, bool asJson) const
 
 bool failAnswer(Failure *failure)
 {
-    return fail(failure, ExitCode::SessionFailed, u"The server's answer makes no sense."_s);
+    return fail(failure, ExitCode::SessionFailed, u"The server's answer is invalid."_s);
 }

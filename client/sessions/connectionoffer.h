@@ -7,25 +7,25 @@
 
 #include <QString>
 
-/** What a viewer needs to get into a session. A plain value that holds a password: never to be logged. */
+/** What a viewer needs to connect to a session. A plain value; never log it, because it holds a password. */
 struct ConnectionOffer
 {
     QString id;
-    QString host; ///< where the port is
+    QString host; ///< the host of the port
     quint16 port = 0;
     QString password;   ///< good for one connection
     QString geometry;   ///< WxH or "rootless"
-    QString windowMode; ///< empty when the server did not say
+    QString windowMode; ///< empty if the answer has none
 
-    /** What the server answers to Live.Start, Live.Resume and Live.Replay; false when port or password lack. */
+    /** Reads the answer to Live.Start, Live.Resume or Live.Replay. Returns false if it has no port or no password. */
     [[nodiscard]] bool readAnswer(const Json::Value &answer);
 
-    /** The form that --json prints: the documented and stable one. */
+    /** The form that --json prints. It is documented, so it must stay. */
     [[nodiscard]] Json::Value toJson() const;
 
-    /** Prints it for people, or as JSON for programs. */
+    /** Prints it as lines for people, or as JSON. */
     void print(Console &console, bool asJson) const;
 };
 
-/** Fails with what is to be said about an answer that makes no sense. */
+/** Fails because the server's answer has not the expected form. */
 bool failAnswer(Failure *failure);

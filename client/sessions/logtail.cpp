@@ -29,14 +29,14 @@ bool readTail(const QString &path, int lines, QString *text, QString *error)
         return false;
     }
     if (start > 0) {
-        bytes.remove(0, bytes.indexOf('\n') + 1); // the line that the cut went through
+        bytes.remove(0, bytes.indexOf('\n') + 1); // the first line is incomplete
     }
     if (!bytes.isEmpty() && !bytes.endsWith('\n')) {
         bytes.append('\n');
     }
     qsizetype begin = lines > 0 ? bytes.size() : 0;
     for (int count = 0; begin > 0 && count < lines; ++count) {
-        // The line feed at the end of the line before this one; a position of -1 would mean the end of all.
+        // Searches for the end of the line before this one. A start position of -1 would mean the end of the text.
         begin = begin >= 2 ? bytes.lastIndexOf('\n', begin - 2) + 1 : 0;
     }
     *text = QString::fromUtf8(bytes.sliced(begin));

@@ -9,11 +9,12 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-QString wayOut(SessionState state)
+/** Which verb fits the state. */
+QString hintFor(SessionState state)
 {
     switch (state) {
     case SessionState::Connected:
-        return u" A viewer is connected; \"zarvoctl suspend\" throws it out."_s;
+        return u" A viewer is connected; \"zarvoctl suspend\" disconnects it."_s;
     case SessionState::Offered:
         return u" A password is offered already; \"zarvoctl replay\" prints it."_s;
     case SessionState::Suspended:
@@ -24,7 +25,7 @@ QString wayOut(SessionState state)
     return {};
 }
 
-/** The state as it is now: viewers come and go between a listing and what is made of it. */
+/** Asks for the state again: a viewer may have connected or disconnected since the session was listed. */
 SessionState stateNow(ClientContext &context, const QString &id)
 {
     SessionList sessions;
@@ -48,7 +49,7 @@ bool requestOffer(ClientContext &context, const QString &method, const SessionEn
     const Progress progress(u"Asking for a password"_s);
     if (!context.callWithId(method, session.id, &answer, failure)) {
         if (failure->code == ExitCode::WrongState) {
-            failure->text += wayOut(stateNow(context, session.id));
+            failure->text += hintFor(stateNow(context, session.id));
         }
         return false;
     }

@@ -5,10 +5,10 @@
 #include "client/sessions/connectionoffer.h"
 
 /**
- * Makes the connected server offer a password for one of its sessions.
+ * Asks the connected server to offer a password for one of its sessions.
  *
  * @param method   "Live.Resume" or "Live.Replay"
- * @param failure  set only on failure; the sentence for a wrong state says which verb fits
+ * @param failure  set only on failure; for WrongState, the text names the verb that fits the session's state
  */
 [[nodiscard]] bool requestOffer(ClientContext &context, const QString &method, const SessionEntry &session,
                                 ConnectionOffer *offer, Failure *failure);

@@ -9,7 +9,7 @@ namespace {
 
 using Key = std::pair<QString, QString>;
 
-/** The same id may be in use on two hosts. */
+/** Id and location, because two hosts may use the same id. */
 Key keyOf(const SessionEntry &entry)
 {
     return {entry.id, entry.location};

@@ -9,11 +9,12 @@ struct SessionChange
     enum class Kind { Added, Changed, Removed };
 
     Kind kind;
-    SessionEntry session; ///< as it is now; the last known state of a removed one
+    SessionEntry session; ///< its new state; if it was removed, its last known state
 
     /** The form that "watch" prints: {"event": "added", "session": {…}}. */
     [[nodiscard]] Json::Value toJson() const;
 };
 
-/** What makes @p after of @p before: removed ones first, then added and changed ones in the order of the list. */
+/** How @p after differs from @p before: removed sessions first, then added and changed ones in the order of @p after.
+ */
 [[nodiscard]] QList<SessionChange> sessionChanges(const SessionList &before, const SessionList &after);

@@ -41,7 +41,7 @@ bool findSessionDirectory(ClientContext &context, const QString &target, QString
         }
     }
     if (!findSession(sessionsOnDisk(context.files), target, &session, failure)) {
-        // That of another host is told from one that is nowhere.
+        // findLocal() tells a session of another host from one that does not exist.
         const bool mayBeElsewhere = failure->code == ExitCode::NoSuchSession && context.client.isConnected();
         if (!mayBeElsewhere || !context.findLocal(target, &session, failure)) {
             return false;
@@ -53,7 +53,7 @@ bool findSessionDirectory(ClientContext &context, const QString &target, QString
 
 Failure fileFailure(const QString &directory, const Failure &failure)
 {
-    const bool isTold = !failure.text.isEmpty(); // who interrupts us is told nothing
-    const bool hasEnded = isTold && failure.code == ExitCode::SessionFailed && !QFileInfo(directory).isDir();
+    const bool hasText = !failure.text.isEmpty(); // no text: the user interrupted us
+    const bool hasEnded = hasText && failure.code == ExitCode::SessionFailed && !QFileInfo(directory).isDir();
     return hasEnded ? Failure{ExitCode::NoSuchSession, u"The session has ended."_s} : failure;
 }

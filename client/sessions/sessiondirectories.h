@@ -6,8 +6,8 @@
 #include <QString>
 
 /**
- * Finds the directory of a session of this host, also of one that has failed and is no longer listed. Asks the
- * server when one runs, for it knows the names, and starts none.
+ * Finds the directory of a session of this host, including failed sessions that are no longer listed. Asks the server
+ * if one runs, because only the server knows the names; starts none.
  *
  * @param directory  set only on success
  * @param failure    set only on failure: NoSuchSession or Ambiguous
@@ -15,5 +15,5 @@
 [[nodiscard]] bool findSessionDirectory(ClientContext &context, const QString &target, QString *directory,
                                         Failure *failure);
 
-/** The failure to do something with the files of a session: NoSuchSession when it has ended, and they with it. */
+/** The failure to use the files of a session: NoSuchSession if it has ended, because its files are removed then. */
 [[nodiscard]] Failure fileFailure(const QString &directory, const Failure &failure);

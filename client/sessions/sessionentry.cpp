@@ -19,7 +19,7 @@ struct StateRow
 {
     SessionState state;
     QLatin1StringView name;
-    QLatin1StringView permission; ///< what the server allows in this state and no other
+    QLatin1StringView permission; ///< the server grants it in this state and in no other
 };
 
 constexpr std::array kStates = {
@@ -134,7 +134,7 @@ int shortIdLength(const SessionList &sessions)
     ids.sort();
     qsizetype length = kMinShortId;
     for (qsizetype i = 1; i < ids.size(); ++i) {
-        // The same session may be listed twice, by two servers; no number of digits tells these apart.
+        // Two servers may list the same id; no number of digits distinguishes those.
         if (ids[i] != ids[i - 1]) {
             length = std::max(length, commonPrefix(ids[i - 1], ids[i]) + 1);
         }

@@ -9,12 +9,12 @@
 
 #include <optional>
 
-/** What a session is doing, as far as its users are concerned. */
+/** The state of a session, as its user sees it. */
 enum class SessionState {
     Connected, ///< a viewer is connected
-    Offered,   ///< a password waits for a viewer
-    Suspended, ///< nobody is connected and no password is open
-    Unknown,   ///< the server says something that this program does not know
+    Offered,   ///< a password is open, and no viewer is connected
+    Suspended, ///< no viewer is connected and no password is open
+    Unknown,   ///< the server sent permissions that this program does not know
 };
 
 [[nodiscard]] QString stateName(SessionState state);
@@ -24,23 +24,23 @@ enum class SessionState {
 struct SessionEntry
 {
     QString id;
-    QString location; ///< URL of its host; empty for the server's own
+    QString location; ///< URL of its host; empty for the host of the server
     QString windowMode;
     QString name;
-    QString started;        ///< yyyy-MM-ddThh:mm:ss in its host's local time; empty: not yet
-    QString lastConnect;    ///< the same
-    QString lastDisconnect; ///< the same
+    QString started;        ///< yyyy-MM-ddThh:mm:ss in its host's local time; empty if not started
+    QString lastConnect;    ///< in the same form
+    QString lastDisconnect; ///< in the same form
     QStringList permissions;
 
     [[nodiscard]] SessionState state() const;
 
-    /** The host that the location names; empty for the server's own. */
+    /** The host that the location names; empty for the host of the server. */
     [[nodiscard]] QString host() const;
 
-    /** The form that --json prints: the documented and stable one. */
+    /** The form that --json prints. It is documented, so it must stay. */
     [[nodiscard]] Json::Value toJson() const;
 
-    /** Nothing when @p value is no session; members of a wrong type count as missing. */
+    /** Null if @p value is not a session; members of a wrong type count as missing. */
     [[nodiscard]] static std::optional<SessionEntry> fromJson(const Json::Value &value);
 
     bool operator==(const SessionEntry &) const = default;
@@ -48,11 +48,11 @@ struct SessionEntry
 
 using SessionList = QList<SessionEntry>;
 
-/** The sessions of a listing; null, which the server sends for none, is an empty list. */
+/** The sessions of a list that the server sent. It sends null if there are none. */
 [[nodiscard]] SessionList sessionListFromJson(const Json::Value &value);
 
-/** Always an array, also without sessions. */
+/** An array, even without sessions. */
 [[nodiscard]] Json::Value sessionListToJson(const SessionList &sessions);
 
-/** How many digits of an id are enough to tell the sessions of the list apart; at least 8. */
+/** How many digits of an id distinguish all sessions of the list; at least 8. */
 [[nodiscard]] int shortIdLength(const SessionList &sessions);

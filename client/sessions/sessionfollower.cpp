@@ -12,10 +12,10 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/** How often a server that has gone is looked for. */
+/** Between two attempts to reconnect. */
 constexpr auto kRetryInterval = 250ms;
 
-/** Lists that wait for a slow reader; the newest say it all. */
+/** Bounds the lists that wait for a slow reader. Older ones are dropped, because each list is complete. */
 constexpr qsizetype kMaxLists = 64;
 
 } // namespace
@@ -46,9 +46,9 @@ SessionFollower::Event SessionFollower::next(std::chrono::milliseconds timeout, 
 {
     RpcClient &client = context->client;
     if (!client.isConnected()) {
-        knowsList = false;
-        if (!toldLoss) {
-            toldLoss = true;
+        hasFirstList = false;
+        if (!hasReportedLoss) {
+            hasReportedLoss = true;
             return Event::Lost;
         }
         if (!reconnect(timeout, failure)) {
@@ -57,9 +57,9 @@ SessionFollower::Event SessionFollower::next(std::chrono::milliseconds timeout, 
             }
             return failure->code == ExitCode::TimedOut ? Event::TimedOut : Event::Failed;
         }
-        toldLoss = false;
+        hasReportedLoss = false;
     }
-    if (!knowsList) {
+    if (!hasFirstList) {
         return takeFirstList(sessions, failure);
     }
     EventWait wait([this, &client] { return !lists.isEmpty() || !client.isConnected() || isWoken; });
@@ -73,7 +73,7 @@ SessionFollower::Event SessionFollower::next(std::chrono::milliseconds timeout, 
         return Event::Woken;
     }
     if (lists.isEmpty()) {
-        toldLoss = true;
+        hasReportedLoss = true;
         return Event::Lost;
     }
     *sessions = lists.takeFirst();
@@ -87,12 +87,12 @@ SessionFollower::Event SessionFollower::takeFirstList(SessionList *sessions, Fai
         if (context->client.isConnected()) {
             return Event::Failed;
         }
-        toldLoss = true;
+        hasReportedLoss = true;
         return Event::Lost;
     }
-    knowsList = true;
-    // Of a list that was sent meanwhile nobody knows whether it is older than the answer. It is the safe one to take:
-    // whatever is newer than it is sent as well.
+    hasFirstList = true;
+    // A list that was pushed meanwhile may be older or newer than the answer. The pushed one is safe to take, because
+    // the server pushes every newer list as well.
     *sessions = lists.isEmpty() ? listed : lists.takeLast();
     lists.clear();
     return Event::List;

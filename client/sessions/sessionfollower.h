@@ -8,8 +8,8 @@
 #include <chrono>
 
 /**
- * Follows the sessions of the server over lost connections and restarts, one list after the other. It never starts
- * a server: somebody has ended it. Used on the main thread.
+ * Delivers the server's lists of sessions, one after the other, over lost connections and restarts of the server. It
+ * never starts a server, because the user may have ended it on purpose. Used on the main thread.
  */
 class SessionFollower : public QObject
 {
@@ -18,22 +18,22 @@ class SessionFollower : public QObject
 public:
     /**
      * @param context  with a connected client
-     * @param patience  how long to look for a server that has gone; kNoDeadline: for ever
+     * @param patience  how long to try to reconnect; kNoDeadline: without end
      */
     SessionFollower(ClientContext *context, std::chrono::milliseconds patience, QObject *parent = nullptr);
 
     enum class Event {
         List,     ///< the sessions are set
-        Lost,     ///< the connection is lost; call again to look for the server
-        TimedOut, ///< nothing came in time
-        Woken,    ///< somebody has called wake()
-        Failed,   ///< patience is over, or the server cannot be used; the failure is set
+        Lost,     ///< the connection is lost; call again to reconnect
+        TimedOut, ///< nothing happened in time
+        Woken,    ///< wake() was called
+        Failed,   ///< the patience is over, or the server cannot be used; the failure is set
     };
 
-    /** The next thing that happens. The first one is the list as it is now. */
+    /** Waits for the next event. The first one is the current list. */
     [[nodiscard]] Event next(std::chrono::milliseconds timeout, SessionList *sessions, Failure *failure);
 
-    /** Ends the wait that goes on, or the next one. */
+    /** Ends the running wait; without one, the next wait. */
     void wake();
 
 signals:
@@ -46,8 +46,8 @@ private:
 
     ClientContext *context;
     const std::chrono::milliseconds patience;
-    QList<SessionList> lists; ///< what has arrived and was not taken yet, oldest first
-    bool knowsList = false;   ///< a list has been taken over this connection
-    bool toldLoss = false;
+    QList<SessionList> lists;  ///< received and not yet returned by next(), oldest first
+    bool hasFirstList = false; ///< the first list over this connection was received
+    bool hasReportedLoss = false;
     bool isWoken = false;
 };

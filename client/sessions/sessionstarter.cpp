@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kLogLines = 10;
 
-/** The lines of a log, each made safe for a terminal. */
+/** The lines of a log, indented, with control characters replaced. */
 QString shownLines(const QString &log)
 {
     QStringList lines;
@@ -40,7 +40,7 @@ void addAgentLog(const ServerFiles &files, const QString &id, Failure *failure)
 
 bool checkStart(const QStringList &command, const QString &geometry, Failure *failure)
 {
-    // Of such a session the server itself would know no command after its next start, and so not find it again.
+    // After its next start the server could not read the command of such a session, and would not list it.
     if (commandLine(command).trimmed().isEmpty()) {
         return fail(failure, ExitCode::Usage, u"The command is blank."_s);
     }
@@ -62,7 +62,7 @@ bool startSession(ClientContext &context, const QStringList &command, const QStr
     Json::Value answer;
     const Progress progress(u"Starting %1"_s.arg(commandText));
     if (!context.client.call(u"Live.Start"_s, jsonTexts({made.id, commandText, geometry}), &answer, failure)) {
-        // Whatever number the server gives it: here it is the session that did not come to be.
+        // These two codes speak of sessions that exist; here the new session has failed.
         if (failure->code == ExitCode::NoSuchSession || failure->code == ExitCode::WrongState) {
             failure->code = ExitCode::SessionFailed;
         }

@@ -7,17 +7,17 @@
 #include <QStringList>
 
 /**
- * Whether a session can be started so. Asked before a server is started for it.
+ * Checks the arguments of a start, so that no server is started for wrong ones.
  * @param failure  set only on failure: Usage
  */
 [[nodiscard]] bool checkStart(const QStringList &command, const QString &geometry, Failure *failure);
 
 /**
- * Starts a session of a new id on the connected server and shows meanwhile, on a terminal, that it goes on.
+ * Starts a session with a new id on the connected server. Shows the progress on a terminal.
  *
- * @param command  as the arguments of our own command line, which checkStart() has found good
+ * @param command  the arguments of our own command line that name the command, after checkStart()
  * @param offer    set only on success
- * @param failure  set only on failure; with the end of the agent's log, if it wrote any
+ * @param failure  set only on failure; with the end of the agent's log, if there is one
  */
 [[nodiscard]] bool startSession(ClientContext &context, const QStringList &command, const QString &geometry,
                                 ConnectionOffer *offer, Failure *failure);

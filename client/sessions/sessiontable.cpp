@@ -13,19 +13,19 @@ namespace {
 
 enum Column { Id, Name, Where, Mode, State, Started, LastConnected, ColumnCount };
 
-using Widths = std::array<int, ColumnCount>; ///< 0: the column is left out
+using Widths = std::array<int, ColumnCount>; ///< 0: the column is hidden
 
 using Row = std::array<QString, ColumnCount>;
 
 constexpr int kGap = 2;
 
-/** A terminal so narrow that less is left for the name gets lines that are cut at their end instead. */
+/** The name is never narrower. On a narrower terminal, lines are cut at their end instead. */
 constexpr int kMinNameWidth = 8;
 
-/** More of a host's name than this is shown only where there is room. */
+/** The host's name is never narrower. */
 constexpr int kMinWhereWidth = 16;
 
-/** To the minute; the year matters only to sessions of earlier ones, but a column of one form reads best. */
+/** To the minute. The year is always shown, so that the column has one form. */
 QString shortTime(const QString &time)
 {
     return time.isEmpty() ? u"-"_s : printable(time).replace(u'T', u' ').left(16);
@@ -36,7 +36,7 @@ QString where(const SessionEntry &entry, const QString &localHost)
     if (entry.location.isEmpty()) {
         return localHost;
     }
-    // Somebody else's session in any case, also when its location makes no sense.
+    // A location names another host, even if it cannot be parsed; so never show the local one.
     const QString host = entry.host();
     return host.isEmpty() ? u"?"_s : host;
 }
@@ -70,7 +70,7 @@ int lineWidth(const Widths &widths)
     return std::accumulate(widths.begin(), widths.end(), kGap * (columns - 1));
 }
 
-/** Takes from a column what the line is too long, down to @p least. */
+/** Narrows a column until the line fits into @p width, but not below @p least. */
 void narrow(Widths *widths, Column column, int least, int width)
 {
     const int excess = std::max(0, lineWidth(*widths) - width);
@@ -78,8 +78,8 @@ void narrow(Widths *widths, Column column, int least, int width)
 }
 
 /**
- * The name gives way first, for it is the one that gets long and the one of which a part is enough; then the host's
- * name, and then the times, which are left out. The state is what people look for.
+ * Narrows the name first, because it is the longest and a part of it is enough; then the host's name; then hides the
+ * times. The state always stays, because users look for it.
  */
 Widths fitted(Widths whole, int width)
 {

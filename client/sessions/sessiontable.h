@@ -5,17 +5,17 @@
 
 #include <QString>
 
-/** How a table of sessions is to look. */
+/** The looks of a table of sessions. */
 struct TableStyle
 {
-    int width = 0;       ///< columns to cut the lines to; 0: as long as they are
-    bool legend = true;  ///< with a line of titles
-    bool colour = false; ///< with escape sequences for colour
-    QString localHost;   ///< what stands for sessions without a location
+    int width = 0;       ///< columns of the terminal; 0: lines are not cut
+    bool legend = true;  ///< a first line with titles
+    bool colour = false; ///< escape sequences for colour
+    QString localHost;   ///< shown for sessions without a location
 };
 
-/** The sessions as an aligned table for people, one line each. Names lose what a terminal would obey. */
+/** The sessions as an aligned table for people, one line each. Control characters in names are replaced. */
 [[nodiscard]] QString sessionTable(const SessionList &sessions, const TableStyle &style);
 
-/** The same for scripts: whole ids, fields separated by tabs, no titles, nothing cut. */
+/** The sessions for scripts: whole ids, tabs between fields, no titles, nothing cut. */
 [[nodiscard]] QString plainSessionTable(const SessionList &sessions, const QString &localHost);

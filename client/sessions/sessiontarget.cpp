@@ -51,7 +51,7 @@ bool findSession(const SessionList &sessions, const QString &target, SessionEntr
     }
     const auto isNamed = [&](const SessionEntry &entry) { return entry.name == target; };
     const auto isBegun = [&](const SessionEntry &entry) { return entry.id.startsWith(target, Qt::CaseInsensitive); };
-    // What is a name to one session may be the beginning of another one's id, and nobody but the user knows which.
+    // A target may be the name of one session and begin the id of another; only the user knows which one is meant.
     const SessionList fitting = matching(sessions, [&](const SessionEntry &e) { return isNamed(e) || isBegun(e); });
     if (fitting.isEmpty()) {
         return fail(failure, ExitCode::NoSuchSession, u"There is no session %1."_s.arg(quoted));

@@ -7,11 +7,11 @@
 #include <QString>
 
 /**
- * Finds the session that the user means: a whole id; else an exact name or the beginning of an id, which only one
- * session may have; or, with an empty @p target, the only session there is.
+ * Finds the session that the user means. A target is a whole id; else the name or the first digits of the id of exactly
+ * one session. An empty target means the only session.
  *
  * @param found    set only on success
- * @param failure  set only on failure: NoSuchSession, or Ambiguous with the list of those that fit
+ * @param failure  set only on failure: NoSuchSession, or Ambiguous with a list of the matches
  */
 [[nodiscard]] bool findSession(const SessionList &sessions, const QString &target, SessionEntry *found,
                                Failure *failure);

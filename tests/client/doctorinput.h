@@ -10,7 +10,7 @@
 #include <algorithm>
 #include <chrono>
 
-/** A system of its own for the doctor to look at, in which all is well or missing. */
+/** Folders in place of the system's, for the doctor's checks. */
 class DoctorSurroundings
 {
 public:
@@ -51,7 +51,7 @@ private:
     QTemporaryDir folder;
 };
 
-/** The findings as one line of text each: the level and the sentence. */
+/** Each finding as one line: the level and the sentence. */
 [[nodiscard]] inline QStringList texts(const QList<Finding> &findings)
 {
     QStringList lines;
@@ -61,7 +61,7 @@ private:
     return lines;
 }
 
-/** Whether everything but what is fine comes with a remedy. */
+/** Whether all findings have a remedy, except for those that are Ok. */
 [[nodiscard]] inline bool haveRemedies(const QList<Finding> &findings)
 {
     return std::all_of(findings.begin(), findings.end(), [](const Finding &finding) {

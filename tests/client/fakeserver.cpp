@@ -11,7 +11,7 @@
 
 namespace {
 
-/** The answer, without what it says. */
+/** An answer without result or error. */
 Json::Value answerTo(const Json::Value &request)
 {
     Json::Value message(Json::objectValue);
@@ -75,7 +75,7 @@ void FakeServer::Server_pendingConnectionAvailable()
         sockets.removeOne(client);
         client->deleteLater();
     });
-    serve(client); // a quick client's first request may be there already
+    serve(client); // the first request may have arrived before the connection of readyRead
 }
 
 void FakeServer::serve(QSslSocket *client)

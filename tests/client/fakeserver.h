@@ -13,8 +13,8 @@
 #include <functional>
 
 /**
- * In the place of the server: speaks TLS on a port of the loopback interface and hands each request to a function of
- * the test. Used on the main thread, beside the client that it serves.
+ * Takes the place of the server: speaks TLS on a port of the loopback interface and passes each request to a function
+ * of the test. Used on the main thread, as is the client under test.
  */
 class FakeServer final : public QObject
 {
@@ -30,19 +30,19 @@ public:
     /** How many requests have arrived. */
     [[nodiscard]] int requests() const { return requestCount; }
 
-    /** Clients whose handshake is done, oldest first; those that have gone are not among them. */
+    /** Connected clients whose handshake is done, oldest first. */
     [[nodiscard]] QList<QSslSocket *> clients() const { return sockets; }
 
-    /** Sends the answer with this result to a request. */
+    /** Answers a request with a result. */
     static void answer(QSslSocket *client, const Json::Value &request, const Json::Value &result);
 
-    /** Sends the answer with this error to a request. */
+    /** Answers a request with an error. */
     static void refuse(QSslSocket *client, const Json::Value &request, int code, const char *message);
 
     /** Sends a message as a frame. */
     static void send(QSslSocket *client, const Json::Value &message);
 
-    /** Sends the notification of a change, with these sessions. */
+    /** Pushes a list of sessions. */
     static void notify(QSslSocket *client, const Json::Value &sessions);
 
 private:
@@ -52,5 +52,5 @@ private:
     const Answerer answerer;
     QList<QSslSocket *> sockets; ///< children of the server
     int requestCount = 0;
-    QSslServer server; ///< goes first: its children speak up when they go
+    QSslServer server; ///< destroyed first, because its sockets still emit signals then
 };

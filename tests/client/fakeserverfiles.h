@@ -7,24 +7,24 @@
 #include <QTemporaryDir>
 
 /**
- * The files of a server, in a folder of their own, that name the process under test: it passes itself off as a server,
- * so that its own FakeServer is found.
+ * The files of a server, in a temporary folder. They name the process under test, which takes the server's process
+ * name, so that a client finds its FakeServer.
  */
 class FakeServerFiles
 {
 public:
-    /** Makes certificate and key and takes the server's process name. False when there is no certificate. */
+    /** Creates certificate and key and takes the server's process name. Returns false if openssl fails. */
     [[nodiscard]] bool make();
 
-    /** Says that this process is the server and listens on that port. */
+    /** Writes the files of a server that is this process and listens on @p port. */
     void name(quint16 port) const;
 
-    /** Takes that back, as a server that ends. */
+    /** Removes these files, as a server does when it ends. */
     void remove() const;
 
-    /** Those of a client that is to find the files. */
+    /** The settings of a client that uses these files. */
     [[nodiscard]] Settings settings() const;
 
-    QTemporaryDir dir; ///< the user path lies in it
+    QTemporaryDir dir; ///< contains the user path
     TestIdentity identity;
 };

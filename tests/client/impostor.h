@@ -10,7 +10,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-/** A process that goes by the name of the server and does nothing, with an environment of its own. */
+/** A process with the server's name that does nothing, and with its own environment. */
 class Impostor
 {
 public:
@@ -21,7 +21,7 @@ public:
         process.setProcessEnvironment(environment);
         process.start(path, {QStringLiteral("1000")});
         process.waitForStarted();
-        // The system calls it started a moment before it shows its environment.
+        // Right after the start, /proc still shows no environment.
         if (!QTest::qWaitFor([this] { return environmentOf(pid(), QStringLiteral("PATH")).has_value(); }, 30000)) {
             qFatal("The process shows no environment");
         }
@@ -40,7 +40,7 @@ private:
     QProcess process;
 };
 
-/** An environment with nothing but what a server of that user has. */
+/** The smallest environment of a server of @p user. */
 [[nodiscard]] inline QProcessEnvironment serverEnvironment(const QString &user, const QString &path)
 {
     QProcessEnvironment environment;

@@ -6,7 +6,7 @@
 #include <QFile>
 #include <QString>
 
-/** Makes a program of a shell script, without its first line. */
+/** Writes an executable shell script; @p text comes after its first line. */
 inline void putScript(const QString &path, const QByteArray &text)
 {
     putFile(path, "#!/bin/sh\n" + text);

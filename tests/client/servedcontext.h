@@ -9,7 +9,7 @@
 #include <memory>
 #include <utility>
 
-/** What a verb works with, connected to a FakeServer that its files name. */
+/** A ClientContext that is connected to a FakeServer, which can be stopped and restarted. */
 class ServedContext
 {
 public:
@@ -33,11 +33,11 @@ public:
 
     [[nodiscard]] FakeServer &server() const { return *fake; }
 
-    /** Starts a server in place of the earlier one, which has been stopped. */
+    /** Starts a new server after stopServer(). */
     void startServer() { startServer(files.identity); }
 
-    /** Starts a program that has the server's place but not its certificate. */
-    void startImpostor()
+    /** Starts a server with another certificate after stopServer(). */
+    void startServerWithAnotherCertificate()
     {
         TestIdentity other;
         if (!makeTestIdentity(files.dir, QStringLiteral("other"), QString(), &other)) {
@@ -63,19 +63,19 @@ private:
     FakeServerFiles files;
     std::unique_ptr<FakeServer> fake;
     Console console;
-    std::unique_ptr<ClientContext> context; ///< goes before the server
+    std::unique_ptr<ClientContext> context; ///< destroyed before the server
 };
 
-/** Answers a request about a session that the server does not know. */
+/** Answers that there is no such session. */
 inline void refuseUnknownSession(QSslSocket *peer, const Json::Value &request)
 {
     FakeServer::refuse(peer, request, -32094, "No such session.");
 }
 
-/** The server's form of a list of sessions. */
+/** The list in the form that the server sends. */
 [[nodiscard]] inline Json::Value serverList(const SessionList &sessions)
 {
-    Json::Value list; // null without sessions
+    Json::Value list; // the server sends null for an empty list
     for (const SessionEntry &session : sessions) {
         Json::Value entry(Json::objectValue);
         entry["id"] = jsonString(session.id);

@@ -3,7 +3,7 @@
 
 #include "client/sessions/sessionentry.h"
 
-/** A session of this host whose id is the given digits filled up with zeros. */
+/** A session of this host; its id begins with @p digits, and zeros follow. */
 inline SessionEntry makeSession(const QString &digits, const QString &name,
                                 const QString &permission = QStringLiteral("connect"))
 {

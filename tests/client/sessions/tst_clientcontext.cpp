@@ -13,9 +13,9 @@ class TestClientContext : public QObject
     Q_OBJECT
 
 private slots:
-    void listIsMadeHoweverManySessionsEndMeanwhile()
+    void listIsRetriedWhileSessionsEnd()
     {
-        // A server that ends its sessions one after the other spoils one list with each of them.
+        // Each session that ends while a list is made fails that list.
         int left = 50;
         const ServedContext context([&left](QSslSocket *peer, const Json::Value &request) {
             if (left > 0) {
@@ -31,7 +31,7 @@ private slots:
         QCOMPARE(sessions.size(), 1);
     }
 
-    void listThatIsNeverMadeIsGivenUp()
+    void listIsGivenUpAfterManyFailures()
     {
         const ServedContext context(refuseUnknownSession);
         SessionList sessions;

@@ -12,10 +12,10 @@ class TestCommandLine : public QObject
     Q_OBJECT
 
 private slots:
-    void oneIsTakenAsItIs() { QCOMPARE(commandLine({u"a 'b' | c $d"_s}), u"a 'b' | c $d"_s); }
+    void singleArgumentIsACommandLine() { QCOMPARE(commandLine({u"a 'b' | c $d"_s}), u"a 'b' | c $d"_s); }
 
-    /** Whatever the words are, a shell reads them back. */
-    void shellReadsTheSame()
+    /** A shell must read back the same words, whatever they contain. */
+    void shellReadsTheSameWords()
     {
         const QStringList words = {u"a b"_s,  {},       u"it's"_s, u"$HOME `x` \\ \""_s, u"*?[]{}~#!;&|<>()"_s,
                                    u"-x=y"_s, u"ä統"_s, u"~/x"_s,  u"two\nlines"_s};
@@ -26,7 +26,7 @@ private slots:
         QCOMPARE(QString::fromUtf8(shell.readAllStandardOutput()).split(QChar(u'\0')), words + QStringList{QString()});
     }
 
-    /** The first of several words is the program, whatever else it may be to a shell. */
+    /** The first of several words is the program, even if a shell would treat it as syntax. */
     void firstWordIsTheProgram_data()
     {
         QTest::addColumn<QString>("word");
@@ -41,7 +41,7 @@ private slots:
         QCOMPARE(commandLine({u"env"_s, word}), u"env "_s + word);
     }
 
-    void geometries_data()
+    void geometryIsChecked_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<bool>("isOne");
@@ -55,13 +55,13 @@ private slots:
         QTest::newRow("zero") << u"0x10"_s << false;
         QTest::newRow("six digits") << u"100000x10"_s << false;
         QTest::newRow("sign") << u"+10x10"_s << false;
-        QTest::newRow("capital") << u"10X10"_s << false;
-        QTest::newRow("three") << u"10x10x24"_s << false;
+        QTest::newRow("capital letter") << u"10X10"_s << false;
+        QTest::newRow("three numbers") << u"10x10x24"_s << false;
         QTest::newRow("line feed") << u"10x10\n"_s << false;
-        QTest::newRow("other digits") << u"１０x１０"_s << false;
+        QTest::newRow("full-width digits") << u"１０x１０"_s << false;
         QTest::newRow("empty") << QString() << false;
     }
-    void geometries()
+    void geometryIsChecked()
     {
         QFETCH(QString, text);
         QTEST(isGeometry(text), "isOne");

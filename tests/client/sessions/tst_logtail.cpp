@@ -13,7 +13,7 @@ class TestLogTail : public QObject
     Q_OBJECT
 
 private slots:
-    void tails_data()
+    void lastLinesAreRead_data()
     {
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<int>("lines");
@@ -23,13 +23,13 @@ private slots:
         QTest::newRow("all") << QByteArray("a\nb\n") << 0 << u"a\nb\n"_s;
         QTest::newRow("last") << QByteArray("a\nb\nc\n") << 1 << u"c\n"_s;
         QTest::newRow("two") << QByteArray("a\nb\nc\n") << 2 << u"b\nc\n"_s;
-        QTest::newRow("as many") << QByteArray("a\nb\n") << 2 << u"a\nb\n"_s;
-        QTest::newRow("more") << QByteArray("a\nb\n") << 3 << u"a\nb\n"_s;
+        QTest::newRow("as many as there are") << QByteArray("a\nb\n") << 2 << u"a\nb\n"_s;
+        QTest::newRow("more than there are") << QByteArray("a\nb\n") << 3 << u"a\nb\n"_s;
         QTest::newRow("no line feed") << QByteArray("a\nb") << 1 << u"b\n"_s;
         QTest::newRow("empty lines") << QByteArray("\n\n\n") << 2 << u"\n\n"_s;
         QTest::newRow("one empty line") << QByteArray("\n") << 1 << u"\n"_s;
     }
-    void tails()
+    void lastLinesAreRead()
     {
         QFETCH(QByteArray, content);
         QFETCH(int, lines);
@@ -38,7 +38,7 @@ private slots:
         QTEST(text, "tail");
     }
 
-    void notMoreThanAMebibyte()
+    void atMostAMebibyteIsRead()
     {
         QString text;
         QVERIFY(read(QByteArray("0123456789abcde\n").repeated(100000), 0, &text));
@@ -46,7 +46,7 @@ private slots:
         QVERIFY(text.startsWith(u"0123456789abcde\n"_s));
     }
 
-    void missing()
+    void missingFileIsAnError()
     {
         QString text;
         QString error;
@@ -54,7 +54,7 @@ private slots:
         QVERIFY(error.contains(u"nothing"_s));
     }
 
-    void passwords()
+    void passwordsAreReplaced()
     {
         QCOMPARE(withoutPasswords(u"Added new password abc'12\nRDP\nExpiring password x y\n"
                                   "Client authenticated from '::1' at 'now' with password 'secret'\n"_s),

@@ -19,18 +19,19 @@ class TestOffering : public QObject
     Q_OBJECT
 
 private slots:
-    void wayOutIsThatOfTheStateAsItIsNow_data()
+    void hintFitsTheCurrentState_data()
     {
         QTest::addColumn<QString>("permission");
         QTest::addColumn<QString>("text");
         QTest::newRow("viewer") << u"disconnect"_s
-                                << u"Not now. A viewer is connected; \"zarvoctl suspend\" throws it out."_s;
+                                << u"Not now. A viewer is connected; \"zarvoctl suspend\" disconnects it."_s;
         QTest::newRow("password") << u"retry"_s
                                   << u"Not now. A password is offered already; \"zarvoctl replay\" prints it."_s;
-        QTest::newRow("nobody") << u"connect"_s << u"Not now. No password is offered; \"zarvoctl resume\" makes one."_s;
-        QTest::newRow("something new") << u"sing"_s << u"Not now."_s;
+        QTest::newRow("no viewer, no password")
+            << u"connect"_s << u"Not now. No password is offered; \"zarvoctl resume\" makes one."_s;
+        QTest::newRow("unknown permission") << u"unheard-of"_s << u"Not now."_s;
     }
-    void wayOutIsThatOfTheStateAsItIsNow()
+    void hintFitsTheCurrentState()
     {
         QFETCH(QString, permission);
         QFETCH(QString, text);
@@ -40,14 +41,14 @@ private slots:
         }
     }
 
-    void sessionThatHasGoneMeanwhile()
+    void noHintForASessionThatHasEnded()
     {
         now = {makeSession(u"1"_s, u"other"_s)};
         QCOMPARE(refusedFor(makeSession(u"2"_s, u"this"_s)), u"Not now."_s);
     }
 
 private:
-    /** What the user is told when the server refuses the session, which was listed so. */
+    /** The text for the user when the server refuses the session, which was listed as @p listed. */
     QString refusedFor(const SessionEntry &listed)
     {
         ConnectionOffer offer;

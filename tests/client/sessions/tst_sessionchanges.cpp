@@ -12,7 +12,7 @@ class TestSessionChanges : public QObject
     Q_OBJECT
 
 private slots:
-    void allKinds()
+    void addedChangedAndRemovedAreFound()
     {
         const SessionEntry stays = makeSession(u"1"_s, u"stays"_s);
         const SessionEntry goes = makeSession(u"2"_s, u"goes"_s);
@@ -27,14 +27,14 @@ private slots:
         QCOMPARE(changes[1].toJson()["event"].asString(), std::string("added"));
     }
 
-    void order()
+    void removedComeFirst()
     {
         const SessionEntry one = makeSession(u"1"_s, {});
         const SessionEntry two = makeSession(u"2"_s, {});
         QVERIFY(sessionChanges({one, two}, {two, one}).isEmpty());
     }
 
-    void sameIdOnTwoHosts()
+    void sameIdOnTwoHostsIsTwoSessions()
     {
         const SessionEntry here = makeSession(u"1"_s, {});
         SessionEntry there = here;

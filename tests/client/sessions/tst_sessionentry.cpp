@@ -13,7 +13,7 @@ class TestSessionEntry : public QObject
     Q_OBJECT
 
 private slots:
-    void states_data()
+    void stateFollowsFromThePermissions_data()
     {
         QTest::addColumn<QStringList>("permissions");
         QTest::addColumn<QString>("state");
@@ -21,9 +21,9 @@ private slots:
         QTest::newRow("offered") << QStringList{u"retry"_s, u"terminate"_s} << u"offered"_s;
         QTest::newRow("suspended") << QStringList{u"connect"_s, u"terminate"_s} << u"suspended"_s;
         QTest::newRow("none") << QStringList() << u"unknown"_s;
-        QTest::newRow("new one") << QStringList{u"dance"_s} << u"unknown"_s;
+        QTest::newRow("unknown permission") << QStringList{u"unheard-of"_s} << u"unknown"_s;
     }
-    void states()
+    void stateFollowsFromThePermissions()
     {
         QFETCH(QStringList, permissions);
         SessionEntry entry;
@@ -31,7 +31,7 @@ private slots:
         QTEST(stateName(entry.state()), "state");
     }
 
-    void stateNames()
+    void stateNamesGoBothWays()
     {
         for (const SessionState state : {SessionState::Connected, SessionState::Offered, SessionState::Suspended}) {
             QVERIFY(stateFromName(stateName(state)) == state);
@@ -40,7 +40,7 @@ private slots:
         QVERIFY(!stateFromName(QString()));
     }
 
-    void lists()
+    void listSkipsWhatIsNoSession()
     {
         QVERIFY(sessionListFromJson(Json::Value()).isEmpty());
         QVERIFY(sessionListFromJson(Json::Value("text")).isEmpty());
@@ -55,7 +55,7 @@ private slots:
         QVERIFY(sessions[0].state() == SessionState::Suspended);
     }
 
-    void json()
+    void jsonHasTheDocumentedForm()
     {
         SessionEntry entry = makeSession(u"ab"_s, u"näme"_s);
         const Json::Value value = entry.toJson();
@@ -65,7 +65,7 @@ private slots:
         QCOMPARE(stringFromJson(value["name"]), u"näme"_s);
     }
 
-    void hosts()
+    void hostIsThatOfTheLocation()
     {
         SessionEntry entry;
         QCOMPARE(entry.host(), QString());
@@ -73,7 +73,7 @@ private slots:
         QCOMPARE(entry.host(), u"far.example"_s);
     }
 
-    void shortIds()
+    void shortIdsDistinguishAllSessions()
     {
         QCOMPARE(shortIdLength({}), 8);
         QCOMPARE(shortIdLength({makeSession(u"12345678a"_s, {}), makeSession(u"12345679"_s, {})}), 8);

@@ -31,7 +31,7 @@ private slots:
 
     void cleanup() { context.reset(); }
 
-    void firstListIsAskedForAndTheOthersAreSent()
+    void firstListIsRequestedAndLaterOnesArePushed()
     {
         listed = sessionsNamed({u"one"_s});
         SessionFollower follower(context->get(), 10s);
@@ -43,7 +43,7 @@ private slots:
         QCOMPARE(context->server().requests(), 1);
     }
 
-    void listThatIsSentBeforeTheAnswerStandsForIt()
+    void listPushedBeforeTheAnswerReplacesIt()
     {
         listed = sessionsNamed({u"old"_s});
         beforeAnswer = [](QSslSocket *peer) {
@@ -55,7 +55,7 @@ private slots:
         QCOMPARE(next(&follower, 50ms), "timed out"_ba);
     }
 
-    void newestListsAreKept()
+    void onlyTheNewestListsAreKept()
     {
         SessionFollower follower(context->get(), 10s);
         QCOMPARE(next(&follower), ""_ba);
@@ -75,7 +75,7 @@ private slots:
         QVERIFY(lists > 1 && lists < 100);
     }
 
-    void nothingComesInTime()
+    void timeoutWithoutAnEvent()
     {
         SessionFollower follower(context->get(), 10s);
         QCOMPARE(next(&follower), ""_ba);
@@ -85,7 +85,7 @@ private slots:
         QCOMPARE(next(&follower), "later"_ba);
     }
 
-    void serverThatComesBackIsAskedAgain()
+    void restartedServerIsAskedAgain()
     {
         listed = sessionsNamed({u"before"_s});
         SessionFollower follower(context->get(), 30s);
@@ -99,18 +99,18 @@ private slots:
         QCOMPARE(next(&follower), "update"_ba);
     }
 
-    void connectionThatIsLostWithoutTheServer()
+    void lostConnectionIsRestored()
     {
         SessionFollower follower(context->get(), 30s);
         QCOMPARE(next(&follower), ""_ba);
-        for (int i = 0; i < 3; ++i) { // each loss is told once
+        for (int i = 0; i < 3; ++i) { // each loss is reported once
             client()->disconnectFromHost();
             QCOMPARE(next(&follower), "lost"_ba);
             QCOMPARE(next(&follower), ""_ba);
         }
     }
 
-    void lossWhileTheFirstListIsAwaited()
+    void lossDuringTheFirstRequestIsReported()
     {
         beforeAnswer = [](QSslSocket *peer) { peer->disconnectFromHost(); };
         SessionFollower follower(context->get(), 30s);
@@ -119,7 +119,7 @@ private slots:
         QCOMPARE(next(&follower), ""_ba);
     }
 
-    void patienceEnds()
+    void failsWhenThePatienceIsOver()
     {
         SessionFollower follower(context->get(), 300ms);
         QCOMPARE(next(&follower), ""_ba);
@@ -129,7 +129,7 @@ private slots:
         QCOMPARE(failed.code, ExitCode::NoServer);
     }
 
-    void timeoutEndsTheSearchBeforePatienceDoes()
+    void timeoutEndsTheReconnectBeforeThePatience()
     {
         SessionFollower follower(context->get(), kNoDeadline);
         QCOMPARE(next(&follower), ""_ba);
@@ -140,7 +140,7 @@ private slots:
         QCOMPARE(next(&follower), ""_ba);
     }
 
-    void wakingEndsAnyWait()
+    void wakeEndsAnyWait()
     {
         SessionFollower follower(context->get(), kNoDeadline);
         QCOMPARE(next(&follower), ""_ba);
@@ -156,13 +156,13 @@ private slots:
         QCOMPARE(next(&follower), ""_ba);
     }
 
-    void anotherProgramInThePlaceOfTheServer()
+    void serverWithAnotherCertificateIsRefused()
     {
         SessionFollower follower(context->get(), kNoDeadline);
         QCOMPARE(next(&follower), ""_ba);
         context->stopServer();
         QCOMPARE(next(&follower), "lost"_ba);
-        context->startImpostor();
+        context->startServerWithAnotherCertificate();
         QCOMPARE(next(&follower), "failed"_ba);
         QCOMPARE(failed.code, ExitCode::CertificateRefused);
     }
@@ -179,7 +179,7 @@ private:
 
     QSslSocket *client() { return context->server().clients().first(); }
 
-    /** The next thing that happens as one text: the names of the sessions, or what else it is. */
+    /** The next event as one text: the names of the sessions, or the name of the event. */
     QByteArray next(SessionFollower *follower, std::chrono::milliseconds timeout = 30s)
     {
         SessionList sessions;

@@ -36,7 +36,7 @@ private slots:
         answer["windowMode"] = "desktop";
     }
 
-    void check_data()
+    void argumentsAreChecked_data()
     {
         QTest::addColumn<QStringList>("command");
         QTest::addColumn<QString>("geometry");
@@ -49,7 +49,7 @@ private slots:
         QTest::newRow("no size") << QStringList{u"xterm"_s} << u"800"_s << u"The geometry \"800\" is neither"_s;
         QTest::newRow("empty size") << QStringList{u"xterm"_s} << QString() << u"The geometry \"\" is neither"_s;
     }
-    void check()
+    void argumentsAreChecked()
     {
         QFETCH(QStringList, command);
         QFETCH(QString, geometry);
@@ -129,7 +129,7 @@ private slots:
                  qPrintable(failure.text));
     }
 
-    void answerWithoutAPort()
+    void answerWithoutAPortIsAFailure()
     {
         answer.removeMember("port");
         QVERIFY(!start({u"xterm"_s}));

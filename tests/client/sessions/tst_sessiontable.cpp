@@ -15,7 +15,7 @@ class TestSessionTable : public QObject
     Q_OBJECT
 
 private slots:
-    void whole()
+    void tableWithoutALimit()
     {
         const QString table = sessionTable(
             {makeSession(u"12"_s, u"統合"_s), makeSession(u"34"_s, u"xterm"_s, u"retry"_s)}, {.localHost = u"here"_s});
@@ -24,7 +24,7 @@ private slots:
                         "34000000  xterm  here   desktop  offered    2026-01-31 23:59  -\n"_s);
     }
 
-    void noWiderThanTheTerminal()
+    void linesFitTheTerminal()
     {
         const SessionList sessions = {makeSession(u"1"_s, u"長い名前"_s.repeated(30)), makeSession(u"2"_s, u"b"_s)};
         for (int width = 1; width < 200; ++width) {
@@ -37,7 +37,7 @@ private slots:
         }
     }
 
-    void theNameGivesWay()
+    void nameIsNarrowedFirst()
     {
         const QString line = sessionTable({makeSession(u"1"_s, QString(100, u'n'))},
                                           {.width = 80, .legend = false, .localHost = u"h"_s});
@@ -45,7 +45,7 @@ private slots:
         QCOMPARE(displayWidth(line.chopped(1)), 80);
     }
 
-    void aLongHostLeavesTheState()
+    void longHostLeavesTheStateVisible()
     {
         SessionEntry far = makeSession(u"1"_s, u"name"_s);
         far.location = u"ssh://me@%1/"_s.arg(QString(63, u'h'));
@@ -64,17 +64,17 @@ private slots:
         QVERIFY(sessionTable(sessions, {.localHost = u"here"_s}).contains(QString(63, u'h'))); // no terminal
     }
 
-    void timesAreLeftOutBeforeTheState()
+    void timesAreHiddenBeforeTheState()
     {
         const SessionList sessions = {makeSession(u"1"_s, QString(100, u'n'))};
         const QString middle = sessionTable(sessions, {.width = 65, .localHost = u"here"_s});
         QVERIFY2(middle.contains(u"STARTED"_s) && !middle.contains(u"LAST"_s), qPrintable(middle));
         const QString narrow = sessionTable(sessions, {.width = 45, .localHost = u"here"_s});
         QVERIFY2(narrow.contains(u"suspended\n"_s) && !narrow.contains(u"STARTED"_s), qPrintable(narrow));
-        QCOMPARE(displayWidth(narrow.section(u'\n', 1, 1)), 45); // the name takes what is left
+        QCOMPARE(displayWidth(narrow.section(u'\n', 1, 1)), 45); // the name takes the remaining columns
     }
 
-    void senselessLocationIsNotThisHost()
+    void invalidLocationIsNotThisHost()
     {
         SessionEntry entry = makeSession(u"1"_s, u"name"_s);
         for (const char *location : {"ssh://-oProxyCommand=x;y z/", "ssh://a b/", "nonsense", "ssh:///x"}) {
@@ -83,11 +83,11 @@ private slots:
         }
     }
 
-    void colour()
+    void colourIsClosedWhereverALineIsCut()
     {
         const SessionList sessions = {makeSession(u"1"_s, u"a"_s, u"disconnect"_s)};
         QVERIFY(sessionTable(sessions, {.colour = true, .localHost = u"h"_s}).contains(u"\x1b[32mconnected\x1b[0m"_s));
-        for (int width = 1; width < 80; ++width) { // cut before, within and behind the coloured part
+        for (int width = 1; width < 80; ++width) { // cut before, within and after the coloured part
             QString line =
                 sessionTable(sessions, {.width = width, .legend = false, .colour = true, .localHost = u"h"_s});
             line.remove(u"\x1b[32m"_s).remove(u"\x1b[0m"_s);
@@ -96,7 +96,7 @@ private slots:
         }
     }
 
-    void forScripts()
+    void plainTableForScripts()
     {
         SessionEntry entry = makeSession(u"1"_s, u"tab\there"_s);
         entry.location = u"ssh://me@far:22/x"_s;

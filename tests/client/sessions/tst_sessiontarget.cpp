@@ -12,7 +12,7 @@ class TestSessionTarget : public QObject
     Q_OBJECT
 
 private slots:
-    void targets_data()
+    void targetIsFound_data()
     {
         QTest::addColumn<QString>("target");
         QTest::addColumn<int>("code");
@@ -30,11 +30,11 @@ private slots:
         QTest::newRow("name of one and prefix of another") << u"abc2"_s << ambiguous << QString();
         QTest::newRow("whole id before name") << u"4"_s.leftJustified(32, u'0') << done << u"whole"_s;
         QTest::newRow("name and prefix of the same") << u"5"_s << done << u"5"_s;
-        QTest::newRow("nothing fits") << u"nobody"_s << missing << QString();
+        QTest::newRow("no match") << u"nobody"_s << missing << QString();
         QTest::newRow("more digits than an id has") << u"abc1"_s.leftJustified(33, u'0') << missing << QString();
-        QTest::newRow("not the only one") << QString() << ambiguous << QString();
+        QTest::newRow("empty, with several sessions") << QString() << ambiguous << QString();
     }
-    void targets()
+    void targetIsFound()
     {
         const SessionList sessions = {makeSession(u"abc1"_s, u"one"_s),
                                       makeSession(u"abc2"_s, u"two"_s),
@@ -54,7 +54,7 @@ private slots:
         QCOMPARE(failure.text.isEmpty(), isFound);
     }
 
-    void ambiguityListsThem()
+    void ambiguousTargetListsTheMatches()
     {
         SessionEntry found;
         Failure failure;
@@ -62,7 +62,7 @@ private slots:
         QVERIFY(failure.text.contains(u"red"_s) && failure.text.contains(u"blue"_s));
     }
 
-    void placeholdersInNamesStay()
+    void placeholdersInNamesAreNotReplaced()
     {
         SessionEntry found;
         Failure failure;
@@ -73,7 +73,7 @@ private slots:
         QCOMPARE(failure.text.count(u"%2 %3"_s), 3);
     }
 
-    void theOnlyOne()
+    void emptyTargetIsTheOnlySession()
     {
         SessionEntry found;
         Failure failure;
