@@ -11,7 +11,7 @@ namespace {
 
 constexpr qsizetype kMaxOutputBytes = 1024 * 1024;
 
-/** A killed process is gone at once, unless the system itself is stuck. */
+/** A killed process ends at once, unless it hangs in the kernel. */
 constexpr int kKillMs = 2000;
 
 void keep(QByteArray *kept, const QByteArray &more)

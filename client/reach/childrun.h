@@ -7,13 +7,13 @@
 
 #include <chrono>
 
-/** One run of a program to its end, with a deadline and a limit to what is kept of its output. Main thread. */
+/** One run of a program to its end, with a timeout and with bounded output. Used on the main thread. */
 class ChildRun
 {
 public:
     /**
-     * Runs @p command with its standard input on /dev/null; kills it when the time is over.
-     * @return true when it ended by itself, with whatever exit code
+     * Runs @p command with its standard input from /dev/null. Kills it after the timeout.
+     * @return true if it ended by itself, with any exit code
      */
     [[nodiscard]] bool run(const QStringList &command, std::chrono::milliseconds timeout);
 
@@ -22,7 +22,7 @@ public:
     [[nodiscard]] QByteArray output() const { return standardOutput; }
     [[nodiscard]] QString errorOutput() const { return QString::fromLocal8Bit(standardError); }
 
-    /** Why run() returned false: part of a sentence. */
+    /** Why run() returned false: a clause without a full stop. */
     [[nodiscard]] QString problem() const { return reason; }
 
 private:

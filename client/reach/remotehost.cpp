@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/** Enough for a person to type a pass phrase and for the session over there to answer. */
+/** Time for a user to type a pass phrase, and for the remote server and agent to answer. */
 constexpr auto kOfferTimeout = 180s;
 constexpr auto kCloseTimeout = 5s;
 
@@ -34,14 +34,14 @@ QStringList sshCommand()
     return configured.isEmpty() ? QStringList{u"ssh"_s} : configured;
 }
 
-/** Locations come from other hosts: nothing in them may be taken for an option or for something of a shell. */
+/** Locations come from other hosts, so they must contain no ssh option and no shell syntax. */
 bool isSafe(const QString &name)
 {
     static const QRegularExpression form(u"\\A[A-Za-z0-9_][A-Za-z0-9_.:%-]*\\z"_s);
     return form.match(name).hasMatch();
 }
 
-/** The host as it is written: for ssh, names in its settings are not the same in other letters. */
+/** The host in the case in which it is written. QUrl lowercases it, but ssh compares names in its settings by case. */
 QString writtenHost(const QString &location, const QUrl &url)
 {
     static const QRegularExpression form(u"\\A[^:/]+://(?:[^@/]*@)?([^@/:]+)(?::[0-9]*)?(?:/|\\z)"_s);
@@ -49,7 +49,7 @@ QString writtenHost(const QString &location, const QUrl &url)
     return written.compare(url.host(), Qt::CaseInsensitive) == 0 ? written : url.host();
 }
 
-/** With the letters that ssh puts behind it while it makes the socket, no longer path than a socket may have. */
+/** Whether a socket may have this path, with the suffix that ssh adds while it creates the socket. */
 bool isSocketPath(const QString &path)
 {
     constexpr qsizetype kSuffix = 17;
@@ -85,17 +85,17 @@ RemoteHost::~RemoteHost()
 bool RemoteHost::requestOffer(const QString &id, ConnectionOffer *offer, Failure *failure)
 {
     if (!isValidSessionId(id)) {
-        return fail(failure, ExitCode::NoSuchSession, u"\"%1\" is no id of a session."_s.arg(printable(id)));
+        return fail(failure, ExitCode::NoSuchSession, u"\"%1\" is not a session id."_s.arg(printable(id)));
     }
     ChildRun ssh;
     const QStringList remoteCommand = {u"zarvoctl"_s, u"connect"_s, u"--print"_s, u"--json"_s, u"--no-start"_s, id};
     if (!ssh.run(command({}) + remoteCommand, kOfferTimeout)) {
         return fail(failure, ssh.timedOut() ? ExitCode::TimedOut : ExitCode::NoServer,
-                    u"No way to the host \"%1\": %2."_s.arg(host, ssh.problem()));
+                    u"Failed to reach the host \"%1\": %2."_s.arg(host, ssh.problem()));
     }
     if (ssh.exitCode() == kSshFailed) {
         return fail(failure, ExitCode::NoServer,
-                    u"No way to the host \"%1\": %2"_s.arg(host, lastLine(ssh.errorOutput())));
+                    u"Failed to reach the host \"%1\": %2"_s.arg(host, lastLine(ssh.errorOutput())));
     }
     if (ssh.exitCode() == kCommandNotFound) {
         return fail(failure, ExitCode::NoServer,
@@ -108,9 +108,9 @@ bool RemoteHost::requestOffer(const QString &id, ConnectionOffer *offer, Failure
     }
     Json::Value answer;
     ConnectionOffer made;
-    // A login script over there may print something of its own first.
+    // A login script of the remote host may print text before the answer.
     if (!parseJson(ssh.output().mid(ssh.output().indexOf('{')), &answer) || !made.readAnswer(answer)) {
-        return fail(failure, ExitCode::SessionFailed, u"The answer of the host \"%1\" makes no sense."_s.arg(host));
+        return fail(failure, ExitCode::SessionFailed, u"The answer of the host \"%1\" is invalid."_s.arg(host));
     }
     made.id = id;
     made.host = host;
@@ -126,7 +126,7 @@ QStringList RemoteHost::streamCommand(quint16 streamPort) const
 QStringList RemoteHost::command(const QStringList &options) const
 {
     QStringList all = sshCommand();
-    // Without a place of our own for its socket each call makes a connection of its own, which only asks more often.
+    // Without a folder for the socket, each call opens its own connection, and ssh may ask for the pass phrase again.
     if (folder.isValid() && isSocketPath(folder.filePath(u"ssh"_s))) {
         all << u"-o"_s << u"ControlMaster=auto"_s << u"-o"_s << u"ControlPersist=60"_s << u"-o"_s
             << u"ControlPath=\"%1\""_s.arg(folder.filePath(u"ssh"_s).replace(u'%', u"%%"_s));

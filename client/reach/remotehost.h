@@ -13,12 +13,12 @@
 
 /**
  * Another host of the user, reached with "ssh" or with the command in ZARVO_SSH. All calls share one ssh connection,
- * so that a pass phrase is asked for once. Used on the main thread.
+ * so ssh asks for a pass phrase only once. Used on the main thread.
  */
 class RemoteHost
 {
 public:
-    /** The host that a session's location names ("ssh://user@host:22/…"); null when it names none. */
+    /** The host that a session's location names ("ssh://user@host:22/…"); null if it names none. */
     [[nodiscard]] static std::unique_ptr<RemoteHost> fromLocation(const QString &location);
 
     ~RemoteHost();
@@ -27,12 +27,12 @@ public:
     [[nodiscard]] QString hostName() const { return host; }
 
     /**
-     * Has the zarvoctl over there make an offer for a session of its host.
-     * @param failure  set only on failure: with the exit code of that zarvoctl, or NoServer when ssh fails
+     * Runs zarvoctl on that host, which makes an offer for a session there.
+     * @param failure  set only on failure: with the exit code of that zarvoctl, or NoServer if ssh fails
      */
     [[nodiscard]] bool requestOffer(const QString &id, ConnectionOffer *offer, Failure *failure);
 
-    /** The command whose standard streams lead to a TCP port of that host. */
+    /** A command that connects its standard input and output with a TCP port of that host. */
     [[nodiscard]] QStringList streamCommand(quint16 port) const;
 
 private:
@@ -43,5 +43,5 @@ private:
     QString host;
     int port = -1;
     QTemporaryDir folder{
-        QDir::temp().filePath(QStringLiteral("zarvoctl-XXXXXX"))}; ///< for the shared connection's socket
+        QDir::temp().filePath(QStringLiteral("zarvoctl-XXXXXX"))}; ///< for the socket of the shared connection
 };

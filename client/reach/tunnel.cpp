@@ -12,7 +12,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int kEndMs = 2000;
+constexpr int kEndTimeoutMs = 2000;
 
 /** Runs in the child, between fork and exec. */
 void prepareChild(int connection)
@@ -37,9 +37,9 @@ Tunnel::~Tunnel()
 {
     if (process.state() != QProcess::NotRunning) {
         process.terminate();
-        if (!process.waitForFinished(kEndMs)) {
+        if (!process.waitForFinished(kEndTimeoutMs)) {
             process.kill();
-            process.waitForFinished(kEndMs);
+            process.waitForFinished(kEndTimeoutMs);
         }
     }
 }
@@ -56,9 +56,9 @@ bool Tunnel::open(QString *error)
 
 void Tunnel::incomingConnection(qintptr descriptor)
 {
-    close(); // one viewer, and nobody behind it
+    close(); // one viewer only
     const int connection = static_cast<int>(descriptor);
     process.setChildProcessModifier([connection] { prepareChild(connection); });
     process.start(command.first(), command.sliced(1));
-    ::close(connection); // the viewer notices the end of the command
+    ::close(connection); // only the command holds it now, so the viewer sees its end
 }

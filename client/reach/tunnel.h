@@ -6,9 +6,9 @@
 #include <QTcpServer>
 
 /**
- * Lets one viewer on this host reach a port of another one: takes its connection on a port of the loopback
- * interface and makes it the standard input and output of a command, which ends with this object at the latest. No
- * byte passes through this program, so whoever is faster waits for the other. Used on the main thread.
+ * Lets one viewer on this host reach a port of another host. Accepts one connection on a port of the loopback interface
+ * and runs a command with that connection as its standard input and output. The destructor ends the command. No byte
+ * passes through this program, so the kernel provides the back-pressure. Used on the main thread.
  */
 class Tunnel final : private QTcpServer
 {
@@ -21,7 +21,7 @@ public:
     /** @param error  set only on failure: one sentence */
     [[nodiscard]] bool open(QString *error);
 
-    /** Where the viewer has to go; set by open(). */
+    /** The port for the viewer; set by open(). */
     [[nodiscard]] quint16 port() const { return openPort; }
 
 private:

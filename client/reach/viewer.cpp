@@ -22,7 +22,7 @@ QStringList configuredCommand()
     return QProcess::splitCommand(qEnvironmentVariable("ZARVO_VIEWER"));
 }
 
-/** What the known viewers are called, and what each is told before all else. */
+/** The known viewers, each with the options that it needs; the first one found is used. */
 QList<QStringList> knownCommands()
 {
     return {{u"xtigervncviewer"_s, u"-SecurityTypes"_s, u"VncAuth"_s}, {u"vncviewer"_s}};
@@ -42,7 +42,7 @@ bool isFound(const QStringList &command)
 void prepareChild(int passwordDescriptor)
 {
     ::fcntl(passwordDescriptor, F_SETFD, 0);
-    // Standard output is for our data.
+    // Our standard output is for data, which the viewer's messages would spoil.
     ::dup2(STDERR_FILENO, STDOUT_FILENO);
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
 }
@@ -55,7 +55,7 @@ bool Viewer::find(Failure *failure)
         if (!isFound(configured)) {
             return fail(
                 failure, ExitCode::NoViewer,
-                u"ZARVO_VIEWER names \"%1\", which is no program on the search path."_s.arg(configured.first()));
+                u"ZARVO_VIEWER names \"%1\", which is not a program on the search path."_s.arg(configured.first()));
         }
         command = configured;
         return true;
@@ -73,8 +73,8 @@ bool Viewer::find(Failure *failure)
     }
     if (!hasDisplay()) {
         return fail(failure, ExitCode::NoViewer,
-                    u"The viewer has no display to appear on (DISPLAY is not set). "
-                    "\"zarvoctl connect --print\" prints what a viewer elsewhere needs."_s);
+                    u"The viewer has no display (DISPLAY is not set). "
+                    "\"zarvoctl connect --print\" prints what a viewer on another host needs."_s);
     }
     return true;
 }
@@ -105,9 +105,9 @@ bool Viewer::run(quint16 port, const QString &password, Failure *failure)
     });
     process.start(command.first(),
                   command.sliced(1) + QStringList{u"-passwd"_s, passwordFile.path(), u"127.0.0.1::%1"_s.arg(port)});
-    // As long as its user likes: this is no wait for an answer.
+    // No deadline, because the user may look at the session for days.
     if (!wait.run(kNoDeadline)) {
-        return fail(failure, ExitCode::NoViewer, {}); // interrupted; the end of the object is that of the viewer
+        return fail(failure, ExitCode::NoViewer, {}); // interrupted; the destructor of the process ends the viewer
     }
     if (process.error() == QProcess::FailedToStart) {
         return fail(failure, ExitCode::NoViewer,

@@ -11,19 +11,19 @@ class Viewer
 {
 public:
     /**
-     * Looks for the viewer: the command in ZARVO_VIEWER, else the known ones on the search path.
+     * Finds the viewer: the command in ZARVO_VIEWER, else a known program on the search path.
      * @param failure  set only on failure: NoViewer
      */
     [[nodiscard]] bool find(Failure *failure);
 
-    /** What was found, for people. */
+    /** The command that was found, to be shown to the user. */
     [[nodiscard]] QString name() const { return command.join(u' '); }
 
     /**
-     * Shows a session until its user closes the viewer, which ends with this program at the latest.
+     * Shows a session until the user closes the viewer. The viewer ends if this program ends.
      *
-     * @param port      where the session is to be had on this host
-     * @param password  gets to the viewer through a private file
+     * @param port      of this host, where the session can be reached
+     * @param password  passed to the viewer in a private file
      * @param failure   set only on failure: NoViewer
      */
     [[nodiscard]] bool run(quint16 port, const QString &password, Failure *failure);

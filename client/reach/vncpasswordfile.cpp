@@ -36,7 +36,7 @@ bool VncPasswordFile::create(const QString &password, QString *error)
     }
     file = ::memfd_create("password", MFD_CLOEXEC);
     if (file == -1 || ::write(file, bytes.constData(), static_cast<size_t>(bytes.size())) != bytes.size()) {
-        *error = u"Failed to hand the password over: %1"_s.arg(qt_error_string(errno));
+        *error = u"Failed to pass the password on: %1"_s.arg(qt_error_string(errno));
         return false;
     }
     return true;

@@ -4,8 +4,8 @@
 #include <QString>
 
 /**
- * A file with a password in the form that VNC viewers read, which has no name on any disk and goes with the last
- * process that holds it. A child process can read it once the descriptor is not close-on-exec there.
+ * A file with a password in the form that VNC viewers read. It has no name and is on no disk, and it exists until the
+ * last process closes it. A child process can read it after clearing close-on-exec on the descriptor.
  */
 class VncPasswordFile
 {
@@ -19,12 +19,12 @@ public:
 
     [[nodiscard]] int descriptor() const { return file; }
 
-    /** What a process that inherited the descriptor opens. */
+    /** The path by which a process that inherited the descriptor opens the file. */
     [[nodiscard]] QString path() const;
 
 private:
     int file = -1;
 };
 
-/** The eight bytes that viewers read: the password scrambled with a key that everybody knows. Empty on failure. */
+/** The eight bytes that viewers read: the password, encrypted with a key that is public. Empty on failure. */
 [[nodiscard]] QByteArray scrambledVncPassword(const QString &password);

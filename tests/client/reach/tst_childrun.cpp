@@ -17,7 +17,7 @@ class TestChildRun : public QObject
     Q_OBJECT
 
 private slots:
-    void outputAndExitCode()
+    void outputAndExitCodeAreKept()
     {
         ChildRun child;
         QVERIFY(child.run(shell("echo out; echo err >&2; exit 3"), 30s));
@@ -27,7 +27,7 @@ private slots:
         QVERIFY(!child.timedOut());
     }
 
-    void argumentsAreNotForAShell()
+    void argumentsReachTheProgramUnchanged()
     {
         ChildRun child;
         QVERIFY(child.run({u"printf"_s, u"%s|"_s, u"a b"_s, u"$HOME"_s, u""_s}, 30s));
@@ -42,19 +42,19 @@ private slots:
         QCOMPARE(child.exitCode(), 0);
     }
 
-    void outputHasALimit()
+    void keptOutputIsBounded()
     {
         ChildRun child;
         QVERIFY(child.run(shell("head -c 3000000 /dev/zero; head -c 3000000 /dev/zero >&2"), 30s));
         QCOMPARE(child.output().size(), 1024 * 1024);
         QCOMPARE(child.errorOutput().size(), 1024 * 1024);
-        QCOMPARE(child.exitCode(), 0); // it is read to its end, or the child would hang
+        QCOMPARE(child.exitCode(), 0); // the rest is read as well, else the child would block
     }
 
-    void childThatDoesNotEndIsKilled()
+    void childIsKilledAfterTheTimeout()
     {
         int pid = 0;
-        // On a busy machine it may not have come to its first word in the time that it has.
+        // On a loaded machine the child may not have written its pid before the timeout, so try longer ones.
         for (auto time = 500ms; pid == 0 && time < 60s; time *= 2) {
             ChildRun child;
             QVERIFY(!child.run(shell("trap '' TERM; echo $$; while :; do sleep 1; done"), time));
@@ -66,7 +66,7 @@ private slots:
         QTRY_VERIFY(::kill(pid, 0) == -1 && errno == ESRCH);
     }
 
-    void childThatCrashes()
+    void crashIsAFailure()
     {
         ChildRun child;
         QVERIFY(!child.run(shell("kill -KILL $$"), 30s));
@@ -74,7 +74,7 @@ private slots:
         QCOMPARE(child.problem(), u"\"sh\" crashed"_s);
     }
 
-    void programThatIsMissing()
+    void missingProgramIsAFailure()
     {
         QElapsedTimer elapsed;
         elapsed.start();
@@ -82,7 +82,7 @@ private slots:
         QVERIFY(!child.run({u"nothing-of-the-kind"_s}, 30s));
         QVERIFY(!child.timedOut());
         QCOMPARE(child.problem(), u"\"nothing-of-the-kind\" does not start"_s);
-        QVERIFY(elapsed.elapsed() < 20000); // told at once
+        QVERIFY(elapsed.elapsed() < 20000); // reported at once, not after the timeout
     }
 
 private:

@@ -14,14 +14,15 @@ class TestRemoteHost : public QObject
 private slots:
     void cleanup() { qunsetenv("ZARVO_SSH"); }
 
-    void locations_data()
+    void locationBecomesACommand_data()
     {
         QTest::addColumn<QString>("location");
-        QTest::addColumn<QString>("end"); ///< the last words of the command; empty: refused
+        QTest::addColumn<QString>("end"); ///< the end of the command; empty: refused
         QTest::newRow("whole") << u"ssh://me@far.example:2222/zarvo_sci"_s
                                << u"-T -p 2222 -l me -W 127.0.0.1:41100 -- far.example"_s;
         QTest::newRow("host only") << u"ssh://far"_s << u"-T -W 127.0.0.1:41100 -- far"_s;
-        QTest::newRow("capitals") << u"ssh://me@MyHost:22/x"_s << u"-T -p 22 -l me -W 127.0.0.1:41100 -- MyHost"_s;
+        QTest::newRow("capital letters") << u"ssh://me@MyHost:22/x"_s
+                                         << u"-T -p 22 -l me -W 127.0.0.1:41100 -- MyHost"_s;
         QTest::newRow("other scheme") << u"http://far/"_s << QString();
         QTest::newRow("none") << QString() << QString();
         QTest::newRow("no host") << u"ssh:///x"_s << QString();
@@ -30,7 +31,7 @@ private slots:
         QTest::newRow("blank in the user") << u"ssh://a%20b@far/"_s << QString();
         QTest::newRow("semicolon") << u"ssh://a;b@far/"_s << QString();
     }
-    void locations()
+    void locationBecomesACommand()
     {
         QFETCH(QString, location);
         QFETCH(QString, end);
@@ -44,7 +45,7 @@ private slots:
         }
     }
 
-    void connectionIsSharedWhereItsSocketFits()
+    void connectionIsSharedIfItsSocketPathFits()
     {
         qputenv("ZARVO_SSH", "true");
         const QTemporaryDir top;
@@ -55,7 +56,7 @@ private slots:
         QVERIFY(!isShared());
     }
 
-    void idForTheShell()
+    void idWithShellSyntaxIsRefused()
     {
         qputenv("ZARVO_SSH", "true");
         const std::unique_ptr<RemoteHost> host = RemoteHost::fromLocation(u"ssh://far"_s);

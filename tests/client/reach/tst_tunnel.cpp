@@ -44,7 +44,7 @@ private slots:
         QVERIFY(received == sent);
     }
 
-    void onlyThisHostGetsIn()
+    void onlyTheLoopbackAddressListens()
     {
         tunnel = std::make_unique<Tunnel>(QStringList{u"cat"_s});
         QString error;
@@ -68,7 +68,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(isGone(pid), kPatienceMs);
     }
 
-    void commandThatIsMissingEndsTheConnection()
+    void missingCommandEndsTheConnection()
     {
         connectThrough({u"nothing-of-the-kind"_s});
         QTRY_COMPARE_WITH_TIMEOUT(viewer->state(), QAbstractSocket::UnconnectedState, kPatienceMs);
@@ -87,8 +87,8 @@ private slots:
     void commandEndsWithTheTunnel_data()
     {
         QTest::addColumn<QString>("script");
-        QTest::newRow("at once") << u"echo $$; exec sleep 1000"_s;
-        QTest::newRow("not of itself") << u"trap '' TERM; echo $$; while :; do sleep 1; done"_s;
+        QTest::newRow("on SIGTERM") << u"echo $$; exec sleep 1000"_s;
+        QTest::newRow("ignores SIGTERM") << u"trap '' TERM; echo $$; while :; do sleep 1; done"_s;
     }
     void commandEndsWithTheTunnel()
     {
@@ -99,14 +99,14 @@ private slots:
         QVERIFY(isGone(pid));
     }
 
-    void slowViewerMakesTheCommandWait()
+    void slowViewerBlocksTheCommand()
     {
         viewer->setReadBufferSize(1000);
         connectThrough({u"sh"_s, u"-c"_s, u"echo $$; exec cat /dev/zero"_s});
         QTRY_VERIFY(viewer->bytesAvailable() == 1000);
         const int pid = viewer->peek(20).split('\n').first().toInt();
         QVERIFY(pid > 0);
-        // It writes without end, until the buffers of the system are full; no memory of ours takes more of it.
+        // It writes until the kernel's buffers are full, because this program buffers nothing.
         QByteArray written;
         int unchanged = 0;
         QVERIFY(QTest::qWaitFor(

@@ -68,7 +68,7 @@ private slots:
         QTest::addColumn<QString>("text");
         QTest::newRow("none") << ""_ba << false << u"There is no VNC viewer on the search path."_s;
         QTest::newRow("none of that name") << "mine"_ba << true << u"ZARVO_VIEWER names \"mine\""_s;
-        QTest::newRow("no display") << ""_ba << true << u"The viewer has no display to appear on"_s;
+        QTest::newRow("no display") << ""_ba << true << u"The viewer has no display"_s;
     }
     void viewerThatIsNotFound()
     {

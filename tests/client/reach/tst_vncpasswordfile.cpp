@@ -15,23 +15,23 @@ class TestVncPasswordFile : public QObject
     Q_OBJECT
 
 private slots:
-    void scrambles_data()
+    void passwordIsEncrypted_data()
     {
         QTest::addColumn<QString>("password");
         QTest::addColumn<QByteArray>("file");
-        // As vncpasswd -f writes them.
+        // Written by "vncpasswd -f".
         QTest::newRow("whole") << u"password"_s << "dbd83cfd727a1458"_ba;
         QTest::newRow("short") << u"abc"_s << "9c0a172d3482e122"_ba;
         QTest::newRow("cut after eight") << u"password and more"_s << "dbd83cfd727a1458"_ba;
     }
-    void scrambles()
+    void passwordIsEncrypted()
     {
         QFETCH(QString, password);
         QFETCH(QByteArray, file);
         QCOMPARE(scrambledVncPassword(password).toHex(), file);
     }
 
-    void fileCanBeReadAgainAndAgain()
+    void fileCanBeReadRepeatedly()
     {
         VncPasswordFile file;
         QString error;
@@ -43,7 +43,7 @@ private slots:
         }
     }
 
-    void fileHasNoNameAndStaysHere()
+    void fileHasNoNameAndIsCloseOnExec()
     {
         VncPasswordFile file;
         QString error;
@@ -54,7 +54,7 @@ private slots:
         QVERIFY((::fcntl(file.descriptor(), F_GETFD) & FD_CLOEXEC) != 0);
     }
 
-    void fileGoesWithItsObject()
+    void destructorClosesTheFile()
     {
         int descriptor = -1;
         {
