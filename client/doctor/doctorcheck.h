@@ -11,7 +11,7 @@
 
 #include <chrono>
 
-/** One line of the doctor's findings. */
+/** One line that a check reports. */
 struct Finding
 {
     enum class Level { Ok, Warn, Fail };
@@ -27,34 +27,35 @@ struct Finding
 [[nodiscard]] Finding warning(const QString &text, const QString &remedy);
 [[nodiscard]] Finding failed(const QString &text, const QString &remedy);
 
-/** What the checks look at; the paths are the system's, and others in tests. */
+/** What the checks read. The paths are the system's; tests set others. */
 struct DoctorInput
 {
     Settings settings;
-    QVariantMap rawSettings; ///< as they stand in the file
+    QVariantMap rawSettings; ///< the texts in the file
     QString settingsPath;
     QSettings::Status settingsStatus = QSettings::NoError;
     ServerFiles files;
-    QString searchPath; ///< that of a server which we start
-    QString userName;   ///< as the system knows the user
+    QString searchPath; ///< of a server that we start
+    QString userName;   ///< the user's login name
     QString temporaryPath = QStringLiteral("/tmp");
     QString networkPath = QStringLiteral("/proc/sys/net/ipv4");
     QString processesPath = QStringLiteral("/proc");
-    QString systemPath = QString();                                   ///< what stands before /etc, /run, /usr and /var
-    std::chrono::milliseconds settlingTime = std::chrono::seconds(5); ///< for a server that starts or ends
+    QString systemPath = QString(); ///< the prefix of /etc, /run, /usr and /var
+    std::chrono::milliseconds settlingTime =
+        std::chrono::seconds(5); ///< how long to wait for a server that starts or ends
 };
 
-/** A check, under the title that its lines carry. It only looks, and may find several things or, fine, one. */
+/** A check and the title of its lines. It changes nothing, and returns at least one finding. */
 struct DoctorCheck
 {
     const char *title;
     QList<Finding> (*run)(const DoctorInput &input);
 };
 
-/** All checks in the order in which they are reported. */
+/** All checks, in the order of the report. */
 [[nodiscard]] QList<DoctorCheck> doctorChecks();
 
-/** The text of a small file; empty when it cannot be read. */
+/** The text of a small file; empty if it cannot be read. */
 [[nodiscard]] QString smallFileText(const QString &path);
 
 /*

@@ -27,11 +27,11 @@ namespace {
 constexpr int kMaxPemBytes = 1024 * 1024;
 constexpr int kSoonDays = 14;
 
-/** How often the files of a server that starts or ends are looked at. */
-constexpr auto kLookInterval = 20ms;
+/** Between two readings of the files of a server that starts or ends. */
+constexpr auto kReadInterval = 20ms;
 
-/** Servers that start or end all the time are no reason to go on for ever. */
-constexpr int kMaxLooks = 5;
+/** Bounds the loop when servers keep starting and ending. */
+constexpr int kMaxRounds = 5;
 
 QString octal(mode_t mode)
 {
@@ -57,7 +57,7 @@ Finding dateFinding(const QByteArray &text, const DoctorInput &input)
                        u"Set the clock of this host"_s);
     }
     if (certificate.expiryDate() < now) {
-        return warning(u"It has expired on %1; the server uses it none the less"_s.arg(end), renewal(input));
+        return warning(u"It expired on %1; the server still uses it"_s.arg(end), renewal(input));
     }
     if (certificate.expiryDate() < now.addDays(kSoonDays)) {
         return warning(u"It expires on %1"_s.arg(end), renewal(input));
@@ -75,18 +75,18 @@ void addPrivacy(const QString &path, QList<Finding> *findings)
 }
 
 /**
- * A look at the files. A server that they do not tell of may be about to write them, or have removed them and be about
- * to end, which is waited for.
- * @param others  set to those that do neither: each of them lets no other server start
+ * Reads the files. A server without files may be about to write them, or may have removed them and be about to end; so
+ * this waits for either.
+ * @param others  set to the servers that did neither in time: each of them prevents another one from starting
  */
-ServerStatus settledLook(const DoctorInput &input, QList<qint64> *others)
+ServerStatus settledStatus(const DoctorInput &input, QList<qint64> *others)
 {
     ServerStatus server = input.files.readStatus();
     *others = server.mayRun() ? QList<qint64>() : serversOfSameUser();
     const QDeadlineTimer end(input.settlingTime);
     while (!others->isEmpty() && !end.hasExpired()) {
         EventWait pause([] { return false; });
-        [[maybe_unused]] const bool never = pause.run(kLookInterval);
+        [[maybe_unused]] const bool never = pause.run(kReadInterval);
         server = input.files.readStatus();
         if (server.mayRun()) {
             others->clear();
@@ -104,7 +104,7 @@ Finding otherServer(qint64 pid)
                   u"Use its HOME and settings, or end it: kill %1"_s.arg(pid));
 }
 
-/** What is there of a path that is not. */
+/** The nearest parent that exists. */
 QString nearestParent(const QString &path)
 {
     QString parent = path;
@@ -114,8 +114,8 @@ QString nearestParent(const QString &path)
     return parent;
 }
 
-/** What a server that is not there yet would fail to listen on. */
-QList<Finding> listenPort(const DoctorInput &input)
+/** Whether a server that starts now could listen on ListenPort. */
+QList<Finding> listenPortFindings(const DoctorInput &input)
 {
     const quint16 port = input.settings.listenPort;
     QString error;
@@ -123,8 +123,8 @@ QList<Finding> listenPort(const DoctorInput &input)
         return {};
     }
     return {
-        failed(u"ListenPort %1 is not to be had (%2): the server does not start"_s.arg(QString::number(port), error),
-               u"End what listens on it, or set another one; 0 is any"_s)};
+        failed(u"ListenPort %1 is not available (%2): the server does not start"_s.arg(QString::number(port), error),
+               u"End the program that listens on it, or set another port; 0 means any"_s)};
 }
 
 QList<Finding> serverFindings(const DoctorInput &input, const ServerStatus &server, const QList<qint64> &others)
@@ -133,16 +133,16 @@ QList<Finding> serverFindings(const DoctorInput &input, const ServerStatus &serv
     case ServerState::Missing:
     case ServerState::Stale: {
         const Finding none = server.state == ServerState::Missing
-                                 ? fine(u"None is running; it is started when it is needed"_s)
+                                 ? fine(u"No server is running; zarvoctl starts one when needed"_s)
                                  : warning(server.detail, u"zarvoctl server start"_s);
-        return QList<Finding>{others.isEmpty() ? none : otherServer(others.first())} + listenPort(input);
+        return QList<Finding>{others.isEmpty() ? none : otherServer(others.first())} + listenPortFindings(input);
     }
     case ServerState::Starting:
-        return {warning(server.detail, u"Wait a moment; if this stays, see \"zarvoctl server log\""_s)};
+        return {warning(server.detail, u"Wait a moment; if this persists, see \"zarvoctl server log\""_s)};
     case ServerState::Unreadable:
         return {failed(server.detail, server.pid == 0
                                           ? u"Remove it and start the server"_s
-                                          : u"Remove it, end the process %1 and start the server"_s.arg(server.pid))};
+                                          : u"Remove it, end process %1 and start the server"_s.arg(server.pid))};
     case ServerState::Running:
         break;
     }
@@ -153,7 +153,7 @@ QList<Finding> serverFindings(const DoctorInput &input, const ServerStatus &serv
         return {failed(u"%1, but: %2"_s.arg(server.detail, failure.text.chopped(failure.text.endsWith(u'.') ? 1 : 0)),
                        u"zarvoctl server stop; zarvoctl server start"_s)};
     }
-    return {fine(connector.status().detail + u" and lets us in"_s)};
+    return {fine(connector.status().detail + u" and accepts our certificate"_s)};
 }
 
 bool areFine(const QList<Finding> &findings)
@@ -168,26 +168,26 @@ QList<Finding> checkUserPath(const DoctorInput &input)
 {
     const QString path = input.files.userPath();
     if (!input.settings.userPath.startsWith(u'/')) {
-        return {warning(u"\"%1\" is relative: it is taken for \"%2\""_s.arg(input.settings.userPath, path),
-                        u"Give UserPath from the root, or begin it with @HOME@"_s)};
+        return {warning(u"\"%1\" is relative: it means \"%2\""_s.arg(input.settings.userPath, path),
+                        u"Set UserPath to an absolute path, or begin it with @HOME@"_s)};
     }
     struct stat status = {};
     if (::stat(QFile::encodeName(path).constData(), &status) == -1) {
         const QString parent = nearestParent(path);
         if (!QFileInfo(parent).isDir() || ::access(QFile::encodeName(parent).constData(), W_OK | X_OK) == -1) {
-            return {failed(u"\"%1\" cannot be made: \"%2\" takes no directory"_s.arg(path, parent),
-                           u"Set another UserPath, or see to that one"_s)};
+            return {failed(u"\"%1\" cannot be created: \"%2\" is not a writable directory"_s.arg(path, parent),
+                           u"Set another UserPath, or make that directory writable"_s)};
         }
-        return {fine(u"\"%1\" is made at the first start"_s.arg(path))};
+        return {fine(u"\"%1\" is created at the first start"_s.arg(path))};
     }
     if (!S_ISDIR(status.st_mode)) {
-        return {failed(u"\"%1\" is no directory"_s.arg(path), u"Move it out of the way"_s)};
+        return {failed(u"\"%1\" is not a directory"_s.arg(path), u"Move it out of the way"_s)};
     }
     if (status.st_uid != ::geteuid()) {
-        return {failed(u"\"%1\" belongs to somebody else"_s.arg(path), u"chown it, or set another UserPath"_s)};
+        return {failed(u"\"%1\" belongs to another user"_s.arg(path), u"chown it, or set another UserPath"_s)};
     }
     if ((status.st_mode & 0700) != 0700) {
-        return {failed(u"\"%1\" has mode %2, which keeps its owner out"_s.arg(path, octal(status.st_mode)),
+        return {failed(u"\"%1\" has mode %2, which denies its owner access"_s.arg(path, octal(status.st_mode)),
                        u"chmod 700 \"%1\""_s.arg(path))};
     }
     if ((status.st_mode & 077) != 0) {
@@ -201,13 +201,13 @@ QList<Finding> checkCertificate(const DoctorInput &input)
 {
     const auto exists = [&input] { return QFile::exists(input.files.certificatePath()); };
     if (!exists()) {
-        // Asked again behind the look: a server makes it before it tells its port.
-        const bool isServed = input.files.readStatus().state == ServerState::Running;
+        // Checked again after the status was read: a server creates it before it writes its port.
+        const bool isRunning = input.files.readStatus().state == ServerState::Running;
         if (!exists()) {
-            return {isServed ? failed(u"There is no \"%1\", and so no way into the running server"_s.arg(
-                                          input.files.certificatePath()),
-                                      renewal(input))
-                             : fine(u"It is made at the first start"_s)};
+            return {isRunning ? failed(u"There is no \"%1\", so nobody can connect to the running server"_s.arg(
+                                           input.files.certificatePath()),
+                                       renewal(input))
+                              : fine(u"It is created at the first start"_s)};
         }
     }
     QByteArray certificate;
@@ -232,11 +232,11 @@ QList<Finding> checkCertificate(const DoctorInput &input)
 
 QList<Finding> checkServerProcess(const DoctorInput &input)
 {
-    // What is wrong with a server that has started or ended meanwhile is nothing that is wrong now.
+    // A problem counts only if the server did not start or end meanwhile; else check again.
     QList<Finding> findings;
-    for (int look = 0; look < kMaxLooks; ++look) {
+    for (int round = 0; round < kMaxRounds; ++round) {
         QList<qint64> others;
-        const ServerStatus server = settledLook(input, &others);
+        const ServerStatus server = settledStatus(input, &others);
         findings = serverFindings(input, server, others);
         if (areFine(findings) || input.files.readStatus().isSameAs(server)) {
             break;

@@ -13,15 +13,15 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Where settings of logind are, the weightiest last. */
+/** The folders of logind's settings, in ascending priority. */
 constexpr std::array kFolders = {"/usr/lib/systemd"_L1, "/usr/local/lib/systemd"_L1, "/run/systemd"_L1,
                                  "/etc/systemd"_L1};
 
-/** The files of settings in the order in which they are read: the last word counts. */
+/** The settings files in the order in which logind reads them: a later value replaces an earlier one. */
 QStringList settingsFiles(const QString &systemPath)
 {
     QString main;
-    QMap<QString, QString> more; // by name: a weightier folder's file takes the place of another one's
+    QMap<QString, QString> more; // by name: a file replaces one with the same name in a folder of lower priority
     for (const QLatin1StringView &place : kFolders) {
         const QString folder = systemPath + place;
         if (const QString path = folder + u"/logind.conf"_s; QFile::exists(path)) {
@@ -35,7 +35,7 @@ QStringList settingsFiles(const QString &systemPath)
     return QStringList(main) + more.values();
 }
 
-/** What logind has been told about the processes of users who log out. */
+/** logind's settings for the processes of users who log out. */
 class LogoutSettings
 {
 public:
@@ -46,7 +46,7 @@ public:
         }
     }
 
-    /** Whether the processes of a user's login session end with it; lingering changes nothing about these. */
+    /** Whether the processes of a login session end with it. Lingering makes no difference to them. */
     [[nodiscard]] bool ends(const QString &user) const
     {
         if (excluded ? excluded->contains(user) : user == "root"_L1) {
@@ -76,7 +76,7 @@ private:
             const QStringList yes = {u"yes"_s, u"y"_s, u"true"_s, u"t"_s, u"on"_s, u"1"_s};
             all = yes.contains(value.toLower());
         } else if (key == "KillOnlyUsers"_L1) {
-            only = users.isEmpty() ? QStringList() : only + users; // nothing forgets what was said before
+            only = users.isEmpty() ? QStringList() : only + users; // an empty value clears the list
         } else if (key == "KillExcludeUsers"_L1) {
             excluded = users.isEmpty() ? QStringList() : excluded.value_or(QStringList()) + users;
         }
@@ -87,8 +87,8 @@ private:
     std::optional<QStringList> excluded;
 };
 
-/** Whether the running server belongs to the user's own service manager, and so to no login session. */
-bool isOutsideOfLogins(const DoctorInput &input)
+/** Whether the running server belongs to the user's service manager, so to no login session. */
+bool isOutsideOfLoginSessions(const DoctorInput &input)
 {
     const ServerStatus server = input.files.readStatus();
     return server.state == ServerState::Running &&
@@ -105,10 +105,11 @@ QList<Finding> checkLogout(const DoctorInput &input)
     const QString user = input.userName;
     const QString linger = u"loginctl enable-linger "_s + user;
     const bool lingers = !user.isEmpty() && QFile::exists(input.systemPath + u"/var/lib/systemd/linger/"_s + user);
-    if (isOutsideOfLogins(input)) {
+    if (isOutsideOfLoginSessions(input)) {
         return {lingers
-                    ? fine(u"The server does not belong to a login, and stays after a logout"_s)
-                    : failed(u"The server ends with the last login of %1, which does not linger"_s.arg(user), linger)};
+                    ? fine(u"The server belongs to no login session, and stays after a logout"_s)
+                    : failed(u"The server ends with the last login session of %1, because lingering is off"_s.arg(user),
+                             linger)};
     }
     if (LogoutSettings(input.systemPath).ends(user)) {
         return {failed(u"Sessions end when %1 logs out (KillUserProcesses)"_s.arg(user),

@@ -36,8 +36,8 @@ public:
         logLevel();
         displayRange();
         if (findings.isEmpty()) {
-            findings.append(fine(input.rawSettings.isEmpty() ? u"All have their defaults"_s
-                                                             : u"\"%1\" makes sense"_s.arg(input.settingsPath)));
+            findings.append(fine(input.rawSettings.isEmpty() ? u"All settings have their defaults"_s
+                                                             : u"\"%1\" is valid"_s.arg(input.settingsPath)));
         }
         return findings;
     }
@@ -49,10 +49,10 @@ private:
     {
         const QFileInfo file(input.settingsPath);
         if (file.exists() && (!file.isFile() || !file.isReadable() || input.settingsStatus == QSettings::AccessError)) {
-            findings.append(failed(u"\"%1\" cannot be read: all have their defaults"_s.arg(input.settingsPath),
-                                   u"Make it a file that you can read"_s));
+            findings.append(failed(u"\"%1\" cannot be read: all settings have their defaults"_s.arg(input.settingsPath),
+                                   u"Make it a readable file"_s));
         } else if (input.settingsStatus == QSettings::FormatError) {
-            add(u"\"%1\" is broken: what makes no sense is ignored"_s.arg(input.settingsPath));
+            add(u"\"%1\" is broken: invalid lines are ignored"_s.arg(input.settingsPath));
         }
     }
 
@@ -90,7 +90,7 @@ private:
     void suspendTimeout()
     {
         if (input.rawSettings.contains(SettingKey::kSuspendTimeout) && input.settings.suspendTimeout == 0) {
-            add(u"SuspendTimeout is 0: sessions end as soon as nobody is connected"_s);
+            add(u"SuspendTimeout is 0: sessions end as soon as no viewer is connected"_s);
         }
     }
 
@@ -106,10 +106,10 @@ private:
     {
         const int end = input.settings.displayBase + input.settings.displayLimit;
         if (input.settings.displayLimit == 0) {
-            findings.append(failed(u"DisplayLimit is 0: there is no display for a session"_s,
+            findings.append(failed(u"DisplayLimit is 0: no session can have a display"_s,
                                    u"Correct it in \"%1\""_s.arg(input.settingsPath)));
         } else if (end - 1 > kHighestDisplay) {
-            add(u"Displays go up to %1, but only those up to %2 have a port"_s.arg(end - 1).arg(kHighestDisplay));
+            add(u"Displays go up to %1, but only displays up to %2 have a port"_s.arg(end - 1).arg(kHighestDisplay));
         }
     }
 
@@ -128,12 +128,12 @@ QList<Finding> checkBroadcastAddress(const DoctorInput &input)
 {
     const QString text = input.settings.broadcastAddress;
     if (QHostAddress address; !address.setAddress(text)) {
-        return {failed(u"BroadcastAddress \"%1\" is no address: the server does not start"_s.arg(text),
+        return {failed(u"BroadcastAddress \"%1\" is not an address: the server does not start"_s.arg(text),
                        u"Correct it in \"%1\""_s.arg(input.settingsPath))};
     }
     if (input.settings.broadcastPort == 0) {
-        return {fine(u"Off: this server looks for no others"_s)};
+        return {fine(u"Off: this server does not look for other servers"_s)};
     }
-    return {fine(
-        u"Other servers are looked for at %1, port %2"_s.arg(text, QString::number(input.settings.broadcastPort)))};
+    return {fine(u"The server looks for other servers at %1, port %2"_s.arg(
+        text, QString::number(input.settings.broadcastPort)))};
 }

@@ -19,7 +19,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kFirstXPort = 6000;
-/** Looking at each of thousands would take long and tell no more. */
+/** Bounds the time of the check: each display costs two sockets and two files. */
 constexpr int kMaxDisplaysTried = 1000;
 
 QString find(const QString &program, const DoctorInput &input)
@@ -49,7 +49,8 @@ struct PortRange
     [[nodiscard]] bool contains(const PortRange &other) const { return first <= other.first && other.last <= last; }
 };
 
-/** The list with one more range, as the kernel reads it: a new list takes the place of the old one. */
+/** The ranges and one more, in the kernel's form. It contains the old ones, because a new list replaces the old list.
+ */
 QString withRange(const QList<PortRange> &ranges, const PortRange &more)
 {
     QStringList texts;
@@ -78,21 +79,21 @@ Finding programFinding(const QString &program, const QString &need, const QStrin
                           : fine(u"%1 is \"%2\""_s.arg(program, path));
 }
 
-/** What a server that was not started by us may miss: it keeps the search path of its own start. */
-QList<Finding> missedByServer(const DoctorInput &input)
+/** Programs that the running server does not find. It may have been started with another search path than ours. */
+QList<Finding> missingForServer(const DoctorInput &input)
 {
     const ServerStatus server = input.files.readStatus();
     if (server.state != ServerState::Running) {
         return {};
     }
-    DoctorInput its = input;
-    its.searchPath = environmentOf(server.pid, u"PATH"_s).value_or(input.searchPath);
+    DoctorInput servers = input;
+    servers.searchPath = environmentOf(server.pid, u"PATH"_s).value_or(input.searchPath);
     QList<Finding> findings;
     for (const QString &program : {u"start-agent"_s, u"start-app"_s, u"xauth"_s}) {
-        if (find(program, its).isEmpty() && !find(program, input).isEmpty()) {
-            findings.append(
-                failed(u"The running server does not find %1: its search path is \"%2\""_s.arg(program, its.searchPath),
-                       u"zarvoctl server stop; zarvoctl server start"_s));
+        if (find(program, servers).isEmpty() && !find(program, input).isEmpty()) {
+            findings.append(failed(
+                u"The running server does not find %1: its search path is \"%2\""_s.arg(program, servers.searchPath),
+                u"zarvoctl server stop; zarvoctl server start"_s));
         }
     }
     return findings;
@@ -104,7 +105,7 @@ QList<Finding> checkPrograms(const DoctorInput &input)
 {
     QList<Finding> findings;
     if (const QString server = serverProgramPath(); server.isEmpty()) {
-        findings.append(failed(u"There is no zarvo_server"_s, u"Install it beside zarvoctl"_s));
+        findings.append(failed(u"There is no zarvo_server"_s, u"Install it in the folder of zarvoctl"_s));
     } else {
         findings.append(fine(u"zarvo_server is \"%1\""_s.arg(server)));
     }
@@ -119,10 +120,10 @@ QList<Finding> checkPrograms(const DoctorInput &input)
     findings.append(programFinding(u"xauth"_s, u"each start of a session needs"_s, install.arg(u"xauth"_s), input));
     Finding openssl = programFinding(u"openssl"_s, u"makes the certificate"_s, install.arg(u"openssl"_s), input);
     if (openssl.level == Finding::Level::Fail && QFile::exists(input.files.certificatePath())) {
-        openssl.level = Finding::Level::Warn; // not needed again until the certificate is
+        openssl.level = Finding::Level::Warn; // needed again only for a new certificate
     }
     findings.append(openssl);
-    return findings + missedByServer(input);
+    return findings + missingForServer(input);
 }
 
 QList<Finding> checkViewer(const DoctorInput &)
@@ -130,7 +131,7 @@ QList<Finding> checkViewer(const DoctorInput &)
     Viewer viewer;
     Failure failure;
     if (!viewer.find(&failure)) {
-        return {warning(failure.text.chopped(1), u"zarvoctl connect --print works without"_s)};
+        return {warning(failure.text.chopped(1), u"\"zarvoctl connect --print\" works without a viewer"_s)};
     }
     return {fine(viewer.name())};
 }
@@ -156,10 +157,10 @@ QList<Finding> checkSocketDirectory(const DoctorInput &input)
     const QString remedy = u"As root: mkdir -p \"%1\" && chown root: \"%1\" && chmod 1777 \"%1\""_s.arg(path);
     struct stat status = {};
     if (::lstat(QFile::encodeName(path).constData(), &status) == -1) {
-        return {warning(u"There is no directory \"%1\"; the first X server makes it"_s.arg(path), remedy)};
+        return {warning(u"There is no directory \"%1\"; the first X server creates it"_s.arg(path), remedy)};
     }
     if (!S_ISDIR(status.st_mode)) {
-        return {failed(u"\"%1\" is no directory"_s.arg(path), remedy)};
+        return {failed(u"\"%1\" is not a directory"_s.arg(path), remedy)};
     }
     if ((status.st_mode & 0777) != 0777) {
         return {failed(u"\"%1\" is not open to all users"_s.arg(path), remedy)};
@@ -167,7 +168,7 @@ QList<Finding> checkSocketDirectory(const DoctorInput &input)
     if ((status.st_mode & S_ISVTX) == 0 || status.st_uid != 0) {
         return {warning(u"In \"%1\" others can replace the sockets of your displays"_s.arg(path), remedy)};
     }
-    return {fine(u"\"%1\" is as it has to be"_s.arg(path))};
+    return {fine(u"\"%1\" has the right owner and mode"_s.arg(path))};
 }
 
 QList<Finding> checkPortRange(const DoctorInput &input)
@@ -182,9 +183,9 @@ QList<Finding> checkPortRange(const DoctorInput &input)
     const bool isReserved =
         std::any_of(reserved.begin(), reserved.end(), [&agent](const PortRange &r) { return r.contains(agent); });
     if (isTaken && !isReserved) {
-        return {warning(u"The kernel gives the ports %1 of the sessions to outgoing connections as well"_s.arg(range),
+        return {warning(u"The kernel may give the sessions' ports %1 to outgoing connections"_s.arg(range),
                         u"As root: echo net.ipv4.ip_local_reserved_ports=%1 > /etc/sysctl.d/60-zarvo.conf && "
                         "sysctl --system"_s.arg(withRange(reserved, agent)))};
     }
-    return {fine(u"The ports %1 of the sessions are theirs"_s.arg(range))};
+    return {fine(u"The kernel gives the sessions' ports %1 to no outgoing connection"_s.arg(range))};
 }

@@ -10,7 +10,7 @@
 bool canListenOn(quint16 port, QString *error)
 {
     const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    // As listeners do: two such sockets get on with each other as long as none of them listens.
+    // Two sockets with SO_REUSEADDR can bind the same port as long as neither listens.
     const int on = 1;
     sockaddr_in address = {};
     address.sin_family = AF_INET;

@@ -4,8 +4,8 @@
 #include <QString>
 
 /**
- * Whether a program of this user could listen on a TCP port of all interfaces. Nothing listens there meanwhile, so that
- * whoever wants the port at the same moment gets it. Callable from any thread.
+ * Whether a program of this user could listen on a TCP port of all interfaces. Only binds the port, so a program that
+ * wants to listen on it at the same moment succeeds. Callable from any thread.
  *
  * @param error  set only on failure: the system's reason
  */

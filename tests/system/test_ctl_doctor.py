@@ -34,7 +34,7 @@ class Doctor(ctl.CtlTestCase):
         for line in lines:
             self.assertRegex(line, r"^(OK|WARN)  +\w")
             self.assertEqual(line.startswith("WARN"), "Remedy: " in line, line)
-        self.assertIn(f"{server.port} and lets us in", "\n".join(lines))
+        self.assertIn(f"{server.port} and accepts our certificate", "\n".join(lines))
         findings = self.findings(server)
         self.assert_found(findings, "displays", "OK", "20 of 20 displays")
         self.assert_found(findings, "certificate", "OK", "belong together")
@@ -63,7 +63,7 @@ class Doctor(ctl.CtlTestCase):
                      'SuspendTimeout is "never", which becomes 0', "sessions end as soon"):
             self.assert_found(findings, "settings", "WARN", text)
         self.assert_found(findings, "settings", "FAIL", "DisplayLimit is 0")
-        self.assert_found(findings, "broadcast", "FAIL", '"here" is no address')
+        self.assert_found(findings, "broadcast", "FAIL", '"here" is not an address')
 
     def test_certificate(self):
         server = self.unattended()

@@ -79,13 +79,13 @@ class Doctor(ctl.CtlTestCase):
         zarvo.write(server.pid_file, "999999999")
         zarvo.write(server.port_file, str(port))
         lines = self.doctor(server, server.port_file, 1, server.start)
-        self.assertEqual(lines["server"], [f"OK The server is process {server.pid} on port {port} and lets us in"])
+        self.assertEqual(lines["server"], [f"OK The server is process {server.pid} on port {port} and accepts our certificate"])
 
     def test_server_that_ends_meanwhile(self):
         # The certificate is read by its own check, and then by the one that asks the server.
         server = self.server()
         lines = self.doctor(server, server.certificate, 2, server.stop)
-        self.assertEqual(lines["server"], ["OK None is running; it is started when it is needed"])
+        self.assertEqual(lines["server"], ["OK No server is running; zarvoctl starts one when needed"])
 
 
 if __name__ == "__main__":

@@ -48,7 +48,7 @@ QByteArray keyText(const Key &key)
         [&key](BIO *bio) { return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr); });
 }
 
-/** A self-signed certificate that is valid from and until so many seconds from now. */
+/** A self-signed certificate; its validity begins and ends the given numbers of seconds from now. */
 QByteArray certificateText(const Key &key, long from, long until)
 {
     const std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), &X509_free);
@@ -78,16 +78,16 @@ private slots:
     }
     void cleanupTestCase() { user.reset(); }
 
-    void userPath_data()
+    void userPathIsPrivate_data()
     {
         QTest::addColumn<int>("mode");
         QTest::addColumn<QString>("found");
         QTest::newRow("private") << 0700 << u"OK \"%1\" is private"_s;
         QTest::newRow("readable") << 0750 << u"WARN \"%1\" is open to others (mode 0750)"_s;
         QTest::newRow("enterable") << 0701 << u"WARN \"%1\" is open to others (mode 0701)"_s;
-        QTest::newRow("closed") << 0500 << u"FAIL \"%1\" has mode 0500, which keeps its owner out"_s;
+        QTest::newRow("no write permission") << 0500 << u"FAIL \"%1\" has mode 0500, which denies its owner access"_s;
     }
-    void userPath()
+    void userPathIsPrivate()
     {
         QFETCH(int, mode);
         QFETCH(QString, found);
@@ -99,50 +99,51 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void relativeUserPath()
+    void relativeUserPathIsAWarning()
     {
         const DoctorSurroundings surroundings;
         DoctorInput input = surroundings.input();
         input.settings.userPath = u"zarvo/host"_s;
         const QList<Finding> findings = checkUserPath(input);
-        QCOMPARE(texts(findings), QStringList{u"WARN \"zarvo/host\" is relative: it is taken for \"%1\""_s.arg(
+        QCOMPARE(texts(findings), QStringList{u"WARN \"zarvo/host\" is relative: it means \"%1\""_s.arg(
                                       surroundings.path("zarvo/host"))});
         QVERIFY(haveRemedies(findings));
     }
 
-    void userPathThatCannotBeMade()
+    void userPathThatCannotBeCreated()
     {
         const DoctorSurroundings surroundings;
         DoctorInput input = surroundings.input();
         input.files = ServerFiles(surroundings.path("file/a/b"));
         QCOMPARE(texts(checkUserPath(input)),
-                 QStringList{u"OK \"%1\" is made at the first start"_s.arg(surroundings.path("file/a/b"))});
+                 QStringList{u"OK \"%1\" is created at the first start"_s.arg(surroundings.path("file/a/b"))});
         putFile(surroundings.path("file"), "");
         QCOMPARE(texts(checkUserPath(input)),
-                 QStringList{u"FAIL \"%1\" cannot be made: \"%2\" takes no directory"_s.arg(
+                 QStringList{u"FAIL \"%1\" cannot be created: \"%2\" is not a writable directory"_s.arg(
                      surroundings.path("file/a/b"), surroundings.path("file"))});
         QVERIFY(haveRemedies(checkUserPath(input)));
         if (::geteuid() == 0) {
-            return; // who may do all
+            return; // root may create it anywhere
         }
-        QVERIFY(QDir(surroundings.path("zarvo")).mkdir(u"closed"_s));
+        QVERIFY(QDir(surroundings.path("zarvo")).mkdir(u"no write permission"_s));
         QVERIFY(QFile::setPermissions(surroundings.path("zarvo/closed"), QFileDevice::ReadOwner));
         input.files = ServerFiles(surroundings.path("zarvo/closed/host"));
         QVERIFY(texts(checkUserPath(input)).first().startsWith("FAIL"_L1));
     }
 
-    void certificateThatHasGone()
+    void missingCertificateOfARunningServer()
     {
         const DoctorSurroundings surroundings;
         putFile(surroundings.path("zarvo/host/server_pid"), QByteArray::number(::getpid()));
         putFile(surroundings.path("zarvo/host/server_port"), "1");
         const QList<Finding> findings = checkCertificate(surroundings.input());
-        QCOMPARE(texts(findings), QStringList{u"FAIL There is no \"%1\", and so no way into the running server"_s.arg(
-                                      surroundings.path("zarvo/server_cert"))});
+        QCOMPARE(texts(findings),
+                 QStringList{u"FAIL There is no \"%1\", so nobody can connect to the running server"_s.arg(
+                     surroundings.path("zarvo/server_cert"))});
         QVERIFY(haveRemedies(findings));
     }
 
-    void listenPortOfAnotherProgram()
+    void listenPortThatAnotherProgramUses()
     {
         const DoctorSurroundings surroundings;
         QTcpServer other;
@@ -151,36 +152,36 @@ private slots:
         input.settings.listenPort = other.serverPort();
         const QList<Finding> findings = checkServerProcess(input);
         const QString text = texts(findings).join(u'\n');
-        QVERIFY2(text.contains(u"\nFAIL ListenPort %1 is not to be had"_s.arg(other.serverPort())), qPrintable(text));
+        QVERIFY2(text.contains(u"\nFAIL ListenPort %1 is not available"_s.arg(other.serverPort())), qPrintable(text));
         QVERIFY(haveRemedies(findings));
         other.close();
         QCOMPARE(texts(checkServerProcess(input)),
-                 QStringList{u"OK None is running; it is started when it is needed"_s});
+                 QStringList{u"OK No server is running; zarvoctl starts one when needed"_s});
     }
 
-    void userPathThatIsNoDirectory()
+    void userPathThatIsNotADirectory()
     {
         const DoctorSurroundings surroundings;
         DoctorInput input = surroundings.input();
         input.files = ServerFiles(surroundings.path("missing"));
         QCOMPARE(texts(checkUserPath(input)),
-                 QStringList{u"OK \"%1\" is made at the first start"_s.arg(surroundings.path("missing"))});
+                 QStringList{u"OK \"%1\" is created at the first start"_s.arg(surroundings.path("missing"))});
         putFile(surroundings.path("missing"), "");
         QCOMPARE(texts(checkUserPath(input)),
-                 QStringList{u"FAIL \"%1\" is no directory"_s.arg(surroundings.path("missing"))});
+                 QStringList{u"FAIL \"%1\" is not a directory"_s.arg(surroundings.path("missing"))});
     }
 
-    void certificate_data()
+    void certificateDates_data()
     {
         QTest::addColumn<int>("fromDays");
         QTest::addColumn<int>("untilDays");
         QTest::addColumn<QString>("found");
         QTest::newRow("valid") << -1 << 100 << u"OK It is valid until %2"_s;
-        QTest::newRow("soon over") << -1 << 10 << u"WARN It expires on %2"_s;
-        QTest::newRow("over") << -10 << -2 << u"WARN It has expired on %2; the server uses it none the less"_s;
-        QTest::newRow("not yet") << 3 << 100 << u"WARN It is valid from %1 on"_s;
+        QTest::newRow("expires soon") << -1 << 10 << u"WARN It expires on %2"_s;
+        QTest::newRow("expired") << -10 << -2 << u"WARN It expired on %2; the server still uses it"_s;
+        QTest::newRow("not yet valid") << 3 << 100 << u"WARN It is valid from %1 on"_s;
     }
-    void certificate()
+    void certificateDates()
     {
         QFETCH(int, fromDays);
         QFETCH(int, untilDays);
@@ -195,7 +196,7 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void certificateFilesThatCannotBeUsed()
+    void unusableCertificateFiles()
     {
         const DoctorSurroundings surroundings;
         const DoctorInput input = surroundings.input();
@@ -203,7 +204,7 @@ private slots:
             const QList<Finding> findings = checkCertificate(input);
             return haveRemedies(findings) ? texts(findings).last() : u"no remedy"_s;
         };
-        QCOMPARE(found(), u"OK It is made at the first start"_s);
+        QCOMPARE(found(), u"OK It is created at the first start"_s);
 
         const Key key(EVP_RSA_gen(2048), &EVP_PKEY_free);
         const Key other(EVP_RSA_gen(2048), &EVP_PKEY_free);
@@ -223,7 +224,7 @@ private slots:
         QCOMPARE(found(), u"FAIL \"%1\" holds no certificate"_s.arg(certificatePath));
     }
 
-    void serverProcess()
+    void stateOfTheServer()
     {
         const DoctorSurroundings surroundings;
         const DoctorInput input = surroundings.input();
@@ -231,20 +232,20 @@ private slots:
             const QList<Finding> findings = checkServerProcess(input);
             return haveRemedies(findings) ? texts(findings).join(u'\n') : u"no remedy"_s;
         };
-        QCOMPARE(found(), u"OK None is running; it is started when it is needed"_s);
+        QCOMPARE(found(), u"OK No server is running; zarvoctl starts one when needed"_s);
         putFile(surroundings.path("zarvo/host/server_pid"), QByteArray::number(::getpid()));
         QVERIFY2(found().contains(u"WARN The server, process %1, has not written its port yet"_s.arg(::getpid())),
                  qPrintable(found()));
         putFile(surroundings.path("zarvo/host/server_port"), "x");
         QVERIFY2(found().startsWith("FAIL The file"_L1), qPrintable(found()));
-        putFile(surroundings.path("zarvo/host/server_port"), "1"); // nobody listens on it
+        putFile(surroundings.path("zarvo/host/server_port"), "1"); // no program listens on it
         QVERIFY2(found().startsWith("FAIL The server is process"_L1), qPrintable(found()));
-        QVERIFY2(!found().endsWith(u'.'), qPrintable(found())); // the remedy follows behind a full stop
+        QVERIFY2(!found().endsWith(u'.'), qPrintable(found())); // the report adds the full stop before the remedy
         putFile(surroundings.path("zarvo/host/server_pid"), "999999999");
         QVERIFY2(found().startsWith("WARN The server has ended without removing its files"_L1), qPrintable(found()));
     }
 
-    void serverWithOtherFiles()
+    void serverWithOtherFilesIsReported()
     {
         const DoctorSurroundings surroundings;
         const QString name = qEnvironmentVariable("USER");
@@ -253,11 +254,11 @@ private slots:
                              "\"/home/of/it\""_s.arg(name, QString::number(impostor.pid()));
         QTRY_COMPARE(texts(checkServerProcess(surroundings.input())).join(u'\n'), text);
         QVERIFY(haveRemedies(checkServerProcess(surroundings.input())));
-        putFile(surroundings.path("zarvo/host/server_port"), "1"); // left behind by another one
+        putFile(surroundings.path("zarvo/host/server_port"), "1"); // stale, of another server
         QCOMPARE(texts(checkServerProcess(surroundings.input())).join(u'\n'), text);
     }
 
-    void serverThatHasNotWrittenItsFilesYet()
+    void serverThatIsAboutToWriteItsFiles()
     {
         const DoctorSurroundings surroundings;
         DoctorInput input = surroundings.input();
@@ -271,7 +272,7 @@ private slots:
                  QStringList{u"WARN The server, process %1, has not written its port yet"_s.arg(impostor.pid())});
     }
 
-    void serverThatHasRemovedItsFilesAlready()
+    void serverThatIsAboutToEnd()
     {
         const DoctorSurroundings surroundings;
         DoctorInput input = surroundings.input();
@@ -280,10 +281,10 @@ private slots:
         QTRY_VERIFY(serversOfSameUser().contains(impostor->pid()));
         QTimer::singleShot(100ms, this, [&impostor] { impostor.reset(); });
         QCOMPARE(texts(checkServerProcess(input)),
-                 QStringList{u"OK None is running; it is started when it is needed"_s});
+                 QStringList{u"OK No server is running; zarvoctl starts one when needed"_s});
     }
 
-    void pidFileThatIsNoFile()
+    void pidFileThatIsNotAFile()
     {
         const DoctorSurroundings surroundings;
         QVERIFY(QDir().mkdir(surroundings.path("zarvo/host/server_pid")));

@@ -11,12 +11,12 @@ class TestDoctorSettings : public QObject
     Q_OBJECT
 
 private slots:
-    void defaults()
+    void missingFileMeansDefaults()
     {
-        QCOMPARE(texts(checkSettings(surroundings.input())), QStringList{u"OK All have their defaults"_s});
+        QCOMPARE(texts(checkSettings(surroundings.input())), QStringList{u"OK All settings have their defaults"_s});
     }
 
-    void settingsThatMakeSense()
+    void validSettings()
     {
         DoctorInput input = surroundings.input();
         input.settings.displayBase = 200;
@@ -24,10 +24,10 @@ private slots:
         input.settings.logLevel = u"Debug1"_s;
         input.rawSettings = {
             {u"DisplayBase"_s, u"200"_s}, {u"SuspendTimeout"_s, u"90"_s}, {u"LogLevel"_s, u"Debug1"_s}};
-        QCOMPARE(texts(checkSettings(input)), QStringList{u"OK \"%1\" makes sense"_s.arg(input.settingsPath)});
+        QCOMPARE(texts(checkSettings(input)), QStringList{u"OK \"%1\" is valid"_s.arg(input.settingsPath)});
     }
 
-    void valuesThatBecomeOthers_data()
+    void valueThatBecomesAnother_data()
     {
         QTest::addColumn<QString>("key");
         QTest::addColumn<QString>("text");
@@ -36,9 +36,9 @@ private slots:
         QTest::newRow("a placeholder") << u"DisplayBase"_s << u"%2%3"_s << 0;
         QTest::newRow("no number") << u"DisplayBase"_s << u"many"_s << 0;
         QTest::newRow("negative") << u"BroadcastPort"_s << u"-1"_s << 0;
-        QTest::newRow("timeout without end") << u"SuspendTimeout"_s << u"99999999999"_s << 7;
+        QTest::newRow("timeout out of range") << u"SuspendTimeout"_s << u"99999999999"_s << 7;
     }
-    void valuesThatBecomeOthers()
+    void valueThatBecomesAnother()
     {
         QFETCH(QString, key);
         QFETCH(QString, text);
@@ -57,25 +57,26 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void fileThatIsBroken()
+    void brokenFile()
     {
         DoctorInput input = surroundings.input();
         input.settingsStatus = QSettings::FormatError;
         QCOMPARE(texts(checkSettings(input)),
-                 QStringList{u"WARN \"%1\" is broken: what makes no sense is ignored"_s.arg(input.settingsPath)});
+                 QStringList{u"WARN \"%1\" is broken: invalid lines are ignored"_s.arg(input.settingsPath)});
         QVERIFY(haveRemedies(checkSettings(input)));
     }
 
-    void fileThatCannotBeRead()
+    void unreadableFile()
     {
         DoctorInput input = surroundings.input();
         input.settingsPath = surroundings.path("bin"); // a directory
-        QCOMPARE(texts(checkSettings(input)),
-                 QStringList{u"FAIL \"%1\" cannot be read: all have their defaults"_s.arg(input.settingsPath)});
+        QCOMPARE(
+            texts(checkSettings(input)),
+            QStringList{u"FAIL \"%1\" cannot be read: all settings have their defaults"_s.arg(input.settingsPath)});
         QVERIFY(haveRemedies(checkSettings(input)));
     }
 
-    void otherNonsense()
+    void unknownKeyLevelAndZeroTimeout()
     {
         DoctorInput input = surroundings.input();
         input.settings.logLevel = u"Loud"_s;
@@ -84,7 +85,7 @@ private slots:
         const QList<Finding> findings = checkSettings(input);
         QCOMPARE(texts(findings),
                  (QStringList{u"WARN There is no setting Colour; it is ignored"_s,
-                              u"WARN SuspendTimeout is 0: sessions end as soon as nobody is connected"_s,
+                              u"WARN SuspendTimeout is 0: sessions end as soon as no viewer is connected"_s,
                               u"WARN LogLevel is \"Loud\", which becomes Info"_s}));
         QVERIFY(haveRemedies(findings));
     }
@@ -94,10 +95,10 @@ private slots:
         QTest::addColumn<int>("base");
         QTest::addColumn<int>("limit");
         QTest::addColumn<QString>("found");
-        QTest::newRow("none") << 100 << 0 << u"FAIL DisplayLimit is 0: there is no display for a session"_s;
-        QTest::newRow("last one with a port") << 24000 << 536 << u"OK All have their defaults"_s;
+        QTest::newRow("none") << 100 << 0 << u"FAIL DisplayLimit is 0: no session can have a display"_s;
+        QTest::newRow("last one with a port") << 24000 << 536 << u"OK All settings have their defaults"_s;
         QTest::newRow("one without a port")
-            << 24000 << 537 << u"WARN Displays go up to 24536, but only those up to 24535 have a port"_s;
+            << 24000 << 537 << u"WARN Displays go up to 24536, but only displays up to 24535 have a port"_s;
     }
     void displayRange()
     {
@@ -109,20 +110,21 @@ private slots:
         QTEST(texts(checkSettings(input)).join(u'\n'), "found");
     }
 
-    void broadcastAddress()
+    void broadcastAddressIsChecked()
     {
         DoctorInput input = surroundings.input();
-        QCOMPARE(texts(checkBroadcastAddress(input)), QStringList{u"OK Off: this server looks for no others"_s});
+        QCOMPARE(texts(checkBroadcastAddress(input)),
+                 QStringList{u"OK Off: this server does not look for other servers"_s});
         input.settings.broadcastPort = 4000;
         QCOMPARE(texts(checkBroadcastAddress(input)),
-                 QStringList{u"OK Other servers are looked for at 255.255.255.255, port 4000"_s});
+                 QStringList{u"OK The server looks for other servers at 255.255.255.255, port 4000"_s});
         input.settings.broadcastPort = 0;
         for (const QString &address : {u"nowhere"_s, u""_s, u"10.0.0.300"_s}) {
             input.settings.broadcastAddress = address;
             const QList<Finding> findings = checkBroadcastAddress(input);
-            QCOMPARE(
-                texts(findings),
-                QStringList{u"FAIL BroadcastAddress \"%1\" is no address: the server does not start"_s.arg(address)});
+            QCOMPARE(texts(findings),
+                     QStringList{
+                         u"FAIL BroadcastAddress \"%1\" is not an address: the server does not start"_s.arg(address)});
             QVERIFY(haveRemedies(findings));
         }
     }

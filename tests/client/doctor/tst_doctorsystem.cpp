@@ -24,7 +24,7 @@ class TestDoctorSystem : public QObject
 private slots:
     void init() { surroundings = std::make_unique<DoctorSurroundings>(); }
 
-    void programs()
+    void missingProgramsAreReported()
     {
         const QStringList none = texts(checkPrograms(surroundings->input()));
         QVERIFY(none.contains(u"FAIL start-agent, which runs each session, is not on the search path"_s));
@@ -41,7 +41,7 @@ private slots:
         QVERIFY2(!all.contains("Xtigervnc"_L1), qPrintable(all)); // only the bundled agent needs it
     }
 
-    void searchPathOfTheRunningServer()
+    void runningServerMayHaveAnotherSearchPath()
     {
         for (const char *name : {"bin/start-agent", "bin/start-app", "bin/xauth", "bin/openssl"}) {
             putProgram(name);
@@ -61,14 +61,14 @@ private slots:
         QVERIFY(!texts(checkPrograms(surroundings->input())).join(u'\n').contains(u"does not find"_s));
     }
 
-    void opensslIsNotNeededAgain()
+    void opensslIsOnlyAWarningWithACertificate()
     {
         putFile(surroundings->path("zarvo/server_cert"), "");
         QVERIFY(texts(checkPrograms(surroundings->input()))
                     .contains(u"WARN openssl, which makes the certificate, is not on the search path"_s));
     }
 
-    void viewer()
+    void missingViewerIsAWarning()
     {
         const EnvironmentVariable named("ZARVO_VIEWER", "nothing-of-the-kind");
         QList<Finding> findings = checkViewer(surroundings->input());
@@ -78,7 +78,7 @@ private slots:
         QCOMPARE(texts(checkViewer(surroundings->input())), QStringList{u"OK sh -c"_s});
     }
 
-    void displays()
+    void freeDisplaysAreCounted()
     {
         const ReservedDisplays reserved(3);
         DoctorInput input = surroundings->input();
@@ -98,7 +98,7 @@ private slots:
         QVERIFY(haveRemedies(checkDisplays(input)));
     }
 
-    void displaysAreLookedAtWithoutBeingTaken()
+    void checkLeavesDisplaysFree()
     {
         const ReservedDisplays reserved;
         const auto agentPort = static_cast<quint16>(41000 + reserved.first());
@@ -121,7 +121,7 @@ private slots:
         QCOMPARE(failures, 0);
     }
 
-    void socketDirectory_data()
+    void socketDirectoryMode_data()
     {
         QTest::addColumn<int>("mode");
         QTest::addColumn<QString>("found");
@@ -129,7 +129,7 @@ private slots:
         QTest::newRow("without the sticky bit")
             << 0777 << u"WARN In \"%1\" others can replace the sockets of your displays"_s;
     }
-    void socketDirectory()
+    void socketDirectoryMode()
     {
         QFETCH(int, mode);
         QFETCH(QString, found);
@@ -140,15 +140,15 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void socketDirectoryThatIsNone()
+    void socketDirectoryThatIsALink()
     {
         const QString path = surroundings->path("tmp/.X11-unix");
         QVERIFY(QDir().rmdir(path));
         QCOMPARE(texts(checkSocketDirectory(surroundings->input())),
-                 QStringList{u"WARN There is no directory \"%1\"; the first X server makes it"_s.arg(path)});
-        QVERIFY(QFile::link(surroundings->path("tmp"), path)); // where somebody else may have put it
+                 QStringList{u"WARN There is no directory \"%1\"; the first X server creates it"_s.arg(path)});
+        QVERIFY(QFile::link(surroundings->path("tmp"), path)); // another user may have created it
         QCOMPARE(texts(checkSocketDirectory(surroundings->input())),
-                 QStringList{u"FAIL \"%1\" is no directory"_s.arg(path)});
+                 QStringList{u"FAIL \"%1\" is not a directory"_s.arg(path)});
     }
 
     void portRange_data()
@@ -160,16 +160,16 @@ private slots:
                                 << "\n"_ba << false;
         QTest::newRow("begins with the last one") << "41199\t60999\n"_ba
                                                   << "\n"_ba << false;
-        QTest::newRow("begins behind the last one") << "41200\t60999\n"_ba
-                                                    << "\n"_ba << true;
+        QTest::newRow("begins after the last one") << "41200\t60999\n"_ba
+                                                   << "\n"_ba << true;
         QTest::newRow("ends before the first one") << "30000\t41099\n"_ba
                                                    << "\n"_ba << true;
         QTest::newRow("reserved") << "32768\t60999\n"_ba
                                   << "80,41100-41199\n"_ba << true;
         QTest::newRow("reserved in part") << "32768\t60999\n"_ba
                                           << "41100-41198\n"_ba << false;
-        QTest::newRow("nothing is told") << ""_ba
-                                         << ""_ba << true;
+        QTest::newRow("unreadable") << ""_ba
+                                    << ""_ba << true;
     }
     void portRange()
     {
@@ -185,7 +185,7 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void portsThatAreReservedAlreadyStaySo()
+    void remedyKeepsPortsThatAreReserved()
     {
         putFile(surroundings->path("net/ip_local_port_range"), "32768\t60999\n");
         putFile(surroundings->path("net/ip_local_reserved_ports"), "80,41100-41198\n");
@@ -193,7 +193,7 @@ private slots:
         QVERIFY2(remedy.contains("ip_local_reserved_ports=80,41100-41198,41100-41199 "_L1), qPrintable(remedy));
     }
 
-    void logout_data()
+    void sessionsEndAtLogout_data()
     {
         QTest::addColumn<QString>("file");
         QTest::addColumn<QByteArray>("text");
@@ -217,7 +217,7 @@ private slots:
         row("only others", main, "[Login]\nKillUserProcesses=yes\nKillOnlyUsers=eve\n", false);
         row("only some", main, "[Login]\nKillOnlyUsers=eve anna\n", true);
     }
-    void logout()
+    void sessionsEndAtLogout()
     {
         QFETCH(QString, file);
         QFETCH(QByteArray, text);
@@ -233,12 +233,12 @@ private slots:
         const QString end = u"FAIL Sessions end when %1 logs out (KillUserProcesses)"_s.arg(user);
         QCOMPARE(found(), ends ? end : u"OK Processes stay after a logout"_s);
         QVERIFY(haveRemedies(checkLogout(input)));
-        // A login's processes are ended whether its user lingers or not.
+        // Lingering makes no difference to the processes of a login session.
         putBelow(u"var/lib/systemd/linger/"_s + user, "");
         QCOMPARE(found(), ends ? end : u"OK Processes stay after a logout"_s);
     }
 
-    void logoutSettingsOfTheSameName()
+    void settingsFileReplacesOneWithTheSameName()
     {
         make("run/systemd/system");
         putBelow(u"run/systemd/logind.conf.d/b.conf"_s, "[Login]\nKillUserProcesses=yes\n");
@@ -246,10 +246,12 @@ private slots:
         QCOMPARE(texts(checkLogout(surroundings->input())), QStringList{u"OK Processes stay after a logout"_s});
         putBelow(u"usr/lib/systemd/logind.conf.d/c.conf"_s, "[Login]\nKillUserProcesses=yes\n");
         putBelow(u"etc/systemd/logind.conf.d/a.conf"_s, "[Login]\nKillUserProcesses=no\n");
-        QVERIFY(texts(checkLogout(surroundings->input())).first().startsWith(u"FAIL"_s)); // names count, not folders
+        QVERIFY(texts(checkLogout(surroundings->input()))
+                    .first()
+                    .startsWith(u"FAIL"_s)); // files are read in the order of their names, not of their folders
     }
 
-    void logoutWithoutAName()
+    void logoutOfAUserWithoutAName()
     {
         make("run/systemd/system");
         make("var/lib/systemd/linger");
@@ -259,7 +261,7 @@ private slots:
         QVERIFY(texts(checkLogout(input)).first().startsWith(u"FAIL"_s));
     }
 
-    void logoutOfAServerThatBelongsToNoLogin()
+    void serverOfTheUsersServiceManagerNeedsLingering()
     {
         make("run/systemd/system");
         putBelow(u"etc/systemd/logind.conf"_s, "[Login]\nKillUserProcesses=yes\n");
@@ -272,16 +274,16 @@ private slots:
         putBelow(group, "0::/user.slice/user-1000.slice/session-3.scope\n");
         QCOMPARE(found(), u"FAIL Sessions end when anna logs out (KillUserProcesses)"_s);
         putBelow(group, "0::/user.slice/user-1000.slice/user@1000.service/app.slice/run-r1.scope\n");
-        QCOMPARE(found(), u"FAIL The server ends with the last login of anna, which does not linger"_s);
+        QCOMPARE(found(), u"FAIL The server ends with the last login session of anna, because lingering is off"_s);
         QVERIFY(haveRemedies(checkLogout(surroundings->input())));
         putBelow(u"var/lib/systemd/linger/anna"_s, "");
-        QCOMPARE(found(), u"OK The server does not belong to a login, and stays after a logout"_s);
+        QCOMPARE(found(), u"OK The server belongs to no login session, and stays after a logout"_s);
     }
 
 private:
     void make(const char *name) const { QVERIFY(QDir().mkpath(surroundings->path(name))); }
 
-    /** A file below the surroundings, with the folders on its way. */
+    /** Writes a file in the surroundings and creates its parent folders. */
     void putBelow(const QString &name, const QByteArray &text) const
     {
         const QString path = surroundings->path(name.toUtf8().constData());
