@@ -104,15 +104,15 @@ private slots:
 
         row("two silent starts and 5 seconds prove other files", true,
             {starts(at(0ms)), starts(at(1001ms)), givesUp(at(5000ms), ExitCode::NoServer, other)});
-        row("two silent starts in less than 5 seconds prove nothing", true,
+        row("two silent starts in less than 5 seconds are no proof", true,
             {starts(at(0ms)), starts(at(1001ms)), starts(at(4999ms)), waits(at(5999ms)),
              givesUp(at(6000ms), ExitCode::NoServer, other)});
-        row("one silent start in 5 seconds proves nothing", true,
+        row("one silent start in 5 seconds is no proof", true,
             {starts(at(0ms)), starts(at(6s)), givesUp(at(7001ms), ExitCode::NoServer, other)});
         row("stale files prove other files as well", true,
             {starts(at(0ms, ServerState::Stale)), starts(at(1001ms, ServerState::Stale)),
              givesUp(at(5000ms, ServerState::Stale), ExitCode::NoServer, other)});
-        row("files that show a server begin the count anew", true,
+        row("files that show a server restart the count", true,
             {starts(at(0ms)), starts(at(1001ms)), waits(at(4s, ServerState::Starting)), starts(at(6s)),
              givesUp(at(9s), ExitCode::NoServer, other)});
         row("unreadable files show a server", true,
@@ -124,7 +124,7 @@ private slots:
         row("no restart after 60 seconds", true,
             {starts(at(0ms)), waits(at(58s, ServerState::Starting)),
              givesUp(at(60s, ServerState::Running), ExitCode::NoServer, tooLate)});
-        row("a message tells more than the time", true,
+        row("message after 60 seconds is still reported", true,
             {starts(at(0ms)),
              givesUp(saying(at(61s), u"No"_s), ExitCode::NoServer, u"The server does not start:\nNo"_s)});
         row("the user's deadline", true,

@@ -146,14 +146,14 @@ private slots:
         QCOMPARE(outcome(ServerConnector::Start::Allowed), Connected);
     }
 
-    void messageOfAFailedStartIsTold()
+    void messageOfAFailedStartIsReported()
     {
         putServerScript("echo No such luck >&2\nexit 1\n");
         QCOMPARE(outcome(ServerConnector::Start::Allowed), ExitCode::NoServer);
         QCOMPARE(failure.text, u"The server does not start:\nNo such luck"_s);
     }
 
-    void missingProgramIsTold()
+    void missingProgramIsReported()
     {
         QCOMPARE(outcome(ServerConnector::Start::Allowed), ExitCode::NoServer);
         QVERIFY2(failure.text.startsWith("The program \"zarvo_server\" is neither in"_L1), qPrintable(failure.text));

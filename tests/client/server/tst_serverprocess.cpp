@@ -63,7 +63,7 @@ private slots:
     void serverOfAnotherUserDoesNotCount()
     {
         if (::geteuid() != 0) {
-            QSKIP("only root can be somebody else");
+            QSKIP("only root can become another user");
         }
         const Impostor impostor(serverEnvironment(u"root"_s, u"/"_s));
         QTRY_VERIFY(isServerProcess(impostor.pid()));
