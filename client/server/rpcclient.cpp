@@ -38,10 +38,10 @@ RpcClient::Outcome describeFailure(const QSslSocket &socket, quint16 port, QStri
         *error = u"Nothing listens on port %1"_s.arg(port);
         return RpcClient::Outcome::Refused;
     case QAbstractSocket::RemoteHostClosedError:
-        *error = u"What listens on port %1 hangs up"_s.arg(port);
+        *error = u"The program on port %1 closed the connection"_s.arg(port);
         return RpcClient::Outcome::Refused;
     default:
-        *error = u"What listens on port %1 is not our server: %2"_s.arg(QString::number(port), socket.errorString());
+        *error = u"The program on port %1 is not our server: %2"_s.arg(QString::number(port), socket.errorString());
         return RpcClient::Outcome::Distrust;
     }
 }
@@ -53,7 +53,7 @@ RpcClient::RpcClient(QObject *parent)
 {
     connect(&socket, &QSslSocket::readyRead, this, &RpcClient::Socket_readyRead);
     connect(&socket, &QSslSocket::disconnected, this, &RpcClient::Socket_disconnected);
-    // Small requests: nothing is gained by collecting them.
+    // Requests are small, and delaying them to collect more gains nothing.
     connect(&socket, &QSslSocket::connected, this,
             [this] { socket.setSocketOption(QAbstractSocket::LowDelayOption, 1); });
 }
@@ -74,7 +74,7 @@ RpcClient::Outcome RpcClient::connectTo(quint16 port, const Credentials &credent
     socket.connectToHostEncrypted(u"127.0.0.1"_s, port);
     if (!wait.run(limited(timeout))) {
         socket.abort();
-        *error = u"What listens on port %1 does not answer"_s.arg(port);
+        *error = u"The program on port %1 does not answer"_s.arg(port);
         return Outcome::TimedOut;
     }
     if (!socket.isEncrypted()) {
@@ -96,7 +96,7 @@ std::chrono::milliseconds RpcClient::limited(std::chrono::milliseconds timeout) 
 
 void RpcClient::configure(const Credentials &credentials)
 {
-    // Whom to trust is one comparison, so no authority is loaded and nothing else about the certificate counts.
+    // The comparison of the certificates decides alone, so no authority is loaded and nothing is verified here.
     QSslConfiguration configuration;
     configuration.setCaCertificates({});
     configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
@@ -161,7 +161,7 @@ void RpcClient::Socket_readyRead()
         takeMessage(payload);
     }
     if (result == FrameReader::Result::Invalid) {
-        lose(u"it sent something that is no message"_s);
+        lose(u"it sent an invalid message"_s);
     }
 }
 
@@ -169,14 +169,14 @@ void RpcClient::takeMessage(const QByteArray &payload)
 {
     Json::Value message;
     if (!parseJson(payload, &message) || !message.isObject()) {
-        lose(u"it sent something that is no message"_s);
+        lose(u"it sent an invalid message"_s);
         return;
     }
     if (isSessionsUpdate(message)) {
         emit sessionsUpdated(member(message, "params"));
         return;
     }
-    // Answers that nobody asked for are dropped, or a server could fill the memory with them.
+    // Answers without a request are dropped, else a server could fill our memory with them.
     const Json::Value &id = member(message, "id");
     if (id.isInt() && answers.contains(id.asInt())) {
         answers.insert(id.asInt(), message);

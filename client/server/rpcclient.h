@@ -18,7 +18,7 @@
 #include <chrono>
 #include <optional>
 
-/** The user's certificate and key; the server has the same. */
+/** The user's certificate and key. The server uses the same pair. */
 struct Credentials
 {
     QSslCertificate certificate;
@@ -26,8 +26,8 @@ struct Credentials
 };
 
 /**
- * One connection to the server. Requests can be sent ahead of their answers. Functions that wait run the event
- * loop up to their deadline. Used on the main thread.
+ * One connection to the server. Several requests can be sent before the first answer arrives. Functions that wait run
+ * the event loop up to their deadline. Used on the main thread.
  */
 class RpcClient : public QObject
 {
@@ -36,30 +36,30 @@ class RpcClient : public QObject
 public:
     enum class Outcome {
         Connected,
-        Refused,  ///< nobody listens there, or who does hangs up at once, as a server does that is about to end
-        Distrust, ///< what answers is not proved to be the server
-        TimedOut, ///< what answers says nothing
+        Refused,  ///< connection refused, or closed at once by a server that shuts down
+        Distrust, ///< the other end has another certificate, or speaks no TLS
+        TimedOut, ///< the handshake did not end in time
     };
 
     explicit RpcClient(QObject *parent = nullptr);
 
     /**
-     * Connects to this host and makes sure that the other end holds the same certificate, before a byte of a
-     * request is sent.
+     * Connects to a port of this host. Checks that the other end has the same certificate, before a byte of a request
+     * is sent.
      * @param error  set unless the outcome is Connected: one sentence
      */
     [[nodiscard]] Outcome connectTo(quint16 port, const Credentials &credentials, std::chrono::milliseconds timeout,
                                     QString *error);
 
-    /** Sends a request; @p id is what receive() wants to know. */
+    /** Sends a request. Returns its id, for receive(). */
     int send(const QString &method, const Json::Value &params = {});
 
     /**
      * Waits for the answer to a request.
      *
      * @param result   set only on success
-     * @param failure  set only on failure: the server's sentence and the exit code that fits its error, TimedOut,
-     *                 or NoServer when the connection is lost
+     * @param failure  set only on failure: the server's sentence and the exit code for its error; TimedOut; or
+     *                 NoServer if the connection is lost
      */
     [[nodiscard]] bool receive(int id, Json::Value *result, Failure *failure);
 
@@ -68,20 +68,20 @@ public:
 
     [[nodiscard]] bool isConnected() const { return !lossReason; }
 
-    /** How long receive() waits; the server itself may wait for an agent several times within one request. */
+    /** How long receive() waits. The server may wait for an agent several times within one request. */
     void setAnswerTimeout(std::chrono::milliseconds timeout) { answerTimeout = timeout; }
 
-    /** The latest end of all waits from now on, however long each may be. */
+    /** No wait lasts beyond @p end from now on. */
     void setDeadline(QDeadlineTimer end) { deadline = end; }
 
-    /** Whether the deadline is over. */
+    /** Whether the deadline has passed. */
     [[nodiscard]] bool isLate() const { return deadline.hasExpired(); }
 
-    /** The error of the last answer as the server numbers it; 0 when there was none. */
+    /** The server's error number in the last answer; 0 if it was a result. */
     [[nodiscard]] int lastErrorCode() const { return errorCode; }
 
 signals:
-    /** The server's list of sessions has changed; null when there are none. */
+    /** The server's list of sessions has changed; null if it is empty. */
     void sessionsUpdated(const Json::Value &sessions);
 
     /** An answer has arrived or the connection is lost. */

@@ -214,7 +214,7 @@ class Trust(CtlTestCase):
         server = self.server()
         port = zarvo.read(server.port_file)
         self.listen(server, lambda connection: None)
-        self.assertIn("hangs up", self.ctl_error(server, "list", "--no-start", code=NO_SERVER))
+        self.assertIn("closed the connection", self.ctl_error(server, "list", "--no-start", code=NO_SERVER))
         self.listen(server, lambda connection: zarvo.write(server.port_file, port))
         self.assertEqual(self.ctl_json(server, "list"), [])
 

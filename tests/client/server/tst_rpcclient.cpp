@@ -59,7 +59,7 @@ private slots:
         QCOMPARE(server.requests(), 0);
     }
 
-    void portWithoutAListener()
+    void portWithoutAListenerIsRefused()
     {
         QTcpServer listener;
         QVERIFY(listener.listen(QHostAddress(QHostAddress::LocalHost)));
@@ -70,7 +70,7 @@ private slots:
         QVERIFY2(error.contains(QString::number(port)), qPrintable(error));
     }
 
-    void listenerThatSaysNothing()
+    void silentListenerTimesOut()
     {
         QTcpServer listener;
         QVERIFY(listener.listen(QHostAddress(QHostAddress::LocalHost)));
@@ -80,7 +80,7 @@ private slots:
         QVERIFY(!client.isConnected());
     }
 
-    void listenerThatSpeaksSomethingElse()
+    void listenerWithoutTlsIsDistrusted()
     {
         QTcpServer listener;
         QVERIFY(listener.listen(QHostAddress(QHostAddress::LocalHost)));
@@ -90,7 +90,7 @@ private slots:
         QCOMPARE(connectTo(&client, listener.serverPort()), RpcClient::Outcome::Distrust);
     }
 
-    void listenerThatHangsUp()
+    void listenerThatClosesCountsAsRefused()
     {
         QTcpServer listener;
         QVERIFY(listener.listen(QHostAddress(QHostAddress::LocalHost)));
@@ -98,22 +98,22 @@ private slots:
                 [&listener] { listener.nextPendingConnection()->disconnectFromHost(); });
         RpcClient client;
         QCOMPARE(connectTo(&client, listener.serverPort()), RpcClient::Outcome::Refused);
-        QVERIFY2(error.contains("hangs up"_L1), qPrintable(error));
+        QVERIFY2(error.contains("closed the connection"_L1), qPrintable(error));
     }
 
-    void clientConnectsAgain()
+    void clientCanReconnect()
     {
         FakeServer server(own, echo);
         RpcClient client;
         for (int i = 0; i < 3; ++i) {
             QCOMPARE(connectTo(&client, server.port()), RpcClient::Outcome::Connected);
-            QTRY_COMPARE(server.clients().size(), 1); // its end of the handshake comes last
+            QTRY_COMPARE(server.clients().size(), 1); // the server's side ends its handshake last
             server.clients().first()->disconnectFromHost();
             QTRY_VERIFY(!client.isConnected());
         }
     }
 
-    void requestIsWhole()
+    void requestHasAllMembers()
     {
         Json::Value seen;
         FakeServer server(own, [&seen](QSslSocket *peer, const Json::Value &request) {
@@ -132,7 +132,7 @@ private slots:
         QCOMPARE(writeJson(seen), "{\"id\":2,\"jsonrpc\":\"2.0\",\"method\":\"without\"}\n"_ba);
     }
 
-    void answersComeInAnyOrder()
+    void answersMayComeInAnyOrder()
     {
         QList<Json::Value> waiting;
         FakeServer server(own, [&waiting](QSslSocket *peer, const Json::Value &request) {
@@ -156,7 +156,7 @@ private slots:
         QCOMPARE(results, (QStringList{u"one"_s, u"two"_s, u"three"_s}));
     }
 
-    void answersThatNobodyAskedForAreDropped()
+    void answersWithoutARequestAreDropped()
     {
         FakeServer server(own, [](QSslSocket *peer, const Json::Value &request) {
             for (const Json::Value &id : {Json::Value(77), Json::Value("1"), Json::Value()}) {
@@ -174,28 +174,28 @@ private slots:
         QCOMPARE(stringFromJson(result), u"right"_s);
     }
 
-    void errorsOfTheServer_data()
+    void serverErrorsBecomeExitCodes_data()
     {
         QTest::addColumn<QByteArray>("sent");
         QTest::addColumn<ExitCode>("code");
         QTest::addColumn<int>("number");
         QTest::addColumn<QString>("text");
-        const QString told = u"What happened."_s;
-        const auto row = [&told](const char *name, int number, ExitCode code) {
+        const QString known = u"What happened."_s;
+        const auto row = [&known](const char *name, int number, ExitCode code) {
             QTest::newRow(name) << R"({"code":%1,"message":"What happened."})"_ba.replace("%1",
                                                                                           QByteArray::number(number))
-                                << code << number << told;
+                                << code << number << known;
         };
         row("no such session", -32094, ExitCode::NoSuchSession);
         row("invalid state", -32092, ExitCode::WrongState);
-        row("agent too late", -32077, ExitCode::TimedOut);
+        row("agent timed out", -32077, ExitCode::TimedOut);
         row("any other", -32001, ExitCode::SessionFailed);
-        const QString untold = u"The server reports an error."_s;
-        QTest::newRow("no message") << R"({"code":-32094})"_ba << ExitCode::NoSuchSession << -32094 << untold;
-        QTest::newRow("code is no number") << R"({"code":"x"})"_ba << ExitCode::SessionFailed << -1 << untold;
-        QTest::newRow("no object") << "null"_ba << ExitCode::SessionFailed << -1 << untold;
+        const QString unknown = u"The server reports an error."_s;
+        QTest::newRow("no message") << R"({"code":-32094})"_ba << ExitCode::NoSuchSession << -32094 << unknown;
+        QTest::newRow("code is no number") << R"({"code":"x"})"_ba << ExitCode::SessionFailed << -1 << unknown;
+        QTest::newRow("no object") << "null"_ba << ExitCode::SessionFailed << -1 << unknown;
     }
-    void errorsOfTheServer()
+    void serverErrorsBecomeExitCodes()
     {
         QFETCH(QByteArray, sent);
         Json::Value problem;
@@ -218,7 +218,7 @@ private slots:
         QVERIFY(client.isConnected());
     }
 
-    void lateAnswerIsNotTakenForTheNextOne()
+    void lateAnswerDoesNotAnswerTheNextRequest()
     {
         Json::Value first;
         FakeServer server(own, [&first](QSslSocket *peer, const Json::Value &request) {
@@ -241,7 +241,7 @@ private slots:
         QCOMPARE(stringFromJson(result), u"second"_s);
     }
 
-    void notificationsComeBetweenAnswers()
+    void notificationsMayComeBetweenAnswers()
     {
         FakeServer server(own, [](QSslSocket *peer, const Json::Value &request) {
             FakeServer::notify(peer, Json::Value());
@@ -259,14 +259,14 @@ private slots:
         QTRY_COMPARE(nulls, (QList{true, false}));
     }
 
-    void lostConnection()
+    void lostConnectionEndsTheWait()
     {
         FakeServer server(own, [](QSslSocket *peer, const Json::Value &) { peer->disconnectFromHost(); });
         RpcClient client;
         QCOMPARE(connectTo(&client, server.port()), RpcClient::Outcome::Connected);
         Json::Value result;
         Failure failure;
-        for (int i = 0; i < 2; ++i) { // while it waits, and on a connection that is lost already
+        for (int i = 0; i < 2; ++i) { // while it waits, and when the connection is lost already
             QVERIFY(!client.call(u"m"_s, {}, &result, &failure));
             QCOMPARE(failure.code, ExitCode::NoServer);
             QVERIFY2(failure.text.contains("the server closed it"_L1), qPrintable(failure.text));
@@ -274,7 +274,7 @@ private slots:
         }
     }
 
-    void nonsenseEndsTheConnection_data()
+    void invalidMessageEndsTheConnection_data()
     {
         QTest::addColumn<QByteArray>("sent");
         QTest::newRow("no length") << "abc:"_ba;
@@ -285,7 +285,7 @@ private slots:
         QTest::newRow("trailing comma") << "20:{\"id\":1,\"result\":1,},"_ba;
         QTest::newRow("byte order mark") << "22:\xef\xbb\xbf{\"id\":1,\"result\":1},"_ba;
     }
-    void nonsenseEndsTheConnection()
+    void invalidMessageEndsTheConnection()
     {
         QFETCH(QByteArray, sent);
         FakeServer server(own, [&sent](QSslSocket *peer, const Json::Value &) { peer->write(sent); });
@@ -295,7 +295,7 @@ private slots:
         Failure failure;
         QVERIFY(!client.call(u"m"_s, {}, &result, &failure));
         QCOMPARE(failure.code, ExitCode::NoServer);
-        QVERIFY2(failure.text.contains("no message"_L1), qPrintable(failure.text));
+        QVERIFY2(failure.text.contains("invalid message"_L1), qPrintable(failure.text));
         QTRY_VERIFY(server.clients().isEmpty());
     }
 
