@@ -7,7 +7,7 @@ import statistics
 import subprocess
 import sys
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "system"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "system", "lib"))
 if len(sys.argv) < 2:
     sys.exit(f"usage: {sys.argv[0]} BUILD_FOLDER")
 os.environ["ZARVO_BUILD_DIR"] = os.path.abspath(sys.argv[1])

@@ -7,14 +7,11 @@ import json
 import os
 import shutil
 import subprocess
-import sys
 import time
 
 import common
+import rfb
 import zarvo
-
-sys.path.insert(0, zarvo.HERE)
-import rfb  # noqa: E402
 
 CTL = os.path.join(zarvo.BUILD, "bin", "zarvoctl")
 

@@ -5,6 +5,7 @@ import os
 import shutil
 import socket
 import subprocess
+import sys
 import unittest
 
 import zarvo
@@ -182,7 +183,7 @@ class Success(zarvo.TestCase):
         server.install_program("start-agent",
                                'head -c 100000 /dev/urandom | tr -d "\\n" | tr -c "[:print:]" "x" > server_log\n'
                                'printf "\\nClient authenticated from nowhere\\nScreen resized to x\\n" >> server_log\n'
-                               f"exec {zarvo.sys.executable} -ISB {zarvo.HERE}/fake_agent.py {server.records} \"$@\"\n")
+                               f"exec {sys.executable} -ISB {zarvo.HERE}/fake_agent.py {server.records} \"$@\"\n")
         server.agent(state="log")
         answer = server.client().call("Live.Start", [zarvo.new_id(), "xterm", "800x600"])
         self.assertIsNotNone(server.viewer(answer["port"], answer["password"]))

@@ -14,7 +14,7 @@ import ctl
 import zarvo
 from terminal import Terminal
 
-ROOT = os.path.dirname(os.path.dirname(zarvo.HERE))
+ROOT = zarvo.ROOT
 COMPLETIONS = os.path.join(ROOT, "packaging", "completions")
 MANUAL = os.path.join(ROOT, "docs", "man")
 OPTION = re.compile(r"(?<![\w-])--?[a-z][a-z-]*")

@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: MIT
 """Clients that send without end, and clients that do not read: neither may grow the server or hold up the others."""
 import json
-import re
 import select
 import ssl
 import time

@@ -7,7 +7,7 @@ import unittest
 
 import zarvo
 
-LIBRARY = os.path.join(zarvo.HERE, "..", "..", "scripts", "lib.sh")
+LIBRARY = os.path.join(zarvo.ROOT, "scripts", "lib.sh")
 
 # Notes that it runs, and fails while fewer than so many notes are there.
 SCRIPT = """echo >> {name}.runs; test "$(wc -l < {name}.runs)" -ge {runs}"""

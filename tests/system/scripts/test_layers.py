@@ -7,7 +7,7 @@ import unittest
 
 import zarvo
 
-SCRIPT = os.path.join(zarvo.HERE, "..", "..", "scripts", "layers")
+SCRIPT = os.path.join(zarvo.ROOT, "scripts", "layers")
 
 SOUND = {
     "CMakeLists.txt": "add_subdirectory(low)\nadd_subdirectory(high)\n",
