@@ -1,0 +1,101 @@
+# SPDX-License-Identifier: MIT
+"""A server among peers that mean harm, or are broken.
+
+They are played from 127.0.0.2, which is no interface's address; no privileges are needed.
+"""
+import contextlib
+import re
+import threading
+import time
+
+import hosts
+import zarvo
+from hosts import OTHER_HOST, entry, reply
+
+# An answer takes milliseconds, and one that waits for a peer 15 seconds. Between them lies a machine that is busy.
+SLOW = 10
+
+
+class HostileCase(hosts.NeighbourCase):
+    def setUp(self):
+        super().setUp()
+        self.instance.settings["LogLevel"] = "Info"
+        self.instance.write_settings()
+        self.start()
+
+    @property
+    def pair(self):
+        return self.instance.certificate, self.instance.key
+
+    def service(self, behave, **how):
+        return hosts.Service(self, behave, **how)
+
+    def answering(self, *pieces):
+        """A peer that answers every query with these pieces."""
+        return self.service(hosts.answering(*self.pair, *pieces))
+
+    def pour(self, datagrams):
+        """Sends them all as fast as the server reads them; it has read all of them afterwards."""
+        dropped = hosts.pour(self.ear, ("127.0.0.1", self.udp_port), datagrams)
+        self.assertEqual(dropped, 0, "the system dropped datagrams before the server saw them")
+
+    def wait_listed(self, sessions):
+        zarvo.wait_until(lambda: self.listed() == sessions, "the peer's sessions")
+
+    def assert_still_listens(self, address=OTHER_HOST):
+        """A good peer is asked, and counts."""
+        session = entry(zarvo.new_id())
+        peer = self.service(hosts.answering(*self.pair, reply([session])), address=address)
+        self.say(self.message(peer), self.datagrams(address, 0))
+        zarvo.wait_until(lambda: session in (self.listed() or []), "the session of a good peer")
+
+    def silent_hosts(self, count, method, each):
+        """So many hosts announce themselves each time and never answer; returns their services."""
+        silent = [self.service(hosts.wait_hang_up, address=f"127.0.0.{number}") for number in range(2, 2 + count)]
+        for service in silent:
+            content = hosts.announcement(method, service.port, self.instance.user)
+            dropped = hosts.pour(self.datagrams(service.address, 0), ("127.0.0.1", self.udp_port),
+                                 (content for _ in range(each)))
+            self.assertEqual(dropped, 0, "the system dropped datagrams before the server saw them")
+        return silent
+
+    def warning_counts(self, pattern):
+        return sum(re.fullmatch(pattern, line) is not None for line in self.warnings())
+
+
+class Latencies:
+    """How long a client waits for its answers, as long as the context lasts."""
+
+    def __init__(self, server):
+        self.server = server
+        self.found = []
+        self.failure = None
+        self.done = threading.Event()
+
+    def __enter__(self):
+        self.client = self.server.client()
+        self.thread = threading.Thread(target=self.run)
+        self.thread.start()
+        return self.found
+
+    def run(self):
+        try:
+            while not self.done.is_set():
+                begin = time.monotonic()
+                with contextlib.suppress(zarvo.RpcError):  # a session went while it was being listed
+                    self.client.call("Live.ListSessions")
+                self.found.append(time.monotonic() - begin)
+                self.done.wait(0.02)
+        except Exception as failure:
+            self.failure = failure
+
+    def __exit__(self, kind, *_):
+        try:
+            if kind is None:  # a busy machine answers late, so the number to judge by is waited for
+                zarvo.wait_until(lambda: self.failure or len(self.found) >= 10, "answers to judge by")
+        finally:
+            self.done.set()
+            self.thread.join()
+            self.client.close()
+        if kind is None and self.failure:
+            raise self.failure
