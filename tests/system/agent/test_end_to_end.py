@@ -27,7 +27,7 @@ class EndToEnd(bundled.BundledAgentTestCase):
         session, answer = self.start()
         viewer = self.connect(answer)
         self.assertEqual((viewer.width, viewer.height), (640, 480))
-        # The window's ground and its text: an empty terminal or an empty screen would be one colour less.
+        # Background and text of the window: an empty terminal or an empty screen has one colour less.
         def drawn():
             colours = viewer.framebuffer().colours()
             return BLUE in colours and len(colours) > 1
@@ -46,7 +46,7 @@ class EndToEnd(bundled.BundledAgentTestCase):
         display = str(answer["port"] - 41000)
 
         def typed():
-            # Until the window has the keyboard nothing arrives, and once is as good as twice.
+            # Keys are lost until the window has the keyboard, and the command may run twice.
             viewer.type(f"echo $DISPLAY > {proof}\n")
             viewer.framebuffer()
             return os.path.exists(proof) and zarvo.read(proof).strip()
@@ -100,7 +100,7 @@ class EndToEnd(bundled.BundledAgentTestCase):
         self.assertNotEqual(second["password"], first["password"])
         self.assertEqual(self.client.call("Live.Replay", [session]), second)
         viewer = self.connect(second)
-        self.assertIn(BLUE, viewer.framebuffer().colours())  # the same window, and not a new one
+        self.assertIn(BLUE, viewer.framebuffer().colours())  # still the same window
         self.client.call("Live.Terminate", [session])
         viewer.wait_for_close()
         self.assert_all_gone(session, first["port"])
@@ -140,7 +140,7 @@ class EndToEnd(bundled.BundledAgentTestCase):
         self.assertEqual(self.client.listing("Live.ListSessions"), None)
         self.assert_all_gone(session, answer["port"])
 
-    def test_geometry_that_is_none_fails_and_leaves_no_process(self):
+    def test_invalid_geometry_fails_and_leaves_no_process(self):
         for geometry in ("nonsense", "99999x99999", "0x0", "-5x5", "800x600x24", ""):
             with self.subTest(geometry=geometry):
                 session = zarvo.new_id()
@@ -150,7 +150,7 @@ class EndToEnd(bundled.BundledAgentTestCase):
                 self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "2")
         zarvo.wait_until(lambda: self.others() == {}, "the agents to end")
 
-    def test_killed_agent_takes_its_session_along(self):
+    def test_killed_agent_ends_its_session(self):
         session, answer = self.start()
         viewer = self.connect(answer)
         pid = int(zarvo.read(os.path.join(self.instance.directory(session), "server_pid")))

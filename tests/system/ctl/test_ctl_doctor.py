@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""zarvoctl doctor: what it finds, and that it only looks."""
+"""zarvoctl doctor: its findings. It changes nothing."""
 import json
 import os
 import shutil
@@ -13,7 +13,7 @@ from ctl import DONE, NEGATIVE
 
 class Doctor(ctl.CtlTestCase):
     def findings(self, server, code=DONE, environment=None):
-        """The findings of a check by its title."""
+        """The findings of a check, by its title."""
         result = self.ctl_result(server, "doctor", "--json", environment=environment)
         self.assertEqual(result.returncode, code, result.stdout)
         found = {}
@@ -28,7 +28,7 @@ class Doctor(ctl.CtlTestCase):
                 return
         self.fail(f"no {level} with '{text}' in {findings[check]}")
 
-    def test_healthy(self):
+    def test_healthy_server_has_no_findings(self):
         server = self.server()
         lines = self.ctl(server, "doctor").splitlines()
         for line in lines:

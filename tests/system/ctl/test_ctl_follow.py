@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""zarvoctl: the verbs that follow what happens (watch, wait), and the logs."""
+"""zarvoctl: watch, wait and the logs."""
 import json
 import os
 import time
@@ -15,7 +15,7 @@ class Watch(ctl.CtlTestCase):
         change = json.loads(process.stdout.readline())
         return change["event"], change["session"]["name"], change["session"]["state"]
 
-    def test_changes(self):
+    def test_watch_shows_changes(self):
         server = self.server()
         self.start(server, "first")
         process = self.background(server, "watch")
@@ -31,7 +31,7 @@ class Watch(ctl.CtlTestCase):
         self.ctl(server, "terminate", "first")
         self.assertEqual(self.change(process)[:2], ("removed", "first"))
 
-    def test_server_that_comes_back(self):
+    def test_watch_goes_on_after_a_restart_of_the_server(self):
         server = self.server()
         session = self.start(server, "stays")["id"]
         process = self.background(server, "watch")
@@ -43,7 +43,7 @@ class Watch(ctl.CtlTestCase):
         self.ctl(server, "terminate", session)
         self.assertEqual(self.change(process)[:2], ("removed", "stays"))
 
-    def test_reader_that_goes(self):
+    def test_watch_ends_with_its_reader(self):
         server = self.server()
         process = self.background(server, "watch")
         process.stdout.close()
@@ -52,7 +52,7 @@ class Watch(ctl.CtlTestCase):
         self.assertEqual(process.stderr.read(), "")
 
 
-    def test_reader_that_goes_while_nothing_happens(self):
+    def test_watch_ends_if_its_reader_goes_while_nothing_changes(self):
         server = self.server()
         process = self.following(server, "watch")
         self.assert_waits(process)
@@ -60,7 +60,7 @@ class Watch(ctl.CtlTestCase):
         self.assertEqual(process.wait(zarvo.DEADLINE), DONE)
         self.assertEqual(process.stderr.read(), "")
 
-    def test_reader_that_goes_while_the_server_is_away(self):
+    def test_watch_ends_if_its_reader_goes_while_the_server_is_down(self):
         server = self.server()
         process = self.following(server, "watch")
         self.assert_waits(process)
@@ -71,7 +71,7 @@ class Watch(ctl.CtlTestCase):
 
 
 class Wait(ctl.CtlTestCase):
-    def test_states(self):
+    def test_wait_for_each_state(self):
         server = self.server()
         started = self.start(server)
         connected = self.following(server, "wait", "--for", "connected")
@@ -87,7 +87,7 @@ class Wait(ctl.CtlTestCase):
         self.ctl(server, "terminate")
         self.assertEqual(ended.wait(zarvo.DEADLINE), DONE)
 
-    def test_state_that_is_there_already(self):
+    def test_wait_for_the_present_state_ends_at_once(self):
         server = self.server()
         started = self.start(server)
         viewer = server.viewer(started["port"], started["password"])
@@ -95,7 +95,7 @@ class Wait(ctl.CtlTestCase):
         self.ctl(server, "wait", started["id"], "--for", "connected")
         viewer.close()
 
-    def test_end_in_place_of_the_state(self):
+    def test_wait_fails_if_the_session_ends_instead(self):
         server = self.server()
         session = self.start(server)["id"]
         process = self.following(server, "wait", session, "--for", "connected")

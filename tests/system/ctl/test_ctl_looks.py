@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""zarvoctl: a server that starts or ends between two of its looks, each time at the worst moment."""
+"""zarvoctl: races with a server that starts or ends between two reads of its files."""
 import json
 import os
 import unittest
@@ -10,7 +10,7 @@ from ctl import DONE, NO_SERVER
 
 
 class Finding(ctl.CtlTestCase):
-    def test_server_that_ends_when_its_files_have_been_read(self):
+    def test_server_ends_after_its_files_were_read(self):
         server = self.server()
         process = self.held(server, "list", "--no-start", path=f"/proc/{server.pid}/")
         server.stop()
@@ -18,7 +18,7 @@ class Finding(ctl.CtlTestCase):
         self.assertEqual((code, output), (NO_SERVER, ""))
         self.assertIn(f'No server is running: there is no file "{server.port_file}"', error)
 
-    def test_port_that_is_told_when_that_of_an_earlier_server_has_been_read(self):
+    def test_port_is_written_after_a_stale_one_was_read(self):
         server = self.server()
         zarvo.write(server.port_file, "1")
         os.utime(server.port_file, (1000, 1000))
@@ -26,23 +26,23 @@ class Finding(ctl.CtlTestCase):
         zarvo.write(server.port_file, str(server.port))
         self.assertEqual(self.let_go(server, process), (DONE, "[]\n", ""))
 
-    # The certificate is read when the port is known, and before somebody is connected to.
+    # zarvoctl reads the certificate after the port, and before it connects.
 
-    def test_server_that_starts_anew_when_its_port_is_known(self):
+    def test_server_restarts_after_its_port_was_read(self):
         server = self.server()
         process = self.held(server, "list", "--json", "--no-start", path=server.certificate)
         server.stop()
         server.start()
         self.assertEqual(self.let_go(server, process), (DONE, "[]\n", ""))
 
-    def test_server_that_ends_when_its_port_is_known(self):
+    def test_server_ends_after_its_port_was_read(self):
         server = self.server()
         process = self.held(server, "server", "status", "--json", path=server.certificate)
         server.stop()
         code, output, error = self.let_go(server, process)
         self.assertEqual((code, json.loads(output)["files"], error), (NO_SERVER, "missing", ""))
 
-    def test_certificate_that_is_renewed_when_the_port_is_known(self):
+    def test_certificate_is_replaced_after_the_port_was_read(self):
         server = self.server()
         process = self.held(server, "list", "--json", path=server.certificate)
         server.stop()
@@ -55,7 +55,7 @@ class Finding(ctl.CtlTestCase):
 
 class Doctor(ctl.CtlTestCase):
     def doctor(self, server, path, nth, meanwhile):
-        """What a doctor finds that is held while something happens, as lines by the title of the check."""
+        """Holds a doctor while something happens. Returns its findings, by the title of the check."""
         process = self.held(server, "doctor", "--json", path=path, nth=nth)
         meanwhile()
         code, output, error = self.let_go(server, process)
@@ -65,13 +65,13 @@ class Doctor(ctl.CtlTestCase):
             lines.setdefault(finding["check"], []).append(f"{finding['level']} {finding['text']}")
         return lines
 
-    def test_certificate_that_is_made_meanwhile(self):
+    def test_certificate_is_made_meanwhile(self):
         server = self.prepare(certificate=False)
-        zarvo.write(server.pid_file, "999999999")  # as a killed server leaves it
+        zarvo.write(server.pid_file, "999999999")  # as a killed server leaves it behind
         lines = self.doctor(server, server.pid_file, 1, server.start)
         self.assertIn("OK Certificate and key belong together", lines["certificate"])
 
-    def test_server_that_starts_meanwhile(self):
+    def test_server_starts_meanwhile(self):
         server = self.prepare(settings={"ListenPort": 0})
         port = 6000 + server.displays.base
         server.settings["ListenPort"] = port
@@ -81,8 +81,8 @@ class Doctor(ctl.CtlTestCase):
         lines = self.doctor(server, server.port_file, 1, server.start)
         self.assertEqual(lines["server"], [f"OK The server is process {server.pid} on port {port} and accepts our certificate"])
 
-    def test_server_that_ends_meanwhile(self):
-        # The certificate is read by its own check, and then by the one that asks the server.
+    def test_server_ends_meanwhile(self):
+        # First the certificate's own check reads it, then the one that connects to the server.
         server = self.server()
         lines = self.doctor(server, server.certificate, 2, server.stop)
         self.assertEqual(lines["server"], ["OK No server is running; zarvoctl starts one when needed"])

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""zarvoctl: sessions on another host, through a real sshd on the loopback interface with keys of its own."""
+"""zarvoctl: sessions on another host. A real sshd on the loopback interface, with its own keys, plays it."""
 import contextlib
 import getpass
 import json
@@ -20,7 +20,7 @@ from ctl import DONE, NO_SERVER, NO_SESSION, WRONG_STATE
 
 SSHD = shutil.which("sshd", path=os.environ.get("PATH", "") + ":/usr/sbin:/sbin")
 
-# Goes through the tunnel with a password that it knows, and says so.
+# Connects through the tunnel with the password, and prints the result.
 VIEWER = """
 import os, socket, sys
 host, _, port = sys.argv[-1].partition("::")
@@ -37,7 +37,7 @@ def run_ssh_keygen(path):
 
 
 class Sshd:
-    """A sshd for this user alone. Every command runs in the surroundings of one server."""
+    """An sshd for this user only. Every command runs in the environment of one server."""
 
     def __init__(self, folder, environment, port):
         os.makedirs(folder)
@@ -62,7 +62,7 @@ PasswordAuthentication no
 PermitRootLogin prohibit-password
 ForceCommand {self.path("command")}
 """)
-        # The client's file; nothing of the user's own is read or written.
+        # The client's configuration, so that it neither reads nor writes the user's own files.
         zarvo.write(self.path("ssh_config"), f"""
 IdentityFile {self.path("user_key")}
 IdentitiesOnly yes
@@ -93,11 +93,11 @@ class Remote(ctl.CtlTestCase):
         if not SSHD or not shutil.which("ssh"):
             self.skipTest("openssh-server and openssh-client are not installed")
         if os.geteuid() == 0:
-            os.makedirs("/run/sshd", mode=0o755, exist_ok=True)  # sshd's own, which its service would make
+            os.makedirs("/run/sshd", mode=0o755, exist_ok=True)  # sshd needs it, and its service would make it
         self.far = self.server({"DisplayLimit": 10})
         self.near = self.server()
         path = os.path.dirname(ctl.CTL) + ":" + self.far.environment["PATH"]
-        # A display number that this server does not use lends its port, so that nobody else has it.
+        # The port of an unused display number of ours, so that no other program has it.
         port = 6000 + self.far.displays.base + 15
         self.sshd = Sshd(os.path.join(self.far.top, "ssh"), {**self.far.environment, "PATH": path}, port)
         self.addCleanup(self.sshd.close)
@@ -105,7 +105,7 @@ class Remote(ctl.CtlTestCase):
         self.location = f"ssh://{getpass.getuser()}@127.0.0.1:{self.sshd.port}/zarvo_sci"
 
     def list_far_sessions(self, location=None):
-        """Puts in the place of the near server one that lists the far one's sessions with their location."""
+        """Replaces the near server by a fake that lists the far one's sessions with their location."""
         entries = self.far.client().local_sessions()
         for entry in entries:
             entry["location"] = self.location if location is None else location
@@ -184,7 +184,7 @@ class Remote(ctl.CtlTestCase):
         (line,) = self.ctl(self.near, "list", "--no-legend").splitlines()
         self.assertIn(" 127.0.0.1 ", line)
 
-    def test_failures_over_there(self):
+    def test_failures_on_the_other_host(self):
         started = self.start(self.far)
         self.list_far_sessions()
         viewer = self.far.viewer(started["port"], started["password"])
@@ -194,14 +194,14 @@ class Remote(ctl.CtlTestCase):
         self.ctl(self.far, "terminate")
         self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=NO_SESSION)
 
-    def test_no_way_there(self):
+    def test_unreachable_host(self):
         self.start(self.far)
         self.list_far_sessions()
         zarvo.write(self.sshd.path("authorized_keys"), "")
         error = self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=NO_SERVER)
         self.assertIn("Permission denied", error)
 
-    def test_no_zarvoctl_there(self):
+    def test_no_zarvoctl_on_the_other_host(self):
         self.start(self.far)
         self.list_far_sessions()
         zarvo.write(self.sshd.path("command"), "#!/bin/sh\nexit 127\n")
@@ -215,14 +215,14 @@ class Remote(ctl.CtlTestCase):
         self.assertIn("names no host", error)
         self.assertIn("\t?\t", self.ctl(self.near, "list", "--plain"))
 
-    def test_location_reaches_no_terminal(self):
+    def test_control_characters_of_a_location_are_not_printed(self):
         self.start(self.far)
         self.list_far_sessions(location="nonsense \x1b[31m\x07")
         error = self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=WRONG_STATE)
         self.assertIn("names no host", error)
         self.assertNotRegex(error, "[\x1b\x07]")
 
-    def test_other_verbs_say_where_it_is(self):
+    def test_other_verbs_name_the_host(self):
         started = self.start(self.far)
         self.list_far_sessions()
         for verb in ("terminate", "logs"):

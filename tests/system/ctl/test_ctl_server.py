@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""zarvoctl: finding, starting and stopping the server, and whom it trusts."""
+"""zarvoctl: finding, starting and stopping the server, and which server it trusts."""
 import contextlib
 import json
 import os
@@ -17,7 +17,7 @@ from ctl import DONE, NO_SERVER, REFUSED, CtlTestCase
 
 
 class Starting(CtlTestCase):
-    def test_first_start_of_all(self):
+    def test_first_start_of_a_user(self):
         server = self.unattended(certificate=False)
         shutil.rmtree(os.path.join(server.home, ".zarvo_server"))
         self.assertEqual(self.ctl_json(server, "list"), [])
@@ -25,7 +25,7 @@ class Starting(CtlTestCase):
         self.assertEqual(zarvo.mode(os.path.dirname(server.path)), "0o700")
         self.assertEqual(len(self.servers(server)), 1)
 
-    def test_ten_at_once_start_one(self):
+    def test_ten_at_once_start_one_server(self):
         for certificate in (True, False):
             with self.subTest(certificate=certificate):
                 server = self.unattended(certificate=certificate)
@@ -33,7 +33,7 @@ class Starting(CtlTestCase):
                 for process in processes:
                     output, error = process.communicate(timeout=2 * zarvo.DEADLINE)
                     self.assertEqual((process.returncode, output), (DONE, "[]\n"), error)
-                # Those that came too late need not have ended yet: nobody waits for them.
+                # The other servers may not have ended yet, because no program waits for them.
                 zarvo.wait_until(lambda: len(self.servers(server)) == 1, "the others to end")
 
     def test_no_start(self):
@@ -51,8 +51,8 @@ class Starting(CtlTestCase):
         self.assertEqual(self.ctl_json(server, "list"), [])
         self.assertEqual(len(self.servers(server)), 1)
 
-    def test_stale_port_that_somebody_else_has(self):
-        # The files of a killed server name a port that another program has got since.
+    def test_stale_port_of_another_program(self):
+        # Another program has got the port that a killed server's files name.
         server = self.unattended()
         server.start()
         server.stop(signal.SIGKILL)
@@ -77,7 +77,7 @@ class Starting(CtlTestCase):
         server = self.unattended(settings={"BroadcastAddress": "nowhere"})
         error = self.ctl_error(server, "list", code=NO_SERVER)
         self.assertIn('Invalid broadcast address "nowhere"', error)
-        # What it had to say it says before it ends.
+        # It prints its error before it ends.
         zarvo.wait_until(lambda: self.servers(server) == [], "the end of the server that does not start")
 
     def test_user_path_cannot_be_made(self):
@@ -94,7 +94,7 @@ class Starting(CtlTestCase):
         self.assertEqual(path.split(":")[-1], os.path.realpath(zarvo.LIBEXEC))
 
     def test_relative_user_path(self):
-        # The server is a daemon and works in the root directory; where zarvoctl is called makes no difference.
+        # The server's working directory is the root, so zarvoctl must not resolve the path by its own.
         server = self.unattended()
         path = os.path.relpath(server.path, "/")
         server.settings["UserPath"] = path
@@ -103,8 +103,8 @@ class Starting(CtlTestCase):
         self.assertEqual(len(self.servers(server)), 1)
         self.assertFalse(os.path.exists(os.path.join(server.top, path)))
 
-    def test_server_in_the_midst_of_its_start(self):
-        # A server process is there and has not written its port: zarvoctl waits, and starts no other.
+    def test_server_that_is_starting_is_waited_for(self):
+        # A server runs and has not written its port yet. zarvoctl waits, and starts no other.
         server = self.server()
         port = zarvo.read(server.port_file)
         zarvo.write(server.port_file, "")
@@ -115,7 +115,7 @@ class Starting(CtlTestCase):
         self.assertEqual(process.communicate(timeout=zarvo.DEADLINE)[0], "[]\n")
 
     def write_and_empty(self, path):
-        """From now on the file is empty at one moment and whole at the next one, as while it is written."""
+        """Makes the file empty and whole in turns, as while the server writes it."""
         content = zarvo.read(path)
         done = threading.Event()
 
@@ -129,7 +129,7 @@ class Starting(CtlTestCase):
         self.addCleanup(writer.join, zarvo.DEADLINE)
         self.addCleanup(done.set)
 
-    def test_port_file_that_is_written_between_two_looks(self):
+    def test_port_file_is_written_between_two_reads(self):
         server = self.server()
         self.write_and_empty(server.port_file)
         for _ in range(10):
@@ -145,7 +145,7 @@ class Starting(CtlTestCase):
             started = self.ctl_result(server, "server", "start").stderr
             self.assertEqual(started, f"The server is process {server.pid} on port {server.port}.\n")
 
-    def test_pid_file_that_goes_while_it_is_read(self):
+    def test_pid_file_is_removed_while_it_is_read(self):
         server = self.server()
         pid = zarvo.read(server.pid_file)
         done = threading.Event()
@@ -168,7 +168,7 @@ class Starting(CtlTestCase):
 
 class Trust(CtlTestCase):
     def listen(self, server, serve):
-        """Answers on the port that the server's files name, in its place."""
+        """Listens on the port that the server's files name, instead of the server."""
         listener = socket.create_server(("127.0.0.1", 0))
         self.addCleanup(listener.close)
         received = []
@@ -210,7 +210,7 @@ class Trust(CtlTestCase):
         self.assertIn("is not our server", self.ctl_error(server, "list", code=REFUSED))
 
     def test_server_that_hangs_up(self):
-        # As one does that fails to start after it has written its port: that says nothing against it.
+        # A server that fails to start after it has written its port does so. It may be the right one.
         server = self.server()
         port = zarvo.read(server.port_file)
         self.listen(server, lambda connection: None)
@@ -219,7 +219,7 @@ class Trust(CtlTestCase):
         self.assertEqual(self.ctl_json(server, "list"), [])
 
     def test_other_own_certificate(self):
-        # The files have been replaced under a running server.
+        # The files were replaced while the server runs.
         server = self.server()
         zarvo.make_certificate(os.path.dirname(server.certificate))
         self.ctl_error(server, "list", code=REFUSED)
@@ -235,7 +235,7 @@ class Trust(CtlTestCase):
         zarvo.write(server.key, "no key")
         self.assertIn("Invalid private key", self.ctl_error(server, "list", code=REFUSED))
 
-    def test_garbage_behind_the_handshake(self):
+    def test_garbage_after_the_handshake(self):
         for answer in (b"abc:", b"99999999:", b"3:{}},", b"2:{},2:[],1:x,", b"12:nonsense"):
             with self.subTest(answer):
                 server = self.server()
@@ -288,7 +288,7 @@ class TheServer(CtlTestCase):
         self.assertFalse(zarvo.alive(pid))
         self.assertFalse(os.path.exists(server.pid_file))
 
-    def test_pid_file_that_has_gone(self):
+    def test_missing_pid_file(self):
         server = self.server()
         os.unlink(server.pid_file)
         self.assertEqual(self.ctl_json(server, "list", "--no-start"), [])

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""zarvoctl: listing sessions, and the verbs that do something with them."""
+"""zarvoctl: listing sessions, and the verbs that act on them."""
 import os
 import re
 import subprocess
@@ -35,14 +35,14 @@ class Listing(CtlTestCase):
         self.assertEqual(re.split(r"  +", bare), cells)
         self.assertEqual(self.ctl(server, "list", "--plain").split("\t")[:2], [session, "xterm -e 'top -d 1'"])
 
-    def test_more_than_one_frame_of_the_server_can_hold(self):
+    def test_listing_longer_than_the_limit_of_a_request(self):
         server = self.server(displays=40)
         name = "x" * 30000
         for _ in range(4):
             self.start(server, name)
         self.assertEqual([entry["name"] for entry in self.ctl_json(server, "list")], [name] * 4)
 
-    def test_large_output_that_nobody_reads(self):
+    def test_large_output_without_a_reader(self):
         server = self.server(displays=40)
         for _ in range(2):
             self.start(server, "x" * 30000)
@@ -59,7 +59,7 @@ class Listing(CtlTestCase):
                 self.assertEqual(result.returncode, code, result.stderr)
                 self.assertTrue(text in result.stderr if text else not result.stderr, result.stderr)
 
-    def test_names_reach_no_terminal(self):
+    def test_control_characters_of_a_name_are_not_printed(self):
         server = self.server()
         self.start(server, "\x1b[31mred\nline")
         output = self.ctl(server, "list", "--no-legend")
@@ -107,7 +107,7 @@ class Sessions(CtlTestCase):
         self.assertEqual(self.ctl_json(server, "list"), [])
         self.assertFalse(os.path.exists(server.directory(session)))
 
-    def test_connect_print_resumes_a_suspended_one(self):
+    def test_connect_print_resumes_a_suspended_session(self):
         server = self.server()
         started = self.start(server)
         server.viewer(started["port"], started["password"]).close()

@@ -120,7 +120,7 @@ class OnTerminal(ctl.CtlTestCase):
         self.assertEqual(terminal.finish()[0], -2)
 
 
-    def test_text_of_others_reaches_no_terminal(self):
+    def test_control_characters_of_others_are_not_printed(self):
         server = self.server()
         session = self.start(server)["id"]
         for path in (os.path.join(server.directory(session), "server_log"), server.log_file):

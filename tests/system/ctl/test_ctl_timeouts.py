@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""zarvoctl: what does not answer is waited for, and not for ever. The waits are long, so they go side by side."""
+"""zarvoctl: every wait has a timeout. The waits are long, so they run side by side."""
 import os
 import signal
 import time
@@ -20,7 +20,7 @@ class Patience(ctl.CtlTestCase):
             for wait in [pool.submit(wait) for wait in waits]:
                 wait.result()
 
-    # Each of these prepares one case, and returns the function that waits for its end.
+    # Each of these functions prepares one case, and returns the function that waits for its end.
 
     def server_that_hangs(self):
         server = self.server()
@@ -31,7 +31,7 @@ class Patience(ctl.CtlTestCase):
             self.ctl_error(server, "wait", "--for", "ended", "--timeout", "1.5", code=TIMED_OUT)
             middle = time.monotonic()
             self.assertIn("does not answer", self.ctl_error(server, "list", code=TIMED_OUT))
-            # That one took the ten seconds that a connection may take; both go on beside the same others.
+            # This case took the ten seconds of a connection's timeout. The others have run beside it.
             self.assertLess(middle - begin, time.monotonic() - middle)
             self.assertIn("does not answer", self.ctl_error(server, "server", "status", code=NO_SERVER))
         return wait

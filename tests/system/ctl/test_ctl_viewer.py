@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""zarvoctl: getting in with a viewer, and pictures of sessions; once the whole story with the real programs."""
+"""zarvoctl: connecting with a viewer, screenshots, and one run through all of it with the real programs."""
 import os
 import struct
 import subprocess
@@ -13,7 +13,7 @@ from ctl import DONE, FAILED, NO_SESSION, NO_VIEWER
 
 PASSWORD_FILE_KEY = bytes.fromhex("e84ad660c4721ae0")
 
-# Records how it was called and what the password file holds, then behaves as told: "exit N" or "wait".
+# Records its arguments and the content of the password file, then does as told: "exit N" or "wait".
 VIEWER = """
 seen={seen}
 tr '\\0' '\\n' < /proc/$$/cmdline > "$seen/cmdline"
@@ -63,7 +63,7 @@ class WithFakeViewer(ctl.CtlTestCase):
         with open(os.path.join(self.seen, name), "rb") as file:
             return file.read()
 
-    def test_password_is_nowhere_but_in_its_file(self):
+    def test_password_is_only_in_its_file(self):
         server = self.server()
         environment = self.viewer(server)
         environment["ZARVO_VIEWER"] += " -extra \"one argument\""
@@ -126,7 +126,7 @@ class Screenshots(ctl.CtlTestCase):
         server = self.server()
         path = os.path.join(server.top, "out.png")
         self.ctl_error(server, "screenshot", "x", path, code=NO_SESSION)
-        session = self.start(server)["id"]  # its agent has no X server
+        session = self.start(server)["id"]  # this agent has no X server
         self.assertIn("cannot be opened", self.ctl_error(server, "screenshot", session, path, code=FAILED))
         os.unlink(os.path.join(server.directory(session), "authority"))
         self.assertIn("There is no cookie", self.ctl_error(server, "screenshot", session, path, code=FAILED))
@@ -142,7 +142,7 @@ class WholeStory(ctl.CtlTestCase):
         self.instance.start()
 
     def screen(self):
-        """An X display for viewers, empty but for them."""
+        """An X display that shows only viewers."""
         number = self.instance.displays.base + self.instance.displays.count - 1
         authority = os.path.join(self.instance.top, "screen-authority")
         subprocess.run(["xauth", "-q", "-f", authority, "add", f"unix:{number}", "MIT-MAGIC-COOKIE-1",
@@ -170,7 +170,7 @@ class WholeStory(ctl.CtlTestCase):
 
     @staticmethod
     def are_alike(image, picture):
-        """Whether they show the same but for the mouse pointer, which this client gets painted into its image."""
+        """Whether both show the same, apart from the mouse pointer, which is painted into this client's image."""
         width, height, pixels = picture
         if (image.width, image.height) != (width, height):
             return False
@@ -194,7 +194,7 @@ class WholeStory(ctl.CtlTestCase):
         again.kill()
         self.ctl(self.instance, "wait", session, "--for", "suspended", "--timeout", str(zarvo.DEADLINE))
 
-        # What the picture shows is what a client of the session sees, once the application has drawn all of it.
+        # The screenshot shows what a client of the session sees, once the application has drawn all of it.
         offer = self.ctl_json(self.instance, "connect", "--print")
         with rfb.Client("127.0.0.1", offer["port"], offer["password"], timeout=zarvo.DEADLINE) as client:
             zarvo.wait_until(lambda: self.are_alike(client.framebuffer(), self.picture(session)), "equal pictures")

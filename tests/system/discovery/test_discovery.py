@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Servers of one user that find each other. The other host is played from 127.0.0.2: no interface has this address."""
+"""Servers of one user find each other. The test plays the other host from 127.0.0.2, which no interface has."""
 import os
 import queue
 import socket
@@ -15,7 +15,7 @@ from hosts import OTHER_HOST, QUERY, entry, reply
 
 
 class Peer:
-    """The TLS service of another server: answers one query after the other with what the test has prepared."""
+    """The TLS service of another server. It answers one query after the other as the test has prepared."""
 
     def __init__(self, certificate, key, trusted):
         self.context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
@@ -52,7 +52,7 @@ class Peer:
                             tls.recv(4096)
                         else:
                             tls.sendall(piece)
-                    tls.setblocking(False)  # says goodbye, but waits for none
+                    tls.setblocking(False)  # closes TLS without waiting for the other side
                     tls.unwrap()
             except ssl.SSLWantReadError:
                 pass
@@ -94,7 +94,7 @@ class Discovery(hosts.NeighbourCase):
         self.client.call("Live.Terminate", [session])
         self.assertEqual(self.hear(), self.datagram("UPDATE"))
 
-    def test_hello_is_answered_and_leads_to_one_query(self):
+    def test_hello_is_answered_and_causes_one_query(self):
         self.start()
         peer, far = self.peer(), zarvo.new_id()
         peer.replies.put([reply([entry(far)])])
@@ -104,11 +104,11 @@ class Discovery(hosts.NeighbourCase):
         self.assertEqual(request, QUERY)
         own = ssl.PEM_cert_to_DER_cert(zarvo.read(self.instance.certificate))
         self.assertEqual(shown, own)
-        # To the port that it came from, and not to everybody's.
+        # To the port that it came from, not to the broadcast port.
         self.assertEqual(other.recv(4096), self.datagram("UPDATE"))
         zarvo.wait_until(lambda: self.listed() == [entry(far)], "the peer's session")
 
-    def test_update_leads_to_a_query_and_no_answer(self):
+    def test_update_causes_a_query_and_no_answer(self):
         self.start()
         peer = self.peer()
         other = self.datagrams(OTHER_HOST, 0)
@@ -171,7 +171,7 @@ class Discovery(hosts.NeighbourCase):
         self.assertEqual(self.listed()[0]["location"], f"ssh://{far.user}@{zarvo.HOST}:22/zarvo_sci")
 
     def test_change_while_a_peer_prepares_its_answer(self):
-        """The peer's listing waits for a session that starts; it tells all clients of another one meanwhile."""
+        """The peer's listing waits for a starting session. Meanwhile the peer notifies all clients of another one."""
         self.start()
         far = self.prepare({"DisplayLimit": 10, "BroadcastAddress": "127.0.0.1"})
         far.settings["BroadcastPort"] = 6000 + far.displays.base + 15
@@ -191,7 +191,7 @@ class Discovery(hosts.NeighbourCase):
         zarvo.wait_until(lambda: slow in [item["id"] for item in self.listed() or []], "the session")
         self.assertEqual(self.warnings(), [])
 
-    def test_datagrams_that_are_ignored(self):
+    def test_datagrams_of_others_are_ignored(self):
         self.start()
         peer, bait = self.peer(), self.peer()
         good = self.message(bait)
@@ -202,7 +202,7 @@ class Discovery(hosts.NeighbourCase):
                         {key: good[key] for key in ("User", "Method")}, [good], good["User"], 5, None, {}, [],
                         dict(good, Method="GOODBYE")):
             self.say(content)
-        # From this host itself: that is how the own broadcasts come back.
+        # From this host itself, as a server's own broadcasts come back.
         own = self.datagrams("127.0.0.1", 0)
         self.say(good, own)
         self.say(b"no JSON from this host", own)
@@ -212,7 +212,7 @@ class Discovery(hosts.NeighbourCase):
         self.assertTrue(bait.seen.empty(), "an ignored datagram led to a query")
         self.assertEqual(self.warnings(), [])
 
-    def test_datagram_that_is_no_json(self):
+    def test_datagram_that_is_no_json_is_logged(self):
         self.start()
         for number, content in enumerate((b"no JSON", b"", b"{", b"\xff\xfe", b"[" * 5000), 1):
             self.say(content)
@@ -220,7 +220,7 @@ class Discovery(hosts.NeighbourCase):
         self.assert_serves(self.instance)
 
     def assert_query_fails(self, message, pieces, peer=None):
-        """The answer costs one line in the log, and the peer's sessions, as far as they are known, are forgotten."""
+        """Checks that the answer causes one line in the log, and that the peer's sessions are forgotten."""
         peer = peer or self.peer()
         if pieces is not None:
             peer.replies.put([reply([entry("1" * 32)])])
@@ -234,7 +234,7 @@ class Discovery(hosts.NeighbourCase):
         zarvo.wait_until(lambda: self.listed() is None, "the sessions to be forgotten")
         self.assertEqual(len(self.warnings()), before + 1)
 
-    def test_answers_that_are_refused(self):
+    def test_bad_answers_are_refused(self):
         self.start()
         invalid = "Received invalid JSON"
         for pieces, message in (
@@ -255,7 +255,7 @@ class Discovery(hosts.NeighbourCase):
             with self.subTest(pieces=[piece[:60] for piece in pieces]):
                 self.assert_query_fails(message, pieces)
 
-    def test_answer_in_pieces(self):
+    def test_answer_in_pieces_is_accepted(self):
         self.start()
         peer = self.peer()
         whole = reply([entry("1" * 32)])
@@ -263,7 +263,7 @@ class Discovery(hosts.NeighbourCase):
         self.say(self.message(peer))
         zarvo.wait_until(lambda: self.listed() == [entry("1" * 32)], "the peer's session")
 
-    def test_bytes_behind_the_answer_are_ignored(self):
+    def test_bytes_after_the_answer_are_ignored(self):
         self.start()
         peer = self.peer()
         peer.replies.put([reply([entry("1" * 32)]) + b"nonsense"])
@@ -271,12 +271,12 @@ class Discovery(hosts.NeighbourCase):
         zarvo.wait_until(lambda: self.listed() == [entry("1" * 32)], "the peer's session")
         self.assertEqual(self.warnings(), [])
 
-    def test_peer_with_another_certificate(self):
+    def test_peer_with_another_certificate_is_not_queried(self):
         self.start()
         with tempfile.TemporaryDirectory(prefix="zarvo-discovery-") as folder:
             foreign = self.peer(zarvo.make_certificate(folder))
         self.assert_query_fails(f'The certificate at "{OTHER_HOST}" port "%(port)d" does not match', None, foreign)
-        # Nothing was asked of it.
+        # It got no query.
         self.assertNotEqual(foreign.next_query()[1], QUERY)
 
     def test_peer_that_is_not_there(self):
@@ -293,19 +293,19 @@ class Discovery(hosts.NeighbourCase):
         self.say(self.message(peer))
         peer.next_query()
         self.assert_serves(self.instance)
-        # The end of the server waits for the query, and the query for the end of its time.
+        # The server's end waits for the query, and the query for its timeout.
         self.assertEqual(self.instance.stop(), 0)
         self.assertGreater(time.monotonic() - begin, 14.5)
         self.assertEqual(len(self.warnings()), 1)
         self.assertRegex(self.warnings()[0], f'^Failed to read from "{OTHER_HOST}" port "{peer.port}": .+$')
         self.assertFalse(os.path.exists(self.instance.pid_file))
 
-    def test_threads_that_asked_leave_no_state_of_the_tls_library(self):
+    def test_query_threads_leave_no_state_of_the_tls_library(self):
         library = os.path.join(zarvo.BUILD, "tests", "discovery", "libcryptostates.so")
         self.assertTrue(os.path.exists(library), "the build folder's tests are not built")
         seen = os.path.join(self.instance.top, "states")
         self.instance.environment.update(LD_PRELOAD=library, ZARVO_CRYPTO_STATES=seen)
-        # Of two libraries that both want to be the first the sanitizer's lets this one pass.
+        # The sanitizer's library insists on being loaded first, unless it is told not to.
         self.instance.environment["ASAN_OPTIONS"] += ":verify_asan_link_order=0"
         self.start()
         peer = self.peer()

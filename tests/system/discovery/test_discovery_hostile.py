@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Peers that mean harm, or are broken: no datagram and no answer of theirs costs the server its clients or its listings."""
+"""Hostile and broken peers: none of their datagrams and answers harms the server, its clients or its listings."""
 import itertools
 import json
 import os
@@ -17,7 +17,7 @@ INVALID = "Received invalid JSON"
 
 class Datagrams(HostileCase):
     def wrong_shapes(self, port):
-        """Texts that are JSON but no announcement of this user. The port is one where nobody may come."""
+        """JSON texts that are no announcement of this user. The server must not connect to this port."""
         user = self.instance.user
         good = {"Method": "UPDATE", "Port": port, "User": user}
         for value in (5, 5.5, "text", "", True, False, None, [], {}, [good], [[good]], {"a": good}, good["User"]):
@@ -44,21 +44,21 @@ class Datagrams(HostileCase):
         number = b"%d" % bait.port
         shapes += [b'{"Method":"UPDATE","Port":%s,"User":"%s"}' % (port, user)
                    for port in (number + b".0", number + b"e0", b"-0.5", b'"%s"' % number)]
-        # What is no text in UTF-8 is JSON all the same for a reader that does not look.
+        # A reader that does not check UTF-8 takes these for JSON.
         shapes += [b'{"Method":"UPDATE","Port":%s,"User":"\xff\xfe"}' % number,
                    b'{"Method":"\xc0\x80","Port":%s,"User":"%s"}' % (number, user)]
         for shape in shapes:
             with self.subTest(datagram=shape[:100]):
                 self.say(shape)
-                self.say(b"/")  # no JSON: the mark that the one before was handled
-                zarvo.wait_until(lambda: self.warnings(), "the mark")
+                self.say(b"/")  # no JSON: its log line shows that the server has handled the one before
+                zarvo.wait_until(lambda: self.warnings(), "the line")
                 lines = self.warnings()
                 open(self.instance.log_file, "w").close()  # the server appends
                 self.assertEqual(lines, [INVALID])
         self.assert_still_listens()
         self.assertEqual(bait.accepted, 0, "a wrong datagram led to a query")
 
-    def test_what_is_no_json_costs_a_line(self):
+    def test_text_that_is_no_json_is_logged(self):
         good = hosts.announcement("UPDATE", 9, self.instance.user)
         texts = [b"", b" ", b"\n", b"\0", b"{", b"}", b'"', b"[", b"nul", b"tru", b"UPDATE", b"\xff\xfe",
                  b"\xef\xbb\xbf", b"\xef\xbb\xbf" + good, good.rstrip()[:-1] + b",}",
@@ -70,8 +70,8 @@ class Datagrams(HostileCase):
         self.assertEqual(self.warnings(), [INVALID] * len(texts))
         self.assert_still_listens()
 
-    def test_announcements_with_decoration_count(self):
-        """More than is needed does no harm: other members, white space, comments, text behind, the largest datagram."""
+    def test_announcements_with_more_than_is_needed_count(self):
+        """Other members, white space, comments, text after the value, the largest datagram."""
         for number, form in enumerate((b'  {"Method" : "UPDATE",\r\n\t"Port":%d, "User":"%s"}  ',
                                        b'{"Method":"UPDATE","Port":%d,"User":"%s","Other":[1,{"a":null}]}',
                                        b'{"Method":"UPDATE","Port":%d,"User":"%s"} and more',
@@ -89,14 +89,14 @@ class Datagrams(HostileCase):
         zarvo.wait_until(lambda: session in (self.listed() or []), "the peer's session")
         self.assertEqual(self.warnings(), [])
 
-    def test_sixty_thousand_random_ones(self):
+    def test_sixty_thousand_random_datagrams(self):
         seed = random.getrandbits(32)
         print(f"seed {seed}", end=" ", flush=True)
         dice = random.Random(seed)
         bait = self.service(hosts.wait_hang_up)
         good = {"Method": "UPDATE", "Port": bait.port, "User": self.instance.user}
 
-        def garbage():  # certainly no JSON
+        def garbage():  # never JSON
             return b"\xff" + dice.randbytes(dice.choice((0, 1, 3, 20, 200, 1400)))
 
         def value(depth=0):
@@ -108,14 +108,14 @@ class Datagrams(HostileCase):
             text = dice.choice((*good, "UPDATE", "HELLO", self.instance.user, "\0", "\u00e4\U0001f600", "x" * 300))
             return (None, dice.random() < 0.5, dice.randrange(-2 ** 70, 2 ** 70), dice.uniform(-1e9, 1e9), text)[kind]
 
-        def shape():  # JSON, and with one member that is wrong
+        def shape():  # JSON, with one wrong member
             wrong = value()
             key = dice.choice(("Method", "Port", "User"))
             if wrong == good[key] or key == "Method" and wrong == "HELLO" or key == "Port" and type(wrong) is int:
                 wrong = []
             return json.dumps(dict(good, **{key: wrong})).encode()
 
-        # Of somebody else, for chance must not send the server to a port of another program.
+        # Of another user, because a chance hit must not send the server to another program's port.
         foreign = hosts.announcement("HELLO", bait.port, "somebody else")
 
         def mutation():
@@ -152,10 +152,10 @@ class Datagrams(HostileCase):
 
 
 class Answers(HostileCase):
-    """What a peer answers. Each is first known with a session, so that what is forgotten is seen."""
+    """A peer's answers. The server first lists a session of it, so that the test sees when it is forgotten."""
 
     def peer(self):
-        """A peer whose answer is what stands in its attribute at the time."""
+        """A peer that answers with what its attribute holds at the time."""
         def answer(tls):
             for piece in peer.pieces:
                 tls.sendall(piece)
@@ -180,7 +180,7 @@ class Answers(HostileCase):
         self.wait_listed(None)
         self.assertEqual(len(self.warnings()), before + 1)
 
-    def test_answers_that_are_refused(self):
+    def test_bad_answers_are_refused(self):
         peer = self.peer()
 
         def answer(text):
@@ -201,7 +201,7 @@ class Answers(HostileCase):
             with self.subTest(answer=str(text)[:80]):
                 self.assert_refused(peer, INVALID, answer(text))
 
-    def test_error_of_the_peer_is_logged_in_its_words(self):
+    def test_error_text_of_the_peer_is_logged(self):
         peer = self.peer()
         for code, message in ((-32000, "It is late."), (1, ""), (0, "\u00e4 %1 %2 %3"),
                               (-32094, "No session exists with the given id.")):
@@ -209,7 +209,7 @@ class Answers(HostileCase):
                 self.assert_refused(peer, re.escape(message), zarvo.frame(
                     {"id": "ServerUpdate", "jsonrpc": "2.0", "error": {"code": code, "message": message}}))
 
-    def test_words_of_the_peer_cannot_pass_for_lines_of_the_log(self):
+    def test_text_of_the_peer_cannot_forge_lines_of_the_log(self):
         peer = self.peer()
         forged = "late\nSat 1 00:00:00: Info: Exiting the server\r\n\x1b[2J\0\x85\u2028"
         self.assert_refused(peer, re.escape(
@@ -219,7 +219,7 @@ class Answers(HostileCase):
             self.assertRegex(line, f"^{zarvo.DAY}: (Info|Warning): ")
         self.assertNotIn("Exiting the server", [line.split(": ", 2)[2] for line in self.instance.log().splitlines()])
 
-    def test_frames_that_are_refused(self):
+    def test_bad_frames_are_refused(self):
         peer = self.peer()
         whole = reply([entry("2" * 32)])
         for pieces, message in (([b"65537:"], "Invalid NetString length"), ([b"65537:" + b"x" * 65537 + b","],
@@ -234,7 +234,7 @@ class Answers(HostileCase):
                                 ([b"0:!"], "Missing NetString comma"), ([b"0:,"], INVALID)):
             with self.subTest(pieces=[piece[:40] for piece in pieces]):
                 self.assert_refused(peer, message, *pieces)
-        # The largest that is accepted: filled up by a text that the reader leaves aside.
+        # The largest answer that is accepted: a member that the server ignores fills it up.
         head = b'{"id":"ServerUpdate","jsonrpc":"2.0","result":[],"x":"'
         self.ask(peer, reply([entry("3" * 32)]))
         self.wait_listed([entry("3" * 32)])
@@ -243,7 +243,7 @@ class Answers(HostileCase):
         self.wait_listed(None)
         self.assertEqual(len(self.warnings()), before)
 
-    def test_peer_that_hangs_up(self):
+    def test_peer_that_hangs_up_is_forgotten(self):
         peer = self.peer()
         peer.hangs_up = True
         for pieces in ([], [b"1"], [b"100:{"], [reply([entry("2" * 32)])[:-1]]):
@@ -258,7 +258,7 @@ class Answers(HostileCase):
                                  f'^Failed to read from "{OTHER_HOST}" port "{peer.port}": .+$')
                 self.wait_listed(None)
 
-    def test_peer_that_breaks_off_before_it_is_trusted(self):
+    def test_peer_that_breaks_off_its_handshake_is_logged(self):
         for behave in (lambda raw: None, lambda raw: raw.sendall(b"HTTP/1.1 400 Bad Request\r\n\r\n"),
                        lambda raw: raw.sendall(os.urandom(3000)), lambda raw: (raw.recv(10), raw.close()),
                        lambda raw: raw.sendall(b"\x16\x03\x03\xff\xff" + bytes(70000)),
@@ -270,7 +270,7 @@ class Answers(HostileCase):
             self.assertRegex(self.warnings()[before], f'^Failed to connect to "{OTHER_HOST}" port "{peer.port}": .+$')
         self.assert_still_listens()
 
-    def test_elements_that_make_no_sense_are_skipped(self):
+    def test_invalid_elements_are_skipped(self):
         peer = self.peer()
         first, last = entry("1" * 32), entry("2" * 32)
         for odd in (None, 5, -1, 1.5, True, "text", "", [], [first], [[]], *(
@@ -282,7 +282,7 @@ class Answers(HostileCase):
                 self.wait_listed([first, last])
         self.assertEqual(self.warnings(), [])
 
-    def test_elements_that_are_odd_but_whole_are_kept(self):
+    def test_odd_but_valid_elements_are_kept(self):
         peer = self.peer()
         empty = dict.fromkeys(entry(""), "")
         for sent, shown in (
@@ -302,8 +302,8 @@ class Answers(HostileCase):
                 self.wait_listed([shown])
         self.assertEqual(self.warnings(), [])
 
-    def test_text_that_is_no_utf8(self):
-        """The clients get JSON all the same, also in what is pushed to them."""
+    def test_invalid_utf8_of_a_peer_is_replaced(self):
+        """The clients still get valid JSON, also in notifications."""
         peer = self.peer()
         for broken in (b"\xff", b"\xc3", b"\xe4\xf6\xfc", b"\xed\xa0\x80", b"\xf8\x88\x80\x80\x80", b"\xc0\xaf",
                        b"a\x80b"):
@@ -313,7 +313,7 @@ class Answers(HostileCase):
                 session = zarvo.new_id()
                 whole = {"id": "ServerUpdate", "jsonrpc": "2.0", "result": [entry(session, name="NAME")]}
                 self.ask(peer, zarvo.frame(json.dumps(whole).encode().replace(b"NAME", broken)))
-                # The library decodes each answer strictly; so the wait is the test.
+                # The client decodes each answer strictly, so this wait is the check.
                 shown = zarvo.wait_until(self.listed, "the peer's session")
                 self.assertEqual(shown, [entry(session, name=shown[0]["name"])])
                 self.assertIn("\ufffd", shown[0]["name"])
@@ -321,7 +321,7 @@ class Answers(HostileCase):
 
     def test_five_thousand_sessions(self):
         peer = self.peer()
-        # As short as a session can be they fit into one frame.
+        # With the shortest entries they fit into one frame.
         with Latencies(self.instance) as latencies:
             self.ask(peer, reply([{"id": "x"}] * 5000))
             zarvo.wait_until(lambda: len(self.listed() or []) == 5000, "the sessions")
@@ -330,7 +330,7 @@ class Answers(HostileCase):
             session = zarvo.new_id()
             self.client.call("Live.Start", [session, "xterm", "800x600"])
             self.client.wait_notification(lambda params: len(params or []) == 5001, "all sessions")
-            # As they really are they do not.
+            # With real entries they do not.
             before = len(self.warnings())
             self.ask(peer, reply([entry(f"{number:032x}") for number in range(5000)]))
             zarvo.wait_until(lambda: len(self.warnings()) > before, "the warning")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Servers of one user on several hosts: each a namespace with its own network, name and temporary directory."""
+"""Servers of one user on several hosts. Each host is a namespace with its own network, name and /tmp."""
 import contextlib
 import os
 import shutil
@@ -39,7 +39,7 @@ class HostsCase(zarvo.TestCase):
         session = zarvo.new_id()
         server.agent(session, **options)
         answer = server.talk.call("Live.Start", [session, "xterm", "800x600"])
-        # A peer may have seen it already, but its end is announced only if the server's own look has found it.
+        # A peer may have seen it before, but the server announces its end only if its own refresh has found it.
         server.talk.wait_notification(lambda params: session in [item["id"] for item in params or []],
                                       "the new session")
         return session, answer
@@ -52,7 +52,7 @@ class HostsCase(zarvo.TestCase):
         zarvo.wait_until(lambda: sorted(self.ids(server)) == sorted(ids), f"{len(ids)} sessions on {server.host.name}")
 
     def wait_same(self, servers, ids):
-        """Each of the servers lists these sessions, the others' as these describe them themselves."""
+        """Checks that each server lists these sessions, those of others as the others describe them."""
         for server in servers:
             self.wait_ids(server, *ids)
         for server in servers:
@@ -60,7 +60,7 @@ class HostsCase(zarvo.TestCase):
                            key=lambda other: f"{other.address}:{other.port}")
 
             def agrees():
-                # Asked for each time: an agent on a busy machine tells a new server late what its session is like.
+                # Read anew each time, because an agent on a busy machine answers a new server late.
                 own = [item for other in [*peers, server] for item in other.talk.local_sessions()]
                 return server.talk.listing("Live.ListSessions") == (own or None)
             zarvo.wait_until(agrees, f"{server.host.name} to list what the others do")
@@ -71,7 +71,7 @@ class HostsCase(zarvo.TestCase):
 
 
 class Broadcast:
-    """What holds whichever address the servers shout to."""
+    """Tests that hold for each broadcast address."""
 
     def test_life_of_a_session_is_seen_on_all_hosts(self):
         servers = alpha, beta, gamma = self.running("alpha", "beta", "gamma")
@@ -104,7 +104,7 @@ class Broadcast:
         self.wait_same(servers, [second])
         beta.talk.call("Live.Terminate", [second])
         self.wait_same(servers, [])
-        # A listing that waits for a session which goes meanwhile fails, also for a peer; the end is the next news then.
+        # A listing fails if a session ends while it waits, also for a peer. Then the peer learns of the end next.
         for server in servers:
             self.assertLessEqual(set(self.warnings(server)), {"No session exists with the given id."})
 
@@ -116,8 +116,8 @@ class Broadcast:
         beta.talk.wait_notification(lambda params: params is None, "the end of the session")
 
 
-class EverybodysAddress(Broadcast, HostsCase):
-    # Both settings are left out: the defaults are what is meant.
+class DefaultAddress(Broadcast, HostsCase):
+    # Both settings are left out, so the defaults hold.
     settings = {"BroadcastAddress": None, "UserPath": None}
 
 
@@ -126,16 +126,16 @@ class SubnetAddress(Broadcast, HostsCase):
 
 
 class ComingAndGoing(HostsCase):
-    def test_server_that_starts_late_learns_of_the_others(self):
+    def test_late_server_learns_of_the_others(self):
         alpha, beta = self.running("alpha", "beta")
         first, second = self.start_session(alpha)[0], self.start_session(beta)[0]
         self.wait_same([alpha, beta], [first, second])
-        # Nothing changes on the others meanwhile: they know only from the newcomer's greeting.
+        # Nothing changes on the others, so they know the new server only by its greeting.
         gamma, = self.running("gamma")
         self.wait_same([alpha, beta, gamma], [first, second])
 
-    def test_sessions_of_a_server_that_starts_again_are_seen_anew(self):
-        self.site.settings["ListenPort"] = 20124  # so that the server is where it was
+    def test_sessions_of_a_restarted_server_are_seen_again(self):
+        self.site.settings["ListenPort"] = 20124  # so that it has the same port again
         alpha, beta = self.running("alpha", "beta")
         session = self.start_session(beta)[0]
         self.wait_same([alpha, beta], [session])
@@ -144,12 +144,12 @@ class ComingAndGoing(HostsCase):
         beta.talk = beta.client()
         self.wait_same([alpha, beta], [session])
 
-    def test_server_that_died_is_forgotten_when_it_is_asked(self):
+    def test_killed_server_is_forgotten_at_the_next_query(self):
         alpha, beta, gamma = self.running("alpha", "beta", "gamma")
         session = self.start_session(gamma)[0]
         self.wait_same([alpha, beta, gamma], [session])
         gamma.stop(signal.SIGKILL)
-        # What it sent last arrives when it has died already.
+        # Its last datagram arrives when it is dead.
         gamma.host.datagrams().sendto(gamma.announcement("UPDATE"), (alpha.address, hosts.UDP_PORT))
         self.wait_ids(alpha)
         self.assertEqual(self.ids(beta), [session])
@@ -158,7 +158,7 @@ class ComingAndGoing(HostsCase):
                          f'^Failed to connect to "{gamma.address}" port "{gamma.port}": Connection refused$')
 
     def shifted(self, name):
-        """A server whose clocks shift() puts forward, by the seconds for the wall and for the other one."""
+        """A server, and the function that sets its wall clock and its monotonic clock forward."""
         server = self.site.server(name)
         shift = clock.shifting(self, server)
         server.start()
@@ -173,13 +173,13 @@ class ComingAndGoing(HostsCase):
         seen = time.monotonic()
         gamma.host.plug("down")
         shift(370, 0)
-        own = self.start_session(alpha)[0]  # found by a pass that had the new time
+        own = self.start_session(alpha)[0]  # found by a refresh with the new time
         if time.monotonic() - seen < 25:
             self.assertEqual(sorted(self.ids(alpha)), sorted([own, session]))
         shift(401, 0)
         self.wait_ids(alpha, own)
         self.assertEqual(self.warnings(alpha), [])
-        # Back again, it is found by its next change.
+        # When the host is back, its next change makes it known.
         gamma.host.plug("up")
         other = self.start_session(gamma)[0]
         self.wait_ids(alpha, own, session, other)
@@ -190,7 +190,7 @@ class ComingAndGoing(HostsCase):
         self.assertEqual(ear.recv(4096), alpha.announcement("HELLO"))
         self.assertEqual(ear.recv(4096), alpha.announcement("UPDATE"))
         shift(0, 280)
-        self.assertEqual(alpha.talk.call("Live.GetVersion"), zarvo.VERSION)  # it has looked at the clock since
+        self.assertEqual(alpha.talk.call("Live.GetVersion"), zarvo.VERSION)  # it has read the clock since
         ear.settimeout(0.5)
         with self.assertRaises(TimeoutError):
             ear.recv(4096)
@@ -204,7 +204,7 @@ class ComingAndGoing(HostsCase):
 class Strangers(HostsCase):
     def test_servers_of_other_users_are_ignored(self):
         alpha, = self.running("alpha")
-        # The same home, so that nothing but the name stands between them.
+        # The same home directory, so they differ only in the user's name.
         other, = self.running("other", user=self.site.user.upper())
         longer, = self.running("longer", user=self.site.user + "x")
         own, theirs = self.start_session(alpha)[0], self.start_session(other)[0]
@@ -217,7 +217,7 @@ class Strangers(HostsCase):
             self.assertEqual(self.warnings(server), [])
 
     def test_server_with_another_certificate_is_refused(self):
-        self.site.settings["ListenPort"] = 20124  # so that the server is where it was
+        self.site.settings["ListenPort"] = 20124  # so that it has the same port again
         alpha, = self.running("alpha")
         gamma, = self.running("gamma", home=self.site.new_home("elsewhere"))
         own, session = self.start_session(alpha)[0], self.start_session(gamma)[0]
@@ -229,18 +229,18 @@ class Strangers(HostsCase):
         message = 'The certificate at "%s" port "%d" does not match'
         alpha.wait_log("Warning", message % (gamma.address, gamma.port))
         self.wait_ids(alpha, own)
-        # It is no better the other way round.
+        # The other way round, it is refused as well.
         gamma.wait_log("Warning", message % (alpha.address, alpha.port))
         self.assertEqual(self.ids(gamma), [session])
 
     def shout_from(self, alpha, *sources):
-        """Sends from these addresses of the host itself; returns where nobody may come for that."""
+        """Sends from these addresses of the host itself. Returns the service that must not get a query for it."""
         bait = hosts.Service(self, hosts.wait_hang_up, "0.0.0.0", alpha.host)
         loud = hosts.announcement("HELLO", bait.port, alpha.user)
         for source in sources:
             own = alpha.host.datagrams(0, source)
             for target in ("127.0.0.1", alpha.address, "255.255.255.255", f"{hosts.NETWORK}.255"):
-                # Where an address can not be reached from this one nothing can come from there either.
+                # If this host cannot reach an address, nothing can come from there either.
                 with contextlib.suppress(OSError):
                     own.sendto(loud, (target, hosts.UDP_PORT))
                     own.sendto(b"no JSON from this host", (target, hosts.UDP_PORT))
@@ -253,17 +253,17 @@ class Strangers(HostsCase):
         bait = self.shout_from(alpha, "203.0.113.7")
         beta, = self.running("beta")
         friend = self.start_session(beta)[0]
-        self.wait_ids(alpha, friend)  # by now it has looked at those before
+        self.wait_ids(alpha, friend)  # by now it has read the earlier datagrams
         self.assertEqual(bait.accepted, 0, "an ignored datagram led to a query")
         self.assertEqual(self.warnings(alpha), [])
 
-    def test_own_datagrams_are_dropped(self):
+    def test_own_datagrams_are_ignored(self):
         alpha, = self.running("alpha")
         alpha.host.ip("link", "add", "second", "type", "bridge")
         alpha.host.ip("address", "add", "198.51.100.7/24", "dev", "second")
         alpha.host.ip("link", "set", "second", "up")
         bait = self.shout_from(alpha, "127.0.0.1", "198.51.100.7", alpha.address)
-        # The own broadcasts come back too: a session would be listed twice.
+        # Its own broadcasts come back. If it did not ignore them, a session would be listed twice.
         session = self.start_session(alpha)[0]
         beta, = self.running("beta")
         friend = self.start_session(beta)[0]
@@ -275,13 +275,13 @@ class Strangers(HostsCase):
         beta = self.site.host("beta")
         everybody, source = beta.datagrams(hosts.UDP_PORT), beta.datagrams()
         alpha, = self.running("alpha")
-        # What it says by itself has come before anything is said to it.
+        # Read its own announcements before sending anything to it.
         self.assertEqual(everybody.recv(4096), alpha.announcement("HELLO"))
         self.assertEqual(everybody.recv(4096), alpha.announcement("UPDATE"))
         peer = hosts.Service(self, hosts.answering(alpha.certificate, alpha.key, hosts.reply([hosts.entry("1" * 32)])),
                              "0.0.0.0", beta)
         hello, update = (hosts.announcement(method, peer.port, alpha.user) for method in ("HELLO", "UPDATE"))
-        # An update first: an answer to it would come before the one to the greeting.
+        # First an update: an answer to it would come before the one to the greeting.
         source.sendto(update, (alpha.address, hosts.UDP_PORT))
         self.wait_ids(alpha, "1" * 32)
         self.assertEqual(everybody.recv(4096), alpha.announcement("UPDATE"))  # alpha's own list has grown
@@ -304,13 +304,13 @@ class Strangers(HostsCase):
             except BlockingIOError:
                 break
 
-    def test_damaged_datagrams_do_not_make_it_deaf(self):
-        """The system announces such a datagram and drops it when it is read."""
+    def test_damaged_datagrams_do_not_stop_discovery(self):
+        """The system reports such a datagram as readable, and drops it when it is read."""
         alpha, = self.running("alpha")
         beta = self.site.host("beta")
         peer = hosts.Service(self, hosts.answering(alpha.certificate, alpha.key, hosts.reply(None)), "0.0.0.0", beta)
         source = beta.datagrams()
-        # One of up to 76 bytes, its head among them, the system would drop on arrival and not announce at all.
+        # The system drops a damaged packet of up to 76 bytes on arrival, without reporting it as readable.
         hello = hosts.announcement("HELLO", peer.port, alpha.user).ljust(200)
 
         def wire():
@@ -363,7 +363,7 @@ unittest.main(argv=["killed"])
                         return True
             return False
         zarvo.wait_until(lambda: not inside(), "the end of everything in the namespace")
-        # As long as nobody has waited for it its number is not free, and other runs leave its folders alone.
+        # Until it is reaped its pid is not free, and other runs keep its folders.
         os.waitid(os.P_PID, run.pid, os.WEXITED | os.WNOWAIT)
         hosts.remove_leftovers()
         self.assertTrue(os.path.exists(site))

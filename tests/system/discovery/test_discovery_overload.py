@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Peers that take their time, or come in numbers: they cost the server neither its clients nor its memory."""
+"""Slow peers, and very many of them, cost the server neither its clients nor its memory."""
 import itertools
 import os
 import re
@@ -13,19 +13,19 @@ import zarvo
 from hosts import OTHER_HOST, entry, reply
 from hostile import SLOW, HostileCase, Latencies
 
-# What a peer may take in all, and by how much a busy machine may exceed it.
+# The time limit of a query, and by how much a busy machine may exceed it, in seconds.
 EXCHANGE = 15
 MARGIN = 12
 
 
 class Delay(HostileCase):
-    """Peers that take their time. Each test waits once for the end of an exchange's time."""
+    """Slow peers. Each test waits once for the time limit of a query."""
 
     def hold(self, raw):
         hosts.wait_hang_up(raw)
 
     def drip(self, data, pause):
-        """Sends byte by byte, for longer than an exchange lasts."""
+        """Sends byte by byte, which takes longer than the time limit."""
         def send(stream):
             for byte in data:
                 stream.sendall(bytes([byte]))
@@ -39,7 +39,7 @@ class Delay(HostileCase):
         self.addCleanup(self.ended.set)
 
     def full_queue(self):
-        """A port where connections wait for ever: the queue of those to be accepted is full."""
+        """A port where connections never complete, because its backlog is full."""
         listener = socket.socket()
         self.addCleanup(listener.close)
         listener.bind((OTHER_HOST, 0))
@@ -53,16 +53,16 @@ class Delay(HostileCase):
         return listener, port
 
     def slow_handshake(self, raw):
-        """Passes the server's greeting to a good peer behind it, and the answer back byte by byte."""
+        """Passes the server's handshake to a good peer, and the answer back byte by byte."""
         with socket.create_connection((OTHER_HOST, self.behind.port), zarvo.DEADLINE) as good:
             good.sendall(raw.recv(65536))
             self.drip(good.recv(65536), 0.05)(raw)
 
     def endless(self, tls):
-        """Never more than the last byte is missing of the largest frame, so there is always something to read."""
+        """Sends the largest frame without ever ending it, so there is always something to read."""
         self.drip(itertools.chain(b"65536:", itertools.repeat(0x20)), 0.002)(tls)
 
-    def test_peers_that_never_come_to_an_end(self):
+    def test_peers_that_never_finish_time_out(self):
         self.behind = self.answering(reply(None))
         whole = reply([entry("1" * 32)])
         _, full = self.full_queue()
@@ -81,7 +81,7 @@ class Delay(HostileCase):
             begin = time.monotonic()
             for port in waiting:
                 self.say({"Method": "UPDATE", "Port": port, "User": self.instance.user})
-            # Everything else goes on: requests, sessions, and peers that behave.
+            # Everything else goes on: requests, sessions, and good peers.
             session = zarvo.new_id()
             self.client.call("Live.Start", [session, "xterm", "800x600"])
             self.client.call("Live.Terminate", [session])
@@ -101,8 +101,8 @@ class Delay(HostileCase):
                 self.assertLess(seconds, EXCHANGE + MARGIN)
         self.assertEqual(len(self.warnings()), len(waiting))
 
-    def test_end_of_the_server_with_queries_in_flight(self):
-        """There are more than are asked at a time. Those that wait for their turn do not count."""
+    def test_server_ends_with_queries_in_flight(self):
+        """There are more queries than run at a time. The end does not wait for the queued ones."""
         silent = self.silent_hosts(2, "UPDATE", 160)
         zarvo.wait_until(lambda: sum(host.accepted for host in silent) >= 32, "the queries")
         self.assert_serves(self.instance)
@@ -114,8 +114,8 @@ class Delay(HostileCase):
         self.assertFalse(os.path.exists(self.instance.port_file))
         self.assertIn(": Info: Exiting the server\n", self.instance.log())
 
-    def test_flood_of_greetings_leaves_clients_alone(self):
-        """A host that says nothing takes every place that it gets, and more of its greetings come than can be asked."""
+    def test_flood_of_greetings_does_not_disturb_clients(self):
+        """A silent host uses up all the queries that one address may have, and sends more greetings than that."""
         with Latencies(self.instance) as latencies:
             silent, = self.silent_hosts(1, "HELLO", 10000)
             zarvo.wait_until(lambda: silent.accepted >= 16, "the queries")
@@ -128,8 +128,8 @@ class Delay(HostileCase):
         self.assertLess(max(latencies), SLOW)
         with open(f"/proc/{self.instance.pid}/status", encoding="ascii") as status:
             threads = int(re.search(r"Threads:\s+(\d+)", status.read()).group(1))
-        self.assertLess(threads, 60, "a thread for each that was announced")
-        self.instance.stop(9)  # its end was tested elsewhere
+        self.assertLess(threads, 60, "a thread for each announcement")
+        self.instance.stop(9)  # another test checks its end
 
 
 class Growth(HostileCase):
@@ -141,7 +141,7 @@ class Growth(HostileCase):
         return len(self.instance.held()), threads, self.instance.resident()
 
     def ask(self, peers, rounds):
-        """So many queries of each peer, not more at a time than there are places for."""
+        """Causes so many queries to each peer, one at a time."""
         for number in range(1, rounds + 1):
             for peer in peers:
                 peer.goal = peer.accepted + 1
@@ -149,7 +149,7 @@ class Growth(HostileCase):
             zarvo.wait_until(lambda: all(peer.accepted >= peer.goal for peer in peers), f"the queries, round {number}")
 
     def refused(self):
-        """A port where nobody listens, bound so that nobody else does."""
+        """A port where nobody listens. It is bound, so that no other program listens there."""
         holder = socket.socket()
         self.addCleanup(holder.close)
         holder.bind((OTHER_HOST, 0))
@@ -163,7 +163,7 @@ class Growth(HostileCase):
         message = hosts.announcement("UPDATE", closed, self.instance.user)
 
         def quiet():
-            """Nothing is in flight: what a last query leaves is gone soon."""
+            """Waits until no query is in flight."""
             return zarvo.wait_until(lambda: self.measure() if not any(peer.open for peer in peers) else None, "the end")
 
         def load(rounds):
@@ -172,17 +172,17 @@ class Growth(HostileCase):
             self.pour(message for _ in range(rounds * 5))
             zarvo.wait_until(lambda: self.warning_counts(
                 f'Failed to connect to "{OTHER_HOST}" port "{closed}": .+') == before + rounds * 5, "the queries")
-        load(self.ROUND // 2)  # the pools and caches fill
+        load(self.ROUND // 2)  # fills the pools and caches
         first = quiet()
         load(self.ROUND)
         for _ in range(2):
             load(self.ROUND)
 
-        # The pool keeps its threads, and has no more of them than are asked at a time.
+        # The pool keeps its threads, but has no more of them than queries that run at a time.
         zarvo.wait_until(lambda: self.measure()[0] <= first[0], "the descriptors to be closed")
         _, threads, resident = quiet()
         self.assertLessEqual(threads, 32 + max(4, os.cpu_count()) + 8)
-        # A sanitizer keeps what is freed for a while, and books.
+        # A sanitizer keeps freed memory for a while, and its own books.
         allowed = (8 << 20) + self.instance.instrumentation()
         self.assertLess(resident - first[2], allowed, "bytes more after many queries")
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Certificate and key that are spoilt, do not fit, or are being made when the server dies."""
+"""Certificates and keys that are damaged, do not match, or are being made when the server is killed."""
 import os
 import shlex
 import shutil
@@ -18,8 +18,8 @@ class Certificates(zarvo.TestCase):
         self.assertRegex(launch.stderr, rf"\A{zarvo.DAY}: Critical: {reason}\n\Z")
         self.assertEqual(launch.wait_daemon_exit(), 1)
 
-    def test_pair_that_came_to_nothing_does_not_stand_in_the_way(self):
-        # openssl does not notice that a disk is full.
+    def test_incomplete_pair_of_openssl_is_replaced_at_the_next_start(self):
+        # openssl does not notice a full disk.
         cases = (("", ""), ("", "key"), ("certificate", ""))
         for certificate, key in cases:
             with self.subTest(certificate=certificate, key=key):
@@ -31,7 +31,7 @@ class Certificates(zarvo.TestCase):
                 server.start()
                 self.assert_serves(server)
 
-    def test_certificate_that_came_to_nothing_does_not_stand_in_the_way(self):
+    def test_empty_certificate_is_replaced_at_the_next_start(self):
         server = self.prepare(certificate=False)
         real = shutil.which("openssl")
         server.install_program("openssl", f'{real} "$@" && : > {shlex.quote(server.certificate)}\n')
@@ -40,7 +40,7 @@ class Certificates(zarvo.TestCase):
         server.start()
         self.assert_serves(server)
 
-    def test_key_that_openssl_did_not_write_is_left_alone(self):
+    def test_key_that_openssl_did_not_write_is_kept(self):
         server = self.prepare(certificate=False)
         zarvo.write(server.key, "no key")
         server.install_program("openssl", f"printf certificate > {shlex.quote(server.certificate)}\n")
@@ -48,14 +48,14 @@ class Certificates(zarvo.TestCase):
         self.assertEqual(zarvo.read(server.key), "no key")
         self.assertFalse(os.path.exists(server.certificate))
 
-    def test_spoilt_pair_that_was_there_before_is_left_alone(self):
+    def test_damaged_pair_that_was_there_before_is_kept(self):
         server = self.prepare()
         zarvo.write(server.key, "")
         before = zarvo.read(server.certificate)
         self.start_is_refused(server, 'Invalid private key in file ".+"')
         self.assertEqual((zarvo.read(server.certificate), zarvo.read(server.key)), (before, ""))
 
-    def test_pair_is_not_made_on_behind_a_server_that_was_killed(self):
+    def test_openssl_ends_with_a_killed_server(self):
         server = self.prepare(certificate=False)
         started = os.path.join(server.top, "openssl_pid")
         server.install_program("openssl", f"echo $$ > {started}~ && mv {started}~ {started}\nexec sleep 600\n")
@@ -64,7 +64,7 @@ class Certificates(zarvo.TestCase):
         openssl = int(zarvo.read(started))
         daemon = int(zarvo.read(server.pid_file))
         os.kill(daemon, signal.SIGKILL)
-        # What it wrote later could get mixed up with the pair that the next server makes.
+        # If openssl went on, its files could get mixed up with the pair that the next server makes.
         zarvo.wait_until(lambda: not zarvo.alive(openssl), "the end of openssl")
         launch.join(zarvo.DEADLINE)
         os.unlink(os.path.join(server.bin, "openssl"))
@@ -77,7 +77,7 @@ class Certificates(zarvo.TestCase):
         thread.start()
         return thread
 
-    def test_key_of_another_certificate(self):
+    def test_server_with_the_key_of_another_certificate_closes_connections(self):
         server = self.server()
         session = zarvo.new_id()
         server.client().call("Live.Start", [session, "xterm", "800x600"])
@@ -86,7 +86,7 @@ class Certificates(zarvo.TestCase):
         with tempfile.TemporaryDirectory(prefix="zarvo-other-") as folder:
             shutil.copy(zarvo.make_certificate(folder)[1], server.key)
         server.start()
-        # It can serve nobody. They are told at once, the log says why, and nothing is left of them.
+        # It can serve no client. It closes each connection at once, logs why, and leaks nothing.
         before = len(server.held())
         for _ in range(3):
             with socket.create_connection(("127.0.0.1", server.port), zarvo.DEADLINE) as raw:
@@ -107,7 +107,7 @@ class Certificates(zarvo.TestCase):
             certificate, key = zarvo.make_certificate(folder)
             shutil.copy(certificate, server.certificate)
             shutil.copy(key, server.key)
-        # The server has the pair that it read; who holds the new one has to wait for the next start.
+        # The server uses the pair that it has read. Clients with the new one are admitted after the next start.
         self.assertEqual(before.call("Live.GetVersion"), zarvo.VERSION)
         with server.client(context=old) as client:
             self.assertEqual(client.call("Live.GetVersion"), zarvo.VERSION)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The clock is set while the server runs: only the dates that it writes may change."""
+"""The clock is set while the server runs. Only the dates that it writes may change."""
 import datetime
 import time
 import unittest
@@ -13,7 +13,7 @@ SHIFTS = (DAY, -DAY, 3 * 365 * DAY, -20 * 365 * DAY, 0)
 
 class Clock(faults.FaultCase):
     def dates(self):
-        """The dates of the log's lines, as far as they go."""
+        """The dates of the whole lines of the log."""
         return [line.split(":")[0].rsplit(" ", 1)[0] for line in self.instance.log().splitlines()]
 
     @staticmethod
@@ -30,7 +30,7 @@ class Clock(faults.FaultCase):
                 self.faults.shift_clock(shift)
                 with self.instance.client(certificate=None, key=None) as stranger:
                     stranger.wait_closed()
-                # The new time is what it sees.
+                # The server sees the new time.
                 zarvo.wait_until(lambda: self.dates()[-1] in (self.date(shift - 60), self.date(shift)), "the new date")
                 begin = time.monotonic()
                 viewer = self.assert_offers(session)

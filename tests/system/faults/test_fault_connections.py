@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Many connections at once, and storms of strangers. ZARVO_LONG=1 lets the storm last for 30 seconds."""
+"""Many connections at once, and floods of strangers. ZARVO_LONG=1 makes the flood last for 30 seconds."""
 import contextlib
 import os
 import random
@@ -18,7 +18,7 @@ STRANGERS = 6
 
 
 def allow_descriptors(count):
-    """For this process and the servers that it starts."""
+    """Raises the limit for this process and the servers that it starts."""
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     if soft < count:
         if hard != resource.RLIM_INFINITY and hard < count:
@@ -27,7 +27,7 @@ def allow_descriptors(count):
 
 
 class Stranger(threading.Thread):
-    """Comes again and again until it is told to stop, and is never let in."""
+    """Connects again and again until it is told to stop, and is never admitted."""
 
     def __init__(self, port, stop, seed):
         super().__init__(daemon=True)
@@ -61,7 +61,7 @@ class Stranger(threading.Thread):
                 pass
 
     def break_off(self):
-        """Leaves in the middle of the handshake."""
+        """Disconnects within the handshake."""
         with self.connect() as raw:
             raw.sendall(hello(self.context)[:self.random.randrange(1, 300)])
 
@@ -105,7 +105,7 @@ class Crowds(zarvo.TestCase):
         zarvo.wait_until(lambda: sockets(server) <= before, "the sockets to be closed")
         self.assert_serves(server)
 
-    def test_handshakes_that_stall_anywhere(self):
+    def test_handshakes_that_stall_at_any_byte(self):
         server = self.server()
         whole = hello(zarvo.client_context())
         before = sockets(server)
@@ -124,7 +124,7 @@ class Crowds(zarvo.TestCase):
             raw.close()
         zarvo.wait_until(lambda: sockets(server) <= before, "the sockets to be closed")
 
-    def test_storm_of_strangers_while_one_client_works(self):
+    def test_client_is_served_during_a_flood_of_strangers(self):
         server = self.server({"LogLevel": "Critical"})
         session = zarvo.new_id()
         client = server.client()
@@ -139,7 +139,7 @@ class Crowds(zarvo.TestCase):
         delays = []
 
         def is_over():
-            """A slow machine has its time, but there have to be so many strangers, and the client so many answers."""
+            """Waits until there were enough strangers, and the client had enough answers."""
             return (time.monotonic() - first >= SECONDS and len(delays) > 2 * SECONDS
                     and sum(stranger.count for stranger in strangers) > 20 * SECONDS)
         while not is_over():
@@ -147,7 +147,7 @@ class Crowds(zarvo.TestCase):
             self.assertLess(begin - first, SECONDS + zarvo.DEADLINE, f"{len(delays)} answers")
             self.assertEqual([entry["id"] for entry in client.listing()], [session])
             delays.append(time.monotonic() - begin)
-        # A new client gets in as well.
+        # A new client is admitted as well.
         self.assert_serves(server)
         stop.set()
         seconds = time.monotonic() - first
@@ -163,7 +163,7 @@ class Crowds(zarvo.TestCase):
         client.call("Live.Terminate", [session])
         self.assertEqual(server.stop(), 0)
 
-    def test_subscribers_that_read_nothing_cost_one_update_each(self):
+    def test_clients_that_read_nothing_cost_one_notification_each(self):
         server = self.server()
         client = server.client()
         sessions = [zarvo.new_id() for _ in range(10)]
@@ -179,10 +179,10 @@ class Crowds(zarvo.TestCase):
             zarvo.write(path + "~", f'{{"Clients":0,"LastConnect":"{date}"}}')
             os.rename(path + "~", path)
             watcher.wait_notification(lambda params, date=date: date in str(params), "the change")
-        # 9 MB were due to each of them; the system's buffers hold some of it.
+        # 9 MB were due to each of them. The system's buffers hold some of that.
         growth = server.resident() - memory
         self.assertLess(growth, (32 << 20) + server.instrumentation())
-        # Once one of them reads, it gets to the newest state.
+        # When one of them reads, it gets the newest state.
         newest = next(iter(silent))
         buffer = b""
         while date.encode() not in buffer:
@@ -192,7 +192,7 @@ class Crowds(zarvo.TestCase):
         self.assert_serves(server)
 
     def silent_client(self, server):
-        """Lets the system keep little of what it does not read."""
+        """Makes the system's buffer for unread data small."""
         raw = socket.socket()
         raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
         raw.settimeout(zarvo.DEADLINE)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Session directories that vanish, are links, or are full of garbage; a log that is taken away."""
+"""Session directories that vanish, are symlinks, or are full of garbage. Logs that are removed or replaced."""
 import contextlib
 import os
 import random
@@ -56,7 +56,7 @@ class Directories(zarvo.TestCase):
                     self.assertIn((error["code"], error["message"]), GONE)
                 self.wait_ids(server, kept)
                 self.assertFalse(os.path.exists(server.directory(session)))
-                # The agent, which nobody can be told of any more, is left to itself.
+                # The server cannot know the agent any more, so it leaves it alone.
                 self.assertTrue(zarvo.alive(int(server.seen(session, "pid"))))
         self.assertGreater(server.log().count("server_exit"), 0)
 
@@ -80,7 +80,7 @@ class Directories(zarvo.TestCase):
         self.wait_ids(server, session)
         self.assertIsNotNone(server.viewer(answer["port"], answer["password"]))
 
-    def test_directory_that_is_a_link_is_never_emptied(self):
+    def test_symlink_to_a_directory_is_never_emptied(self):
         server = self.server()
         precious = os.path.join(server.home, "precious")
         os.mkdir(precious)
@@ -95,7 +95,7 @@ class Directories(zarvo.TestCase):
         self.assertTrue(os.path.islink(server.directory(session)))
         self.assertEqual(server.logged("Warning", f'Failed to remove the directory "{server.directory(session)}"'), 1)
 
-    def test_link_to_a_session_elsewhere_is_found_again(self):
+    def test_symlink_to_a_session_elsewhere_is_found_again(self):
         server = self.server()
         session, _ = self.start(server)
         elsewhere = os.path.join(server.home, "elsewhere")
@@ -147,14 +147,14 @@ class Directories(zarvo.TestCase):
                 file.write(chance.choice(contents))
 
     def use(self, server, name):
-        """Starts a session in the directory, where that can be; in no case does it do any harm."""
+        """Tries to start a session in the directory, and checks that the server survives."""
         session = name.removeprefix("C-")
         try:
             server.client().call("Live.Start", [session, "xterm", "800x600"])
         except zarvo.RpcError as refusal:
             self.assertIn(refusal.error["code"], (-32080, -32099, -32077, -32086))
         for agent in self.agents(server, session):
-            with contextlib.suppress(ProcessLookupError):  # those that cannot work there end by themselves
+            with contextlib.suppress(ProcessLookupError):  # an agent that cannot work there has ended
                 os.kill(agent, signal.SIGKILL)
         zarvo.wait_until(lambda: session not in self.ids(server), "the end of the session")
 
@@ -170,7 +170,7 @@ class Directories(zarvo.TestCase):
                     pass
         return found
 
-    def test_file_without_an_end_is_not_read_as_a_whole(self):
+    def test_endless_file_is_not_read_to_its_end(self):
         server = self.server()
         session, _ = self.start(server)
         server.stop()

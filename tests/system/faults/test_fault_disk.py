@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Every single change of a file fails once, as on a disk that is full or has become read-only."""
+"""Each change of a file fails once, as on a disk that is full or read-only."""
 import errno
 import os
 import re
@@ -9,7 +9,7 @@ import unittest
 import faults
 import zarvo
 
-# What Live.Start may answer when something cannot be written.
+# The errors of Live.Start when a file cannot be written.
 WRITE_FAILED = {"code": -32080, "message": "Failed to write a session file."}
 DIRECTORY_FAILED = {"code": -32087, "message": "Failed to create the session directory."}
 
@@ -26,7 +26,7 @@ class StartUp(faults.FaultCase):
         self.assertGreater(self.steps(lambda step: self.fail_from(step, error, reason)), 15)
 
     def fail_from(self, step, error, reason):
-        """Everything fails from this step of a start-up on, as long as the server lives."""
+        """Lets all steps of a start-up fail from this one on, until the server ends."""
         self.faults.fail(error, step, last=faults.EVER)
         launch = self.faults.start(self.instance, check=False)
         hit = self.faults.acted > 0
@@ -40,9 +40,9 @@ class StartUp(faults.FaultCase):
             for path in (self.instance.pid_file, self.instance.port_file):
                 self.assertFalse(os.path.exists(path))
             if step % 4 != 0:
-                return hit  # the next step shows that it can be started
+                return hit  # the next call shows that it can be started again
             self.faults.start(self.instance)
-        else:  # nothing but the log was concerned
+        else:  # only the log was affected
             self.instance.pid = int(zarvo.read(self.instance.pid_file))
             self.instance.port = int(zarvo.read(self.instance.port_file))
         self.assertEqual(self.listed(), {})
@@ -73,14 +73,14 @@ class Requests(faults.FaultCase):
             return False
         call, path = self.met.split(" ", 1)
         self.assertEqual(refusal, DIRECTORY_FAILED if call == "mkdir" else WRITE_FAILED, self.met)
-        # The file and the reason stand in the log.
+        # The log names the file and the reason.
         new = self.instance.log().splitlines()[lines:]
         self.assertEqual(len([line for line in new if ": Warning: " in line and f'"{path}"' in line]), 1, new)
         if call != "mkdir":
             seen.add(os.path.basename(path))
             self.assertIn(os.strerror(error), "".join(new))
         if os.path.basename(path) == "app_log":
-            self.assert_offers(session)  # the session is there, and whoever comes next may use it
+            self.assert_offers(session)  # the session runs, and the next client can use it
         else:
             self.assertEqual(self.listed(), {})
             self.start_again(session)
@@ -93,12 +93,12 @@ class Requests(faults.FaultCase):
             self.assertEqual(self.instance.seen(session, "pid"), str(orphan))
         answer = self.call("Live.Start", session, "again", "800x600")
         self.assertIsNotNone(self.instance.viewer(answer["port"], answer["password"]))
-        for orphan in orphans:  # an agent whose number could not be written down is left to itself
+        for orphan in orphans:  # the server leaves an agent alone whose pid it could not write down
             os.kill(orphan, signal.SIGKILL)
             zarvo.wait_until(lambda pid=orphan: not zarvo.alive(pid), "the agent's end")
 
-    def test_display_of_an_agent_that_nobody_knows_is_not_given_away(self):
-        # While this agent comes up nothing shows that its display is taken.
+    def test_display_of_an_orphaned_agent_stays_reserved(self):
+        # While this agent starts, nothing on the system shows that its display is taken.
         script = zarvo.read(os.path.join(self.instance.bin, "start-agent")).split("\n", 1)[1]
         self.instance.install_program("start-agent", "sleep 0.5\n" + script)
         unknown, session = zarvo.new_id(), zarvo.new_id()
@@ -120,7 +120,7 @@ class Requests(faults.FaultCase):
         self.call("Live.Start", session, "xterm", "800x600")
         agent = int(self.instance.seen(session, "pid"))
         refusal = self.refused_in(errno.EROFS, step, faults.REMOVAL, "Live.Terminate", session)
-        self.assertIsNone(refusal)  # the session has ended, whatever is left of it
+        self.assertIsNone(refusal)  # the session has ended, even if files are left
         self.assertFalse(zarvo.alive(agent))
         self.assertEqual(self.listed(), {})
         self.assertEqual(os.path.exists(self.instance.directory(session)), bool(self.hit))

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""A home directory on a file system that is really full, or mounted anew as read-only."""
+"""A home directory on a file system that is really full, or remounted read-only."""
 import contextlib
 import os
 import re
@@ -26,10 +26,10 @@ def mount(*arguments):
 
 
 class SmallDisk(zarvo.TestCase):
-    """Everything in the home directory is on a small file system of its own."""
+    """Mounts the home directory as a small file system of its own."""
 
     def prepare(self, files=0, **how):
-        """files: for how many there is room; 0 for any number."""
+        """files: the number of files that fit, 0 for no limit."""
         server = super().prepare(certificate=False, **how)
         mount("-t", "tmpfs", "-o", f"size={BYTES},mode=700,nr_inodes={files}", "zarvo-test", server.home)
         self.addCleanup(subprocess.run, ["umount", "--lazy", server.home], check=True, timeout=60)
@@ -44,7 +44,7 @@ class SmallDisk(zarvo.TestCase):
         return server
 
     def fill(self, server):
-        """Takes the last byte of the disk."""
+        """Fills the disk to the last byte."""
         self.filler = os.path.join(server.home, "filler")
         with open(self.filler, "wb", buffering=0) as file:
             for size in (65536, 4096, 1):
@@ -66,7 +66,7 @@ class SmallDisk(zarvo.TestCase):
             return {entry["id"]: entry["permissions"] for entry in client.local_sessions()}
 
     def wait_listed(self, server, expected):
-        """The server, which is new, has found these, and their agents tell it the rest."""
+        """Checks that the new server has found these sessions, and that their agents have answered."""
         self.assertEqual(set(self.listed(server)), set(expected))
         zarvo.wait_until(lambda: self.listed(server) == expected, f"the listing to be {expected}")
 
@@ -80,7 +80,7 @@ class SmallDisk(zarvo.TestCase):
             self.assertRegex(line, rf"\A{zarvo.DAY}: (Critical|Warning|Info|Debug[123]): ")
 
     def use(self, server, session, answer):
-        """Everything that can be done to the session, on a disk that takes nothing."""
+        """Does all that a client can do with the session, on the full disk."""
         client = server.client()
         viewer = server.viewer(answer["port"], answer["password"])
         self.assertIsNotNone(viewer)
@@ -99,7 +99,7 @@ class SmallDisk(zarvo.TestCase):
         self.assert_start_is_refused(server, (-32080, "Failed to write a session file."),
                                      (-32087, "Failed to create the session directory."))
         self.use(server, session, answer)
-        # This agent cannot leave word of its end; the session has ended all the same.
+        # This agent cannot write its exit code, but the session has ended.
         agent = int(server.seen(other, "pid"))
         self.assert_fails(-32086, "Failed to read a session file.", server.client().call, "Live.Terminate", [other])
         self.assertFalse(zarvo.alive(agent))
@@ -150,7 +150,7 @@ class SmallDisk(zarvo.TestCase):
             client.call("Live.Suspend", [session])
             viewer.wait_for_close()
             answer = client.call("Live.Resume", [session])
-        # Whether its exit code finds room is up to the file system; the session ends in any case.
+        # The file system decides whether its exit code fits. The session ends in any case.
         try:
             client.call("Live.Terminate", [session])
         except zarvo.RpcError as failure:
@@ -162,7 +162,7 @@ class SmallDisk(zarvo.TestCase):
         client.call("Live.Terminate", [again])
 
     def test_no_room_for_each_file_of_a_start(self):
-        """Those of xauth and of the agent too; what has no room stands in the log."""
+        """Files of xauth and of the agent too. The log names the file that does not fit."""
         for agent in (True, False):
             with self.subTest(fake_agent=agent):
                 server = self.prepare(files=100, agent=agent)
@@ -178,7 +178,7 @@ class SmallDisk(zarvo.TestCase):
                 self.assertIn("Failed to run the program \"xauth\": ", server.log())
 
     def starts_with_room_for(self, room, server, kept):
-        """Whether a session starts when there is room for so many new files."""
+        """Whether a session starts when so many new files fit."""
         folder = os.path.join(server.home, "fillers")
         os.mkdir(folder)
         for number in range(os.statvfs(server.home).f_ffree - room):
@@ -189,7 +189,7 @@ class SmallDisk(zarvo.TestCase):
         except zarvo.RpcError as failure:
             refusal = (failure.error["code"], failure.error["message"])
         shutil.rmtree(folder)
-        # Whatever came of it: there is room again, so it can be ended, and the id be used.
+        # With room again, the session can be ended in any case, and its id be used.
         if session in self.listed(server):
             with contextlib.suppress(zarvo.RpcError):
                 server.client().call("Live.Terminate", [session])

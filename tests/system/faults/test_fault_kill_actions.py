@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""kill -9 of the server in front of each single step of what is done to a session."""
+"""kill -9 of the server before each step of an action on a session."""
 import unittest
 
 import faults
@@ -29,7 +29,7 @@ class Actions(faults.FaultCase):
             self.viewer = self.assert_offers(self.session)
         zarvo.wait_until(lambda: self.permissions() == "disconnect|terminate", "the client")
         killed = self.killed_in(step, "Live.Suspend", self.session)
-        # It was signalled and has lost its client, or it has not noticed anything.
+        # It got the signal and has lost its client, or it got nothing.
         signals = self.instance.seen(self.session, "signals").split()
         expected = "connect|terminate" if signals[-1] == "USR2" else "disconnect|terminate"
         zarvo.wait_until(lambda: self.permissions() == expected, expected)
@@ -49,7 +49,7 @@ class Actions(faults.FaultCase):
         if "TERM" in self.instance.seen(session, "signals"):
             zarvo.wait_until(lambda: not zarvo.alive(agent), "the agent's end")
             zarvo.wait_until(lambda: session not in self.listed(), "the end of the session")
-            # Files may be left; they are in nobody's way.
+            # Files may be left, but they do not disturb a new session.
             self.call("Live.Start", session, "again", "800x600")
         self.assert_ends(session)
         return killed

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""kill -9 of the server in front of each single step of the start of a session."""
+"""kill -9 of the server before each step of the start of a session."""
 import os
 import signal
 import unittest
@@ -20,7 +20,7 @@ class Start(faults.FaultCase):
         if session in self.listed():
             self.assert_offers(session)
         else:
-            # An agent whose number could not be kept goes on, and is ended by hand; its own file tells which it is.
+            # An agent whose pid was not written goes on. The test kills it, by the pid in its own file.
             for agent in self.agents(session):
                 pid_file = os.path.join(self.instance.directory(session), "monitor_pid")
                 self.assertFalse(os.path.exists(pid_file) and zarvo.read(pid_file), self.faults.met)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""kill -9 of the server in front of each single step of its start-up: the next start succeeds, and nothing is lost."""
+"""kill -9 of the server before each step of its start-up. The next start succeeds, and no session is lost."""
 import os
 import signal
 import unittest
@@ -10,7 +10,7 @@ import zarvo
 
 class StartUp(faults.FaultCase):
     def test_next_start_succeeds_whatever_the_step(self):
-        # A program that makes the pair in no time: the first start is the one with the most steps.
+        # The first start has the most steps. A fake openssl makes it fast.
         pair = zarvo.Server.pair
         self.instance.install_program("openssl", f"cp {pair[0]} {self.instance.certificate}\n"
                                       f"cp {pair[1]} {self.instance.key}\n")

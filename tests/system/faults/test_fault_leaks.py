@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
-"""
-Connections and sessions that have gone leave nothing in the server: no descriptor, no thread, no zombie. ZARVO_LONG=1
-is for 10,000 connections and 200 sessions.
+"""Closed connections and ended sessions leave nothing in the server: no descriptor, no thread, no zombie.
+
+ZARVO_LONG=1 tests 10,000 connections and 200 sessions.
 """
 import contextlib
 import os
@@ -20,7 +20,7 @@ class Leaks(zarvo.TestCase):
         self.instance = self.server({"LogLevel": "Critical"})
         self.context = zarvo.client_context(self.instance.certificate, self.instance.key)
         self.stranger = zarvo.client_context()
-        # What is made once and kept is there before anything is counted.
+        # First make all that the server makes once and keeps.
         self.live(2)
         self.connect(40)
 
@@ -30,7 +30,7 @@ class Leaks(zarvo.TestCase):
                  self.vanish)
         for number in range(count):
             kind = kinds[number % len(kinds)]
-            # The server may close first on those who do not behave.
+            # The server may close first, because these connections are bad.
             with contextlib.suppress(*(() if kind == self.call else (OSError, EOFError))):
                 kind()
 
@@ -65,7 +65,7 @@ class Leaks(zarvo.TestCase):
             client.wait_closed()
 
     def vanish(self):
-        """Is gone before the answer is there."""
+        """Disconnects before the answer."""
         with self.client() as client:
             client.begin("system.describe")
 
@@ -87,7 +87,7 @@ class Leaks(zarvo.TestCase):
         everything = self.instance.descriptors()
         held = [target for target in everything.values() if target != zarvo.THREAD_EVENT]
         threads = len(os.listdir(f"/proc/{self.instance.pid}/task"))
-        # Each thread makes an event for itself when it first needs one, and keeps it; Qt has one or two of its own.
+        # Each thread opens an event when it first needs one, and keeps it. Qt has one or two of its own.
         self.assertLessEqual(len(everything) - len(held), threads + 3)
         return {"descriptors": sorted(re.sub(r":.*", "", target) for target in held), "threads": threads,
                 "children": len(self.instance.children())}
@@ -117,7 +117,7 @@ class Leaks(zarvo.TestCase):
         self.assertEqual(self.instance.stop(), 0)
 
     def settle(self):
-        """Waits until the connections of the preparation are gone: listeners and files are what is left."""
+        """Waits until the connections of the preparation are closed: only listeners and files are left."""
         def sockets():
             return [target for target in self.instance.descriptors().values() if target.startswith("socket:")]
         zarvo.wait_until(lambda: len(sockets()) <= 3 and not self.instance.children(), "the server to be at rest")

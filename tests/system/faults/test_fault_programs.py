@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""kill -9 of each program of a session: of the X server, the application, the viewer, and of all together."""
+"""kill -9 of each program of a session: the X server, the application, the viewer, and all together."""
 import contextlib
 import os
 import signal
@@ -11,7 +11,7 @@ import unittest
 import bundled
 import zarvo
 
-# A viewer in a process of its own, which looks at the session until it is killed.
+# A viewer in a process of its own, connected until it is killed.
 VIEWER = """
 import sys, rfb
 viewer = rfb.Client("127.0.0.1", int(sys.argv[1]), sys.argv[2])
@@ -44,17 +44,17 @@ class Programs(bundled.BundledAgentTestCase):
         zarvo.wait_until(lambda: self.ids() == [kept], "the session to be dropped")
         zarvo.wait_until(lambda: not any(self.serves(pid, self.instance.directory(session)) for pid in self.others()),
                          "the session's processes to end")
-        # What happened can be read, and the id be used again.
+        # The log of the session is kept, and its id can be used again.
         self.assertEqual(zarvo.read(os.path.join(self.instance.directory(session), "server_exit")), "3")
         self.connect(self.client.call("Live.Start", [session, "xterm", "640x480"]))
         self.client.call("Live.Terminate", [session])
 
-    def test_agent_that_hangs_delays_the_others_and_goes_on(self):
+    def test_hung_agent_delays_others_and_recovers(self):
         hanging, _ = self.start()
         agent = int(zarvo.read(os.path.join(self.instance.directory(hanging), "server_pid")))
         os.kill(agent, signal.SIGSTOP)
         self.addCleanup(os.kill, agent, signal.SIGCONT)
-        # Each look at it takes a second, and the others are served in between.
+        # Each refresh of it takes a second, and others are served in between.
         for _ in range(5):
             begin = time.monotonic()
             with self.instance.client() as client:
@@ -99,7 +99,7 @@ class Programs(bundled.BundledAgentTestCase):
         session, _ = self.start()
         agent = int(zarvo.read(os.path.join(self.instance.directory(session), "server_pid")))
         for pid in (self.instance.pid, agent, self.find("Xtigervnc", session), self.find("xterm", session)):
-            with contextlib.suppress(ProcessLookupError):  # the end of the agent is that of the others, sooner or later
+            with contextlib.suppress(ProcessLookupError):  # the agent's end may have ended it
                 os.kill(pid, signal.SIGKILL)
         self.instance.wait_exit()
         zarvo.wait_until(lambda: self.others() == {}, "the session's processes to end")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""No descriptor, process or thread is to be had, at each place where one is needed. ZARVO_LONG=1 leaves out none."""
+"""The system refuses a descriptor, process or thread at each place that needs one. ZARVO_LONG=1 tests all places."""
 import errno
 import os
 import re
@@ -9,7 +9,7 @@ import faults
 import hosts
 import zarvo
 
-# By what could not be done.
+# By what failed.
 REFUSALS = {
     -32080: "Failed to write a session file.",
     -32083: "Failed to start the application.",
@@ -25,7 +25,7 @@ NO_TLS = "Failed to load Qt's plugin for TLS: it is missing, or descriptors or m
 
 class Resources(faults.FaultCase):
     def start_up(self, error, kinds, path=""):
-        """Fails one call after another in a start-up; returns what was printed."""
+        """Lets one call after another fail in a start-up. Returns what was printed."""
         self.instance.stop()
         printed = []
         self.steps(lambda step: self.fail_start_up(step, error, kinds, path, printed))
@@ -50,7 +50,7 @@ class Resources(faults.FaultCase):
         return self.hit
 
     def start(self, error, kinds):
-        """Fails one call after another in the start of a session; returns the refusals, by code."""
+        """Lets one call after another fail in the start of a session. Returns the refusals by code."""
         refusals = {}
         self.steps(lambda step: self.fail_start(step, error, kinds, refusals))
         return refusals
@@ -78,11 +78,11 @@ class Resources(faults.FaultCase):
         for file in ("server_log", "server_pid", "server_key", "server_cert", "server_port"):
             self.assertRegex(printed, rf'Failed to open the file "\S+/{file}": Too many open files\n')
         if os.environ.get("ZARVO_LONG"):
-            # The threads of the workers need some at the same time: which places are met is not the same each time.
+            # Worker threads open descriptors at the same time, so the failing places vary from run to run.
             self.faults.start(self.instance)
             self.start_up(errno.EMFILE, faults.DESCRIPTOR)
 
-    def test_session_is_found_when_its_files_can_be_read_a_moment_later(self):
+    def test_session_is_found_if_its_files_are_unreadable_for_a_moment(self):
         for error in (errno.EMFILE, errno.ENFILE, errno.ENOMEM, errno.EIO):
             for path in (self.instance.sessions, *map(self.file_of_the_session, ("display", "name", "monitor_pid"))):
                 with self.subTest(error=error, path=path):
@@ -96,7 +96,7 @@ class Resources(faults.FaultCase):
     def test_no_descriptor_for_the_tls_library(self):
         self.instance.stop()
         for path in (self.instance.certificate, self.instance.key):
-            os.unlink(path)  # so that this start makes them
+            os.unlink(path)  # so that this start makes the pair
         self.faults.fail(errno.EMFILE, kinds=faults.DESCRIPTOR, path="/libqopensslbackend")
         launch = self.faults.start(self.instance, check=False)
         self.disarm()
@@ -112,7 +112,7 @@ class Resources(faults.FaultCase):
     def file_of_the_session(self, name):
         return os.path.join(self.instance.directory(self.kept), name)
 
-    def test_session_whose_files_cannot_be_read_for_long_is_found_by_the_next_server(self):
+    def test_session_with_files_unreadable_for_long_is_found_by_the_next_server(self):
         for path in (self.instance.sessions, self.file_of_the_session("display")):
             with self.subTest(path=path):
                 self.instance.stop()
@@ -128,7 +128,7 @@ class Resources(faults.FaultCase):
                 self.faults.start(self.instance)
                 self.assertEqual(self.listed(), {})
 
-    def test_session_whose_files_are_missing_is_looked_for_once(self):
+    def test_session_with_missing_files_is_not_retried(self):
         self.instance.stop()
         path = self.file_of_the_session("display")
         os.rename(path, path + "~")
@@ -159,7 +159,7 @@ class Resources(faults.FaultCase):
 
     def test_no_descriptor_for_a_start(self):
         self.start(errno.EMFILE, faults.DESCRIPTOR)
-        # Here the server's own looks at the agents do not come in between, so each place of a start has its turn.
+        # Without refreshes in between, so that each place of a start has its turn.
         refusals = self.start(errno.EMFILE, faults.DESCRIPTOR | faults.ASIDE)
         self.assertLessEqual({-32080, -32083, -32084, -32088}, set(refusals))
 
@@ -186,16 +186,16 @@ class Queries(hosts.NeighbourCase):
         self.faults = faults.Faults(self.instance)
         self.start()
 
-    def test_query_without_a_thread_is_given_up_with_a_word(self):
+    def test_query_without_a_thread_is_given_up_and_logged(self):
         silent = hosts.Service(self, hosts.wait_hang_up)
         failure = (f'Failed to connect to "{hosts.OTHER_HOST}" port "{silent.port}": '
                    "Failed to start a thread: Resource temporarily unavailable")
-        count = 40  # more than the address has places
+        count = 40  # more than one address may have
         self.faults.fail(errno.EAGAIN, kinds=faults.THREAD, last=faults.EVER)
         for _ in range(count):
             self.say(self.message(silent))
         self.instance.wait_log("Warning", failure, count)
-        # They have taken nothing from those who are served.
+        # The queries have taken no thread from requests.
         clients = [self.instance.client() for _ in range(8)]
         sessions = [zarvo.new_id() for _ in clients]
         pending = [client.begin("Live.Start", [session, "xterm", "800x600"])

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The server starts an agent and cannot write down which: nobody could ever end it but itself."""
+"""The server starts an agent and cannot write its pid down. So only the agent itself can end the session."""
 import errno
 import os
 import re
@@ -10,7 +10,7 @@ import bundled
 import faults
 import zarvo
 
-# The agent waits 30 s; whoever is older than one that has ended has waited as long.
+# The agent waits 30 s. An agent that is older than one that has ended has waited as long.
 GRACE = 30
 ENDED = "5"
 NOTE = "Critical: No server knows of this session"
@@ -27,13 +27,13 @@ class Unlisted(bundled.BundledAgentTestCase):
         return os.path.join(self.instance.directory(session), name)
 
     def agent(self, session):
-        """The agent of the session's newest run, once it is there."""
+        """Waits for the agent of the session's newest run."""
         path = self.path(session, "server_pid")
         zarvo.wait_until(lambda: os.path.exists(path), "the agent")
         return int(zarvo.read(path))
 
     def killed(self, step):
-        """A session whose server was killed in front of a step of writing "monitor_pid"; another server runs then."""
+        """A session whose server was killed before a step of writing "monitor_pid". Starts another server."""
         session = zarvo.new_id()
         self.faults.kill(step, kinds=faults.DISK, path="/monitor_pid")
         with self.assertRaises((EOFError, OSError)):
@@ -46,7 +46,7 @@ class Unlisted(bundled.BundledAgentTestCase):
         return session
 
     def refused(self):
-        """A session for whose "monitor_pid" the disk was full."""
+        """A session whose "monitor_pid" did not fit on the disk."""
         session = zarvo.new_id()
         self.faults.fail(errno.ENOSPC, kinds=faults.DISK, path="/monitor_pid")
         self.assert_fails(-32080, "Failed to write a session file.", self.client.call, "Live.Start",
@@ -91,7 +91,7 @@ class Unlisted(bundled.BundledAgentTestCase):
         self.wait_end(orphan)
 
         self.assertEqual(self.ids(), {kept, replaced, used_again})
-        viewer.framebuffer()  # of the session that was replaced
+        viewer.framebuffer()  # of the replaced session
         self.assertTrue(zarvo.alive(earlier_agent))
         for session in (kept, replaced, used_again):
             self.assertIsNone(re.search(NOTE, zarvo.read(self.path(session, "server_log"))))

@@ -47,7 +47,7 @@ class AgentSession:
         self.directory = tempfile.mkdtemp(prefix="zarvo-agent-")
         self.home = os.path.join(self.directory, "home")
         os.mkdir(self.home)
-        # Everything that runs in the session inherits this, wherever it ends up in the process tree.
+        # Every process of the session inherits this, wherever it ends up in the process tree.
         self.mark = "ZARVO_TEST_SESSION=" + self.directory
         self.process = None
         self.write("display", str(display))
@@ -81,7 +81,7 @@ class AgentSession:
         self.process = subprocess.Popen([START_AGENT, *arguments], cwd=self.directory, preexec_fn=preexec,
                                         env=self.environment(**changes), stdin=subprocess.DEVNULL,
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.write("monitor_pid", str(self.process.pid))  # as the server does; an agent that nobody knows of ends
+        self.write("monitor_pid", str(self.process.pid))  # as the server does: without it the agent ends itself
 
     def start(self, geometry="800x600", **changes):
         self.launch(geometry, str(self.port), **changes)
@@ -161,7 +161,7 @@ class AgentSession:
     def x_server(self):
         """The id of the X server's process."""
         for pid in self.processes():
-            with contextlib.suppress(OSError):  # others come and go
+            with contextlib.suppress(OSError):  # a process may end meanwhile
                 if os.path.basename(os.readlink(f"/proc/{pid}/exe")) == "Xtigervnc":
                     return pid
         raise AssertionError("there is no X server")
@@ -169,8 +169,8 @@ class AgentSession:
     def leftovers(self):
         """What must be gone when the session is over."""
         display = self.display
-        paths = [self.state_socket, f"/tmp/.X{display}-lock", f"/tmp/.X11-unix/X{display}", self.path(f"rfb-{display}.sock"),
-                 self.path(f"app-{display}.sock"), self.path("openbox.xml")]
+        paths = [self.state_socket, f"/tmp/.X{display}-lock", f"/tmp/.X11-unix/X{display}",
+                 self.path(f"rfb-{display}.sock"), self.path(f"app-{display}.sock"), self.path("openbox.xml")]
         return [path for path in paths if os.path.lexists(path)] + self.processes()
 
     def port_is_open(self):

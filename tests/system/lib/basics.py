@@ -12,7 +12,7 @@ BINARY = os.path.join(BUILD, "bin", "zarvo_server")
 LIBEXEC = os.path.join(BUILD, "libexec", "zarvo")
 HOST = os.uname().nodename
 
-# How long an event may take before it counts as missing; nothing waits so long when all is well.
+# The seconds after which a test gives up on an event. No test waits so long when all is well.
 DEADLINE = 40
 
 # The time in front of a line of the server's log.
@@ -20,7 +20,7 @@ DAY = r"(?:Mon|Tue|Wed|Thu|Fri|Sat|Sun) [1-9]\d? \d\d:\d\d:\d\d"
 
 
 def wait_until(condition, what, deadline=DEADLINE):
-    """Returns the first true value of condition(); fails when there is none in time."""
+    """Returns the first true value of condition(). Fails if there is none before the deadline."""
     end = time.monotonic() + deadline
     while True:
         value = condition()

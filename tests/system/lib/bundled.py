@@ -9,7 +9,7 @@ XTERM = "xterm -bg '#204080' -fg white -geometry 60x20+10+10"
 
 
 class BundledAgentTestCase(zarvo.TestCase):
-    """A server whose sessions are those of the bundled agent, and a client of it."""
+    """A server that starts the bundled agent, and a client of this server."""
 
     def setUp(self):
         self.use_server()

@@ -14,7 +14,7 @@ def compact(value):
 
 
 def frame(payload):
-    """One frame; anything but text and bytes is sent as JSON."""
+    """One frame. A value that is neither text nor bytes is sent as JSON."""
     if not isinstance(payload, (str, bytes)):
         payload = json.dumps(payload)
     data = payload.encode() if isinstance(payload, str) else payload
@@ -28,7 +28,7 @@ class RpcError(Exception):
 
 
 class Client:
-    """A TLS connection. Notifications that arrive between answers are kept in a list, in their order."""
+    """A TLS connection. It keeps the notifications that arrive between answers in a list, in their order."""
 
     def __init__(self, port, certificate=None, key=None, version=None, session=None, context=None, timeout=DEADLINE):
         self.context = context or client_context(certificate, key, version)
@@ -60,7 +60,7 @@ class Client:
         self.send_raw(frame(payload))
 
     def frame(self):
-        """The payload of the next frame; EOFError when the server closes the connection."""
+        """The payload of the next frame. Raises EOFError if the server closes the connection."""
         while True:
             head, colon, rest = self.buffer.partition(b":")
             if colon:
@@ -79,7 +79,7 @@ class Client:
             self.buffer += data
 
     def answer_bytes(self):
-        """The payload of the next frame that is no notification, as bytes."""
+        """The payload of the next answer, as bytes. Notifications before it are kept."""
         while True:
             payload = self.frame()
             message = json.loads(payload)
@@ -96,7 +96,7 @@ class Client:
         return self.answer()
 
     def call(self, method, params=None):
-        """The result of a method; RpcError when it fails."""
+        """The result of a method. Raises RpcError if the method fails."""
         return self.finish(self.begin(method, params))
 
     def begin(self, method, params=None):
@@ -117,7 +117,7 @@ class Client:
         return answer["result"]
 
     def listing(self, method="Live.ListLocalSessions"):
-        """The answer of a listing; asked for again when it fails because a session went while it was waited for."""
+        """The answer of a listing. Retries if the listing failed because a session ended meanwhile."""
         while True:
             try:
                 return self.call(method)
@@ -129,13 +129,13 @@ class Client:
         return self.listing() or []
 
     def notification(self):
-        """The next notification; to be used when no answer is due."""
+        """The next notification. Do not call it while an answer is due."""
         if not self.notifications:
             self.notifications.append(json.loads(self.frame()))
         return self.notifications.pop(0)
 
     def wait_notification(self, condition, what):
-        """Takes notifications until one has params for which the condition holds; returns these params."""
+        """Reads notifications until the condition holds for the params of one, and returns these params."""
         end = time.monotonic() + DEADLINE
         while time.monotonic() < end:
             params = self.notification()["params"]
@@ -144,7 +144,7 @@ class Client:
         raise AssertionError(f"waited for a notification: {what}")
 
     def wait_closed(self):
-        """Reads up to the end of the connection and returns all bytes that came before it."""
+        """Reads until the server closes the connection, and returns all bytes that came before."""
         received, self.buffer = self.buffer, b""
         while True:
             try:

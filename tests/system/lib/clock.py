@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Puts a server's clocks forward, so that what counts in minutes is tested in seconds: see clockshift.cpp."""
+"""Sets a server's clocks forward, so that a test of minutes takes seconds. See clockshift.cpp."""
 import os
 import struct
 import sys
@@ -11,8 +11,8 @@ LIBRARY = os.path.join(zarvo.BUILD, "tests", "discovery", "libclockshift.so")
 
 def shifting(test, server):
     """
-    Prepares a server that is not running. Returns a function that puts its clocks forward, by the seconds for the one
-    on the wall and for the one that only runs forward.
+    Prepares a server that is not running. Returns a function that sets its clocks forward: so many seconds for the wall
+    clock, and so many for the monotonic one.
     """
     if not os.path.exists(LIBRARY):
         reason = f"no \"{LIBRARY}\": the build folder's tests are not built"
@@ -23,10 +23,10 @@ def shifting(test, server):
     path = os.path.join(server.top, "clock")
 
     def shift(wall, monotonic):
-        with open(path, "r+b" if os.path.exists(path) else "wb") as file:  # it stays the file that is mapped
+        with open(path, "r+b" if os.path.exists(path) else "wb") as file:  # the server has mapped it
             file.write(struct.pack("=qq", wall, monotonic))
     shift(0, 0)
     server.environment.update(LD_PRELOAD=LIBRARY, ZARVO_CLOCK_SHIFT=path)
-    # Of two libraries that both want to be the first the sanitizer's lets this one pass.
+    # The sanitizer's library insists on being loaded first, unless it is told not to.
     server.environment["ASAN_OPTIONS"] += ":verify_asan_link_order=0"
     return shift

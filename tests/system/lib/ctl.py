@@ -25,7 +25,7 @@ class CtlTestCase(zarvo.TestCase):
         return result.stdout
 
     def ctl_error(self, server, *arguments, code, environment=None):
-        """The same for a run that fails: nothing on standard output, and what it complained about."""
+        """The same for a run that fails and prints nothing to standard output. Returns its standard error."""
         result = self.ctl_result(server, *arguments, environment=environment)
         self.assertEqual(result.returncode, code, f"{arguments}: {result.stdout}{result.stderr}")
         self.assertEqual(result.stdout, "")
@@ -42,14 +42,14 @@ class CtlTestCase(zarvo.TestCase):
         return json.loads(self.ctl(server, verb, "--json", *arguments, **how))
 
     def background(self, server, *arguments, environment=None, stdin=subprocess.DEVNULL):
-        """zarvoctl as a process that runs on; it is killed after the test."""
+        """zarvoctl in the background. The test kills it at its end."""
         process = subprocess.Popen([CTL, *arguments], env={**server.environment, **(environment or {})}, text=True,
                                    stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(self.end, process)
         return process
 
     def held(self, server, *arguments, path, nth=1):
-        """zarvoctl in the background, once it is about to open a path that begins so for the nth time."""
+        """zarvoctl in the background, held in front of the nth opening of a path that begins so."""
         sign = os.path.join(server.top, "held")
         process = self.background(server, *arguments, environment={
             "LD_PRELOAD": faults.libraries("hold"), "ZARVO_HOLD": sign, "ZARVO_HOLD_PATH": path,
@@ -64,7 +64,7 @@ class CtlTestCase(zarvo.TestCase):
 
     @staticmethod
     def let_go(server, process):
-        """Lets a held zarvoctl go on; its exit code, output and errors."""
+        """Lets a held zarvoctl go on. Returns its exit code, output and errors."""
         zarvo.write(os.path.join(server.top, "held-go"), "")
         output, error = process.communicate(timeout=2 * zarvo.DEADLINE)
         return process.returncode, output, error
@@ -79,7 +79,7 @@ class CtlTestCase(zarvo.TestCase):
                 stream.close()
 
     def unattended(self, *arguments, **how):
-        """Surroundings in which zarvoctl itself starts the server; that one is gone after the test."""
+        """Surroundings in which zarvoctl itself starts the server, which ends with the test."""
         server = self.prepare(*arguments, **how)
         self.addCleanup(self.end_unattended, server)
         return server
@@ -108,14 +108,14 @@ class CtlTestCase(zarvo.TestCase):
         return self.ctl_json(server, "start", *(arguments or ("xterm",)))
 
     def wait_state(self, server, session, state):
-        """Waits for it with a client of its own: a zarvoctl for each look would keep the machine busy."""
+        """Waits with a client of its own, because one zarvoctl for each poll would keep the machine busy."""
         permission = {"connected": "disconnect", "offered": "retry", "suspended": "connect"}[state]
         with server.client() as client:
             zarvo.wait_until(lambda: any(entry["id"] == session and permission in entry["permissions"].split("|")
                                          for entry in client.local_sessions()), f"the state {state}")
 
     def following(self, server, *arguments):
-        """zarvoctl in the background, once it has been told of the sessions and is told of what becomes of them."""
+        """zarvoctl in the background, which has got the list of sessions and is subscribed to its changes."""
         between = relay.Relay(self, server)
         zarvo.write(server.port_file, str(between.port))
         process = self.background(server, *arguments)
@@ -124,7 +124,7 @@ class CtlTestCase(zarvo.TestCase):
         return process
 
     def assert_waits(self, process):
-        """A zarvoctl in the background does not end."""
+        """Checks that a zarvoctl in the background goes on."""
         with self.assertRaises(subprocess.TimeoutExpired):
             process.wait(0.3)
 

@@ -6,11 +6,11 @@ import socket
 
 
 class Displays:
-    """A range of display numbers that no other test uses, also not one of another process or user."""
+    """A range of display numbers that no other test uses, in this process or any other one, of any user."""
 
     def __init__(self, count):
-        # From 20000 on both ports of a display lie outside the range from which the system takes outgoing ports. The
-        # first thousand are for the unit tests, whose sockets would be cleared away with ours.
+        # From 20000 on, both ports of a display lie outside the range from which the system takes outgoing ports. The
+        # first thousand belong to the unit tests: close() of a server here would remove their sockets.
         bases = list(range(21000, 24480 - count, 20))
         random.shuffle(bases)
         self.locks = []

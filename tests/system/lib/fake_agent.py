@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""A scripted agent: keeps the contract of a real one, or breaks it in the way that a test asks for.
+"""A scripted agent. It behaves as a real one does, or breaks the contract as a test asks.
 
 usage: fake_agent.py RECORDS GEOMETRY PORT, started by the server in a session directory
 
@@ -17,13 +17,13 @@ RECORDS is a folder outside the session directory. RECORDS/agent-SESSION.conf, e
     disconnect=no           keep the clients on SIGUSR2
     terminate=no            ignore SIGTERM
     exit_code=CODE          end with it on SIGTERM
-    die_on=USR1|USR2        end by SIGKILL in answer to this signal
-    socket=hang|garbage     never answer on the socket, or answer with what is no JSON
-RECORDS/SESSION/reply, when it exists, is sent in place of the state. RECORDS/SESSION/die, when it exists, makes the
-next signal end the agent by SIGKILL.
+    die_on=USR1|USR2        end by SIGKILL when this signal arrives
+    socket=hang|garbage     never answer on the socket, or answer with text that is no JSON
+If RECORDS/SESSION/reply exists, it is sent instead of the state. If RECORDS/SESSION/die exists, the agent ends by
+SIGKILL at the next signal.
 
-What it sees is written to RECORDS/SESSION/: argv, cwd, environ, fds, status, umask, sid; "signals" grows by a line per
-signal. A client of PORT sends one password and a line feed and gets "ok"; it counts as connected until it hangs up.
+It writes what it sees to RECORDS/SESSION/: argv, cwd, environ, fds, status, umask, sid, and a line in "signals" for
+each signal. A client of PORT sends one password and a line feed, and gets "ok". It counts as connected until it leaves.
 """
 import json
 import os
@@ -51,7 +51,7 @@ def read_options():
 
 
 def write(path, text):
-    """Whole or not at all: the reader may look at any moment."""
+    """Writes all or nothing, because a test may read the file at any moment."""
     with open(path + "~", "w", encoding="utf-8", errors="surrogateescape") as file:
         file.write(text)
     os.rename(path + "~", path)
@@ -96,7 +96,7 @@ class Agent:
                 file.write(line + "\n")
 
     def stamp(self):
-        """Times have whole seconds, and two events must not look like one."""
+        """Waits for a new second: times have whole seconds, and two events must not look like one."""
         self.last_stamp = max(int(time.time()), self.last_stamp + 1)
         return time.strftime("%Y-%m-%dT%H:%M:%S", time.localtime(self.last_stamp))
 

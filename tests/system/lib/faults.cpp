@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 /*
- * Loaded into the server before its libraries: makes chosen system calls fail, ends the process in front of one, or
- * lets it see another time. What is to happen stands in a file that the test writes and this maps (faults.py has the
- * same layout), so it can change while the server runs. Programs that the server starts are not touched.
+ * Loaded into the server before its libraries. It makes chosen system calls fail, kills the process before one, or sets
+ * its clock. A test writes to a file what has to happen, and this library maps the file, so the test can change it
+ * while the server runs. faults.py has the same layout. Programs that the server starts are not affected.
  */
 #include <atomic>
 #include <cerrno>
@@ -28,7 +28,7 @@
 
 namespace {
 
-/** Kinds of calls, as bits. A call may be of several. */
+/** Kinds of calls, as bits. A call may be of several kinds. */
 enum Kind : int64_t {
     kDisk = 1,       ///< makes or changes a file or a directory
     kDescriptor = 2, ///< makes a descriptor
@@ -37,7 +37,7 @@ enum Kind : int64_t {
     kSignal = 16,    ///< sends a signal
     kSocket = 32,    ///< writes to a socket, or makes one listen
     kRemoval = 64,   ///< removes a file or a directory
-    kAside = 128,    ///< with others: of these only the calls that the main thread does not make
+    kAside = 128,    ///< together with others: only the calls of threads other than the main one
 };
 
 constexpr int64_t kKill = -1;
@@ -45,15 +45,15 @@ constexpr size_t kTextBytes = 256;
 
 struct Control
 {
-    std::atomic<int64_t> server; ///< pid of the daemon, once there is one
+    std::atomic<int64_t> server; ///< pid of the daemon, 0 before there is one
     std::atomic<int64_t> kinds;  ///< which calls count
-    std::atomic<int64_t> action; ///< 0: nothing happens; an error number; or kKill
+    std::atomic<int64_t> action; ///< 0: none; an error number: fail with it; kKill
     std::atomic<int64_t> first;  ///< the first call that is acted on, counted from 1
     std::atomic<int64_t> last;   ///< and the last one
     std::atomic<int64_t> count;  ///< calls so far
     std::atomic<int64_t> acted;  ///< calls acted on so far
-    std::atomic<int64_t> shift;  ///< seconds by which the clock is wrong
-    char path[kTextBytes];       ///< only calls on a path that holds this text count
+    std::atomic<int64_t> shift;  ///< seconds that are added to the clock
+    char path[kTextBytes];       ///< only calls on a path that contains this text count
     char met[kTextBytes];        ///< the last call that was acted on
 };
 
@@ -71,20 +71,20 @@ Function *next(Function *, const char *name)
         return found;                                                                                                  \
     }())
 
-/** The server itself, before and after it has become a daemon; neither who started it, nor what it starts. */
+/** The server itself, before and after it has become a daemon. Not its parent, and not the programs that it starts. */
 bool isServer()
 {
     const int64_t server = control->server;
     return server == 0 || server == ::getpid();
 }
 
-/** The main thread looks at the agents again and again, whatever else the server does. */
+/** The main thread refreshes the sessions all the time, so its calls vary from run to run. */
 bool isThreadMeant()
 {
     return (control->kinds & kAside) == 0 || ::gettid() != ::getpid();
 }
 
-/** Whether the call has to fail, with errno set. Does not return where the process has to end. */
+/** Whether the call has to fail; sets errno. Does not return if the process has to end. */
 bool strike(int64_t kinds, const char *call, const char *path)
 {
     const int savedErrno = errno;
@@ -116,7 +116,7 @@ struct Target
     int64_t kind = 0;
 };
 
-/** What a write to this descriptor would change. */
+/** The kind of change that a write to this descriptor makes. */
 Target target(int descriptor)
 {
     Target found;
@@ -136,7 +136,7 @@ Target target(int descriptor)
     return found;
 }
 
-/** Writes to pipes and events, which nobody outside sees, do not count. */
+/** Writes to pipes and events do not count, because no other process sees them. */
 bool strikeWrite(int descriptor, const char *call)
 {
     if (!control || control->kinds == 0) {
@@ -155,7 +155,7 @@ int64_t kindsOfOpen(int flags)
 
 bool strikeOpen(const char *path, int flags)
 {
-    // Devices take up descriptors, but writing to them changes nothing.
+    // Devices need descriptors, but a write to one changes nothing.
     const int64_t kinds = std::strncmp(path, "/dev/", 5) == 0 ? static_cast<int64_t>(kDescriptor) : kindsOfOpen(flags);
     return strike(kinds, "open", path);
 }
@@ -311,7 +311,7 @@ EXPORT int clone(int (*start)(void *), void *stack, int flags, void *argument, .
     return strike(kProcess, "fork", "") ? -1 : NEXT(clone)(start, stack, flags, argument, parentId, storage, childId);
 }
 
-/** Qt also makes processes with a call that the C library does not know. */
+/** Qt also makes processes by a system call that the C library has no function for. */
 EXPORT long syscall(long number, ...) noexcept
 {
     va_list arguments;
@@ -335,7 +335,7 @@ EXPORT int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, v
 
 EXPORT pid_t setsid() noexcept
 {
-    // The first one to leave its terminal is the daemon; agents do so as well, later.
+    // The first process that leaves its terminal is the daemon. Agents do so too, but later.
     int64_t nobody = 0;
     if (control) {
         control->server.compare_exchange_strong(nobody, ::getpid());
@@ -345,7 +345,7 @@ EXPORT pid_t setsid() noexcept
 
 EXPORT int kill(pid_t process, int number) noexcept
 {
-    // Asking whether a process is there changes nothing.
+    // Signal 0 changes nothing.
     return number != 0 && strike(kSignal, "kill", "") ? -1 : NEXT(kill)(process, number);
 }
 

@@ -3,7 +3,7 @@
 
     faults = Faults(server)                 # before server.start()
     faults.fail(errno.ENOSPC, nth=3)        # the third call that changes a file fails, once
-    faults.kill(nth=7)                      # the server ends in front of the seventh one, as by kill -9
+    faults.kill(nth=7)                      # the server ends before the seventh one, as by kill -9
     faults.off()
 """
 import contextlib
@@ -18,9 +18,9 @@ import zarvo
 
 
 DISK, DESCRIPTOR, PROCESS, THREAD, SIGNAL, SOCKET, REMOVAL = 1, 2, 4, 8, 16, 32, 64
-# With others: of these only the calls that the main thread does not make, which are those of requests.
+# Together with others: only the calls that threads other than the main one make. Requests run there.
 ASIDE = 128
-# Everything that somebody outside could see.
+# Everything that another process could see.
 CHANGES = DISK | PROCESS | SIGNAL | SOCKET | REMOVAL
 
 KILL = -1
@@ -33,14 +33,14 @@ SIZE = MET + TEXT
 
 
 def libraries(name):
-    """What has to be loaded with a library of the tests: a sanitizer's runtime insists on being the first."""
+    """LD_PRELOAD for a library of the tests. A sanitizer's runtime insists on being the first."""
     listed = subprocess.run(["ldd", zarvo.BINARY], check=True, capture_output=True, text=True, timeout=60).stdout
     sanitizers = re.findall(r"=> (\S*/lib[at]san\.so\S*)", listed)
     return ":".join([*sanitizers, os.path.join(zarvo.BUILD, "tests", "system", f"lib{name}.so")])
 
 
 class Faults:
-    """To be made for a server that is not running. What is set here holds from then on, also over its restarts."""
+    """Make it before the server starts. What a test sets holds until it sets something else, also over restarts."""
 
     def __init__(self, server):
         path = os.path.join(server.top, "faults")
@@ -57,7 +57,7 @@ class Faults:
         struct.pack_into("q", self.memory, field, value)
 
     def arm(self, action, first, last, kinds, path=""):
-        """Counting starts anew."""
+        """Sets what happens, and starts to count anew."""
         self.set(KINDS, 0)
         self.memory[PATH:PATH + TEXT] = path.encode().ljust(TEXT, b"\0")
         self.memory[MET:MET + TEXT] = bytes(TEXT)
@@ -68,19 +68,19 @@ class Faults:
         self.arm(KILL, nth, nth, kinds, path)
 
     def fail(self, error, nth=1, kinds=DISK, path="", last=None):
-        """last: up to which call it goes on failing; the default is one call."""
+        """last: the last call that fails. By default only the nth one fails."""
         self.arm(error, nth, nth if last is None else last, kinds, path)
 
     def watch(self, kinds=CHANGES, path=""):
-        """Only counts."""
+        """Counts the calls and lets all of them pass."""
         self.arm(0, 0, 0, kinds, path)
 
     def off(self):
-        """From now on nothing is counted or acted on; what was until now can still be asked for."""
+        """Stops counting and acting. The numbers of before can still be read."""
         self.set(KINDS, 0)
 
     def start(self, server, **how):
-        """server.start() for a process that the faults are meant for from its first step on."""
+        """As server.start(). The faults hold from the first step of the new process on."""
         self.set(SERVER, 0)
         return server.start(**how)
 
@@ -97,12 +97,12 @@ class Faults:
 
     @property
     def met(self):
-        """The last call that was acted on, in words."""
+        """The last call that was failed, as text."""
         return self.memory[MET:MET + TEXT].partition(b"\0")[0].decode(errors="replace")
 
 
 class FaultCase(zarvo.TestCase):
-    """A server with one session that somebody was told of, and that no fault may cost."""
+    """A server with one session. Its client knows the session, so no fault may lose it."""
 
     def setUp(self):
         self.instance = self.prepare()
@@ -118,25 +118,22 @@ class FaultCase(zarvo.TestCase):
             return client.call(method, list(params))
 
     def listed(self):
-        """The listed sessions but for the one that is always there; which is checked."""
+        """The listed sessions without the kept one. Checks that this one is listed as before."""
         with self.instance.client() as client:
             entries = self.listed_when_known(client)
         self.assertEqual(entries.pop(self.kept), self.entry)
         return entries
 
     def listed_when_known(self, client):
-        """
-        By their ids. A new server has found a session before its agent has told it anything, and it gives a busy one a
-        second at a time for that.
-        """
+        """The entries by id, once the kept session's agent has answered: a new server lists it before that."""
         def listed():
             entries = {entry["id"]: entry for entry in client.local_sessions()}
             self.assertIn(self.kept, entries)
             return entries if entries[self.kept]["started"] else None
-        return zarvo.wait_until(listed, "the word of the agent")
+        return zarvo.wait_until(listed, "an answer of the agent")
 
     def killed_in(self, nth, method, *params):
-        """Whether the server was killed in front of its nth step after it had got the call; it runs again then."""
+        """Whether the server was killed in front of its nth step after it got the call. If so, it is started again."""
         with self.instance.client() as client:
             client.call("Live.GetVersion")
             self.faults.kill(nth)
@@ -144,7 +141,7 @@ class FaultCase(zarvo.TestCase):
                 client.call(method, list(params))
             except (EOFError, OSError):
                 self.assertEqual(self.faults.acted, 1, f"the connection ended by itself in {method}")
-            # Before we look: the server goes on, and the next of its steps may have nothing to do with the call.
+            # First, because the server goes on, and its next step may have nothing to do with the call.
             self.faults.off()
             killed = self.faults.acted == 1
         if killed:
@@ -153,14 +150,14 @@ class FaultCase(zarvo.TestCase):
         return killed
 
     def steps(self, act, limit=400):
-        """Calls act(1), act(2) and so on until one says that there was no such step any more; the number of steps."""
+        """Calls act(1), act(2) and so on until one returns False, because there is no such step. Counts the steps."""
         for step in range(1, limit):
             if not act(step):
                 return step - 1
-        raise AssertionError("there is no end of steps")
+        raise AssertionError(f"more than {limit} steps")
 
     def refused_in(self, error, nth, kinds, method, *params):
-        """The error of the call whose nth step fails, or None; None as well where it makes nothing of the failure."""
+        """The error of the call whose nth step fails. None if it has no such step or succeeds all the same."""
         with self.instance.client() as client:
             client.call("Live.GetVersion")
             self.faults.fail(error, nth, kinds=kinds)
@@ -173,7 +170,7 @@ class FaultCase(zarvo.TestCase):
         return None
 
     def disarm(self):
-        """Ends the fault; "hit" and "met" tell of it from now on."""
+        """Ends the fault. "hit" says whether a call has failed, and "met" which one."""
         self.faults.off()
         self.hit, self.met = self.faults.acted, self.faults.met
 
@@ -190,8 +187,8 @@ class FaultCase(zarvo.TestCase):
 
     def assert_ends(self, session, but=()):
         """
-        The session, which is listed, can be ended; nothing of it is left. but: agents that are in its directory and that
-        the server does not know. They are ended here.
+        Ends the listed session and checks that nothing of it is left. but: agents in its directory that the server does
+        not know. They are killed here.
         """
         self.call("Live.Terminate", session)
         for agent in but:
@@ -202,7 +199,7 @@ class FaultCase(zarvo.TestCase):
         self.assertFalse(os.path.exists(self.instance.directory(session)))
 
     def assert_offers(self, session):
-        """A client can get into the listed session."""
+        """Checks that a viewer can connect to the listed session, and returns it."""
         zarvo.wait_until(lambda: self.listed()[session]["started"], "the agent to be ready")
         method = {"connect|terminate": "Live.Resume", "retry|terminate": "Live.Replay"}
         answer = self.call(method[self.listed()[session]["permissions"]], session)

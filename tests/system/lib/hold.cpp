@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: MIT
 /*
- * Loaded into a program before its libraries: holds it in front of opening one file, so that a test can change what the
- * program looks at between two looks of it. ZARVO_HOLD is the file that appears while it is held, and that with "-go"
- * at its end lets it go on; ZARVO_HOLD_PATH is how the path begins, and ZARVO_HOLD_NTH which of the openings is meant.
+ * Loaded into a program before its libraries. It holds the program before it opens one file, so that a test can change
+ * files between two reads. It makes the file ZARVO_HOLD while it holds the program, and goes on when a file of this
+ * name with "-go" at its end exists. ZARVO_HOLD_PATH is the beginning of the path, ZARVO_HOLD_NTH the number of the
+ * opening.
  */
 #include <cstdarg>
 #include <cstdlib>
@@ -22,7 +23,7 @@ constexpr useconds_t kPauseUs = 1000;
 
 using Open = int (*)(const char *, int, ...);
 
-/** What was asked for; programs that this one starts are not held. */
+/** What was asked for. Programs that this one starts are not held. */
 struct Request
 {
     Request()

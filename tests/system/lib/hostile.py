@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
-"""A server among peers that mean harm, or are broken.
+"""A server among hostile or broken peers.
 
-They are played from 127.0.0.2, which is no interface's address; no privileges are needed.
+The tests play them from 127.0.0.2. No interface has this address, and no privileges are needed.
 """
 import contextlib
 import re
@@ -12,7 +12,8 @@ import hosts
 import zarvo
 from hosts import OTHER_HOST, entry, reply
 
-# An answer takes milliseconds, and one that waits for a peer 15 seconds. Between them lies a machine that is busy.
+# A slower answer, in seconds, is too slow. It takes milliseconds, more on a busy machine, and 15 s when it waits
+# for a peer.
 SLOW = 10
 
 
@@ -35,7 +36,7 @@ class HostileCase(hosts.NeighbourCase):
         return self.service(hosts.answering(*self.pair, *pieces))
 
     def pour(self, datagrams):
-        """Sends them all as fast as the server reads them; it has read all of them afterwards."""
+        """Sends them as fast as the server reads them, and returns when it has read all."""
         dropped = hosts.pour(self.ear, ("127.0.0.1", self.udp_port), datagrams)
         self.assertEqual(dropped, 0, "the system dropped datagrams before the server saw them")
 
@@ -43,14 +44,14 @@ class HostileCase(hosts.NeighbourCase):
         zarvo.wait_until(lambda: self.listed() == sessions, "the peer's sessions")
 
     def assert_still_listens(self, address=OTHER_HOST):
-        """A good peer is asked, and counts."""
+        """Checks that the server asks a well-behaved peer and lists its session."""
         session = entry(zarvo.new_id())
         peer = self.service(hosts.answering(*self.pair, reply([session])), address=address)
         self.say(self.message(peer), self.datagrams(address, 0))
         zarvo.wait_until(lambda: session in (self.listed() or []), "the session of a good peer")
 
     def silent_hosts(self, count, method, each):
-        """So many hosts announce themselves each time and never answer; returns their services."""
+        """Lets count hosts announce themselves, each so many times, and never answer. Returns their services."""
         silent = [self.service(hosts.wait_hang_up, address=f"127.0.0.{number}") for number in range(2, 2 + count)]
         for service in silent:
             content = hosts.announcement(method, service.port, self.instance.user)
@@ -64,7 +65,7 @@ class HostileCase(hosts.NeighbourCase):
 
 
 class Latencies:
-    """How long a client waits for its answers, as long as the context lasts."""
+    """Measures how long a client waits for its answers while the context lasts."""
 
     def __init__(self, server):
         self.server = server
@@ -82,7 +83,7 @@ class Latencies:
         try:
             while not self.done.is_set():
                 begin = time.monotonic()
-                with contextlib.suppress(zarvo.RpcError):  # a session went while it was being listed
+                with contextlib.suppress(zarvo.RpcError):  # a session ended while it was being listed
                     self.client.call("Live.ListSessions")
                 self.found.append(time.monotonic() - begin)
                 self.done.wait(0.02)
@@ -91,7 +92,7 @@ class Latencies:
 
     def __exit__(self, kind, *_):
         try:
-            if kind is None:  # a busy machine answers late, so the number to judge by is waited for
+            if kind is None:  # on a busy machine ten answers take their time
                 zarvo.wait_until(lambda: self.failure or len(self.found) >= 10, "answers to judge by")
         finally:
             self.done.set()

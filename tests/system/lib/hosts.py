@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
-"""Several hosts on one network, each with a server of the same user, and peers that are played by hand.
+"""Several hosts on one network, each with a server of the same user, and peers that a test plays.
 
-A host is a thread in namespaces of its own: network, host name, mounts. Nothing of it has a name outside, and the
-kernel drops all of it with the last process inside: two runs cannot meet, and one that is killed leaves nothing behind.
+A host is a thread in namespaces of its own: network, host name, mounts. They have no name outside, so two runs cannot
+meet. The kernel drops them with the last process inside, so a killed run leaves nothing behind.
 
     site = hosts.Site(self)
     alpha, beta = site.server("alpha"), site.server("beta")
@@ -29,13 +29,13 @@ import zarvo
 
 CLONE_NEWNS, CLONE_NEWUTS, CLONE_NEWUSER, CLONE_NEWNET = 0x00020000, 0x04000000, 0x10000000, 0x40000000
 
-# Reserved for documentation, so that no real network is meant when something leaks.
+# Reserved for documentation, so a packet that leaks reaches no real network.
 NETWORK = "192.0.2"
 UDP_PORT = 20123
 
 PREFIX = "zarvo-site-"
 
-# Of the machine itself, but of no interface: who sends from here is another host for a server.
+# Loopback, but no address of an interface. So a server takes it for another host's.
 OTHER_HOST = "127.0.0.2"
 
 QUERY = zarvo.frame('{"id":"ServerUpdate","jsonrpc":"2.0","method":"Live.ListLocalSessions","params":null}\n')
@@ -52,7 +52,7 @@ def unshare(flags):
 
 
 def become_root_of_a_namespace():
-    """What an ordinary user needs first. Only a process with a single thread may do it."""
+    """Enters a user namespace, which an ordinary user needs first. Only a single-threaded process may do so."""
     user, group = os.getuid(), os.getgid()
     unshare(CLONE_NEWUSER)
     zarvo.write("/proc/self/setgroups", "deny")
@@ -62,7 +62,7 @@ def become_root_of_a_namespace():
 
 @functools.cache
 def missing():
-    """Why there can be no hosts here; None when all is well."""
+    """Why this machine cannot have hosts, or None if it can."""
     for program in ("ip", "mount"):
         if shutil.which(program) is None:
             return f"the program \"{program}\" is missing"
@@ -77,7 +77,7 @@ def missing():
 
 
 def need_namespaces():
-    """To be called first in setUpModule(): without namespaces the module is skipped, in CI it fails."""
+    """Call it first in setUpModule(). Without namespaces it skips the module; in CI it fails."""
     reason = missing()
     if reason is None:
         return
@@ -90,7 +90,7 @@ def need_namespaces():
 # Hosts
 
 class Namespace:
-    """A thread that has network, host name and mounts of its own. What run() starts, or opens, belongs there."""
+    """A thread with its own network, host name and mounts. What run() starts or opens belongs to them."""
 
     def __init__(self, name):
         self.name = name
@@ -146,7 +146,7 @@ class Host(Namespace):
     """One host at the site's switch, with a temporary directory of its own.
 
     own      a folder for its own files, which does not exist yet
-    shared   folders below /tmp that it sees under their names all the same
+    shared   folders below /tmp that it sees in spite of its own /tmp
     """
 
     def __init__(self, name, address, switch, own, shared):
@@ -162,19 +162,19 @@ class Host(Namespace):
             switch.ip("link", "set", self.port, "master", "bridge", "up")
             self.ip("address", "add", f"{address}/24", "broadcast", f"{NETWORK}.255", "dev", "eth0")
             self.ip("link", "set", "eth0", "up")
-            # Without a route to anywhere nothing can be sent to 255.255.255.255 either.
+            # Without a default route, a broadcast to 255.255.255.255 fails too.
             self.ip("route", "add", "default", "dev", "eth0")
         except BaseException:
             self.close()
             raise
 
     def name_itself(self, path):
-        """A host knows its own name; without that, programs wait for a name server that is not there."""
+        """Lets the host resolve its own name, so that no program waits for a missing name server."""
         zarvo.write(path, f"127.0.0.1 localhost\n{self.address} {self.name}\n")
         self.command("mount", "--bind", path, "/etc/hosts")
 
     def cover_temp(self, own_temp, shared):
-        """Sockets and locks in /tmp belong to one host; a folder of the test that lies there has to be seen."""
+        """Gives the host a /tmp of its own for sockets and locks. Folders of the test stay visible in it."""
         os.mkdir(own_temp)
         os.chmod(own_temp, 0o1777)
         for folder in sorted({os.path.realpath(folder) for folder in shared}):
@@ -184,12 +184,12 @@ class Host(Namespace):
         self.command("mount", "--rbind", own_temp, "/tmp")
 
     def plug(self, state):
-        """Puts the cable in ("up"), or draws it ("down")."""
+        """Plugs the cable in ("up") or pulls it ("down")."""
         self.switch.ip("link", "set", self.port, state)
 
 
 class HostServer(zarvo.Server):
-    """A server on a host of its own; home directory and user are the site's, unless told otherwise."""
+    """A server on a host of its own. Home directory and user are the site's by default."""
 
     def __init__(self, site, name, address, home=None, user=None, environment=None):
         super().__init__(environment=environment)
@@ -233,7 +233,7 @@ class HostServer(zarvo.Server):
 
 
 def remove_leftovers():
-    """Folders of runs that were killed; their namespaces went with them."""
+    """Removes the folders of killed runs. The kernel has dropped their namespaces."""
     for name in os.listdir("/tmp"):
         pid = name.removeprefix(PREFIX).partition("-")[0]
         if name.startswith(PREFIX) and pid.isdigit() and not os.path.exists(f"/proc/{pid}"):
@@ -241,7 +241,7 @@ def remove_leftovers():
 
 
 class Site:
-    """A network with a switch, and a home directory that all its hosts share. Goes with the test."""
+    """A network with a switch, and a home directory that all its hosts share. Removed after the test."""
 
     def __init__(self, case, settings=None):
         self.case = case
@@ -250,7 +250,7 @@ class Site:
         case.addCleanup(shutil.rmtree, self.top, ignore_errors=True)
         self.home = self.new_home("home")
         self.user = "u" + os.urandom(6).hex()
-        # One settings file for all hosts, as it is with a shared home directory: also the displays are the same.
+        # The home directory is shared, so all hosts have the same settings, displays included.
         self.settings = {"UserPath": "@HOME@/.zarvo_server/@HOST@", "BroadcastPort": UDP_PORT, "LogLevel": "Debug3",
                          "DisplayBase": 200, "DisplayLimit": 20, **(settings or {})}
         self.switch = Namespace("switch")
@@ -260,7 +260,7 @@ class Site:
         self.free = iter(range(1, 255))
 
     def new_home(self, name):
-        """One more home directory, with nothing in it."""
+        """Makes another, empty home directory."""
         home = os.path.join(self.top, name)
         os.makedirs(os.path.join(home, ".zarvo_server"))
         return home
@@ -281,7 +281,7 @@ class Site:
         return made
 
 
-# Peers that are played by hand
+# Peers that a test plays
 
 def announcement(method, port, user, **fields):
     return zarvo.compact({"Method": method, "Port": port, "User": user, **fields}).encode()
@@ -300,7 +300,7 @@ def reply(sessions, **fields):
 
 
 class Service:
-    """Listens like a server's TLS service; what it does with a connection is the test's: behave(raw socket)."""
+    """Listens as a server does, and calls behave(raw socket) for each connection."""
 
     def __init__(self, case, behave, address=OTHER_HOST, host=None, backlog=128):
         self.behave, self.address = behave, address
@@ -331,7 +331,7 @@ class Service:
         try:
             raw.settimeout(zarvo.DEADLINE)
             self.behave(raw)
-        except (OSError, AssertionError) as failure:  # that the server hangs up is what most tests are about
+        except (OSError, AssertionError) as failure:  # the server hangs up, as most tests expect
             self.failures.append(failure)
         finally:
             with self.lock:
@@ -358,14 +358,14 @@ def service_context(certificate, key):
 
 
 def wait_hang_up(stream):
-    """Reads up to the end of the other side."""
+    """Reads until the other side closes."""
     with contextlib.suppress(OSError):
         while stream.recv(4096):
             pass
 
 
 def with_query(certificate, key, answer):
-    """A behaviour for Service: takes the query over TLS, then answer(tls) has its turn."""
+    """A behaviour for Service: reads the query over TLS, then calls answer(tls)."""
     def behave(raw):
         with service_context(certificate, key).wrap_socket(raw, server_side=True) as tls:
             received = b""
@@ -381,7 +381,7 @@ def with_query(certificate, key, answer):
 
 
 def answering(certificate, key, *pieces):
-    """The same for an answer that is sent in these pieces, until the server hangs up."""
+    """The same: sends these pieces, then waits until the server hangs up."""
     def answer(tls):
         for piece in pieces:
             tls.sendall(piece)
@@ -390,7 +390,7 @@ def answering(certificate, key, *pieces):
 
 
 def pending(port):
-    """How many bytes wait for the server at this UDP port here, and how many datagrams the system dropped."""
+    """The bytes that wait in the buffer of this UDP port, and the number of datagrams that the system dropped."""
     for table in ("/proc/thread-self/net/udp6", "/proc/thread-self/net/udp"):
         with contextlib.suppress(FileNotFoundError), open(table, encoding="ascii") as lines:
             for line in list(lines)[1:]:
@@ -402,15 +402,15 @@ def pending(port):
 
 
 def pour(source, target, datagrams, look=None, room=60000):
-    """Sends all of them to the address without filling the server's buffer. Returns how many the system dropped.
+    """Sends them to the address without overrunning the server's buffer. Returns how many the system dropped.
 
-    look    calls pending() where the server is; by default here
+    look    calls pending() in the server's network namespace; by default in this one
     """
     look = look or (lambda: pending(target[1]))
     before = look()[1]
     sent = room
     for datagram in datagrams:
-        if sent >= room // 2:  # as the system counts, which adds its own for each
+        if sent >= room // 2:  # as the system counts, with its overhead for each
             end = time.monotonic() + zarvo.DEADLINE
             while look()[0] > room:
                 if time.monotonic() > end:
@@ -424,11 +424,11 @@ def pour(source, target, datagrams, look=None, room=60000):
 
 
 class NeighbourCase(zarvo.TestCase):
-    """One server, and another host that is played from an address of no interface. Needs no privileges."""
+    """One server, and another host that the test plays. Needs no privileges."""
 
     def setUp(self):
         self.instance = self.prepare({"DisplayLimit": 10})
-        # Display numbers that this server does not use lend their port, so that no other test has it.
+        # The UDP port of an unused display number of ours, so that no other test has it.
         self.udp_port = 6000 + self.instance.displays.base + 15
         self.ear = self.datagrams(OTHER_HOST, self.udp_port)
         self.instance.settings.update(BroadcastAddress=OTHER_HOST, BroadcastPort=self.udp_port)
@@ -446,7 +446,7 @@ class NeighbourCase(zarvo.TestCase):
         self.instance.start()
         self.client = self.instance.client()
         self.assertEqual(self.hear(), self.datagram("HELLO"))
-        self.assertEqual(self.hear(), self.datagram("UPDATE"))  # the first look at the sessions
+        self.assertEqual(self.hear(), self.datagram("UPDATE"))  # sent after the first refresh
 
     def datagram(self, method):
         return announcement(method, self.instance.port, self.instance.user)

@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: MIT
-"""Starts one program and looks after everything that it leaves behind.
+"""Starts one program, reports how its processes end, and kills what it leaves behind.
 
 usage: keeper.py REPORT_FD STDIN_FILE PROGRAM
 
-Plays the part of init for the program: a daemon's exit status belongs to its parent, which for a daemon is whoever
-adopts orphans. Each child that ends is reported as a line "PID STATUS" on REPORT_FD, where the status of a signal is
-negative; the first line is "started PID". Standard output and error are the program's; standard input is the line to
-the test: at its end, also when the test was killed, every process below is killed and the keeper ends.
+It is init for the program: a daemon is an orphan, and only the process that adopts orphans gets its exit status. The
+first line on REPORT_FD is "started PID". Then there is a line "PID STATUS" for each child that ends; the status of a
+signal is negative. Standard output and error are the program's. Standard input comes from the test: when it ends, also
+because the test was killed, the keeper kills every process below it and ends.
 """
 import ctypes
 import os
@@ -46,7 +46,7 @@ def reap(report):
 
 
 def program_environment():
-    """ZARVO_PRELOAD is what the program is to be loaded with, and the keeper itself is not."""
+    """ZARVO_PRELOAD is LD_PRELOAD for the program. The keeper itself must not load it."""
     environment = dict(os.environ)
     if "ZARVO_PRELOAD" in environment:
         environment["LD_PRELOAD"] = environment.pop("ZARVO_PRELOAD")
@@ -61,7 +61,7 @@ def main():
     wake, signalled = os.pipe()
     os.set_blocking(signalled, False)
     signal.set_wakeup_fd(signalled, warn_on_full_buffer=False)
-    # A signal to all of the terminal is meant for the test as well, the end of which is the sign to clean up.
+    # The test gets a signal of the terminal too. Its end is what makes the keeper clean up.
     for number in (signal.SIGCHLD, signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: None)
 
@@ -89,7 +89,7 @@ def main():
                 reap(report)
             elif not os.read(0, 4096):
                 alive = False
-    # Killing a child hands its own children to us, so go on until there is none.
+    # A killed child's own children become ours, so go on until there is none.
     while reap(report):
         for child in children():
             os.kill(child, signal.SIGKILL)

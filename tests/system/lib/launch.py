@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The start of a server, and what becomes of it."""
+"""One start of a server, and how its processes ended."""
 import contextlib
 import os
 import select
@@ -36,7 +36,7 @@ class Launch:
 
     @staticmethod
     def drain(*descriptors):
-        """Reads all of them to their end: the caller of a daemon waits for that."""
+        """Reads all of them to their end, as the caller of a daemon does."""
         texts = {descriptor: b"" for descriptor in descriptors}
         left = set(descriptors)
         end = time.monotonic() + DEADLINE
@@ -74,7 +74,7 @@ class Launch:
         return wait_until(known, "the start of the server")
 
     def wait_exit(self, pid, deadline=DEADLINE):
-        """The exit status of the process; negative for a signal."""
+        """Waits for the exit status of the process. It is negative for a signal."""
         def ended():
             self.poll()
             return pid in self.exits
@@ -82,7 +82,7 @@ class Launch:
         return self.exits[pid]
 
     def wait_daemon_exit(self, deadline=DEADLINE):
-        """The same for the daemon of a start that failed, whose pid nobody tells."""
+        """The same for the daemon of a failed start. Its pid is unknown, so it is the only other process."""
         def others():
             self.poll()
             return [status for pid, status in self.exits.items() if pid != self.parent]
@@ -92,7 +92,7 @@ class Launch:
         return statuses[0]
 
     def close(self):
-        """Kills whatever is left of this start."""
+        """Kills all that is left of this start."""
         if self.keeper.stdin.closed:
             return
         self.keeper.stdin.close()

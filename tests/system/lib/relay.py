@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Stands between one client and a server, and knows what the client has been answered."""
+"""A relay between one client and a server. It knows which answers have reached the client."""
 import contextlib
 import json
 import select
@@ -28,7 +28,7 @@ class Frames:
 
 
 class Relay:
-    """Lets one client in, with the server's own certificate. Goes with the test."""
+    """Accepts one client, with the server's own certificate. Ends with the test."""
 
     def __init__(self, case, server):
         self.answered = []  # the methods whose answers are on their way to the client, oldest first
@@ -64,7 +64,7 @@ class Relay:
 
     @staticmethod
     def receive(source):
-        """All that is there to be read, which may be nothing; None at the end."""
+        """All that can be read now, perhaps nothing. None at the end."""
         source.setblocking(False)
         pieces = []
         while True:

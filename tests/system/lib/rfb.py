@@ -23,7 +23,7 @@ class ProtocolError(Exception):
 
 
 class AuthenticationFailed(Exception):
-    """The server refused the password, or refuses to ask for one; the text is its reason, if it gave one."""
+    """The server refused the password, or refused to ask for one. The text is its reason, if it gave one."""
 
 
 class Image:
@@ -111,7 +111,7 @@ class Client:
             self.press(0xFF0D if character == "\n" else ord(character))
 
     def resize(self, width, height):
-        """Asks for another screen size. The server may say no; what it made of it is for the caller to find out."""
+        """Asks for another screen size. The server may refuse, so the caller has to check the size."""
         self.socket.sendall(struct.pack(">BxHii", 2, 2, RAW_ENCODING, DESKTOP_SIZE_ENCODING))
         screen = struct.pack(">IHHHHI", 0, 0, 0, width, height, 0)
         self.socket.sendall(struct.pack(">BxHHBx", 251, width, height, 1) + screen)

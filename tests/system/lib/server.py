@@ -16,12 +16,12 @@ from client import Client
 from displays import Displays
 from launch import Launch
 
-# What a thread makes for itself when it first needs one, and keeps.
+# A thread opens one of these when it first needs it, and keeps it.
 THREAD_EVENT = "anon_inode:[eventfd]"
 
 
 def make_certificate(folder, *options, name="server"):
-    """A self-signed pair as the server makes it; returns the paths of certificate and key."""
+    """Makes a self-signed pair as the server does. Returns the paths of certificate and key."""
     certificate, key = os.path.join(folder, name + "_cert"), os.path.join(folder, name + "_key")
     subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key, "-out", certificate,
                     "-days", "365", "-batch", *options], check=True, stdin=subprocess.DEVNULL,
@@ -30,21 +30,21 @@ def make_certificate(folder, *options, name="server"):
 
 
 class Server:
-    """A server's surroundings, and the server once start() was called.
+    """A server's surroundings, and from start() on the server.
 
-    settings      entries of the settings file besides those that keep it apart from other tests; None leaves one out
-    certificate   False: none is there, so that the server makes its own
+    settings      entries of the settings file, beside those that isolate it from other tests; None leaves one out
+    certificate   False: there is none, so the server makes its own
     environment   added to the server's environment; None removes a variable
     programs      names of the only programs on its search path besides the fake agent's; default: everything
     agent         False: the search path holds no fake agent
     """
 
-    pair = pair_folder = None  # made once per process: making a key takes its time
+    pair = pair_folder = None  # made once per process, because making a key is slow
 
     def __init__(self, settings=None, certificate=True, environment=None, programs=None, agent=True, displays=20):
         if not os.access(BINARY, os.X_OK):
             raise AssertionError(f"no server at '{BINARY}': ZARVO_BUILD_DIR has to name the build folder")
-        # Short, for the sake of local sockets, and the same place for every user.
+        # A short path, because that of a local socket is limited, and the same for every user.
         self.top = os.path.realpath(tempfile.mkdtemp(prefix="zarvo-", dir="/tmp"))
         self.displays = Displays(displays)
         self.home = os.path.join(self.top, "home")
@@ -117,7 +117,7 @@ class Server:
         for name in ("LD_LIBRARY_PATH", "TZ"):
             if name in os.environ:
                 environment[name] = os.environ[name]
-        # A daemon has no terminal to print a sanitizer's report on; close() looks for the files.
+        # A daemon has no standard error for a sanitizer's report, so it goes to a file, which close() reads.
         for name in ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
             own = f"log_path={self.reports}/report:quarantine_size_mb=16" if name == "ASAN_OPTIONS" \
                 else f"log_path={self.reports}/report"
@@ -125,12 +125,12 @@ class Server:
         return environment
 
     def agent(self, session_id=None, **options):
-        """How agents started from now on behave (see fake_agent.py): those of one session, or all others."""
+        """Sets how agents behave that start from now on (see fake_agent.py): those of one session, or all others."""
         name = "agent.conf" if session_id is None else f"agent-C-{session_id}.conf"
         write(os.path.join(self.records, name), "".join(f"{key}={value}\n" for key, value in options.items()))
 
     def release(self, session_id):
-        """Lets an agent that was told to hold be ready; its start is over soon then, and not before."""
+        """Lets an agent with ready=hold become ready, so that its start ends."""
         write(os.path.join(self.records, "go-C-" + session_id), "")
 
     # Start and end
@@ -156,7 +156,7 @@ class Server:
         return status
 
     def close(self):
-        """Kills the server and everything that it started, removes all files; a sanitizer's report is a failure."""
+        """Ends the server and all that it started, and removes all files. Fails if there is a sanitizer's report."""
         complaints = ""
         try:
             for client in self.clients:
@@ -179,7 +179,7 @@ class Server:
         if complaints:
             raise AssertionError(complaints)
 
-    # What it shows
+    # What can be seen of it
 
     @property
     def log_file(self):
@@ -201,7 +201,7 @@ class Server:
         return os.path.join(self.sessions, "C-" + session_id)
 
     def log(self):
-        """Its whole lines: the last one may be just being written."""
+        """The whole lines of the log. The server may be writing the last one just now."""
         text = read(self.log_file) if os.path.exists(self.log_file) else ""
         return text[:text.rfind("\n") + 1]
 
@@ -245,10 +245,7 @@ class Server:
         return found
 
     def held(self):
-        """
-        The same without what belongs to its threads: each makes an event for itself when it first needs one, which for
-        some of them is long after the start, and keeps it.
-        """
+        """The same without the events of threads: some threads open theirs long after the start."""
         return [target for target in self.descriptors().values() if target != THREAD_EVENT]
 
     def memory(self, field):
@@ -259,11 +256,11 @@ class Server:
         return self.memory("VmRSS")
 
     def peak(self):
-        """The most that it was."""
+        """The highest resident memory so far, in bytes."""
         return self.memory("VmHWM")
 
     def instrumentation(self):
-        """What a sanitizer's bookkeeping may add to the growth, in bytes. It shows by the address space that it sets aside."""
+        """The bytes that a sanitizer may add to the growth. Its huge address space shows that there is one."""
         return 80 << 20 if self.memory("VmSize") > 1 << 40 else 0
 
     # Clients

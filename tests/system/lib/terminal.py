@@ -26,7 +26,7 @@ class Terminal:
         self.decoder = codecs.getincrementaldecoder("utf-8")("replace")
 
     def resize(self, columns, rows):
-        """The program is told by SIGWINCH, which comes by itself only to one in the foreground of its session."""
+        """Send SIGWINCH yourself: it comes by itself only to a foreground process of a session."""
         fcntl.ioctl(self.master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
 
     def read_some(self, timeout):
@@ -49,7 +49,7 @@ class Terminal:
         os.write(self.master, text.encode())
 
     def finish(self):
-        """Reads on to the end of the program; returns its exit code and the lines of the terminal."""
+        """Reads until the program ends. Returns its exit code and the text of the terminal."""
         while self.read_some(zarvo.DEADLINE):
             pass
         code = self.process.wait(zarvo.DEADLINE)

@@ -6,8 +6,8 @@
             server = self.server()
             self.assertEqual(server.client().call("Live.GetVersion"), zarvo.VERSION)
 
-Each server has its own HOME, USER, TMPDIR and display numbers, so that any number of tests may run side by side.
-ZARVO_BUILD_DIR names the build folder. Tests find here, under one name, all that they need for that.
+Each server has its own HOME, USER, TMPDIR and display numbers, so any number of tests can run side by side.
+ZARVO_BUILD_DIR names the build folder. The names of the modules beside it are offered here as well.
 """
 import unittest
 
@@ -23,7 +23,7 @@ class TestCase(unittest.TestCase):
     maxDiff = None
 
     def prepare(self, *arguments, **how):
-        """A server that is not started yet; everything of it is gone after the test."""
+        """A server that is not started yet. It and its files are removed after the test."""
         server = Server(*arguments, **how)
         self.addCleanup(server.close)
         return server
@@ -45,7 +45,7 @@ class TestCase(unittest.TestCase):
 
 
 class SharedServer(TestCase):
-    """Tests that share one running server, for those that leave nothing behind in it."""
+    """Tests that share one running server, because they leave nothing behind in it."""
 
     settings = None
 

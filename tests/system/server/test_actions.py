@@ -71,29 +71,29 @@ class Actions(zarvo.TestCase):
     def test_replay_of_a_rootless_session(self):
         session, _ = self.start(geometry="rootless")
         self.assertEqual(self.client.call("Live.Replay", [session])["windowMode"], "rootless")
-        # The size is the screen's, not the text that the session was started with.
+        # The size is that of the screen, not the one asked for at the start.
         self.assertEqual(self.client.call("Live.Replay", [session])["geometry"], "1024x768")
 
-    def test_replay_without_a_password(self):
+    def test_replay_without_a_password_is_refused(self):
         session, _ = self.start_idle()
         self.assert_fails(*WRONG_STATE, self.client.call, "Live.Replay", [session])
 
-    def test_replay_with_a_client_connected(self):
+    def test_replay_with_a_client_connected_is_refused(self):
         session, answer = self.start()
         self.connect(session, answer)
         self.assert_fails(*WRONG_STATE, self.client.call, "Live.Replay", [session])
 
-    def test_unknown_size(self):
+    def test_unknown_size_is_minus_one(self):
         session, _ = self.start()
         path = os.path.join(self.instance.records, "C-" + session, "reply")
-        # A server that has just come up knows only what the agent tells it.
+        # A new server knows only what the agent says.
         zarvo.write(path, '{"Passwords":["first","last"],"Clients":0,"ScreenWidth":800}')
         self.instance.stop()
         self.instance.start()
         with self.instance.client() as client:
-            zarvo.wait_until(lambda: client.local_sessions()[0]["permissions"] == "retry|terminate", "its word")
+            zarvo.wait_until(lambda: client.local_sessions()[0]["permissions"] == "retry|terminate", "an answer of the agent")
             self.assertEqual(client.call("Live.Replay", [session])["geometry"], "-1x-1")
-            # The newest password is the one that counts.
+            # The newest password counts.
             self.assertEqual(client.call("Live.Replay", [session])["password"], "last")
 
     # Resume
@@ -114,23 +114,23 @@ class Actions(zarvo.TestCase):
         self.assertEqual(self.client.call("Live.Replay", [session]), resumed)
         self.assertEqual(self.client.call("Live.Replay", [session]), resumed)
 
-    def test_resume_while_a_password_is_offered(self):
+    def test_resume_while_a_password_is_offered_is_refused(self):
         session, _ = self.start()
         self.assert_fails(*WRONG_STATE, self.client.call, "Live.Resume", [session])
         self.assertEqual(self.signals(session), ["USR1"])
 
-    def test_resume_with_a_client_connected(self):
+    def test_resume_with_a_client_connected_is_refused(self):
         session, answer = self.start()
         self.connect(session, answer)
         self.assert_fails(*WRONG_STATE, self.client.call, "Live.Resume", [session])
         self.assertEqual(self.signals(session), ["USR1"])
 
-    def test_resume_of_an_agent_that_dies_of_it(self):
+    def test_resume_fails_if_its_signal_kills_the_agent(self):
         session, _ = self.start()
         path = os.path.join(self.instance.records, "C-" + session, "reply")
         zarvo.write(path, '{"Passwords":[],"Clients":0}')
         self.wait_permissions(session, "connect|terminate")
-        # The next signal kills it without a word on how it ended.
+        # The next signal kills it, and it writes no exit code.
         self.kill_on_next_signal(session)
         self.assert_fails(*NOT_READ, self.client.call, "Live.Resume", [session])
         self.assert_fails(*NO_SESSION, self.client.call, "Live.Resume", [session])
@@ -139,7 +139,7 @@ class Actions(zarvo.TestCase):
     def kill_on_next_signal(self, session):
         zarvo.write(os.path.join(self.instance.records, "C-" + session, "die"), "")
 
-    def test_resume_twice_at_once(self):
+    def test_of_four_resumes_at_once_one_succeeds(self):
         session, _ = self.start_idle()
         clients = [self.instance.client() for _ in range(4)]
         for client in clients:
@@ -151,7 +151,7 @@ class Actions(zarvo.TestCase):
                 results.append(client.finish(request))
             except zarvo.RpcError as failure:
                 errors.append((failure.error["code"], failure.error["message"]))
-        # One after the other: the second already sees the password that the first has had made.
+        # They run one after the other, and the others find the password that the first one has asked for.
         self.assertEqual((len(results), errors), (1, [WRONG_STATE] * 3))
         self.assertEqual(self.signals(session), ["USR1", "USR1"])
 
@@ -160,7 +160,7 @@ class Actions(zarvo.TestCase):
     def test_suspend_disconnects_every_client(self):
         session, answer = self.start()
         viewers = [self.connect(session, answer)]
-        # A second client is nothing that the server arranges, but the agent may have it.
+        # The server never arranges a second client, but the agent may have one.
         os.kill(int(self.instance.seen(session, "pid")), 10)
         state = zarvo.wait_until(lambda: self.agent_state(answer["port"])["Passwords"], "the second password")
         viewers.append(self.instance.viewer(answer["port"], state[0]))
@@ -173,7 +173,7 @@ class Actions(zarvo.TestCase):
         self.assertTrue(zarvo.alive(int(self.instance.seen(session, "pid"))))
         self.wait_permissions(session, "retry|terminate")
 
-    def test_suspend_and_resume_go_round(self):
+    def test_suspend_and_resume_can_be_repeated(self):
         session, answer = self.start()
         for _ in range(3):
             viewer = self.connect(session, answer)
@@ -182,13 +182,13 @@ class Actions(zarvo.TestCase):
             self.assertEqual(self.permissions(session), "connect|terminate")
             answer = self.client.call("Live.Resume", [session])
 
-    def test_suspend_without_a_client(self):
+    def test_suspend_without_a_client_is_refused(self):
         session, _ = self.start()
         self.assert_fails(*WRONG_STATE, self.client.call, "Live.Suspend", [session])
         self.assertEqual(self.permissions(session), "retry|terminate")
         self.assertEqual(self.signals(session), ["USR1"])
 
-    def test_suspend_of_an_agent_that_ends_instead(self):
+    def test_suspend_fails_if_the_agent_ends_instead(self):
         session, answer = self.start()
         self.connect(session, answer)
         zarvo.write(os.path.join(self.instance.directory(session), "server_exit"), "9")
@@ -209,7 +209,7 @@ class Actions(zarvo.TestCase):
         self.assertEqual(self.signals(session), ["USR1", "TERM"])
         self.assert_fails(*NO_SESSION, self.client.call, "Live.Terminate", [session])
 
-    def test_terminate_in_every_state(self):
+    def test_terminate_works_in_every_state(self):
         waiting, _ = self.start()
         idle, _ = self.start_idle()
         connected, answer = self.start()
@@ -227,7 +227,7 @@ class Actions(zarvo.TestCase):
         self.assert_fails(*NO_SESSION, self.client.call, "Live.Terminate", [session])
         self.assertEqual(self.client.listing("Live.ListSessions"), None)
 
-    def test_terminate_with_a_folder_in_the_directory(self):
+    def test_terminate_leaves_a_folder_in_the_directory(self):
         session, _ = self.start()
         directory = self.instance.directory(session)
         os.mkdir(os.path.join(directory, "folder"))
@@ -250,7 +250,7 @@ class Actions(zarvo.TestCase):
         zarvo.wait_until(lambda: not os.path.exists(directory) or os.listdir(directory), "the end of the removal")
         self.assertFalse(os.path.exists(directory), os.path.exists(directory) and os.listdir(directory))
 
-    def test_terminate_without_a_pid_file(self):
+    def test_terminate_without_a_pid_file_fails_and_can_be_repeated(self):
         session, _ = self.start()
         path = os.path.join(self.instance.directory(session), "server_pid")
         pid = zarvo.read(path)
@@ -260,7 +260,7 @@ class Actions(zarvo.TestCase):
         zarvo.write(path, pid)
         self.assertEqual(self.client.call("Live.Terminate", [session]), None)
 
-    def test_terminate_twice_at_once(self):
+    def test_of_three_terminates_at_once_one_succeeds(self):
         session, _ = self.start()
         clients = [self.instance.client() for _ in range(3)]
         for client in clients:
@@ -302,7 +302,7 @@ class Actions(zarvo.TestCase):
         self.instance.release(slow)
         self.assertIn("port", starter.finish(pending))
 
-    def test_action_waits_for_the_start_that_is_at_work(self):
+    def test_action_waits_for_the_start_of_its_session(self):
         session = zarvo.new_id()
         self.instance.agent(session, ready="hold")
         starter = self.instance.client()
@@ -311,7 +311,7 @@ class Actions(zarvo.TestCase):
         zarvo.wait_until(lambda: os.path.exists(monitor) and zarvo.read(monitor), "the agent's start")
         self.client.call("Live.GetVersion")
         waiting = self.client.begin("Live.Terminate", [session])
-        self.assert_serves(self.instance)  # by now it has been asked for the end as well
+        self.assert_serves(self.instance)  # by now the server has read the Terminate too
         self.instance.release(session)
         self.assertEqual(self.client.finish(waiting), None)
         self.assertIn("port", starter.finish(pending))

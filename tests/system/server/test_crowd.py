@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Many clients at once on few sessions: whatever they do to each other, nothing hangs, and nothing is lost."""
+"""Many clients act on few sessions at once. Nothing hangs, and nothing is lost."""
 import os
 import random
 import signal
@@ -13,18 +13,18 @@ SESSIONS = 10
 SECONDS = 60
 SEED = 20261121
 
-# What the API may answer to somebody whose plans another client has crossed.
+# The errors that a client may get because another one was faster.
 EXPECTED_ERRORS = {
     -32094,  # gone, or already being started
-    -32092,  # not in this state any more
-    -32099,  # the agent ended meanwhile, or can not be signalled any more
-    -32086,  # the agent's files are gone with it
-    -32093,  # and the directory with them
+    -32092,  # no longer in this state
+    -32099,  # the agent has ended meanwhile
+    -32086,  # the agent's files are gone
+    -32093,  # the directory is gone
 }
 
 
 class Visitor(threading.Thread):
-    """One client with a will of its own. It starts only its own session, if it has one, and acts on all."""
+    """One client that acts at random. It starts only its own session, if it has one, and acts on all."""
 
     def __init__(self, server, sessions, number, end):
         super().__init__(daemon=True)
@@ -42,7 +42,7 @@ class Visitor(threading.Thread):
             while time.monotonic() < self.end:
                 self.random.choice(self.choices())()
                 self.calls += 1
-        except Exception as failure:  # told by the test, on its own thread
+        except Exception as failure:  # the test's thread raises it
             self.failure = failure
         finally:
             for viewer in self.viewers:
@@ -71,7 +71,7 @@ class Visitor(threading.Thread):
         try:
             listed = self.client.call("Live.ListLocalSessions") or []
         except zarvo.RpcError:
-            return  # a session went while the listing waited for it, so there is none to decide by
+            return  # a session ended while the listing waited for it
         if self.own not in [session["id"] for session in listed]:
             self.offer = self.call("Live.Start", self.own, "xterm", "800x600") or self.offer
 
@@ -103,14 +103,14 @@ class Visitor(threading.Thread):
             self.viewers.pop().close()
 
     def hang_up(self):
-        """Goes away while a request is under way."""
+        """Disconnects while a request runs."""
         self.client.begin("Live.Resume", [self.any_session()])
         self.client.close()
         self.client = self.server.client()
 
 
 class Crowd(zarvo.TestCase):
-    def test_twenty_clients_at_random_on_ten_sessions(self):
+    def test_twenty_random_clients_on_ten_sessions(self):
         server = self.server(displays=40)
         before = self.sockets(server)
         sessions = sorted(f"{number:032x}" for number in range(1, SESSIONS + 1))
@@ -126,7 +126,7 @@ class Crowd(zarvo.TestCase):
         self.assertGreater(sum(visitor.calls for visitor in visitors), CLIENTS * 20)
 
         with server.client() as client:
-            # A listing waits for every id that somebody holds, so an answer says that nobody does.
+            # A listing waits for every busy id, so its answer says that none is.
             self.assert_listed_are_those_alive(server, client)
             for session in client.call("Live.ListLocalSessions") or []:
                 client.call("Live.Terminate", [session["id"]])
@@ -153,7 +153,7 @@ class Crowd(zarvo.TestCase):
 
     @staticmethod
     def running(server):
-        """The sessions whose agents live, by their directories."""
+        """The sessions whose agents are alive, by their directories."""
         found = set()
         for entry in os.listdir("/proc"):
             if entry.isdigit() and zarvo.alive(entry):

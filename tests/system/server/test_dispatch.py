@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""JSON-RPC on one connection: what is answered, with what bytes, and what is not answered at all."""
+"""JSON-RPC on one connection: what the server answers to the byte, and what it does not answer."""
 import json
 import unittest
 
@@ -47,17 +47,17 @@ METHODS = {
 
 class Dispatch(zarvo.SharedServer):
     def assert_answer(self, payload, expected):
-        """The payload is answered by exactly this text."""
+        """Checks that the answer is exactly this text."""
         self.client.send(payload)
         self.assertEqual(self.client.answer_bytes().decode(), expected)
 
     def assert_silence(self, payload):
-        """The payload is not answered: the next answer belongs to the next request."""
+        """Checks that there is no answer: the next one belongs to the next request."""
         self.client.send(payload)
         self.assertEqual(self.client.request(dict(VERSION_CALL, id="next"))["id"], "next")
 
     def assert_survives(self, payload):
-        """Whatever the answer, if any: the connection goes on."""
+        """Checks that the connection goes on, with or without an answer."""
         self.client.send(payload)
         self.client.send(dict(VERSION_CALL, id="next"))
         answers = [self.client.answer()]
@@ -67,7 +67,7 @@ class Dispatch(zarvo.SharedServer):
 
     # The text itself
 
-    def test_what_is_not_json(self):
+    def test_text_that_is_no_json_is_a_parse_error(self):
         for payload in ("{", "", " ", "\n", "}", "[", "[1", '{"a"', '{"a":', '{"a":1', '"abc', "nul", "tru", "hello",
                         '{"jsonrpc" "2.0"}', "{1:2}", "[1 2]", '{"a":"\\q"}', '{"a":"\\u12"}', "/* only a comment */",
                         "/* no end", "[1,]", "[,]", '{"a":1,}', json.dumps(VERSION_CALL)[:-1] + ",}",
@@ -87,11 +87,11 @@ class Dispatch(zarvo.SharedServer):
                 self.assertLessEqual(len(payload), 65536)
                 self.assert_answer(payload, PARSE_ERROR)
 
-    def test_nesting_too_deep_inside_a_good_request(self):
+    def test_good_request_with_too_deep_nesting_is_a_parse_error(self):
         deep = "[" * 20000 + "]" * 20000
         self.assert_answer('{"id":1,"jsonrpc":"2.0","method":"Live.GetVersion","params":' + deep + "}", PARSE_ERROR)
 
-    def test_moderate_nesting_is_fine(self):
+    def test_moderate_nesting_is_accepted(self):
         request = dict(VERSION_CALL, params=json.loads("[" * 200 + "]" * 200))
         self.assertEqual(self.client.request(request)["result"], zarvo.VERSION)
 
@@ -99,10 +99,10 @@ class Dispatch(zarvo.SharedServer):
         payload = '/* a */ {"id":1, // b\n "jsonrpc":"2.0", /* c */ "method":"Live.GetVersion"} // d'
         self.assertEqual(self.client.request(payload)["result"], zarvo.VERSION)
 
-    def test_blanks_around_are_allowed(self):
+    def test_surrounding_blanks_are_allowed(self):
         self.assertEqual(self.client.request(" \r\n\t" + json.dumps(VERSION_CALL, indent=4) + "\r\n\t ")["id"], 1)
 
-    # Requests that are none
+    # Invalid requests
 
     def test_scalars_are_invalid_requests(self):
         for payload in ("5", "-1.5", "true", "false", '"text"', '""'):
@@ -114,19 +114,19 @@ class Dispatch(zarvo.SharedServer):
             with self.subTest(payload=payload):
                 self.assert_silence(payload)
 
-    def test_ids_that_are_refused(self):
+    def test_ids_of_wrong_types_are_refused(self):
         for bad in ("null", "{}", "[]", "[1]", '{"a":1}'):
             with self.subTest(id=bad):
                 self.assert_answer('{"id":%s,"jsonrpc":"2.0","method":"system.describe"}' % bad, INVALID)
 
-    def test_wrong_protocol_version(self):
+    def test_wrong_protocol_version_is_an_invalid_request(self):
         for member in ('', '"jsonrpc":2.0,', '"jsonrpc":2,', '"jsonrpc":"1.0",', '"jsonrpc":"2",', '"jsonrpc":"2.00",',
                        '"jsonrpc":null,', '"jsonrpc":["2.0"],', '"jsonrpc":"2.0\\u0000",', '"jsonrpc":" 2.0",',
                        '"jsonrpc":"",', '"JSONRPC":"2.0",', '"jsonrpc":true,', '"jsonrpc":{},'):
             with self.subTest(member=member):
                 self.assert_answer('{"id":7,%s"method":"Live.GetVersion"}' % member, INVALID)
 
-    def test_method_that_is_no_string(self):
+    def test_method_that_is_no_string_is_an_invalid_request(self):
         for member in ('', ',"method":5', ',"method":null', ',"method":["Live.GetVersion"]', ',"method":{}',
                        ',"method":true', ',"Method":"Live.GetVersion"'):
             with self.subTest(member=member):
@@ -187,9 +187,9 @@ class Dispatch(zarvo.SharedServer):
         self.assert_answer('{"jsonrpc":"2.0","method":"system.describe","id":1}',
                            zarvo.compact({"id": 1, "jsonrpc": "2.0", "result": METHODS}))
 
-    # Ids come back as they were
+    # Ids come back unchanged
 
-    def test_ids_that_come_back_to_the_byte(self):
+    def test_ids_come_back_to_the_byte(self):
         for text in ("0", "7", "-1", "true", "false", '""', '"x"', "2147483648", "-2147483649", "9007199254740993",
                      "9223372036854775807", "-9223372036854775808", "18446744073709551615", '"a\\"b\\\\c"',
                      '"\\b\\f\\n\\r\\t"', '"\\u0000"', '"a\\u0000b\\u0000"', '"\\u001f"'):
@@ -197,7 +197,7 @@ class Dispatch(zarvo.SharedServer):
                 self.assert_answer('{"id":%s,"jsonrpc":"2.0","method":"Live.GetVersion"}' % text,
                                    '{"id":%s,"jsonrpc":"2.0","result":"%s"}\n' % (text, zarvo.VERSION))
 
-    def test_text_beyond_ascii_is_written_as_it_is(self):
+    def test_text_beyond_ascii_is_not_escaped(self):
         text = "\u00e4\u20ac\U0001f600\u05d0\u0301"
         for sent in (json.dumps(text), json.dumps(text, ensure_ascii=False)):
             with self.subTest(sent=sent):
@@ -209,7 +209,7 @@ class Dispatch(zarvo.SharedServer):
             with self.subTest(number=number):
                 self.assertEqual(float(self.client.request(dict(VERSION_CALL, id=number))["id"]), number)
 
-    def test_strange_input_does_not_end_the_connection(self):
+    def test_odd_values_do_not_end_the_connection(self):
         for value in ("1e400", "-1e400", "1e99999", "1e-99999", "123456789" * 100, "-" + "9" * 1000, '"\\ud800"',
                       '"\\udc00"', '"\\ud800x"', '"\\ud83d\\ud83d"', "1.", "-", "--1", "+1", "01", "0x10", "NaN",
                       "Infinity", "-Infinity", ".5", "1e", "'a'"):
@@ -222,7 +222,7 @@ class Dispatch(zarvo.SharedServer):
                 with self.subTest(payload=(member % value)[:100]):
                     self.assert_survives(member % value)
 
-    def test_bytes_that_are_no_utf8_do_not_end_the_connection(self):
+    def test_invalid_utf8_does_not_end_the_connection(self):
         for text in (b"\xff", b"\xc3", b"\xed\xa0\x80", b"\xf8\x88\x80\x80\x80", b"\x80", b"\xc0\x80"):
             for payload in (b'{"id":1,"jsonrpc":"2.0","method":"%s"}', b'{"id":1,"jsonrpc":"2.0","%s":1}',
                             b'{"id":1,"jsonrpc":"2.0","method":"Live.Terminate","params":["%s"]}'):
@@ -231,10 +231,10 @@ class Dispatch(zarvo.SharedServer):
 
     # Batches
 
-    def test_batch_with_something_that_is_no_request(self):
+    def test_batch_with_a_number_is_answered_in_an_array(self):
         self.assert_answer("[1]", "[" + INVALID[:-1] + "]\n")
 
-    def test_batch_of_elements_that_are_no_requests(self):
+    def test_each_invalid_element_of_a_batch_is_answered(self):
         for element in ("null", "[]", "{}", '"text"', "[1]", "true"):
             with self.subTest(element=element):
                 self.assert_answer(f"[{element},{element}]", "[%s,%s]\n" % (INVALID[:-1], INVALID[:-1]))
@@ -256,12 +256,12 @@ class Dispatch(zarvo.SharedServer):
     def test_batch_of_one_is_answered_by_an_array(self):
         self.assertEqual(self.client.request([VERSION_CALL]), [{"id": 1, "jsonrpc": "2.0", "result": zarvo.VERSION}])
 
-    def test_batch_of_thousands(self):
+    def test_batch_of_thousands_is_answered(self):
         self.assertEqual(self.client.request("[" + ",".join(["1"] * 30000) + "]"), [json.loads(INVALID)] * 30000)
 
     # Parameters
 
-    def test_parameters_of_the_wrong_form(self):
+    def test_wrong_parameters_are_refused(self):
         good = zarvo.new_id()
         for method in ("Live.Resume", "Live.Replay", "Live.Suspend", "Live.Terminate"):
             for params in (None, [], [5], [None], [[good]], [5, good], {}, {"id": 7}, {"id": None}, {"id": [good]},
@@ -269,11 +269,11 @@ class Dispatch(zarvo.SharedServer):
                 with self.subTest(method=method, params=params):
                     self.assert_fails(-32602, "Invalid parameters.", self.client.call, method, params)
 
-    def test_parameters_missing_altogether(self):
+    def test_missing_parameters_are_refused(self):
         answer = self.client.request({"id": 1, "jsonrpc": "2.0", "method": "Live.Terminate"})
         self.assertEqual(answer["error"], {"code": -32602, "message": "Invalid parameters."})
 
-    def test_unknown_session(self):
+    def test_unknown_session_is_refused(self):
         unknown = zarvo.new_id()
         for method in ("Live.Resume", "Live.Replay", "Live.Suspend", "Live.Terminate"):
             for params in ([unknown], [unknown, 5], {"id": unknown}, {"id": unknown, "more": 5}, [""], ["x"],

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Clients that send without end, and clients that do not read: neither may grow the server or hold up the others."""
+"""Clients that flood, and clients that do not read, neither grow the server nor hold up others."""
 import json
 import select
 import ssl
@@ -13,7 +13,7 @@ PATIENCE = 100
 
 
 class Stream:
-    """Sends and receives at once on one connection, which is switched to non-blocking."""
+    """Sends and receives at the same time. Makes the connection non-blocking."""
 
     def __init__(self, client):
         self.socket = client.socket
@@ -22,7 +22,7 @@ class Stream:
         self.sent = 0
 
     def send(self):
-        """Writes as much as the connection takes; the number of bytes."""
+        """Writes as much as the connection takes. Returns the number of bytes."""
         count = 0
         while self.unsent:
             try:
@@ -35,7 +35,7 @@ class Stream:
         return count
 
     def receive(self):
-        """What is there to be read now, or b""; EOFError at the end."""
+        """Returns what can be read now, perhaps nothing. Raises EOFError at the end."""
         pieces = []
         while True:
             try:
@@ -51,7 +51,7 @@ class Stream:
 
 
 class Frames:
-    """Cuts frames from what arrives; notifications are left out."""
+    """Cuts the received bytes into frames, and drops notifications."""
 
     def __init__(self):
         self.buffer = b""
@@ -78,7 +78,7 @@ class Frames:
 
 class Flow(zarvo.TestCase):
     def pipeline(self, server, requests, answer_of):
-        """Sends all requests as fast as they are taken while answers are read; returns the server's growth in bytes."""
+        """Sends all requests as fast as possible while it reads answers. Returns the server's growth in bytes."""
         stream, frames = Stream(server.client()), Frames()
         stream.unsent = memoryview(b"".join(requests))
         base = top = server.resident()
@@ -99,7 +99,7 @@ class Flow(zarvo.TestCase):
 
     def test_pipelined_frames_are_answered_in_order_in_bounded_memory(self):
         server = self.server()
-        # Far more bytes than the bound below, so that a server that takes them all in at once is found out.
+        # Far more bytes than the bound below, so a server that buffers all of them fails.
         filler = b" " * 1400
         requests = [zarvo.frame(b'{"id":%d,"jsonrpc":"2.0","method":"x"}%s' % (i, filler)) for i in range(100000)]
         expected = b'{"error":{"code":-32601,"message":"Method not found."},"id":%d,"jsonrpc":"2.0"}\n'
@@ -116,7 +116,7 @@ class Flow(zarvo.TestCase):
                                lambda number: b'{"id":%d,"jsonrpc":"2.0","result":"%s"}\n' % (number, version))
         self.assertLess(growth, 24 * MEBIBYTE + server.instrumentation())
 
-    def test_client_that_reads_nothing_is_no_longer_read_from(self):
+    def test_server_stops_reading_from_a_client_that_reads_nothing(self):
         server = self.server()
         # An answer is a hundred times as long as its request.
         batch = [{"id": i, "jsonrpc": "2.0", "method": "system.describe"} for i in range(400)]
@@ -133,17 +133,17 @@ class Flow(zarvo.TestCase):
             self.assertLess(server.resident() - base, bound)
             self.assertLess(time.monotonic(), end, "the client never had to wait")
             if not select.select([], [stream.socket], [], 3)[1]:
-                break  # nothing was taken for a while
+                break  # back-pressure: the server takes no more
             stream.send()
             self.assertTrue(stream.unsent, "the server took everything in")
         self.assert_serves(server)
-        # The server has come to rest: it does not go on with what it has already got.
+        # The server is idle: it does not go on with the requests that it has already read.
         zarvo.wait_until(lambda: self.processor_time(server, 0.5) < 0.2, "the server to rest")
         self.assertLess(server.resident() - base, bound)
         self.assert_serves(server)
 
-        # When the client reads again it gets every answer, in whole frames.
-        # What was begun has to be sent on, up to the end of a frame: the piece that waits must not become shorter.
+        # When the client reads again, it gets every answer in whole frames.
+        # Finish the frame that is partly sent. TLS wants the same bytes again, and not fewer of them.
         keep = (-stream.sent) % len(request) + (65536 // len(request) + 1) * len(request)
         stream.unsent = stream.unsent[:keep]
         complete = (stream.sent + len(stream.unsent)) // len(request)
@@ -157,17 +157,17 @@ class Flow(zarvo.TestCase):
                 if count % 16 == 0:
                     self.assertEqual([element["id"] for element in json.loads(payload)], list(range(400)))
                 count += 1
-                end = time.monotonic() + PATIENCE  # for the next one: there may be many
+                end = time.monotonic() + PATIENCE  # for each answer anew, because there may be many
         self.assertLess(server.resident() - base, bound)
 
     @staticmethod
     def processor_time(server, seconds):
-        """What the server computes in a while, in seconds."""
+        """The processor time that the server uses in this time, in seconds."""
         def used():
             fields = zarvo.read(f"/proc/{server.pid}/stat").rpartition(")")[2].split()
             return (int(fields[11]) + int(fields[12])) / 100
         before = used()
-        time.sleep(seconds)  # measured over a time, not waited for
+        time.sleep(seconds)  # the length of a measurement, not a wait
         return used() - before
 
     def test_others_are_served_while_one_client_floods(self):
@@ -184,7 +184,7 @@ class Flow(zarvo.TestCase):
                 stream.unsent = memoryview(request)
             self.assertEqual(other.request({"id": number, "jsonrpc": "2.0", "method": "Live.GetVersion"})["id"], number)
 
-    def test_client_that_stops_in_the_middle_of_a_frame_costs_nothing(self):
+    def test_client_that_stops_within_a_frame_costs_no_processor_time(self):
         server = self.server()
         self.assert_serves(server)
         base, bound = server.resident(), 64 * MEBIBYTE + server.instrumentation()
@@ -198,7 +198,7 @@ class Flow(zarvo.TestCase):
         for client in clients:
             self.assertEqual(client.answer()["error"]["code"], -32700)
 
-    def test_clients_that_vanish_while_flooding_leave_nothing(self):
+    def test_clients_that_vanish_while_flooding_leave_nothing_behind(self):
         server = self.server()
         self.assert_serves(server)
         before = len(server.held())

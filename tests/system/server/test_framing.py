@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The frames that carry every message: where one begins and ends, to the byte."""
+"""The frames that carry every message, to the byte."""
 import json
 import os
 import ssl
@@ -14,7 +14,7 @@ NO_COMMA = "Missing NetString comma"
 
 
 def padded(value, size):
-    """The JSON text of a value, filled up with blanks to a size in bytes."""
+    """The JSON text of a value, padded with blanks to this many bytes."""
     return json.dumps(value).encode().ljust(size)
 
 
@@ -26,7 +26,7 @@ class GoodFrames(zarvo.SharedServer):
 
     def test_an_answer_is_one_frame_without_sign_or_leading_zeros(self):
         expected = zarvo.frame(zarvo.compact(VERSION_ANSWER))
-        # The first notification after the start may come before the answer or behind it.
+        # The first notification after the start may come before or after the answer.
         notification = zarvo.frame('{"jsonrpc":"2.0","method":"UpdateSessions","params":null}\n')
         with self.shared.client() as client:
             client.send(VERSION_CALL)
@@ -64,7 +64,7 @@ class GoodFrames(zarvo.SharedServer):
         self.assertEqual(self.client.answer()["error"]["code"], -32700)
         self.assertEqual(self.client.request(VERSION_CALL), VERSION_ANSWER)
 
-    def test_length_with_leading_zeros_is_accepted_when_the_colon_is_there(self):
+    def test_length_with_leading_zeros_is_accepted_with_its_colon(self):
         payload = json.dumps(VERSION_CALL).encode()
         self.assertEqual(self.call_with(b"%012d:%s," % (len(payload), payload)), VERSION_ANSWER)
 
@@ -77,7 +77,7 @@ class GoodFrames(zarvo.SharedServer):
     def test_five_digits_without_a_colon_wait_for_more(self):
         payload = padded(VERSION_CALL, 10000)
         self.client.send_raw(b"10000")
-        # Another connection is served in between, so the server has had its time to refuse this one.
+        # While it serves another connection, the server has had time to refuse this one.
         self.assert_serves(self.shared)
         self.assertEqual(self.call_with(b":" + payload + b","), VERSION_ANSWER)
 
@@ -85,7 +85,7 @@ class GoodFrames(zarvo.SharedServer):
         tricky = "7:abc,:,0:,65537:"
         self.assertEqual(self.client.request(dict(VERSION_CALL, id=tricky))["id"], tricky)
 
-    def test_an_answer_may_be_longer_than_a_request_may_be(self):
+    def test_an_answer_may_be_longer_than_the_limit_of_a_request(self):
         count = 60
         batch = [{"id": i, "jsonrpc": "2.0", "method": "system.describe"} for i in range(count)]
         payload = zarvo.compact(batch)
@@ -97,13 +97,13 @@ class GoodFrames(zarvo.SharedServer):
 
 
 class BadFrames(zarvo.TestCase):
-    """A stream that went wrong is ended, with one line in the log, and never answered."""
+    """A bad frame ends the connection, with one line in the log and no answer."""
 
     def setUp(self):
         self.instance = self.server()
 
     def refuse(self, data, message, *more):
-        """Sends the pieces; the connection must be closed without another byte and leave one line in the log."""
+        """Sends the pieces. Checks that the server closes without an answer, and logs one line."""
         before = self.instance.logged("Warning", message)
         with self.instance.client() as client:
             client.call("Live.GetVersion")
@@ -111,9 +111,9 @@ class BadFrames(zarvo.TestCase):
                 try:
                     client.send_raw(piece)
                 except (ssl.SSLEOFError, ConnectionResetError, BrokenPipeError):
-                    break  # closed before all of it was sent
+                    break  # the server has closed before all was sent
             received = client.wait_closed()
-        # A notification is no answer: the first one goes out soon after the start.
+        # The first notification comes soon after the start, and is no answer.
         self.assertNotIn(b'"id"', received)
         self.instance.wait_log("Warning", message, before + 1)
         self.assert_serves(self.instance)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""A server ends by itself five minutes after it last had a session or a client."""
+"""A server ends by itself after five minutes without a session and without a client."""
 import os
 import signal
 import unittest
@@ -21,14 +21,14 @@ class IdleExit(zarvo.TestCase):
         self.shift(0, self.shifted)
 
     def assert_runs(self):
-        """It goes on after it has looked at the clock: its event loop comes to signals in front of timers."""
+        """Checks that the server goes on once it has read the clock: its event loop handles signals before timers."""
         for _ in range(2):
             count = self.instance.logged("Debug1", "Got signal 'HUP'")
             os.kill(self.instance.pid, signal.SIGHUP)
             self.instance.wait_log("Debug1", "Got signal 'HUP'", count + 1)
 
     def assert_ends_five_minutes_from_now(self):
-        # Much less than all of it, for the machine may be slow.
+        # Much less than the five minutes, because the machine may be slow.
         self.pass_time(200)
         self.assert_runs()
         self.pass_time(101)
@@ -43,16 +43,16 @@ class IdleExit(zarvo.TestCase):
         for line in zarvo.read("/proc/net/tcp").splitlines()[1:]:
             fields = line.split()
             if all(address.endswith(port) for address, port in zip(fields[1:3], ports)):
-                return fields[9] != "0"  # the inode, as long as there is a descriptor
+                return fields[9] != "0"  # the inode is 0 once no descriptor is left
         return False
 
     def leave(self, client):
         self.assertTrue(self.is_open(client))
         client.close()
         zarvo.wait_until(lambda: not self.is_open(client), "the server to see that the client has gone")
-        self.assert_runs()  # it has done with it
+        self.assert_runs()  # it has handled the disconnection
 
-    def test_server_that_nobody_uses_ends(self):
+    def test_idle_server_ends(self):
         self.assert_ends_five_minutes_from_now()
 
     def test_server_with_a_client_does_not_end(self):

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Live.ListSessions and Live.ListLocalSessions: which sessions, in which order, with which fields."""
+"""Live.ListSessions and Live.ListLocalSessions: the sessions, their order and their fields."""
 import json
 import os
 import time
@@ -77,7 +77,7 @@ class Listings(zarvo.TestCase):
     def test_state_of_the_agent_field_by_field(self):
         session, _ = self.start()
         started = self.entry(session)["started"]
-        # Each later reply would show if the part of it that is no good were taken all the same.
+        # If the server took the bad part of a reply, the next reply would show it.
         self.reply(session, Clients=2, Started=5, LastConnect="2020-01-02T03:04:05")
         self.wait_entry(session, "lastConnect", "2020-01-02T03:04:05")
         self.assertEqual(self.entry(session)["started"], started)
@@ -99,19 +99,19 @@ class Listings(zarvo.TestCase):
         self.wait_entry(session, "lastDisconnect", "2025-01-02T03:04:05")
         self.assertEqual(self.entry(session)["lastConnect"], "")
 
-    def test_sorted_by_id_whatever_the_order_of_starting(self):
+    def test_sessions_are_sorted_by_id(self):
         sessions = ["f" * 32, "0" * 32, "A" * 32, "a" * 32, "5" * 32, "F" * 32]
         for session in sessions:
             self.start(session=session)
         for method in LISTINGS:
             self.assertEqual([entry["id"] for entry in self.client.call(method)], sorted(sessions))
 
-    def test_names_are_listed_whole_and_beyond_ascii(self):
+    def test_names_are_listed_whole_also_beyond_ascii(self):
         name = "xterm -T 'a \"b\"' \u00e4\u20ac\U0001f600 \\ \t end"
         session, _ = self.start(name)
         self.assertEqual(self.entry(session)["name"], name)
 
-    def test_session_that_ended_well_goes_with_its_directory(self):
+    def test_session_that_ended_well_is_removed_with_its_directory(self):
         session, _ = self.start()
         os.kill(int(self.instance.seen(session, "pid")), 15)
         zarvo.wait_until(lambda: self.client.listing("Live.ListSessions") is None, "the session to go")
@@ -131,7 +131,7 @@ class Listings(zarvo.TestCase):
                          "the session to go")
         self.assertTrue(os.path.isdir(self.instance.directory(session)))
 
-    def test_directory_with_a_folder_in_it_stays(self):
+    def test_directory_with_a_folder_in_it_is_kept(self):
         session, _ = self.start()
         directory = self.instance.directory(session)
         os.mkdir(os.path.join(directory, "folder"))
@@ -140,14 +140,15 @@ class Listings(zarvo.TestCase):
         self.instance.wait_log("Warning", f'Failed to remove the directory "{directory}"')
         self.assertEqual(os.listdir(directory), ["folder"])
 
-    # Without a socket the state is counted together from the log, which is read again and again: what it says adds up
+    # Without a socket, the server counts clients and passwords in the log. It reads the log again at each refresh, and
+    # adds to the numbers of before.
 
     def log_line(self, session, text):
         with open(os.path.join(self.instance.directory(session), "server_log"), "a", encoding="utf-8") as file:
             file.write(text + "\n")
 
     def wait_refreshes(self, session, count):
-        """Returns when the server has read the log so many times more: each reading ends with a new time in it."""
+        """Waits until the server has read the log so many times more. Each reading sees a new time in it."""
         for number in range(count):
             stamp = f"20{number % 100:02}-01-01T00:00:00"
             self.log_line(session, f"RDP initialized at '{stamp}'")
@@ -159,7 +160,7 @@ class Listings(zarvo.TestCase):
         self.wait_entry(session, "permissions", "disconnect|terminate")
         self.assertEqual(self.entry(session)["lastConnect"], "2020-01-02T03:04:05")
         self.wait_refreshes(session, 2)
-        # The log as a whole is even from here on, so the number stays where the readings before have brought it.
+        # From here on the log adds as many clients as it removes, so the number stays.
         self.log_line(session, "Client disconnected from 'a' at '2021-01-02T03:04:05'")
         self.wait_entry(session, "lastDisconnect", "2021-01-02T03:04:05")
         self.wait_refreshes(session, 2)
@@ -181,14 +182,14 @@ class Listings(zarvo.TestCase):
             self.log_line(session, f"Expiring password {answer['password']}")
         self.wait_entry(session, "permissions", "connect|terminate")
 
-    def test_log_lines_behind_an_empty_one_are_not_read(self):
+    def test_log_lines_after_an_empty_one_are_not_read(self):
         session, _ = self.start(state="log")
         self.wait_refreshes(session, 1)
         self.log_line(session, "Client disconnected from 'a' at '2021-01-02T03:04:05'")
         self.wait_entry(session, "lastDisconnect", "2021-01-02T03:04:05")
         self.log_line(session, "")
         self.log_line(session, "Client disconnected from 'a' at '2022-01-02T03:04:05'")
-        # Moving the first line of a disconnection proves that the log has been read again.
+        # The moved line of a disconnection proves that the log has been read again.
         path = os.path.join(self.instance.directory(session), "server_log")
         text = zarvo.read(path).replace("2021-01-02T03:04:05", "2019-01-02T03:04:05")
         zarvo.write(path + "~", text)

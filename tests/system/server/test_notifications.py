@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The notification that tells every client when the list of sessions has changed, and only then."""
+"""The notification for every client that the list of sessions has changed."""
 import json
 import os
 import time
@@ -15,8 +15,8 @@ class Notifications(zarvo.TestCase):
     def test_first_notification_comes_even_without_sessions(self):
         server = self.server()
         client = server.client()
-        # Whoever connects before the first look at the sessions gets the message that starts everything off. It may
-        # have been sent before we came, so a start that is watched from its first moment has to be found.
+        # A client that connects before the first refresh gets the first notification. It may have been sent before we
+        # connected, so repeat until we were fast enough.
         for _ in range(20):
             client.socket.settimeout(2)
             try:
@@ -55,7 +55,7 @@ class Notifications(zarvo.TestCase):
         for payload in received:
             self.assertNotIn("id", json.loads(payload))
 
-    def test_changes_of_a_session_are_told_one_by_one(self):
+    def test_each_change_of_a_session_is_notified(self):
         server = self.server()
         watcher, client = server.client(), server.client()
         session = zarvo.new_id()
@@ -74,25 +74,25 @@ class Notifications(zarvo.TestCase):
         client.call("Live.Terminate", [session])
         self.assertEqual(watcher.wait_notification(lambda params: not self.session(params, session), "its end"), None)
 
-    def test_nothing_is_told_while_nothing_changes(self):
+    def test_nothing_is_sent_while_nothing_changes(self):
         server = self.server()
         watcher, client = server.client(), server.client()
         first, second = zarvo.new_id(), zarvo.new_id()
         client.call("Live.Start", [first, "xterm", "800x600"])
         watcher.wait_notification(lambda params: self.session(params, first), "the first session")
-        # The agent goes on answering, each time with the same.
+        # The agent goes on answering the same.
         path = os.path.join(server.records, "C-" + first, "reply")
         zarvo.write(path + "~", '{"Clients":1,"LastConnect":"2020-01-02T03:04:05"}')
         os.rename(path + "~", path)
         params = watcher.wait_notification(
             lambda params: self.session(params, first)["permissions"] == "disconnect|terminate", "the client")
-        # A field that is not listed changes, again and again, over several looks at the agent.
+        # A field that is not listed changes over several refreshes.
         for number in range(6):
             zarvo.write(path + "~", '{"Clients":1,"LastConnect":"2020-01-02T03:04:05","ScreenWidth":%d,'
                         '"ScreenHeight":5,"Passwords":["%d"]}' % (number + 1, number))
             os.rename(path + "~", path)
-            time.sleep(0.25)  # the time in which nothing may happen
-        # So the next one is that of the next change, and nothing lies between.
+            time.sleep(0.25)  # the length of the observation, not a wait
+        # So the next notification is that of the next change.
         zarvo.write(path + "~", '{"Clients":1,"LastConnect":"2021-01-02T03:04:05"}')
         os.rename(path + "~", path)
         following = watcher.notification()["params"]
@@ -102,7 +102,7 @@ class Notifications(zarvo.TestCase):
         following = watcher.notification()["params"]
         self.assertEqual(sorted(entry["id"] for entry in following), sorted([first, second]))
 
-    def test_notifications_do_not_break_into_answers(self):
+    def test_notifications_do_not_split_answers(self):
         server = self.server()
         client, actor = server.client(), server.client()
         for number in range(3):
@@ -115,7 +115,7 @@ class Notifications(zarvo.TestCase):
             zarvo.wait_until(lambda: self.describe(client) and session not in self.told(client), "its end")
 
     def told(self, client):
-        """The ids in what this client was told last."""
+        """The ids in the last notification to this client."""
         last = client.notifications[-1]["params"] if client.notifications else None
         return [entry["id"] for entry in last or []]
 
@@ -123,7 +123,7 @@ class Notifications(zarvo.TestCase):
         self.assertEqual(len(client.call("system.describe")), 9)
         return True
 
-    def test_client_in_the_middle_of_a_frame_is_told(self):
+    def test_client_within_a_frame_is_notified(self):
         server = self.server()
         watcher, client = server.client(), server.client()
         request = zarvo.frame({"id": 1, "jsonrpc": "2.0", "method": "Live.GetVersion"})
@@ -143,7 +143,7 @@ class Notifications(zarvo.TestCase):
             watcher.wait_notification(lambda params: self.session(params, session), "the session")
             client.call("Live.Terminate", [session])
             watcher.wait_notification(lambda params: not self.session(params, session), "its end")
-        # What it reads at last is whole, and the newest state is among it.
+        # What it reads at last is whole frames, and the newest state is among them.
         self.assertEqual(silent.call("Live.GetVersion"), zarvo.VERSION)
         if not silent.notifications or silent.notifications[-1]["params"] is not None:
             silent.wait_notification(lambda params: params is None, "the newest state")

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Live.Start with agents of every kind: what the client gets, what the agent and the application see, what stays."""
+"""Live.Start with agents of every kind: the answer, what agent and application see, what is left after a failure."""
 import json
 import os
 import shutil
@@ -34,7 +34,7 @@ class Success(zarvo.TestCase):
     def file(self, session, name):
         return zarvo.read(os.path.join(self.instance.directory(session), name))
 
-    def test_what_the_client_gets(self):
+    def test_answer_holds_port_password_size_and_mode(self):
         session, answer = self.start(geometry="1024x768")
         self.assertEqual(sorted(answer), ["geometry", "password", "port"])
         self.assertEqual(answer["geometry"], "1024x768")
@@ -78,7 +78,7 @@ class Success(zarvo.TestCase):
             entries = [line.split() for line in listed.splitlines()]
             display = str(self.base + number).encode().hex()
             self.assertTrue(entries, "no cookie")
-            self.assertEqual(entries[0][0], "0100")  # a local display, whatever else the host name leads to
+            self.assertEqual(entries[0][0], "0100")  # the family of a local display
             for entry in entries:
                 self.assertEqual(entry[4], display)
                 self.assertEqual(bytes.fromhex(entry[6]), b"MIT-MAGIC-COOKIE-1")
@@ -109,7 +109,7 @@ class Success(zarvo.TestCase):
         environment = self.instance.seen(session, "environ").splitlines()
         for name in ("HOME", "USER", "PATH", "TMPDIR"):
             self.assertIn(f"{name}={self.instance.environment[name]}", environment)
-        self.assertEqual([line for line in environment if line.startswith("QT_")], [])  # how our own loop is chosen
+        self.assertEqual([line for line in environment if line.startswith("QT_")], [])  # the server's event loop
 
     def test_command_reaches_the_application_as_one_argument(self):
         for command in ("xterm", "xterm -e 'sleep 5'  \"$HOME\" | cat; exit", " ", "", "-e", "\u00e4\u20ac\U0001f600",
@@ -138,13 +138,13 @@ class Success(zarvo.TestCase):
             self.assertTrue(os.path.isdir(self.instance.directory(session)))
         self.assertEqual([entry["id"] for entry in self.client.listing()], sorted(sessions))
 
-    def test_notification_starts_a_session_without_an_answer(self):
+    def test_start_as_a_notification_has_no_answer(self):
         session = zarvo.new_id()
         self.client.send({"jsonrpc": "2.0", "method": "Live.Start", "params": [session, "xterm", "800x600"]})
         self.assertEqual(self.client.call("Live.GetVersion"), zarvo.VERSION)
         self.assertEqual([entry["id"] for entry in self.client.listing()], [session])
 
-    def test_batch_of_starts(self):
+    def test_batch_starts_several_sessions(self):
         sessions = [zarvo.new_id() for _ in range(3)]
         answers = self.client.request([{"id": i, "jsonrpc": "2.0", "method": "Live.Start",
                                         "params": [session, "xterm", "800x600"]} for i, session in enumerate(sessions)])
@@ -153,7 +153,7 @@ class Success(zarvo.TestCase):
     def test_clients_start_sessions_at_the_same_time(self):
         clients = [self.instance.client() for _ in range(4)]
         sessions = [zarvo.new_id() for _ in clients]
-        # Nothing reserves a display while an agent starts, so each has its own time to take the next one.
+        # Agents take their displays at different times while all of them start.
         pending = []
         for client, session in zip(clients, sessions):
             self.instance.agent(session, ready_delay=1)
@@ -164,13 +164,13 @@ class Success(zarvo.TestCase):
         ports = [client.finish(request)["port"] for client, request in zip(clients, pending)]
         self.assertEqual(sorted(ports), [41000 + self.base + i for i in range(4)])
 
-    def test_agent_that_takes_its_time(self):
+    def test_slow_agent_is_waited_for(self):
         session = zarvo.new_id()
         self.instance.agent(session, ready_delay=2)
         self.start(session=session)
         self.assertEqual(self.instance.seen(session, "signals"), "USR1\n")
 
-    def test_agent_without_a_socket(self):
+    def test_agent_without_a_socket_is_read_from_its_log(self):
         self.instance.agent(state="log")
         session, answer = self.start()
         self.assertFalse(os.path.exists(f"/tmp/Xrdp_{self.base}.sock"))
@@ -179,7 +179,7 @@ class Success(zarvo.TestCase):
 
     def test_log_with_long_and_strange_lines(self):
         server = self.server()
-        # Written before the agent's own lines: none of it may keep the server from finding them.
+        # These lines come before the agent's own ones, which the server must still find.
         server.install_program("start-agent",
                                'head -c 100000 /dev/urandom | tr -d "\\n" | tr -c "[:print:]" "x" > server_log\n'
                                'printf "\\nClient authenticated from nowhere\\nScreen resized to x\\n" >> server_log\n'
@@ -208,13 +208,13 @@ class Success(zarvo.TestCase):
         self.instance.release(session)
         self.assertEqual(self.client.finish(pending)["port"], 41000 + self.base)
 
-    def test_names_that_were_free_again_are_used_again(self):
+    def test_displays_of_ended_sessions_are_used_again(self):
         for _ in range(3):
             session, answer = self.start()
             self.assertEqual(answer["port"], 41000 + self.base)
             self.client.call("Live.Terminate", [session])
 
-    def test_lives_leave_no_zombies_and_no_descriptors(self):
+    def test_ended_sessions_leave_no_zombies_and_no_descriptors(self):
         session, _ = self.start()
         self.client.call("Live.Terminate", [session])
         before = self.instance.held()
@@ -263,7 +263,7 @@ class BadParameters(zarvo.SharedServer):
 
 class AgentFailures(zarvo.TestCase):
     def failing(self, server, error, session=None):
-        """Starts a session, which has to fail so; returns its id."""
+        """Checks that the start of a session fails with this error. Returns the session's id."""
         session = session or zarvo.new_id()
         self.assert_fails(*error, server.client().call, "Live.Start", [session, "xterm", "800x600"])
         self.assert_serves(server)
@@ -282,13 +282,13 @@ class AgentFailures(zarvo.TestCase):
                 server.agent(exit_at_once=code)
                 session = self.failing(server, UNKNOWN)
                 self.wait_unlisted(server, session)
-                # What went wrong can be looked at; what went well leaves nothing.
+                # The directory of a failed session is kept, that of a good one is removed.
                 if code == 0:
                     zarvo.wait_until(lambda: not os.path.exists(server.directory(session)), "the directory to go")
                 else:
                     self.assertEqual(zarvo.read(os.path.join(server.directory(session), "server_exit")), str(code))
 
-    def test_agent_that_ends_without_saying_how(self):
+    def test_agent_that_ends_without_an_exit_code(self):
         server = self.server()
         server.agent(exit_at_once=5, exit_file="no")
         session = self.failing(server, NOT_READ)
@@ -326,7 +326,7 @@ class AgentFailures(zarvo.TestCase):
                 self.assert_fails(*NOT_READ, client.finish, pending)
                 self.assertIn(f'Warning: Failed to read from the file "{path}": ', server.log())
 
-    def test_agent_whose_pid_belongs_to_nobody(self):
+    def test_agent_whose_pid_is_unused(self):
         server = self.server()
         server.agent(pid_file="no", ready="hold")
         session = zarvo.new_id()
@@ -340,7 +340,7 @@ class AgentFailures(zarvo.TestCase):
         self.assertEqual(self.listed(server), [session])
 
     def test_pid_that_would_signal_the_server_itself(self):
-        # 0 stands for the caller's own process group. (-1, everybody, is not for tests on people's machines.)
+        # 0 means the caller's own process group. -1 means all processes, which is too dangerous for a test.
         server = self.server()
         server.agent(pid_file="no", ready="hold")
         session = zarvo.new_id()
@@ -376,7 +376,7 @@ class AgentFailures(zarvo.TestCase):
         os.unlink(os.path.join(server.bin, "start-app"))
         server.start()
         session = self.failing(server, NO_APPLICATION)
-        # The word is misspelt in the line, and has always been: whoever looks for it finds it so.
+        # The misspelt word is part of the text, which must not change.
         self.assertEqual(server.logged(
             "Warning", f'Failed to start the applicaion in the directory "{server.directory(session)}"'), 1)
         self.assertEqual(self.listed(server), [session])
@@ -415,7 +415,7 @@ class AgentFailures(zarvo.TestCase):
         self.failing(server, NO_DIRECTORY, session)
         self.assertEqual(server.logged("Warning", f'Failed to create the directory "{server.directory(session)}"'), 1)
 
-    def test_sessions_folder_that_vanished_is_made_again(self):
+    def test_removed_sessions_folder_is_made_again(self):
         server = self.server()
         os.rmdir(server.sessions)
         session = zarvo.new_id()
@@ -485,12 +485,12 @@ class Displays(zarvo.TestCase):
         self.assertFalse(os.path.exists(server.directory(session)))
         self.assertEqual(server.client().listing(), None)
 
-    def test_range_is_used_up_and_then_refused(self):
+    def test_start_is_refused_when_the_range_is_used_up(self):
         server = self.server({"DisplayLimit": 2})
         self.assertEqual([self.port_of_a_start(server) - 41000 - server.displays.base for _ in range(2)], [0, 1])
         self.assert_fails(*NO_DISPLAY, self.port_of_a_start, server)
 
-    def test_taken_ports_locks_and_sockets_are_passed_over(self):
+    def test_displays_with_taken_ports_locks_or_sockets_are_skipped(self):
         server = self.prepare()
         base = server.displays.base
         x11 = os.path.join(server.temp, ".X11-unix")
@@ -507,8 +507,8 @@ class Displays(zarvo.TestCase):
         server.start()
         self.assertEqual(self.port_of_a_start(server), 41000 + base + len(takers))
 
-    def test_each_obstacle_alone_is_passed_over(self):
-        # One after the other, so that none hides behind another.
+    def test_each_obstacle_alone_makes_a_display_skipped(self):
+        # One after the other, so that none hides another one.
         for name, take in (("x port", lambda s, n: self.listen(6000 + n)),
                            ("port", lambda s, n: self.listen(41000 + n)),
                            ("lock", lambda s, n: self.touch(f"/tmp/.X{n}-lock")),

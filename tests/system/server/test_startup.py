@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""A start that succeeds: files and their modes, settings, one server per user, the daemon's surroundings, its end."""
+"""A successful start: files and their modes, settings, one server per user, the daemon's environment, its end."""
 import fcntl
 import os
 import pwd
@@ -15,7 +15,7 @@ import zarvo
 
 
 def start_with(server, words):
-    """Starts the server from a shell with these words behind its name."""
+    """Starts the server from a shell with these arguments."""
     server.install_program("zarvo-with-words", f"exec {zarvo.BINARY} {words}\n")
     binary, zarvo.BINARY = zarvo.BINARY, os.path.join(server.bin, "zarvo-with-words")
     try:
@@ -40,7 +40,7 @@ class Files(zarvo.TestCase):
         self.assertEqual(os.path.basename(os.readlink(f"/proc/{server.pid}/exe")), "zarvo_server")
         self.assert_serves(server)
 
-    def test_default_level_logs_the_two_lines_of_a_life(self):
+    def test_default_level_logs_start_and_end_only(self):
         server = self.server({"LogLevel": None})
         self.assertEqual(server.stop(), 0)
         lines = server.log().split("\n")
@@ -92,7 +92,7 @@ class Files(zarvo.TestCase):
             self.assertEqual(zarvo.mode(path), "0o600")
             self.assertEqual(zarvo.read(path), str(value))
 
-    def test_existing_certificate_is_used_and_not_touched(self):
+    def test_existing_certificate_is_used_unchanged(self):
         server = self.prepare()
         before = [(zarvo.read(path), os.stat(path).st_mtime_ns) for path in (server.certificate, server.key)]
         server.start()
@@ -149,7 +149,7 @@ class Settings(zarvo.TestCase):
 
     def test_listen_port_is_used_and_kept_in_16_bits(self):
         server = self.prepare()
-        # Outside the range of outgoing connections, so that nobody takes it between the look and the start.
+        # Outside the range of outgoing connections, so that none takes it before the start.
         port = 6000 + server.displays.base
         for stored in (port, 65536 + port):
             server.settings["ListenPort"] = stored
@@ -169,9 +169,9 @@ class Settings(zarvo.TestCase):
         self.assertEqual(answer["port"], 41000 + server.displays.base)
 
     def test_range_of_displays_wraps_in_16_bits(self):
-        # The end of the range is 64, so the search passes 65535 on its way.
+        # The range ends at 64, so the search passes 65535.
         server = self.prepare({"DisplayBase": 65500, "DisplayLimit": 100})
-        server.agent(listen="no")  # a port that somebody else may hold
+        server.agent(listen="no")  # another process may hold the port
         server.start()
         session = zarvo.new_id()
         answer = server.client().call("Live.Start", [session, "xterm", "800x600"])
@@ -213,7 +213,7 @@ class Settings(zarvo.TestCase):
         server.start()
         self.assertTrue(os.path.exists(server.log_file))
 
-    def test_user_unset_leaves_nothing_in_its_place(self):
+    def test_unset_user_is_replaced_by_nothing(self):
         server = self.prepare({"UserPath": "@HOME@/[@USER@]"}, environment={"USER": None})
         server.path = os.path.join(server.home, "[]")
         os.mkdir(server.path)
@@ -270,12 +270,12 @@ class OneServerPerUser(zarvo.TestCase):
         def still_running():
             for launch in launches:
                 launch.poll()
-            # Each start reports two ends, that of the parent and that of the daemon.
+            # The keeper of each start reports two ends: the parent's and the daemon's.
             return [launch for launch in launches if len(launch.exits) == 1]
         zarvo.wait_until(lambda: len(still_running()) == 1, "five of six to end")
         running = still_running()
         server.launches.remove(running[0])
-        server.launches.append(running[0])  # the one that stop() asks
+        server.launches.append(running[0])  # stop() asks the last one
         zarvo.wait_until(lambda: os.path.exists(server.port_file), "the port file")
         server.pid, server.port = int(zarvo.read(server.pid_file)), int(zarvo.read(server.port_file))
         self.assert_serves(server)
@@ -297,13 +297,13 @@ class OneServerPerUser(zarvo.TestCase):
         self.assert_serves(server)
 
     def hostile_names(self):
-        """What a server puts into the temporary directory, found by looking."""
+        """The files that a server puts into the temporary directory."""
         probe = self.server()
         names = [name for name in os.listdir(probe.temp) if not os.path.isdir(os.path.join(probe.temp, name))]
         self.assertTrue(names, "no lock file there: these tests have to learn where it is now")
         return probe, names
 
-    def test_foreign_file_in_the_temporary_directory_is_not_the_other_instance(self):
+    def test_foreign_lock_file_does_not_count_as_another_instance(self):
         server, names = self.hostile_names()
         self.assertEqual(server.stop(), 0)
         foreign = pwd.getpwnam("nobody").pw_uid
@@ -320,7 +320,7 @@ class OneServerPerUser(zarvo.TestCase):
                 fcntl.lockf(file, fcntl.LOCK_EX)
                 server.start()
                 self.assert_serves(server)
-                # It still is the only one.
+                # It is still the only instance.
                 launch = server.start(check=False)
                 self.assertEqual((launch.stderr, launch.wait_daemon_exit()), ("", 0))
                 server.launches.remove(launch)
@@ -328,7 +328,7 @@ class OneServerPerUser(zarvo.TestCase):
                 self.assertEqual(server.stop(), 0)
             self.assertEqual(os.stat(path).st_uid, foreign)
 
-    def test_other_things_under_the_name_of_the_lock_do_no_harm(self):
+    def test_directories_links_and_pipes_named_as_the_lock_are_skipped(self):
         server, names = self.hostile_names()
         self.assertEqual(server.stop(), 0)
         precious = os.path.join(server.home, "precious")
@@ -373,13 +373,13 @@ class Daemon(zarvo.TestCase):
         parent, group, session, terminal = (int(field) for field in stat[1:5])
         self.assertEqual((group, session), (server.pid, server.pid))
         self.assertEqual(terminal, 0)
-        self.assertEqual(parent, launch.keeper.pid)  # the starting process is gone
+        self.assertEqual(parent, launch.keeper.pid)  # the starting process has ended
         self.assertIn("Umask:\t0077", zarvo.read(proc + "/status"))
         self.assertEqual(server.children(), {})
 
-    def test_agent_inherits_three_descriptors_and_no_more(self):
+    def test_agent_inherits_only_its_standard_streams(self):
         server = self.prepare()
-        # Also what the caller of the server had left open stays out of the agent.
+        # Descriptors that the server's caller left open do not reach the agent either.
         with open("/etc/passwd", "rb") as left_open:
             server.start(descriptors=[left_open.fileno()])
         client = server.client()
@@ -391,7 +391,7 @@ class Daemon(zarvo.TestCase):
             for _, target in seen:
                 self.assertEqual(target, "/dev/null")
 
-    def test_agent_has_its_standard_streams_whatever_the_caller_closed(self):
+    def test_agent_has_standard_streams_if_the_caller_closed_its_own(self):
         for closed in ("<&-", ">&-", "2>&-", "<&- >&-", ">&- 2>&-", "<&- >&- 2>&-"):
             with self.subTest(closed=closed):
                 server = self.prepare()
@@ -412,7 +412,7 @@ class Daemon(zarvo.TestCase):
         ignored = int(re.search(r"SigIgn:\s+(\w+)", status).group(1), 16)
         for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2):
             self.assertFalse(blocked >> (number - 1) & 1, number)
-            if number != signal.SIGINT:  # Python itself handles this one
+            if number != signal.SIGINT:  # Python handles this one itself
                 self.assertFalse(ignored >> (number - 1) & 1, number)
         self.assertTrue(zarvo.alive(int(pid)))
 
@@ -444,7 +444,7 @@ class Signals(zarvo.TestCase):
         for client in clients:
             client.wait_closed()
 
-    def test_hangup_moves_on_to_a_new_log_file(self):
+    def test_hangup_reopens_a_moved_log(self):
         server = self.server({"LogLevel": "Debug1"})
         moved = server.log_file + ".1"
         os.rename(server.log_file, moved)
@@ -490,18 +490,18 @@ class Signals(zarvo.TestCase):
 
 
 class TemporaryDirectory(zarvo.TestCase):
-    """The guard against a second server works wherever the temporary directory is, and when it is missing."""
+    """The single instance works with any temporary directory, and without one."""
 
     def assert_one_server(self, folder):
         server = self.server(environment={"TMPDIR": folder})
         second = server.start(check=False)
         self.assertEqual((second.stdout, second.stderr, second.status, second.wait_daemon_exit()), ("", "", 0, 0))
-        server.launches.remove(second)  # the server to be ended is the first one's
+        server.launches.remove(second)  # stop() has to end the first one
         second.close()
         self.assertEqual(zarvo.read(server.pid_file), str(server.pid))
         self.assert_serves(server)
 
-    def test_usual_place(self):
+    def test_default_temporary_directory(self):
         self.assert_one_server(None)
 
     def test_missing_folder(self):

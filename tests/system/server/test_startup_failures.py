@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""A start that fails says so with one line through its caller's terminal, and leaves nothing of a running server."""
+"""A failed start prints one line to its caller's terminal, and leaves no files of a running server."""
 import os
 import re
 import shutil
@@ -30,7 +30,7 @@ class Failures(zarvo.TestCase):
         return launch
 
     def assert_recovers(self, server):
-        """With the cause gone the next start succeeds: nothing was left locked."""
+        """Checks that the next start succeeds without the cause, so no lock is left."""
         server.write_settings()
         server.start()
         self.assert_serves(server)
@@ -128,13 +128,13 @@ class Failures(zarvo.TestCase):
                 zarvo.write(server.certificate, content)
                 self.assert_start_fails(server, message % self.quoted(server.path + "/../server_cert"))
 
-    def test_with_both_broken_only_the_key_is_named(self):
+    def test_if_both_are_broken_only_the_key_is_named(self):
         server = self.prepare()
         zarvo.write(server.certificate, "no certificate")
         zarvo.write(server.key, "no key")
         self.assert_start_fails(server, f"Invalid private key in file {self.quoted(server.path + '/../server_key')}")
 
-    def test_certificate_behind_the_first_mebibyte(self):
+    def test_certificate_after_the_first_mebibyte_is_not_read(self):
         server = self.prepare()
         good = zarvo.read(server.certificate)
         zarvo.write(server.certificate, "\n" * 1048576 + good)
@@ -158,7 +158,7 @@ class Failures(zarvo.TestCase):
         key = self.quoted(server.path + "/../server_key")
         self.assert_start_fails(server, f"Failed to (open|read from) the file {key}: .+")
 
-    def test_pipes_are_not_waited_for(self):
+    def test_server_does_not_wait_for_a_pipe(self):
         for name in ("log_file", "pid_file", "port_file", "certificate", "key"):
             with self.subTest(name=name):
                 server = self.prepare()
@@ -186,7 +186,7 @@ class Failures(zarvo.TestCase):
                     os.unlink(server.log_file)
                 self.assert_start_fails(server, f'Failed to run the program "openssl": {text}')
 
-    def test_openssl_that_only_grumbles(self):
+    def test_warnings_of_openssl_are_no_failure(self):
         server = self.prepare(certificate=False)
         real = shutil.which("openssl")
         server.install_program("openssl", f'echo grumble >&2\n{real} "$@"\necho out\n')

@@ -21,15 +21,15 @@ class Survival(zarvo.TestCase):
             return client.local_sessions()
 
     def wait_listed(self, server, expected):
-        """The server, which is new, has found these, and their agents tell it the rest."""
+        """Checks that the new server has found these sessions, and that their agents have answered."""
         self.assertEqual([entry["id"] for entry in self.listed(server)], [entry["id"] for entry in expected])
         with contextlib.suppress(AssertionError):
-            zarvo.wait_until(lambda: self.listed(server) == expected, "the word of the agents")
+            zarvo.wait_until(lambda: self.listed(server) == expected, "the answers of the agents")
         self.assertEqual(self.listed(server), expected)
 
     @staticmethod
     def plant(server, folder, agent, /, **files):
-        """Puts a session directory in place by hand."""
+        """Makes a session directory by hand."""
         directory = os.path.join(server.sessions, folder)
         os.makedirs(directory)
         content = {"display": str(server.displays.base + 5), "window_mode": "desktop", "name": "planted",
@@ -40,7 +40,7 @@ class Survival(zarvo.TestCase):
         return directory
 
     def running(self, directory):
-        """A process in that directory, as an agent is."""
+        """Starts a process in that directory, as an agent is."""
         os.makedirs(directory, exist_ok=True)
         process = subprocess.Popen(["sleep", "600"], cwd=directory)
         self.addCleanup(process.wait)
@@ -74,7 +74,7 @@ class Survival(zarvo.TestCase):
             self.wait_listed(server, before)
         self.assertEqual(server.client().call("Live.Replay", [session])["password"], answer["password"])
 
-    def test_client_of_a_session_is_not_disturbed(self):
+    def test_viewer_of_a_session_stays_connected(self):
         server = self.server()
         session, answer = self.start(server)
         viewer = server.viewer(answer["port"], answer["password"])
@@ -95,7 +95,7 @@ class Survival(zarvo.TestCase):
         server.start()
         self.assertEqual(self.listed(server)[0]["name"], "xterm")
 
-    def test_what_ended_meanwhile_is_cleaned_up_at_the_start(self):
+    def test_sessions_that_ended_meanwhile_are_cleaned_up_at_the_start(self):
         server = self.server()
         good, _ = self.start(server)
         bad, _ = self.start(server, exit_code=2)
@@ -128,7 +128,7 @@ class Survival(zarvo.TestCase):
         self.assertIsNone(other.poll())
         self.assertTrue(os.path.isdir(server.directory(session)))
 
-    def test_invalid_names_are_ignored_and_left(self):
+    def test_directories_with_invalid_names_are_ignored_and_kept(self):
         server = self.prepare()
         good = zarvo.new_id()
         agent = self.running(server.directory(good))
@@ -145,7 +145,7 @@ class Survival(zarvo.TestCase):
         self.assertEqual([entry["id"] for entry in self.listed(server)], [good])
         self.assertEqual(self.snapshot(server), before)
 
-    def test_unreadable_files_are_ignored_and_left(self):
+    def test_sessions_with_unreadable_files_are_ignored_and_kept(self):
         server = self.prepare()
         for file in ("display", "window_mode", "name", "monitor_pid"):
             for text in (None, "", "\n"):
@@ -166,7 +166,7 @@ class Survival(zarvo.TestCase):
     def snapshot(server):
         return sorted((folder, sorted(folders), sorted(files)) for folder, folders, files in os.walk(server.sessions))
 
-    def test_start_under_the_id_of_an_abandoned_directory(self):
+    def test_start_with_the_id_of_an_orphaned_directory(self):
         server = self.prepare()
         session = zarvo.new_id()
         self.plant(server, "C-" + session, 2147483647, server_exit="1", server_log="RDP initialized at 'never'\n")
@@ -176,7 +176,7 @@ class Survival(zarvo.TestCase):
         self.assertEqual(answer["port"], 41000 + server.displays.base)
         self.assertEqual([entry["name"] for entry in self.listed(server)], ["again"])
 
-    def test_kill_in_the_middle_of_a_start(self):
+    def test_server_killed_during_a_start(self):
         server = self.server()
         session = zarvo.new_id()
         server.agent(session, ready="hold")
@@ -194,7 +194,7 @@ class Survival(zarvo.TestCase):
         answer = server.client().call("Live.Resume", [session])
         self.assertIsNotNone(server.viewer(answer["port"], answer["password"]))
 
-    def test_end_while_a_start_waits(self):
+    def test_server_ends_while_a_start_waits(self):
         server = self.server()
         session = zarvo.new_id()
         server.agent(session, ready="hold")

@@ -1,12 +1,12 @@
 # SPDX-License-Identifier: MIT
-"""Sessions that nobody has used for SuspendTimeout minutes are ended; the check comes once a minute."""
+"""Sessions that are idle for SuspendTimeout minutes are ended. The check comes once a minute."""
 import os
 import time
 import unittest
 
 import zarvo
 
-# The check comes every 60 seconds; the rest is for a busy machine.
+# The check comes every 60 seconds. The rest is for a busy machine.
 CHECK_DEADLINE = 60 + zarvo.DEADLINE
 
 
@@ -29,8 +29,8 @@ class SuspendChecker(zarvo.TestCase):
         zarvo.write(path + "~", text)
         os.rename(path + "~", path)
 
-    def test_who_is_ended_and_who_is_not(self):
-        # Servers whose timers run at the same time: a minute is long enough once.
+    def test_idle_sessions_are_ended_and_others_are_not(self):
+        # Several servers at the same time, so that the test takes a minute only once.
         off, at_once, later = (self.server({"SuspendTimeout": minutes}) for minutes in (-1, 0, 30))
         untouched, _ = self.start(off)
 
@@ -50,7 +50,7 @@ class SuspendChecker(zarvo.TestCase):
         self.reply(later, connected_long_ago, '{"Clients":1,"Passwords":[],"LastDisconnect":"%s"}' % long_ago)
 
         zarvo.wait_until(lambda: set(self.permissions(at_once)) == {used}, "the unused sessions to end", CHECK_DEADLINE)
-        # A disconnection that never was lies before every time.
+        # A session that never had a client counts as disconnected since ever.
         zarvo.wait_until(lambda: set(self.permissions(later)) == {left_lately, connected_long_ago},
                          "the long unused sessions to end", CHECK_DEADLINE)
         for server, session in ((at_once, never_used), (at_once, left), (later, never_used_later),

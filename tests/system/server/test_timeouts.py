@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What the server waits for and does not get: each case takes its full 15 seconds, so all run at the same time."""
+"""The server's timeouts. Each case takes its full 15 seconds, so all of them run at the same time."""
 import os
 import threading
 import time
@@ -11,7 +11,7 @@ TIMED_OUT = {"code": -32077, "message": "Timed out waiting for the agent."}
 
 
 class Case:
-    """A server with one session, on which one call is made that has to wait."""
+    """A server with one session, and one call that has to wait."""
 
     def __init__(self, **behaviour):
         self.server = zarvo.Server()
@@ -31,7 +31,7 @@ class Case:
             except zarvo.RpcError as failure:
                 self.error = failure.error
             self.seconds = time.monotonic() - begin
-        except BaseException as failure:  # shown by the test
+        except BaseException as failure:  # the test raises it
             self.failure = failure
 
     def start(self):
@@ -85,14 +85,14 @@ class Timeouts(zarvo.TestCase):
     @staticmethod
     def make_deaf(case):
         case.go_idle()
-        # From here on the state says the same for ever, whatever the agent is told.
+        # From here on the agent always answers this state, whatever the signals.
         path = os.path.join(case.server.records, "C-" + case.session, "reply")
         zarvo.write(path + "~", '{"Clients":0,"Passwords":[]}')
         os.rename(path + "~", path)
 
     @classmethod
     def during(cls, case):
-        """Others are served while a call waits."""
+        """Checks that other clients are served while a call waits."""
         case.server.seen(case.session, "pid")
         begin = time.monotonic()
         with case.server.client() as client:
@@ -149,7 +149,7 @@ class Timeouts(zarvo.TestCase):
         self.assertTrue(zarvo.alive(int(case.server.seen(case.session, "pid"))))
         self.assertTrue(os.path.isdir(case.server.directory(case.session)))
 
-    def test_others_are_served_meanwhile(self):
+    def test_other_clients_are_served_meanwhile(self):
         self.assertEqual(self.version_meanwhile, zarvo.VERSION)
         self.assertTrue(self.still_waiting, f"the answer came only after the wait, in {self.served_after} s")
 

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""Who is let in: only a client that holds the server's own certificate and key."""
+"""Only a client with the server's own certificate and key is admitted."""
 import contextlib
 import os
 import socket
@@ -28,7 +28,7 @@ class Handshake:
         self.tls = context.wrap_bio(self.incoming, self.outgoing, session=session)
 
     def shake(self):
-        """Runs the handshake; our last flight is left in the outgoing buffer."""
+        """Runs the handshake. Our last flight stays in the outgoing buffer."""
         while True:
             try:
                 self.tls.do_handshake()
@@ -78,7 +78,7 @@ class Admission(zarvo.TestCase):
         cls.shared = zarvo.Server()
         cls.addClassCleanup(cls.shared.close)
         cls.shared.start()
-        # One signed with the server's own key: trusted by its certificate, and still not the same.
+        # Signed with the server's own key: its certificate trusts it, but it is another certificate.
         cls.signed = (os.path.join(cls.folder, "signed_cert"), cls.foreign[1])
         request = os.path.join(cls.folder, "request")
         for command in (
@@ -144,12 +144,12 @@ class Admission(zarvo.TestCase):
                 handshake.shake()
                 session = zarvo.new_id()
                 sessions.append(session)
-                # Finished and the request leave in one segment, so both are there when the handshake ends.
+                # The handshake's last message and the request leave in one segment, so both are there when it ends.
                 handshake.tls.write(zarvo.frame(start_request(session)))
                 handshake.flush()
                 self.assertEqual(handshake.read_to_end(), b"")
                 self.assert_refused(handshake.local_port)
-        # A start that came later has gone all the way, so a start before it would have shown on the disk.
+        # A later start has finished, so an earlier one would be on the disk.
         with self.shared.client() as client:
             later = zarvo.new_id()
             client.call("Live.Start", [later, "xterm", "800x600"])
@@ -159,7 +159,7 @@ class Admission(zarvo.TestCase):
             self.assertFalse(os.path.exists(self.shared.directory(session)))
 
     def test_request_in_the_flight_that_ends_the_handshake_is_served_for_the_right_client(self):
-        # The counterpart: without it the test above would pass for a server that loses such requests.
+        # Without this test, a server that loses such requests would pass the one above.
         context = zarvo.client_context(self.shared.certificate, self.shared.key, ssl.TLSVersion.TLSv1_3)
         handshake = Handshake(self.shared, context)
         self.addCleanup(handshake.close)
@@ -174,7 +174,7 @@ class Admission(zarvo.TestCase):
             with self.subTest(version=version, client="right"):
                 context = zarvo.client_context(self.shared.certificate, self.shared.key, version)
                 with self.shared.client(context=context) as client:
-                    client.call("Live.GetVersion")  # a ticket, if any, comes before the answer
+                    client.call("Live.GetVersion")  # a session ticket, if any, comes before the answer
                     ticket = client.socket.session
                 with self.shared.client(context=context, session=ticket) as client:
                     self.assertEqual(client.call("Live.GetVersion"), zarvo.VERSION)
@@ -188,8 +188,8 @@ class Admission(zarvo.TestCase):
                         self.assertEqual(client.wait_closed(), b"")
                     self.assert_refused(client.local_port)
 
-    def test_request_beside_a_resumed_handshake_is_not_executed(self):
-        # With an older TLS only a resumed handshake ends with a flight of the client.
+    def test_request_sent_with_a_resumed_handshake_is_not_executed(self):
+        # Before TLS 1.3, only a resumed handshake ends with a flight of the client.
         for version in VERSIONS:
             context = zarvo.client_context(*self.foreign, version)
             with self.shared.client(context=context) as client:
@@ -209,8 +209,8 @@ class Admission(zarvo.TestCase):
                 client.call("Live.Terminate", [later])
             self.assertFalse(os.path.exists(self.shared.directory(session)))
 
-    def test_client_that_waits_with_its_handshake_learns_nothing(self):
-        # Notifications go to every connection; this one is not a client yet, and never becomes one.
+    def test_client_that_delays_its_handshake_gets_no_notification(self):
+        # Notifications go to all clients. This one is not admitted yet, and never will be.
         for name, (certificate, key) in self.refused_pairs().items():
             with self.subTest(certificate=name):
                 handshake = Handshake(self.shared, zarvo.client_context(certificate, key))
@@ -226,7 +226,7 @@ class Admission(zarvo.TestCase):
                 self.assertEqual(handshake.read_to_end(), b"")
                 self.assert_refused(handshake.local_port)
 
-    def test_right_client_that_waits_with_its_handshake_is_served(self):
+    def test_right_client_that_delays_its_handshake_is_served(self):
         handshake = Handshake(self.shared, zarvo.client_context(self.shared.certificate, self.shared.key))
         self.addCleanup(handshake.close)
         self.assert_serves(self.shared)
@@ -235,7 +235,7 @@ class Admission(zarvo.TestCase):
         handshake.flush()
         self.assertIn(b'"result":"%s"' % zarvo.VERSION.encode(), handshake.read_to_end())
 
-    def test_garbage_in_place_of_a_handshake(self):
+    def test_garbage_instead_of_a_handshake(self):
         for data in (b"GET / HTTP/1.0\r\n\r\n", zarvo.frame(start_request(zarvo.new_id())), bytes(range(256)) * 300,
                      b"\x16\x03\x01\xff\xff" + b"\0" * 100, b"\x16\x03\x01\x00\x05\x01\xff\xff\xff\xff"):
             with self.subTest(data=data[:20]):
@@ -249,7 +249,7 @@ class Admission(zarvo.TestCase):
                         pass
                 self.assert_serves(self.shared)
 
-    def test_garbage_behind_the_handshake_ends_the_connection(self):
+    def test_garbage_after_the_handshake_ends_the_connection(self):
         before = len(self.shared.held())
         for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
             for garbage in (bytes(100), b"\x17\x03\x03\x00\x20" + b"x" * 32, b"\x17\x03\x03\xff\xff" + b"x" * 100):
@@ -271,7 +271,7 @@ class Admission(zarvo.TestCase):
             self.addCleanup(raw.close)
         self.assert_serves(self.shared)
 
-    def test_connections_that_ended_leave_no_descriptor(self):
+    def test_closed_connections_leave_no_descriptor(self):
         self.assert_serves(self.shared)
         before = len(self.shared.held())
         for _ in range(20):
