@@ -11,7 +11,7 @@ import zarvo
 from common import PROGRAMS, program
 
 SECONDS = 3
-ROUNDS = 3  # of which the middle one counts
+ROUNDS = 3  # the median counts
 
 REQUEST = zarvo.frame('{"jsonrpc":"2.0","id":1,"method":"Live.GetVersion"}').decode()
 ANSWER = zarvo.frame('{"id":1,"jsonrpc":"2.0","result":"%s"}\n' % zarvo.VERSION).decode()

@@ -1,16 +1,16 @@
 # SPDX-License-Identifier: MIT
-# What the scripts share; sourced by them, with the project's root as the working directory.
+# Functions for the scripts, which source it in the project's root.
 
 say() { printf '\n== %s\n' "$*"; }
 
-# The user's name is part of what keeps one user's server apart from another's; a bare environment lacks it.
+# The user's name is part of the id of a server's single instance, and a bare environment lacks it.
 export USER="${USER:-$(id -un)}"
 
 as_root() {
     if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi
 }
 
-# need_packages NAME...: installs those Debian packages that are missing.
+# need_packages NAME...: installs the Debian packages that are missing.
 need_packages() {
     local missing=() package
     for package in "$@"; do
@@ -24,8 +24,9 @@ need_packages() {
 
 flakes=()
 
-# run_tests DIR OPTION...: runs the tests of a build folder, with these options of ctest. A test that fails is run once more,
-# alone. If it passes then, it is added to the list "flakes" and counts as passed. If it fails again, run_tests fails.
+# run_tests DIR OPTION...: runs the tests of a build folder, with these options of ctest. A test that fails runs once
+# more, alone. If it passes then, it is added to the list "flakes" and counts as passed. If it fails again, run_tests
+# fails.
 run_tests() {
     local dir=$1 list=$1/Testing/Temporary/LastTestsFailed.log status=0 failed again="" name
     shift
@@ -52,6 +53,6 @@ print_flakes() {
 }
 
 build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev libjsoncpp-dev libssl-dev libxau-dev libxcb1-dev libpng-dev)
-# The sessions, and below them what "zarvoctl connect" runs to get into one.
+# For sessions; in the second line, for "zarvoctl connect".
 run_packages=(tigervnc-standalone-server xauth openssl xterm xfonts-base openbox
     tigervnc-viewer openssh-client)
