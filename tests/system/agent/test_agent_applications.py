@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The agent by itself: what start-app starts, and the window manager."""
+"""The agent by itself: applications that start-app starts, and the window manager."""
 import contextlib
 import os
 import re
@@ -14,13 +14,13 @@ from agentsession import AgentTestCase
 
 
 def seconds_between(begin, end):
-    """Of two times of day, less than one day apart."""
+    """The seconds between two times of day, which are less than a day apart."""
     first, last = (sum(int(part) * unit for part, unit in zip(text.split(":"), (3600, 60, 1))) for text in (begin, end))
     return (last - first) % 86400
 
 
 class Applications(AgentTestCase):
-    def test_environment(self):
+    def test_applications_get_a_clean_environment(self):
         session = self.session().start()
         lines = session.run("env").splitlines()
         self.assertIn(f"DISPLAY=:{session.display}", lines)
@@ -30,11 +30,11 @@ class Applications(AgentTestCase):
             self.assertFalse([line for line in lines if line.startswith(name + "=")], name)
         self.assertEqual(session.run("pwd").strip(), session.home)
         self.assertNotIn(session.run("umask").strip(), ("0077", "077"))
-        # The command that lists them has one more, for the listing.
+        # ls itself opens number 3, the directory that it lists.
         self.assertEqual(session.run("ls /proc/self/fd").split(), ["0", "1", "2", "3"])
         self.assertEqual(session.run("grep -E 'SigBlk|SigIgn' /proc/self/status | cut -f2").split(), ["0" * 16] * 2)
 
-    def test_command_is_one_line_for_the_shell(self):
+    def test_command_is_run_by_the_shell(self):
         session = self.session().start()
         self.assertEqual(session.run("echo 'a  b' $((1 + 2)) && echo to stderr >&2"), "a  b 3\nto stderr\n")
         self.assertEqual(session.run("printf '%s' 'ünï'"), "ünï")
@@ -58,7 +58,7 @@ class Applications(AgentTestCase):
         self.assertEqual(result.returncode, 1)
         self.assertIn("did not answer", result.stderr)
 
-    def test_half_a_command(self):
+    def test_half_a_command_is_not_run(self):
         session = self.session().start()
         with contextlib.ExitStack() as stack:
             for _ in range(20):
@@ -79,11 +79,11 @@ class Applications(AgentTestCase):
             picture = session.path("picture.png")
             image.save(picture)
             self.assertEqual(zarvo.read(picture)[1:4], "PNG")
-            self.assertNotEqual(image.pixel(799, 599), tuple(blue))  # a desktop does not stretch windows
+            self.assertNotEqual(image.pixel(799, 599), tuple(blue))  # windows are not maximised on a desktop
             typed = os.path.join(session.home, "typed")
 
             def type_until_seen():
-                client.type("touch typed\n")  # lost while the window does not have the keyboard yet
+                client.type("touch typed\n")  # lost until the window has the keyboard focus
                 return os.path.exists(typed)
 
             zarvo.wait_until(type_until_seen, "the key presses")
@@ -112,19 +112,19 @@ class Applications(AgentTestCase):
         os.chmod(program, 0o755)
         begin = time.strftime("%H:%M:%S")
         session.start("rootless", PATH=session.home + ":" + os.environ["PATH"])
-        # On a busy machine it may come too late even so; then it has had the time that it has.
+        # On a busy machine the window manager may still be too late. Then the agent must have waited its full time.
         times = {kind: text for text, kind in
                  re.findall(r"(\d\d:\d\d:\d\d): (Info: Started|Warning: )", session.read("server_log"))}
         if "Warning: " in times:
             self.assertTrue(seconds_between(times["Info: Started"], times["Warning: "]) >= 7 or
                             seconds_between(begin, times["Warning: "]) >= 12, (begin, times))
 
-    def test_rootless_without_a_working_window_manager(self):
+    def test_rootless_goes_on_without_a_working_window_manager(self):
         for name, script in (("none", None), ("broken", "#!/bin/sh\nexit 1\n")):
             with self.subTest(name):
                 session = self.session()
                 os.symlink(shutil.which("Xtigervnc"), os.path.join(session.home, "Xtigervnc"))
-                # What the X server itself runs when it starts.
+                # The X server runs it when it starts.
                 os.symlink(shutil.which("xkbcomp"), os.path.join(session.home, "xkbcomp"))
                 if script:
                     zarvo.write(os.path.join(session.home, "openbox"), script)

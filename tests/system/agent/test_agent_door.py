@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The agent by itself: passwords, viewers, and everybody else who connects."""
+"""The agent by itself: passwords, viewers, and other clients of its sockets."""
 import concurrent.futures
 import contextlib
 import glob
@@ -39,7 +39,7 @@ class Passwords(AgentTestCase):
         self.assertEqual(log.count("Client disconnected from '127.0.0.1'"), 1)
         self.assert_log_is_sound(session)
 
-    def test_race_for_one_password(self):
+    def test_race_for_one_password_has_one_winner(self):
         session = self.session().start()
         password = session.new_password()
         barrier = threading.Barrier(5)
@@ -66,7 +66,7 @@ class Passwords(AgentTestCase):
         self.assertEqual(session.state()["Passwords"], [password])
         session.connect(password).close()
 
-    def test_several_passwords(self):
+    def test_several_passwords_are_open_at_once(self):
         session = self.session().start()
         first, second = session.new_password(), session.new_password()
         self.assertEqual(session.state()["Passwords"], [first, second])
@@ -74,7 +74,7 @@ class Passwords(AgentTestCase):
             self.assertEqual(session.state()["Clients"], 2)
             self.assertEqual(session.state()["Passwords"], [])
 
-    def test_versions(self):
+    def test_versions_are_spoken(self):
         session = self.session().start()
         for version in ("3.3", "3.5", "3.7", "3.8", "3.889"):
             with self.subTest(version=version):
@@ -92,7 +92,7 @@ class Passwords(AgentTestCase):
                 with Client("127.0.0.1", session.port, password) as client:
                     self.assertEqual(client.framebuffer().width, 800)
 
-    def test_many_signals(self):
+    def test_passwords_are_at_most_sixteen(self):
         session = self.session().start()
         for _ in range(20):
             session.signal(signal.SIGUSR1)
@@ -106,7 +106,7 @@ class Passwords(AgentTestCase):
         self.assertEqual(log.count("Added new password ") - log.count("Expiring password "), 16)
         session.connect(passwords[0]).close()
 
-    def test_signal_before_the_session_is_ready(self):
+    def test_password_requested_during_start_is_offered(self):
         session = self.session()
         session.launch("800x600", str(session.port))
         zarvo.wait_until(lambda: os.path.exists(session.path("server_pid")), "the pid")
@@ -134,9 +134,9 @@ class Passwords(AgentTestCase):
 
 
 class Clients(AgentTestCase):
-    def test_disconnect_by_signal(self):
+    def test_signal_disconnects_all_clients(self):
         session = self.session().start()
-        session.signal(signal.SIGUSR2)  # nobody is there
+        session.signal(signal.SIGUSR2)  # without clients
         clients = [session.connect(), session.connect()]
         self.assertNotIn("LastDisconnect", session.state())
         session.signal(signal.SIGUSR2)
@@ -150,7 +150,7 @@ class Clients(AgentTestCase):
         with session.connect():
             self.assertEqual(session.state()["Clients"], 1)
 
-    def test_every_disconnect_has_a_date_of_its_own(self):
+    def test_every_disconnect_has_a_different_date(self):
         session = self.session().start()
         dates = set()
         for _ in range(3):
@@ -170,7 +170,7 @@ class Clients(AgentTestCase):
                 with contextlib.suppress(ConnectionResetError):
                     while client.recv(100):
                         pass
-                # Not when its time was over, which would have been that of the silent one before it as well.
+                # It was not the timeout, because that would have closed the older silent connection first.
                 earlier.setblocking(False)
                 with self.assertRaises(BlockingIOError):
                     earlier.recv(1)
@@ -184,7 +184,7 @@ class Clients(AgentTestCase):
         before = descriptors()
         with contextlib.ExitStack() as stack:
             clients = [stack.enter_context(socket.create_connection(("127.0.0.1", session.port), 10)) for _ in range(50)]
-            # The oldest have made room for the others.
+            # Newer connections have replaced the oldest ones.
             with contextlib.suppress(ConnectionResetError):
                 while clients[0].recv(12):
                     pass
@@ -192,12 +192,12 @@ class Clients(AgentTestCase):
             zarvo.wait_until(lambda: descriptors() <= before + 16, "the others to be closed")
             session.connect(password).close()
 
-    def test_client_that_does_not_read(self):
+    def test_client_that_does_not_read_costs_little_memory(self):
         def resident():
             with open(f"/proc/{session.pid()}/status", encoding="ascii") as status:
                 return int(re.search(r"VmRSS:\s+(\d+) kB", status.read())[1])
 
-        # A sanitizer keeps what is freed, to find those who still use it.
+        # The address sanitizer keeps freed memory, by default more than the bound below.
         options = os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"
         session = self.session().start("1600x1200", ASAN_OPTIONS=options)
         with session.connect() as lazy, session.connect() as busy:
@@ -206,16 +206,16 @@ class Clients(AgentTestCase):
             for _ in range(5):
                 lazy.socket.sendall(request)
                 busy.framebuffer()
-            self.assertLess(resident() - before, 16384)  # of 37500 that nobody reads
+            self.assertLess(resident() - before, 16384)  # of the 37500 kB that the client does not read
 
-    def test_client_that_floods_the_x_server(self):
+    def test_client_that_floods_the_x_server_is_still_served(self):
         session = self.session().start()
         with session.connect() as client:
             for _ in range(50):
                 client.socket.sendall(b"\x04\x01\x00\x00\x00\x00\x00\x61" * 10000)
             self.assertEqual(client.framebuffer().width, 800)
 
-    def test_resize(self):
+    def test_viewer_resizes_the_screen(self):
         session = self.session().start()
         with session.connect() as client:
             client.resize(1024, 500)
@@ -223,17 +223,17 @@ class Clients(AgentTestCase):
                                lambda state: (state["ScreenWidth"], state["ScreenHeight"]) == (1024, 500))
         self.assertIn("\nScreen resized to '1024x500'\n", session.read("server_log"))
 
-    def test_foreign_client(self):
+    def test_foreign_client_gets_a_picture(self):
         if shutil.which("vncsnapshot") is None:
             self.skipTest("vncsnapshot is not installed")
         session = self.session().start()
-        # Passwords in files are scrambled with a key that everybody knows.
+        # VNC password files are encrypted with a fixed key.
         scrambled = rfb.des_encrypt(bytes(int(f"{byte:08b}"[::-1], 2) for byte in (23, 82, 107, 6, 35, 78, 88, 7)),
                                     session.new_password().encode())
         with open(session.path("password"), "wb") as file:
             file.write(scrambled)
         picture = session.path("picture.jpg")
-        # What it takes for a display number is the port, counted from the one of display 0.
+        # vncsnapshot adds 5900 to the display number to get the port.
         subprocess.run(["vncsnapshot", "-allowblank", "-encodings", "raw", "-passwd", session.path("password"),
                         f"127.0.0.1:{session.port - 5900}", picture],
                        check=True, capture_output=True, timeout=zarvo.DEADLINE)
@@ -242,7 +242,7 @@ class Clients(AgentTestCase):
 
 
 class State(AgentTestCase):
-    def test_clients_that_do_not_read(self):
+    def test_state_clients_that_do_not_read_hold_nobody_up(self):
         session = self.session().start()
         with contextlib.ExitStack() as stack:
             for _ in range(100):
@@ -252,7 +252,7 @@ class State(AgentTestCase):
                     client.sendall(b"what is this")
             self.assertEqual(session.state()["Clients"], 0)
 
-    def test_display_is_closed_to_those_without_the_cookie(self):
+    def test_display_is_closed_without_the_cookie(self):
         def status():
             with socket.socket(socket.AF_UNIX) as client:
                 client.settimeout(zarvo.DEADLINE)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The agent by itself: how a session ends, and that nothing of it is left."""
+"""The agent by itself: all ways in which a session ends, and that nothing of it is left."""
 import glob
 import os
 import shutil
@@ -15,7 +15,7 @@ class End(AgentTestCase):
     def test_nothing_is_left(self):
         session = self.session().start("rootless")
         session.app("xterm")
-        # A daemon: its parents are gone, and it is in a session of its own.
+        # A daemon: its parents have ended, and it is in a session of its own.
         session.app("(setsid sh -c 'sleep 1000 & sleep 1000' &) & exit 0")
         zarvo.wait_until(lambda: len(session.processes()) >= 8, "all processes")
         client = session.connect()
@@ -30,7 +30,7 @@ class End(AgentTestCase):
         self.assertEqual(log.count("Client disconnected"), 1)
         self.assert_log_is_sound(session)
 
-    def test_application_that_ignores_the_signal(self):
+    def test_application_that_ignores_sigterm_is_killed(self):
         session = self.session().start()
         session.app("trap '' TERM; touch ready; while :; do sleep 0.1; done")
         zarvo.wait_until(lambda: os.path.exists(os.path.join(session.home, "ready")), "the application")
@@ -40,13 +40,13 @@ class End(AgentTestCase):
         self.assert_over(session, 0)
         self.assertLess(time.monotonic() - begin, 10)
 
-    def test_stopped_x_server(self):
+    def test_stopped_x_server_is_killed(self):
         session = self.session().start()
         os.kill(session.x_server(), signal.SIGSTOP)
         session.signal(signal.SIGTERM)
         self.assert_over(session, 0)
 
-    def test_signal_during_start(self):
+    def test_signal_during_start_ends_the_session(self):
         for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
             with self.subTest(number):
                 session = self.session()
@@ -56,7 +56,7 @@ class End(AgentTestCase):
                 self.assert_over(session, 0)
                 session.close()
 
-    def test_x_server_dies(self):
+    def test_death_of_the_x_server_ends_the_session(self):
         session = self.session().start()
         session.app("sleep 1000")
         client = session.connect()
@@ -77,12 +77,12 @@ class End(AgentTestCase):
         self.assertEqual([os.path.lexists(path) for path in (lock, x_socket)], [True, True])
 
     def start_daemons(self, session):
-        """Programs that are no children of the agent, and one that does not end when asked to."""
+        """Starts programs that are no children of the agent, and one that ignores SIGTERM."""
         session.app("xterm")
         session.app("(setsid sh -c 'sleep 1000 & sleep 1000' &) & exit 0")
         session.app("setsid sh -c 'trap \"\" TERM; touch ready; while :; do sleep 0.1; done' & exit 0")
         zarvo.wait_until(lambda: len(session.processes()) >= 8, "all processes")
-        zarvo.wait_until(lambda: os.path.exists(os.path.join(session.home, "ready")), "the stubborn program")
+        zarvo.wait_until(lambda: os.path.exists(os.path.join(session.home, "ready")), "the last program")
 
     def test_nothing_survives_a_killed_agent(self):
         for number in (signal.SIGKILL, signal.SIGABRT):
@@ -118,7 +118,7 @@ class End(AgentTestCase):
         self.assertFalse(session.port_is_open())
         self.assertIn(": Critical: ", session.read("server_log"))
 
-    def test_killed_with_a_stopped_x_server(self):
+    def test_nothing_survives_an_agent_killed_with_a_stopped_x_server(self):
         session = self.session().start()
         os.kill(session.x_server(), signal.SIGSTOP)
         session.signal(signal.SIGKILL)
@@ -128,7 +128,7 @@ class End(AgentTestCase):
         session = self.session().start()
         agent, x_server = session.pid(), session.x_server()
         for pid in (agent, x_server):
-            os.kill(pid, signal.SIGSTOP)  # or the first death would lead to an orderly end
+            os.kill(pid, signal.SIGSTOP)  # so that none of them reacts to the end of another
         for pid in (session.process.pid, agent, x_server):
             os.kill(pid, signal.SIGKILL)
         session.wait_exit()
@@ -160,13 +160,13 @@ class End(AgentTestCase):
         self.assertEqual(session.leftovers(), [])
         self.assertFalse(session.port_is_open())
 
-    def test_directory_removed_during_start(self):
+    def test_directory_removed_during_start_ends_the_session(self):
         session = self.session()
         session.launch("800x600", str(session.port))
         zarvo.wait_until(lambda: os.path.exists(session.path("server_pid")), "the pid")
 
         def removed():
-            shutil.rmtree(session.directory, ignore_errors=True)  # what the agent still writes may come in between
+            shutil.rmtree(session.directory, ignore_errors=True)  # the agent may create a file meanwhile
             return not os.path.exists(session.directory)
 
         zarvo.wait_until(removed, "the directory to be removed")
@@ -184,7 +184,7 @@ class End(AgentTestCase):
         session.signal(signal.SIGTERM)
         self.assert_over(session, 0)
 
-    def test_log_that_cannot_be_opened(self):
+    def test_log_that_cannot_be_opened_fails_the_start(self):
         session = self.session()
         os.mkdir(session.path("server_log"))
         session.launch("800x600", str(session.port))
@@ -192,7 +192,7 @@ class End(AgentTestCase):
         self.assertEqual(session.read("server_exit"), "1")
         self.assertEqual(session.leftovers(), [])
 
-    def test_two_runs_in_one_directory(self):
+    def test_directory_can_be_used_again(self):
         session = self.session().start()
         session.signal(signal.SIGTERM)
         self.assert_over(session, 0)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""The agent by itself: how it starts, and what keeps it from starting."""
+"""The agent by itself: starts, and starts that must fail."""
 import os
 import resource
 import shutil
@@ -12,7 +12,7 @@ from agentsession import AgentSession, AgentTestCase
 
 
 class Start(AgentTestCase):
-    def test_ready_session(self):
+    def test_ready_session_has_state_log_and_private_files(self):
         session = self.session().start("1000x700")
         state = session.state()
         self.assertEqual((state["ScreenWidth"], state["ScreenHeight"]), (1000, 700))
@@ -27,7 +27,7 @@ class Start(AgentTestCase):
             self.assertIn(zarvo.mode(session.path(name)), ("0o600",), name)
         self.assertEqual(zarvo.mode(session.state_socket), "0o600")
 
-    def test_long_session_directory(self):
+    def test_session_directory_may_have_a_long_path(self):
         session = self.session()
         deep = os.path.join(session.directory, "d" * 100, "e" * 100)
         os.makedirs(deep)
@@ -40,7 +40,7 @@ class Start(AgentTestCase):
         with session.connect() as client:
             self.assertEqual(client.width, 800)
 
-    def test_bad_arguments(self):
+    def test_bad_arguments_are_refused(self):
         for arguments in ([], ["800x600"], ["800x600", "PORT", "more"], ["800x600", "0"], ["800x600", "x"],
                           ["800x600", "+PORT"], ["800x600", "70000"], ["800x600", "41000"], ["Rootless", "PORT"],
                           ["9x600", "PORT"], ["40000x40000", "PORT"], ["800x600x24", "PORT"], ["", "PORT"],
@@ -52,7 +52,7 @@ class Start(AgentTestCase):
                 self.assertEqual(session.leftovers(), [])
                 session.close()
 
-    def test_missing_or_bad_display_file(self):
+    def test_missing_or_bad_display_file_is_refused(self):
         for text in (None, "", "x", "-1", "70000"):
             with self.subTest(text=text):
                 session = self.session()
@@ -63,7 +63,7 @@ class Start(AgentTestCase):
                 self.assert_refuses_to_start(session, 1, '"display"')
                 session.close()
 
-    def test_missing_or_bad_authority(self):
+    def test_missing_or_bad_authority_is_refused(self):
         def truncate(session):
             os.truncate(session.path("authority"), os.path.getsize(session.path("authority")) - 1)
 
@@ -81,22 +81,22 @@ class Start(AgentTestCase):
                 self.assertEqual(session.leftovers(), [])
                 session.close()
 
-    def test_missing_x_server(self):
+    def test_missing_x_server_is_reported(self):
         session = self.session()
         session.launch("800x600", str(session.port), PATH=session.home)
         self.assert_refuses_to_start(session, 1, "Xtigervnc")
         self.assertEqual(session.leftovers(), [])
 
-    def test_files_that_cannot_be_written(self):
+    def test_start_fails_when_files_cannot_be_written(self):
         session = self.session()
-        # Room for the exit code and nothing else.
+        # Files may grow to one byte, which the exit code needs.
         session.launch("800x600", str(session.port), preexec=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1, 1)))
         self.assertEqual(session.wait_exit(), 1)
         self.assertEqual(session.read("server_exit"), "1")
         self.assertFalse(os.path.exists(session.path("server_pid")))
         self.assertEqual(session.leftovers(), [])
 
-    def test_x_server_that_cannot_be_run(self):
+    def test_x_server_that_cannot_be_run_is_reported(self):
         session = self.session()
         program = os.path.join(session.home, "Xtigervnc")
         zarvo.write(program, "#!/nowhere/interpreter\n")
@@ -106,7 +106,7 @@ class Start(AgentTestCase):
         self.assertIn("X server: Failed to run the program: No such file or directory", session.read("server_log"))
         self.assertEqual(session.leftovers(), [])
 
-    def test_x_server_that_never_serves_its_screen(self):
+    def test_x_server_that_never_serves_its_screen_is_killed(self):
         session = self.session()
         program = os.path.join(session.home, "Xtigervnc")
         zarvo.write(program, "#!/bin/sh\ntrap '' TERM\nwhile :; do /bin/sleep 1; done\n")
@@ -115,7 +115,7 @@ class Start(AgentTestCase):
         self.assert_refuses_to_start(session, 1, "within 10 seconds")
         zarvo.wait_until(lambda: session.leftovers() == [], "the end of the last sleep")
 
-    def test_taken_port(self):
+    def test_taken_port_is_reported(self):
         session = self.session()
         with socket.socket() as other:
             other.bind(("127.0.0.1", session.port))
@@ -124,7 +124,7 @@ class Start(AgentTestCase):
             self.assert_refuses_to_start(session, 1, f"port {session.port}")
         self.assertEqual(session.leftovers(), [])
 
-    def test_display_of_another_agent(self):
+    def test_display_of_another_agent_is_left_alone(self):
         first = self.session().start()
         second = AgentSession(first.display)
         self.addCleanup(shutil.rmtree, second.directory, True)
@@ -133,7 +133,7 @@ class Start(AgentTestCase):
         self.assertEqual(first.state()["Clients"], 0)
         self.assertEqual(first.run("echo alive").strip(), "alive")
 
-    def test_taken_state_socket(self):
+    def test_taken_state_socket_is_reported(self):
         session = self.session()
         with socket.socket(socket.AF_UNIX) as other:
             other.bind(session.state_socket)
@@ -142,7 +142,7 @@ class Start(AgentTestCase):
             self.assert_refuses_to_start(session, 1, session.state_socket)
             self.assertTrue(os.path.exists(session.state_socket))
 
-    def test_display_of_another_x_server(self):
+    def test_display_of_another_x_server_is_left_alone(self):
         session = self.session()
         lock = f"/tmp/.X{session.display}-lock"
         zarvo.write(lock, f"{os.getpid():10d}\n")
@@ -153,7 +153,7 @@ class Start(AgentTestCase):
         self.assertEqual(session.leftovers(), [lock])
 
     def test_abstract_name_of_the_display_is_ours(self):
-        """Applications try this name first, and show their cookie to whoever listens there."""
+        """Applications try this name first, and send their cookie to the process that listens there."""
         session = self.session()
         name = f"\0/tmp/.X11-unix/X{session.display}"
         with socket.socket(socket.AF_UNIX) as other:
@@ -167,7 +167,7 @@ class Start(AgentTestCase):
         with socket.socket(socket.AF_UNIX) as other, self.assertRaises(OSError):
             other.bind(name)
 
-    def test_blocked_signals_and_closed_descriptors(self):
+    def test_blocked_signals_and_closed_descriptors_do_no_harm(self):
         def spoil():
             signal.pthread_sigmask(signal.SIG_BLOCK, range(1, signal.NSIG))
             signal.signal(signal.SIGUSR1, signal.SIG_IGN)
@@ -177,7 +177,7 @@ class Start(AgentTestCase):
         session = self.session()
         session.launch("800x600", str(session.port), preexec=spoil)
         session.wait_ready()
-        self.assertEqual(session.state()["Passwords"], [])  # the X server has not taken us for a parent to signal
+        self.assertEqual(session.state()["Passwords"], [])  # the X server has not sent SIGUSR1 to its parent
         with session.connect() as client:
             self.assertEqual(client.width, 800)
         session.signal(signal.SIGTERM)

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""An agent in a session directory of its own, started by a test in the place of the server."""
+"""Starts the agent in a session directory, as the server does, for tests of the agent by itself."""
 import contextlib
 import ctypes
 import json
@@ -137,7 +137,7 @@ class AgentSession:
                               timeout=zarvo.DEADLINE, check=False)
 
     def run(self, command):
-        """Runs a command line in the session; when it has ended, returns what it printed."""
+        """Runs a command line in the session until it ends, and returns its output."""
         self.write("app_log", "")
         done = self.path("done")
         result = self.app(f"({command}); : > {done}")
@@ -147,7 +147,7 @@ class AgentSession:
         return self.read("app_log")
 
     def processes(self):
-        """The ids of all live processes of the session, the agent's included."""
+        """The pids of all live processes of the session, including the agent."""
         mark = self.mark.encode()
         found = []
         for entry in os.listdir("/proc"):
@@ -159,7 +159,7 @@ class AgentSession:
         return found
 
     def x_server(self):
-        """The id of the X server's process."""
+        """The pid of the X server."""
         for pid in self.processes():
             with contextlib.suppress(OSError):  # a process may end meanwhile
                 if os.path.basename(os.readlink(f"/proc/{pid}/exe")) == "Xtigervnc":
@@ -167,7 +167,7 @@ class AgentSession:
         raise AssertionError("there is no X server")
 
     def leftovers(self):
-        """What must be gone when the session is over."""
+        """The files and processes of the session that are left. There must be none when it is over."""
         display = self.display
         paths = [self.state_socket, f"/tmp/.X{display}-lock", f"/tmp/.X11-unix/X{display}",
                  self.path(f"rfb-{display}.sock"), self.path(f"app-{display}.sock"), self.path("openbox.xml")]
@@ -221,7 +221,7 @@ class AgentTestCase(unittest.TestCase):
             self.assertRegex(line, re.compile("|".join(f"(?:{form})" for form in EVENTS + [NOTE]) + r"\Z"))
 
     def assert_refuses_to_start(self, session, code, message):
-        """The agent ends with the code, and one line says why."""
+        """The agent ends with the code, and one Critical line gives the reason."""
         self.assertEqual(session.wait_exit(), code)
         self.assertEqual(session.read("server_exit"), str(code))
         lines = [line for line in session.read("server_log").splitlines() if ": Critical: " in line]

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What the tests of the server with the bundled agent share."""
+"""Shared by the tests of the server with the bundled agent."""
 import os
 
 import rfb
@@ -47,7 +47,7 @@ class BundledAgentTestCase(zarvo.TestCase):
             return False
 
     def others(self):
-        """Every process of this server's user but the server itself."""
+        """The command lines by pid of all processes with this server's home directory, without the server itself."""
         found = {}
         for entry in os.listdir("/proc"):
             if entry.isdigit() and int(entry) != self.instance.pid:

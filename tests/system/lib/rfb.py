@@ -19,7 +19,7 @@ DESKTOP_SIZE_ENCODING = -308
 
 
 class ProtocolError(Exception):
-    """The server said something that the protocol does not allow, or closed the connection."""
+    """The server broke the protocol, or closed the connection."""
 
 
 class AuthenticationFailed(Exception):
@@ -35,7 +35,7 @@ class Image:
         self.pixels = bytearray(3 * width * height)
 
     def put(self, x, y, width, height, pixels):
-        """Copies a rectangle of four-byte pixels (blue, green, red, unused) to its place."""
+        """Copies a rectangle of four-byte pixels (blue, green, red, unused) into the image."""
         colours = bytearray(3 * width * height)
         colours[0::3], colours[1::3], colours[2::3] = pixels[2::4], pixels[1::4], pixels[0::4]
         for row in range(height):
@@ -88,7 +88,7 @@ class Client:
         self.socket.close()
 
     def framebuffer(self):
-        """Asks for the whole screen and waits for it."""
+        """Requests the whole screen and waits until it has come."""
         self.socket.sendall(struct.pack(">BBHHHH", 3, 0, 0, 0, self.width, self.height))
         image = Image(self.width, self.height)
         missing = self.width * self.height
@@ -176,7 +176,7 @@ class Client:
         self.socket.sendall(struct.pack(">BxHi", 2, 1, RAW_ENCODING))
 
     def _receive_message(self):
-        """Reads a message's type, and all of it when it is no framebuffer update."""
+        """Reads the type of a message, and the rest of it unless it is a framebuffer update."""
         (kind,) = self._unpack(">B")
         if kind == 1:  # colour map
             _, count = self._unpack(">xHH")
@@ -202,12 +202,12 @@ class Client:
 
 
 def vnc_response(password, challenge):
-    """What a client that knows the password answers to a challenge of 16 bytes."""
+    """The response of a client with this password to a challenge of 16 bytes."""
     key = bytes(int(f"{byte:08b}"[::-1], 2) for byte in password[:8].ljust(8, b"\0"))
     return des_encrypt(key, challenge[:8]) + des_encrypt(key, challenge[8:])
 
 
-# DES on one block (FIPS 46-3). Bits are numbered from 1, the most significant, as the tables have them.
+# DES on one block (FIPS 46-3). As in its tables, bit 1 is the most significant one.
 
 _INITIAL = [column - 8 * row for column in (58, 60, 62, 64, 57, 59, 61, 63) for row in range(8)]
 _FINAL = [_INITIAL.index(i) + 1 for i in range(1, 65)]
