@@ -107,9 +107,7 @@ class Applications(AgentTestCase):
         if shutil.which("openbox") is None:
             self.skipTest("openbox is not installed")
         session = self.session()
-        program = os.path.join(session.home, "openbox")
-        zarvo.write(program, f'#!/bin/sh\nsleep 4\nexec {shutil.which("openbox")} "$@"\n')
-        os.chmod(program, 0o755)
+        session.install("openbox", f'#!/bin/sh\nsleep 4\nexec {shutil.which("openbox")} "$@"\n')
         begin = time.strftime("%H:%M:%S")
         session.start("rootless", PATH=session.home + ":" + os.environ["PATH"])
         # On a busy machine the window manager may still be too late. Then the agent must have waited its full time.
@@ -127,8 +125,7 @@ class Applications(AgentTestCase):
                 # The X server runs it when it starts.
                 os.symlink(shutil.which("xkbcomp"), os.path.join(session.home, "xkbcomp"))
                 if script:
-                    zarvo.write(os.path.join(session.home, "openbox"), script)
-                    os.chmod(os.path.join(session.home, "openbox"), 0o755)
+                    session.install("openbox", script)
                 session.start("rootless", PATH=session.home)
                 reason = "The window manager has ended" if script else "No window manager is installed"
                 self.assertIn(f": Warning: {reason}", session.read("server_log"))

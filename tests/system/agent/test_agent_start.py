@@ -98,9 +98,7 @@ class Start(AgentTestCase):
 
     def test_x_server_that_cannot_be_run_is_reported(self):
         session = self.session()
-        program = os.path.join(session.home, "Xtigervnc")
-        zarvo.write(program, "#!/nowhere/interpreter\n")
-        os.chmod(program, 0o755)
+        session.install("Xtigervnc", "#!/nowhere/interpreter\n")
         session.launch("800x600", str(session.port), PATH=session.home)
         self.assert_refuses_to_start(session, 1, "did not start: exit code 127")
         self.assertIn("X server: Failed to run the program: No such file or directory", session.read("server_log"))
@@ -108,9 +106,7 @@ class Start(AgentTestCase):
 
     def test_x_server_that_never_serves_its_screen_is_killed(self):
         session = self.session()
-        program = os.path.join(session.home, "Xtigervnc")
-        zarvo.write(program, "#!/bin/sh\ntrap '' TERM\nwhile :; do /bin/sleep 1; done\n")
-        os.chmod(program, 0o755)
+        session.install("Xtigervnc", "#!/bin/sh\ntrap '' TERM\nwhile :; do /bin/sleep 1; done\n")
         session.launch("800x600", str(session.port), PATH=session.home)
         self.assert_refuses_to_start(session, 1, "within 10 seconds")
         zarvo.wait_until(lambda: session.leftovers() == [], "the end of the last sleep")
