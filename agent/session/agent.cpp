@@ -178,7 +178,7 @@ void Agent::prepareApplications()
     });
 }
 
-/** Lets applications and clients in, because everything is there, and says so. */
+/** Accepts applications and clients, and reports that the session is ready. */
 void Agent::open()
 {
     QString error;

@@ -25,7 +25,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kTerminateTime = 3s; ///< between SIGTERM and SIGKILL
-constexpr auto kKillTime = 5s; ///< a killed process ends when it is next scheduled, which takes long on a busy machine
+constexpr auto kKillTime = 5s;      ///< after the first SIGKILL; on a busy machine a killed process takes long to end
 constexpr auto kPollInterval = 20ms;
 
 /** Renamed, so that `pkill start-agent` spares it. */

@@ -40,8 +40,7 @@ public:
     /** @param guard  the process that a server takes for the session */
     explicit ListingWatcher(ListingLimits limits = {}, pid_t guard = ::getppid(), QObject *parent = nullptr);
 
-    /** Looks at once, and then until the session is listed. unlisted() may follow, at the first look at the earliest.
-     */
+    /** Looks at once, and then again until the session is listed. unlisted() may follow. */
     void start();
     void stop();
 

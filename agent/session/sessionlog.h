@@ -11,8 +11,8 @@ class QSize;
 /**
  * The agent's log file. People read it, and so does the server, which rebuilds a session's state from it when the agent
  * does not answer. So the six kinds of event below have fixed forms. All other lines begin with a date, so they cannot
- * be taken for an event. No line is empty or longer than 500 characters, because the server stops at an empty line and
- * cuts lines at 512 characters.
+ * be taken for an event. No line is empty, and free text is one line of at most 500 characters, because the server
+ * stops at an empty line and cuts lines at 512 characters.
  *
  * The lines hold one-time passwords, because the server needs them, so the file is private to the user.
  * Owned by start-agent's main function. Events are written on the main thread only.

@@ -100,8 +100,9 @@ QByteArray SessionState::toJson() const
 }
 
 /**
- * The time of an event, always later than @p previous. The server notices events only by their date, which is precise
- * to the second. So two events within one second need different dates, or the server would miss the second one.
+ * The time of an event, later than @p previous unless the clock was set back. The server notices events only by their
+ * date, which is precise to the second. So two events within one second need different dates, or the server would miss
+ * the second one.
  */
 QDateTime SessionState::timeAfter(const QDateTime &previous) const
 {

@@ -35,10 +35,10 @@ private slots:
 
     void unknownValuesAreLeftOut()
     {
-        SessionLog agentLog;
+        SessionLog sessionLog;
         QString error;
-        QVERIFY(agentLog.open(path(), &error));
-        const SessionState state(&agentLog, clock());
+        QVERIFY(sessionLog.open(path(), &error));
+        const SessionState state(&sessionLog, clock());
         QCOMPARE(state.toJson(), QByteArray("{\"Clients\":0,\"Passwords\":[]}\n"));
         QVERIFY(!state.isReady());
         QVERIFY(log().isEmpty());
@@ -46,10 +46,10 @@ private slots:
 
     void knownValuesAreInTheJson()
     {
-        SessionLog agentLog;
+        SessionLog sessionLog;
         QString error;
-        QVERIFY(agentLog.open(path(), &error));
-        SessionState state(&agentLog, clock());
+        QVERIFY(sessionLog.open(path(), &error));
+        SessionState state(&sessionLog, clock());
         state.setScreenSize(QSize(800, 600));
         state.setScreenSize(QSize(800, 600)); // the same size is not logged again
         state.setReady();
@@ -87,10 +87,10 @@ private slots:
 
     void replacedPasswordIsLogged()
     {
-        SessionLog agentLog;
+        SessionLog sessionLog;
         QString error;
-        QVERIFY(agentLog.open(path(), &error));
-        SessionState state(&agentLog, clock());
+        QVERIFY(sessionLog.open(path(), &error));
+        SessionState state(&sessionLog, clock());
         for (qsizetype i = 0; i < PasswordStore::kMaxOpen + 1; ++i) {
             state.offerPassword();
         }
@@ -100,10 +100,10 @@ private slots:
 
     void eventsHaveDifferentDates()
     {
-        SessionLog agentLog;
+        SessionLog sessionLog;
         QString error;
-        QVERIFY(agentLog.open(path(), &error));
-        SessionState state(&agentLog, clock());
+        QVERIFY(sessionLog.open(path(), &error));
+        SessionState state(&sessionLog, clock());
         state.clientsDisconnected({u"a"_s, u"b"_s}); // at the same time, so with one date
         state.clientsDisconnected({u"c"_s});
         state.clientsDisconnected({});
