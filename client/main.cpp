@@ -13,7 +13,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Qt's own remarks, on the locale for one, are nothing that a user of this program asked for. */
+/** Drops Qt's own warnings, for example about the locale, because they tell a user of this program nothing. */
 void dropQtMessage(QtMsgType, const QMessageLogContext &, const QString &)
 {
 }
@@ -28,7 +28,7 @@ ExitCode refuseUsage(Console &console, const QString &verb, const QString &probl
 QString argumentProblem(const Verb &verb, const QStringList &arguments)
 {
     if (arguments.size() < verb.minArguments) {
-        return u"Something is missing: %1."_s.arg(verb.arguments);
+        return u"An argument is missing. Expected: %1."_s.arg(verb.arguments);
     }
     if (verb.maxArguments >= 0 && arguments.size() > verb.maxArguments) {
         return u"\"%1\" is one argument too many."_s.arg(arguments.at(verb.maxArguments));
@@ -70,7 +70,7 @@ ExitCode run(Console &console, const QStringList &arguments)
         console.printLine(u"zarvoctl "_s + QCoreApplication::applicationVersion());
         return ExitCode::Done;
     }
-    // For the completion scripts only, so no help text and no manual names it.
+    // Only the completion scripts need this, so help texts and manual leave it out.
     if (arguments.sliced(1) == QStringList{u"help"_s, u"--plain"_s}) {
         console.print(completionTable());
         return ExitCode::Done;
@@ -93,9 +93,9 @@ int main(int argc, char **argv)
     nameApplication();
     Console console;
     ExitCode code = run(console, QCoreApplication::arguments());
-    // A reader that has seen enough and gone is no failure.
+    // A reader that stops early, as head does, is no failure.
     if (!console.flush() && console.writeError() != EPIPE) {
-        console.note(u"zarvoctl: Failed to write to the standard output: "_s + qt_error_string(console.writeError()));
+        console.note(u"zarvoctl: Failed to write to standard output: "_s + qt_error_string(console.writeError()));
         code = code == ExitCode::Done ? ExitCode::Negative : code;
     }
     return static_cast<int>(code);

@@ -15,7 +15,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** One run of the verb: what it works on, and the steps in their order. */
+/** One run of the verb: its state, and its steps in order. */
 class Connecting
 {
 public:
@@ -32,7 +32,7 @@ public:
                context.connectToServer(startMode(line), failure) && makeOffer(failure) && show(failure);
     }
 
-    /** Whether the user has had enough. */
+    /** Whether a signal has ended the run. */
     [[nodiscard]] bool isInterrupted() const { return interruption && interruption->hasCaughtSignal(); }
 
 private:
@@ -40,14 +40,14 @@ private:
     {
         const qsizetype count = line.positionalArguments().size();
         if (line.isSet(u"json"_s) && !prints) {
-            return fail(failure, ExitCode::Usage, u"--json goes with --print."_s);
+            return fail(failure, ExitCode::Usage, u"--json needs --print."_s);
         }
         if (line.isSet(u"new"_s)) {
             return count > 0 ? checkStart(line.positionalArguments(), line.value(u"geometry"_s), failure)
                              : fail(failure, ExitCode::Usage, u"--new needs a command: connect --new -- COMMAND…"_s);
         }
         if (line.isSet(u"geometry"_s)) {
-            return fail(failure, ExitCode::Usage, u"--geometry goes with --new."_s);
+            return fail(failure, ExitCode::Usage, u"--geometry needs --new."_s);
         }
         return count <= 1 || fail(failure, ExitCode::Usage, u"connect takes one session."_s);
     }
@@ -84,7 +84,7 @@ private:
         const bool isOffered = session.state() == SessionState::Offered;
         const QString method = isOffered ? u"Live.Replay"_s : u"Live.Resume"_s;
         const QString other = isOffered ? u"Live.Resume"_s : u"Live.Replay"_s;
-        // The state may have changed since it was listed; if so, it is the other method's turn.
+        // The state may have changed since the listing. Then the other method fits.
         return requestOffer(context, method, session, &offer, failure) ||
                (failure->code == ExitCode::WrongState && session.state() != SessionState::Connected &&
                 requestOffer(context, other, session, &offer, failure));
@@ -94,9 +94,10 @@ private:
     {
         remote = RemoteHost::fromLocation(session.location);
         if (!remote) {
-            return fail(failure, ExitCode::WrongState,
-                        u"Session %1 is elsewhere, and its location names no host to reach with ssh: \"%2\"."_s.arg(
-                            session.id, session.location));
+            return fail(
+                failure, ExitCode::WrongState,
+                u"Session %1 is on another host, but its location names no host that ssh can reach: \"%2\"."_s.arg(
+                    session.id, session.location));
         }
         interruption.emplace();
         return remote->requestOffer(session.id, &offer, failure);
@@ -123,8 +124,8 @@ private:
     ClientContext &context;
     const bool prints;
     Viewer viewer;
-    std::optional<Interruption> interruption; ///< set while there is something to clean up
-    std::unique_ptr<RemoteHost> remote;       ///< set for a session elsewhere
+    std::optional<Interruption> interruption; ///< set while there is something to clean up after a signal
+    std::unique_ptr<RemoteHost> remote;       ///< set for a session on another host
     ConnectionOffer offer;
 };
 
@@ -145,15 +146,15 @@ Verb connectVerb()
     return {
         .name = u"connect"_s,
         .arguments = u"[SESSION]"_s,
-        .summary = u"Get into a session with a VNC viewer."_s,
+        .summary = u"Open a session in a VNC viewer."_s,
         .description =
             u"Runs a VNC viewer on a session, or on a new one with --new -- COMMAND…. The viewer is the command in\n"
             "ZARVO_VIEWER, else xtigervncviewer, else vncviewer. A session on another host is reached through ssh,\n"
-            "or the command in ZARVO_SSH. With --print, what another viewer needs is printed instead."_s,
+            "or the command in ZARVO_SSH. --print prints what another viewer needs instead."_s,
         .examples = {u"zarvoctl connect --new -- openbox-session"_s, u"zarvoctl connect 3f2a"_s,
                      u"zarvoctl connect --print --json xterm"_s},
         .maxArguments = -1,
-        .options = {{u"new"_s, u"Start a new session of a command first."_s},
+        .options = {{u"new"_s, u"Start a session of a command first."_s},
                     geometryOption(),
                     {u"print"_s, u"Print host, port and password instead."_s},
                     jsonOption(),

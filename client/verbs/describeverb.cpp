@@ -56,7 +56,7 @@ Verb describeVerb()
 {
     return {.name = u"describe"_s,
             .summary = u"Describe the methods of the server."_s,
-            .description = u"Prints the methods of the server with their parameters, for those who write clients."_s,
+            .description = u"Prints the methods of the server with their parameters, for authors of clients."_s,
             .examples = {u"zarvoctl describe"_s},
             .options = {jsonOption(), noStartOption()},
             .run = run};

@@ -89,12 +89,13 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
 
 Verb doctorVerb()
 {
-    return {.name = u"doctor"_s,
-            .summary = u"Look for what may be wrong, and say what to do about it."_s,
-            .description =
-                u"Looks at settings, files, programs and the system, and prints a line for each finding: OK, WARN or\n"
-                "FAIL with the remedy. Changes nothing and starts nothing. Exit code 1 when something failed."_s,
-            .examples = {u"zarvoctl doctor"_s},
-            .options = {jsonOption()},
-            .run = run};
+    return {
+        .name = u"doctor"_s,
+        .summary = u"Look for problems, and say how to solve them."_s,
+        .description =
+            u"Checks settings, files, programs and the system, and prints a line for each finding: OK, WARN or FAIL\n"
+            "with the remedy. Changes nothing and starts nothing. Exit code 1 when a check failed."_s,
+        .examples = {u"zarvoctl doctor"_s},
+        .options = {jsonOption()},
+        .run = run};
 }

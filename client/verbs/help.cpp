@@ -33,7 +33,7 @@ QString usageLine(const Verb &verb)
 
 QList<QCommandLineOption> programOptions()
 {
-    return {{{u"h"_s, u"help"_s}, u"Print this; after a verb: how to use it."_s},
+    return {{{u"h"_s, u"help"_s}, u"Print this. After a verb: print how to use it."_s},
             {u"version"_s, u"Print the version of this program."_s}};
 }
 
@@ -54,14 +54,14 @@ QStringList optionNames(const QCommandLineOption &option)
 QString programHelp()
 {
     QString text = u"Usage: zarvoctl VERB [OPTION]… [ARGUMENT]…\n\n"
-                   "Remote-desktop sessions on this host: start them, get in, get out, end them.\n\nVerbs:\n"_s;
+                   "Starts, opens, suspends and ends remote-desktop sessions on this host.\n\nVerbs:\n"_s;
     for (const Verb &verb : allVerbs()) {
         const QStringList names = QStringList(verb.name) + verb.aliases;
         text += u"  %1 %2\n"_s.arg(names.join(u", "_s).leftJustified(13), verb.summary);
     }
     text += u"\nOptions:\n"_s + optionLines(programOptions());
-    text += u"\nSESSION is a whole id, or else the exact name or the beginning of an id, which only one session may\n"
-            "have; when there is only one session it may be left out.\n"_s;
+    text += u"\nSESSION is a whole id. Otherwise it is an exact name or the beginning of an id, and must fit only one\n"
+            "session. When there is only one session, SESSION may be left out.\n"_s;
     text += u"\nExit codes:\n"_s + exitCodeHelp();
     text += u"\nExample:\n  zarvoctl connect --new -- openbox-session\n"_s;
     return text;

@@ -42,10 +42,10 @@ Verb listVerb()
             .description = u"Lists the sessions of this host, and of the user's other hosts that the server knows."_s,
             .examples = {u"zarvoctl list"_s, u"zarvoctl list --json | jq -r '.[].id'"_s},
             .aliases = {u"ls"_s},
-            .options = {{u"local"_s, u"Only the sessions of this host."_s},
+            .options = {{u"local"_s, u"List only the sessions of this host."_s},
                         jsonOption(),
-                        {u"plain"_s, u"Whole ids, fields separated by tabs, nothing cut: for scripts."_s},
-                        {u"no-legend"_s, u"Leave out the line of titles."_s},
+                        {u"plain"_s, u"For scripts: whole ids, tabs between fields, nothing cut off."_s},
+                        {u"no-legend"_s, u"Leave out the title line."_s},
                         noStartOption()},
             .run = run};
 }

@@ -34,14 +34,15 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
 
 Verb logsVerb()
 {
-    return {.name = u"logs"_s,
-            .arguments = u"[SESSION]"_s,
-            .summary = u"Print the log of a session's agent."_s,
-            .description =
-                u"Prints what a session's agent has logged, without the passwords, or with --app what its programs\n"
-                "have printed. Works for a session that has failed as well, by its id. Starts no server."_s,
-            .examples = {u"zarvoctl logs 3f2a"_s, u"zarvoctl logs --app --lines 0 3f2a"_s},
-            .maxArguments = 1,
-            .options = {linesOption(), {u"app"_s, u"The output of the programs instead."_s}},
-            .run = run};
+    return {
+        .name = u"logs"_s,
+        .arguments = u"[SESSION]"_s,
+        .summary = u"Print the log of a session's agent."_s,
+        .description =
+            u"Prints the log of a session's agent without the passwords, or with --app the output of its programs.\n"
+            "A session that has failed is found by its id. Starts no server."_s,
+        .examples = {u"zarvoctl logs 3f2a"_s, u"zarvoctl logs --app --lines 0 3f2a"_s},
+        .maxArguments = 1,
+        .options = {linesOption(), {u"app"_s, u"Print the output of the programs instead."_s}},
+        .run = run};
 }

@@ -48,9 +48,9 @@ Verb replayVerb()
 {
     return {.name = u"replay"_s,
             .arguments = u"[SESSION]"_s,
-            .summary = u"Print the password that a session offers already."_s,
-            .description = u"Prints once more the password and the port that a session offers, for a viewer that did "
-                           u"not get in."_s,
+            .summary = u"Print the password that a session already offers."_s,
+            .description =
+                u"Prints again the password and the port that a session offers, for a second try to connect."_s,
             .examples = {u"zarvoctl replay --json 3f2a"_s},
             .maxArguments = 1,
             .options = {jsonOption(), noStartOption()},

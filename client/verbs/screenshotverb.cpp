@@ -21,7 +21,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kTimeout = 20s;
+constexpr auto kScreenshotTimeout = 20s;
 constexpr int kMaxNumberBytes = 16;
 
 bool readDisplay(const QString &directory, QString *display, Failure *failure)
@@ -34,13 +34,14 @@ bool readDisplay(const QString &directory, QString *display, Failure *failure)
     bool isNumber = false;
     const ushort number = text.trimmed().toUShort(&isNumber);
     if (!isNumber) {
-        return fail(failure, ExitCode::SessionFailed, u"The session in \"%1\" has no display."_s.arg(directory));
+        return fail(failure, ExitCode::SessionFailed,
+                    u"The session in \"%1\" has no valid display number."_s.arg(directory));
     }
     *display = QString::number(number);
     return true;
 }
 
-/** Takes the picture into a file beside the wanted one, so that this appears whole or not at all. */
+/** Writes to a temporary file beside @p path and renames it, so that @p path never holds half a picture. */
 bool takeScreenshot(const QString &directory, const QString &path, Failure *failure)
 {
     QString display;
@@ -52,7 +53,8 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
     const Interruption interruption;
     const Progress progress(u"Taking a picture"_s);
     ChildRun child;
-    const bool ended = child.run({program, display, QDir(directory).filePath(SessionFile::kAuthority), part}, kTimeout);
+    const bool ended =
+        child.run({program, display, QDir(directory).filePath(SessionFile::kAuthority), part}, kScreenshotTimeout);
     if (ended && child.exitCode() == 0 &&
         std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) == 0) {
         return true;
@@ -63,7 +65,7 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
     }
     if (!ended) {
         return fail(failure, child.timedOut() ? ExitCode::TimedOut : ExitCode::SessionFailed,
-                    u"There is no picture: %1."_s.arg(child.problem()));
+                    u"Failed to take a picture: %1."_s.arg(child.problem()));
     }
     const QString reason =
         child.exitCode() == 0 ? u"Failed to write to the file \"%1\""_s.arg(path) : child.errorOutput().trimmed();
@@ -91,8 +93,8 @@ Verb screenshotVerb()
 {
     return {.name = u"screenshot"_s,
             .arguments = u"SESSION FILE.png"_s,
-            .summary = u"Take a picture of a session as it looks now."_s,
-            .description = u"Writes the display of a session of this host, as it looks now, to a PNG file."_s,
+            .summary = u"Save a picture of a session."_s,
+            .description = u"Saves a picture of the display of a session of this host as a PNG file."_s,
             .examples = {u"zarvoctl screenshot 3f2a now.png"_s},
             .minArguments = 2,
             .maxArguments = 2,

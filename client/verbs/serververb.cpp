@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/** Requests that run are waited for, and one may wait for its agent twice. */
+/** A server that stops waits for running requests, and a request may wait for its agent twice. */
 constexpr auto kStopTimeout = 60s;
 
 const char *stateName(ServerState state)
@@ -56,7 +56,7 @@ ExitCode stop(const QCommandLineParser &, ClientContext &context)
     return ExitCode::Done;
 }
 
-/** What a server that answers says about itself. */
+/** Asks a running server for its version and its sessions. */
 bool askServer(ClientContext &context, QString *version, SessionList *sessions, Failure *failure)
 {
     Json::Value answer;
@@ -75,9 +75,9 @@ ExitCode status(const QCommandLineParser &line, ClientContext &context)
     SessionList sessions;
     const bool answers = askServer(context, &version, &sessions, &failure);
     if (failure.code == ExitCode::TimedOut) {
-        failure.code = ExitCode::NoServer; // whether one answers is the question
+        failure.code = ExitCode::NoServer; // for this verb, too late means no answer
     }
-    // The files may be others by now; these told of the server that has answered, or has not.
+    // As read for this connection, because by now the files may be those of another server.
     const ServerStatus &server = context.server;
     if (line.isSet(u"json"_s)) {
         Json::Value value(Json::objectValue);
@@ -127,7 +127,7 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
         {u"start"_s, start}, {u"stop"_s, stop}, {u"status"_s, status}, {u"log"_s, log}};
     const Action action = actions.value(firstArgument(line), nullptr);
     if (!action) {
-        return context.console.report({ExitCode::Usage, u"server takes start, stop, status or log."_s});
+        return context.console.report({ExitCode::Usage, u"server needs one of start, stop, status and log."_s});
     }
     return action(line, context);
 }
@@ -138,10 +138,10 @@ Verb serverVerb()
 {
     return {.name = u"server"_s,
             .arguments = u"start|stop|status|log"_s,
-            .summary = u"Start, stop or look at the server itself."_s,
-            .description = u"start makes sure that a server runs, stop ends it (the sessions go on), status tells "
-                           u"whether one answers\n"
-                           "(exit code 5 if not), log prints the end of its log."_s,
+            .summary = u"Start, stop or check the server itself."_s,
+            .description =
+                u"start makes sure that a server runs. stop ends it; the sessions go on. status shows whether it\n"
+                "answers; exit code 5 if not. log prints the end of its log."_s,
             .examples = {u"zarvoctl server status --json"_s, u"zarvoctl server log --lines 100"_s},
             .minArguments = 1,
             .maxArguments = 1,

@@ -14,7 +14,7 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
     ConnectionOffer offer;
     const bool connects = line.isSet(u"connect"_s);
     Viewer viewer;
-    // Better to learn that there is no viewer before a session waits for it.
+    // Look for the viewer first, because without one the session would wait in vain.
     if (!checkStart(line.positionalArguments(), line.value(u"geometry"_s), &failure) ||
         (connects && !viewer.find(&failure)) || !context.connectToServer(startMode(line), &failure) ||
         !startSession(context, line.positionalArguments(), line.value(u"geometry"_s), &offer, &failure)) {
@@ -37,7 +37,7 @@ Verb startVerb()
         .summary = u"Start a session of a command."_s,
         .description =
             u"Starts a session in which COMMAND runs, and prints its id, its port and the password that a viewer\n"
-            "needs. Several words are passed on as they are; a single one is a command line for the shell."_s,
+            "needs. Several words are passed on unchanged; a single word is a command line for the shell."_s,
         .examples = {u"zarvoctl start --geometry 1920x1080 -- startxfce4"_s,
                      u"zarvoctl start --geometry rootless --connect xterm -e top"_s},
         .minArguments = 1,

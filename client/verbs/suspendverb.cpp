@@ -31,8 +31,8 @@ Verb suspendVerb()
 {
     return {.name = u"suspend"_s,
             .arguments = u"[SESSION]"_s,
-            .summary = u"Throw the viewers out; the programs go on."_s,
-            .description = u"Disconnects all viewers of a session, whose programs go on running."_s,
+            .summary = u"Disconnect the viewers; the programs go on."_s,
+            .description = u"Disconnects all viewers of a session. Its programs go on running."_s,
             .examples = {u"zarvoctl suspend 3f2a"_s},
             .maxArguments = 1,
             .options = {noStartOption()},

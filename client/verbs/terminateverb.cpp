@@ -16,14 +16,14 @@ bool collect(const QCommandLineParser &line, ClientContext &context, SessionList
     }
     QStringList targets = line.positionalArguments();
     if (targets.isEmpty()) {
-        targets.append(QString()); // the only one
+        targets.append(QString()); // means the only session
     }
     for (const QString &target : targets) {
         SessionEntry session;
         if (!context.findLocal(target, &session, failure)) {
             return false;
         }
-        // By its id: the rest of an entry may have changed since it was found for the first time.
+        // Compare ids only: each target has a listing of its own, in which the rest of an entry may differ.
         if (std::none_of(chosen->begin(), chosen->end(), [&](const SessionEntry &e) { return e.id == session.id; })) {
             chosen->append(session);
         }
@@ -31,8 +31,8 @@ bool collect(const QCommandLineParser &line, ClientContext &context, SessionList
     return true;
 }
 
-/** What was not named is asked about, when there is somebody to ask. */
-bool isWanted(const QCommandLineParser &line, ClientContext &context, const SessionList &chosen)
+/** Asks the user on a terminal, unless --yes was given or the sessions were named. */
+bool isConfirmed(const QCommandLineParser &line, ClientContext &context, const SessionList &chosen)
 {
     const bool named = !line.positionalArguments().isEmpty();
     if (named || line.isSet(u"yes"_s) || !Console::inputIsTerminal() || chosen.isEmpty()) {
@@ -45,10 +45,10 @@ bool isWanted(const QCommandLineParser &line, ClientContext &context, const Sess
 }
 
 /**
- * Asks for all of it at once; the server answers one after the other.
- * @param isGoneFine  whether a session that is gone by then is no failure
+ * Sends all requests at once; the server serves them in turn.
+ * @param ignoresEnded  whether a session that has ended since the listing is no failure
  */
-ExitCode endAll(ClientContext &context, const SessionList &chosen, bool isGoneFine)
+ExitCode endAll(ClientContext &context, const SessionList &chosen, bool ignoresEnded)
 {
     QList<int> requests;
     for (const SessionEntry &session : chosen) {
@@ -59,7 +59,7 @@ ExitCode endAll(ClientContext &context, const SessionList &chosen, bool isGoneFi
         Json::Value ignored;
         Failure failure;
         if (!context.client.receive(requests[i], &ignored, &failure) &&
-            !(isGoneFine && failure.code == ExitCode::NoSuchSession)) {
+            !(ignoresEnded && failure.code == ExitCode::NoSuchSession)) {
             failure.text = u"%1: %2"_s.arg(chosen[i].id, failure.text);
             const ExitCode problem = context.console.report(failure);
             code = code == ExitCode::Done ? problem : code;
@@ -73,13 +73,13 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
     Failure failure;
     SessionList chosen;
     if (line.isSet(u"all"_s) && !line.positionalArguments().isEmpty()) {
-        return context.console.report({ExitCode::Usage, u"Either --all or sessions, not both."_s});
+        return context.console.report({ExitCode::Usage, u"Use either --all or sessions, not both."_s});
     }
     if (!context.connectToServer(startMode(line), &failure) || !collect(line, context, &chosen, &failure)) {
         return context.console.report(failure);
     }
-    if (!isWanted(line, context, chosen)) {
-        context.console.note(u"Nothing is ended."_s);
+    if (!isConfirmed(line, context, chosen)) {
+        context.console.note(u"No session was ended."_s);
         return ExitCode::Negative;
     }
     const Progress progress(u"Ending"_s);
@@ -95,11 +95,11 @@ Verb terminateVerb()
         .arguments = u"[SESSION…]"_s,
         .summary = u"End sessions and their programs."_s,
         .description =
-            u"Ends sessions and all programs in them. With several sessions, either all of them are found or none is\n"
-            "ended. On a terminal it asks before it ends what was not named."_s,
+            u"Ends sessions and all programs in them. When one of several sessions is not found, none is ended. Asks\n"
+            "on a terminal before it ends sessions that were not named."_s,
         .examples = {u"zarvoctl terminate 3f2a 77c0"_s, u"zarvoctl terminate --all --yes"_s},
         .maxArguments = -1,
-        .options = {{u"all"_s, u"All sessions of this host."_s},
+        .options = {{u"all"_s, u"End all sessions of this host."_s},
                     {{u"y"_s, u"yes"_s}, u"Do not ask."_s},
                     noStartOption()},
         .run = run};

@@ -42,7 +42,7 @@ bool linesValue(const QCommandLineParser &line, int *lines, Failure *failure)
     bool isNumber = false;
     const int value = line.value(u"lines"_s).toInt(&isNumber);
     if (!isNumber || value < 0) {
-        return fail(failure, ExitCode::Usage, u"\"%1\" is no number of lines."_s.arg(line.value(u"lines"_s)));
+        return fail(failure, ExitCode::Usage, u"\"%1\" is not a number of lines."_s.arg(line.value(u"lines"_s)));
     }
     *lines = value;
     return true;

@@ -32,16 +32,16 @@ struct Verb
 /** Makes @p line read the command line of a verb. */
 void addOptions(const Verb &verb, QCommandLineParser *line);
 
-// Options that several verbs have, so that they read and work alike.
+// Options that several verbs share.
 [[nodiscard]] QCommandLineOption jsonOption();
 [[nodiscard]] QCommandLineOption noStartOption();
 [[nodiscard]] QCommandLineOption linesOption();
 [[nodiscard]] QCommandLineOption geometryOption();
 
-/** What --no-start says. */
+/** Whether a server may be started: not with --no-start. */
 [[nodiscard]] ServerConnector::Start startMode(const QCommandLineParser &line);
 
-/** The number that --lines gives; false for anything that is no number. */
+/** Reads the value of --lines; false, with Usage, when it is not a number. */
 [[nodiscard]] bool linesValue(const QCommandLineParser &line, int *lines, Failure *failure);
 
 /** The first argument; empty when there is none. */

@@ -11,19 +11,19 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/** A restart of the server takes seconds at most. */
-constexpr auto kPatience = 15s;
+/** How long the server may be away: a restart takes seconds. */
+constexpr auto kMaxServerAbsence = 15s;
 
-/** A server that is there gets this time to answer, also when nothing is to be waited for. */
+/** How long a running server may take to answer, even with --timeout 0. */
 constexpr auto kMinAnswerTime = 1s;
 
-/** Longer than anybody waits, and short enough for the timers. */
+/** 11 days: longer than anyone waits, and timers count milliseconds in 32 bits. */
 constexpr double kMaxSeconds = 1e6;
 
-/** What is waited for. */
+/** What to wait for. */
 struct Goal
 {
-    std::optional<SessionState> state; ///< null: the end of the session
+    std::optional<SessionState> state; ///< null: until the session has ended
     std::chrono::milliseconds timeout = kNoDeadline;
 };
 
@@ -40,13 +40,13 @@ bool readGoal(const QCommandLineParser &line, Goal *goal, Failure *failure)
     bool isNumber = false;
     const double seconds = line.value(u"timeout"_s).toDouble(&isNumber);
     if (!isNumber || !(seconds >= 0 && seconds <= kMaxSeconds)) {
-        return fail(failure, ExitCode::Usage, u"\"%1\" is no number of seconds."_s.arg(line.value(u"timeout"_s)));
+        return fail(failure, ExitCode::Usage, u"\"%1\" is not a number of seconds."_s.arg(line.value(u"timeout"_s)));
     }
     goal->timeout = std::chrono::milliseconds(static_cast<qint64>(seconds * 1000));
     return true;
 }
 
-/** Null as long as it has to go on. */
+/** The exit code of a wait that is over; null while it goes on. */
 std::optional<ExitCode> judge(const SessionList &sessions, const SessionEntry &session, const Goal &goal)
 {
     const auto found = std::find_if(sessions.begin(), sessions.end(), [&session](const SessionEntry &entry) {
@@ -66,7 +66,7 @@ std::chrono::milliseconds remaining(const Goal &goal, const QElapsedTimer &elaps
 
 ExitCode follow(ClientContext &context, const SessionEntry &session, const Goal &goal, Failure *failure)
 {
-    SessionFollower follower(&context, kPatience);
+    SessionFollower follower(&context, kMaxServerAbsence);
     QElapsedTimer elapsed;
     elapsed.start();
     for (;;) {
@@ -82,7 +82,7 @@ ExitCode follow(ClientContext &context, const SessionEntry &session, const Goal 
         case SessionFollower::Event::Woken:
             break;
         case SessionFollower::Event::TimedOut:
-            failure->text = u"It did not happen in time."_s;
+            failure->text = u"Timed out while waiting for the session."_s;
             return failure->code = ExitCode::TimedOut;
         case SessionFollower::Event::Failed:
             return failure->code;
@@ -113,16 +113,17 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
 
 Verb waitVerb()
 {
-    return {.name = u"wait"_s,
-            .arguments = u"[SESSION] --for STATE"_s,
-            .summary = u"Wait until a session is connected, suspended or ended."_s,
-            .description =
-                u"Waits until a viewer is connected to a session, until none is and no password is offered either\n"
-                "(suspended), or until it has ended. When it ends instead, the answer is no: exit code 1."_s,
-            .examples = {u"zarvoctl wait 3f2a --for ended"_s, u"zarvoctl wait --for connected --timeout 60 3f2a"_s},
-            .maxArguments = 1,
-            .options = {{u"for"_s, u"What to wait for: connected, suspended or ended."_s, u"STATE"_s},
-                        {u"timeout"_s, u"Give up after so many seconds. Default: never."_s, u"S"_s},
-                        noStartOption()},
-            .run = run};
+    return {
+        .name = u"wait"_s,
+        .arguments = u"[SESSION] --for STATE"_s,
+        .summary = u"Wait until a session is connected, suspended or ended."_s,
+        .description =
+            u"Waits until a session is in a state. connected: a viewer is connected. suspended: no viewer is\n"
+            "connected and no password is offered. ended: the session has ended. Exit code 1 when it ends instead."_s,
+        .examples = {u"zarvoctl wait 3f2a --for ended"_s, u"zarvoctl wait --for connected --timeout 60 3f2a"_s},
+        .maxArguments = 1,
+        .options = {{u"for"_s, u"What to wait for: connected, suspended or ended."_s, u"STATE"_s},
+                    {u"timeout"_s, u"Give up after S seconds. Default: never."_s, u"S"_s},
+                    noStartOption()},
+        .run = run};
 }

@@ -19,7 +19,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Redraws the terminal with the sessions as they are now. */
+/** Redraws the terminal with these sessions. */
 void drawTable(Console &console, const SessionList &sessions)
 {
     const QString table = sessionTable(sessions, {.width = Console::outputWidth(),
@@ -36,8 +36,8 @@ void drawTable(Console &console, const SessionList &sessions)
 }
 
 /**
- * Wakes the follower when the terminal has another size, which a signal tells, and when nobody reads the output any
- * more, which a program that has nothing to write would not notice.
+ * Wakes the follower when the terminal is resized and when the reader of the output closes it. A write would tell the
+ * latter too, but there is none until a session changes.
  */
 class OutputWatch
 {
@@ -47,7 +47,7 @@ public:
     {
         QObject::connect(&reader, &QSocketNotifier::activated, follower, [this, follower] {
             pollfd state = {STDOUT_FILENO, 0, 0};
-            isGone = ::poll(&state, 1, 0) == 1 && (state.revents & (POLLERR | POLLHUP)) != 0;
+            hasNoReader = ::poll(&state, 1, 0) == 1 && (state.revents & (POLLERR | POLLHUP)) != 0;
             reader.setEnabled(false);
             follower->wake();
         });
@@ -76,13 +76,13 @@ public:
     }
     Q_DISABLE_COPY_MOVE(OutputWatch)
 
-    [[nodiscard]] bool isUnread() const { return isGone; }
+    [[nodiscard]] bool isClosed() const { return hasNoReader; }
 
 private:
     QSocketNotifier reader;
     std::unique_ptr<QSocketNotifier> size;
     int descriptor = -1;
-    bool isGone = false;
+    bool hasNoReader = false;
 };
 
 void printChanges(Console &console, const SessionList &before, const SessionList &after)
@@ -108,14 +108,14 @@ ExitCode follow(ClientContext &context, Failure *failure)
             }
             shown = sessions;
             if (!context.console.flush()) {
-                return ExitCode::Done; // nobody reads on; the end of the program tells why
+                return ExitCode::Done; // the reader has gone, or main() reports the write error
             }
             break;
         case SessionFollower::Event::Lost:
-            context.console.note(u"The server has gone; waiting for one."_s);
+            context.console.note(u"The server has ended; waiting for the next one."_s);
             break;
         case SessionFollower::Event::Woken:
-            if (output.isUnread()) {
+            if (output.isClosed()) {
                 return ExitCode::Done;
             }
             if (Console::outputIsTerminal()) {
@@ -149,7 +149,7 @@ Verb watchVerb()
         .summary = u"Show every change of the sessions as it happens."_s,
         .description =
             u"On a terminal, shows the table of sessions and keeps it up to date. Otherwise prints one JSON object\n"
-            "per line and change, beginning with the sessions there are. Waits for a server that has gone."_s,
+            "per line for each change, at first for each session. When the server ends, waits for the next one."_s,
         .examples = {u"zarvoctl watch"_s, u"zarvoctl watch | jq --unbuffered .event"_s},
         .options = {noStartOption()},
         .run = run};

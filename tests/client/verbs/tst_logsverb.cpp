@@ -14,7 +14,7 @@ class TestLogsVerb : public QObject
     Q_OBJECT
 
 private slots:
-    void sessionThatEndsWhenItHasBeenListed()
+    void sessionThatEndsAfterTheListingIsNotFound()
     {
         const ServedContext context([](QSslSocket *peer, const Json::Value &request) {
             FakeServer::answer(peer, request, serverList({makeSession(u"1"_s, u"one"_s)}));

@@ -38,13 +38,13 @@ private slots:
 
     void sessionThatIsNamedTwiceIsEndedOnce()
     {
-        // Between the two looks a viewer has come.
+        // A viewer connects between the two listings.
         lists = {{makeSession(u"1"_s, u"one"_s, u"retry"_s)}, {makeSession(u"1"_s, u"one"_s, u"disconnect"_s)}};
         QCOMPARE(run({u"one"_s, u"1000"_s}), ExitCode::Done);
         QCOMPARE(ended, QStringList{makeSession(u"1"_s, {}).id});
     }
 
-    void allAreEndedAlsoWhenSomeHaveEndedThemselves()
+    void allSucceedsWhenASessionHasEndedMeanwhile()
     {
         lists = {{makeSession(u"1"_s, u"one"_s), makeSession(u"2"_s, u"two"_s)}};
         gone = {makeSession(u"1"_s, {}).id};
@@ -52,7 +52,7 @@ private slots:
         QCOMPARE(ended.size(), 2);
     }
 
-    void namedSessionThatHasEndedItselfIsNone()
+    void namedSessionThatHasEndedMeanwhileIsNotFound()
     {
         lists = {{makeSession(u"1"_s, u"one"_s), makeSession(u"2"_s, u"two"_s)}};
         gone = {makeSession(u"1"_s, {}).id};
@@ -63,9 +63,9 @@ private slots:
 private:
     ExitCode run(const QStringList &arguments) { return runVerb(terminateVerb(), **context, arguments); }
 
-    QList<SessionList> lists; ///< what the server lists, one after the other; the last one from then on
-    QStringList ended;        ///< what it was asked to end
-    QStringList gone;         ///< what it knows no more by then
+    QList<SessionList> lists; ///< what the server lists, one per request; the last one is repeated
+    QStringList ended;        ///< ids that the server was asked to end
+    QStringList gone;         ///< ids that it refuses as unknown
     std::unique_ptr<ServedContext> context;
 };
 

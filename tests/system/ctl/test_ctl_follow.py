@@ -37,7 +37,7 @@ class Watch(ctl.CtlTestCase):
         process = self.background(server, "watch")
         self.assertEqual(self.change(process)[0], "added")
         server.stop()
-        self.assertIn("The server has gone", process.stderr.readline())
+        self.assertIn("The server has ended", process.stderr.readline())
         self.assertEqual(self.servers(server), [])
         server.start()
         self.ctl(server, "terminate", session)
@@ -65,7 +65,7 @@ class Watch(ctl.CtlTestCase):
         process = self.following(server, "watch")
         self.assert_waits(process)
         server.stop()
-        self.assertIn("The server has gone", process.stderr.readline())
+        self.assertIn("The server has ended", process.stderr.readline())
         process.stdout.close()
         self.assertEqual(process.wait(zarvo.DEADLINE), DONE)
 
