@@ -40,9 +40,8 @@ struct DoctorInput
     QString temporaryPath = QStringLiteral("/tmp");
     QString networkPath = QStringLiteral("/proc/sys/net/ipv4");
     QString processesPath = QStringLiteral("/proc");
-    QString systemPath = QString(); ///< the prefix of /etc, /run, /usr and /var
-    std::chrono::milliseconds settlingTime =
-        std::chrono::seconds(5); ///< how long to wait for a server that starts or ends
+    QString systemPath = QString();                                   ///< the prefix of /etc, /run, /usr and /var
+    std::chrono::milliseconds settlingTime = std::chrono::seconds(5); ///< for a server that starts or ends
 };
 
 /** A check and the title of its lines. It changes nothing, and returns at least one finding. */

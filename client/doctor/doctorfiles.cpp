@@ -85,8 +85,7 @@ ServerStatus settledStatus(const DoctorInput &input, QList<qint64> *others)
     *others = server.mayRun() ? QList<qint64>() : serversOfSameUser();
     const QDeadlineTimer end(input.settlingTime);
     while (!others->isEmpty() && !end.hasExpired()) {
-        EventWait pause([] { return false; });
-        [[maybe_unused]] const bool never = pause.run(kReadInterval);
+        serveEvents(kReadInterval);
         server = input.files.readStatus();
         if (server.mayRun()) {
             others->clear();

@@ -49,8 +49,7 @@ struct PortRange
     [[nodiscard]] bool contains(const PortRange &other) const { return first <= other.first && other.last <= last; }
 };
 
-/** The ranges and one more, in the kernel's form. It contains the old ones, because a new list replaces the old list.
- */
+/** The kernel's list with one more range. The old ones stay in it, because a new list replaces the old list. */
 QString withRange(const QList<PortRange> &ranges, const PortRange &more)
 {
     QStringList texts;

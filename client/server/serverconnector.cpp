@@ -24,7 +24,7 @@ constexpr auto kConnectTimeout = 10s;
 /** Bounds the retries when a new server has replaced the last one at every attempt. */
 constexpr int kMaxAttempts = 5;
 
-/** Between two attempts while a server starts. We poll its files, because it sends no signal when it is ready. */
+/** Between two attempts while a server starts. We poll its files, because nothing notifies us when it is ready. */
 constexpr auto kAttemptInterval = 10ms;
 
 QString otherServersText()
@@ -35,13 +35,6 @@ QString otherServersText()
     }
     const QString which = pids.isEmpty() ? QString() : u" (process %1)"_s.arg(pids.join(u", "_s));
     return u"A server of USER=%1 already runs with other files%2."_s.arg(qEnvironmentVariable("USER"), which);
-}
-
-/** Lets the launcher start the program and read its messages. */
-void serveEvents(std::chrono::milliseconds time)
-{
-    EventWait wait([] { return false; });
-    [[maybe_unused]] const bool never = wait.run(time);
 }
 
 } // namespace
@@ -90,7 +83,7 @@ bool ServerConnector::connectToStarting(RpcClient *client, Start start, Failure 
         if (verdict.action == ConnectionJudge::Action::Start && !launcher.start(files.userPath(), &error)) {
             return fail(failure, ExitCode::NoServer, error + u'.');
         }
-        serveEvents(kAttemptInterval);
+        serveEvents(kAttemptInterval); // lets the launcher start the program and read its messages
         // Asked before the files are read: if the program has ended by now, the files show what it has achieved.
         isLaunching = launcher.isRunning();
         const Attempt result = attempt(client, failure);

@@ -13,8 +13,7 @@
 /** Whether @p pid is a running server of this user. */
 [[nodiscard]] bool isServerProcess(qint64 pid);
 
-/** The environment variable as the process got it at its start; null if it has none or its environment is unreadable.
- */
+/** The environment variable as the process got it at its start; null if it is not set or cannot be read. */
 [[nodiscard]] std::optional<QString> environmentOf(qint64 pid, const QString &variable);
 
 /** The servers of this user whose USER is the same as ours. A new server does not start while one of them runs. */

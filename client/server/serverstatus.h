@@ -20,7 +20,7 @@ struct ServerStatus
     qint64 pid = 0;   ///< 0 when the pid file names none and no server listens on the port
     QString detail;   ///< one sentence about the state, for the user
 
-    /** Whether the files show a server: neither none nor one whose process has ended. */
+    /** Whether a server may run: false if there is no port file, or if the process has ended. */
     [[nodiscard]] bool mayRun() const { return state != ServerState::Missing && state != ServerState::Stale; }
 
     /** Whether @p other shows the same server in the same state. */

@@ -15,6 +15,8 @@ struct SessionChange
     [[nodiscard]] Json::Value toJson() const;
 };
 
-/** How @p after differs from @p before: removed sessions first, then added and changed ones in the order of @p after.
+/**
+ * How @p after differs from @p before: first the removed sessions, then the added and changed ones in the order of
+ * @p after.
  */
 [[nodiscard]] QList<SessionChange> sessionChanges(const SessionList &before, const SessionList &after);

@@ -58,3 +58,10 @@ private:
     QEventLoop loop;
     std::function<bool()> condition;
 };
+
+/** Serves events for @p time, or until a signal is caught by an Interruption. Used on the main thread. */
+inline void serveEvents(std::chrono::milliseconds time)
+{
+    EventWait wait([] { return false; });
+    [[maybe_unused]] const bool never = wait.run(time);
+}
