@@ -8,7 +8,7 @@
 #include "rpc/handler.h"
 #include "rpc/netstring.h"
 #include "rpc/rpcmethod.h"
-#include "tests/rpc/fakedevice.h"
+#include "tests/helpers/fakedevice.h"
 
 #include <QCoreApplication>
 #include <QDir>

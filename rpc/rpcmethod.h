@@ -3,6 +3,8 @@
 
 #include <json/value.h>
 
+#include <QtGlobal>
+
 /**
  * One method of the JSON-RPC service. Each handler owns method objects of its own and runs them on pool threads, so the
  * methods of different connections run at the same time.
@@ -12,8 +14,7 @@ class RpcMethod
 public:
     RpcMethod() = default;
     virtual ~RpcMethod();
-    RpcMethod(const RpcMethod &) = delete;
-    RpcMethod &operator=(const RpcMethod &) = delete;
+    Q_DISABLE_COPY_MOVE(RpcMethod)
 
     /**
      * Runs the method. May block; called on a pool thread.

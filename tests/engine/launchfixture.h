@@ -2,8 +2,8 @@
 #pragma once
 
 #include "engine/session.h"
-#include "tests/engine/fakeprograms.h"
 #include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/fakeprograms.h"
 #include "tests/helpers/files.h"
 
 #include <QDir>

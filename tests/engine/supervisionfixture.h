@@ -2,12 +2,12 @@
 #pragma once
 
 #include "engine/session.h"
-#include "tests/engine/agentprocess.h"
-#include "tests/engine/agentsocket.h"
-#include "tests/engine/reserveddisplays.h"
 #include "tests/engine/systemfault.h"
+#include "tests/helpers/agentprocess.h"
+#include "tests/helpers/agentsocket.h"
 #include "tests/helpers/collectinglogger.h"
 #include "tests/helpers/files.h"
+#include "tests/helpers/reserveddisplays.h"
 
 #include <QDir>
 #include <QTemporaryDir>

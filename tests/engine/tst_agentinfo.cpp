@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "engine/agentinfo.h"
 #include "engine/session.h"
-#include "tests/engine/agentsocket.h"
+#include "tests/helpers/agentsocket.h"
 #include "tests/testmain.h"
 
 #include <QElapsedTimer>

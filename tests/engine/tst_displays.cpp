@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "engine/displays.h"
 #include "engine/session.h"
-#include "tests/engine/leftsocket.h"
-#include "tests/engine/reserveddisplays.h"
 #include "tests/helpers/files.h"
+#include "tests/helpers/leftsocket.h"
+#include "tests/helpers/reserveddisplays.h"
 #include "tests/testmain.h"
 
 #include <QDir>

@@ -2,7 +2,7 @@
 #include "contract/sessionerror.h"
 #include "engine/launch.h"
 #include "tests/engine/launchfixture.h"
-#include "tests/engine/reserveddisplays.h"
+#include "tests/helpers/reserveddisplays.h"
 #include "tests/testmain.h"
 
 #include <QRegularExpression>

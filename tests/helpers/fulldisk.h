@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <QtGlobal>
+
 #include <csignal>
 
 #include <sys/resource.h>
@@ -21,8 +23,7 @@ public:
         ::setrlimit(RLIMIT_FSIZE, &previousLimit);
         std::signal(SIGXFSZ, previousHandler);
     }
-    FullDisk(const FullDisk &) = delete;
-    FullDisk &operator=(const FullDisk &) = delete;
+    Q_DISABLE_COPY_MOVE(FullDisk)
 
 private:
     void (*previousHandler)(int);

@@ -4,9 +4,9 @@
 #include "base/idletimer.h"
 #include "engine/session.h"
 #include "live/sessionstore.h"
-#include "tests/engine/fakeprograms.h"
-#include "tests/engine/reserveddisplays.h"
 #include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/fakeprograms.h"
+#include "tests/helpers/reserveddisplays.h"
 #include "tests/live/livesession.h"
 
 #include <QDir>

@@ -3,8 +3,8 @@
 
 #include "contract/sessionid.h"
 #include "engine/session.h"
-#include "tests/engine/agentprocess.h"
-#include "tests/engine/agentsocket.h"
+#include "tests/helpers/agentprocess.h"
+#include "tests/helpers/agentsocket.h"
 #include "tests/helpers/files.h"
 
 #include <QDir>

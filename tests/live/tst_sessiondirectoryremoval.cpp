@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "live/sessiondirectoryremoval.h"
-#include "tests/engine/agentsocket.h"
+#include "tests/helpers/agentsocket.h"
 #include "tests/helpers/files.h"
 #include "tests/live/filesystemuser.h"
 #include "tests/testmain.h"

@@ -3,8 +3,8 @@
 #include "contract/sessionerror.h"
 #include "engine/session.h"
 #include "live/sessionstore.h"
-#include "tests/engine/reserveddisplays.h"
 #include "tests/helpers/collectinglogger.h"
+#include "tests/helpers/reserveddisplays.h"
 #include "tests/live/livesession.h"
 #include "tests/testmain.h"
 

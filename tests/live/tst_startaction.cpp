@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "contract/sessionerror.h"
-#include "tests/engine/leftsocket.h"
+#include "tests/helpers/leftsocket.h"
 #include "tests/live/actionsfixture.h"
 #include "tests/live/backgroundtask.h"
 #include "tests/testmain.h"

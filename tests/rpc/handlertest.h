@@ -3,7 +3,7 @@
 
 #include "rpc/handler.h"
 #include "tests/helpers/collectinglogger.h"
-#include "tests/rpc/fakedevice.h"
+#include "tests/helpers/fakedevice.h"
 #include "tests/rpc/fakemethods.h"
 
 #include <QByteArray>

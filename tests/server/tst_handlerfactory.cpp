@@ -7,7 +7,7 @@
 #include "server/handlerfactory.h"
 #include "support/json.h"
 #include "tests/helpers/collectinglogger.h"
-#include "tests/rpc/fakedevice.h"
+#include "tests/helpers/fakedevice.h"
 #include "tests/testmain.h"
 #include "workers/sessionupdater.h"
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "engine/session.h"
 #include "live/sessionstore.h"
-#include "tests/engine/agentprocess.h"
-#include "tests/engine/agentsocket.h"
-#include "tests/engine/reserveddisplays.h"
+#include "tests/helpers/agentprocess.h"
+#include "tests/helpers/agentsocket.h"
 #include "tests/helpers/collectinglogger.h"
 #include "tests/helpers/files.h"
+#include "tests/helpers/reserveddisplays.h"
 #include "tests/testmain.h"
 #include "workers/sessionupdater.h"
 

@@ -5,7 +5,7 @@
 #include "base/signalcatcher.h"
 #include "tests/agent/authorityentry.h"
 #include "tests/agent/testlog.h"
-#include "tests/engine/reserveddisplays.h"
+#include "tests/helpers/reserveddisplays.h"
 #include "tests/testmain.h"
 
 #include <QDir>

@@ -2,9 +2,9 @@
 #include "client/server/serverprocess.h"
 #include "tests/client/doctorinput.h"
 #include "tests/client/impostor.h"
-#include "tests/engine/reserveddisplays.h"
 #include "tests/helpers/environmentvariable.h"
 #include "tests/helpers/files.h"
+#include "tests/helpers/reserveddisplays.h"
 #include "tests/testmain.h"
 
 #include <QHostAddress>
