@@ -7,6 +7,7 @@
 #include <QByteArrayView>
 #include <QStringDecoder>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <ostream>
@@ -31,6 +32,62 @@ std::unique_ptr<Json::StreamWriter> makeWriter()
     builder["commentStyle"] = "None";
     builder["emitUTF8"] = true;
     return std::unique_ptr<Json::StreamWriter>(builder.newStreamWriter());
+}
+
+bool isLineEnd(char character)
+{
+    return character == '\n' || character == '\r';
+}
+
+/** The index behind a string or comment that begins at @p start; @p start itself if none begins there. */
+qsizetype endOfText(QByteArrayView text, qsizetype start)
+{
+    const QByteArrayView rest = text.sliced(start);
+    if (rest.startsWith("/*")) {
+        return text.indexOf("*/", start + 2) + 2;
+    }
+    if (rest.startsWith("//")) {
+        return start + std::distance(rest.begin(), std::find_if(rest.begin(), rest.end(), isLineEnd));
+    }
+    if (text.at(start) != '"') {
+        return start;
+    }
+    qsizetype end = start + 1;
+    while (end < text.size() && text.at(end) != '"') {
+        end += text.at(end) == '\\' ? 2 : 1;
+    }
+    return std::min(end + 1, text.size());
+}
+
+/**
+ * Whether a comma stands before a closing brace in the array or object at the beginning of @p text, which has been
+ * parsed. JsonCpp accepts such a comma if the name of the member before it is empty.
+ */
+bool hasTrailingComma(QByteArrayView text)
+{
+    char previous = 0;
+    int depth = 0;
+    for (qsizetype i = 0; i < text.size();) {
+        const qsizetype end = endOfText(text, i);
+        const char current = text.at(i);
+        if (end > i && current == '/') {
+            i = end;
+            continue;
+        }
+        if (previous == ',' && current == '}') {
+            return true;
+        }
+        if (current == '{' || current == '[') {
+            ++depth;
+        } else if ((current == '}' || current == ']') && --depth == 0) {
+            return false;
+        }
+        if (current != ' ' && current != '\t' && current != '\n' && current != '\r') {
+            previous = current;
+        }
+        i = std::max(end, i + 1);
+    }
+    return false;
 }
 
 /** A stream buffer that appends to a byte array. */
@@ -71,6 +128,9 @@ bool parseJson(const QByteArray &text, Json::Value *value)
         }
     } catch (const std::exception &) {
         return false; // the nesting is too deep
+    }
+    if ((parsed.isObject() || parsed.isArray()) && text.contains("\"\"") && hasTrailingComma(text)) {
+        return false;
     }
     value->swap(parsed);
     return true;

@@ -35,6 +35,8 @@ void TestHandler::payloadIsAnsweredToTheByte_data()
     QTest::newRow("as deep as possible") << QByteArray(65536, '[') << kParseError;
     QTest::newRow("open batch") << R"([{"jsonrpc":"2.0","method":"echo","id":1})"_ba << kParseError;
     QTest::newRow("trailing comma") << R"({"jsonrpc":"2.0","method":"echo","id":1,})"_ba << kParseError;
+    QTest::newRow("trailing comma behind an empty name")
+        << R"({"jsonrpc":"2.0","method":"echo","id":1,"":2,})"_ba << kParseError;
     QTest::newRow("trailing comma in the parameters")
         << R"({"jsonrpc":"2.0","method":"echo","params":[1,],"id":1})"_ba << kParseError;
     QTest::newRow("trailing comma of a batch") << R"([{"jsonrpc":"2.0","method":"echo","id":1},])"_ba << kParseError;

@@ -67,6 +67,16 @@ void TestJson::firstValueIsParsed_data()
                                    << "[1]\n"_ba;
     QTest::newRow("escapes") << R"("\u00e4\n\"\\\/")"_ba << QByteArray("\"\xc3\xa4\\n\\\"\\\\/\"\n");
     QTest::newRow("surrogates") << R"("\ud83d\ude00")"_ba << QByteArray("\"\xf0\x9f\x98\x80\"\n");
+    QTest::newRow("empty name, comma and brace in a string") << R"({"":",}\",}"})"_ba
+                                                             << "{\"\":\",}\\\",}\"}\n"_ba;
+    QTest::newRow("empty name, comma in a comment") << R"({"":1/*,*/ })"_ba
+                                                    << "{\"\":1}\n"_ba;
+    QTest::newRow("empty name, brace in a comment") << R"({"":1,/*}*/"a":[{}]})"_ba
+                                                    << "{\"\":1,\"a\":[{}]}\n"_ba;
+    QTest::newRow("empty name, comma and brace after it") << R"({"":1},})"_ba
+                                                          << "{\"\":1}\n"_ba;
+    QTest::newRow("empty string, comma and brace after it") << R"("",})"_ba
+                                                            << "\"\"\n"_ba;
     QTest::newRow("as deep as it goes") << nested(kMaxDepth) << QByteArray(nested(kMaxDepth) + '\n');
     QTest::newRow("same member twice: the last") << R"({"a":1,"a":2})"_ba
                                                  << "{\"a\":2}\n"_ba;
@@ -100,6 +110,11 @@ void TestJson::textThatIsNotJsonIsRefused_data()
     QTest::newRow("binary") << QByteArray("\0\1\2\3", 4);
     QTest::newRow("trailing comma of an array") << "[1,]"_ba;
     QTest::newRow("trailing comma of an object") << "{\"a\":1,}"_ba;
+    QTest::newRow("trailing comma behind an empty name") << R"({"":1,})"_ba;
+    QTest::newRow("trailing comma behind an empty name, further in") << R"({"a":{"b":2,"":[1] ,} ,"c":2})"_ba;
+    QTest::newRow("trailing comma behind an empty name, then a comment") << R"({"":1,/* } */})"_ba;
+    QTest::newRow("trailing comma behind an empty name, then a line comment") << "{\"\":1,// x\n}"_ba;
+    QTest::newRow("trailing comma behind an empty name, then a line that ends in CR") << "{\"\":1,//\r}"_ba;
     QTest::newRow("trailing comma inside") << "{\"a\":[1 , /* b */ ]}"_ba;
     QTest::newRow("comma alone") << "[,]"_ba;
     QTest::newRow("comma alone in an object") << "{,}"_ba;
