@@ -5,8 +5,6 @@
 #include "contract/sessionerror.h"
 #include "engine/session.h"
 
-#include <QMutexLocker>
-
 #include <utility>
 
 SessionRegistry::SessionRegistry() = default;
@@ -74,32 +72,36 @@ bool SessionRegistry::reserve(const QString &id)
 void SessionRegistry::release(const QString &id)
 {
     QMutexLocker locker(&mutex);
-    auto found = sessions.find(id);
-    while (found != sessions.end() && found->second.deferred) {
-        const Work work = std::exchange(found->second.deferred, nullptr);
-        peeks.insert(id); // the action is over: a start waits for this work instead of failing
-        locker.unlock();
-        work(*found->second.session); // the busy mark keeps the entry in place
-        locker.relock();
-    }
-    unmarkBusy(id);
+    finish(id, &locker);
 }
 
 void SessionRegistry::whenFree(const QString &id, Work work)
 {
-    {
-        const QMutexLocker locker(&mutex);
-        const auto found = sessions.find(id);
-        if (found == sessions.end() || !found->second.session) {
-            return;
-        }
-        found->second.deferred = std::move(work);
-        if (busy.contains(id)) {
-            return;
-        }
-        busy.insert(id);
+    QMutexLocker locker(&mutex);
+    const auto found = sessions.find(id);
+    if (found == sessions.end() || !found->second.session) {
+        return;
     }
-    release(id);
+    found->second.deferred = std::move(work);
+    if (!busy.contains(id)) {
+        busy.insert(id);
+        finish(id, &locker);
+    }
+}
+
+/** Does the deferred work on a busy session, then ends the busy mark. @p locker holds the mutex, except during the
+ * work. */
+void SessionRegistry::finish(const QString &id, QMutexLocker<QMutex> *locker)
+{
+    const auto found = sessions.find(id);
+    while (found != sessions.end() && found->second.deferred) {
+        const Work work = std::exchange(found->second.deferred, nullptr);
+        peeks.insert(id); // the action is over: a start waits for this work instead of failing
+        locker->unlock();
+        work(*found->second.session); // the busy mark keeps the entry in place
+        locker->relock();
+    }
+    unmarkBusy(id);
 }
 
 /** Ends what markBusy() or reserve() began. The mutex is held. */

@@ -5,6 +5,7 @@
 #include "live/sessioninfo.h"
 
 #include <QMutex>
+#include <QMutexLocker>
 #include <QSet>
 #include <QString>
 #include <QStringList>
@@ -87,6 +88,7 @@ private:
     void insert(const QString &id, std::unique_ptr<Session> session);
     void releaseDisplay(const Entry &entry);
     [[nodiscard]] int markBusy(const QString &id, Session **session);
+    void finish(const QString &id, QMutexLocker<QMutex> *locker);
     void unmarkBusy(const QString &id);
 
     DisplayReservations reservations; ///< has a mutex of its own

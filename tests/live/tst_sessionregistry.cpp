@@ -38,6 +38,7 @@ private slots:
     void workIsDoneBeforeTheNextHolderComes();
     void laterWorkReplacesTheEarlier();
     void workThatComesDuringWorkIsDoneToo();
+    void startWaitsForWorkOnAFreeSession();
     void workOnAnUnknownIdIsDropped();
     void workEndsWithTheSession();
     void addedSessionReplacesTheEarlierOne();
@@ -307,6 +308,27 @@ void TestSessionRegistry::workThatComesDuringWorkIsDoneToo()
     });
     QCOMPARE(times, 2);
     QVERIFY(!registry->isBusy(testId(1)));
+}
+
+void TestSessionRegistry::startWaitsForWorkOnAFreeSession()
+{
+    add(testId(1));
+    std::atomic<bool> isOver = false;
+    const BackgroundTask worker([&] {
+        while (!isOver) {
+            registry->whenFree(testId(1), [](const Session &) {});
+        }
+    });
+    int refused = 0;
+    for (int i = 0; i < 20000; ++i) {
+        if (registry->reserve(testId(1))) {
+            registry->release(testId(1));
+        } else {
+            ++refused;
+        }
+    }
+    isOver = true;
+    QCOMPARE(refused, 0);
 }
 
 void TestSessionRegistry::workOnAnUnknownIdIsDropped()
