@@ -78,7 +78,7 @@ def sockets(server):
     return sum(target.startswith("socket:") for target in server.descriptors().values())
 
 
-class Crowds(zarvo.TestCase):
+class ManyConnections(zarvo.TestCase):
     def test_thousand_connections_half_of_them_idle(self):
         allow_descriptors(CONNECTIONS * 2 + 200)
         server = self.server()

@@ -109,7 +109,7 @@ class Visitor(threading.Thread):
         self.client = self.server.client()
 
 
-class Crowd(zarvo.TestCase):
+class ManySessions(zarvo.TestCase):
     def test_twenty_random_clients_on_ten_sessions(self):
         server = self.server(displays=40)
         before = self.sockets(server)

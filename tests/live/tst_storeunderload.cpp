@@ -154,7 +154,7 @@ private:
 } // namespace
 
 /** All functions of a store on several threads, while another thread refreshes it. */
-class TestCrowdedStore : public QObject
+class TestStoreUnderLoad : public QObject
 {
     Q_OBJECT
 
@@ -162,7 +162,7 @@ private slots:
     void idsHaveOneHolderAtATimeAndAreFreeAtTheEnd();
 };
 
-void TestCrowdedStore::idsHaveOneHolderAtATimeAndAreFreeAtTheEnd()
+void TestStoreUnderLoad::idsHaveOneHolderAtATimeAndAreFreeAtTheEnd()
 {
     CollectingLogger logger;
     const ReservedDisplays displays(kLiveSessions);
@@ -202,6 +202,6 @@ void TestCrowdedStore::idsHaveOneHolderAtATimeAndAreFreeAtTheEnd()
     QCOMPARE(TEST_heldSessions(), ids.size());
 }
 
-ZARVO_TEST(TestCrowdedStore)
+ZARVO_TEST(TestStoreUnderLoad)
 
-#include "tst_crowdedstore.moc"
+#include "tst_storeunderload.moc"
