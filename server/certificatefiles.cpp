@@ -21,16 +21,11 @@ std::optional<struct stat> stateOf(const QString &path)
     return state;
 }
 
-bool isSameTime(const timespec &a, const timespec &b)
-{
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-/** Whether a file was not written to. Compares st_ctim as well, because programs can set st_mtim back. */
+/** Whether a file was not written to. Compares st_ctim, because programs can set st_mtim back. */
 bool isUntouched(const struct stat &before, const struct stat &after)
 {
     return before.st_dev == after.st_dev && before.st_ino == after.st_ino && before.st_size == after.st_size &&
-           isSameTime(before.st_mtim, after.st_mtim) && isSameTime(before.st_ctim, after.st_ctim);
+           before.st_ctim.tv_sec == after.st_ctim.tv_sec && before.st_ctim.tv_nsec == after.st_ctim.tv_nsec;
 }
 
 } // namespace

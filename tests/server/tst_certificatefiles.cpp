@@ -14,8 +14,10 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <array>
 #include <memory>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
@@ -40,6 +42,8 @@ private slots:
     void filesThatOpensslDidNotWriteStay();
     void fileThatWasReplacedSinceStays_data();
     void fileThatWasReplacedSinceStays();
+    void fileThatWasOverwrittenSinceStays_data();
+    void fileThatWasOverwrittenSinceStays();
     void symlinksStayAndTheirTargetsGo();
 
 private:
@@ -58,6 +62,32 @@ private:
     std::unique_ptr<CertificateFiles> files;
     mode_t previousMask = 0;
 };
+
+namespace {
+
+struct stat stateOf(const QString &path)
+{
+    struct stat state = {};
+    if (::stat(QFile::encodeName(path).constData(), &state) != 0) {
+        qFatal("Failed to look at %s", qPrintable(path));
+    }
+    return state;
+}
+
+/** Overwrites a file without replacing it. @p modified is its modification time afterwards; null: the present. */
+void overwrite(const QString &path, const QByteArray &content, const timespec *modified)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite) || file.write(content) != content.size() || !file.flush()) {
+        qFatal("Failed to write %s", qPrintable(path));
+    }
+    const std::array<timespec, 2> times = {timespec{0, UTIME_OMIT}, modified ? *modified : timespec{0, UTIME_NOW}};
+    if (::futimens(file.handle(), times.data()) != 0) {
+        qFatal("Failed to set the time of %s", qPrintable(path));
+    }
+}
+
+} // namespace
 
 void TestCertificateFiles::init()
 {
@@ -242,6 +272,36 @@ void TestCertificateFiles::fileThatWasReplacedSinceStays()
     files->removeCreated();
     QCOMPARE(contentOf(replaced), "own\n"_ba);
     QVERIFY(!QFile::exists(isKey ? certificatePath() : keyPath()));
+}
+
+void TestCertificateFiles::fileThatWasOverwrittenSinceStays_data()
+{
+    QTest::addColumn<bool>("isTimeSetBack");
+    QTest::newRow("modified later") << false;
+    QTest::newRow("modification time set back") << true;
+}
+
+void TestCertificateFiles::fileThatWasOverwrittenSinceStays()
+{
+    QFETCH(const bool, isTimeSetBack);
+    replaceOpenssl("echo new > \"$7\"; echo new > \"$9\"\n");
+    QString error;
+    QVERIFY2(create(&error), qPrintable(error));
+    const struct stat before = stateOf(keyPath());
+    const auto overwriteKey = [&] {
+        overwrite(keyPath(), "own\n", isTimeSetBack ? &before.st_mtim : nullptr);
+        const struct stat now = stateOf(keyPath());
+        return now.st_ctim.tv_sec != before.st_ctim.tv_sec || now.st_ctim.tv_nsec != before.st_ctim.tv_nsec;
+    };
+    QVERIFY(QTest::qWaitFor(overwriteKey, 20000)); // the clock of the file system has ticked
+    const struct stat after = stateOf(keyPath());
+    QCOMPARE(after.st_ino, before.st_ino);
+    QCOMPARE(after.st_size, before.st_size);
+    QCOMPARE(after.st_mtim.tv_sec == before.st_mtim.tv_sec && after.st_mtim.tv_nsec == before.st_mtim.tv_nsec,
+             isTimeSetBack);
+    files->removeCreated();
+    QCOMPARE(contentOf(keyPath()), "own\n"_ba);
+    QVERIFY(!QFile::exists(certificatePath()));
 }
 
 void TestCertificateFiles::symlinksStayAndTheirTargetsGo()
