@@ -10,7 +10,10 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Atomic, because a thread of Qt may read it while the logger is uninstalled. */
+/**
+ * Atomic, because a thread with a fatal message of Qt may read it while the main thread uninstalls the logger. No other
+ * message is logged on another thread by then.
+ */
 std::atomic<Logging *> installed = nullptr;
 
 } // namespace

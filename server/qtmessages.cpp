@@ -8,10 +8,11 @@
 
 namespace {
 
+/** Called on any thread. Reads the logger once, because the main thread may uninstall it at the same time. */
 void logFatalMessage(const QString &text)
 {
-    if (Logging::instance()) {
-        logMessage(LogCritical, text);
+    if (Logging *logger = Logging::instance()) {
+        logger->log(LogCritical, text);
     } else {
         (void) reportStartupFailure(text);
     }

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "base/lockedfile.h"
+#include "base/logging.h"
+#include "server/qtmessages.h"
 #include "server/qtsinglecoreapplication.h"
 
 #include <QFile>
@@ -8,7 +10,10 @@
 #include <cstring>
 #include <string>
 
+#include <sys/resource.h>
 #include <unistd.h>
+
+using namespace Qt::StringLiterals;
 
 /*
  * The other process in tests. Writes one line to standard output for each step, and ends when its standard input
@@ -19,6 +24,8 @@
  *   other_process single-user ID UID  the same as the user UID; needs root
  *   other_process single-parent ID    the same, with a child process that goes on when this one has ended
  *   other_process single-twice ID     the same after another application object had the id
+ *   other_process fatal TEXT          ends with this fatal message of Qt
+ *   other_process fatal-logged TEXT   the same with a logger, which writes to standard output
  */
 
 namespace {
@@ -62,6 +69,24 @@ void startChild()
     say(std::to_string(child));
 }
 
+class OutputLogger final : public Logging
+{
+public:
+    void write(int level, const QString &text) override { say((levelName(level) + u": "_s + text).toStdString()); }
+};
+
+[[noreturn]] void endFatally(const char *text, bool isLogged)
+{
+    const rlimit noCoreFile = {};
+    ::setrlimit(RLIMIT_CORE, &noCoreFile);
+    OutputLogger logger;
+    if (isLogged) {
+        Logging::setInstance(&logger);
+    }
+    logQtMessages();
+    qFatal("%s", text);
+}
+
 const char *answer(bool isRunning)
 {
     return isRunning ? "taken" : "free";
@@ -90,6 +115,9 @@ int main(int argc, char **argv)
     const QString argument = QString::fromLocal8Bit(argv[2]);
     if (mode == "lock") {
         return holdFileLock(argv[2]);
+    }
+    if (mode == "fatal" || mode == "fatal-logged") {
+        endFatally(argv[2], mode == "fatal-logged");
     }
     if (mode == "single-user" && ::setuid(static_cast<uid_t>(std::stoul(argv[3]))) != 0) {
         return 1;

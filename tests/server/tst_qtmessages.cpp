@@ -1,15 +1,21 @@
 // SPDX-License-Identifier: MIT
 #include "base/logging.h"
 #include "server/qtmessages.h"
+#include "tests/helpers/files.h"
+#include "tests/helpers/otherprocess.h"
+#include "tests/helpers/redirection.h"
 #include "tests/testmain.h"
 
 #include <QCoreApplication>
 #include <QStringList>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
 
 #include <memory>
 #include <optional>
+
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -25,6 +31,8 @@ private slots:
     void messageBeforeTheLoggerIsDropped();
     void messageAfterTheLoggerIsDropped();
     void messageThatWaitsWhileTheLoggerEndsIsDropped();
+    void fatalMessageIsLogged();
+    void fatalMessageWithoutALoggerGoesToStandardError();
 
 private:
     QtMessageHandler previous = nullptr;
@@ -46,6 +54,25 @@ public:
     }
 
     bool isOnMainThread = false;
+};
+
+/** What a process with this argument, which ends with a fatal message, wrote to its outputs. */
+struct FatalOutputs
+{
+    explicit FatalOutputs(const QString &mode)
+    {
+        const QTemporaryDir dir;
+        const QString errorPath = dir.filePath(u"error"_s);
+        const Redirection redirection(STDERR_FILENO, errorPath);
+        OtherProcess process({mode, u"of Qt"_s});
+        output = process.nextLine();
+        endedWell = process.finish();
+        error = contentOf(errorPath);
+    }
+
+    QByteArray output; ///< the first line; null: nothing
+    QByteArray error;
+    bool endedWell = false;
 };
 
 } // namespace
@@ -110,6 +137,23 @@ void TestQtMessages::messageThatWaitsWhileTheLoggerEndsIsDropped()
     logger.reset();
     QCoreApplication::processEvents();
     QCOMPARE(lines, QStringList());
+}
+
+void TestQtMessages::fatalMessageIsLogged()
+{
+    const FatalOutputs outputs(u"fatal-logged"_s);
+    QCOMPARE(outputs.output, "Critical: of Qt"_ba);
+    QCOMPARE(outputs.error, ""_ba);
+    QVERIFY(!outputs.endedWell);
+}
+
+void TestQtMessages::fatalMessageWithoutALoggerGoesToStandardError()
+{
+    const FatalOutputs outputs(u"fatal"_s);
+    QCOMPARE(outputs.output, QByteArray());
+    QVERIFY2(outputs.error.endsWith(": Critical: of Qt\n"), outputs.error.constData());
+    QCOMPARE(outputs.error.count('\n'), 1);
+    QVERIFY(!outputs.endedWell);
 }
 
 ZARVO_TEST(TestQtMessages)
