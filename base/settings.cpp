@@ -8,6 +8,7 @@
 #include <QHostInfo>
 #include <QSettings>
 
+#include <algorithm>
 #include <array>
 
 using namespace Qt::StringLiterals;
@@ -43,16 +44,33 @@ constexpr std::array kTable = {
                [] { return QVariant(u"255.255.255.255"_s); }},
 };
 
+static_assert(std::ranges::all_of(kTable,
+                                  [](const SettingRow &row) {
+                                      return !row.isTemplate || std::holds_alternative<QString Settings::*>(row.member);
+                                  }),
+              "only texts have placeholders");
+
+/** One function for each type of a member. std::visit() does not compile if the function for a type is missing. */
+template <typename... Functions>
+struct Overloaded : Functions...
+{
+    using Functions::operator()...;
+};
+
+template <typename... Functions>
+Overloaded(Functions...) -> Overloaded<Functions...>;
+
 /** Puts a value into its member of @p settings, converted to the member's type. */
 void take(const SettingRow &row, const QVariant &value, Settings *settings)
 {
-    if (const auto *text = std::get_if<QString Settings::*>(&row.member)) {
-        settings->*(*text) = row.isTemplate ? expandPathTemplate(value.toString()) : value.toString();
-    } else if (const auto *number = std::get_if<quint16 Settings::*>(&row.member)) {
-        settings->*(*number) = static_cast<quint16>(value.toUInt());
-    } else {
-        settings->*std::get<int Settings::*>(row.member) = value.toInt();
-    }
+    std::visit(Overloaded{
+                   [&](QString Settings::*text) {
+                       settings->*text = row.isTemplate ? expandPathTemplate(value.toString()) : value.toString();
+                   },
+                   [&](quint16 Settings::*number) { settings->*number = static_cast<quint16>(value.toUInt()); },
+                   [&](int Settings::*number) { settings->*number = value.toInt(); },
+               },
+               row.member);
 }
 
 } // namespace
@@ -68,13 +86,12 @@ Settings Settings::read()
 
 QString SettingRow::text(const Settings &settings) const
 {
-    if (const auto *text = std::get_if<QString Settings::*>(&member)) {
-        return settings.*(*text);
-    }
-    if (const auto *number = std::get_if<quint16 Settings::*>(&member)) {
-        return QString::number(settings.*(*number));
-    }
-    return QString::number(settings.*std::get<int Settings::*>(member));
+    return std::visit(Overloaded{
+                          [&](QString Settings::*text) { return settings.*text; },
+                          [&](quint16 Settings::*number) { return QString::number(settings.*number); },
+                          [&](int Settings::*number) { return QString::number(settings.*number); },
+                      },
+                      member);
 }
 
 std::span<const SettingRow> settingTable()
