@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "contract/sessionerror.h"
 #include "tests/live/actionsfixture.h"
+#include "tests/live/backgroundtask.h"
 #include "tests/live/signalrecorder.h"
 #include "tests/testmain.h"
 
 #include <QFileInfo>
 
+#include <atomic>
 #include <csignal>
+#include <memory>
 
 using namespace Qt::StringLiterals;
 
@@ -22,6 +25,7 @@ private slots:
     void idleSessionIsAskedToEnd();
     void busySessionIsAskedToEndWhenItIsFree();
     void busySessionThatGetsAClientIsNotAskedToEnd();
+    void startedSessionIsAskedToEndWhenItsStartHasEnded();
     void checkOfABusySessionKeepsItsTimeout();
     void checkOfABusySessionIsDoneOnce();
     void checkEndsWhenTheSessionIsRemoved();
@@ -104,6 +108,34 @@ void TestIdleSessions::busySessionThatGetsAClientIsNotAskedToEnd()
     session->clients = 1;
     store->release(id);
     QCOMPARE(recorder.received(), QList<int>());
+}
+
+void TestIdleSessions::startedSessionIsAskedToEndWhenItsStartHasEnded()
+{
+    addAgent(tellState(kReady), {.onUsr1 = u"echo > asked; until [ -e seen ]; do sleep 0.01; done\n"_s +
+                                           tellState(stateWith(0, u"\"pw\""_s))});
+    std::atomic<int> code = UnknownError;
+    const BackgroundTask starting([&] { code = start(id); });
+    const bool isAsked = waitForFile(fileOf(u"asked"_s));
+    const SignalRecorder recorder(sessionDirectory(root, id));
+    putFile(fileOf(u"server_pid"_s), QByteArray::number(recorder.pid())); // from now on it gets the agent's signals
+    const QStringList ids = store->sessionIds();
+    const bool wasBusy = store->isBusy(id);
+    store->suspendIdle(60); // the session never had a client, so the time does not matter
+    const QList<int> during = recorder.received();
+    const bool wasDone = starting.isDone();
+    putFile(fileOf(u"seen"_s), "");
+    QVERIFY(starting.waitUntilDone());
+    QVERIFY(isAsked);
+    QCOMPARE(ids, QStringList{id});
+    QVERIFY(wasBusy);
+    QVERIFY(!wasDone);
+    QCOMPARE(during, QList<int>());
+
+    QCOMPARE(code.load(), int(SessionOk));
+    QCOMPARE(password, u"pw"_s);
+    QCOMPARE(recorder.received(), QList<int>{SIGTERM});
+    QVERIFY(!store->isBusy(id));
 }
 
 void TestIdleSessions::checkOfABusySessionKeepsItsTimeout()

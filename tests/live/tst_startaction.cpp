@@ -36,6 +36,8 @@ private slots:
     void startWaitsForTheEndOfAPeek();
     void startReplacesASession();
     void restartedSessionIsListedAsBeforeUntilItsStartEnds();
+    void restartedSessionThatFailsIsListedAsBeforeUntilTheNextRefresh_data();
+    void restartedSessionThatFailsIsListedAsBeforeUntilTheNextRefresh();
     void restartedSessionThatBreaksIsNotListed();
     void restartedSessionThatIsTerminatedIsNotListed();
     void startWithoutADisplayFails();
@@ -284,6 +286,40 @@ void TestStartAction::restartedSessionIsListedAsBeforeUntilItsStartEnds()
     QCOMPARE(after.size(), 1);
     QCOMPARE(after.constFirst().name, u"xterm -e 'vi  x'"_s);
     QCOMPARE(after.constFirst().permissions, (QStringList{u"retry"_s, u"terminate"_s}));
+}
+
+void TestStartAction::restartedSessionThatFailsIsListedAsBeforeUntilTheNextRefresh_data()
+{
+    QTest::addColumn<bool>("hasApplication");
+    QTest::addColumn<int>("expectedCode");
+    QTest::newRow("no application") << false << int(ApplicationFailed);
+    QTest::newRow("no password in time") << true << int(TimedOut);
+}
+
+void TestStartAction::restartedSessionThatFailsIsListedAsBeforeUntilTheNextRefresh()
+{
+    QFETCH(const bool, hasApplication);
+    QFETCH(const int, expectedCode);
+    const AgentProcess earlier(makeSessionDirectory(root, id, displays->end()));
+    addListedSession(earlier);
+    addAgent(tellState(kReady), {});
+    if (!hasApplication) {
+        programs->remove(u"start-app"_s);
+    }
+    QCOMPARE(start(id), expectedCode);
+    QVERIFY(!store->isBusy(id));
+
+    Session *session = nullptr;
+    QCOMPARE(store->acquire(id, session), SessionOk);
+    const QList<SessionInfo> before = refreshed(); // the session is busy, so it is not looked at
+    store->release(id);
+    QCOMPARE(before.size(), 1);
+    QCOMPARE(before.constFirst().name, u"earlier"_s);
+
+    const QList<SessionInfo> after = refreshed();
+    QCOMPARE(after.size(), 1);
+    QCOMPARE(after.constFirst().name, u"xterm -e 'vi  x'"_s);
+    QCOMPARE(TEST_heldSessions(), 1);
 }
 
 void TestStartAction::restartedSessionThatBreaksIsNotListed()
