@@ -103,6 +103,13 @@ void checkSettings()
         FUZZ_CHECK(row.text(settings) == row.text(again));
         FUZZ_CHECK(row.text(settings) == expectedText(row, file.value(row.key, row.defaultValue())));
     }
+    // Without the table, because a mistake there would be in the expected text as well.
+    if (file.contains(u"UserPath"_s)) {
+        FUZZ_CHECK(settings.userPath == expandedSlowly(file.value(u"UserPath"_s).toString()));
+    }
+    if (!file.contains(u"SuspendTimeout"_s)) {
+        FUZZ_CHECK(settings.suspendTimeout == -1);
+    }
 }
 
 void fuzzSettings(const QByteArray &input)

@@ -26,6 +26,7 @@ public:
         std::swap(descriptor, other.descriptor);
         return *this;
     }
+    Q_DISABLE_COPY(RawSocket)
 
     /** Both ends of a new connection. The caller owns the descriptor. */
     [[nodiscard]] static std::pair<RawSocket, int> pair();
