@@ -5,6 +5,7 @@ import json
 import os
 import signal
 import subprocess
+import threading
 
 import faults
 import relay
@@ -136,3 +137,18 @@ class CtlTestCase(zarvo.TestCase):
                 own.add(os.readlink(f"/proc/{process.pid}/fd/{descriptor}"))
         connections = [line.split() for line in zarvo.read("/proc/net/tcp").splitlines()[1:]]
         return any(entry[2].endswith(f":{server.port:04X}") and f"socket:[{entry[9]}]" in own for entry in connections)
+
+    def write_and_empty(self, path):
+        """Makes the file empty and whole in turns, as while the server writes it."""
+        content = zarvo.read(path)
+        done = threading.Event()
+
+        def run():
+            while not done.is_set():
+                for text in ("", content):
+                    zarvo.write(path, text)
+
+        writer = threading.Thread(target=run)
+        writer.start()
+        self.addCleanup(writer.join, zarvo.DEADLINE)
+        self.addCleanup(done.set)
