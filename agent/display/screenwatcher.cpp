@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "agent/display/screenwatcher.h"
 
+#include "agent/display/xauthority.h"
 #include "support/localendpoint.h"
 
 #include <xcb/xcb.h>
@@ -54,7 +55,7 @@ struct ScreenWatcher::Connection
 
 void ScreenWatcher::Connection::open()
 {
-    QByteArray method = "MIT-MAGIC-COOKIE-1";
+    QByteArray method(kXCookieMethod.data(), kXCookieMethod.size());
     xcb_auth_info_t authority = {};
     authority.name = method.data();
     authority.namelen = static_cast<int>(method.size());

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "agent/display/xpicture.h"
 
+#include "agent/display/xauthority.h"
+
 #include <xcb/xcb.h>
 
 #include <bit>
@@ -24,7 +26,7 @@ using ConnectionPtr = std::unique_ptr<xcb_connection_t, decltype(&xcb_disconnect
 
 ConnectionPtr open(const std::string &display, std::string cookie)
 {
-    std::string name = "MIT-MAGIC-COOKIE-1";
+    std::string name(kXCookieMethod);
     xcb_auth_info_t authorization = {static_cast<int>(name.size()), name.data(), static_cast<int>(cookie.size()),
                                      cookie.data()};
     return {xcb_connect_to_display_with_auth_info(display.c_str(), &authorization, nullptr), &xcb_disconnect};

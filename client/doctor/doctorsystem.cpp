@@ -27,7 +27,7 @@ QString find(const QString &program, const DoctorInput &input)
     return QStandardPaths::findExecutable(program, input.searchPath.split(u':', Qt::SkipEmptyParts));
 }
 
-bool isPortFree(int port)
+bool isPortBindable(int port)
 {
     QString ignored;
     return port <= 65535 && canListenOn(static_cast<quint16>(port), &ignored);
@@ -37,7 +37,7 @@ bool isDisplayFree(int number, const DoctorInput &input)
 {
     return !QFile::exists(u"%1/.X%2-lock"_s.arg(input.temporaryPath, QString::number(number))) &&
            !QFile::exists(u"%1/.X11-unix/X%2"_s.arg(input.temporaryPath, QString::number(number))) &&
-           isPortFree(kFirstXPort + number) && isPortFree(kFirstAgentPort + number);
+           isPortBindable(kFirstXPort + number) && isPortBindable(kFirstAgentPort + number);
 }
 
 struct PortRange

@@ -40,7 +40,7 @@ bool ClientContext::list(const QString &method, SessionList *sessions, Failure *
     Json::Value result;
     for (int attempt = 0; attempt < kMaxLists; ++attempt) {
         if (client.call(method, {}, &result, failure)) {
-            *sessions = sessionListFromJson(result);
+            *sessions = entriesFromJson(result);
             return true;
         }
         // A session that ends while the server makes the list fails the whole request; the next list is without it.

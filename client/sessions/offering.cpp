@@ -10,23 +10,23 @@ using namespace Qt::StringLiterals;
 namespace {
 
 /** Which verb fits the state. */
-QString hintFor(SessionState state)
+QString hintFor(EntryState state)
 {
     switch (state) {
-    case SessionState::Connected:
+    case EntryState::Connected:
         return u" A viewer is connected; \"zarvoctl suspend\" disconnects it."_s;
-    case SessionState::Offered:
+    case EntryState::Offered:
         return u" A password is offered already; \"zarvoctl replay\" prints it."_s;
-    case SessionState::Suspended:
+    case EntryState::Suspended:
         return u" No password is offered; \"zarvoctl resume\" makes one."_s;
-    case SessionState::Unknown:
+    case EntryState::Unknown:
         break;
     }
     return {};
 }
 
 /** Asks for the state again: a viewer may have connected or disconnected since the session was listed. */
-SessionState stateNow(ClientContext &context, const QString &id)
+EntryState stateNow(ClientContext &context, const QString &id)
 {
     SessionList sessions;
     Failure ignored;
@@ -37,7 +37,7 @@ SessionState stateNow(ClientContext &context, const QString &id)
             }
         }
     }
-    return SessionState::Unknown;
+    return EntryState::Unknown;
 }
 
 } // namespace

@@ -17,15 +17,15 @@ constexpr int kMinShortId = 8;
 
 struct StateRow
 {
-    SessionState state;
+    EntryState state;
     QLatin1StringView name;
     QLatin1StringView permission; ///< the server grants it in this state and in no other
 };
 
 constexpr std::array kStates = {
-    StateRow{SessionState::Connected, "connected"_L1, "disconnect"_L1},
-    StateRow{SessionState::Offered, "offered"_L1, "retry"_L1},
-    StateRow{SessionState::Suspended, "suspended"_L1, "connect"_L1},
+    StateRow{EntryState::Connected, "connected"_L1, "disconnect"_L1},
+    StateRow{EntryState::Offered, "offered"_L1, "retry"_L1},
+    StateRow{EntryState::Suspended, "suspended"_L1, "connect"_L1},
 };
 
 Json::Value timeToJson(const QString &time)
@@ -40,25 +40,25 @@ qsizetype commonPrefix(const QString &left, const QString &right)
 
 } // namespace
 
-QString stateName(SessionState state)
+QString stateName(EntryState state)
 {
     const auto row =
         std::find_if(kStates.begin(), kStates.end(), [state](const StateRow &r) { return r.state == state; });
     return row == kStates.end() ? u"unknown"_s : QString(row->name);
 }
 
-std::optional<SessionState> stateFromName(const QString &name)
+std::optional<EntryState> stateFromName(const QString &name)
 {
     const auto row =
         std::find_if(kStates.begin(), kStates.end(), [&name](const StateRow &r) { return r.name == name; });
     return row == kStates.end() ? std::nullopt : std::optional(row->state);
 }
 
-SessionState SessionEntry::state() const
+EntryState SessionEntry::state() const
 {
     const auto row = std::find_if(kStates.begin(), kStates.end(),
                                   [this](const StateRow &r) { return permissions.contains(r.permission); });
-    return row == kStates.end() ? SessionState::Unknown : row->state;
+    return row == kStates.end() ? EntryState::Unknown : row->state;
 }
 
 QString SessionEntry::host() const
@@ -102,7 +102,7 @@ std::optional<SessionEntry> SessionEntry::fromJson(const Json::Value &value)
     return entry;
 }
 
-SessionList sessionListFromJson(const Json::Value &value)
+SessionList entriesFromJson(const Json::Value &value)
 {
     SessionList sessions;
     if (!value.isArray()) {
@@ -116,7 +116,7 @@ SessionList sessionListFromJson(const Json::Value &value)
     return sessions;
 }
 
-Json::Value sessionListToJson(const SessionList &sessions)
+Json::Value entriesToJson(const SessionList &sessions)
 {
     Json::Value list(Json::arrayValue);
     for (const SessionEntry &entry : sessions) {

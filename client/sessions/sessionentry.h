@@ -10,15 +10,15 @@
 #include <optional>
 
 /** The state of a session, as its user sees it. */
-enum class SessionState {
+enum class EntryState {
     Connected, ///< a viewer is connected
     Offered,   ///< a password is open, and no viewer is connected
     Suspended, ///< no viewer is connected and no password is open
     Unknown,   ///< the server sent permissions that this program does not know
 };
 
-[[nodiscard]] QString stateName(SessionState state);
-[[nodiscard]] std::optional<SessionState> stateFromName(const QString &name);
+[[nodiscard]] QString stateName(EntryState state);
+[[nodiscard]] std::optional<EntryState> stateFromName(const QString &name);
 
 /** One session as the server lists it. A plain value. */
 struct SessionEntry
@@ -32,7 +32,7 @@ struct SessionEntry
     QString lastDisconnect; ///< in the same form
     QStringList permissions;
 
-    [[nodiscard]] SessionState state() const;
+    [[nodiscard]] EntryState state() const;
 
     /** The host that the location names; empty for the host of the server. */
     [[nodiscard]] QString host() const;
@@ -49,10 +49,10 @@ struct SessionEntry
 using SessionList = QList<SessionEntry>;
 
 /** The sessions of a list that the server sent. It sends null if there are none. */
-[[nodiscard]] SessionList sessionListFromJson(const Json::Value &value);
+[[nodiscard]] SessionList entriesFromJson(const Json::Value &value);
 
 /** An array, even without sessions. */
-[[nodiscard]] Json::Value sessionListToJson(const SessionList &sessions);
+[[nodiscard]] Json::Value entriesToJson(const SessionList &sessions);
 
 /** How many digits of an id distinguish all sessions of the list; at least 8. */
 [[nodiscard]] int shortIdLength(const SessionList &sessions);

@@ -30,7 +30,7 @@ SessionFollower::SessionFollower(ClientContext *context_, std::chrono::milliseco
 
 void SessionFollower::Client_sessionsUpdated(const Json::Value &value)
 {
-    lists.append(sessionListFromJson(value));
+    lists.append(entriesFromJson(value));
     if (lists.size() > kMaxLists) {
         lists.removeFirst();
     }

@@ -50,8 +50,8 @@ bool checkStart(const QStringList &command, const QString &geometry, Failure *fa
                 "64 million pixels at most."_s.arg(geometry));
 }
 
-bool startSession(ClientContext &context, const QStringList &command, const QString &geometry, ConnectionOffer *offer,
-                  Failure *failure)
+bool startNewSession(ClientContext &context, const QStringList &command, const QString &geometry,
+                     ConnectionOffer *offer, Failure *failure)
 {
     ConnectionOffer made;
     QString error;

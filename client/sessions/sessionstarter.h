@@ -19,5 +19,5 @@
  * @param offer    set only on success
  * @param failure  set only on failure; with the end of the agent's log, if there is one
  */
-[[nodiscard]] bool startSession(ClientContext &context, const QStringList &command, const QString &geometry,
-                                ConnectionOffer *offer, Failure *failure);
+[[nodiscard]] bool startNewSession(ClientContext &context, const QStringList &command, const QString &geometry,
+                                   ConnectionOffer *offer, Failure *failure);

@@ -96,15 +96,15 @@ Widths fitted(Widths whole, int width)
     return widths;
 }
 
-const char *colourOf(SessionState state)
+const char *colourOf(EntryState state)
 {
     switch (state) {
-    case SessionState::Connected:
+    case EntryState::Connected:
         return "\x1b[32m";
-    case SessionState::Offered:
+    case EntryState::Offered:
         return "\x1b[33m";
-    case SessionState::Suspended:
-    case SessionState::Unknown:
+    case EntryState::Suspended:
+    case EntryState::Unknown:
         return "\x1b[2m";
     }
     return "";

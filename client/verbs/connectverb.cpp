@@ -55,7 +55,7 @@ private:
     bool makeOffer(Failure *failure)
     {
         if (line.isSet(u"new"_s)) {
-            return startSession(context, line.positionalArguments(), line.value(u"geometry"_s), &offer, failure);
+            return startNewSession(context, line.positionalArguments(), line.value(u"geometry"_s), &offer, failure);
         }
         SessionEntry session;
         bool isLocal = false;
@@ -81,12 +81,12 @@ private:
 
     bool offerLocal(const SessionEntry &session, Failure *failure)
     {
-        const bool isOffered = session.state() == SessionState::Offered;
+        const bool isOffered = session.state() == EntryState::Offered;
         const QString method = isOffered ? u"Live.Replay"_s : u"Live.Resume"_s;
         const QString other = isOffered ? u"Live.Resume"_s : u"Live.Replay"_s;
         // The state may have changed since the listing. Then the other method fits.
         return requestOffer(context, method, session, &offer, failure) ||
-               (failure->code == ExitCode::WrongState && session.state() != SessionState::Connected &&
+               (failure->code == ExitCode::WrongState && session.state() != EntryState::Connected &&
                 requestOffer(context, other, session, &offer, failure));
     }
 

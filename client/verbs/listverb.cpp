@@ -15,7 +15,7 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
         return context.console.report(failure);
     }
     if (line.isSet(u"json"_s)) {
-        context.console.printJson(sessionListToJson(sessions));
+        context.console.printJson(entriesToJson(sessions));
         return ExitCode::Done;
     }
     if (line.isSet(u"plain"_s)) {

@@ -17,7 +17,7 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
     // Look for the viewer first, because without one the session would wait in vain.
     if (!checkStart(line.positionalArguments(), line.value(u"geometry"_s), &failure) ||
         (connects && !viewer.find(&failure)) || !context.connectToServer(startMode(line), &failure) ||
-        !startSession(context, line.positionalArguments(), line.value(u"geometry"_s), &offer, &failure)) {
+        !startNewSession(context, line.positionalArguments(), line.value(u"geometry"_s), &offer, &failure)) {
         return context.console.report(failure);
     }
     offer.print(context.console, line.isSet(u"json"_s));

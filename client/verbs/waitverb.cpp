@@ -23,7 +23,7 @@ constexpr double kMaxSeconds = 1e6;
 /** What to wait for. */
 struct Goal
 {
-    std::optional<SessionState> state; ///< null: until the session has ended
+    std::optional<EntryState> state; ///< null: until the session has ended
     std::chrono::milliseconds timeout = kNoDeadline;
 };
 
@@ -31,7 +31,7 @@ bool readGoal(const QCommandLineParser &line, Goal *goal, Failure *failure)
 {
     const QString wanted = line.value(u"for"_s);
     goal->state = stateFromName(wanted);
-    if (wanted != "ended"_L1 && goal->state != SessionState::Connected && goal->state != SessionState::Suspended) {
+    if (wanted != "ended"_L1 && goal->state != EntryState::Connected && goal->state != EntryState::Suspended) {
         return fail(failure, ExitCode::Usage, u"--for needs one of connected, suspended and ended."_s);
     }
     if (!line.isSet(u"timeout"_s)) {

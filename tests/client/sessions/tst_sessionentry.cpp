@@ -33,7 +33,7 @@ private slots:
 
     void stateNamesGoBothWays()
     {
-        for (const SessionState state : {SessionState::Connected, SessionState::Offered, SessionState::Suspended}) {
+        for (const EntryState state : {EntryState::Connected, EntryState::Offered, EntryState::Suspended}) {
             QVERIFY(stateFromName(stateName(state)) == state);
         }
         QVERIFY(!stateFromName(u"unknown"_s));
@@ -42,17 +42,17 @@ private slots:
 
     void listSkipsWhatIsNoSession()
     {
-        QVERIFY(sessionListFromJson(Json::Value()).isEmpty());
-        QVERIFY(sessionListFromJson(Json::Value("text")).isEmpty());
-        QCOMPARE(writeJson(sessionListToJson({})), QByteArray("[]\n"));
+        QVERIFY(entriesFromJson(Json::Value()).isEmpty());
+        QVERIFY(entriesFromJson(Json::Value("text")).isEmpty());
+        QCOMPARE(writeJson(entriesToJson({})), QByteArray("[]\n"));
         Json::Value list;
         QVERIFY(parseJson(R"([1, {"id": 5}, {"id": "a", "name": 7, "permissions": "connect|terminate", "more": []}])",
                           &list));
-        const SessionList sessions = sessionListFromJson(list);
+        const SessionList sessions = entriesFromJson(list);
         QCOMPARE(sessions.size(), 1);
         QCOMPARE(sessions[0].id, u"a"_s);
         QCOMPARE(sessions[0].name, QString());
-        QVERIFY(sessions[0].state() == SessionState::Suspended);
+        QVERIFY(sessions[0].state() == EntryState::Suspended);
     }
 
     void jsonHasTheDocumentedForm()

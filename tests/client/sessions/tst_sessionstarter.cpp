@@ -141,7 +141,7 @@ private:
     {
         ConnectionOffer ignored;
         failure = {};
-        return startSession(*context, command, u"800x600"_s, offer ? offer : &ignored, &failure);
+        return startNewSession(*context, command, u"800x600"_s, offer ? offer : &ignored, &failure);
     }
 
     void serve(QSslSocket *peer, const Json::Value &request)
