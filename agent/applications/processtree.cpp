@@ -1,47 +1,18 @@
 // SPDX-License-Identifier: MIT
 #include "agent/applications/processtree.h"
 
-#include "support/filereader.h"
+#include "support/processstat.h"
 
 #include <QDir>
 #include <QMultiHash>
 
 #include <cerrno>
 #include <csignal>
-#include <optional>
 
 #include <sys/prctl.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
-
-namespace {
-
-constexpr int kMaxStatBytes = 4096;
-
-struct ProcessStat
-{
-    pid_t parent = 0;
-    bool isLive = false;
-};
-
-/** The file reads "pid (name) state parent ...". The name may hold anything, also parentheses. */
-std::optional<ProcessStat> readStat(const QString &pid)
-{
-    QByteArray text;
-    QString error;
-    if (!readFile(u"/proc/%1/stat"_s.arg(pid), kMaxStatBytes, &text, &error)) {
-        return std::nullopt; // the process has ended since it was listed
-    }
-    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
-    if (fields.size() < 2) {
-        return std::nullopt;
-    }
-    const bool isLive = fields[0] != "Z" && fields[0] != "X";
-    return ProcessStat{fields[1].toInt(), isLive};
-}
-
-} // namespace
 
 QList<pid_t> liveDescendants(pid_t root, pid_t except)
 {
@@ -50,12 +21,12 @@ QList<pid_t> liveDescendants(pid_t root, pid_t except)
     for (const QString &entry : QDir(u"/proc"_s).entryList(QDir::Dirs)) {
         bool isPid = false;
         const pid_t pid = entry.toInt(&isPid);
-        const std::optional<ProcessStat> stat = isPid ? readStat(entry) : std::nullopt;
+        const std::optional<ProcessStat> stat = isPid ? readProcessStat(pid) : std::nullopt;
         if (!stat) {
             continue;
         }
         childrenOf.insert(stat->parent, pid);
-        if (!stat->isLive) {
+        if (stat->hasEnded) {
             dead.insert(pid);
         }
     }
@@ -78,8 +49,8 @@ QSet<pid_t> liveChildren()
     for (const QString &entry : QDir(u"/proc"_s).entryList(QDir::Dirs)) {
         bool isPid = false;
         const pid_t pid = entry.toInt(&isPid);
-        const std::optional<ProcessStat> stat = isPid ? readStat(entry) : std::nullopt;
-        if (stat && stat->isLive && stat->parent == ::getpid()) {
+        const std::optional<ProcessStat> stat = isPid ? readProcessStat(pid) : std::nullopt;
+        if (stat && !stat->hasEnded && stat->parent == ::getpid()) {
             children.insert(pid);
         }
     }

@@ -2,6 +2,7 @@
 #include "client/server/serverprocess.h"
 
 #include "support/filereader.h"
+#include "support/processstat.h"
 
 #include <QDir>
 #include <QFile>
@@ -17,7 +18,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kMaxNameBytes = 64;
-constexpr int kMaxStatBytes = 4096;
 constexpr int kMaxEnvironmentBytes = 1024 * 1024;
 constexpr int kMaxTableBytes = 16 * 1024 * 1024;
 
@@ -79,12 +79,9 @@ bool isServerProcess(qint64 pid)
         status.st_uid != ::geteuid()) {
         return false;
     }
-    // The kernel reuses pids, so the name must match as well. A zombie keeps pid and name until its parent waits for
-    // it, which some parents never do.
-    const QByteArray line = contents(processPath(pid) + u"/stat"_s, kMaxStatBytes);
-    const qsizetype nameEnd = line.lastIndexOf(')');
-    const bool hasEnded = nameEnd == -1 || "ZX"_ba.contains(line.mid(nameEnd + 2, 1));
-    return !hasEnded && line.first(nameEnd + 1) == QByteArray::number(pid) + " (zarvo_server)";
+    // The kernel reuses pids, so the name must match as well.
+    const std::optional<ProcessStat> process = readProcessStat(pid);
+    return process && !process->hasEnded && process->name == "zarvo_server";
 }
 
 std::optional<QString> environmentOf(qint64 pid, const QString &variable)
