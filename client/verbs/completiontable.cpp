@@ -3,6 +3,7 @@
 
 #include "client/verbs/help.h"
 #include "client/verbs/verbtable.h"
+#include "client/verbs/waitgoals.h"
 
 using namespace Qt::StringLiterals;
 
@@ -18,7 +19,7 @@ QString choices(const QCommandLineOption &option)
 {
     const QString value = option.valueName();
     if (value == "STATE"_L1) {
-        return u"connected|suspended|ended"_s;
+        return waitGoals().join(u'|');
     }
     return value == "WxH"_L1 ? u"rootless|1280x800|1920x1080"_s : value;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "client/sessions/sessionfollower.h"
 #include "client/verbs/verbs.h"
+#include "client/verbs/waitgoals.h"
 
 #include <QElapsedTimer>
 
@@ -30,10 +31,10 @@ struct Goal
 bool readGoal(const QCommandLineParser &line, Goal *goal, Failure *failure)
 {
     const QString wanted = line.value(u"for"_s);
-    goal->state = stateFromName(wanted);
-    if (wanted != "ended"_L1 && goal->state != EntryState::Connected && goal->state != EntryState::Suspended) {
+    if (!waitGoals().contains(wanted)) {
         return fail(failure, ExitCode::Usage, u"--for needs one of connected, suspended and ended."_s);
     }
+    goal->state = stateFromName(wanted);
     if (!line.isSet(u"timeout"_s)) {
         return true;
     }
