@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-# Functions for the scripts, which source it in the project's root.
+# Functions for the scripts. Each sources this file after it has changed to the project's root.
 
 say() { printf '\n== %s\n' "$*"; }
 
@@ -53,6 +53,6 @@ print_flakes() {
 }
 
 build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev libjsoncpp-dev libssl-dev libxau-dev libxcb1-dev libpng-dev)
-# For sessions; in the second line, for "zarvoctl connect".
+# The first line is for sessions, the second one for "zarvoctl connect".
 run_packages=(tigervnc-standalone-server xauth openssl xterm xfonts-base openbox
     tigervnc-viewer openssh-client)
