@@ -40,7 +40,7 @@ bool isLineEnd(char character)
 }
 
 /** The index behind a string or comment that begins at @p start; @p start itself if none begins there. */
-qsizetype endOfText(QByteArrayView text, qsizetype start)
+qsizetype endOfStringOrComment(QByteArrayView text, qsizetype start)
 {
     const QByteArrayView rest = text.sliced(start);
     if (rest.startsWith("/*")) {
@@ -68,7 +68,7 @@ bool hasTrailingComma(QByteArrayView text)
     char previous = 0;
     int depth = 0;
     for (qsizetype i = 0; i < text.size();) {
-        const qsizetype end = endOfText(text, i);
+        const qsizetype end = endOfStringOrComment(text, i);
         const char current = text.at(i);
         if (end > i && current == '/') {
             i = end;
