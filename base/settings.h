@@ -35,7 +35,7 @@ struct Settings
 /** One setting. */
 struct SettingRow
 {
-    /** Where the value goes. Its type is the setting's: numbers of 16 bits are cut to them without a warning. */
+    /** Where the value goes. Its type is the setting's: quint16 keeps the low 16 bits of a number without a warning. */
     using Member = std::variant<QString Settings::*, quint16 Settings::*, int Settings::*>;
 
     QLatin1StringView key;
