@@ -4,9 +4,9 @@
 #include <QSslSocket>
 
 /**
- * The server's end of a client connection. It knows whether the client is admitted, because a TLS socket accepts data
- * to send before the handshake has ended, and delivers data that arrives right after it. Neither may happen until the
- * client's certificate has been compared. Lives on the main thread.
+ * The server's end of a client connection. It knows whether the client is admitted: nothing may be sent or read until
+ * the client's certificate has been compared. A plain TLS socket does not prevent that, because it accepts data to send
+ * before the handshake has ended, and delivers data that arrives right after it. Lives on the main thread.
  */
 class ClientSocket final : public QSslSocket
 {

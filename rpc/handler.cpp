@@ -20,8 +20,8 @@ namespace {
 const QString kDescribe = u"system.describe"_s;
 
 /**
- * With more unsent bytes than this a peer counts as lagging. The responder lets a socket buffer as much of what it
- * receives.
+ * With more unsent bytes than this a peer counts as lagging. SslResponder bounds the bytes that a socket has received
+ * to the same number.
  */
 constexpr qint64 kMaxUnsentBytes = 1024 * 1024;
 

@@ -70,7 +70,7 @@ private:
 
     QIODevice *device;
     QByteArray buffer;                  ///< received, but no frame taken from it yet
-    QFutureWatcher<void> *watcher;      ///< without a result, because one would wake the main thread twice
+    QFutureWatcher<void> *watcher;      ///< void, because a result would wake the main thread twice
     QByteArray answer;                  ///< to the running request; its thread writes this
     bool retired = false;               ///< no further request is taken
     bool busy = false;                  ///< a request runs or its answer is not written yet

@@ -8,8 +8,8 @@
 #include <optional>
 
 /*
- * The JSON-RPC messages of the service's clients, which are zarvoctl and a server that asks another one. Each client
- * decides how strictly it checks an answer. All functions are callable from any thread.
+ * JSON-RPC messages as a client of the service writes and reads them. There are two clients: zarvoctl, and a server
+ * that asks a peer. Each decides how strictly it checks an answer. All functions are callable from any thread.
  */
 
 /** A request without parameters. */
@@ -24,7 +24,7 @@
 /** The "error" of an answer. */
 struct RpcAnswerError
 {
-    std::optional<int> code;        ///< none if it is not a number without a fraction, or too large
+    std::optional<int> code;        ///< none unless it is a whole number that fits into an int
     bool hasIntegerCode = false;    ///< whether the code is an integer of any size, written without a point
     std::optional<QString> message; ///< none if it is not a string
 };
