@@ -112,7 +112,7 @@ bool readAgentLog(Session *session, const QString &path, QString *error)
     QTextStream stream(&file);
     QString line;
     bool isWholePiece = false;
-    // After a line whose length is a multiple of the limit comes an empty piece. It is not an empty line.
+    // An empty piece follows a line whose length is a multiple of the limit. It is not an empty line.
     while (stream.readLineInto(&line, kMaxLineCharacters) && (!line.isEmpty() || isWholePiece)) {
         isWholePiece = line.size() == kMaxLineCharacters;
         applyLine(session, line);

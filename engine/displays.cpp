@@ -41,10 +41,10 @@ QString displayLockPath(quint16 display)
 }
 
 /**
- * Whether an agent could not listen on the port although no process listens there: the system gave this number to an
- * outgoing connection, or that connection is in TIME_WAIT.
+ * Whether the system refuses to bind a listener to the port. It also does so if nothing listens there, but the port
+ * belongs to an outgoing connection or to one in TIME_WAIT.
  */
-bool isPortOwned(quint16 port)
+bool isPortBound(quint16 port)
 {
     const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (probe == -1) {
@@ -55,17 +55,17 @@ bool isPortOwned(quint16 port)
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    const bool isOwned =
+    const bool isBound =
         ::bind(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 && errno == EADDRINUSE;
     ::close(probe);
-    return isOwned;
+    return isBound;
 }
 
 bool isDisplayOpen(quint16 display)
 {
     return isPortFree(displayPort(display)) && !QFile::exists(displaySocketPath(display)) &&
            isPortFree(agentPort(display)) && !QFile::exists(displayLockPath(display)) &&
-           !QFile::exists(agentSocketPath(display)) && !isPortOwned(agentPort(display));
+           !QFile::exists(agentSocketPath(display)) && !isPortBound(agentPort(display));
 }
 
 /** Whether the path is of this type and belongs to this user. A symlink is not followed. */

@@ -19,8 +19,8 @@
 
 /**
  * Reads one value from the first 1 MiB of a file. Numbers are cut to the type's size. A text is the first word.
- * @param value      set only on success
- * @param error      set only on failure: the file's name and the reason
+ * @param value             set only on success
+ * @param error             set only on failure: the file's name and the reason
  * @param isTransientError  if given, set to true when the reason is transient, else left as it is
  */
 [[nodiscard]] bool readDisplayFile(const QString &path, quint16 *value, QString *error,

@@ -114,10 +114,10 @@ bool sleepFor(qint64 milliseconds)
 
 /**
  * Refreshes the session until @p isMet is true for it.
- * @param exitEnds  whether the end of the agent makes the wait fail
+ * @param failsOnExit  whether the wait fails when the agent has ended
  */
 template <typename Condition>
-int waitFor(Session *session, int timeoutMs, bool exitEnds, Condition isMet)
+int waitFor(Session *session, int timeoutMs, bool failsOnExit, Condition isMet)
 {
     if (session->directory.isEmpty()) {
         return NotInitialized;
@@ -131,7 +131,7 @@ int waitFor(Session *session, int timeoutMs, bool exitEnds, Condition isMet)
         if (isMet(*session)) {
             return SessionOk;
         }
-        if (exitEnds && session->exited) {
+        if (failsOnExit && session->exited) {
             return UnknownError;
         }
         if (timeoutMs >= 0 && timer.elapsed() >= timeoutMs) {
