@@ -12,7 +12,7 @@ bool removeSessionDirectory(const QString &path, QString &error)
         error = u"Failed to remove the directory \"%1\""_s.arg(path);
         return false; // the server did not create the target, which may contain anything
     }
-    // The filter calls sockets and dangling symlinks system files. Without it they would keep the directory.
+    // For QDir, sockets and dangling symlinks are system files. They must go, too, or rmdir() would fail.
     const QDir directory(path, QString(), QDir::Unsorted, QDir::Files | QDir::Hidden | QDir::System);
     const QStringList names = directory.entryList();
     for (const QString &name : names) {

@@ -13,7 +13,7 @@ class SessionRegistry;
 class SessionLease final
 {
 public:
-    /** The caller does without the session if it had to wait for it. */
+    /** Selects the constructor that never waits. */
     struct IfFree
     {
     };

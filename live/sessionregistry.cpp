@@ -89,8 +89,9 @@ void SessionRegistry::whenFree(const QString &id, Work work)
     }
 }
 
-/** Does the deferred work on a busy session, then ends the busy mark. @p locker holds the mutex, except during the
- * work. */
+/**
+ * Does the deferred work on a busy session, then ends the busy mark. @p locker holds the mutex, except during the work.
+ */
 void SessionRegistry::finish(const QString &id, QMutexLocker<QMutex> *locker)
 {
     const auto found = sessions.find(id);
@@ -133,7 +134,7 @@ void SessionRegistry::insert(const QString &id, std::unique_ptr<Session> session
     }
     const auto [entry, isNew] = sessions.try_emplace(id);
     if (isNew) {
-        holdSession(); // a replaced entry hands its hold on
+        holdSession(); // a replaced entry holds the idle timer already
     }
     releaseDisplay(entry->second);
     entry->second.session = std::move(session);

@@ -26,7 +26,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int kMaxTries = 3; ///< for a directory or file with a transient error
+constexpr int kMaxTries = 3; ///< of reading a directory or file, while the error is transient
 constexpr int kRetryPauseMs = 200;
 
 /**
@@ -53,7 +53,7 @@ std::optional<QStringList> directoriesIn(const QString &path)
 /** @return the directories with a transient error */
 QStringList load(const QStringList &paths, SessionRegistry *registry)
 {
-    QStringList left;
+    QStringList toRetry;
     for (const QString &path : paths) {
         const QString id = sessionIdFromPath(path);
         auto session = std::make_unique<Session>();
@@ -61,14 +61,14 @@ QStringList load(const QStringList &paths, SessionRegistry *registry)
         if (id.isNull() || loadSession(session.get(), path, &isTransientError) != SessionOk ||
             refreshSession(session.get()) != SessionOk) {
             if (isTransientError) {
-                left.append(path);
+                toRetry.append(path);
             }
             continue;
         }
         // Two directories may have one id, because a suffix of the name is ignored.
         registry->addFreeSession(id, std::move(session));
     }
-    return left;
+    return toRetry;
 }
 
 } // namespace
@@ -76,17 +76,17 @@ QStringList load(const QStringList &paths, SessionRegistry *registry)
 /** Without the retry a session would stay unlisted until the next server starts. */
 void scanSessions(const QString &root, SessionRegistry *registry)
 {
-    std::optional<QStringList> left;
+    std::optional<QStringList> paths;
     for (int tries = 0; tries < kMaxTries; ++tries) {
         if (tries > 0) {
             QThread::msleep(kRetryPauseMs);
         }
-        if (!left) {
-            left = directoriesIn(root);
+        if (!paths) {
+            paths = directoriesIn(root);
         }
-        if (left) {
-            left = load(*left, registry);
-            if (left->isEmpty()) {
+        if (paths) {
+            paths = load(*paths, registry);
+            if (paths->isEmpty()) {
                 return;
             }
         }
