@@ -16,7 +16,9 @@ void PeerQueue::add(const Peer &peer)
     }
 }
 
-/** Drops the last peer of the address with the most waiting. False if that would not be fairer than the present queue.
+/**
+ * Drops the newest waiting peer of the address that has the most. Drops none, and returns false, if @p address already
+ * waits or no address has two peers: then the new peer has no better claim.
  */
 bool PeerQueue::makeRoom(const QHostAddress &address)
 {

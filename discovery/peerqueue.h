@@ -27,7 +27,9 @@ public:
 
     /** Adds a peer, even if it is waiting already. Drops it if the queue is full and its address has its share. */
     void add(const Peer &peer);
-    /** Takes the peer to ask next, and a place, which finish() gives back. None while no waiting peer may have a place.
+    /**
+     * Takes the peer to ask next from the queue. It counts as being asked until finish(). None if no peer waits, or if
+     * every one that waits would exceed a limit.
      */
     [[nodiscard]] std::optional<Peer> next();
     void finish(const Peer &peer);

@@ -104,7 +104,7 @@ UdpTalker::~UdpTalker()
 {
     const auto watchers = findChildren<QFutureWatcher<void> *>();
     for (QFutureWatcher<void> *watcher : watchers) {
-        watcher->cancel(); // otherwise waiting would run a query without a thread on this one
+        watcher->cancel(); // or waitForFinished() would run a query that has no thread yet on this one
     }
     for (QFutureWatcher<void> *watcher : watchers) {
         watcher->waitForFinished();
@@ -147,8 +147,8 @@ void UdpTalker::Socket_readyRead()
     for (int count = 0; count < kMaxDatagramsAtOnce; ++count) {
         QHostAddress peer;
         quint16 peerPort = 0;
-        // Read without asking hasPendingDatagrams(): the system reports a damaged datagram, but drops it at the
-        // question, and until something has been read there is no further readyRead().
+        // Do not ask hasPendingDatagrams() first. The system announces a damaged datagram, but drops it when that
+        // function looks at it. Nothing would be read then, and Qt emits no readyRead() until something has been read.
         const qint64 length = source->readDatagram(buffer.data(), buffer.size(), &peer, &peerPort);
         if (length < 0) {
             return;

@@ -14,8 +14,8 @@ class SessionStore;
 
 /**
  * Finds the other servers of the same user: announces this one by broadcast, asks each server that it hears of for its
- * sessions, and puts those into the registry. A datagram only says where to ask. The peer proves who it is by its
- * certificate.
+ * sessions, and gives their list to the SessionStore. A datagram only says where to ask. The peer proves who it is by
+ * its certificate.
  *
  * Lives on the main thread. Peers are asked on pool threads; PeerQueue bounds how many at a time, whatever is sent to
  * us.
