@@ -43,7 +43,7 @@ void doNothing(int)
 }
 
 /** Makes a signal have no effect here. Programs that we start get its default action, unlike with SIG_IGN. */
-void catchNothingOf(int number)
+void catchAndIgnore(int number)
 {
     struct sigaction action = {};
     action.sa_handler = doNothing;
@@ -66,7 +66,7 @@ bool writeAll(const char *data, size_t length)
 /** Copies messages until the other end is closed, and then ends the parent. */
 [[noreturn]] void relayMessages(int readEnd)
 {
-    catchNothingOf(SIGPIPE);
+    catchAndIgnore(SIGPIPE);
     moveDescriptor(readEnd, STDIN_FILENO);
     std::array<char, 256> chunk{};
     for (;;) {
@@ -89,9 +89,9 @@ void resetSignals()
         ::sigaction(number, &action, nullptr); // fails for some, which does not matter
     }
     // If the reader of our messages goes away, we still have to clean up.
-    catchNothingOf(SIGPIPE);
+    catchAndIgnore(SIGPIPE);
     // At the limit of file sizes a write must fail, as on a full disk, and not end the process.
-    catchNothingOf(SIGXFSZ);
+    catchAndIgnore(SIGXFSZ);
 }
 
 bool detach(int writeEnd)

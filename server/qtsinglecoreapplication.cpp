@@ -16,7 +16,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** How many names of a lock file are tried, because other users may have put files under our names. */
+/** How many names are tried for the lock file. Other users may have put files there under our names. */
 constexpr int kLockNames = 16;
 
 /** Hashes the id, because it contains the user's name, which may have any length and form. */
@@ -77,8 +77,8 @@ bool QtSingleCoreApplication::isRunning()
     if (lock != -1) {
         return false;
     }
-    // Try every name, even after we hold a lock: the other process may hold a later name, because a file that is gone
-    // now was in its way.
+    // Try every name, even after we hold a lock. The other process may hold a later name, because the file of another
+    // user had an earlier one. That file may be gone now.
     for (int number = 0; number < 2 * kLockNames; ++number) {
         // The second half is for a temporary directory that is missing or full: then the lock is in /tmp.
         const QString folder = number < kLockNames ? QDir::tempPath() : u"/tmp"_s;

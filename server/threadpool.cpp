@@ -14,8 +14,7 @@ namespace {
 
 /** Long enough for a busy machine, because the system has just proved that it has the threads. */
 constexpr int kStartTimeoutMs = 10000;
-/** The threads of the two workers. */
-constexpr int kFurtherThreads = 2;
+constexpr int kWorkerThreads = 2; ///< SessionUpdater and SuspendChecker
 
 } // namespace
 
@@ -23,7 +22,7 @@ bool startPoolThreads(QString *error)
 {
     QThreadPool *pool = QThreadPool::globalInstance();
     const int count = pool->maxThreadCount();
-    if (!canHaveThreads(count + kFurtherThreads, error)) {
+    if (!canHaveThreads(count + kWorkerThreads, error)) {
         return false;
     }
     pool->setExpiryTimeout(-1);
