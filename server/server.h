@@ -24,8 +24,8 @@ class SuspendChecker;
 class UdpTalker;
 
 /**
- * The server's long-lived objects, as members in the order in which start-up creates them. So they are destroyed in
- * reverse order, also if a step of the start-up fails. Lives on the main thread, shorter than the application object.
+ * The server's long-lived objects. A member uses only members above it, because they are destroyed in reverse order,
+ * also if a step of the start-up fails. Lives on the main thread, and is destroyed before the application object.
  */
 class Server final
 {
