@@ -78,7 +78,7 @@ private slots:
     }
     void cleanupTestCase() { user.reset(); }
 
-    void userPathIsPrivate_data()
+    void userPathModeIsChecked_data()
     {
         QTest::addColumn<int>("mode");
         QTest::addColumn<QString>("found");
@@ -87,7 +87,7 @@ private slots:
         QTest::newRow("enterable") << 0701 << u"WARN \"%1\" is open to others (mode 0701)"_s;
         QTest::newRow("no write permission") << 0500 << u"FAIL \"%1\" has mode 0500, which denies its owner access"_s;
     }
-    void userPathIsPrivate()
+    void userPathModeIsChecked()
     {
         QFETCH(int, mode);
         QFETCH(QString, found);
@@ -110,7 +110,7 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void userPathThatCannotBeCreated()
+    void userPathThatCannotBeCreatedIsAFailure()
     {
         const DoctorSurroundings surroundings;
         DoctorInput input = surroundings.input();
@@ -131,7 +131,7 @@ private slots:
         QVERIFY(texts(checkUserPath(input)).first().startsWith("FAIL"_L1));
     }
 
-    void missingCertificateOfARunningServer()
+    void missingCertificateIsAFailureWhileAServerRuns()
     {
         const DoctorSurroundings surroundings;
         putFile(surroundings.path("zarvo/host/server_pid"), QByteArray::number(::getpid()));
@@ -143,7 +143,7 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void listenPortThatAnotherProgramUses()
+    void listenPortOfAnotherProgramIsAFailure()
     {
         const DoctorSurroundings surroundings;
         QTcpServer other;
@@ -159,7 +159,7 @@ private slots:
                  QStringList{u"OK No server is running; zarvoctl starts one when needed"_s});
     }
 
-    void userPathThatIsNotADirectory()
+    void userPathThatIsNoDirectoryIsAFailure()
     {
         const DoctorSurroundings surroundings;
         DoctorInput input = surroundings.input();
@@ -171,7 +171,7 @@ private slots:
                  QStringList{u"FAIL \"%1\" is not a directory"_s.arg(surroundings.path("missing"))});
     }
 
-    void certificateDates_data()
+    void certificateDatesAreChecked_data()
     {
         QTest::addColumn<int>("fromDays");
         QTest::addColumn<int>("untilDays");
@@ -181,7 +181,7 @@ private slots:
         QTest::newRow("expired") << -10 << -2 << u"WARN It expired on %2; the server still uses it"_s;
         QTest::newRow("not yet valid") << 3 << 100 << u"WARN It is valid from %1 on"_s;
     }
-    void certificateDates()
+    void certificateDatesAreChecked()
     {
         QFETCH(int, fromDays);
         QFETCH(int, untilDays);
@@ -196,7 +196,7 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void unusableCertificateFiles()
+    void unusableCertificateFilesAreFailures()
     {
         const DoctorSurroundings surroundings;
         const DoctorInput input = surroundings.input();
@@ -224,7 +224,7 @@ private slots:
         QCOMPARE(found(), u"FAIL \"%1\" holds no certificate"_s.arg(certificatePath));
     }
 
-    void stateOfTheServer()
+    void stateOfTheServerIsReported()
     {
         const DoctorSurroundings surroundings;
         const DoctorInput input = surroundings.input();
@@ -258,7 +258,7 @@ private slots:
         QCOMPARE(texts(checkServerProcess(surroundings.input())).join(u'\n'), text);
     }
 
-    void serverThatIsAboutToWriteItsFiles()
+    void serverGetsTimeToWriteItsFiles()
     {
         const DoctorSurroundings surroundings;
         DoctorInput input = surroundings.input();
@@ -272,7 +272,7 @@ private slots:
                  QStringList{u"WARN The server, process %1, has not written its port yet"_s.arg(impostor.pid())});
     }
 
-    void serverThatIsAboutToEnd()
+    void serverGetsTimeToEnd()
     {
         const DoctorSurroundings surroundings;
         DoctorInput input = surroundings.input();
@@ -284,7 +284,7 @@ private slots:
                  QStringList{u"OK No server is running; zarvoctl starts one when needed"_s});
     }
 
-    void pidFileThatIsNotAFile()
+    void pidFileThatIsADirectoryIsAFailure()
     {
         const DoctorSurroundings surroundings;
         QVERIFY(QDir().mkdir(surroundings.path("zarvo/host/server_pid")));

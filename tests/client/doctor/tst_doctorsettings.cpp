@@ -16,7 +16,7 @@ private slots:
         QCOMPARE(texts(checkSettings(surroundings.input())), QStringList{u"OK All settings have their defaults"_s});
     }
 
-    void validSettings()
+    void validSettingsAreFine()
     {
         DoctorInput input = surroundings.input();
         input.settings.displayBase = 200;
@@ -27,7 +27,7 @@ private slots:
         QCOMPARE(texts(checkSettings(input)), QStringList{u"OK \"%1\" is valid"_s.arg(input.settingsPath)});
     }
 
-    void valueThatBecomesAnother_data()
+    void valueThatBecomesAnotherIsAWarning_data()
     {
         QTest::addColumn<QString>("key");
         QTest::addColumn<QString>("text");
@@ -38,7 +38,7 @@ private slots:
         QTest::newRow("negative") << u"BroadcastPort"_s << u"-1"_s << 0;
         QTest::newRow("timeout out of range") << u"SuspendTimeout"_s << u"99999999999"_s << 7;
     }
-    void valueThatBecomesAnother()
+    void valueThatBecomesAnotherIsAWarning()
     {
         QFETCH(QString, key);
         QFETCH(QString, text);
@@ -57,7 +57,7 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void brokenFile()
+    void brokenFileIsAWarning()
     {
         DoctorInput input = surroundings.input();
         input.settingsStatus = QSettings::FormatError;
@@ -66,7 +66,7 @@ private slots:
         QVERIFY(haveRemedies(checkSettings(input)));
     }
 
-    void unreadableFile()
+    void unreadableFileIsAFailure()
     {
         DoctorInput input = surroundings.input();
         input.settingsPath = surroundings.path("bin"); // a directory
@@ -76,7 +76,7 @@ private slots:
         QVERIFY(haveRemedies(checkSettings(input)));
     }
 
-    void unknownKeyLevelAndZeroTimeout()
+    void unknownKeyUnknownLevelAndZeroTimeoutAreWarnings()
     {
         DoctorInput input = surroundings.input();
         input.settings.logLevel = u"Loud"_s;
@@ -90,7 +90,7 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void displayRange_data()
+    void displayRangeIsChecked_data()
     {
         QTest::addColumn<int>("base");
         QTest::addColumn<int>("limit");
@@ -100,7 +100,7 @@ private slots:
         QTest::newRow("one without a port")
             << 24000 << 537 << u"WARN Displays go up to 24536, but only displays up to 24535 have a port"_s;
     }
-    void displayRange()
+    void displayRangeIsChecked()
     {
         QFETCH(int, base);
         QFETCH(int, limit);

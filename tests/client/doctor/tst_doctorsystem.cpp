@@ -121,7 +121,7 @@ private slots:
         QCOMPARE(failures, 0);
     }
 
-    void socketDirectoryMode_data()
+    void wrongModeOfTheSocketDirectoryIsReported_data()
     {
         QTest::addColumn<int>("mode");
         QTest::addColumn<QString>("found");
@@ -129,7 +129,7 @@ private slots:
         QTest::newRow("without the sticky bit")
             << 0777 << u"WARN In \"%1\" others can replace the sockets of your displays"_s;
     }
-    void socketDirectoryMode()
+    void wrongModeOfTheSocketDirectoryIsReported()
     {
         QFETCH(int, mode);
         QFETCH(QString, found);
@@ -140,7 +140,7 @@ private slots:
         QVERIFY(haveRemedies(findings));
     }
 
-    void socketDirectoryThatIsALink()
+    void socketDirectoryThatIsALinkIsAFailure()
     {
         const QString path = surroundings->path("tmp/.X11-unix");
         QVERIFY(QDir().rmdir(path));
@@ -151,7 +151,7 @@ private slots:
                  QStringList{u"FAIL \"%1\" is not a directory"_s.arg(path)});
     }
 
-    void portRange_data()
+    void portRangeIsChecked_data()
     {
         QTest::addColumn<QByteArray>("ephemeral");
         QTest::addColumn<QByteArray>("reserved");
@@ -171,7 +171,7 @@ private slots:
         QTest::newRow("unreadable") << ""_ba
                                     << ""_ba << true;
     }
-    void portRange()
+    void portRangeIsChecked()
     {
         QFETCH(QByteArray, ephemeral);
         QFETCH(QByteArray, reserved);
@@ -193,7 +193,7 @@ private slots:
         QVERIFY2(remedy.contains("ip_local_reserved_ports=80,41100-41198,41100-41199 "_L1), qPrintable(remedy));
     }
 
-    void sessionsEndAtLogout_data()
+    void settingsDecideWhetherSessionsEndAtLogout_data()
     {
         QTest::addColumn<QString>("file");
         QTest::addColumn<QByteArray>("text");
@@ -217,7 +217,7 @@ private slots:
         row("only others", main, "[Login]\nKillUserProcesses=yes\nKillOnlyUsers=eve\n", false);
         row("only some", main, "[Login]\nKillOnlyUsers=eve anna\n", true);
     }
-    void sessionsEndAtLogout()
+    void settingsDecideWhetherSessionsEndAtLogout()
     {
         QFETCH(QString, file);
         QFETCH(QByteArray, text);
@@ -251,7 +251,7 @@ private slots:
                     .startsWith(u"FAIL"_s)); // files are read in the order of their names, not of their folders
     }
 
-    void logoutOfAUserWithoutAName()
+    void logoutEndsSessionsOfAUserWithoutAName()
     {
         make("run/systemd/system");
         make("var/lib/systemd/linger");

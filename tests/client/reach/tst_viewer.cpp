@@ -35,7 +35,7 @@ private slots:
     }
     void cleanup() { path.reset(); }
 
-    void viewerThatIsFound_data()
+    void configuredViewerComesBeforeKnownOnes_data()
     {
         QTest::addColumn<QByteArray>("configured");
         QTest::addColumn<QStringList>("programs");
@@ -46,7 +46,7 @@ private slots:
         QTest::newRow("both known") << ""_ba << QStringList{u"vncviewer"_s, u"xtigervncviewer"_s} << known;
         QTest::newRow("configured") << "mine \"a b\""_ba << QStringList{u"mine"_s, u"vncviewer"_s} << u"mine a b"_s;
     }
-    void viewerThatIsFound()
+    void configuredViewerComesBeforeKnownOnes()
     {
         QFETCH(QByteArray, configured);
         QFETCH(QStringList, programs);
@@ -61,7 +61,7 @@ private slots:
         QTEST(viewer.name(), "name");
     }
 
-    void viewerThatIsNotFound_data()
+    void missingViewerIsReported_data()
     {
         QTest::addColumn<QByteArray>("configured");
         QTest::addColumn<bool>("isInstalled");
@@ -70,7 +70,7 @@ private slots:
         QTest::newRow("none of that name") << "mine"_ba << true << u"ZARVO_VIEWER names \"mine\""_s;
         QTest::newRow("no display") << ""_ba << true << u"The viewer has no display"_s;
     }
-    void viewerThatIsNotFound()
+    void missingViewerIsReported()
     {
         QFETCH(QByteArray, configured);
         QFETCH(bool, isInstalled);
@@ -122,20 +122,20 @@ private slots:
         QCOMPARE(contentOf(output), ""_ba);
     }
 
-    void viewerThatFails_data()
+    void viewerThatFailsIsReported_data()
     {
         QTest::addColumn<QByteArray>("script");
         QTest::addColumn<QString>("text");
         QTest::newRow("exit code") << "exit 3"_ba << u"The viewer \"mine\" ended with exit code 3."_s;
         QTest::newRow("crash") << "kill -KILL $$"_ba << u"The viewer \"mine\" crashed."_s;
     }
-    void viewerThatFails()
+    void viewerThatFailsIsReported()
     {
         QFETCH(QByteArray, script);
         QTEST(outcomeOf(script), "text");
     }
 
-    void viewerThatDoesNotStart()
+    void viewerThatDoesNotStartIsReported()
     {
         putFile(folder->filePath(u"mine"_s), "#!/no/such/shell\n");
         QFile::setPermissions(folder->filePath(u"mine"_s), QFileDevice::ReadOwner | QFileDevice::ExeOwner);

@@ -73,7 +73,7 @@ class TestConnectionJudge : public QObject
     Q_OBJECT
 
 private slots:
-    void verdicts_data()
+    void verdictsFollowFromWhatIsSeen_data()
     {
         QTest::addColumn<bool>("mayStart");
         QTest::addColumn<QList<Step>>("steps");
@@ -141,7 +141,7 @@ private slots:
         row("no start: the user's deadline", false,
             {givesUp(late(at(0ms, ServerState::Starting)), ExitCode::TimedOut, tooLate)});
     }
-    void verdicts()
+    void verdictsFollowFromWhatIsSeen()
     {
         QFETCH(bool, mayStart);
         QFETCH(QList<Step>, steps);

@@ -54,13 +54,13 @@ private slots:
         QCOMPARE(status.pid, qint64(::getpid()));
     }
 
-    void noServer()
+    void missingServerIsReported()
     {
         QCOMPARE(outcome(ServerConnector::Start::Forbidden), ExitCode::NoServer);
         QCOMPARE(failure.text, u"No server is running: there is no file \"%1\"."_s.arg(portPath()));
     }
 
-    void unreadableFile()
+    void unusablePortFileIsReported()
     {
         files.name(server->port());
         putFile(portPath(), "word");
@@ -68,7 +68,7 @@ private slots:
         QCOMPARE(failure.text, u"The file \"%1\" holds no usable number."_s.arg(portPath()));
     }
 
-    void serverWithAnotherCertificate()
+    void serverWithAnotherCertificateIsRefused()
     {
         TestIdentity other;
         QVERIFY(makeTestIdentity(files.dir, u"other"_s, QString(), &other));
@@ -78,7 +78,7 @@ private slots:
         QVERIFY2(failure.text.contains("not our own"_L1), qPrintable(failure.text));
     }
 
-    void keyOfAnotherCertificate()
+    void keyOfAnotherCertificateIsRefused()
     {
         TestIdentity other;
         QVERIFY(makeTestIdentity(files.dir, u"other"_s, QString(), &other));
@@ -88,7 +88,7 @@ private slots:
         QVERIFY2(failure.text.contains("do not belong together"_L1), qPrintable(failure.text));
     }
 
-    void serverThatClosesAtOnce()
+    void serverThatClosesAtOnceCountsAsNone()
     {
         const std::unique_ptr<QTcpServer> closing = closingServer([] {});
         files.name(closing->serverPort());
@@ -96,7 +96,7 @@ private slots:
         QCOMPARE(status.state, ServerState::Running);
     }
 
-    void serverThatClosesBecauseAnotherOneReplacesIt()
+    void serverThatReplacesAnotherIsConnectedTo()
     {
         const std::unique_ptr<QTcpServer> closing = closingServer([this] { files.name(server->port()); });
         files.name(closing->serverPort());
@@ -111,7 +111,7 @@ private slots:
         QCOMPARE(outcome(ServerConnector::Start::Forbidden), Connected);
     }
 
-    void startingServerThatEnds()
+    void startingServerThatEndsIsReported()
     {
         putFile(pidPath(), QByteArray::number(::getpid()));
         QTimer::singleShot(50ms, this, [this] { files.remove(); });

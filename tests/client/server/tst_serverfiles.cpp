@@ -30,7 +30,7 @@ private slots:
         ::prctl(PR_SET_NAME, "zarvo_server");
     }
 
-    void stateOfTheFiles_data()
+    void filesTellTheStateOfTheServer_data()
     {
         QTest::addColumn<QByteArray>("pid");
         QTest::addColumn<QByteArray>("port");
@@ -57,7 +57,7 @@ private slots:
         row("port out of range", self, "65536", ServerState::Unreadable);
         row("broken port, no pid", none, "x", ServerState::Stale);
     }
-    void stateOfTheFiles()
+    void filesTellTheStateOfTheServer()
     {
         QFETCH(QByteArray, pid);
         QFETCH(QByteArray, port);

@@ -31,7 +31,7 @@ class TestServerStatus : public QObject
     Q_OBJECT
 
 private slots:
-    void meaning_data()
+    void factsTellTheStatus_data()
     {
         QTest::addColumn<ServerFacts>("read");
         QTest::addColumn<ServerStatus>("expected");
@@ -83,7 +83,7 @@ private slots:
         row("dead, older port", older(facts(File::Valid, File::Valid, false)),
             {ServerState::Stale, 0, kPid, stale + u" 123"_s});
     }
-    void meaning()
+    void factsTellTheStatus()
     {
         QFETCH(ServerFacts, read);
         QFETCH(ServerStatus, expected);
@@ -94,7 +94,7 @@ private slots:
         QCOMPARE(status.detail, expected.detail);
     }
 
-    void sameServer_data()
+    void sameServerHasTheSameStatePortAndPid_data()
     {
         QTest::addColumn<ServerStatus>("other");
         QTest::addColumn<bool>("isSame");
@@ -103,7 +103,7 @@ private slots:
         QTest::newRow("port") << ServerStatus{ServerState::Running, kPort + 1, kPid, {}} << false;
         QTest::newRow("pid") << ServerStatus{ServerState::Running, kPort, kPid + 1, {}} << false;
     }
-    void sameServer()
+    void sameServerHasTheSameStatePortAndPid()
     {
         QFETCH(ServerStatus, other);
         const ServerStatus status{ServerState::Running, kPort, kPid, u"words"_s};

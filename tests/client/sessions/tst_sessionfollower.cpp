@@ -75,7 +75,7 @@ private slots:
         QVERIFY(lists > 1 && lists < 100);
     }
 
-    void timeoutWithoutAnEvent()
+    void timesOutWithoutAnEvent()
     {
         SessionFollower follower(context->get(), 10s);
         QCOMPARE(next(&follower), ""_ba);

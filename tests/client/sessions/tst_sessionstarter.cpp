@@ -85,7 +85,7 @@ private slots:
         QVERIFY(first.id != second.id);
     }
 
-    void exitCodeOfAFailedStart_data()
+    void failedStartHasItsExitCode_data()
     {
         QTest::addColumn<int>("error");
         QTest::addColumn<ExitCode>("code");
@@ -94,7 +94,7 @@ private slots:
         QTest::newRow("wrong state") << kInvalidState << ExitCode::SessionFailed;
         QTest::newRow("agent timed out") << kAgentTimedOut << ExitCode::TimedOut;
     }
-    void exitCodeOfAFailedStart()
+    void failedStartHasItsExitCode()
     {
         QFETCH(int, error);
         refusal = error;

@@ -15,7 +15,7 @@ class TestSessionTable : public QObject
     Q_OBJECT
 
 private slots:
-    void tableWithoutALimit()
+    void nothingIsCutWithoutAWidth()
     {
         const QString table = sessionTable(
             {makeSession(u"12"_s, u"統合"_s), makeSession(u"34"_s, u"xterm"_s, u"retry"_s)}, {.localHost = u"here"_s});
@@ -96,7 +96,7 @@ private slots:
         }
     }
 
-    void plainTableForScripts()
+    void plainTableHasWholeIdsAndTabs()
     {
         SessionEntry entry = makeSession(u"1"_s, u"tab\there"_s);
         entry.location = u"ssh://me@far:22/x"_s;

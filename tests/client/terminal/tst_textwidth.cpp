@@ -11,7 +11,7 @@ class TestTextWidth : public QObject
     Q_OBJECT
 
 private slots:
-    void displayWidthOfText_data()
+    void displayWidthCountsColumns_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<int>("width");
@@ -32,7 +32,7 @@ private slots:
         QTest::newRow("lone surrogate") << QString(QChar(0xD83D)) << 1;
         QTest::newRow("joiner") << u"a\u200Db"_s << 2;
     }
-    void displayWidthOfText()
+    void displayWidthCountsColumns()
     {
         QFETCH(QString, text);
         QTEST(displayWidth(text), "width");

@@ -42,7 +42,7 @@ private slots:
         QVERIFY(!server->errors.isEmpty());
     }
 
-    void missingViewerIsToldBeforeAPasswordIsMade()
+    void missingViewerIsReportedBeforeAPasswordIsMade()
     {
         const EnvironmentVariable viewer("ZARVO_VIEWER", "no-such-viewer");
         server->local = {makeSession(u"1"_s, u"one"_s)};

@@ -15,7 +15,7 @@ class TestStartVerb : public QObject
     Q_OBJECT
 
 private slots:
-    void optionsOfTheCommandAreTheCommands()
+    void optionsAfterTheCommandBelongToIt()
     {
         VerbServer server;
         QCOMPARE(server.run(startVerb(), {u"--geometry"_s, u"640x480"_s, u"ls"_s, u"--json"_s}), ExitCode::Done);

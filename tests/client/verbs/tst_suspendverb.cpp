@@ -13,7 +13,7 @@ class TestSuspendVerb : public QObject
     Q_OBJECT
 
 private slots:
-    void sessionIsSuspendedWithoutAWord()
+    void suspendingPrintsNothing()
     {
         VerbServer server;
         server.local = {makeSession(u"1"_s, u"one"_s, u"disconnect"_s), makeSession(u"2"_s, u"two"_s)};
@@ -23,7 +23,7 @@ private slots:
         QCOMPARE(server.output + server.errors, QString());
     }
 
-    void refusal_data()
+    void refusalHasItsExitCode_data()
     {
         QTest::addColumn<int>("number");
         QTest::addColumn<ExitCode>("code");
@@ -31,7 +31,7 @@ private slots:
         QTest::newRow("no viewer") << VerbServer::kInvalidState << ExitCode::WrongState << true;
         QTest::newRow("session has ended") << VerbServer::kNoSuchSession << ExitCode::NoSuchSession << false;
     }
-    void refusal()
+    void refusalHasItsExitCode()
     {
         QFETCH(int, number);
         QFETCH(ExitCode, code);
