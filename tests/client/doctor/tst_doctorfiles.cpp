@@ -125,7 +125,7 @@ private slots:
         if (::geteuid() == 0) {
             return; // root may create it anywhere
         }
-        QVERIFY(QDir(surroundings.path("zarvo")).mkdir(u"no write permission"_s));
+        QVERIFY(QDir(surroundings.path("zarvo")).mkdir(u"closed"_s));
         QVERIFY(QFile::setPermissions(surroundings.path("zarvo/closed"), QFileDevice::ReadOwner));
         input.files = ServerFiles(surroundings.path("zarvo/closed/host"));
         QVERIFY(texts(checkUserPath(input)).first().startsWith("FAIL"_L1));
