@@ -45,7 +45,7 @@ private slots:
         QVERIFY(store.all().isEmpty());
     }
 
-    void wrongResponseUsesNoneUp_data()
+    void wrongResponseUsesUpNoPassword_data()
     {
         QTest::addColumn<QByteArray>("response");
         QTest::newRow("empty") << QByteArray();
@@ -55,7 +55,7 @@ private slots:
         QTest::newRow("no password") << vncAuthResponse("", challenge);
     }
 
-    void wrongResponseUsesNoneUp()
+    void wrongResponseUsesUpNoPassword()
     {
         QFETCH(QByteArray, response);
         PasswordStore store;

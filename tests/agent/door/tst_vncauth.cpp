@@ -18,7 +18,7 @@ private slots:
         QCOMPARE(vncAuthResponse(password, block + block).toHex(), QByteArray("85e813540f0ab40585e813540f0ab405"));
     }
 
-    void eightCharactersCount()
+    void onlyEightCharactersCount()
     {
         const QByteArray challenge(kVncChallengeBytes, 'c');
         QCOMPARE(vncAuthResponse("12345678", challenge), vncAuthResponse("123456789", challenge));
@@ -45,7 +45,7 @@ private slots:
         QCOMPARE(challenges.size(), 100);
     }
 
-    void secretsAreCompared_data()
+    void onlyEqualSecretsMatch_data()
     {
         QTest::addColumn<QByteArray>("a");
         QTest::addColumn<QByteArray>("b");
@@ -59,7 +59,7 @@ private slots:
         QTest::newRow("empty") << QByteArray() << QByteArray() << false;
     }
 
-    void secretsAreCompared()
+    void onlyEqualSecretsMatch()
     {
         QFETCH(QByteArray, a);
         QFETCH(QByteArray, b);

@@ -136,7 +136,7 @@ private slots:
     }
 
     // A busy machine may not let us run until both times are over.
-    void processIsKilledEvenIfAllTheTimeIsOver()
+    void processIsKilledEvenAfterTheDeadline()
     {
         QVERIFY(startXServer());
         QVERIFY(startApplication("trap '' TERM; touch mark; while :; do sleep 0.05; done"));

@@ -161,7 +161,7 @@ private slots:
     }
 
     // A busy machine may not let the guard run until all the time is over.
-    void processesOfAKilledAgentAreKilledEvenIfAllTheTimeIsOver()
+    void processesOfAKilledAgentAreKilledEvenAfterTheDeadline()
     {
         const QByteArray mark = QFile::encodeName(path(u"mark"_s));
         start([&](int) {

@@ -11,7 +11,7 @@ class SessionTitleTest final : public QObject
     Q_OBJECT
 
 private slots:
-    void isTheNameOrTheDisplay_data()
+    void titleIsTheNameOrTheDisplay_data()
     {
         QTest::addColumn<QByteArray>("name");
         QTest::addColumn<QString>("title");
@@ -23,7 +23,7 @@ private slots:
         QTest::newRow("blanks alone") << QByteArray(" \n\t") << u"Session :7"_s;
     }
 
-    void isTheNameOrTheDisplay()
+    void titleIsTheNameOrTheDisplay()
     {
         QFETCH(QByteArray, name);
         QTEST(sessionTitle(name, 7), "title");

@@ -40,7 +40,7 @@ private slots:
         }
     }
 
-    void clientsThatDoNotReadHoldNobodyUp()
+    void clientsThatDoNotReadDelayNoOther()
     {
         const QTemporaryDir directory;
         SessionLog log;
