@@ -21,7 +21,10 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Otherwise our first files and sockets would get their numbers, and libraries would print into them. */
+/**
+ * Opens /dev/null for each standard stream that is closed. Otherwise our first files and sockets would get these
+ * numbers, and libraries would print into them.
+ */
 void ensureStandardDescriptors()
 {
     int descriptor = ::open("/dev/null", O_RDWR);

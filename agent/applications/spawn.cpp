@@ -94,7 +94,8 @@ pid_t spawnProcess(const SpawnRequest &request, QString *error)
     const std::vector<char *> environment = pointersTo(request.environment);
     const pid_t parent = ::getpid();
 
-    // Blocked until the child has reset its handlers: until then they would report a signal to the child as one to us.
+    // Block all signals until the child has reset its handlers. Until then the child's copies of our handlers would
+    // write to our pipe, and we would take a signal to the child for one to us.
     sigset_t all;
     sigset_t before;
     ::sigfillset(&all);

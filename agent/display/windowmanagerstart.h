@@ -26,7 +26,8 @@ public:
     WindowManagerStart(ApplicationRunner *applications, ChildWatcher *watcher, QObject *parent = nullptr);
 
     /**
-     * Starts it. settled() follows, unless cancel() is called before: at once when no window manager can be started.
+     * Starts it. settled() follows unless cancel() is called before. When no window manager can be started, settled()
+     * is emitted before start() returns.
      *
      * @param settingsPath  absolute; for the settings that we write for it
      * @param patience      how long to wait for it

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-/** The method that clients of ours use: who knows the cookie may connect. */
+/** The method that our clients use: a client that knows the cookie may connect. */
 inline constexpr std::string_view kXCookieMethod = "MIT-MAGIC-COOKIE-1";
 
 /** One entry of an X authority file. A value. */

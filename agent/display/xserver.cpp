@@ -46,8 +46,8 @@ QList<QByteArray> xServerArguments(const QByteArray &program, const XServerSetti
         program, ":" + QByteArray::number(settings.display),
         "-geometry", size.toLatin1(),
         "-depth", "24",
-        // The descriptor that the process inherits. With the file of the session directory instead, removing that file
-        // would open the display to every user of the machine.
+        // The descriptor that the process inherits, and not the file in the session directory. If that file were removed,
+        // the X server would let every user of the machine in.
         "-auth", "/proc/self/fd/3",
         "-desktop", settings.title.left(kMaxTitleLength).toUtf8(),
         // Only we can connect, and we have checked the password already.

@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** Everybody can write to the directory, so whatever has the lock's name may be anything. */
+/** Everybody can write to the directory, so the lock's name may belong to a link, a pipe or a directory. */
 pid_t lockOwner(const QByteArray &path)
 {
     const int file = ::open(path.constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);

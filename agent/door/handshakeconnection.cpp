@@ -59,8 +59,8 @@ std::unique_ptr<QTcpSocket> HandshakeConnection::takeSocket(QByteArray *unread)
 void HandshakeConnection::Socket_readyRead()
 {
     if (isFinished || handshake.state() == RfbHandshake::State::Refused) {
-        socket->skip(
-            kMaxInputBytes); // unread bytes would make the kernel reset the connection before our answer arrives
+        // Unread bytes would make the kernel reset the connection before our answer arrives.
+        socket->skip(kMaxInputBytes);
         return;
     }
     if (handshake.state() == RfbHandshake::State::Judgement) {

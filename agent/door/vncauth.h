@@ -15,7 +15,7 @@ inline constexpr qsizetype kVncChallengeBytes = 16;
  *
  * @param challenge  of kVncChallengeBytes
  * @return as many bytes; empty when the challenge has another length or the cipher is not available.
- *         equalInConstantTime() finds an empty response equal to none
+ *         equalInConstantTime() never matches an empty response
  */
 [[nodiscard]] QByteArray vncAuthResponse(const QByteArray &password, const QByteArray &challenge);
 

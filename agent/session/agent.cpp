@@ -132,7 +132,7 @@ bool Agent::startXServer(QString *error)
         return false;
     }
     guard->tell({display, xServer.pid()});
-    // Only now, because it takes long where a directory has many files, and the X server starts meanwhile.
+    // Watch last, because this takes long if a directory has many files, and the X server starts meanwhile.
     return directoryWatcher.watch(u"."_s, error);
 }
 

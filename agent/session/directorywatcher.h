@@ -8,7 +8,7 @@
 #include <chrono>
 
 /**
- * Notices that a directory was removed. A renamed directory still exists, and whoever moved it can move it back.
+ * Notices that a directory was removed. A renamed directory still exists, and can be moved back.
  * Owned by the agent, lives on the main thread.
  */
 class DirectoryWatcher final : public QObject

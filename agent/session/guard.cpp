@@ -131,7 +131,7 @@ void endOrphans(const AgentHoldings &holdings)
     if (awaitOrphans(holdings, kTerminateTime)) {
         return;
     }
-    // In a loop, because they may start others. At least once, because the machine may have stood still for all the
+    // In a loop, because they may start others. At least once, because a machine that stands still may use up all the
     // time.
     const Clock::time_point begin = Clock::now();
     do {

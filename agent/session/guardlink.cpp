@@ -28,6 +28,6 @@ void GuardLink::Notifier_activated()
 bool isGuardAlive(int link)
 {
     char byte = 0;
-    return ::recv(link, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK) !=
-           0; // the guard never sends anything, so 0 is the end of the stream
+    // The guard never sends anything, so 0 is the end of the stream.
+    return ::recv(link, &byte, sizeof byte, MSG_DONTWAIT | MSG_PEEK) != 0;
 }
