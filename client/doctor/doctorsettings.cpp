@@ -15,7 +15,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-/** The agent of a display above has no valid port. */
+/** A higher display would need a port above 65535. */
 constexpr int kHighestDisplay = 65535 - kFirstAgentPort;
 
 class SettingsInspection

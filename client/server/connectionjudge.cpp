@@ -18,8 +18,9 @@ constexpr auto kStartTimeout = 60s;
 constexpr auto kRestartInterval = 1s;
 
 /**
- * A server that starts writes its files, and one that ends exits, well within this time. If no file shows a server for
- * so long, and this many starts have ended without a message, the server that prevents them has other files.
+ * A server that starts writes its files well within this time, and a server that ends exits within it. So a server with
+ * other files prevents the starts if kSilentStarts of them have ended without a message and no file has shown a server
+ * for this time.
  */
 constexpr auto kUnseenTime = 5s;
 constexpr int kSilentStarts = 2;

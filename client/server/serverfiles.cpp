@@ -119,8 +119,8 @@ ServerFacts ServerFiles::readFacts() const
     if (facts.pidFile == NumberFile::Unreadable) {
         return facts;
     }
-    // Compared before the port is read: a port written after this counts as old and is read again, but a server never
-    // gets the port of an earlier one.
+    // Compare before reading the port. A port that is written in between then counts as old and is read again. In the
+    // other order, a server could get the port of an earlier one.
     facts.isPortOlder = facts.pidFile != NumberFile::Missing && isOlder(portPath(), pidPath());
     facts.portFile = readNumber(portPath(), kMaxPort, &facts.port, &facts.error);
     if (facts.pidFile == NumberFile::Missing && facts.portFile == NumberFile::Valid) {

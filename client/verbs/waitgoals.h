@@ -3,7 +3,7 @@
 
 #include <QStringList>
 
-/** What "wait" can wait for. Those that are no state of a listed session mean that it has ended. */
+/** What "wait" can wait for. "ended" is no state of a listed session: an ended session is not listed any more. */
 [[nodiscard]] inline QStringList waitGoals()
 {
     return {QStringLiteral("connected"), QStringLiteral("suspended"), QStringLiteral("ended")};

@@ -36,8 +36,8 @@ void drawTable(Console &console, const SessionList &sessions)
 }
 
 /**
- * Wakes the follower when the terminal is resized and when the reader of the output closes it. A write would tell the
- * latter too, but there is none until a session changes.
+ * Wakes the follower when the terminal is resized and when the reader of the output closes it. A write would fail
+ * without a reader too, but nothing is written until a session changes.
  */
 class OutputWatch
 {
