@@ -26,7 +26,7 @@ namespace {
 const QByteArray kRightResponse = "<right>";
 /** Separates the client's bytes from those of the X server. */
 const QByteArray kSeparator = "\n--\n";
-/** After so many rounds in which nothing happens a play is over. */
+/** A play is over after this many rounds in which nothing happens. */
 constexpr int kQuietRounds = 6;
 constexpr int kMostRounds = 100;
 

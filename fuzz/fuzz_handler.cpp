@@ -96,7 +96,7 @@ void playAndLeave(const QByteArray &stream)
             connection.feed(takePiece(&rest, &dice));
             interfere(&connection, &dice);
         } while (!rest.isEmpty() && dice.roll(8) != 0);
-        // Otherwise the server ends, in the middle of its work.
+        // Half of the time the peer leaves. Otherwise the server ends in the middle of its work.
         if (dice.roll(2) == 0) {
             connection.leave();
             connection.finish();

@@ -9,7 +9,7 @@
 
 /**
  * Takes one of the @p inputs, of which there must be at least one, and changes it in a few places: changes, inserts,
- * removes and doubles bytes, inserts words, or appends the end of another input. The same @p number gives the same
+ * removes and copies bytes, inserts words, or appends the end of another input. The same @p number gives the same
  * result.
  */
 [[nodiscard]] QByteArray mutatedInput(const QByteArrayList &inputs, const QByteArrayList &words, unsigned number);
