@@ -208,7 +208,7 @@ void TestAgentInfo::agentIsSentNothing()
     Session session;
     QString error;
     QVERIFY2(readAgentInfo(&session, path, &error), qPrintable(error));
-    QTRY_COMPARE(agent.goodbyes(), 1);
+    QTRY_COMPARE(agent.disconnections(), 1);
     QCOMPARE(agent.calls(), 1);
     QCOMPARE(agent.heard(), QByteArray());
 }

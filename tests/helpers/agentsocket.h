@@ -88,7 +88,7 @@ public:
         return heardBytes;
     }
     /** How many clients have disconnected, with AnswerAndHearMore. */
-    [[nodiscard]] int goodbyes() const
+    [[nodiscard]] int disconnections() const
     {
         const QMutexLocker locker(&mutex);
         return goodbyeCount;

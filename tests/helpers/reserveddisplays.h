@@ -49,7 +49,7 @@ public:
 
 private:
     /**
-     * From kBegin on both ports of a display lie outside the range of the system's outgoing ports. The tests of the
+     * From kBegin on, both ports of a display lie outside the range of the system's outgoing ports. The tests of the
      * built programs use the numbers from kEnd on, and remove all files of those.
      */
     static constexpr int kBegin = 20000;
