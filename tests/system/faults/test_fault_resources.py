@@ -160,7 +160,7 @@ class Resources(faults.FaultCase):
     def test_no_descriptor_for_a_start(self):
         self.start(errno.EMFILE, faults.DESCRIPTOR)
         # Without refreshes in between, so that each place of a start has its turn.
-        refusals = self.start(errno.EMFILE, faults.DESCRIPTOR | faults.ASIDE)
+        refusals = self.start(errno.EMFILE, faults.DESCRIPTOR | faults.OTHER_THREADS)
         self.assertLessEqual({-32080, -32083, -32084, -32088}, set(refusals))
 
     def test_no_process_for_a_start(self):

@@ -11,8 +11,8 @@ LIBRARY = os.path.join(zarvo.BUILD, "tests", "discovery", "libclockshift.so")
 
 def shifting(test, server):
     """
-    Prepares a server that is not running. Returns a function that sets its clocks forward: so many seconds for the wall
-    clock, and so many for the monotonic one.
+    Prepares a server that is not running. Returns a function that sets its wall clock and its monotonic
+    clock forward, each by its own number of seconds.
     """
     if not os.path.exists(LIBRARY):
         reason = f"no \"{LIBRARY}\": the build folder's tests are not built"

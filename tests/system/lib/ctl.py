@@ -50,7 +50,7 @@ class CtlTestCase(zarvo.TestCase):
         return process
 
     def held(self, server, *arguments, path, nth=1):
-        """zarvoctl in the background, held in front of the nth opening of a path that begins so."""
+        """zarvoctl in the background, held before it opens a path with this beginning for the nth time."""
         sign = os.path.join(server.top, "held")
         process = self.background(server, *arguments, environment={
             "LD_PRELOAD": faults.libraries("hold"), "ZARVO_HOLD": sign, "ZARVO_HOLD_PATH": path,

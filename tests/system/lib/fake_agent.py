@@ -8,7 +8,7 @@ RECORDS is a folder outside the session directory. RECORDS/agent-SESSION.conf, e
     state=socket|log        serve the state on /tmp/Xrdp_N.sock, or write it to server_log
     ready=no                never report that the session started
     ready=hold              not before RECORDS/go-SESSION exists
-    ready_delay=SECONDS     report it so much later
+    ready_delay=SECONDS     report it that much later
     exit_at_once=CODE       end before anything is reported
     exit_file=no            end without server_exit
     pid_file=no             write no server_pid

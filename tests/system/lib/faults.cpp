@@ -30,14 +30,14 @@ namespace {
 
 /** Kinds of calls, as bits. A call may be of several kinds. */
 enum Kind : int64_t {
-    kDisk = 1,       ///< makes or changes a file or a directory
-    kDescriptor = 2, ///< makes a descriptor
-    kProcess = 4,    ///< makes a process
-    kThread = 8,     ///< makes a thread
-    kSignal = 16,    ///< sends a signal
-    kSocket = 32,    ///< writes to a socket, or makes one listen
-    kRemoval = 64,   ///< removes a file or a directory
-    kAside = 128,    ///< together with others: only the calls of threads other than the main one
+    kDisk = 1,           ///< makes or changes a file or a directory
+    kDescriptor = 2,     ///< makes a descriptor
+    kProcess = 4,        ///< makes a process
+    kThread = 8,         ///< makes a thread
+    kSignal = 16,        ///< sends a signal
+    kSocket = 32,        ///< writes to a socket, or makes one listen
+    kRemoval = 64,       ///< removes a file or a directory
+    kOtherThreads = 128, ///< together with others: only the calls of threads other than the main one
 };
 
 constexpr int64_t kKill = -1;
@@ -81,11 +81,11 @@ bool isServer()
 /** The main thread refreshes the sessions all the time, so its calls vary from run to run. */
 bool isThreadMeant()
 {
-    return (control->kinds & kAside) == 0 || ::gettid() != ::getpid();
+    return (control->kinds & kOtherThreads) == 0 || ::gettid() != ::getpid();
 }
 
 /** Whether the call has to fail; sets errno. Does not return if the process has to end. */
-bool strike(int64_t kinds, const char *call, const char *path)
+bool injectFault(int64_t kinds, const char *call, const char *path)
 {
     const int savedErrno = errno;
     if (!control || (control->kinds & kinds) == 0 || !isServer() || !isThreadMeant() ||
@@ -137,7 +137,7 @@ Target target(int descriptor)
 }
 
 /** Writes to pipes and events do not count, because no other process sees them. */
-bool strikeWrite(int descriptor, const char *call)
+bool injectIntoWrite(int descriptor, const char *call)
 {
     if (!control || control->kinds == 0) {
         return false;
@@ -145,7 +145,7 @@ bool strikeWrite(int descriptor, const char *call)
     const int savedErrno = errno;
     const Target found = target(descriptor);
     errno = savedErrno;
-    return found.kind != 0 && strike(found.kind, call, found.path);
+    return found.kind != 0 && injectFault(found.kind, call, found.path);
 }
 
 int64_t kindsOfOpen(int flags)
@@ -153,11 +153,11 @@ int64_t kindsOfOpen(int flags)
     return (flags & (O_CREAT | O_TRUNC)) != 0 ? kDescriptor | kDisk : kDescriptor;
 }
 
-bool strikeOpen(const char *path, int flags)
+bool injectIntoOpen(const char *path, int flags)
 {
     // Devices need descriptors, but a write to one changes nothing.
     const int64_t kinds = std::strncmp(path, "/dev/", 5) == 0 ? static_cast<int64_t>(kDescriptor) : kindsOfOpen(flags);
-    return strike(kinds, "open", path);
+    return injectFault(kinds, "open", path);
 }
 
 /** Runs when the library is loaded. */
@@ -198,7 +198,7 @@ int modeArgument(int flags, va_list arguments)
         va_start(arguments, flags);                                                                                    \
         const int mode = modeArgument(flags, arguments);                                                               \
         va_end(arguments);                                                                                             \
-        return strikeOpen(path, flags) ? -1 : NEXT(name)(path, flags, mode);                                           \
+        return injectIntoOpen(path, flags) ? -1 : NEXT(name)(path, flags, mode);                                       \
     }
 
 DEFINE_OPEN(open)
@@ -206,98 +206,98 @@ DEFINE_OPEN(open64)
 
 EXPORT ssize_t write(int descriptor, const void *data, size_t size)
 {
-    return strikeWrite(descriptor, "write") ? -1 : NEXT(write)(descriptor, data, size);
+    return injectIntoWrite(descriptor, "write") ? -1 : NEXT(write)(descriptor, data, size);
 }
 
 EXPORT int mkdir(const char *path, mode_t mode) noexcept
 {
-    return strike(kDisk, "mkdir", path) ? -1 : NEXT(mkdir)(path, mode);
+    return injectFault(kDisk, "mkdir", path) ? -1 : NEXT(mkdir)(path, mode);
 }
 
 EXPORT int rmdir(const char *path) noexcept
 {
-    return strike(kRemoval, "rmdir", path) ? -1 : NEXT(rmdir)(path);
+    return injectFault(kRemoval, "rmdir", path) ? -1 : NEXT(rmdir)(path);
 }
 
 EXPORT int unlink(const char *path) noexcept
 {
-    return strike(kRemoval, "unlink", path) ? -1 : NEXT(unlink)(path);
+    return injectFault(kRemoval, "unlink", path) ? -1 : NEXT(unlink)(path);
 }
 
 EXPORT int rename(const char *from, const char *to) noexcept
 {
-    return strike(kDisk, "rename", to) ? -1 : NEXT(rename)(from, to);
+    return injectFault(kDisk, "rename", to) ? -1 : NEXT(rename)(from, to);
 }
 
 EXPORT int renameat2(int fromFolder, const char *from, int toFolder, const char *to, unsigned flags) noexcept
 {
-    return strike(kDisk, "rename", to) ? -1 : NEXT(renameat2)(fromFolder, from, toFolder, to, flags);
+    return injectFault(kDisk, "rename", to) ? -1 : NEXT(renameat2)(fromFolder, from, toFolder, to, flags);
 }
 
 EXPORT int chmod(const char *path, mode_t mode) noexcept
 {
-    return strike(kDisk, "chmod", path) ? -1 : NEXT(chmod)(path, mode);
+    return injectFault(kDisk, "chmod", path) ? -1 : NEXT(chmod)(path, mode);
 }
 
 EXPORT int fchmod(int descriptor, mode_t mode) noexcept
 {
-    return strikeWrite(descriptor, "chmod") ? -1 : NEXT(fchmod)(descriptor, mode);
+    return injectIntoWrite(descriptor, "chmod") ? -1 : NEXT(fchmod)(descriptor, mode);
 }
 
 EXPORT int ftruncate64(int descriptor, off64_t size) noexcept
 {
-    return strikeWrite(descriptor, "truncate") ? -1 : NEXT(ftruncate64)(descriptor, size);
+    return injectIntoWrite(descriptor, "truncate") ? -1 : NEXT(ftruncate64)(descriptor, size);
 }
 
 // Other descriptors
 
 EXPORT int socket(int domain, int type, int protocol) noexcept
 {
-    return strike(kDescriptor, "socket", "") ? -1 : NEXT(socket)(domain, type, protocol);
+    return injectFault(kDescriptor, "socket", "") ? -1 : NEXT(socket)(domain, type, protocol);
 }
 
 EXPORT int socketpair(int domain, int type, int protocol, int ends[2]) noexcept
 {
-    return strike(kDescriptor, "socketpair", "") ? -1 : NEXT(socketpair)(domain, type, protocol, ends);
+    return injectFault(kDescriptor, "socketpair", "") ? -1 : NEXT(socketpair)(domain, type, protocol, ends);
 }
 
 EXPORT int accept4(int descriptor, sockaddr *address, socklen_t *length, int flags)
 {
-    return strike(kDescriptor, "accept", "") ? -1 : NEXT(accept4)(descriptor, address, length, flags);
+    return injectFault(kDescriptor, "accept", "") ? -1 : NEXT(accept4)(descriptor, address, length, flags);
 }
 
 EXPORT int pipe2(int ends[2], int flags) noexcept
 {
-    return strike(kDescriptor, "pipe", "") ? -1 : NEXT(pipe2)(ends, flags);
+    return injectFault(kDescriptor, "pipe", "") ? -1 : NEXT(pipe2)(ends, flags);
 }
 
 EXPORT int eventfd(unsigned value, int flags) noexcept
 {
-    return strike(kDescriptor, "eventfd", "") ? -1 : ::syscall(SYS_eventfd2, value, flags);
+    return injectFault(kDescriptor, "eventfd", "") ? -1 : ::syscall(SYS_eventfd2, value, flags);
 }
 
 // Sockets
 
 EXPORT int listen(int descriptor, int backlog) noexcept
 {
-    return strike(kSocket, "listen", "") ? -1 : NEXT(listen)(descriptor, backlog);
+    return injectFault(kSocket, "listen", "") ? -1 : NEXT(listen)(descriptor, backlog);
 }
 
 EXPORT ssize_t send(int descriptor, const void *data, size_t size, int flags)
 {
-    return strikeWrite(descriptor, "send") ? -1 : NEXT(send)(descriptor, data, size, flags);
+    return injectIntoWrite(descriptor, "send") ? -1 : NEXT(send)(descriptor, data, size, flags);
 }
 
 EXPORT ssize_t sendmsg(int descriptor, const msghdr *message, int flags)
 {
-    return strikeWrite(descriptor, "send") ? -1 : NEXT(sendmsg)(descriptor, message, flags);
+    return injectIntoWrite(descriptor, "send") ? -1 : NEXT(sendmsg)(descriptor, message, flags);
 }
 
 // Processes and threads
 
 EXPORT pid_t fork() noexcept
 {
-    return strike(kProcess, "fork", "") ? -1 : NEXT(fork)();
+    return injectFault(kProcess, "fork", "") ? -1 : NEXT(fork)();
 }
 
 EXPORT int clone(int (*start)(void *), void *stack, int flags, void *argument, ...) noexcept
@@ -308,7 +308,8 @@ EXPORT int clone(int (*start)(void *), void *stack, int flags, void *argument, .
     void *const storage = va_arg(arguments, void *);
     void *const childId = va_arg(arguments, void *);
     va_end(arguments);
-    return strike(kProcess, "fork", "") ? -1 : NEXT(clone)(start, stack, flags, argument, parentId, storage, childId);
+    return injectFault(kProcess, "fork", "") ? -1
+                                             : NEXT(clone)(start, stack, flags, argument, parentId, storage, childId);
 }
 
 /** Qt also makes processes by a system call that the C library has no function for. */
@@ -321,7 +322,7 @@ EXPORT long syscall(long number, ...) noexcept
         value = va_arg(arguments, long);
     }
     va_end(arguments);
-    if ((number == SYS_clone || number == SYS_clone3) && strike(kProcess, "fork", "")) {
+    if ((number == SYS_clone || number == SYS_clone3) && injectFault(kProcess, "fork", "")) {
         return -1;
     }
     return NEXT(syscall)(number, values[0], values[1], values[2], values[3], values[4], values[5]);
@@ -330,7 +331,7 @@ EXPORT long syscall(long number, ...) noexcept
 EXPORT int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*start)(void *),
                           void *argument) noexcept
 {
-    return strike(kThread, "thread", "") ? errno : NEXT(pthread_create)(thread, attributes, start, argument);
+    return injectFault(kThread, "thread", "") ? errno : NEXT(pthread_create)(thread, attributes, start, argument);
 }
 
 EXPORT pid_t setsid() noexcept
@@ -346,7 +347,7 @@ EXPORT pid_t setsid() noexcept
 EXPORT int kill(pid_t process, int number) noexcept
 {
     // Signal 0 changes nothing.
-    return number != 0 && strike(kSignal, "kill", "") ? -1 : NEXT(kill)(process, number);
+    return number != 0 && injectFault(kSignal, "kill", "") ? -1 : NEXT(kill)(process, number);
 }
 
 // The clock

@@ -19,7 +19,7 @@ import zarvo
 
 DISK, DESCRIPTOR, PROCESS, THREAD, SIGNAL, SOCKET, REMOVAL = 1, 2, 4, 8, 16, 32, 64
 # Together with others: only the calls that threads other than the main one make. Requests run there.
-ASIDE = 128
+OTHER_THREADS = 128
 # Everything that another process could see.
 CHANGES = DISK | PROCESS | SIGNAL | SOCKET | REMOVAL
 
@@ -76,7 +76,7 @@ class Faults:
         self.arm(0, 0, 0, kinds, path)
 
     def off(self):
-        """Stops counting and acting. The numbers of before can still be read."""
+        """Stops counting and acting. The counts can still be read."""
         self.set(KINDS, 0)
 
     def start(self, server, **how):
@@ -133,7 +133,7 @@ class FaultCase(zarvo.TestCase):
         return zarvo.wait_until(listed, "an answer of the agent")
 
     def killed_in(self, nth, method, *params):
-        """Whether the server was killed in front of its nth step after it got the call. If so, it is started again."""
+        """Whether the server was killed before its nth step after it got the call. If so, it is started again."""
         with self.instance.client() as client:
             client.call("Live.GetVersion")
             self.faults.kill(nth)

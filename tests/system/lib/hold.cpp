@@ -2,8 +2,8 @@
 /*
  * Loaded into a program before its libraries. It holds the program before it opens one file, so that a test can change
  * files between two reads. It makes the file ZARVO_HOLD while it holds the program, and goes on when a file of this
- * name with "-go" at its end exists. ZARVO_HOLD_PATH is the beginning of the path, ZARVO_HOLD_NTH the number of the
- * opening.
+ * name with "-go" at its end exists. ZARVO_HOLD_PATH is the beginning of the path. ZARVO_HOLD_NTH says
+ * which opening of such a path is held, counted from 1.
  */
 #include <cstdarg>
 #include <cstdlib>
