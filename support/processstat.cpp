@@ -3,6 +3,8 @@
 
 #include "support/filereader.h"
 
+#include <QList>
+
 using namespace Qt::StringLiterals;
 
 namespace {
