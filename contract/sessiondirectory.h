@@ -33,6 +33,16 @@ inline constexpr int kFirstAgentPort = 41000;
     return static_cast<quint16>(kFirstAgentPort + display);
 }
 
+/**
+ * The name, in the session's directory, of the local socket where the agent waits for the user's own viewers. It asks
+ * for no password, because only this user and root can connect. The name holds the display, because a later run under
+ * the same id may use the directory while the earlier run ends. Other agents may have no such socket.
+ */
+[[nodiscard]] inline QString viewerSocketName(quint16 display)
+{
+    return QStringLiteral("viewer-%1.sock").arg(display);
+}
+
 /** The path of the local socket that tells an agent's state; "%1" stands for the display number. */
 inline constexpr QLatin1StringView kAgentSocketForm("/tmp/Xrdp_%1.sock");
 

@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "support/localendpoint.h"
 
+#include "support/peerowner.h"
+
 #include <QFile>
 #include <QSocketNotifier>
 #include <QTimer>
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 
 #include <sys/socket.h>
@@ -47,6 +50,23 @@ int closeKeepingErrno(int descriptor)
     return -1;
 }
 
+/** Connects, and checks whose process listens before a byte is sent to it. */
+int connectTo(const sockaddr_un &address, socklen_t size)
+{
+    const int descriptor = newSocket();
+    if (descriptor == -1) {
+        return -1;
+    }
+    if (::connect(descriptor, reinterpret_cast<const sockaddr *>(&address), size) != 0) {
+        return closeKeepingErrno(descriptor);
+    }
+    if (!isLocalPeerTrusted(descriptor)) {
+        errno = EPERM;
+        return closeKeepingErrno(descriptor);
+    }
+    return descriptor;
+}
+
 /** Sets the permissions through the mask, because others could connect between bind() and a later chmod(). */
 int bindPrivately(int descriptor, const sockaddr_un &address)
 {
@@ -64,14 +84,17 @@ int connectLocalSocket(const QString &path)
     if (!fillAddress(QFile::encodeName(path), &address)) {
         return -1;
     }
-    const int descriptor = newSocket();
-    if (descriptor == -1) {
+    return connectTo(address, sizeof address);
+}
+
+int connectAbstractSocket(const QByteArray &name)
+{
+    sockaddr_un address;
+    if (!fillAddress(QByteArray(1, '\0') + name, &address)) {
         return -1;
     }
-    if (::connect(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        return closeKeepingErrno(descriptor);
-    }
-    return descriptor;
+    return connectTo(address,
+                     static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)) + 1 + static_cast<socklen_t>(name.size()));
 }
 
 bool removeDeadSocket(const QString &path, QString *error)
@@ -86,7 +109,7 @@ bool removeDeadSocket(const QString &path, QString *error)
         return false;
     }
     const int probe = connectLocalSocket(path);
-    if (probe != -1 || errno == EAGAIN) {
+    if (probe != -1 || errno == EAGAIN || errno == EPERM) {
         *error = u"The socket \"%1\" is in use by another process"_s.arg(path);
         if (probe != -1) {
             ::close(probe);
@@ -147,6 +170,10 @@ void LocalEndpoint::acceptPending()
 {
     // One per activation, so that other events get their turn. The notifier fires again while more are waiting.
     const int descriptor = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (descriptor != -1 && !isLocalPeerTrusted(descriptor)) {
+        ::close(descriptor);
+        return;
+    }
     if (descriptor != -1) {
         emit accepted(descriptor);
         return;

@@ -29,7 +29,10 @@ public:
     [[nodiscard]] bool listen(const QString &path, QString *error);
 
 signals:
-    /** A client has connected. The receiver owns @p descriptor, which is close-on-exec and non-blocking. */
+    /**
+     * A client of this user, or of root, has connected. Those of others are closed at once. The receiver owns
+     * @p descriptor, which is close-on-exec and non-blocking.
+     */
     void accepted(int descriptor);
 
 private:
@@ -41,11 +44,16 @@ private:
 };
 
 /**
- * Connects to the local socket at @p path. Never waits: it fails if the listener's queue is full.
+ * Connects to the local socket at @p path. Never waits: it fails if the listener's queue is full. The listener must be
+ * a process of this user or of root, because anybody may have put a socket there.
  *
- * @return a close-on-exec, non-blocking descriptor that the caller owns; -1 with errno set on failure
+ * @return a close-on-exec, non-blocking descriptor that the caller owns; -1 with errno set on failure: EPERM if the
+ *         listener is another user's
  */
 [[nodiscard]] int connectLocalSocket(const QString &path);
+
+/** The same for the socket with the abstract @p name, which has no file. The name is given without its leading zero. */
+[[nodiscard]] int connectAbstractSocket(const QByteArray &name);
 
 /**
  * Removes the stale socket of a dead process at @p path. Succeeds if nothing is there.

@@ -12,6 +12,7 @@ import subprocess
 import tempfile
 import unittest
 
+import accounts
 import rfb
 import zarvo
 
@@ -41,8 +42,9 @@ def become_subreaper():
 class AgentSession:
     """A session directory with an agent that may be running in it."""
 
-    def __init__(self, display):
+    def __init__(self, display, account=None):
         self.display = display
+        self.account = account
         self.port = 41000 + display
         self.directory = tempfile.mkdtemp(prefix="zarvo-agent-")
         self.home = os.path.join(self.directory, "home")
@@ -53,6 +55,8 @@ class AgentSession:
         self.write("display", str(display))
         self.write("name", "a name of three words and more")
         self.make_authority()
+        if account:
+            account.own(self.directory)
 
     def path(self, name):
         return os.path.join(self.directory, name)
@@ -84,9 +88,12 @@ class AgentSession:
         return {**variables, **changes}
 
     def launch(self, *arguments, preexec=None, **changes):
-        self.process = subprocess.Popen([START_AGENT, *arguments], cwd=self.directory, preexec_fn=preexec,
+        program, identity = START_AGENT, {}
+        if self.account:
+            program, identity = accounts.program(START_AGENT), self.account.identity()
+        self.process = subprocess.Popen([program, *arguments], cwd=self.directory, preexec_fn=preexec,
                                         env=self.environment(**changes), stdin=subprocess.DEVNULL,
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **identity)
         self.write("monitor_pid", str(self.process.pid))  # as the server does: without it the agent ends itself
 
     def start(self, geometry="800x600", **changes):
@@ -209,10 +216,10 @@ class AgentTestCase(unittest.TestCase):
         cls.addClassCleanup(cls.displays.close)
         cls.next_display = 0
 
-    def session(self):
+    def session(self, account=None):
         number = self.displays.base + self.next_display % self.displays.count
         type(self).next_display += 1
-        session = AgentSession(number)
+        session = AgentSession(number, account)
         self.addCleanup(session.close)
         return session
 

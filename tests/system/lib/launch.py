@@ -13,14 +13,15 @@ from basics import BINARY, DEADLINE, HERE, wait_until
 class Launch:
     """One start of the server under a keeper: what it printed, and how it and its children ended."""
 
-    def __init__(self, environment, stdin="/dev/null", descriptors=()):
+    def __init__(self, environment, stdin="/dev/null", descriptors=(), account=None, binary=BINARY, library=HERE,
+                 python=sys.executable):
         report, report_out = os.pipe()
         stdout, stdout_out = os.pipe()
         stderr, stderr_out = os.pipe()
         self.keeper = subprocess.Popen(
-            [sys.executable, "-ISB", os.path.join(HERE, "keeper.py"), str(report_out), stdin, BINARY],
+            [python, "-ISB", os.path.join(library, "keeper.py"), str(report_out), stdin, binary],
             stdin=subprocess.PIPE, stdout=stdout_out, stderr=stderr_out, pass_fds=(report_out, *descriptors),
-            env=environment)
+            env=environment, **(account.identity() if account else {}))
         for descriptor in (report_out, stdout_out, stderr_out):
             os.close(descriptor)
         os.set_blocking(report, False)

@@ -37,11 +37,13 @@ class Server:
     environment   added to the server's environment; None removes a variable
     programs      names of the only programs on its search path besides the fake agent's; default: everything
     agent         False: the search path holds no fake agent
+    account       the user (accounts.Account) whose server it is; default: the one who runs the test
     """
 
     pair = pair_folder = None  # made once per process, because making a key is slow
 
-    def __init__(self, settings=None, certificate=True, environment=None, programs=None, agent=True, displays=20):
+    def __init__(self, settings=None, certificate=True, environment=None, programs=None, agent=True, displays=20,
+                 account=None):
         if not os.access(BINARY, os.X_OK):
             raise AssertionError(f"no server at '{BINARY}': ZARVO_BUILD_DIR has to name the build folder")
         # A short path, because that of a local socket is limited, and the same for every user.
@@ -56,6 +58,7 @@ class Server:
         self.path = os.path.join(self.home, ".zarvo_server", HOST)
         self.certificate = os.path.join(self.home, ".zarvo_server", "server_cert")
         self.key = os.path.join(self.home, ".zarvo_server", "server_key")
+        self.account = account
         self.launches, self.clients = [], []
         self.pid = self.port = None
         for folder in (self.path, self.temp, self.bin, self.records, self.reports):
@@ -98,7 +101,8 @@ class Server:
         os.chmod(path, 0o755)
 
     def install_agent(self):
-        python, agent, records = map(shlex.quote, (sys.executable, os.path.join(HERE, "fake_agent.py"), self.records))
+        python, agent, records = map(shlex.quote, (self.python(), os.path.join(self.library(), "fake_agent.py"),
+                                                        self.records))
         self.install_program("start-agent", f'exec {python} -ISB {agent} {records} "$@"\n')
         # "app-SESSION" holds the number of arguments, the working directory and the arguments.
         self.install_program("start-app", f'seen={records}/app-"${{PWD##*/}}"\n'
@@ -136,6 +140,8 @@ class Server:
     # Start and end
 
     def start(self, check=True, **how):
+        if self.account:
+            how.update(self.hand_over())
         launch = Launch(self.environment, **how)
         self.launches.append(launch)
         if check:
@@ -144,6 +150,24 @@ class Server:
             self.pid = int(read(self.pid_file))
             self.port = int(read(self.port_file))
         return launch
+
+    def library(self):
+        """Where the account can read the modules of this folder."""
+        import accounts  # not above, because it needs this module
+        return os.path.join(accounts.published(), "lib") if self.account else HERE
+
+    def python(self):
+        import accounts
+        return accounts.python() if self.account else sys.executable
+
+    def hand_over(self):
+        """Gives all files to the account. Returns what makes a Launch its own."""
+        import accounts
+        self.account.own(self.top)
+        # Others may go through it, because the programs below it are not secret. A home directory is private.
+        os.chmod(self.top, 0o755)
+        return {"account": self.account, "binary": accounts.program(BINARY), "library": self.library(),
+                "python": self.python()}
 
     def stop(self, number=signal.SIGTERM, deadline=DEADLINE):
         """Ends the server and returns its exit status; negative for a signal."""
