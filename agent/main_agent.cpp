@@ -6,6 +6,7 @@
 #include "agent/session/guardlink.h"
 #include "agent/session/sessionlog.h"
 #include "base/signalcatcher.h"
+#include "contract/application.h"
 
 #include <QCoreApplication>
 
@@ -74,6 +75,7 @@ AgentExitCode runSession(SessionLog *log, int guard, int signalReadEnd, int sign
 AgentExitCode runAgent(int argc, char **argv, int guard)
 {
     const QCoreApplication application(argc, argv);
+    nameApplication(); // the server's settings say where the certificate is
     QString error;
     SessionLog log;
     std::array<int, 2> signalEnds = {};

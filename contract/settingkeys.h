@@ -15,3 +15,11 @@ inline constexpr QLatin1StringView kListenPort("ListenPort");
 inline constexpr QLatin1StringView kBroadcastPort("BroadcastPort");
 inline constexpr QLatin1StringView kBroadcastAddress("BroadcastAddress");
 } // namespace SettingKey
+
+/** The same for the bundled agent's own settings file. AgentSettings says what each one holds. */
+namespace AgentSettingKey {
+inline constexpr QLatin1StringView kAllowPlainFromNetwork("AllowPlainFromNetwork");
+inline constexpr QLatin1StringView kListenAddress("ListenAddress");
+inline constexpr QLatin1StringView kAllowLocalUsers("AllowLocalUsers");
+inline constexpr QLatin1StringView kPasswordMinutes("PasswordMinutes");
+} // namespace AgentSettingKey

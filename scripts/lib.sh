@@ -52,7 +52,8 @@ print_flakes() {
     printf '%s\n' "${flakes[@]}"
 }
 
-build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev libjsoncpp-dev libssl-dev libxau-dev libxcb1-dev libpng-dev)
+build_packages=(g++ cmake ninja-build pkg-config qt6-base-dev libjsoncpp-dev libssl-dev libxau-dev libxcb1-dev libpng-dev
+    libseccomp-dev)
 # The first line is for sessions, the second one for "zarvoctl connect".
 run_packages=(tigervnc-standalone-server xauth openssl xterm xfonts-base openbox
     tigervnc-viewer openssh-client)

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "agent/door/clientconnection.h"
 
-#include "support/localendpoint.h"
-
 #include <array>
 #include <chrono>
 #include <utility>
@@ -20,8 +18,6 @@ constexpr qint64 kChunkBytes = 64 * 1024;
 /** Bytes written that the other side has not taken yet. One direction costs about this and the read buffer. */
 constexpr qint64 kMaxUnsentBytes = 256 * 1024;
 constexpr qint64 kReadBufferBytes = 256 * 1024;
-constexpr qsizetype kMaxHandshakeBytes = 1024;
-constexpr auto kBackendDeadline = 5s;
 
 /**
  * A client whose machine has vanished is noticed after 90 seconds of silence, or after 60 seconds in which it confirms
@@ -55,36 +51,35 @@ void setTcpOption(int socket, int option, int value)
 
 } // namespace
 
-ClientConnection::ClientConnection(std::unique_ptr<QTcpSocket> client_, QByteArray unread, QObject *parent)
-    : QObject(parent)
-    , client(std::move(client_))
-    , peer(client->peerAddress())
-    , fromClient(std::move(unread))
+ClientConnection::ClientConnection(int descriptor, const QString &address, QObject *parent)
+    : ViewerClient(address, parent)
 {
+    // Qt takes a local socket as well.
+    client.setSocketDescriptor(descriptor);
     configureClientSocket();
-    connect(client.get(), &QTcpSocket::readyRead, this, &ClientConnection::copyToBackend);
-    connect(client.get(), &QTcpSocket::bytesWritten, this, &ClientConnection::copyToClient);
-    connect(client.get(), &QTcpSocket::disconnected, this, [this] { end(u"The client closed the connection"_s); });
-    connect(&backend, &QLocalSocket::readyRead, this, &ClientConnection::Backend_readyRead);
-    connect(&backend, &QLocalSocket::bytesWritten, this, &ClientConnection::copyToBackend);
-    connect(&backend, &QLocalSocket::disconnected, this, [this] { end(u"The X server closed the connection"_s); });
-    connect(&deadline, &QTimer::timeout, this, [this] { end(u"The X server did not answer"_s); });
-    deadline.setSingleShot(true);
+    connect(&client, &QTcpSocket::readyRead, this, &ClientConnection::copyToBackend);
+    connect(&client, &QTcpSocket::bytesWritten, this, &ClientConnection::copyToClient);
+    connect(&client, &QTcpSocket::disconnected, this, [this] { end(u"The client closed the connection"_s); });
+    connect(&opening, &BackendConnection::opened, this, &ClientConnection::Opening_opened);
+    connect(&opening, &BackendConnection::failed, this, &ClientConnection::end);
 }
 
 ClientConnection::~ClientConnection()
 {
     // Their destructors close them, and our slots must not run then.
-    client->disconnect(this);
-    backend.disconnect(this);
+    client.disconnect(this);
+    if (backend) {
+        backend->disconnect(this);
+    }
 }
 
 void ClientConnection::configureClientSocket()
 {
-    client->setReadBufferSize(kReadBufferBytes);
-    client->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    client->setSocketOption(QAbstractSocket::KeepAliveOption, 1);
-    const int descriptor = static_cast<int>(client->socketDescriptor());
+    client.setReadBufferSize(kReadBufferBytes);
+    client.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    client.setSocketOption(QAbstractSocket::KeepAliveOption, 1);
+    const int descriptor = static_cast<int>(client.socketDescriptor());
+    // A local socket refuses these, and needs none.
     setTcpOption(descriptor, TCP_KEEPIDLE, kKeepaliveIdleSeconds);
     setTcpOption(descriptor, TCP_KEEPINTVL, kKeepaliveIntervalSeconds);
     setTcpOption(descriptor, TCP_KEEPCNT, kKeepaliveProbes);
@@ -93,55 +88,31 @@ void ClientConnection::configureClientSocket()
 
 void ClientConnection::start(const QString &backendPath)
 {
-    deadline.start(kBackendDeadline);
-    const int descriptor = connectLocalSocket(backendPath);
-    if (descriptor == -1) {
-        deadline.start(0s);
-        return;
-    }
-    backend.setReadBufferSize(kReadBufferBytes);
-    backend.setSocketDescriptor(descriptor);
+    opening.open(backendPath);
 }
 
-void ClientConnection::Backend_readyRead()
+void ClientConnection::Opening_opened()
 {
-    if (isRelaying) {
-        copyToClient();
-        return;
-    }
-    if (isEnded) {
-        return;
-    }
-    fromBackend += backend.read(kMaxHandshakeBytes - fromBackend.size());
-    handshake.receive(&fromBackend);
-    backend.write(handshake.output());
-    if (handshake.state() == BackendHandshake::State::Done) {
-        beginRelay();
-    } else if (handshake.state() == BackendHandshake::State::Failed || fromBackend.size() == kMaxHandshakeBytes) {
-        end(u"The X server refused the connection"_s);
-    }
-}
-
-void ClientConnection::beginRelay()
-{
-    deadline.stop();
-    isRelaying = true;
-    backend.write(std::exchange(fromClient, {}));
-    client->write(std::exchange(fromBackend, {}));
+    QByteArray unread;
+    backend = opening.takeSocket(&unread);
+    connect(backend.get(), &QLocalSocket::readyRead, this, &ClientConnection::copyToClient);
+    connect(backend.get(), &QLocalSocket::bytesWritten, this, &ClientConnection::copyToBackend);
+    connect(backend.get(), &QLocalSocket::disconnected, this, [this] { end(u"The X server closed the connection"_s); });
+    client.write(unread);
     copyToBackend();
     copyToClient();
 }
 
 void ClientConnection::copyToBackend()
 {
-    if (isRelaying && !isEnded && !copy(client.get(), &backend)) {
+    if (backend && !isEnded && !copy(&client, backend.get())) {
         end(u"The X server takes no more input"_s);
     }
 }
 
 void ClientConnection::copyToClient()
 {
-    if (isRelaying && !isEnded && !copy(&backend, client.get())) {
+    if (backend && !isEnded && !copy(backend.get(), &client)) {
         end(u"The client takes no more output"_s);
     }
 }
@@ -152,8 +123,10 @@ void ClientConnection::end(const QString &reason)
         return;
     }
     isEnded = true;
-    deadline.stop();
-    client->abort();
-    backend.abort();
+    opening.disconnect(this);
+    client.abort();
+    if (backend) {
+        backend->abort();
+    }
     emit ended(reason);
 }

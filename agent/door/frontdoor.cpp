@@ -1,15 +1,21 @@
 // SPDX-License-Identifier: MIT
 #include "agent/door/frontdoor.h"
 
-#include "agent/door/passwordstore.h"
+#include "agent/door/clientconnection.h"
+#include "agent/door/doorkey.h"
+#include "agent/door/eviction.h"
+#include "agent/door/reception.h"
 #include "base/logging.h"
 #include "support/hostaddress.h"
 
-#include <QHash>
+#include <QRandomGenerator>
 
 #include <algorithm>
 #include <chrono>
 #include <utility>
+
+#include <sys/socket.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -22,6 +28,14 @@ constexpr int kMaxQueuedConnections = 1024;
 
 /** Anybody can cause refusals, so the log must not grow with each of them. */
 constexpr std::chrono::seconds kRefusalPause(10);
+
+QHostAddress peerAddressOf(int socket)
+{
+    sockaddr_storage storage = {};
+    socklen_t size = sizeof storage;
+    ::getpeername(socket, reinterpret_cast<sockaddr *>(&storage), &size);
+    return QHostAddress(reinterpret_cast<const sockaddr *>(&storage));
+}
 
 template <typename T>
 std::unique_ptr<T> takeFrom(std::vector<std::unique_ptr<T>> *owners, const T *wanted)
@@ -38,14 +52,15 @@ std::unique_ptr<T> takeFrom(std::vector<std::unique_ptr<T>> *owners, const T *wa
 
 } // namespace
 
-FrontDoor::FrontDoor(PasswordStore *passwords_, QString backendPath_, HandshakeLimits limits_, QObject *parent)
+FrontDoor::FrontDoor(const HandshakeHelpers &helpers_, QString backendPath_, DoorRules rules_, QObject *parent)
     : QObject(parent)
-    , passwords(passwords_)
+    , helpers(helpers_)
     , backendPath(std::move(backendPath_))
-    , limits(limits_)
+    , rules(std::move(rules_))
 {
-    connect(&listener, &QTcpServer::newConnection, this, &FrontDoor::Listener_newConnection);
-    connect(&listener, &QTcpServer::acceptError, this, &FrontDoor::Listener_acceptError);
+    helpers.limiter = &limiter;
+    connect(&listener, &TcpListener::accepted, this, &FrontDoor::Listener_accepted);
+    connect(&listener, &TcpListener::acceptError, this, &FrontDoor::Listener_acceptError);
     connect(&refusalPause, &QTimer::timeout, this, &FrontDoor::RefusalPause_timeout);
     refusalPause.setSingleShot(true);
     refusalPause.setInterval(kRefusalPause);
@@ -53,12 +68,12 @@ FrontDoor::FrontDoor(PasswordStore *passwords_, QString backendPath_, HandshakeL
 
 FrontDoor::~FrontDoor() = default;
 
-bool FrontDoor::listen(quint16 port, QString *error)
+bool FrontDoor::listen(const QHostAddress &address, quint16 port, QString *error)
 {
-    // One socket for both address families, or for IPv4 alone where IPv6 is switched off.
+    // "Any" is one socket for both address families. Where IPv6 is switched off, it is one for IPv4 alone.
     listener.setListenBacklogSize(kMaxQueuedConnections);
-    bool isListening = listener.listen(QHostAddress::Any, port);
-    if (!isListening && listener.serverError() != QAbstractSocket::AddressInUseError) {
+    bool isListening = listener.listen(address, port);
+    if (!isListening && address == QHostAddress::Any && listener.serverError() != QAbstractSocket::AddressInUseError) {
         isListening = listener.listen(QHostAddress::AnyIPv4, port);
     }
     if (!isListening) {
@@ -69,44 +84,84 @@ bool FrontDoor::listen(quint16 port, QString *error)
     return true;
 }
 
+bool FrontDoor::listenLocally(const QString &path, QString *error)
+{
+    localEndpoint = std::make_unique<LocalEndpoint>();
+    connect(localEndpoint.get(), &LocalEndpoint::accepted, this, &FrontDoor::LocalEndpoint_accepted);
+    return localEndpoint->listen(path, error);
+}
+
 void FrontDoor::open()
 {
     isOpen = true;
-    listener.resumeAccepting();
+    if (listener.isListening()) {
+        listener.resumeAccepting();
+    }
 }
 
 void FrontDoor::close()
 {
     isOpen = false;
     listener.close();
+    localEndpoint.reset();
     handshakes.clear();
+    localHandshakes.clear();
 }
 
 void FrontDoor::disconnectClients()
 {
-    const std::vector<std::unique_ptr<ClientConnection>> leaving = std::exchange(clients, {});
+    const std::vector<std::unique_ptr<ViewerClient>> leaving = std::exchange(clients, {});
     QStringList addresses;
-    for (const std::unique_ptr<ClientConnection> &client : leaving) {
-        addresses.append(withoutIPv4Mapping(client->address()).toString());
+    for (const std::unique_ptr<ViewerClient> &client : leaving) {
+        addresses.append(client->address());
     }
     if (!addresses.isEmpty()) {
         emit clientsDisconnected(addresses);
     }
 }
 
-void FrontDoor::Listener_newConnection()
+void FrontDoor::Listener_accepted(int descriptor)
 {
-    while (listener.hasPendingConnections()) {
-        std::unique_ptr<QTcpSocket> socket(listener.nextPendingConnection());
-        socket->setParent(nullptr);
-        if (!isOpen || clients.size() >= kMaxClients) {
-            continue;
-        }
-        addHandshake(std::move(socket));
-        if (handshakes.size() > kMaxHandshakes) {
-            dropHandshake();
-        }
+    Visitor visitor;
+    visitor.address = peerAddressOf(descriptor);
+    visitor.peer = rules.findPeer(descriptor);
+    visitor.mayBePlain = rules.allowPlainFromNetwork || withoutIPv4Mapping(visitor.address).isLoopback();
+    if (!isOpen || !admits(visitor)) {
+        ::close(descriptor);
+        return;
     }
+    addHandshake(descriptor, visitor);
+    keepStrangersWithin(kMaxStrangers, false);
+}
+
+bool FrontDoor::admits(const Visitor &visitor)
+{
+    if (visitor.peer == TcpPeer::OtherUser && !rules.allowLocalUsers) {
+        logRefusal(visitor.address, u"It belongs to another user of this host"_s);
+        return false;
+    }
+    const qsizetype own = std::count_if(handshakes.cbegin(), handshakes.cend(),
+                                        [](const auto &handshake) { return handshake->visitor().isOurs(); });
+    return clients.size() < kMaxClients && (!visitor.isOurs() || own < kMaxOwn);
+}
+
+void FrontDoor::LocalEndpoint_accepted(int descriptor)
+{
+    if (clients.size() >= kMaxClients || localHandshakes.size() >= static_cast<size_t>(kMaxOwn)) {
+        ::close(descriptor);
+        return;
+    }
+    localHandshakes.push_back(std::make_unique<LocalHandshake>(descriptor));
+    LocalHandshake *const raw = localHandshakes.back().get();
+    const auto remove = [this, raw] {
+        takeFrom(&localHandshakes, raw).release()->deleteLater(); // we are in its signal
+    };
+    connect(raw, &LocalHandshake::failed, this, remove);
+    connect(raw, &LocalHandshake::agreed, this, [this, raw, remove] {
+        const int client = raw->takeClient();
+        remove();
+        addClient(std::make_unique<ClientConnection>(client, u"local"_s), {});
+    });
 }
 
 void FrontDoor::Listener_acceptError()
@@ -120,18 +175,22 @@ void FrontDoor::Listener_acceptError()
     });
 }
 
-void FrontDoor::addHandshake(std::unique_ptr<QTcpSocket> socket)
+void FrontDoor::addHandshake(int descriptor, const Visitor &visitor)
 {
-    auto handshake = std::make_unique<HandshakeConnection>(std::move(socket), passwords, &limiter, limits);
+    if (helpers.key->refresh()) {
+        helpers.reception->setCertificate(helpers.key->certificatePem());
+    }
+    auto handshake = std::make_unique<HandshakeConnection>(descriptor, visitor, helpers, rules.limits);
     HandshakeConnection *const raw = handshake.get();
     connect(raw, &HandshakeConnection::authenticated, this,
-            [this, raw](const QByteArray &password) { addClient(raw, password); });
+            [this, raw](const QByteArray &password) { addAuthenticated(raw, password); });
     connect(raw, &HandshakeConnection::failed, this, [this, raw](const QString &reason) {
         if (!reason.isEmpty()) {
-            logRefusal(raw->address(), reason);
+            logRefusal(raw->visitor().address, reason);
         }
         removeHandshake(raw);
     });
+    connect(raw, &HandshakeConnection::received, this, [this] { keepStrangersWithin(kMaxReceived, true); });
     handshakes.push_back(std::move(handshake));
 }
 
@@ -154,16 +213,26 @@ void FrontDoor::RefusalPause_timeout()
     }
 }
 
-void FrontDoor::addClient(HandshakeConnection *handshake, const QByteArray &password)
+void FrontDoor::addAuthenticated(HandshakeConnection *handshake, const QByteArray &password)
 {
-    QByteArray unread;
-    std::unique_ptr<QTcpSocket> socket = handshake->takeSocket(&unread);
-    auto client = std::make_unique<ClientConnection>(std::move(socket), unread);
+    const QString address = withoutIPv4Mapping(handshake->visitor().address).toString();
+    const bool usesTls = handshake->usesTls();
+    const Visit visit = handshake->takeVisit();
     removeHandshake(handshake);
-    ClientConnection *const raw = client.get();
-    connect(raw, &ClientConnection::ended, this, [this, raw](const QString &reason) { removeClient(raw, reason); });
+    if (usesTls) {
+        addClient(std::make_unique<ConfinedClient>(visit, address, helpers.reception), password);
+        return;
+    }
+    ::close(visit.control); // its process has done its part
+    addClient(std::make_unique<ClientConnection>(visit.client, address), password);
+}
+
+void FrontDoor::addClient(std::unique_ptr<ViewerClient> client, const QByteArray &password)
+{
+    ViewerClient *const raw = client.get();
+    connect(raw, &ViewerClient::ended, this, [this, raw](const QString &reason) { removeClient(raw, reason); });
     clients.push_back(std::move(client));
-    emit clientAuthenticated(withoutIPv4Mapping(raw->address()).toString(), password);
+    emit clientAuthenticated(raw->address(), password);
     raw->start(backendPath);
 }
 
@@ -174,28 +243,32 @@ void FrontDoor::removeHandshake(const HandshakeConnection *handshake)
     }
 }
 
-/** The newest handshake counts too, so that a host with most of the places gets no further one. */
-void FrontDoor::dropHandshake()
+/** The newest one counts too, so that a network with most of the places gets no further one. */
+void FrontDoor::keepStrangersWithin(qsizetype limit, bool onlyReceived)
 {
-    QHash<QHostAddress, int> counts;
+    QList<QHostAddress> addresses;
+    QList<const HandshakeConnection *> strangers;
     for (const std::unique_ptr<HandshakeConnection> &handshake : handshakes) {
-        ++counts[countedAddress(handshake->address())];
+        const bool mayGo = !handshake->visitor().isOurs() && !handshake->isAccepted();
+        if (mayGo && (handshake->isReceived() || !onlyReceived)) {
+            addresses.append(handshake->visitor().address);
+            strangers.append(handshake.get());
+        }
     }
-    const int most = *std::max_element(counts.cbegin(), counts.cend());
-    const auto oldest = std::find_if(handshakes.begin(), handshakes.end(), [&](const auto &handshake) {
-        return counts.value(countedAddress(handshake->address())) == most;
-    });
-    logRefusal((*oldest)->address(), u"Others came while it took its time"_s);
-    handshakes.erase(oldest);
+    if (strangers.size() > limit) {
+        const HandshakeConnection *const evicted = strangers[chooseEvicted(addresses, QRandomGenerator::system())];
+        logRefusal(evicted->visitor().address, u"Others came while it took its time"_s);
+        removeHandshake(evicted);
+    }
 }
 
-void FrontDoor::removeClient(const ClientConnection *client, const QString &reason)
+void FrontDoor::removeClient(const ViewerClient *client, const QString &reason)
 {
-    std::unique_ptr<ClientConnection> removed = takeFrom(&clients, client);
+    std::unique_ptr<ViewerClient> removed = takeFrom(&clients, client);
     if (!removed) {
         return;
     }
-    const QString address = withoutIPv4Mapping(removed->address()).toString();
+    const QString address = removed->address();
     removed.release()->deleteLater(); // we are in its signal
     logMessage(LogInfo, u"Lost a client from %1: %2"_s.arg(address, reason));
     emit clientsDisconnected({address});

@@ -1,141 +1,226 @@
 // SPDX-License-Identifier: MIT
 #include "agent/door/handshakeconnection.h"
 
+#include "agent/confined/doorpackets.h"
+#include "agent/confined/packet.h"
+#include "agent/confined/rfbhandshake.h"
 #include "agent/door/attemptlimiter.h"
+#include "agent/door/doorkey.h"
 #include "agent/door/passwordstore.h"
+#include "agent/door/reception.h"
 #include "agent/door/vncauth.h"
 
+#include <QSocketNotifier>
+
+#include <array>
+#include <cerrno>
+#include <string_view>
 #include <utility>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-/** A handshake is 12 + 1 + 16 bytes, and a client may send its first message right after it. */
-constexpr qsizetype kMaxInputBytes = 256;
-
 constexpr char kLockedReason[] = "Too many wrong passwords, try again later";
+constexpr char kNeedsTlsReason[] = "This session takes no unencrypted connections from other hosts. Use \"zarvoctl "
+                                   "connect\", or a viewer with TLS (security type X509Vnc).";
+
+/** The longest input of a signature: a hash with its name, or the length of a key. */
+constexpr size_t kMaxSignedBytes = 1024;
+
+QString textOf(char cause)
+{
+    switch (static_cast<RefusalCause>(cause)) {
+    case RefusalCause::TurnedAway:
+        return u"Too many wrong passwords"_s;
+    case RefusalCause::NothingFits:
+        return u"It did not choose what was offered"_s;
+    case RefusalCause::TlsFailed:
+        return u"The TLS handshake failed"_s;
+    case RefusalCause::WrongPassword:
+        return u"Wrong password"_s;
+    case RefusalCause::NotOurProtocol:
+        break;
+    }
+    return u"It does not speak our protocol"_s;
+}
 
 } // namespace
 
-HandshakeConnection::HandshakeConnection(std::unique_ptr<QTcpSocket> socket_, PasswordStore *passwords_,
-                                         AttemptLimiter *limiter_, HandshakeLimits limits_, QObject *parent)
+HandshakeConnection::HandshakeConnection(int client, const Visitor &who_, const HandshakeHelpers &helpers_,
+                                         HandshakeLimits limits_, QObject *parent)
     : QObject(parent)
-    , socket(std::move(socket_))
-    , passwords(passwords_)
-    , limiter(limiter_)
+    , who(who_)
+    , helpers(helpers_)
     , limits(limits_)
-    , peer(socket->peerAddress())
-    , handshake(newVncChallenge())
+    , challenge(newVncChallenge())
+    , notifier(std::make_unique<QSocketNotifier>(client, QSocketNotifier::Read))
 {
-    socket->setReadBufferSize(kMaxInputBytes);
-    connect(socket.get(), &QTcpSocket::readyRead, this, &HandshakeConnection::Socket_readyRead);
-    connect(socket.get(), &QTcpSocket::disconnected, this, [this] { finish(refusal); });
+    static quint32 lastId = 0; // main thread only
+    visit.id = ++lastId;
+    visit.client = client;
+    connect(notifier.get(), &QSocketNotifier::activated, this, &HandshakeConnection::Client_activated);
     connect(&deadline, &QTimer::timeout, this, [this] { finish(u"The handshake took too long"_s); });
     deadline.setSingleShot(true);
     deadline.start(limits.longest);
-
-    if (limiter->isLocked(peer, AttemptLimiter::Clock::now())) {
-        refusal = u"Too many wrong passwords"_s;
-        handshake.turnAway(kLockedReason);
-    }
-    send();
+    // It fits into the empty buffer of a new connection.
+    [[maybe_unused]] const ssize_t sent = ::send(client, kRfbGreeting, sizeof kRfbGreeting - 1, MSG_NOSIGNAL);
 }
 
 HandshakeConnection::~HandshakeConnection()
 {
-    if (socket) {
-        socket->disconnect(this); // its destructor closes it, and our slots must not run then
+    notifier.reset();
+    if (visit.control != -1) {
+        helpers.reception->end(visit.id);
+        ::close(visit.control);
+    }
+    if (visit.client != -1) {
+        ::shutdown(visit.client, SHUT_RDWR); // the process may have it too
+        ::close(visit.client);
     }
 }
 
-std::unique_ptr<QTcpSocket> HandshakeConnection::takeSocket(QByteArray *unread)
+Visit HandshakeConnection::takeVisit()
 {
-    socket->disconnect(this);
-    *unread = std::exchange(input, {});
-    return std::move(socket);
+    notifier.reset();
+    return std::exchange(visit, {visit.id, -1, -1});
 }
 
-void HandshakeConnection::Socket_readyRead()
+/** The visitor has sent something, or has left. Connections that send nothing cost no process. */
+void HandshakeConnection::Client_activated()
 {
-    if (isFinished || handshake.state() == RfbHandshake::State::Refused) {
-        // Unread bytes would make the kernel reset the connection before our answer arrives.
-        socket->skip(kMaxInputBytes);
+    char byte = 0;
+    const ssize_t length = ::recv(visit.client, &byte, 1, MSG_PEEK);
+    if (length > 0) {
+        beReceived();
+    } else if (length == 0 || (errno != EAGAIN && errno != EINTR)) {
+        finish({});
+    }
+}
+
+void HandshakeConnection::beReceived()
+{
+    std::array<int, 2> ends = {};
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        finish(qt_error_string(errno));
         return;
     }
-    if (handshake.state() == RfbHandshake::State::Judgement) {
-        return; // the refusal is delayed
+    ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    VisitorOrder order;
+    order.id = visit.id;
+    order.turnsAway = !who.isOurs() && helpers.limiter->isLocked(who.address, AttemptLimiter::Clock::now());
+    order.offersTls = !helpers.key->certificatePem().isEmpty();
+    order.offersPlain = who.mayBePlain;
+    order.challenge.assign(challenge.constData(), static_cast<size_t>(challenge.size()));
+    order.reason = order.turnsAway ? kLockedReason : who.mayBePlain ? "" : kNeedsTlsReason;
+    QString error;
+    const bool isReceivedNow = helpers.reception->receive(order, visit.client, ends[1], &error);
+    ::close(ends[1]);
+    visit.control = ends[0];
+    if (!isReceivedNow) {
+        finish(error);
+        return;
     }
-    input += socket->read(kMaxInputBytes - input.size());
-    handshake.receive(&input);
-    send();
-    if (handshake.state() == RfbHandshake::State::Judgement) {
-        judge();
-    } else if (handshake.state() == RfbHandshake::State::Refused) {
-        closeAfterAnswer();
+    notifier = std::make_unique<QSocketNotifier>(visit.control, QSocketNotifier::Read);
+    connect(notifier.get(), &QSocketNotifier::activated, this, &HandshakeConnection::Control_activated);
+    emit received();
+}
+
+void HandshakeConnection::Control_activated()
+{
+    const std::optional<std::string> packet = receivePacket(visit.control);
+    if (packet) {
+        takePacket(*packet);
+    } else if (errno != EAGAIN || isFinished) {
+        finish(refusal);
     }
 }
 
-void HandshakeConnection::judge()
+/** The process may be in an attacker's hands, so each request counts once. */
+void HandshakeConnection::takePacket(const std::string &packet)
+{
+    if (packet.front() == DoorPacket::kSign && !std::exchange(hasSigned, true)) {
+        sign(packet);
+    } else if (packet.front() == DoorPacket::kResponse && !std::exchange(hasJudged, true)) {
+        judge(QByteArray(packet.data() + 1, static_cast<qsizetype>(packet.size() - 1)));
+    } else if (packet.front() == DoorPacket::kInside && !usedPassword.isEmpty()) {
+        isTls = packet.size() == 2 && packet[1] == DoorPacket::kOverTls;
+        finish({});
+    } else if (packet.front() == DoorPacket::kRefused && packet.size() == 2) {
+        refusal = refusal.isEmpty() ? textOf(packet[1]) : refusal;
+        deadline.start(limits.longest); // to take the answer
+    } else {
+        finish(u"Its process broke the rules"_s);
+    }
+}
+
+void HandshakeConnection::sign(const std::string &packet)
+{
+    constexpr size_t kHeaderBytes = 2;
+    if (packet.size() <= kHeaderBytes || packet.size() > kHeaderBytes + kMaxSignedBytes) {
+        finish(u"Its process broke the rules"_s);
+        return;
+    }
+    const QByteArray bytes(packet.data() + kHeaderBytes, static_cast<qsizetype>(packet.size() - kHeaderBytes));
+    const bool isPadded = packet[1] == static_cast<char>(SignaturePadding::None);
+    helpers.key->sign(bytes, isPadded, this, [this](const QByteArray &signature) {
+        const std::string answer = DoorPacket::kSignature + signature.toStdString();
+        if (!isFinished && !sendPacket(visit.control, answer)) {
+            finish(refusal);
+        }
+    });
+}
+
+void HandshakeConnection::judge(const QByteArray &response)
 {
     const AttemptLimiter::Clock::time_point now = AttemptLimiter::Clock::now();
     // Checked again, because the address may have been locked since this connection was opened.
-    if (limiter->isLocked(peer, now)) {
-        refusal = u"Too many wrong passwords"_s;
-        handshake.refuse(kLockedReason);
-        send();
-        closeAfterAnswer();
+    if (!who.isOurs() && helpers.limiter->isLocked(who.address, now)) {
+        refusal = textOf(static_cast<char>(RefusalCause::TurnedAway));
+        refuse(kLockedReason);
         return;
     }
-    const std::optional<QByteArray> password = passwords->take(handshake.challenge(), handshake.response());
-    if (!password) {
-        limiter->wrongPassword(peer, now);
-        refusal = u"Wrong password"_s;
-        QTimer::singleShot(limits.failureDelay, this, &HandshakeConnection::answerWrongPassword);
+    const std::optional<QByteArray> password = helpers.passwords->take(challenge, response);
+    if (password) {
+        helpers.limiter->rightPassword(who.address);
+        usedPassword = *password;
+        if (!sendPacket(visit.control, std::string{DoorPacket::kAccept})) {
+            finish({});
+        }
         return;
     }
-    limiter->rightPassword(peer);
-    handshake.accept();
-    send();
-    deadline.stop();
-    isFinished = true;
-    emit authenticated(*password);
+    refusal = u"Wrong password"_s;
+    if (!who.isOurs()) {
+        helpers.limiter->wrongPassword(who.address, now);
+    }
+    QTimer::singleShot(limits.failureDelay, this, [this] {
+        if (!isFinished) {
+            refuse("Authentication failed");
+        }
+    });
 }
 
-void HandshakeConnection::answerWrongPassword()
+void HandshakeConnection::refuse(const std::string &reason)
 {
-    if (isFinished) {
-        return;
+    if (!sendPacket(visit.control, DoorPacket::kRefuse + reason)) {
+        finish(refusal);
     }
-    handshake.refuse("Authentication failed");
-    send();
-    closeAfterAnswer();
-}
-
-void HandshakeConnection::send()
-{
-    const QByteArray bytes = handshake.output();
-    if (!bytes.isEmpty()) {
-        socket->write(bytes);
-    }
-}
-
-void HandshakeConnection::closeAfterAnswer()
-{
-    if (refusal.isEmpty()) {
-        refusal = u"It does not speak our protocol"_s;
-    }
-    // The socket closes once the answer is sent. The deadline still ends a client that does not take the answer.
-    socket->disconnectFromHost();
 }
 
 void HandshakeConnection::finish(const QString &reason)
 {
-    if (isFinished) {
+    if (std::exchange(isFinished, true)) {
         return;
     }
-    isFinished = true;
     deadline.stop();
-    socket->abort();
-    emit failed(reason);
+    notifier.release()->deleteLater(); // we may be in its signal
+    if (!usedPassword.isEmpty()) {
+        emit authenticated(usedPassword); // also if the visitor has left meanwhile, because the password is used up
+    } else {
+        emit failed(reason);
+    }
 }

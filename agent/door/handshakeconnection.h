@@ -1,18 +1,21 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "agent/door/rfbhandshake.h"
+#include "agent/door/confinedclient.h"
+#include "support/peerowner.h"
 
 #include <QHostAddress>
 #include <QObject>
-#include <QTcpSocket>
 #include <QTimer>
 
 #include <chrono>
 #include <memory>
 
 class AttemptLimiter;
+class DoorKey;
 class PasswordStore;
+class QSocketNotifier;
+class Reception;
 
 /** How long a handshake may take. A value; the defaults are the product's. */
 struct HandshakeLimits
@@ -21,47 +24,83 @@ struct HandshakeLimits
     std::chrono::milliseconds failureDelay{500}; ///< between a wrong password and its answer
 };
 
+/** What a handshake needs of others, who outlive it. */
+struct HandshakeHelpers
+{
+    Reception *reception = nullptr;
+    DoorKey *key = nullptr;
+    PasswordStore *passwords = nullptr;
+    AttemptLimiter *limiter = nullptr;
+};
+
+/** Who has connected. A value. */
+struct Visitor
+{
+    QHostAddress address;
+    TcpPeer peer = TcpPeer::OtherHost;
+    bool mayBePlain = false; ///< whether it may do without TLS
+
+    /** The user's own connections are neither locked out nor dropped for the sake of others. */
+    [[nodiscard]] bool isOurs() const { return peer == TcpPeer::Ours; }
+};
+
 /**
- * One connection from accept until it is authenticated or closed. It emits exactly one of its two signals, once, and
- * serves no purpose after that. Owned by the front door, lives on the main thread.
+ * One connection from accept until it is authenticated or closed. We send the greeting, which is the same for
+ * everybody. Once the visitor answers, a confined process reads what it sends, and asks us for a signature and for the
+ * judgement on its response. It emits exactly one of its two signals, once, and serves no purpose after that. Owned by
+ * the front door, lives on the main thread.
  */
 class HandshakeConnection final : public QObject
 {
     Q_OBJECT
 
 public:
-    /** @param socket  connected. @param passwords and @param limiter outlive this object */
-    HandshakeConnection(std::unique_ptr<QTcpSocket> socket, PasswordStore *passwords, AttemptLimiter *limiter,
-                        HandshakeLimits limits, QObject *parent = nullptr);
+    /** @param client  the visitor's non-blocking socket, ours from now on */
+    HandshakeConnection(int client, const Visitor &who, const HandshakeHelpers &helpers, HandshakeLimits limits,
+                        QObject *parent = nullptr);
     ~HandshakeConnection() override;
 
-    [[nodiscard]] QHostAddress address() const { return peer; }
+    [[nodiscard]] const Visitor &visitor() const { return who; }
+    /** Whether a process serves it, which costs more than a socket. */
+    [[nodiscard]] bool isReceived() const { return visit.control != -1; }
 
-    /** The socket. May be called once, after authenticated(). @param unread  what came in after the handshake */
-    [[nodiscard]] std::unique_ptr<QTcpSocket> takeSocket(QByteArray *unread);
+    /** Whether a password is used up for it. */
+    [[nodiscard]] bool isAccepted() const { return !usedPassword.isEmpty(); }
+
+    /** Whether the visitor uses TLS, so its process stays. After authenticated(). */
+    [[nodiscard]] bool usesTls() const { return isTls; }
+    /** The sockets, which are the caller's from now on. May be called once, after authenticated(). */
+    [[nodiscard]] Visit takeVisit();
 
 signals:
-    /** The client has used up @p password. */
+    /** A process serves the visitor from now on. The receiver may destroy the connection. */
+    void received();
+    /** The visitor has used up @p password. */
     void authenticated(const QByteArray &password);
     /** The connection is closed. @p reason is a few words to log, or empty when there is nothing to log. */
     void failed(const QString &reason);
 
 private:
-    void Socket_readyRead();
-    void judge();
-    void answerWrongPassword();
-    void send();
-    void closeAfterAnswer();
+    void Client_activated();
+    void Control_activated();
+    void beReceived();
+    void takePacket(const std::string &packet);
+    void sign(const std::string &packet);
+    void judge(const QByteArray &response);
+    void refuse(const std::string &reason);
     void finish(const QString &reason);
 
-    std::unique_ptr<QTcpSocket> socket;
-    PasswordStore *passwords;
-    AttemptLimiter *limiter;
+    Visitor who;
+    HandshakeHelpers helpers;
     HandshakeLimits limits;
-    QHostAddress peer;
-    RfbHandshake handshake;
-    QByteArray input;
-    QString refusal; ///< why the client was refused
+    Visit visit;
+    QByteArray challenge;
+    QByteArray usedPassword; ///< set once the visitor is accepted
+    QString refusal;         ///< why the visitor was refused
+    std::unique_ptr<QSocketNotifier> notifier;
     QTimer deadline;
+    bool hasSigned = false;
+    bool hasJudged = false;
+    bool isTls = false;
     bool isFinished = false;
 };

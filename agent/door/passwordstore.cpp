@@ -6,7 +6,6 @@
 #include <QRandomGenerator>
 
 #include <string_view>
-#include <utility>
 
 namespace {
 
@@ -25,35 +24,61 @@ QByteArray newPassword()
 
 } // namespace
 
-PasswordStore::Added PasswordStore::add()
+PasswordStore::Added PasswordStore::add(Clock::time_point now)
 {
     Added added;
-    if (passwords.size() == kMaxOpen) {
-        added.expired = passwords.takeFirst();
+    if (entries.size() == kMaxOpen) {
+        added.expired = entries.takeFirst().password;
     }
     do {
         added.password = newPassword();
-    } while (passwords.contains(added.password));
-    passwords.append(added.password);
+    } while (all().contains(added.password));
+    entries.append({added.password, now + lifetime});
     return added;
 }
 
-std::optional<QByteArray> PasswordStore::take(const QByteArray &challenge, const QByteArray &response)
+std::optional<QByteArray> PasswordStore::take(const QByteArray &challenge, const QByteArray &response,
+                                              Clock::time_point now)
 {
     qsizetype found = -1;
-    for (qsizetype i = 0; i < passwords.size(); ++i) {
+    for (qsizetype i = 0; i < entries.size(); ++i) {
         // All passwords are compared, each in constant time, so that timing tells nothing about them.
-        if (equalInConstantTime(vncAuthResponse(passwords[i], challenge), response)) {
+        if (equalInConstantTime(vncAuthResponse(entries[i].password, challenge), response) && now < entries[i].end) {
             found = i;
         }
     }
     if (found == -1) {
         return std::nullopt;
     }
-    return passwords.takeAt(found);
+    return entries.takeAt(found).password;
+}
+
+QList<QByteArray> PasswordStore::takeOverdue(Clock::time_point now)
+{
+    QList<QByteArray> overdue;
+    while (!entries.isEmpty() && entries.first().end <= now) {
+        overdue.append(entries.takeFirst().password);
+    }
+    return overdue;
+}
+
+std::optional<PasswordStore::Clock::time_point> PasswordStore::nextEnd() const
+{
+    return entries.isEmpty() ? std::nullopt : std::optional(entries.first().end);
 }
 
 QList<QByteArray> PasswordStore::takeAll()
 {
-    return std::exchange(passwords, {});
+    const QList<QByteArray> taken = all();
+    entries.clear();
+    return taken;
+}
+
+QList<QByteArray> PasswordStore::all() const
+{
+    QList<QByteArray> passwords;
+    for (const Entry &entry : entries) {
+        passwords.append(entry.password);
+    }
+    return passwords;
 }

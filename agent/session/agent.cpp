@@ -7,10 +7,13 @@
 #include "agent/session/guardlink.h"
 #include "agent/session/sessionlog.h"
 #include "agent/session/sessiontitle.h"
+#include "base/settings.h"
 #include "base/signalcatcher.h"
+#include "contract/userdirectory.h"
 #include "support/filereader.h"
 #include "support/privatefile.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 
@@ -33,6 +36,12 @@ QByteArray sessionName()
     return readFile(SessionFile::kName, kMaxNameBytes, &name, &error) ? name : QByteArray();
 }
 
+/** One of the server's own files. */
+QString serverFile(QLatin1StringView name)
+{
+    return QDir(Settings::read().userPath).filePath(name);
+}
+
 QString absolute(QLatin1StringView name)
 {
     return QDir::current().absoluteFilePath(name);
@@ -46,12 +55,17 @@ Agent::Agent(SessionLog *log_, SignalCatcher *signals_, GuardLink *guard_, QObje
     , guard(guard_)
     , state(log_)
     , stateSocket(&state)
-    , frontDoor(state.passwords(), QString())
+    , doorKey(serverFile(UserFile::kCertificate), serverFile(UserFile::kPrivateKey))
+    , doorProcess(QFile::encodeName(QCoreApplication::applicationDirPath() + "/session-door"_L1))
+    , frontDoor({&doorProcess, &doorKey, state.passwords(), nullptr}, QString())
     , xServer(&children)
     , ending(&xServer, &children)
 {
     connect(signals_, &SignalCatcher::gotUSR1, this, [this] { state.offerPassword(); });
-    connect(signals_, &SignalCatcher::gotUSR2, &frontDoor, &FrontDoor::disconnectClients);
+    connect(signals_, &SignalCatcher::gotUSR2, this, [this] {
+        frontDoor.disconnectClients();
+        state.expirePasswords(); // who has got one before must not come in afterwards
+    });
     connect(signals_, &SignalCatcher::gotTERM, this, [this] { end(AgentExitCode::Ended); });
     connect(signals_, &SignalCatcher::gotINT, this, [this] { end(AgentExitCode::Ended); });
     connect(signals_, &SignalCatcher::gotHUP, this, [this] { end(AgentExitCode::Ended); });
@@ -89,6 +103,7 @@ Agent::~Agent()
 void Agent::start(const QStringList &arguments)
 {
     sinceStart.start();
+    readSettings();
     QString error;
     if (!parseAgentArguments(arguments, &options, &error)) {
         fail(AgentExitCode::BadArguments, error);
@@ -107,28 +122,48 @@ void Agent::start(const QStringList &arguments)
     }
 }
 
+void Agent::readSettings()
+{
+    QStringList problems;
+    settings = AgentSettings::read(&problems);
+    for (const QString &problem : std::as_const(problems)) {
+        logMessage(LogWarning, problem);
+    }
+    DoorRules rules;
+    rules.allowPlainFromNetwork = settings.allowPlainFromNetwork;
+    rules.allowLocalUsers = settings.allowLocalUsers;
+    frontDoor.setRules(rules);
+    state.setPasswordLifetime(settings.passwordMinutes);
+}
+
 /** Everything that can be missing or taken is checked before anything is started. */
 bool Agent::prepare(QString *error)
 {
     if (!readAuthorityFile(SessionFile::kAuthority, display, &authority, error) || !becomeSubreaper(error) ||
-        !children.start(error) || !frontDoor.listen(options.port, error) ||
-        !stateSocket.listen(agentSocketPath(display), error)) {
+        !children.start(error) || !listen(error) || !stateSocket.listen(agentSocketPath(display), error)) {
         return false;
     }
     guard->tell({display, 0});
     return writePrivateFile(SessionFile::kServerPid, QByteArray::number(::getpid()), error);
 }
 
+/** The port stays free if the user wants no TCP port. */
+bool Agent::listen(QString *error)
+{
+    const std::optional<QHostAddress> address = settings.address();
+    return !address || frontDoor.listen(*address, options.port, error);
+}
+
 bool Agent::startXServer(QString *error)
 {
-    XServerSettings settings;
-    settings.display = display;
-    settings.size = options.size;
-    settings.title = sessionTitle(sessionName(), display);
-    settings.authorityEntries = authority.entries;
-    settings.rfbSocket = AgentFile::rfbSocket(display);
-    frontDoor.setBackendPath(settings.rfbSocket);
-    if (!xServer.start(settings, error)) {
+    XServerSettings server;
+    server.display = display;
+    server.size = options.size;
+    server.title = sessionTitle(sessionName(), display);
+    server.authorityEntries = authority.entries;
+    server.rfbSocket = AgentFile::rfbSocket(display);
+    frontDoor.setBackendPath(server.rfbSocket);
+    if (!xServer.start(server, error)) {
         return false;
     }
     guard->tell({display, xServer.pid()});
@@ -167,12 +202,12 @@ void Agent::ScreenWatcher_started(const QSize &size)
 
 void Agent::prepareApplications()
 {
-    ApplicationSettings settings;
-    settings.environment = applicationEnvironment(currentEnvironment(), display, absolute(SessionFile::kAuthority));
-    settings.fileCreationMask = userFileCreationMask();
-    settings.workingDirectory = QFile::encodeName(QDir::homePath());
-    settings.logPath = SessionFile::kAppLog;
-    applications = std::make_unique<ApplicationRunner>(std::move(settings), &children);
+    ApplicationSettings surroundings;
+    surroundings.environment = applicationEnvironment(currentEnvironment(), display, absolute(SessionFile::kAuthority));
+    surroundings.fileCreationMask = userFileCreationMask();
+    surroundings.workingDirectory = QFile::encodeName(QDir::homePath());
+    surroundings.logPath = SessionFile::kAppLog;
+    applications = std::make_unique<ApplicationRunner>(std::move(surroundings), &children);
     applicationDoor = std::make_unique<ApplicationDoor>([this](const QByteArray &commandLine, QString *startError) {
         return applications->run(commandLine, startError);
     });
@@ -182,7 +217,8 @@ void Agent::prepareApplications()
 void Agent::open()
 {
     QString error;
-    if (!applicationDoor->listen(AgentFile::applicationSocket(display), &error)) {
+    if (!applicationDoor->listen(AgentFile::applicationSocket(display), &error) ||
+        !frontDoor.listenLocally(viewerSocketName(display), &error)) {
         fail(AgentExitCode::NotStarted, error);
         return;
     }

@@ -8,6 +8,8 @@
 #include "agent/display/screenwatcher.h"
 #include "agent/display/windowmanagerstart.h"
 #include "agent/display/xserver.h"
+#include "agent/door/doorkey.h"
+#include "agent/door/doorprocess.h"
 #include "agent/door/frontdoor.h"
 #include "agent/session/agentfiles.h"
 #include "agent/session/agentoptions.h"
@@ -16,6 +18,7 @@
 #include "agent/session/listingwatcher.h"
 #include "agent/session/sessionstate.h"
 #include "agent/session/statesocket.h"
+#include "base/agentsettings.h"
 
 #include <QElapsedTimer>
 #include <QObject>
@@ -49,7 +52,9 @@ signals:
     void finished(AgentExitCode code);
 
 private:
+    void readSettings();
     [[nodiscard]] bool prepare(QString *error);
+    [[nodiscard]] bool listen(QString *error);
     [[nodiscard]] bool startXServer(QString *error);
     void XServer_ready();
     void DirectoryWatcher_removed();
@@ -63,6 +68,7 @@ private:
     SessionLog *log;
     GuardLink *guard;
     AgentOptions options;
+    AgentSettings settings;
     quint16 display = 0;
     DisplayAuthority authority;
     SessionState state;
@@ -70,6 +76,8 @@ private:
     ChildWatcher children;
     DirectoryWatcher directoryWatcher;
     ListingWatcher listingWatcher;
+    DoorKey doorKey;
+    DoorProcess doorProcess;
     FrontDoor frontDoor;
     XServer xServer;
     ScreenWatcher screenWatcher;

@@ -143,8 +143,8 @@ void endOrphans(const AgentHoldings &holdings)
 void removeDeadSockets(quint16 display)
 {
     QString error; // ignored: the socket belongs to another process, so it must stay
-    for (const QString &path :
-         {agentSocketPath(display), AgentFile::applicationSocket(display), AgentFile::rfbSocket(display)}) {
+    for (const QString &path : {agentSocketPath(display), AgentFile::applicationSocket(display),
+                                AgentFile::rfbSocket(display), viewerSocketName(display)}) {
         [[maybe_unused]] const bool removed = removeDeadSocket(path, &error);
     }
 }

@@ -28,12 +28,19 @@ SessionState::SessionState(SessionLog *log_, Clock clock_)
     : log(log_)
     , clock(std::move(clock_))
 {
+    passwordTimer.setSingleShot(true);
+    QObject::connect(&passwordTimer, &QTimer::timeout, &passwordTimer, [this] { expireOverdue(); });
 }
 
 void SessionState::setReady()
 {
     started = wholeSecond(clock());
     log->ready(started);
+}
+
+void SessionState::setPasswordLifetime(std::chrono::milliseconds lifetime)
+{
+    openPasswords.setLifetime(lifetime);
 }
 
 void SessionState::offerPassword()
@@ -43,6 +50,19 @@ void SessionState::offerPassword()
         log->passwordExpired(QString::fromLatin1(added.expired));
     }
     log->passwordAdded(QString::fromLatin1(added.password));
+    expireOverdue();
+}
+
+/** Takes back what nobody has used in time, and waits for the next one. */
+void SessionState::expireOverdue()
+{
+    for (const QByteArray &password : openPasswords.takeOverdue()) {
+        log->passwordExpired(QString::fromLatin1(password));
+    }
+    if (const auto end = openPasswords.nextEnd()) {
+        // Rounded up, or the timer would fire a moment too early, again and again.
+        passwordTimer.start(std::chrono::ceil<std::chrono::milliseconds>(*end - PasswordStore::Clock::now()));
+    }
 }
 
 void SessionState::expirePasswords()
@@ -92,7 +112,8 @@ QByteArray SessionState::toJson() const
     }
     object["Clients"] = clients;
     Json::Value list(Json::arrayValue);
-    for (const QByteArray &password : openPasswords.all()) {
+    const QList<QByteArray> passwords = openPasswords.all();
+    for (const QByteArray &password : passwords) {
         list.append(jsonString(QString::fromLatin1(password)));
     }
     object["Passwords"] = list;

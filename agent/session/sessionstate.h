@@ -7,7 +7,9 @@
 #include <QSize>
 #include <QString>
 #include <QStringList>
+#include <QTimer>
 
+#include <chrono>
 #include <functional>
 
 class SessionLog;
@@ -28,11 +30,13 @@ public:
 
     /** The session can be used from now on. */
     void setReady();
+    /** Sets how long a password stays open that nobody uses. */
+    void setPasswordLifetime(std::chrono::milliseconds lifetime);
     /** Adds a one-time password. */
     void offerPassword();
     /** Removes all passwords. */
     void expirePasswords();
-    /** A client from @p address has used up @p password. */
+    /** A client from @p address has used up @p password; empty: it needed none. */
     void clientAuthenticated(const QString &address, const QByteArray &password);
     /** All these clients left at the same time. Does nothing for an empty list. */
     void clientsDisconnected(const QStringList &addresses);
@@ -48,11 +52,13 @@ public:
     [[nodiscard]] QByteArray toJson() const;
 
 private:
+    void expireOverdue();
     [[nodiscard]] QDateTime timeAfter(const QDateTime &previous) const;
 
     SessionLog *log;
     Clock clock;
     PasswordStore openPasswords;
+    QTimer passwordTimer; ///< active while a password is open
     QDateTime started;
     QDateTime lastConnect;
     QDateTime lastDisconnect;
