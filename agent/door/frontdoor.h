@@ -42,8 +42,8 @@ public:
     static constexpr qsizetype kMaxStrangers = 256;
     /** How many of them may be served by a process at one time. */
     static constexpr qsizetype kMaxReceived = 32;
-    /** The user's own handshakes at one time; one more connection is closed at once. */
-    static constexpr qsizetype kMaxOwn = 64;
+    /** The user's own handshakes at one time. None is evicted; one more connection is closed at once. */
+    static constexpr qsizetype kMaxOwn = 256;
     /** Clients at one time; one more connection is closed at once. */
     static constexpr size_t kMaxClients = 64;
 

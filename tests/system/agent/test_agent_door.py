@@ -115,7 +115,7 @@ class Passwords(AgentTestCase):
         session.wait_state("the password", lambda state: state["Passwords"])
         session.connect(session.state()["Passwords"][0]).close()
 
-    def test_guessing_is_slowed_down(self):
+    def test_guesses_at_the_same_time_are_all_refused_and_lock_the_user_not_out(self):
         session = self.session().start()
         password = session.new_password()
 
@@ -126,11 +126,9 @@ class Passwords(AgentTestCase):
             return 0
 
         with concurrent.futures.ThreadPoolExecutor(6) as pool:
-            self.assertEqual(sum(pool.map(guess, range(6))), 0)
-        for version in ("3.3", "3.7", "3.8"):
-            with self.assertRaisesRegex(rfb.AuthenticationFailed, "Too many wrong passwords"):
-                session.connect(password, version=version)
+            self.assertEqual(sum(pool.map(guess, range(12))), 0)
         self.assertEqual(session.state()["Passwords"], [password])
+        session.connect(password).close()
 
 
 class Clients(AgentTestCase):
@@ -180,17 +178,11 @@ class Clients(AgentTestCase):
     def test_silent_connections_keep_nobody_out(self):
         session = self.session().start()
         password = session.new_password()
-        descriptors = lambda: len(glob.glob(f"/proc/{session.pid()}/fd/*"))
-        before = descriptors()
         with contextlib.ExitStack() as stack:
-            clients = [stack.enter_context(socket.create_connection(("127.0.0.1", session.port), 10)) for _ in range(50)]
-            # Newer connections have replaced the oldest ones.
-            with contextlib.suppress(ConnectionResetError):
-                while clients[0].recv(12):
-                    pass
-            self.assertEqual(clients[-1].recv(12), b"RFB 003.008\n")
-            zarvo.wait_until(lambda: descriptors() <= before + 16, "the others to be closed")
+            clients = [stack.enter_context(session.raw_connection()) for _ in range(100)]
             session.connect(password).close()
+            for client in clients:
+                self.assertEqual(client.recv(12), b"RFB 003.008\n")
 
     def test_client_that_does_not_read_costs_little_memory(self):
         def resident():

@@ -66,6 +66,8 @@ class AgentSession:
 
     def write(self, name, text):
         zarvo.write(self.path(name), text)
+        if self.account:
+            self.account.own(self.path(name))
 
     def install(self, name, script):
         """Puts a program into the session's home, for a search path that names it."""
@@ -146,8 +148,11 @@ class AgentSession:
         return socket.create_connection(("127.0.0.1", self.port), zarvo.DEADLINE)
 
     def app(self, *arguments):
-        return subprocess.run([START_APP, *arguments], cwd=self.directory, capture_output=True, text=True,
-                              timeout=zarvo.DEADLINE, check=False)
+        program, identity = START_APP, {}
+        if self.account:
+            program, identity = accounts.program(START_APP), self.account.identity()
+        return subprocess.run([program, *arguments], cwd=self.directory, capture_output=True, text=True,
+                              timeout=zarvo.DEADLINE, check=False, **identity)
 
     def run(self, command):
         """Runs a command line in the session until it ends, and returns its output."""

@@ -5,15 +5,17 @@
         image = client.framebuffer()
         image.save("screen.png")
 
-It speaks versions 3.3, 3.7 and 3.8 with VNC authentication and the raw encoding. Every wait ends after the
-client's timeout with an OSError.
+It speaks versions 3.3, 3.7 and 3.8 with the raw encoding, and proves who it is by VNC authentication, the same inside
+of TLS, or not at all. Every wait ends after the client's timeout with an OSError.
 """
 
 import socket
+import ssl
 import struct
 import zlib
 
-VNC_AUTHENTICATION = 2
+NONE, VNC_AUTHENTICATION, VENCRYPT = 1, 2, 19
+X509_VNC = 261
 RAW_ENCODING = 0
 DESKTOP_SIZE_ENCODING = -308
 
@@ -67,9 +69,15 @@ class Image:
 class Client:
     """A connection that is authenticated and initialised, with the screen's width, height and name."""
 
-    def __init__(self, host, port, password, version="3.8", timeout=10):
+    def __init__(self, host, port, password, version="3.8", timeout=10, tls=None, connection=None):
+        """
+        password    None: none is needed, as at a session's local socket
+        tls         a context of the module ssl: the connection uses it
+        connection  a connected socket, instead of one to host and port
+        """
         self.version = version
-        self.socket = socket.create_connection((host, port), timeout)
+        self.tls = tls
+        self.socket = connection or socket.create_connection((host, port), timeout)
         try:
             self._agree_on_version()
             self._authenticate(password)
@@ -147,19 +155,41 @@ class Client:
         if self.version == "3.3":
             (chosen,) = self._unpack(">I")
         else:
-            (count,) = self._unpack(">B")
-            offered = self._receive(count)
-            chosen = VNC_AUTHENTICATION if VNC_AUTHENTICATION in offered else 0
+            wanted = NONE if password is None else VENCRYPT if self.tls else VNC_AUTHENTICATION
+            chosen = wanted if wanted in self.offered_types() else 0
         if chosen == 0:
             raise AuthenticationFailed(self._reason())
-        if chosen != VNC_AUTHENTICATION:
+        if chosen not in (NONE, VNC_AUTHENTICATION, VENCRYPT):
             raise ProtocolError(f"Unexpected security type {chosen}")
         if self.version != "3.3":
             self.socket.sendall(bytes([chosen]))
-        self.socket.sendall(vnc_response(password.encode("latin-1"), self._receive(16)))
-        (result,) = self._unpack(">I")
-        if result != 0:
-            raise AuthenticationFailed(self._reason() if self.version == "3.8" else "")
+        if chosen == VENCRYPT:
+            self._start_tls()
+        if chosen != NONE:
+            self.socket.sendall(vnc_response(password.encode("latin-1"), self._receive(16)))
+        if chosen != NONE or self.version == "3.8":
+            (result,) = self._unpack(">I")
+            if result != 0:
+                raise AuthenticationFailed(self._reason() if self.version == "3.8" else "")
+
+    def offered_types(self):
+        """The security types that the server offers. If there are none, its reason follows."""
+        (count,) = self._unpack(">B")
+        return self._receive(count)
+
+    def _start_tls(self):
+        major, minor = self._unpack(">BB")
+        if (major, minor) < (0, 2):
+            raise ProtocolError(f"Unexpected version of VeNCrypt {major}.{minor}")
+        self.socket.sendall(bytes([0, 2]))
+        refused, count = self._unpack(">BB")
+        types = self._unpack(f">{count}I")
+        if refused or X509_VNC not in types:
+            raise ProtocolError(f"X509Vnc is not offered: {refused} {types}")
+        self.socket.sendall(struct.pack(">I", X509_VNC))
+        if self._unpack(">B") != (1,):
+            raise ProtocolError("The choice of X509Vnc is refused")
+        self.socket = self.tls.wrap_socket(self.socket)
 
     def _reason(self):
         (length,) = self._unpack(">I")
