@@ -1,44 +1,25 @@
 # SPDX-License-Identifier: MIT
 """Strangers at the front door of a session: on the network, and on the same host under another user's name."""
 import contextlib
-import errno
 import os
 import re
 import select
-import signal
 import socket
 import ssl
 import struct
 import threading
 import time
 
-import accounts
-import agentsession
-import hosts
-import injection
+import attackeddoor
 import network
 import rfb
 import server
 import zarvo
 
-CERTIFICATE_FOLDER = ".zarvo_server"
 PLAIN_REFUSED = r"zarvoctl connect.*X509Vnc"
 
 
-def setUpModule():
-    accounts.need_accounts()
-    hosts.need_namespaces()
-
-
-def context(certificate, version=None, ciphers=None):
-    made = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
-    made.check_hostname = False
-    made.load_verify_locations(certificate)
-    if version:
-        made.minimum_version = made.maximum_version = version
-    if ciphers:
-        made.set_ciphers(ciphers)
-    return made
+setUpModule = attackeddoor.need_strangers
 
 
 def is_closed(connection):
@@ -49,47 +30,7 @@ def is_closed(connection):
         return True
 
 
-class DoorTestCase(accounts.AccountTestCase, agentsession.AgentTestCase):
-    """A session of the owner on one host, and an enemy's host at the other end of the cable."""
-
-    def setUp(self):
-        self.cable = network.Cable(self)
-
-    def session(self, settings="", certificate=True):  # pylint: disable=arguments-differ
-        made = super().session(account=self.owner)
-        folder = os.path.join(made.home, ".config", "Halvorn Media")
-        os.makedirs(folder)
-        zarvo.write(os.path.join(folder, "Zarvo Agent.conf"), "[General]\n" + settings)
-        os.makedirs(os.path.join(made.home, CERTIFICATE_FOLDER, self.cable.near.name))  # as the server has it
-        if certificate:
-            made.certificate, made.key = server.make_certificate(os.path.join(made.home, CERTIFICATE_FOLDER))
-        self.owner.own(made.directory)
-        self.cable.near.run(made.start)
-        return made
-
-    def at_home(self, session, password=None, **how):
-        """A viewer of the owner on the session's host."""
-        viewer = self.cable.near.run(lambda: session.connect(password, **how))
-        self.addCleanup(viewer.close)
-        return viewer
-
-    def from_afar(self, session, password=None, source=network.THERE, **how):
-        """A viewer on the other host."""
-        def connect():
-            connection = socket.create_connection((network.HERE, session.port), zarvo.DEADLINE, (source, 0))
-            return rfb.Client(None, None, password or session.new_password(), connection=connection, **how)
-        viewer = self.cable.far.run(connect)
-        self.addCleanup(viewer.close)
-        return viewer
-
-    def raw_from_afar(self, session, source=network.THERE):
-        connection = self.cable.far.run(socket.create_connection, (network.HERE, session.port), zarvo.DEADLINE,
-                                        (source, 0))
-        self.addCleanup(connection.close)
-        return connection
-
-
-class ClearText(DoorTestCase):
+class ClearText(attackeddoor.DoorTestCase):
     def listen_to_the_wire(self):
         """Collects all that the enemy's host sees on the cable. Returns a function that stops and returns it."""
         wire = self.cable.far.run(socket.socket, socket.AF_PACKET, socket.SOCK_RAW, socket.htons(3))
@@ -112,7 +53,7 @@ class ClearText(DoorTestCase):
     def test_key_strokes_cannot_be_read_from_the_wire(self):
         session = self.session()
         stop = self.listen_to_the_wire()
-        viewer = self.from_afar(session, tls=context(session.certificate))
+        viewer = self.from_afar(session, tls=attackeddoor.context(session.certificate))
         viewer.type("mysecret")
         viewer.framebuffer()  # so what was typed has arrived
         heard = stop()
@@ -148,7 +89,7 @@ class ClearText(DoorTestCase):
     def test_loopback_may_do_without_tls(self):
         session = self.session()
         self.assertEqual(self.at_home(session).framebuffer().width, 800)
-        self.assertEqual(self.at_home(session, tls=context(session.certificate)).framebuffer().width, 800)
+        self.assertEqual(self.at_home(session, tls=attackeddoor.context(session.certificate)).framebuffer().width, 800)
 
     def test_setting_allows_plain_connections_from_the_network(self):
         session = self.session("AllowPlainFromNetwork=true\n")
@@ -164,31 +105,31 @@ class ClearText(DoorTestCase):
         session = self.session()
         for ciphers in ("AES128-GCM-SHA256", "ECDHE-RSA-AES128-SHA256", "DHE-RSA-AES128-GCM-SHA256"):
             with self.subTest(ciphers), self.assertRaises(OSError):
-                self.from_afar(session, tls=context(session.certificate, ssl.TLSVersion.TLSv1_2,
+                self.from_afar(session, tls=attackeddoor.context(session.certificate, ssl.TLSVersion.TLSv1_2,
                                                     ciphers + ":@SECLEVEL=0"))
 
     def test_both_versions_of_tls_work_and_none_sends_a_ticket(self):
         # A ticket behind the handshake makes the packaged viewer hang.
         session = self.session()
         for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
-            viewer = self.from_afar(session, tls=context(session.certificate, version))
+            viewer = self.from_afar(session, tls=attackeddoor.context(session.certificate, version))
             viewer.framebuffer()
             self.assertFalse(viewer.socket.session.has_ticket)
 
     def test_replaced_certificate_is_shown_to_the_next_viewer(self):
         session = self.session()
-        self.from_afar(session, tls=context(session.certificate))
+        self.from_afar(session, tls=attackeddoor.context(session.certificate))
         with self.assertRaises(ssl.SSLError):
             folder = self.folder(self.owner)
             other, _ = server.make_certificate(folder)
-            self.from_afar(session, tls=context(other))
+            self.from_afar(session, tls=attackeddoor.context(other))
         for name in ("server_cert", "server_key"):
-            os.replace(os.path.join(folder, name), os.path.join(session.home, CERTIFICATE_FOLDER, name))
+            os.replace(os.path.join(folder, name), os.path.join(session.home, attackeddoor.CERTIFICATE_FOLDER, name))
         self.owner.own(session.home)
-        self.from_afar(session, tls=context(session.certificate))
+        self.from_afar(session, tls=attackeddoor.context(session.certificate))
 
 
-class Address(DoorTestCase):
+class Address(attackeddoor.DoorTestCase):
     def listens(self, session, host, address):
         with socket.socket() as probe:
             return host.run(probe.connect_ex, (address, session.port)) == 0
@@ -214,7 +155,7 @@ class Address(DoorTestCase):
         self.at_home(session)
 
 
-class OtherUser(DoorTestCase):
+class OtherUser(attackeddoor.DoorTestCase):
     def knock(self, session, family=socket.AF_INET):
         """Connects as the stranger on the session's host. Returns whether the connection was closed at once."""
         def connect():
@@ -268,7 +209,7 @@ class OtherUser(DoorTestCase):
     def test_guesses_from_the_network_are_slowed_down(self):
         session = self.session()
         password = session.new_password()
-        secure = context(session.certificate)
+        secure = attackeddoor.context(session.certificate)
         for _ in range(6):
             with self.assertRaisesRegex(rfb.AuthenticationFailed, "Authentication failed"):
                 self.from_afar(session, "nonsense", tls=secure)
@@ -281,7 +222,7 @@ class OtherUser(DoorTestCase):
         self.at_home(session, password)
 
 
-class SilentStrangers(DoorTestCase):
+class SilentStrangers(attackeddoor.DoorTestCase):
     def test_their_number_is_bounded(self):
         session = self.session()
         clients = [self.raw_from_afar(session) for _ in range(400)]
@@ -295,7 +236,7 @@ class SilentStrangers(DoorTestCase):
         self.at_home(session)
 
 
-class Storm(DoorTestCase):
+class Storm(attackeddoor.DoorTestCase):
     RATE = 2000
 
     @contextlib.contextmanager
@@ -355,205 +296,9 @@ class Storm(DoorTestCase):
         with self.storm(session, True):
             def connect():
                 connection = socket.create_connection((network.HERE, session.port), zarvo.DEADLINE)
-                return rfb.Client(None, None, password, connection=connection, tls=context(session.certificate))
+                return rfb.Client(None, None, password, connection=connection, tls=attackeddoor.context(session.certificate))
             third.run(connect).close()
 
 
 def sanitized(session):
     return re.search(r"VmSize:\s+(\d+)", zarvo.read(f"/proc/{session.pid()}/status")).group(1) > str(1 << 30)
-
-
-class LocalSocket(DoorTestCase):
-    def path(self, session):
-        return session.path(f"viewer-{session.display}.sock")
-
-    def connect(self, session):
-        connection = socket.socket(socket.AF_UNIX)
-        connection.settimeout(zarvo.DEADLINE)
-        connection.connect(self.path(session))
-        return connection
-
-    def test_owner_needs_no_password(self):
-        session = self.session()
-        for version in ("3.3", "3.7", "3.8"):
-            viewer = rfb.Client(None, None, None, connection=self.connect(session), version=version)
-            self.assertEqual(viewer.framebuffer().width, 800)
-            state = session.state()
-            self.assertEqual(state["Clients"], 1)
-            self.assertIn("LastConnect", state)
-            viewer.close()
-            session.wait_state("the viewer to leave", lambda state: state["Clients"] == 0)
-        log = session.read("server_log")
-        self.assertRegex(log, r"Client authenticated from 'local' at '\S+' with password ''")
-        self.assertRegex(log, r"Client disconnected from 'local' at '\S+'")
-
-    def test_owner_gets_in_as_himself(self):
-        session = self.session()
-        self.cable.near.run(self.owner.call, lambda: rfb.Client(None, None, None,
-                                                                connection=self.connect(session)).close())
-        session.wait_state("the viewer to leave", lambda state: "LastDisconnect" in state)
-
-    def test_stranger_cannot_reach_it(self):
-        session = self.session()
-        with self.assertRaises(PermissionError):
-            self.stranger.call(lambda: self.connect(session).close())
-
-    def test_stranger_is_closed_at_once_even_when_the_permissions_are_open(self):
-        session = self.session()
-        os.chmod(session.directory, 0o755)
-        os.chmod(self.path(session), 0o777)
-
-        def knock():
-            with self.connect(session) as connection:
-                return connection.recv(1)
-        self.assertEqual(self.stranger.call(knock), b"")
-        self.assertEqual(session.state()["Clients"], 0)
-
-    def test_signal_disconnects_these_viewers_too(self):
-        session = self.session()
-        viewer = rfb.Client(None, None, None, connection=self.connect(session))
-        session.signal(signal.SIGUSR2)
-        viewer.wait_for_close()
-        session.wait_state("the end of the viewer", lambda state: state["Clients"] == 0)
-        viewer.close()
-
-
-class LeakedPassword(DoorTestCase):
-    def test_suspending_takes_all_passwords_back(self):
-        session = self.session()
-        leaked = session.new_password()
-        viewer = self.at_home(session)
-        session.signal(signal.SIGUSR2)
-        viewer.wait_for_close()
-        session.wait_state("no password", lambda state: state["Passwords"] == [])
-        self.assertIn(f"Expiring password {leaked}\n", session.read("server_log"))
-        with self.assertRaises(rfb.AuthenticationFailed):
-            self.at_home(session, leaked)
-        self.at_home(session)
-
-    def test_password_that_nobody_uses_is_taken_back(self):
-        session = self.session("PasswordMinutes=1\n")
-        password = session.new_password()
-        offered = time.monotonic()
-        zarvo.wait_until(lambda: session.state()["Passwords"] == [], "the end of the password", 60 + zarvo.DEADLINE)
-        self.assertGreater(time.monotonic() - offered, 55)
-        self.assertIn(f"Expiring password {password}\n", session.read("server_log"))
-        with self.assertRaises(rfb.AuthenticationFailed):
-            self.at_home(session, password)
-
-
-class TakenOver(DoorTestCase):
-    """The process that reads a stranger's bytes, in the hands of that stranger."""
-
-    OPENAT, SOCKET, EXECVE, FORK, PTRACE, KILL, PRCTL = 257, 41, 59, 57, 101, 62, 157
-
-    def visitors(self, session):
-        """The pids of the processes that receive visitors: the servant, and its children."""
-        servant = [pid for pid in children(session.pid()) if name(pid) == "session-door"]
-        self.assertEqual(len(servant), 1)
-        return servant[0], children(servant[0])
-
-    def receive(self, session):
-        """Has a stranger received. Returns the servant and the stranger's process."""
-        connection = self.raw_from_afar(session)
-        connection.recv(12, socket.MSG_WAITALL)
-        connection.sendall(b"RFB 003.008\n")
-        connection.recv(2, socket.MSG_WAITALL)
-        servant, visitors = self.visitors(session)
-        self.assertEqual(len(visitors), 1)
-        return servant, visitors[0]
-
-    def test_it_can_neither_open_a_file_nor_run_a_program(self):
-        injection.need_injection()
-        session = self.session()
-        _, visitor = self.receive(session)
-        puppet = injection.Puppet(visitor)
-        try:
-            self.assertGreater(puppet.call(39), 0)  # getpid, to see that calls work
-            refused = {
-                "open": puppet.call(self.OPENAT, -100, b"/etc/passwd", os.O_RDONLY),
-                "open the log": puppet.call(self.OPENAT, -100, b"server_log", os.O_WRONLY),
-                "socket": puppet.call(self.SOCKET, socket.AF_INET, socket.SOCK_STREAM, 0),
-                "local socket": puppet.call(self.SOCKET, socket.AF_UNIX, socket.SOCK_STREAM, 0),
-                "execve": puppet.call(self.EXECVE, b"/bin/true", 0, 0),
-                "fork": puppet.call(self.FORK),
-                "ptrace": puppet.call(self.PTRACE, 16, session.pid(), 0, 0),
-                "kill": puppet.call(self.KILL, session.pid(), 0),
-                "prctl": puppet.call(self.PRCTL, 4, 1),
-            }
-        finally:
-            puppet.close()
-        self.assertEqual({call: result for call, result in refused.items() if result != -errno.EPERM}, {})
-        self.at_home(session)
-
-    def test_it_is_confined_and_no_other_process_is(self):
-        session = self.session()
-        for pid in self.receive(session):
-            status = zarvo.read(f"/proc/{pid}/status")
-            self.assertRegex(status, r"Seccomp:\s+2\n")
-            self.assertRegex(status, r"NoNewPrivs:\s+1\n")
-        for pid in (session.pid(), session.process.pid, session.x_server()):
-            self.assertRegex(zarvo.read(f"/proc/{pid}/status"), r"NoNewPrivs:\s+0\n")
-        # "sudo" inside the session goes on working.
-        self.assertRegex(session.run("grep NoNewPrivs /proc/self/status"), r"NoNewPrivs:\s+0\n")
-
-    def test_it_does_not_hold_the_private_key(self):
-        session = self.session()
-        viewer = self.from_afar(session, tls=context(session.certificate))
-        servant, visitors = self.visitors(session)
-        prime = private_prime(session.key)
-        self.assertTrue(any(is_in_memory(session.pid(), form) for form in (prime, prime[::-1])))
-        for pid in (servant, *visitors):
-            self.assertFalse(any(is_in_memory(pid, form) for form in (prime, prime[::-1])))
-        viewer.framebuffer()
-
-    def test_it_knows_nothing_of_the_users_environment(self):
-        session = self.session()
-        servant, visitor = self.receive(session)
-        for pid in (servant, visitor):
-            self.assertEqual(zarvo.read(f"/proc/{pid}/environ"), "")
-
-    def test_killed_servant_is_started_again(self):
-        session = self.session()
-        servant, _ = self.receive(session)
-        os.kill(servant, signal.SIGKILL)
-        zarvo.wait_until(lambda: not zarvo.alive(servant), "the servant's end")
-        self.at_home(session)
-        self.from_afar(session, tls=context(session.certificate)).framebuffer()
-
-    def test_servant_ends_with_the_session(self):
-        session = self.session()
-        servant, visitor = self.receive(session)
-        session.signal(signal.SIGTERM)
-        self.assert_over(session, 0)
-        zarvo.wait_until(lambda: not (zarvo.alive(servant) or zarvo.alive(visitor)), "the end of the door's processes")
-
-
-def children(pid):
-    return [int(child) for child in zarvo.read(f"/proc/{pid}/task/{pid}/children").split()]
-
-
-def name(pid):
-    return zarvo.read(f"/proc/{pid}/comm").strip()
-
-
-def private_prime(key):
-    """The first prime of an RSA key, in the middle: without its outer bytes, so that no padding matters."""
-    text = os.popen(f"openssl rsa -in '{key}' -noout -text").read()
-    digits = re.search(r"prime1:\n((?:\s+[0-9a-f:]+\n)+)", text).group(1)
-    return bytes.fromhex(re.sub(r"[\s:]", "", digits))[8:-8]
-
-
-def is_in_memory(pid, wanted):
-    with open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
-        for line in zarvo.read(f"/proc/{pid}/maps").splitlines():
-            if " rw" not in line:
-                continue
-            start, end = (int(number, 16) for number in line.split()[0].split("-"))
-            if end - start > 1 << 30:
-                continue  # a sanitizer's shadow
-            with contextlib.suppress(OSError, OverflowError):
-                memory.seek(start)
-                if wanted in memory.read(end - start):
-                    return True
-    return False
