@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: MIT
 """All figures of one machine in one run: a table, and results.json and results.svg in BUILD_FOLDER/bench.
 
-usage: figures.py BUILD_FOLDER [PART...]     parts: load listing refresh start change startup memory micro
+usage: figures.py BUILD_FOLDER [PART...]     parts: load listing refresh start change startup memory door micro
 """
 import json
 import os
@@ -13,6 +13,7 @@ import time
 import traceback
 
 import common
+import door
 import load
 import plot
 import sessions
@@ -39,7 +40,8 @@ def micro(figures):
 
 
 PARTS = {"load": load.measure, "listing": sessions.listing, "refresh": sessions.refresh, "start": starts.measure,
-         "change": sessions.change, "startup": sessions.startup, "memory": sessions.memory, "micro": micro}
+         "change": sessions.change, "startup": sessions.startup, "memory": sessions.memory, "door": door.measure,
+         "micro": micro}
 
 
 class Figures:

@@ -20,8 +20,8 @@ namespace {
 class Buffer final
 {
 public:
-    /** The X server writes large updates, and each round costs system calls. Four TLS records. */
-    static constexpr std::size_t kBytes = 64 * 1024;
+    /** The X server writes large updates, and each round costs system calls. Eight TLS records. */
+    static constexpr std::size_t kBytes = 128 * 1024;
 
     [[nodiscard]] bool isEmpty() const { return begin == end; }
     [[nodiscard]] const char *data() const { return bytes.data() + begin; }
@@ -106,12 +106,15 @@ private:
             }
             toClient.setFilled(static_cast<std::size_t>(length));
         }
-        const int length = SSL_write(ssl, toClient.data(), static_cast<int>(toClient.size()));
-        if (length <= 0) {
-            noteTls(length);
-            return false;
+        // One record at a time. All of them, because each look at the other direction costs a system call.
+        while (!toClient.isEmpty()) {
+            const int length = SSL_write(ssl, toClient.data(), static_cast<int>(toClient.size()));
+            if (length <= 0) {
+                noteTls(length);
+                return false;
+            }
+            toClient.drop(static_cast<std::size_t>(length));
         }
-        toClient.drop(static_cast<std::size_t>(length));
         return true;
     }
 

@@ -289,6 +289,25 @@ class Storm(attackeddoor.DoorTestCase):
                 self.assert_owner_gets_in(session)
                 self.assertGreater(counted[0], before)
 
+    def test_owner_gets_in_during_a_storm_of_another_user(self):
+        session = self.session()
+
+        def blow():
+            open_ones = []
+            while True:
+                with contextlib.suppress(OSError):
+                    open_ones.append(session.raw_connection())
+                time.sleep(1 / self.RATE)
+                while len(open_ones) > 200:
+                    open_ones.pop(0).close()
+        self.held_here(threading.Thread(target=blow, daemon=True).start)
+        self.assert_owner_gets_in(session)
+
+    def held_here(self, function):
+        """Runs the function as the stranger on the session's host. Its threads stay until the end of the test."""
+        acting = self.cable.near.run(self.stranger.hold, function)
+        self.addCleanup(acting.close)
+
     def test_viewer_of_another_network_gets_in_during_a_storm(self):
         session = self.session()
         password = session.new_password()
