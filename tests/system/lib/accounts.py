@@ -10,6 +10,7 @@ Both are ordinary users, because root may do everything. Each test process has u
 by side. Only root can play other users; as somebody else the tests skip, and in CI they fail.
 """
 import contextlib
+import encodings.idna  # noqa: F401  (another user may be unable to load it when a socket needs it)
 import functools
 import os
 import pickle
