@@ -3,12 +3,20 @@
 
 #include "agent/display/xauthority.h"
 #include "support/filereader.h"
+#include "support/privatefile.h"
+#include "support/randomdata.h"
 
+#include <QSysInfo>
+
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
+#include <X11/Xauth.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -18,50 +26,54 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kMaxAuthorityFileBytes = 1024 * 1024;
-constexpr std::size_t kCookieBytes = 16;
 
-QByteArray toByteArray(const std::string &text)
+using Address = std::pair<unsigned short, std::string>; ///< family and address of an entry
+
+/** Where libX11 and libxcb look for the cookie of a local display. */
+Address localAddress()
 {
-    return {text.data(), static_cast<qsizetype>(text.size())};
+    return {FamilyLocal, QSysInfo::machineHostName().toLocal8Bit().toStdString()};
+}
+
+/** The addresses of the display's entries, without duplicates, and the local one first. */
+std::vector<Address> addressesOf(const QByteArray &content, const std::string &display)
+{
+    std::vector<Address> found = {localAddress()};
+    XAuthorityReader reader(std::string_view(content.constData(), static_cast<std::size_t>(content.size())));
+    while (const std::optional<XAuthorityEntry> entry = reader.next()) {
+        const Address address(entry->family, entry->address);
+        if (entry->display == display && std::find(found.begin(), found.end(), address) == found.end()) {
+            found.push_back(address);
+        }
+    }
+    return found;
 }
 
 } // namespace
 
-bool parseAuthority(const QByteArray &content, quint16 display, DisplayAuthority *authority)
+bool makeAuthority(const QByteArray &earlier, quint16 display, DisplayAuthority *authority, QString *error)
 {
-    const std::string number = std::to_string(display);
-    XAuthorityReader reader(std::string_view(content.constData(), static_cast<std::size_t>(content.size())));
-    DisplayAuthority found;
-    while (const std::optional<XAuthorityEntry> entry = reader.next()) {
-        const bool isOurs = entry->display == number && entry->method == kXCookieMethod;
-        if (!isOurs || entry->data.size() != kCookieBytes) {
-            continue;
-        }
-        found.entries += toByteArray(entry->text);
-        if (found.cookie.isEmpty()) {
-            found.cookie = toByteArray(entry->data);
-        }
-    }
-    if (!reader.isAtEnd() || found.cookie.isEmpty()) {
+    QString digits;
+    if (!randomHex(&digits, error)) {
         return false;
     }
-    *authority = found;
+    DisplayAuthority made;
+    made.cookie = QByteArray::fromHex(digits.toLatin1());
+    const std::string number = std::to_string(display);
+    for (const auto &[family, address] : addressesOf(earlier, number)) {
+        made.entries += QByteArray::fromStdString(
+            authorityText({family, address, number, std::string(kXCookieMethod), made.cookie.toStdString()}));
+    }
+    *authority = made;
     return true;
 }
 
-bool readAuthorityFile(const QString &path, quint16 display, DisplayAuthority *authority, QString *error)
+bool renewAuthorityFile(const QString &path, quint16 display, DisplayAuthority *authority, QString *error)
 {
-    QByteArray content;
-    if (!readFile(path, kMaxAuthorityFileBytes, &content, error)) {
-        return false;
-    }
-    if (!parseAuthority(content, display, authority)) {
-        *error = u"The file \"%1\" holds no valid %2 entry for display %3"_s
-                     .arg(path, QLatin1StringView(kXCookieMethod.data()))
-                     .arg(display);
-        return false;
-    }
-    return true;
+    QByteArray earlier;
+    QString ignored; // without the file only the names in it are missing, and local programs need none of them
+    [[maybe_unused]] const bool isRead = readFile(path, kMaxAuthorityFileBytes, &earlier, &ignored);
+    return makeAuthority(earlier, display, authority, error) && writePrivateFile(path, authority->entries, error);
 }
 
 int sealedAuthority(const QByteArray &entries, QString *error)

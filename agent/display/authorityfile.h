@@ -4,28 +4,33 @@
 #include <QByteArray>
 #include <QString>
 
-/** What an authority file holds for one display. A value. */
+/** What opens a display. A value. */
 struct DisplayAuthority
 {
-    QByteArray cookie;  ///< of the first entry, for our own connection
-    QByteArray entries; ///< all entries in the file's own form, for the X server
+    QByteArray cookie;
+    QByteArray entries; ///< the cookie under each name of the display, in the form of an authority file
 };
 
 /**
- * Finds the MIT-MAGIC-COOKIE-1 entries of @p display in the content of an authority file. The check matters, because an
- * X server without any entry lets every local user in.
+ * Makes a new cookie for @p display.
  *
+ * @param earlier    the content of an authority file. The display gets an entry under each name that it has there,
+ *                   because only xauth knows what the names that it was given stand for. There is always an entry for
+ *                   this host's local displays, even if the content is damaged.
  * @param authority  set only on success
- * @return false when there is none, or when the content is damaged
+ * @param error      set only on failure: one sentence
  */
-[[nodiscard]] bool parseAuthority(const QByteArray &content, quint16 display, DisplayAuthority *authority);
+[[nodiscard]] bool makeAuthority(const QByteArray &earlier, quint16 display, DisplayAuthority *authority,
+                                 QString *error);
 
 /**
- * The same for the file at @p path.
+ * Replaces the authority file at @p path by one with a new cookie, in one step. The old cookie is worth nothing: it was
+ * in the arguments of xauth, where every user of the machine could read it. So no X server may ever get it.
  *
- * @param error  set only on failure: one sentence that names the file
+ * @param error  set only on failure: one sentence
  */
-[[nodiscard]] bool readAuthorityFile(const QString &path, quint16 display, DisplayAuthority *authority, QString *error);
+[[nodiscard]] bool renewAuthorityFile(const QString &path, quint16 display, DisplayAuthority *authority,
+                                      QString *error);
 
 /**
  * Puts @p entries into a file in memory that nobody can change any more. An X server can read it again and again.

@@ -18,10 +18,26 @@ std::string bytes(const char *data, unsigned short length)
     return data ? std::string(data, length) : std::string();
 }
 
+std::string number(std::size_t value)
+{
+    return {static_cast<char>(value >> 8), static_cast<char>(value)};
+}
+
+std::string counted(const std::string &field)
+{
+    return number(field.size()) + field;
+}
+
 } // namespace
 
-XAuthorityReader::XAuthorityReader(std::string_view content_)
-    : content(content_)
+std::string authorityText(const XAuthorityEntry &entry)
+{
+    return number(entry.family) + counted(entry.address) + counted(entry.display) + counted(entry.method) +
+           counted(entry.data);
+}
+
+XAuthorityReader::XAuthorityReader(std::string_view content)
+    : size(content.size())
     , file(openedToRead(content), &std::fclose)
 {
 }
@@ -36,10 +52,10 @@ std::optional<XAuthorityEntry> XAuthorityReader::next()
     if (end == -1) {
         return std::nullopt;
     }
-    const std::size_t begin = position;
     position = static_cast<std::size_t>(end);
-    return XAuthorityEntry{bytes(read->number, read->number_length), bytes(read->name, read->name_length),
-                           bytes(read->data, read->data_length), std::string(content.substr(begin, position - begin))};
+    return XAuthorityEntry{read->family, bytes(read->address, read->address_length),
+                           bytes(read->number, read->number_length), bytes(read->name, read->name_length),
+                           bytes(read->data, read->data_length)};
 }
 
 std::optional<std::string> findXCookie(std::string_view content, std::string_view display)

@@ -13,11 +13,15 @@ inline constexpr std::string_view kXCookieMethod = "MIT-MAGIC-COOKIE-1";
 /** One entry of an X authority file. A value. */
 struct XAuthorityEntry
 {
-    std::string display; ///< the display's number
-    std::string method;  ///< how a client proves that it may connect
-    std::string data;    ///< of the method: a cookie, for example
-    std::string text;    ///< the entry in the file's own form
+    unsigned short family = 0; ///< how the address is to be read; FamilyLocal: it is the name of this host
+    std::string address;       ///< of the display's host
+    std::string display;       ///< the display's number
+    std::string method;        ///< how a client proves that it may connect
+    std::string data;          ///< of the method: a cookie, for example
 };
+
+/** The entry in the file's own form. */
+[[nodiscard]] std::string authorityText(const XAuthorityEntry &entry);
 
 /**
  * Reads the content of an X authority file, one entry after the other. Free of Qt, because take-screenshot has none.
@@ -35,10 +39,10 @@ public:
     [[nodiscard]] std::optional<XAuthorityEntry> next();
 
     /** Whether all of the content was read. When next() returns nothing, false means that the rest is damaged. */
-    [[nodiscard]] bool isAtEnd() const { return position == content.size(); }
+    [[nodiscard]] bool isAtEnd() const { return position == size; }
 
 private:
-    std::string_view content;
+    std::size_t size;
     std::size_t position = 0; ///< of the next entry
     std::unique_ptr<std::FILE, decltype(&std::fclose)> file;
 };

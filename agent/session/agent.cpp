@@ -139,11 +139,15 @@ void Agent::readSettings()
 /** Everything that can be missing or taken is checked before anything is started. */
 bool Agent::prepare(QString *error)
 {
-    if (!readAuthorityFile(SessionFile::kAuthority, display, &authority, error) || !becomeSubreaper(error) ||
-        !children.start(error) || !listen(error) || !stateSocket.listen(agentSocketPath(display), error)) {
+    if (!becomeSubreaper(error) || !children.start(error) || !listen(error) ||
+        !stateSocket.listen(agentSocketPath(display), error)) {
         return false;
     }
     guard->tell({display, 0});
+    // Not before the sockets are ours, because another agent of this session may be running on the file's cookie.
+    if (!renewAuthorityFile(SessionFile::kAuthority, display, &authority, error)) {
+        return false;
+    }
     return writePrivateFile(SessionFile::kServerPid, QByteArray::number(::getpid()), error);
 }
 

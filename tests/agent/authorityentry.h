@@ -13,8 +13,8 @@ inline QByteArray countedBytes(const QByteArray &bytes)
 
 /** An entry of an X authority file: address family, address, display, method, data. */
 inline QByteArray authorityEntry(const QByteArray &display, const QByteArray &method = "MIT-MAGIC-COOKIE-1",
-                                 const QByteArray &data = QByteArray(16, 'c'))
+                                 const QByteArray &data = QByteArray(16, 'c'), const QByteArray &address = "host")
 {
-    return QByteArray::fromHex("0100") + countedBytes("host") + countedBytes(display) + countedBytes(method) +
+    return QByteArray::fromHex("0100") + countedBytes(address) + countedBytes(display) + countedBytes(method) +
            countedBytes(data);
 }

@@ -4,6 +4,7 @@
 #include "tests/testmain.h"
 
 #include <QFile>
+#include <QSysInfo>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -16,63 +17,96 @@ class AuthorityFileTest final : public QObject
 {
     Q_OBJECT
 
+    static QByteArray localEntry(const QByteArray &cookie)
+    {
+        return authorityEntry("7", "MIT-MAGIC-COOKIE-1", cookie, QSysInfo::machineHostName().toLocal8Bit());
+    }
+
+    static QByteArray contentOf(const QString &path)
+    {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
 private slots:
-    void findsTheEntriesOfTheDisplay_data()
+    void everyNameOfTheDisplayGetsTheNewCookie_data()
     {
-        QTest::addColumn<QByteArray>("content");
-        QTest::addColumn<QByteArray>("entries"); // empty: refused
-        const QByteArray other = authorityEntry("8", "MIT-MAGIC-COOKIE-1", QByteArray(16, 'o'));
-        QTest::newRow("one") << authorityEntry("7") << authorityEntry("7");
-        QTest::newRow("after another display") << other + authorityEntry("7") << authorityEntry("7");
-        QTest::newRow("two for us") << authorityEntry("7") + other + authorityEntry("7")
-                                    << authorityEntry("7") + authorityEntry("7");
-        QTest::newRow("none") << QByteArray() << QByteArray();
-        QTest::newRow("another display") << other << QByteArray();
-        QTest::newRow("longer number") << authorityEntry("77") << QByteArray();
-        QTest::newRow("any display") << authorityEntry("") << QByteArray();
-        QTest::newRow("another method") << authorityEntry("7", "XDM-AUTHORIZATION-1") << QByteArray();
-        QTest::newRow("longer method") << authorityEntry("7", "MIT-MAGIC-COOKIE-10") << QByteArray();
-        QTest::newRow("empty cookie") << authorityEntry("7", "MIT-MAGIC-COOKIE-1", {}) << QByteArray();
-        QTest::newRow("short cookie") << authorityEntry("7", "MIT-MAGIC-COOKIE-1", QByteArray(15, 'c')) << QByteArray();
-        QTest::newRow("damaged after the entry") << authorityEntry("7") + "x" << QByteArray();
+        QTest::addColumn<QByteArray>("earlier");
+        QTest::addColumn<bool>("hasOther"); // beside the local name: "host"
+        const QByteArray other = authorityEntry("8");
+        QTest::newRow("none") << QByteArray() << false;
+        QTest::newRow("local name") << localEntry(QByteArray(16, 'o')) << false;
+        QTest::newRow("other name") << authorityEntry("7") << true;
+        QTest::newRow("both names") << localEntry(QByteArray(16, 'o')) + authorityEntry("7") << true;
+        QTest::newRow("one name twice") << authorityEntry("7") + authorityEntry("7") << true;
+        QTest::newRow("after another display") << other + authorityEntry("7") << true;
+        QTest::newRow("another display") << other << false;
+        QTest::newRow("longer number") << authorityEntry("77") << false;
+        QTest::newRow("any display") << authorityEntry("") << false;
+        QTest::newRow("damaged after the entry") << authorityEntry("7") + "x" << true;
+        QTest::newRow("damaged before the entry") << "x" + authorityEntry("7") << false;
     }
 
-    void findsTheEntriesOfTheDisplay()
+    void everyNameOfTheDisplayGetsTheNewCookie()
     {
-        QFETCH(QByteArray, content);
-        QFETCH(QByteArray, entries);
+        QFETCH(QByteArray, earlier);
+        QFETCH(bool, hasOther);
         DisplayAuthority authority;
-        QCOMPARE(parseAuthority(content, 7, &authority), !entries.isEmpty());
-        QCOMPARE(authority.entries, entries);
-        QCOMPARE(authority.cookie, entries.isEmpty() ? QByteArray() : QByteArray(16, 'c'));
+        QString error;
+        QVERIFY(makeAuthority(earlier, 7, &authority, &error));
+        QCOMPARE(authority.cookie.size(), 16);
+        const QByteArray other = hasOther ? authorityEntry("7", "MIT-MAGIC-COOKIE-1", authority.cookie) : QByteArray();
+        QCOMPARE(authority.entries, localEntry(authority.cookie) + other);
     }
 
-    void everyTruncationIsRefused()
+    void cookiesDiffer()
     {
-        const QByteArray content = authorityEntry("7");
-        for (qsizetype length = 0; length < content.size(); ++length) {
-            DisplayAuthority authority;
-            QVERIFY(!parseAuthority(content.first(length), 7, &authority));
-            QVERIFY(authority.cookie.isEmpty());
-        }
+        DisplayAuthority first;
+        DisplayAuthority second;
+        QString error;
+        QVERIFY(makeAuthority(localEntry(QByteArray(16, 'c')), 7, &first, &error));
+        QVERIFY(makeAuthority(first.entries, 7, &second, &error));
+        QVERIFY(first.cookie != second.cookie);
+        QVERIFY(!second.entries.contains(first.cookie));
     }
 
-    void errorNamesTheFile()
+    void fileIsReplacedByAPrivateOne()
+    {
+        const QTemporaryDir directory;
+        const QString path = directory.filePath(u"authority"_s);
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(authorityEntry("7"));
+        QVERIFY(file.setPermissions(QFileDevice::ReadOwner | QFileDevice::ReadOther));
+        file.close();
+        DisplayAuthority authority;
+        QString error;
+        QVERIFY(renewAuthorityFile(path, 7, &authority, &error));
+        QCOMPARE(contentOf(path), authority.entries);
+        QVERIFY(authority.entries.contains("host"));
+        QCOMPARE(QFile::permissions(path) & (QFileDevice::ReadGroup | QFileDevice::ReadOther),
+                 QFileDevice::Permissions());
+        QVERIFY(!contentOf(path).contains(QByteArray(16, 'c')));
+    }
+
+    void missingFileIsMade()
     {
         const QTemporaryDir directory;
         const QString path = directory.filePath(u"authority"_s);
         DisplayAuthority authority;
         QString error;
-        QVERIFY(!readAuthorityFile(path, 7, &authority, &error));
+        QVERIFY(renewAuthorityFile(path, 7, &authority, &error));
+        QCOMPARE(contentOf(path), localEntry(authority.cookie));
+    }
+
+    void errorNamesTheFile()
+    {
+        const QTemporaryDir directory;
+        const QString path = directory.filePath(u"missing/authority"_s);
+        DisplayAuthority authority;
+        QString error;
+        QVERIFY(!renewAuthorityFile(path, 7, &authority, &error));
         QVERIFY(error.contains(path));
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(authorityEntry("7"));
-        file.close();
-        QVERIFY(!readAuthorityFile(path, 8, &authority, &error));
-        QVERIFY(error.contains(path) && error.contains(u"display 8"_s));
-        QVERIFY(readAuthorityFile(path, 7, &authority, &error));
-        QCOMPARE(authority.entries, authorityEntry("7"));
     }
 
     void sealedFileCannotBeChanged()

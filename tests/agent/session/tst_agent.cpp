@@ -142,9 +142,10 @@ private slots:
                                               .arg(41001 + display())});
     }
 
-    void missingAuthorityEndsIt()
+    void authorityThatCannotBeWrittenEndsIt()
     {
         QVERIFY(QFile::remove(SessionFile::kAuthority));
+        QVERIFY(QDir().mkdir(SessionFile::kAuthority));
         agent->start(arguments());
         QCOMPARE(exitCode(), AgentExitCode::NotStarted);
         QCOMPARE(criticals().size(), 1);
