@@ -2,9 +2,11 @@
 #include "agent/display/xauthority.h"
 #include "agent/display/xpicture.h"
 
+#include <charconv>
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <string_view>
 
 #include <png.h>
 
@@ -52,16 +54,20 @@ bool writePng(const Picture &picture, const char *path, std::string *error)
 
 int main(int argc, char **argv)
 {
-    if (argc != 4) {
+    const std::string_view display = argc == 4 ? argv[1] : "";
+    unsigned number = 0;
+    if (std::from_chars(display.data(), display.data() + display.size(), number).ptr !=
+            display.data() + display.size() ||
+        display.empty()) {
         return complain("usage: take-screenshot NUMBER AUTHORITY FILE");
     }
-    const std::optional<std::string> cookie = findXCookie(readStart(argv[2]), argv[1]);
+    const std::optional<std::string> cookie = findXCookie(readStart(argv[2]), display);
     if (!cookie) {
-        return complain(std::string("There is no cookie for display ") + argv[1] + " in \"" + argv[2] + '"');
+        return complain("There is no cookie for display " + std::string(display) + " in \"" + argv[2] + '"');
     }
     Picture picture;
     std::string error;
-    if (!takePicture(std::string(":") + argv[1], *cookie, &picture, &error) || !writePng(picture, argv[3], &error)) {
+    if (!takePicture(number, *cookie, &picture, &error) || !writePng(picture, argv[3], &error)) {
         return complain(error);
     }
     return 0;

@@ -42,6 +42,12 @@ bool fillAddress(const QByteArray &path, sockaddr_un *address)
     return true;
 }
 
+/** The size of the address of an abstract socket, whose name ends with the address. */
+socklen_t abstractSize(const QByteArray &name)
+{
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)) + 1 + static_cast<socklen_t>(name.size());
+}
+
 int closeKeepingErrno(int descriptor)
 {
     const int saved = errno;
@@ -93,8 +99,7 @@ int connectAbstractSocket(const QByteArray &name)
     if (!fillAddress(QByteArray(1, '\0') + name, &address)) {
         return -1;
     }
-    return connectTo(address,
-                     static_cast<socklen_t>(offsetof(sockaddr_un, sun_path)) + 1 + static_cast<socklen_t>(name.size()));
+    return connectTo(address, abstractSize(name));
 }
 
 bool removeDeadSocket(const QString &path, QString *error)
@@ -123,6 +128,43 @@ bool removeDeadSocket(const QString &path, QString *error)
     return true;
 }
 
+int listenPrivately(const QString &path, int backlog, QString *error)
+{
+    if (!removeDeadSocket(path, error)) {
+        return -1;
+    }
+    const QByteArray encoded = QFile::encodeName(path);
+    sockaddr_un address;
+    int descriptor = fillAddress(encoded, &address) ? newSocket() : -1;
+    if (descriptor != -1 && bindPrivately(descriptor, address) != 0) {
+        descriptor = closeKeepingErrno(descriptor);
+    }
+    if (descriptor != -1 && ::listen(descriptor, backlog) != 0) {
+        const int saved = errno;
+        ::unlink(encoded.constData());
+        errno = saved;
+        descriptor = closeKeepingErrno(descriptor);
+    }
+    if (descriptor == -1) {
+        *error = u"Failed to listen on the socket \"%1\": %2"_s.arg(path, qt_error_string(errno));
+    }
+    return descriptor;
+}
+
+int bindAbstractSocket(const QByteArray &name, QString *error)
+{
+    sockaddr_un address;
+    int descriptor = fillAddress(QByteArray(1, '\0') + name, &address) ? newSocket() : -1;
+    if (descriptor != -1 && ::bind(descriptor, reinterpret_cast<const sockaddr *>(&address), abstractSize(name)) != 0) {
+        descriptor = closeKeepingErrno(descriptor);
+    }
+    if (descriptor == -1) {
+        *error = u"Failed to take the name of the abstract socket \"%1\": %2"_s.arg(QFile::decodeName(name),
+                                                                                    qt_error_string(errno));
+    }
+    return descriptor;
+}
+
 LocalEndpoint::LocalEndpoint(QObject *parent)
     : QObject(parent)
 {
@@ -140,27 +182,11 @@ LocalEndpoint::~LocalEndpoint()
 bool LocalEndpoint::listen(const QString &path, QString *error)
 {
     Q_ASSERT(listener == -1);
-    if (!removeDeadSocket(path, error)) {
+    listener = listenPrivately(path, kBacklog, error);
+    if (listener == -1) {
         return false;
     }
-    const QByteArray encoded = QFile::encodeName(path);
-    sockaddr_un address;
-    int descriptor = fillAddress(encoded, &address) ? newSocket() : -1;
-    if (descriptor != -1 && bindPrivately(descriptor, address) != 0) {
-        descriptor = closeKeepingErrno(descriptor);
-    }
-    if (descriptor != -1 && ::listen(descriptor, kBacklog) != 0) {
-        const int saved = errno;
-        ::unlink(encoded.constData());
-        errno = saved;
-        descriptor = closeKeepingErrno(descriptor);
-    }
-    if (descriptor == -1) {
-        *error = u"Failed to listen on the socket \"%1\": %2"_s.arg(path, qt_error_string(errno));
-        return false;
-    }
-    boundPath = encoded;
-    listener = descriptor;
+    boundPath = QFile::encodeName(path);
     notifier = std::make_unique<QSocketNotifier>(listener, QSocketNotifier::Read);
     connect(notifier.get(), &QSocketNotifier::activated, this, &LocalEndpoint::acceptPending);
     return true;

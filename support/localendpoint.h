@@ -56,6 +56,23 @@ private:
 [[nodiscard]] int connectAbstractSocket(const QByteArray &name);
 
 /**
+ * Makes a listening socket at @p path that only this user can connect to. Replaces a stale socket of a dead process,
+ * but no socket that still answers and no other kind of file. The file stays when the socket is closed.
+ *
+ * @param error  set only on failure: one sentence that names the path
+ * @return a close-on-exec, non-blocking descriptor that the caller owns; -1 on failure
+ */
+[[nodiscard]] int listenPrivately(const QString &path, int backlog, QString *error);
+
+/**
+ * Takes the abstract @p name, so that nobody else can have it. Connections to it are refused until the caller listens.
+ *
+ * @param error  set only on failure: one sentence that names the socket
+ * @return a close-on-exec, non-blocking descriptor that the caller owns; -1 on failure
+ */
+[[nodiscard]] int bindAbstractSocket(const QByteArray &name, QString *error);
+
+/**
  * Removes the stale socket of a dead process at @p path. Succeeds if nothing is there.
  *
  * @param error  set only on failure: one sentence that says what is there and was not removed

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "agent/applications/spawn.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -15,6 +17,9 @@
 using namespace Qt::StringLiterals;
 
 namespace {
+
+constexpr size_t kMaxInherited = 4;
+constexpr size_t kMaxPidDigits = 10; ///< of any 32-bit number
 
 std::vector<char *> pointersTo(const QList<QByteArray> &texts)
 {
@@ -46,19 +51,33 @@ void resetSignals()
 
 void arrangeDescriptors(const SpawnRequest &request)
 {
+    constexpr int kFirst = STDERR_FILENO + 1;
+    const int count = static_cast<int>(request.inherited.size());
+    // Copied to higher numbers first, because a descriptor may have the number that another one is to get.
+    std::array<int, kMaxInherited> copies = {};
+    for (int i = 0; i < count; ++i) {
+        copies[static_cast<size_t>(i)] = ::fcntl(request.inherited[i], F_DUPFD, kFirst + count);
+    }
     const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
     const int output = request.output == -1 ? nowhere : request.output;
     ::dup2(nowhere, STDIN_FILENO);
     ::dup2(output, STDOUT_FILENO);
     ::dup2(output, STDERR_FILENO);
-    unsigned int firstUnwanted = STDERR_FILENO + 1;
-    if (request.inheritedAsThree != -1) {
-        const int three = STDERR_FILENO + 1;
-        ::dup2(request.inheritedAsThree, three);
-        ::fcntl(three, F_SETFD, 0); // dup2() onto itself leaves close-on-exec as it is
-        ++firstUnwanted;
+    for (int i = 0; i < count; ++i) {
+        ::dup2(copies[static_cast<size_t>(i)], kFirst + i);
     }
-    ::close_range(firstUnwanted, ~0U, 0);
+    ::close_range(static_cast<unsigned int>(kFirst + count), ~0U, 0);
+}
+
+/** Writes our pid into @p text, which is long enough and full of zeros. */
+void writePid(char *text)
+{
+    std::array<char, kMaxPidDigits> digits = {};
+    size_t count = 0;
+    for (pid_t rest = ::getpid(); rest != 0 && count < digits.size(); rest /= 10) {
+        digits[count++] = static_cast<char>('0' + rest % 10);
+    }
+    std::reverse_copy(digits.begin(), digits.begin() + count, text);
 }
 
 void writeText(const char *text)
@@ -66,7 +85,8 @@ void writeText(const char *text)
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text, std::strlen(text));
 }
 
-[[noreturn]] void runChild(const SpawnRequest &request, pid_t parent, char *const *arguments, char *const *environment)
+[[noreturn]] void runChild(const SpawnRequest &request, pid_t parent, char *const *arguments, char *const *environment,
+                           char *pidText)
 {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     resetSignals();
@@ -76,6 +96,9 @@ void writeText(const char *text)
     ::setsid();
     arrangeDescriptors(request);
     ::umask(request.fileCreationMask);
+    if (pidText != nullptr) {
+        writePid(pidText);
+    }
     if (!request.workingDirectory.isEmpty()) {
         [[maybe_unused]] const int changed = ::chdir(request.workingDirectory.constData());
     }
@@ -90,8 +113,16 @@ void writeText(const char *text)
 
 pid_t spawnProcess(const SpawnRequest &request, QString *error)
 {
+    Q_ASSERT(request.inherited.size() <= static_cast<qsizetype>(kMaxInherited));
     const std::vector<char *> arguments = pointersTo(request.arguments);
-    const std::vector<char *> environment = pointersTo(request.environment);
+    QList<QByteArray> variables = request.environment;
+    if (!request.pidVariable.isEmpty()) {
+        variables.append(request.pidVariable + '=' + QByteArray(kMaxPidDigits + 1, '\0'));
+    }
+    const std::vector<char *> environment = pointersTo(variables);
+    char *const pidText = request.pidVariable.isEmpty()
+                              ? nullptr
+                              : environment[static_cast<size_t>(variables.size()) - 1] + request.pidVariable.size() + 1;
     const pid_t parent = ::getpid();
 
     // Block all signals until the child has reset its handlers. Until then the child's copies of our handlers would
@@ -102,7 +133,7 @@ pid_t spawnProcess(const SpawnRequest &request, QString *error)
     ::pthread_sigmask(SIG_SETMASK, &all, &before);
     const pid_t child = ::fork();
     if (child == 0) {
-        runChild(request, parent, arguments.data(), environment.data());
+        runChild(request, parent, arguments.data(), environment.data(), pidText);
     }
     const int saved = errno;
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);

@@ -14,7 +14,8 @@ struct SpawnRequest
     QList<QByteArray> arguments;   ///< the name that the program sees as its own, then its arguments
     QList<QByteArray> environment; ///< each variable as "NAME=value"
     int output = -1;               ///< its standard output and error; -1: /dev/null
-    int inheritedAsThree = -1;     ///< a descriptor that it gets as number 3; -1: none
+    QList<int> inherited;          ///< descriptors that it gets as numbers 3, 4 and so on; at most 4
+    QByteArray pidVariable;        ///< a variable that gets the pid of the child as its value; empty: none
     mode_t fileCreationMask = 077;
     QByteArray workingDirectory; ///< when empty or missing, ours
 };

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "agent/display/screenwatcher.h"
 
+#include "agent/display/displayconnection.h"
 #include "agent/display/xauthority.h"
-#include "support/localendpoint.h"
 
 #include <xcb/xcb.h>
 
@@ -97,10 +97,9 @@ ScreenWatcher::~ScreenWatcher()
 
 void ScreenWatcher::start(quint16 display, const QByteArray &cookie)
 {
-    const QString path = u"/tmp/.X11-unix/X%1"_s.arg(display);
-    const int socket = connectLocalSocket(path);
+    const int socket = connectToDisplay(display);
     if (socket == -1) {
-        emit failed(u"Failed to connect to the X server at \"%1\": %2"_s.arg(path, qt_error_string(errno)));
+        emit failed(u"Failed to connect to display %1: %2"_s.arg(display).arg(qt_error_string(errno)));
         return;
     }
     connection = std::make_unique<Connection>();

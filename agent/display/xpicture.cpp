@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "agent/display/xpicture.h"
 
+#include "agent/display/displayconnection.h"
 #include "agent/display/xauthority.h"
 
 #include <xcb/xcb.h>
 
 #include <bit>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 namespace {
@@ -24,12 +27,12 @@ using ReplyPtr = std::unique_ptr<Reply, Free>;
 
 using ConnectionPtr = std::unique_ptr<xcb_connection_t, decltype(&xcb_disconnect)>;
 
-ConnectionPtr open(const std::string &display, std::string cookie)
+ConnectionPtr open(int socket, std::string cookie)
 {
     std::string name(kXCookieMethod);
     xcb_auth_info_t authorization = {static_cast<int>(name.size()), name.data(), static_cast<int>(cookie.size()),
                                      cookie.data()};
-    return {xcb_connect_to_display_with_auth_info(display.c_str(), &authorization, nullptr), &xcb_disconnect};
+    return {xcb_connect_to_fd(socket, &authorization), &xcb_disconnect};
 }
 
 const xcb_visualtype_t *rootVisual(const xcb_screen_t &screen)
@@ -131,9 +134,15 @@ bool fetch(xcb_connection_t *connection, const xcb_screen_t &screen, const Pixel
 
 } // namespace
 
-bool takePicture(const std::string &display, const std::string &cookie, Picture *picture, std::string *error)
+bool takePicture(unsigned number, const std::string &cookie, Picture *picture, std::string *error)
 {
-    const ConnectionPtr connection = open(display, cookie);
+    const int socket = connectToDisplay(number);
+    const std::string display = ":" + std::to_string(number);
+    if (socket == -1) {
+        *error = "The display " + display + " cannot be opened: " + std::strerror(errno);
+        return false;
+    }
+    const ConnectionPtr connection = open(socket, cookie);
     if (xcb_connection_has_error(connection.get()) != 0) {
         *error = "The display " + display + " cannot be opened";
         return false;

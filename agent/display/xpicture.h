@@ -17,8 +17,7 @@ struct Picture
  * Takes a picture of the whole screen of an X display. Blocks until the X server answers, which may be never, so only a
  * program that somebody else kills after a timeout may call it.
  *
- * @param display  as in ":100"
- * @param error    set only on failure: one sentence
+ * @param number  of the display
+ * @param error   set only on failure: one sentence
  */
-[[nodiscard]] bool takePicture(const std::string &display, const std::string &cookie, Picture *picture,
-                               std::string *error);
+[[nodiscard]] bool takePicture(unsigned number, const std::string &cookie, Picture *picture, std::string *error);

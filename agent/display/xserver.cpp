@@ -6,6 +6,7 @@
 #include "agent/applications/spawn.h"
 #include "agent/display/authorityfile.h"
 #include "agent/display/backendhandshake.h"
+#include "agent/display/displaysocket.h"
 #include "agent/display/xserverfiles.h"
 #include "support/localendpoint.h"
 
@@ -38,6 +39,9 @@ constexpr qsizetype kMaxLines = 20;
 constexpr qsizetype kMaxLineLength = 200;
 constexpr qsizetype kMaxTitleLength = 100;
 
+/** Numbers of the descriptors that the process inherits. X servers take a listening socket only as number 3. */
+enum : int { kListenerNumber = 3, kAuthorityNumber = 4 };
+
 QList<QByteArray> xServerArguments(const QByteArray &program, const XServerSettings &settings)
 {
     const QString size = u"%1x%2"_s.arg(settings.size.width()).arg(settings.size.height());
@@ -48,7 +52,7 @@ QList<QByteArray> xServerArguments(const QByteArray &program, const XServerSetti
         "-depth", "24",
         // The descriptor that the process inherits, and not the file in the session directory. If that file were removed,
         // the X server would let every user of the machine in.
-        "-auth", "/proc/self/fd/3",
+        "-auth", "/proc/self/fd/" + QByteArray::number(kAuthorityNumber),
         "-desktop", settings.title.left(kMaxTitleLength).toUtf8(),
         // Only we can connect, and we have checked the password already.
         "-rfbport", "-1",
@@ -57,13 +61,29 @@ QList<QByteArray> xServerArguments(const QByteArray &program, const XServerSetti
         "-SecurityTypes", "None",
         "-UseBlacklist=0",
         "-AlwaysShared",
-        // Local sockets stay on, both the file and the abstract name. Applications try the abstract name first. If it
-        // were free, any user of the machine could take it and would get the cookie from every application.
+        // It listens on the socket that it inherits and on no other.
         "-nolisten", "tcp",
+        "-nolisten", "local",
         "-noreset",
         "-Log", "*:stderr:30",
     };
     // clang-format on
+}
+
+/**
+ * For a display without a file, which every user of the machine can connect to. The X server must not try to make the
+ * file, because it ends if it fails. It gets the most clients that it can have, and descriptors for them: of the 256
+ * that are the default a stranger could take all. One that has sent nothing for a minute is dropped.
+ */
+const QList<QByteArray> kArgumentsWithoutFile = {"-nolisten", "unix", "-maxclients", "2048", "-lf", "4096"};
+
+/** Our own environment, without sockets that our parent has passed to us in the same way. */
+QList<QByteArray> xServerEnvironment()
+{
+    QList<QByteArray> variables = currentEnvironment();
+    variables.removeIf([](const QByteArray &variable) { return variable.startsWith("LISTEN_"); });
+    variables.append("LISTEN_FDS=1");
+    return variables;
 }
 
 } // namespace
@@ -110,29 +130,30 @@ bool XServer::start(const XServerSettings &settings_, QString *error)
     // Otherwise the socket of a dead X server could be taken for the new one's.
     ::unlink(QFile::encodeName(settings.rfbSocket).constData());
 
+    auto socket = std::make_unique<DisplaySocket>(settings.socketFolder);
+    if (!socket->listen(settings.display, error)) {
+        return false;
+    }
     const int authority = sealedAuthority(settings.authorityEntries, error);
     if (authority == -1) {
         return false;
     }
+    displaySocket = std::move(socket);
     std::array<int, 2> pipeEnds = {};
     if (::pipe2(pipeEnds.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
         *error = u"Failed to create a pipe: %1"_s.arg(qt_error_string(errno));
         ::close(authority);
         return false;
     }
-    SpawnRequest request;
-    request.program = program;
-    request.arguments = xServerArguments(program, settings);
-    request.environment = currentEnvironment();
-    request.output = pipeEnds[1];
-    request.inheritedAsThree = authority;
-    const pid_t started = spawnProcess(request, error);
+    const pid_t started = spawn(program, authority, pipeEnds[1], error);
     ::close(pipeEnds[1]);
     ::close(authority);
     if (started == -1) {
         ::close(pipeEnds[0]);
+        displaySocket.reset();
         return false;
     }
+    displaySocket->handedOver();
     process = started;
     output = pipeEnds[0];
     outputNotifier = std::make_unique<QSocketNotifier>(output, QSocketNotifier::Read);
@@ -140,6 +161,26 @@ bool XServer::start(const XServerSettings &settings_, QString *error)
     probeTimer.start();
     deadline.start();
     return true;
+}
+
+pid_t XServer::spawn(const QByteArray &program, int authority, int outputEnd, QString *error) const
+{
+    SpawnRequest request;
+    request.program = program;
+    request.arguments = xServerArguments(program, settings);
+    if (!weakness().isEmpty()) {
+        request.arguments += kArgumentsWithoutFile;
+    }
+    request.environment = xServerEnvironment();
+    request.pidVariable = "LISTEN_PID"; // without it the socket would count as meant for another process
+    request.output = outputEnd;
+    request.inherited = {displaySocket->descriptor(), authority};
+    return spawnProcess(request, error);
+}
+
+QString XServer::weakness() const
+{
+    return displaySocket ? displaySocket->weakness() : QString();
 }
 
 void XServer::stop()
@@ -205,6 +246,7 @@ void XServer::Watcher_ended(pid_t pid, int status)
     }
     Output_activated(); // reads what it wrote last
     removeXServerFiles(settings.display, pid);
+    displaySocket.reset();
     process = 0;
     probeTimer.stop();
     deadline.stop();

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "agent/display/displayconnection.h"
+
 #include <QObject>
 #include <QSize>
 #include <QString>
@@ -12,6 +14,7 @@
 #include <sys/types.h>
 
 class ChildWatcher;
+class DisplaySocket;
 class QLocalSocket;
 class QSocketNotifier;
 
@@ -22,7 +25,8 @@ struct XServerSettings
     QSize size;
     QString title;               ///< what viewers show
     QByteArray authorityEntries; ///< the cookies that open the display, in the form of an authority file
-    QString rfbSocket;           ///< where it serves the screen; relative to the working directory
+    QString socketFolder = QLatin1StringView(kDisplaySocketFolder); ///< tests use another one
+    QString rfbSocket; ///< where it serves the screen; relative to the working directory
 };
 
 /**
@@ -53,6 +57,9 @@ public:
     /** The pid; 0 when the process is not running. */
     [[nodiscard]] pid_t pid() const { return process; }
 
+    /** Why every user of the machine can connect to the display, as one sentence; empty when only this user can. */
+    [[nodiscard]] QString weakness() const;
+
     /** The last lines that the process wrote, oldest first; at most 20 of at most 200 characters. */
     [[nodiscard]] const QStringList &lastLines() const { return lines; }
 
@@ -65,12 +72,14 @@ private:
     void probe();
     void Probe_readyRead();
     void dropProbe();
+    [[nodiscard]] pid_t spawn(const QByteArray &program, int authority, int outputEnd, QString *error) const;
     void Watcher_ended(pid_t pid, int status);
     void Output_activated();
     void Deadline_timeout();
     void addOutput(const QByteArray &bytes);
 
     XServerSettings settings;
+    std::unique_ptr<DisplaySocket> displaySocket;
     pid_t process = 0;
     int output = -1; ///< the end of the pipe that we read
     bool isTooLate = false;

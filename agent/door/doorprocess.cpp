@@ -83,7 +83,7 @@ bool DoorProcess::start(QString *error)
     request.program = program;
     request.arguments = {"session-door"};
     // It gets no environment: an attacker who reads its memory finds none of the user's secrets.
-    request.inheritedAsThree = ends[1];
+    request.inherited = {ends[1]};
     const pid_t started = spawnProcess(request, error);
     ::close(ends[1]);
     if (started == -1) {

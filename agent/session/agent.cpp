@@ -171,6 +171,9 @@ bool Agent::startXServer(QString *error)
         return false;
     }
     guard->tell({display, xServer.pid()});
+    if (!xServer.weakness().isEmpty()) {
+        logMessage(LogWarning, xServer.weakness());
+    }
     // Watch last, because this takes long if a directory has many files, and the X server starts meanwhile.
     return directoryWatcher.watch(u"."_s, error);
 }

@@ -2,6 +2,7 @@
 #include "agent/session/guard.h"
 
 #include "agent/applications/processtree.h"
+#include "agent/display/displayconnection.h"
 #include "agent/display/xserverfiles.h"
 #include "support/localendpoint.h"
 
@@ -144,7 +145,8 @@ void removeDeadSockets(quint16 display)
 {
     QString error; // ignored: the socket belongs to another process, so it must stay
     for (const QString &path : {agentSocketPath(display), AgentFile::applicationSocket(display),
-                                AgentFile::rfbSocket(display), viewerSocketName(display)}) {
+                                AgentFile::rfbSocket(display), viewerSocketName(display),
+                                u"%1/X%2"_s.arg(QLatin1StringView(kDisplaySocketFolder)).arg(display)}) {
         [[maybe_unused]] const bool removed = removeDeadSocket(path, &error);
     }
 }

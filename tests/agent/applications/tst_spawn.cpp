@@ -107,29 +107,54 @@ private slots:
         QCOMPARE(without.output, QByteArray("0\n1\n2\n"));
         SpawnRequest request = shell("ls /proc/$$/fd; readlink /proc/$$/fd/3 /proc/$$/fd/0");
         const int kept = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
-        request.inheritedAsThree = kept;
+        request.inherited = {kept};
         QCOMPARE(run(request).output, QByteArray("0\n1\n2\n3\n/dev/zero\n/dev/null\n"));
         ::close(kept);
         ::close(leaked);
     }
 
-    // dup2() of a descriptor onto itself does not clear close-on-exec.
-    void descriptorThreeIsInheritedEvenIfItIsThreeAlready()
+    void inheritedDescriptorsMayHaveEachOthersNumbers()
     {
-        const int saved = ::fcntl(3, F_DUPFD_CLOEXEC, 10);
+        const int savedThree = ::fcntl(3, F_DUPFD_CLOEXEC, 10);
+        const int savedFour = ::fcntl(4, F_DUPFD_CLOEXEC, 10);
         const int zero = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
-        ::dup3(zero, 3, O_CLOEXEC);
-        SpawnRequest request = shell("readlink /proc/$$/fd/3");
-        request.inheritedAsThree = 3;
-        const Outcome outcome = run(request);
-        if (saved == -1) {
-            ::close(3);
-        } else {
-            ::dup3(saved, 3, O_CLOEXEC);
-            ::close(saved);
+        const int full = ::open("/dev/full", O_RDONLY | O_CLOEXEC);
+        const int farZero = ::fcntl(zero, F_DUPFD_CLOEXEC, 10);
+        const int farFull = ::fcntl(full, F_DUPFD_CLOEXEC, 10);
+        ::dup3(farZero, 3, O_CLOEXEC);
+        ::dup3(farFull, 4, O_CLOEXEC);
+        const QByteArray names = "readlink /proc/$$/fd/3 /proc/$$/fd/4";
+        SpawnRequest straight = shell(names);
+        straight.inherited = {3, 4};
+        SpawnRequest crossed = shell(names);
+        crossed.inherited = {4, 3};
+        const Outcome straightOutcome = run(straight);
+        const Outcome crossedOutcome = run(crossed);
+        for (const auto &[saved, number] : {std::pair(savedThree, 3), std::pair(savedFour, 4)}) {
+            if (saved == -1) {
+                ::close(number);
+            } else {
+                ::dup3(saved, number, O_CLOEXEC);
+                ::close(saved);
+            }
         }
-        ::close(zero);
-        QCOMPARE(outcome.output, QByteArray("/dev/zero\n"));
+        for (const int descriptor : {zero, full, farZero, farFull}) {
+            if (descriptor > 4) {
+                ::close(descriptor);
+            }
+        }
+        QCOMPARE(straightOutcome.output, QByteArray("/dev/zero\n/dev/full\n"));
+        QCOMPARE(crossedOutcome.output, QByteArray("/dev/full\n/dev/zero\n"));
+    }
+
+    void childIsToldItsPid()
+    {
+        SpawnRequest request = shell("echo $OWN_PID $$");
+        request.pidVariable = "OWN_PID";
+        const QList<QByteArray> pids = run(request).output.trimmed().split(' ');
+        QCOMPARE(pids.size(), 2);
+        QVERIFY(pids[0].toInt() > 0);
+        QCOMPARE(pids[0], pids[1]);
     }
 
     void childHasItsOwnSessionMaskAndDirectory()

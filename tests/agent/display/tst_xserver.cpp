@@ -33,6 +33,7 @@ private:
         result.title = u"a title"_s;
         result.authorityEntries = "entries";
         result.rfbSocket = path(u"rfb"_s);
+        result.socketFolder = path(u"displays"_s);
         return result;
     }
 
@@ -78,14 +79,14 @@ private slots:
     void argumentsAndAuthorityReachTheProcess()
     {
         QVERIFY(install("for argument; do echo \"[$argument]\" >> " + QFile::encodeName(path(u"seen"_s)) +
-                        "; done; cat /proc/self/fd/3 >> " + QFile::encodeName(path(u"seen"_s))));
+                        "; done; cat /proc/self/fd/4 >> " + QFile::encodeName(path(u"seen"_s))));
         XServer server(watcher.get());
         QSignalSpy ended(&server, &XServer::ended);
         QString error;
         QVERIFY(server.start(settings(), &error));
         QTRY_COMPARE(ended.count(), 1);
         const QByteArray seen = contentOf(path(u"seen"_s));
-        QVERIFY(seen.startsWith("[:7]\n[-geometry]\n[800x600]\n[-depth]\n[24]\n[-auth]\n[/proc/self/fd/3]\n"
+        QVERIFY(seen.startsWith("[:7]\n[-geometry]\n[800x600]\n[-depth]\n[24]\n[-auth]\n[/proc/self/fd/4]\n"
                                 "[-desktop]\n[a title]\n[-rfbport]\n[-1]\n"));
         QVERIFY(seen.endsWith("\nentries"));
         QVERIFY(!seen.contains("-displayfd"));

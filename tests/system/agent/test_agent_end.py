@@ -4,6 +4,7 @@ import glob
 import os
 import shutil
 import signal
+import socket
 import time
 import unittest
 
@@ -66,12 +67,16 @@ class End(AgentTestCase):
         self.assert_over(session, 3)
         self.assertIn("Critical: The X server ended: signal 9", session.read("server_log"))
 
-    def test_lock_of_another_x_server_stays(self):
+    def test_files_of_another_x_server_stay(self):
         session = self.session().start()
         lock, x_socket = f"/tmp/.X{session.display}-lock", f"/tmp/.X11-unix/X{session.display}"
         with open(lock, "r+", encoding="ascii") as file:
             file.write(f"{os.getpid():10}\n")
         os.chmod(lock, 0o644)
+        os.unlink(x_socket)
+        other = socket.socket(socket.AF_UNIX)
+        self.addCleanup(other.close)
+        other.bind(x_socket)
         os.kill(session.x_server(), signal.SIGKILL)
         self.assertEqual(session.wait_exit(), 3)
         self.assertEqual([os.path.lexists(path) for path in (lock, x_socket)], [True, True])

@@ -157,6 +157,8 @@ class AgentSession:
     def run(self, command):
         """Runs a command line in the session until it ends, and returns its output."""
         self.write("app_log", "")
+        if self.account:
+            self.account.own(self.path("app_log"))
         done = self.path("done")
         result = self.app(f"({command}); : > {done}")
         assert result.returncode == 0, result.stderr

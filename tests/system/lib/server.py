@@ -195,7 +195,7 @@ class Server:
             for name in os.listdir(self.reports):
                 complaints += read(os.path.join(self.reports, name))
             for number in range(self.displays.base, self.displays.base + self.displays.count):
-                for path in (f"/tmp/Xrdp_{number}.sock", f"/tmp/.X{number}-lock"):
+                for path in (f"/tmp/Xrdp_{number}.sock", f"/tmp/.X{number}-lock", f"/tmp/.X11-unix/X{number}"):
                     with contextlib.suppress(OSError):
                         os.unlink(path)
             self.displays.close()
