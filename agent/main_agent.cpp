@@ -7,6 +7,7 @@
 #include "agent/session/sessionlog.h"
 #include "base/signalcatcher.h"
 #include "contract/application.h"
+#include "support/processhardening.h"
 
 #include <QCoreApplication>
 
@@ -104,6 +105,7 @@ int leave(ExitFile *exitFile, AgentExitCode code)
 /** Usage: start-agent GEOMETRY PORT, in a session directory. */
 int main(int argc, char **argv)
 {
+    disableCoreFiles();
     ensureStandardDescriptors();
     ::umask(077);
     ::signal(SIGXFSZ, SIG_IGN); // so that a write beyond the file size limit fails and does not kill us
@@ -118,6 +120,8 @@ int main(int argc, char **argv)
     if (agent != 0) {
         return leave(&exitFile, guardAgent(agent, link));
     }
+    // Not the guard: servers read the working directory of the process in monitor_pid.
+    disableInspection();
     const AgentExitCode code = runAgent(argc, argv, link);
     return isGuardAlive(link) ? static_cast<int>(code) : leave(&exitFile, code);
 }

@@ -2,6 +2,7 @@
 #include "agent/applications/applicationrequest.h"
 #include "agent/session/agentfiles.h"
 #include "agent/session/agentoptions.h"
+#include "support/processhardening.h"
 
 #include <QCoreApplication>
 
@@ -10,6 +11,8 @@
 /** Usage: start-app COMMAND, in a session directory. The shell gets the command byte for byte. */
 int main(int argc, char **argv)
 {
+    disableCoreFiles();
+    disableInspection();
     const QCoreApplication application(argc, argv);
     if (argc != 2) {
         std::fprintf(stderr, "Usage: start-app COMMAND\n");

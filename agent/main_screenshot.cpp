@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "agent/display/xauthority.h"
 #include "agent/display/xpicture.h"
+#include "support/processhardening.h"
 
 #include <charconv>
 #include <cstdio>
@@ -54,6 +55,8 @@ bool writePng(const Picture &picture, const char *path, std::string *error)
 
 int main(int argc, char **argv)
 {
+    disableCoreFiles();
+    disableInspection();
     const std::string_view display = argc == 4 ? argv[1] : "";
     unsigned number = 0;
     if (std::from_chars(display.data(), display.data() + display.size(), number).ptr !=

@@ -4,6 +4,7 @@
 #include "client/verbs/help.h"
 #include "client/verbs/verbtable.h"
 #include "contract/application.h"
+#include "support/processhardening.h"
 
 #include <QCoreApplication>
 
@@ -88,6 +89,8 @@ ExitCode run(Console &console, const QStringList &arguments)
 
 int main(int argc, char **argv)
 {
+    disableCoreFiles();
+    disableInspection();
     qInstallMessageHandler(dropQtMessage);
     const QCoreApplication application(argc, argv);
     nameApplication();

@@ -7,6 +7,7 @@
 #include "engine/displays.h"
 #include "engine/session.h"
 #include "engine/sessionfiles.h"
+#include "support/processhardening.h"
 #include "support/programrunner.h"
 #include "support/randomdata.h"
 
@@ -75,11 +76,19 @@ void setAsideEarlierRun(const QDir &files)
     QFile::remove(files.filePath(SessionFile::kServerPid));
 }
 
+/** Gives the program the user's own limit on core files, because it hands its limits on to the session's programs. */
+bool startDetached(const QString &program, const QStringList &arguments, const QString &directory,
+                   qint64 *pid = nullptr)
+{
+    const CoreFilesForChildren withUsersLimit;
+    return QProcess::startDetached(program, arguments, directory, pid);
+}
+
 /** Starts the agent. It inherits only the standard streams, because every other descriptor is close-on-exec. */
 bool startAgent(const QString &directory, const QString &geometry, quint16 display, qint64 *pid)
 {
     const QStringList arguments = {geometry, QString::number(agentPort(display))};
-    return QProcess::startDetached(u"start-agent"_s, arguments, directory, pid);
+    return startDetached(u"start-agent"_s, arguments, directory, pid);
 }
 
 /** Creates the directory with the files that describe the session, and its X authority. */
@@ -156,7 +165,7 @@ int startApplication(const Session &session, const QString &command)
     if (!writeTextFile(QDir(session.directory).filePath(SessionFile::kAppLog), QString(), &error)) {
         return fail(WriteFailed, error);
     }
-    if (!QProcess::startDetached(u"start-app"_s, {command}, session.directory)) {
+    if (!startDetached(u"start-app"_s, {command}, session.directory)) {
         return fail(ApplicationFailed,
                     u"Failed to start the applicaion in the directory \"%1\""_s.arg(session.directory));
     }

@@ -5,6 +5,7 @@
 #include "server/qtsinglecoreapplication.h"
 #include "server/server.h"
 #include "server/startupfailure.h"
+#include "support/processhardening.h"
 
 #include <QThreadPool>
 
@@ -50,6 +51,8 @@ private:
 
 int main(int argc, char **argv)
 {
+    // It can be inspected, because zarvoctl reads its environment and its open files in /proc.
+    disableCoreFiles();
     QString error;
     if (!becomeDaemon(&error)) {
         return reportStartupFailure(error);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "agent/applications/spawn.h"
 
+#include "support/processhardening.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -96,6 +98,7 @@ void writeText(const char *text)
     ::setsid();
     arrangeDescriptors(request);
     ::umask(request.fileCreationMask);
+    restoreCoreFiles();
     if (pidText != nullptr) {
         writePid(pidText);
     }

@@ -2,6 +2,7 @@
 #include "client/reach/childrun.h"
 
 #include "client/terminal/eventwait.h"
+#include "support/processhardening.h"
 
 #include <QProcess>
 
@@ -31,6 +32,7 @@ bool ChildRun::run(const QStringList &command, std::chrono::milliseconds timeout
     QObject::connect(&process, &QProcess::readyReadStandardError, wait.context(),
                      [this, &process] { keep(&standardError, process.readAllStandardError()); });
     process.setStandardInputFile(QProcess::nullDevice());
+    process.setChildProcessModifier(restoreCoreFiles);
     process.start(command.first(), command.sliced(1));
     if (!wait.run(timeout)) {
         late = true;

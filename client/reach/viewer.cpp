@@ -3,6 +3,7 @@
 
 #include "client/reach/vncpasswordfile.h"
 #include "client/terminal/eventwait.h"
+#include "support/processhardening.h"
 
 #include <QProcess>
 #include <QStandardPaths>
@@ -45,6 +46,7 @@ void prepareChild(int passwordDescriptor)
     // Our standard output is for data, which the viewer's messages would spoil.
     ::dup2(STDERR_FILENO, STDOUT_FILENO);
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    restoreCoreFiles();
 }
 
 } // namespace

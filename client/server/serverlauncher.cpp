@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "client/server/serverlauncher.h"
 
+#include "support/processhardening.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -97,6 +99,8 @@ bool ServerLauncher::start(const QString &userPath, QString *error)
     process.setProcessEnvironment(environment);
     process.setStandardInputFile(QProcess::nullDevice());
     process.setStandardOutputFile(QProcess::nullDevice());
+    // The server starts sessions, and their programs have the user's own limits.
+    process.setChildProcessModifier(restoreCoreFiles);
     process.start(program, QStringList());
     return true;
 }
