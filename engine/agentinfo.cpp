@@ -4,26 +4,52 @@
 #include "engine/session.h"
 #include "support/datetimetext.h"
 #include "support/json.h"
+#include "support/localendpoint.h"
 
 #include <QDeadlineTimer>
 #include <QLocalSocket>
+#include <QThread>
+
+#include <cerrno>
+#include <chrono>
+
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
 constexpr int kAnswerTimeoutMs = 1000;
+/** Between two attempts while the agent's queue of connections is full. Nothing tells when it has room. */
+constexpr std::chrono::milliseconds kRetryInterval(5);
 /** Far more than any state has. An agent that sends more counts as one that never stops sending. */
 constexpr qsizetype kMaxAnswerBytes = 1024 * 1024;
 
-bool receiveAnswer(const QString &socketPath, QByteArray *answer)
+/** Connects to an agent of this user. Anybody may have put a socket there, whose answer must not count. */
+bool connectToAgent(const QString &socketPath, const QDeadlineTimer &deadline, QLocalSocket *socket)
 {
-    QLocalSocket socket;
-    socket.connectToServer(socketPath, QIODevice::ReadWrite);
-    if (socket.state() != QLocalSocket::ConnectedState) {
+    int descriptor = connectLocalSocket(socketPath);
+    while (descriptor == -1 && errno == EAGAIN && !deadline.hasExpired()) {
+        QThread::msleep(kRetryInterval.count());
+        descriptor = connectLocalSocket(socketPath);
+    }
+    if (descriptor == -1) {
         return false;
     }
+    if (!socket->setSocketDescriptor(descriptor)) {
+        ::close(descriptor);
+        return false;
+    }
+    return true;
+}
+
+bool receiveAnswer(const QString &socketPath, QByteArray *answer)
+{
     const QDeadlineTimer deadline(kAnswerTimeoutMs);
+    QLocalSocket socket;
+    if (!connectToAgent(socketPath, deadline, &socket)) {
+        return false;
+    }
     bool isWaiting = true;
     while (isWaiting && socket.state() == QLocalSocket::ConnectedState && answer->size() <= kMaxAnswerBytes) {
         // The answer may have arrived in time while this process did not run: read it before giving up.

@@ -7,7 +7,7 @@ struct Session;
 
 /**
  * Asks a running agent for its state: times, screen size, clients, passwords. Blocks for up to 1000 ms; callable from
- * any thread.
+ * any thread. An answer counts only from a process of this user or of root, because anybody can make a socket in /tmp.
  *
  * @param session     updated with the agent's answer; unchanged on failure
  * @param socketPath  the agent's local socket

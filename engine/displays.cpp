@@ -3,20 +3,23 @@
 
 #include "engine/session.h"
 #include "engine/sessionfiles.h"
+#include "support/localendpoint.h"
 
 #include <QDir>
 #include <QFile>
 #include <QHostAddress>
-#include <QLocalSocket>
 #include <QMutexLocker>
 #include <QTcpSocket>
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstring>
 
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -40,32 +43,78 @@ QString displayLockPath(quint16 display)
     return u"/tmp/.X%1-lock"_s.arg(display);
 }
 
+/** Whether anything is there. A dangling symlink is: neither an agent nor an X server could put its file there. */
+bool isTaken(const QString &path)
+{
+    struct stat status = {};
+    return ::lstat(QFile::encodeName(path).constData(), &status) == 0;
+}
+
+/** Whether the system refuses to bind a socket of the family to the address because another one has it. */
+template <typename Address>
+bool isAddressBound(int family, const Address &address, size_t size)
+{
+    const int probe = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (probe == -1) {
+        return false;
+    }
+    if (family != AF_UNIX) {
+        const int on = 1;
+        ::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on); // as an agent's own listener does
+    }
+    if (family == AF_INET6) {
+        const int off = 0; // whatever the system's default is, the agent listens for both families with one socket
+        ::setsockopt(probe, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    }
+    const bool isBound =
+        ::bind(probe, reinterpret_cast<const sockaddr *>(&address), static_cast<socklen_t>(size)) != 0 &&
+        errno == EADDRINUSE;
+    ::close(probe);
+    return isBound;
+}
+
 /**
  * Whether the system refuses to bind a listener to the port. It also does so if nothing listens there, but the port
  * belongs to an outgoing connection or to one in TIME_WAIT.
  */
 bool isPortBound(quint16 port)
 {
-    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (probe == -1) {
-        return false;
-    }
-    const int on = 1;
-    ::setsockopt(probe, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on); // as an agent's own listener does
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    const bool isBound =
-        ::bind(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 && errno == EADDRINUSE;
-    ::close(probe);
-    return isBound;
+    return isAddressBound(AF_INET, address, sizeof address);
+}
+
+/**
+ * The same for a listener of both families, which also meets listeners of IPv6 alone. False on a machine without IPv6,
+ * where the agent listens for IPv4 alone.
+ */
+bool isDualPortBound(quint16 port)
+{
+    sockaddr_in6 address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(port);
+    return isAddressBound(AF_INET6, address, sizeof address);
+}
+
+/**
+ * Whether a socket has the abstract name that an X server binds beside its socket file. Binds rather than connects,
+ * because a stranger's socket need not listen to be in the way.
+ */
+bool isAbstractSocketBound(quint16 display)
+{
+    const QByteArray name = "/tmp/.X11-unix/X" + QByteArray::number(display); // X ignores TMPDIR
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, name.constData(), static_cast<size_t>(name.size()));
+    return isAddressBound(AF_UNIX, address, offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(name.size()));
 }
 
 bool isDisplayOpen(quint16 display)
 {
-    return isPortFree(displayPort(display)) && !QFile::exists(displaySocketPath(display)) &&
-           isPortFree(agentPort(display)) && !QFile::exists(displayLockPath(display)) &&
-           !QFile::exists(agentSocketPath(display)) && !isPortBound(agentPort(display));
+    return isPortFree(displayPort(display)) && !isTaken(displaySocketPath(display)) && isPortFree(agentPort(display)) &&
+           !isTaken(displayLockPath(display)) && !isTaken(agentSocketPath(display)) &&
+           !isPortBound(agentPort(display)) && !isDualPortBound(agentPort(display)) && !isAbstractSocketBound(display);
 }
 
 /** Whether the path is of this type and belongs to this user. A symlink is not followed. */
@@ -80,9 +129,10 @@ void removeStaleSocket(const QString &path)
     if (!isOwn(QFile::encodeName(path), S_IFSOCK)) {
         return;
     }
-    QLocalSocket socket;
-    socket.connectToServer(path);
-    if (socket.error() == QLocalSocket::ConnectionRefusedError) {
+    const int probe = connectLocalSocket(path);
+    if (probe != -1) {
+        ::close(probe);
+    } else if (errno == ECONNREFUSED) {
         QFile::remove(path);
     }
 }

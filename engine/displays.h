@@ -53,8 +53,9 @@ private:
 
 /**
  * The first free display number from @p base up to, but not including, @p limit (in 16 bits); nothing when all are in
- * use. A number is free when its ports, sockets and lock file are unused; an outgoing connection on the agent's port
- * counts as a use. Blocks for up to 2000 ms per number tried; callable from any thread.
+ * use. A number is free when its ports, sockets and lock file are unused. Whatever would make the agent or its X server
+ * fail counts as a use: an outgoing connection on the agent's port, a listener for IPv6 alone, an abstract socket with
+ * the name of X's, a dangling symlink. Blocks for up to 2000 ms per number tried; callable from any thread.
  *
  * @param reservation  if given, holds the number afterwards, and numbers that are already reserved are skipped
  */

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "engine/agentinfo.h"
 #include "engine/session.h"
+#include "support/localendpoint.h"
 #include "tests/helpers/agentsocket.h"
+#include "tests/helpers/stranger.h"
 #include "tests/testmain.h"
 
 #include <QElapsedTimer>
@@ -9,11 +11,18 @@
 #include <QTest>
 #include <QThread>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <thread>
 #include <utility>
 
 #include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -37,6 +46,8 @@ private slots:
     void missingSocketFails();
     void fileInPlaceOfTheSocketFails();
     void staleSocketFails();
+    void answerOfAnotherUserDoesNotCount();
+    void fullQueueIsRetriedUntilItHasRoom();
 
 private:
     /** The record before each question to the agent. */
@@ -310,6 +321,78 @@ void TestAgentInfo::staleSocketFails()
     QVERIFY(!readAgentInfo(&session, abandoned, &error));
     QCOMPARE(error, u"Failed to get the info from the session"_s);
     QCOMPARE(told(session), told(knownSession()));
+}
+
+void TestAgentInfo::answerOfAnotherUserDoesNotCount()
+{
+    if (!canPlayStranger()) {
+        QSKIP("Only root can play another user");
+    }
+    const QTemporaryDir open(u"/tmp/zarvo-stranger-XXXXXX"_s);
+    QCOMPARE(::chmod(QFile::encodeName(open.path()).constData(), 0777), 0);
+    const QByteArray name = QFile::encodeName(open.filePath(u"squatted"_s));
+    const Stranger stranger([&name] {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path, name.constData(), static_cast<size_t>(name.size()));
+        const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        ::bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address);
+        ::listen(listener, 8);
+        if (::fork() == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL); // ends with the stranger
+            for (;;) {
+                const int connection = ::accept(listener, nullptr, nullptr);
+                constexpr char kLie[] = R"({"Clients":99,"Passwords":["stranger"]})";
+                [[maybe_unused]] const ssize_t sent = ::send(connection, kLie, sizeof kLie - 1, MSG_NOSIGNAL);
+                ::close(connection);
+                if (sent < 0) {
+                    ::_exit(0);
+                }
+            }
+        }
+    });
+    QVERIFY(stranger.hasActed());
+    Session session = knownSession();
+    QString error;
+    QVERIFY(!readAgentInfo(&session, QFile::decodeName(name), &error));
+    QCOMPARE(error, u"Failed to get the info from the session"_s);
+    QCOMPARE(told(session), told(knownSession()));
+}
+
+void TestAgentInfo::fullQueueIsRetriedUntilItHasRoom()
+{
+    const QString full = folder.filePath(u"full"_s);
+    const QByteArray name = QFile::encodeName(full);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, name.constData(), static_cast<size_t>(name.size()));
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    QCOMPARE(::bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    QCOMPARE(::listen(listener, 0), 0);
+    const int waiting = connectLocalSocket(full);
+    QVERIFY(waiting != -1);
+    QCOMPARE(connectLocalSocket(full), -1);
+    QCOMPARE(errno, EAGAIN);
+
+    std::thread agent([listener] {
+        ::usleep(100000); // the question has been asked meanwhile, or finds room at once
+        for (int count = 0; count < 2; ++count) {
+            const int connection = ::accept(listener, nullptr, nullptr);
+            [[maybe_unused]] const ssize_t sent = ::send(connection, R"({"Clients":5})", 13, MSG_NOSIGNAL);
+            ::close(connection);
+        }
+    });
+    Session session;
+    QString error;
+    const bool answered = readAgentInfo(&session, full, &error);
+    if (!answered) {
+        ::close(connectLocalSocket(full)); // lets the thread end
+    }
+    agent.join();
+    ::close(waiting);
+    ::close(listener);
+    QVERIFY2(answered, qPrintable(error));
+    QCOMPARE(session.clients, 5);
 }
 
 ZARVO_TEST(TestAgentInfo)

@@ -15,8 +15,15 @@
 #include <QTest>
 
 #include <atomic>
+#include <cstddef>
+#include <cstring>
 #include <thread>
 #include <vector>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -85,6 +92,49 @@ void listenLocally(const QString &path)
     listeners().append(server);
     if (!server->listen(path)) {
         qFatal("Failed to listen on %s", qPrintable(path));
+    }
+}
+
+/** A socket that has the address, and is in the way of others even if it does not listen. */
+template <typename Address>
+void bindSocket(int family, const Address &address, size_t size, bool listens)
+{
+    const int descriptor = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    auto *owner = new QObject;
+    QObject::connect(owner, &QObject::destroyed, [descriptor] { ::close(descriptor); });
+    listeners().append(owner);
+    const int on = 1;
+    if (family == AF_INET6) {
+        ::setsockopt(descriptor, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+    }
+    if (::bind(descriptor, reinterpret_cast<const sockaddr *>(&address), static_cast<socklen_t>(size)) != 0 ||
+        (listens && ::listen(descriptor, 1) != 0)) {
+        qFatal("Failed to bind a socket");
+    }
+}
+
+void listenForIpv6Alone(const in6_addr &at, int port)
+{
+    sockaddr_in6 address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = at;
+    address.sin6_port = htons(static_cast<quint16>(port));
+    bindSocket(AF_INET6, address, sizeof address, true);
+}
+
+void bindAbstractly(quint16 display, bool listens)
+{
+    const QByteArray name = "/tmp/.X11-unix/X" + QByteArray::number(display);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, name.constData(), static_cast<size_t>(name.size()));
+    bindSocket(AF_UNIX, address, offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(name.size()), listens);
+}
+
+void linkToNothing(const QString &path)
+{
+    if (!QFile::link(u"/nowhere/at/all"_s, path)) {
+        qFatal("Failed to make %s", qPrintable(path));
     }
 }
 
@@ -236,6 +286,13 @@ void TestDisplays::usedDisplayIsSkipped_data()
     add("X lock", [](quint16 display) { putFile(ReservedDisplays::lockPath(display), ""); });
     add("agent's socket", [](quint16 display) { putFile(agentSocketPath(display), ""); });
     add("all of it", occupyAll);
+    add("dangling X socket", [](quint16 display) { linkToNothing(socketFile(display)); });
+    add("dangling X lock", [](quint16 display) { linkToNothing(ReservedDisplays::lockPath(display)); });
+    add("dangling agent's socket", [](quint16 display) { linkToNothing(agentSocketPath(display)); });
+    add("listener on [::1]", [](quint16 display) { listenForIpv6Alone(in6addr_loopback, 41000 + display); });
+    add("listener on [::]", [](quint16 display) { listenForIpv6Alone(in6addr_any, 41000 + display); });
+    add("abstract X socket", [](quint16 display) { bindAbstractly(display, true); });
+    add("abstract X socket that does not listen", [](quint16 display) { bindAbstractly(display, false); });
 }
 
 void TestDisplays::usedDisplayIsSkipped()

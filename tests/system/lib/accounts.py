@@ -48,7 +48,7 @@ def published():
     shutil.copytree(zarvo.HERE, os.path.join(folder, "lib"), ignore=shutil.ignore_patterns("__pycache__"))
     subprocess.run(["chmod", "-R", "go+rX", folder], check=True)
     unittest.addModuleCleanup(shutil.rmtree, folder, True)
-    unittest.addModuleCleanup(published.cache_clear)
+    unittest.addModuleCleanup(published.cache_clear)  # another module may follow in this process
     return folder
 
 
