@@ -18,7 +18,7 @@ public:
 
     /**
      * Creates the self-signed certificate and its key with the "openssl" program, unless there is a certificate
-     * already. Blocks until the program has ended.
+     * already. Refuses to write where others could read or replace the files. Blocks until the program has ended.
      *
      * @param error  set only on failure: one sentence. Files that a failed run has written stay
      */

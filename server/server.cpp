@@ -120,6 +120,9 @@ bool Server::readCredentials(QString *error)
         return false;
     }
     if (readPrivateKey(keyPath(), &privateKey, error) && readCertificate(certificatePath(), &certificate, error)) {
+        if (const QString exposure = keyExposure(keyPath()); !exposure.isEmpty()) {
+            logMessage(LogWarning, exposure);
+        }
         return true;
     }
     // On a full disk openssl leaves empty files and reports success. They would make every later start fail.

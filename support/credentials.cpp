@@ -2,6 +2,7 @@
 #include "support/credentials.h"
 
 #include "support/filereader.h"
+#include "support/pathtrust.h"
 
 #include <QSslCertificate>
 #include <QSslKey>
@@ -16,6 +17,10 @@ bool readCredential(const QString &path, QByteArray *data, QString *error)
 {
     if (isSpecialFile(path)) {
         *error = notRegularFileError(path);
+        return false;
+    }
+    FoundPath found;
+    if (followTrustedPath(path, &found, error) != PathTrust::Trusted) {
         return false;
     }
     return readFile(path, kMaxCredentialBytes, data, error);
@@ -51,4 +56,16 @@ bool readPrivateKey(const QString &path, QSslKey *key, QString *error)
     }
     *key = parsed;
     return true;
+}
+
+QString keyExposure(const QString &path)
+{
+    FoundPath found;
+    QString ignored;
+    if (followTrustedPath(path, &found, &ignored) != PathTrust::Trusted ||
+        (found.status.st_mode & (S_IRGRP | S_IROTH)) == 0) {
+        return {};
+    }
+    return u"Others can read the private key in file \"%1\" (mode %2)"_s.arg(
+        path, QString::number(found.status.st_mode & 07777, 8).rightJustified(4, u'0'));
 }

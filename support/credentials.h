@@ -6,6 +6,11 @@
 class QSslCertificate;
 class QSslKey;
 
+/*
+ * The server's certificate and key. Whoever holds the key starts programs as this user, so neither function uses a file
+ * that others could have written or replaced (see pathtrust.h).
+ */
+
 /**
  * Loads the first PEM certificate in the first MiB of a file. Does not check its dates. Callable from any thread.
  *
@@ -24,3 +29,6 @@ class QSslKey;
  * @return true when a key was found
  */
 [[nodiscard]] bool readPrivateKey(const QString &path, QSslKey *key, QString *error);
+
+/** One sentence if others can read the private key at @p path, else empty. Callable from any thread. */
+[[nodiscard]] QString keyExposure(const QString &path);

@@ -6,6 +6,7 @@
 #include "client/server/serverprocess.h"
 #include "client/terminal/eventwait.h"
 #include "support/filereader.h"
+#include "support/pathtrust.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>
@@ -25,7 +26,8 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr int kMaxPemBytes = 1024 * 1024;
-constexpr int kSoonDays = 14;
+/** Time enough to renew it on all hosts of the user. */
+constexpr int kSoonDays = 30;
 
 /** Between two readings of the files of a server that starts or ends. */
 constexpr auto kReadInterval = 20ms;
@@ -38,10 +40,9 @@ QString octal(mode_t mode)
     return QString::number(mode & 07777, 8).rightJustified(4, u'0');
 }
 
-QString renewal(const DoctorInput &input)
+QString renewal()
 {
-    return u"End the server, remove \"%1\" and \"%2\", and start it again"_s.arg(input.files.certificatePath(),
-                                                                                 input.files.keyPath());
+    return u"zarvoctl certificate renew"_s;
 }
 
 Finding dateFinding(const QByteArray &text, const DoctorInput &input)
@@ -50,17 +51,19 @@ Finding dateFinding(const QByteArray &text, const DoctorInput &input)
     const QDateTime now = QDateTime::currentDateTimeUtc();
     const QString end = certificate.expiryDate().toString(u"yyyy-MM-dd"_s);
     if (certificate.isNull()) {
-        return failed(u"\"%1\" holds no certificate"_s.arg(input.files.certificatePath()), renewal(input));
+        return failed(u"\"%1\" holds no certificate"_s.arg(input.files.certificatePath()), renewal());
     }
     if (certificate.effectiveDate() > now) {
         return warning(u"It is valid from %1 on"_s.arg(certificate.effectiveDate().toString(u"yyyy-MM-dd"_s)),
                        u"Set the clock of this host"_s);
     }
     if (certificate.expiryDate() < now) {
-        return warning(u"It expired on %1; the server still uses it"_s.arg(end), renewal(input));
+        return warning(
+            u"It expired on %1; everything still works, because certificates are only compared for equality"_s.arg(end),
+            renewal());
     }
     if (certificate.expiryDate() < now.addDays(kSoonDays)) {
-        return warning(u"It expires on %1"_s.arg(end), renewal(input));
+        return warning(u"It expires on %1"_s.arg(end), renewal());
     }
     return fine(u"It is valid until %1"_s.arg(end));
 }
@@ -72,6 +75,13 @@ void addPrivacy(const QString &path, QList<Finding> *findings)
         findings->append(failed(u"\"%1\" is open to others (mode %2)"_s.arg(path, octal(status.st_mode)),
                                 u"chmod 600 \"%1\", and renew the certificate if others use this host"_s.arg(path)));
     }
+}
+
+/** Whether nobody else can have written the file. A file that is missing or cannot be read has another finding. */
+bool isTrusted(const QString &path, QString *error)
+{
+    FoundPath found;
+    return followTrustedPath(path, &found, error) != PathTrust::Untrusted;
 }
 
 /**
@@ -205,16 +215,19 @@ QList<Finding> checkCertificate(const DoctorInput &input)
         if (!exists()) {
             return {isRunning ? failed(u"There is no \"%1\", so nobody can connect to the running server"_s.arg(
                                            input.files.certificatePath()),
-                                       renewal(input))
+                                       renewal())
                               : fine(u"It is created at the first start"_s)};
         }
     }
     QByteArray certificate;
     QByteArray key;
     QString error;
+    if (!isTrusted(input.files.keyPath(), &error) || !isTrusted(input.files.certificatePath(), &error)) {
+        return {failed(error, u"Remove the rights of the others, and renew the certificate: they may know its key"_s)};
+    }
     if (!readFile(input.files.certificatePath(), kMaxPemBytes, &certificate, &error) ||
         !readFile(input.files.keyPath(), kMaxPemBytes, &key, &error)) {
-        return {failed(error, renewal(input))};
+        return {failed(error, renewal())};
     }
     QList<Finding> findings = {dateFinding(certificate, input)};
     if (findings.first().level == Finding::Level::Fail) {
@@ -223,7 +236,7 @@ QList<Finding> checkCertificate(const DoctorInput &input)
     if (belongTogether(certificate, key)) {
         findings.append(fine(u"Certificate and key belong together"_s));
     } else {
-        findings.append(failed(u"Certificate and key do not belong together"_s, renewal(input)));
+        findings.append(failed(u"Certificate and key do not belong together"_s, renewal()));
     }
     addPrivacy(input.files.keyPath(), &findings);
     return findings;

@@ -141,8 +141,8 @@ ServerConnector::Attempt ServerConnector::attemptOnce(RpcClient *client, Failure
 bool ServerConnector::readCredentials(Credentials *credentials, Failure *failure) const
 {
     QString error;
-    if (!readCertificate(files.certificatePath(), &credentials->certificate, &error) ||
-        !readPrivateKey(files.keyPath(), &credentials->key, &error)) {
+    if (!readPrivateKey(files.keyPath(), &credentials->key, &error) ||
+        !readCertificate(files.certificatePath(), &credentials->certificate, &error)) {
         return fail(failure, ExitCode::CertificateRefused, error + u'.');
     }
     return belongTogether(credentials->certificate.toPem(), credentials->key.toPem()) ||
