@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "server/instancelock.h"
+
 #include <QCoreApplication>
 #include <QString>
 
@@ -15,14 +17,10 @@ class QtSingleCoreApplication : public QCoreApplication
 public:
     /** @param id  the name of the program; the lock is for this id and the numeric id of the user */
     QtSingleCoreApplication(const QString &id, int &argc, char **argv);
-    ~QtSingleCoreApplication() override;
 
     /** Whether another process of this user holds the lock. If not, this process holds it from now on. */
     [[nodiscard]] bool isRunning();
 
 private:
-    void releaseLock();
-
-    const QString id;
-    int lock = -1; ///< the descriptor that holds the lock
+    InstanceLock lock;
 };

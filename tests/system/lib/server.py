@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: MIT
 """A server in a home directory of its own."""
 import contextlib
+import glob
+import hashlib
 import os
 import re
 import shlex
@@ -199,9 +201,17 @@ class Server:
                     with contextlib.suppress(OSError):
                         os.unlink(path)
             self.displays.close()
+            self.remove_locks()
             shutil.rmtree(self.top, ignore_errors=True)
         if complaints:
             raise AssertionError(complaints)
+
+    def remove_locks(self):
+        """Removes the files of the single instance's lock in /tmp. A killed server leaves them."""
+        digest = hashlib.sha256(f"zarvo_server-{self.user}".encode()).hexdigest()[:16]
+        for path in glob.glob(f"/tmp/zarvo-{digest}-*.lock"):
+            with contextlib.suppress(OSError):
+                os.unlink(path)
 
     # What can be seen of it
 

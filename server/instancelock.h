@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
+#include <memory>
+#include <vector>
+
+/**
+ * A lock that one process of this user holds for an id, until it ends. It is a kernel lock on a file of this user in
+ * each of several folders, some of which others can write to.
+ *
+ * Strangers may put anything under any name there. So a name means nothing: every file of ours whose name begins with
+ * the prefix counts, and a new one gets a random name if the usual one is taken. Used by one thread.
+ */
+class InstanceLock final
+{
+public:
+    /** @param folders  those that exist are used, always in this order, which all processes must share */
+    InstanceLock(const QString &id, const QList<QByteArray> &folders);
+    ~InstanceLock();
+    Q_DISABLE_COPY_MOVE(InstanceLock)
+
+    /**
+     * Takes the lock. Returns false if another process holds it in one of the folders. Returns true without a lock if
+     * no folder can have a file, because a full disk must not keep the user out.
+     */
+    [[nodiscard]] bool take();
+
+    /** Where the locks of this user are: /run/user/UID, if it is safe, the temporary directory and /tmp. */
+    [[nodiscard]] static QList<QByteArray> folders();
+
+private:
+    class File;
+    enum class Result { Taken, Elsewhere, Lost }; ///< Lost: a race with another start, so it is worth another round
+
+    Result tryTake();
+    [[nodiscard]] bool isHeldElsewhere() const;
+    /** Takes the lock in one folder, unless another process has it there or the file has gone meanwhile. */
+    [[nodiscard]] bool takeIn(const QByteArray &folder);
+    /** Removes the files that killed processes have left. */
+    void removeStaleFiles() const;
+    void release();
+    [[nodiscard]] bool holds(const QByteArray &folder, const char *name) const;
+
+    const QByteArray prefix;
+    const QList<QByteArray> places;
+    std::vector<std::unique_ptr<File>> held;
+};
