@@ -13,6 +13,7 @@
 #include <algorithm>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -33,10 +34,17 @@ bool isPortBindable(int port)
     return port <= 65535 && canListenOn(static_cast<quint16>(port), &ignored);
 }
 
+/** Whether anything is there. A dangling symlink is: no program could put its file in its place. */
+bool isTaken(const QString &path)
+{
+    struct stat status = {};
+    return ::lstat(QFile::encodeName(path).constData(), &status) == 0;
+}
+
 bool isDisplayFree(int number, const DoctorInput &input)
 {
-    return !QFile::exists(u"%1/.X%2-lock"_s.arg(input.temporaryPath, QString::number(number))) &&
-           !QFile::exists(u"%1/.X11-unix/X%2"_s.arg(input.temporaryPath, QString::number(number))) &&
+    return !isTaken(u"%1/.X%2-lock"_s.arg(input.temporaryPath, QString::number(number))) &&
+           !isTaken(u"%1/.X11-unix/X%2"_s.arg(input.temporaryPath, QString::number(number))) &&
            isPortBindable(kFirstXPort + number) && isPortBindable(kFirstAgentPort + number);
 }
 
@@ -160,6 +168,12 @@ QList<Finding> checkSocketDirectory(const DoctorInput &input)
     }
     if (!S_ISDIR(status.st_mode)) {
         return {failed(u"\"%1\" is not a directory"_s.arg(path), remedy)};
+    }
+    if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
+        return {warning(
+            u"\"%1\" belongs to another user (%2), who can replace the sockets of your displays. Sessions work "
+            "all the same, because their programs use X's abstract sockets"_s.arg(path, QString::number(status.st_uid)),
+            remedy)};
     }
     if ((status.st_mode & 0777) != 0777) {
         return {failed(u"\"%1\" is not open to all users"_s.arg(path), remedy)};

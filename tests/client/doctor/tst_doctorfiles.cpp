@@ -226,6 +226,21 @@ private slots:
         QCOMPARE(found(), u"FAIL \"%1\" holds no certificate"_s.arg(certificatePath));
     }
 
+    void pairThatOthersCanReplaceIsAFailure()
+    {
+        const DoctorSurroundings surroundings;
+        const Key key(EVP_RSA_gen(2048), &EVP_PKEY_free);
+        putKey(surroundings, keyText(key));
+        putFile(surroundings.path("zarvo/server_cert"), certificateText(key, 0, 100 * kDay));
+        const QString folder = surroundings.path("zarvo");
+        QCOMPARE(::chmod(QFile::encodeName(folder).constData(), 0777), 0);
+        const QList<Finding> findings = checkCertificate(surroundings.input());
+        QCOMPARE(texts(findings),
+                 QStringList{u"FAIL The file \"%1/server_key\" is not used: others can write to \"%1\" "
+                             "(mode 0777)"_s.arg(folder)});
+        QVERIFY(haveRemedies(findings));
+    }
+
     void stateOfTheServerIsReported()
     {
         const DoctorSurroundings surroundings;

@@ -151,6 +151,19 @@ private slots:
                  QStringList{u"FAIL \"%1\" is not a directory"_s.arg(path)});
     }
 
+    void foreignSocketDirectoryIsAWarning()
+    {
+        if (::geteuid() != 0) {
+            QSKIP("Only root can create a directory of another user");
+        }
+        const QString path = surroundings->path("tmp/.X11-unix");
+        QCOMPARE(::chmod(QFile::encodeName(path).constData(), 0755), 0);
+        QCOMPARE(::chown(QFile::encodeName(path).constData(), 1234, 1234), 0);
+        const QList<Finding> findings = checkSocketDirectory(surroundings->input());
+        QVERIFY(texts(findings).first().startsWith(u"WARN \"%1\" belongs to another user (1234)"_s.arg(path)));
+        QVERIFY(haveRemedies(findings));
+    }
+
     void portRangeIsChecked_data()
     {
         QTest::addColumn<QByteArray>("ephemeral");
