@@ -213,7 +213,7 @@ void UdpTalker::queryPeer(QHostAddress address, quint16 port, QString keyPath_, 
     QSslKey key;
     QSslCertificate certificate;
     QString error;
-    if (!readPrivateKey(keyPath_, &key, &error) || !readCertificate(certPath_, &certificate, &error)) {
+    if (!readCredentials(keyPath_, certPath_, &key, &certificate, &error)) {
         logMessage(LogWarning, error);
     } else {
         const QString location = u"%1:%2"_s.arg(address.toString()).arg(port);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "server/certificatefiles.h"
 
+#include "contract/opensslarguments.h"
 #include "support/pathtrust.h"
 #include "support/programrunner.h"
 
@@ -106,9 +107,7 @@ bool CertificateFiles::createIfMissing(QString *error)
         return false;
     }
     const std::optional<struct stat> keyBefore = stateOf(keyPath);
-    const QStringList arguments = {u"req"_s, u"-x509"_s, u"-newkey"_s,    u"rsa:2048"_s, u"-nodes"_s, u"-keyout"_s,
-                                   keyPath,  u"-out"_s,  certificatePath, u"-days"_s,    u"365"_s,    u"-batch"_s};
-    if (!runProgram(u"openssl"_s, arguments, QString(), -1, error)) {
+    if (!runProgram(u"openssl"_s, opensslArguments(keyPath, certificatePath), QString(), -1, error)) {
         removeIfEmpty(emptyKey);
         removeIfEmpty(emptyCertificate);
         return false;

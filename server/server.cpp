@@ -119,7 +119,7 @@ bool Server::readCredentials(QString *error)
         *error = u"Failed to load Qt's plugin for TLS: it is missing, or descriptors or memory are short"_s;
         return false;
     }
-    if (readPrivateKey(keyPath(), &privateKey, error) && readCertificate(certificatePath(), &certificate, error)) {
+    if (::readCredentials(keyPath(), certificatePath(), &privateKey, &certificate, error)) {
         if (const QString exposure = keyExposure(keyPath()); !exposure.isEmpty()) {
             logMessage(LogWarning, exposure);
         }

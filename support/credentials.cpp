@@ -12,6 +12,8 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kMaxCredentialBytes = 1024 * 1024;
+/** Bounds the retries. Nobody renews a certificate so often. */
+constexpr int kMaxAttempts = 5;
 
 bool readCredential(const QString &path, QByteArray *data, QString *error)
 {
@@ -56,6 +58,28 @@ bool readPrivateKey(const QString &path, QSslKey *key, QString *error)
     }
     *key = parsed;
     return true;
+}
+
+bool readCredentials(const QString &keyPath, const QString &certificatePath, QSslKey *key, QSslCertificate *certificate,
+                     QString *error)
+{
+    QSslKey first;
+    if (!readPrivateKey(keyPath, &first, error)) {
+        return false;
+    }
+    for (int attempt = 1;; ++attempt) {
+        QSslCertificate found;
+        QSslKey second;
+        if (!readCertificate(certificatePath, &found, error) || !readPrivateKey(keyPath, &second, error)) {
+            return false;
+        }
+        if (first == second || attempt == kMaxAttempts) {
+            *key = second;
+            *certificate = found;
+            return true;
+        }
+        first = second;
+    }
 }
 
 QString keyExposure(const QString &path)

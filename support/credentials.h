@@ -30,5 +30,15 @@ class QSslKey;
  */
 [[nodiscard]] bool readPrivateKey(const QString &path, QSslKey *key, QString *error);
 
+/**
+ * Loads both, the key first. Reads again if they were exchanged meanwhile, so that they belong together if the files
+ * do. Callable from any thread.
+ *
+ * @param key, certificate  set only on success
+ * @param error             set only on failure: one sentence that names the file
+ */
+[[nodiscard]] bool readCredentials(const QString &keyPath, const QString &certificatePath, QSslKey *key,
+                                   QSslCertificate *certificate, QString *error);
+
 /** One sentence if others can read the private key at @p path, else empty. Callable from any thread. */
 [[nodiscard]] QString keyExposure(const QString &path);

@@ -31,9 +31,15 @@ bool ChildRun::run(const QStringList &command, std::chrono::milliseconds timeout
                      [this, &process] { keep(&standardOutput, process.readAllStandardOutput()); });
     QObject::connect(&process, &QProcess::readyReadStandardError, wait.context(),
                      [this, &process] { keep(&standardError, process.readAllStandardError()); });
-    process.setStandardInputFile(QProcess::nullDevice());
+    if (standardInput.isNull()) {
+        process.setStandardInputFile(QProcess::nullDevice());
+    }
     process.setChildProcessModifier(restoreCoreFiles);
     process.start(command.first(), command.sliced(1));
+    if (!standardInput.isNull()) {
+        process.write(standardInput);
+        process.closeWriteChannel(); // once everything is written
+    }
     if (!wait.run(timeout)) {
         late = true;
         reason = u"\"%1\" did not end in time"_s.arg(command.first());

@@ -11,8 +11,11 @@
 class ChildRun
 {
 public:
+    /** Sets what the next run() writes to standard input. Without it, standard input is /dev/null. */
+    void setInput(const QByteArray &bytes) { standardInput = bytes; }
+
     /**
-     * Runs @p command with its standard input from /dev/null. Kills it after the timeout.
+     * Runs @p command. Kills it after the timeout.
      * @return true if it ended by itself, with any exit code
      */
     [[nodiscard]] bool run(const QStringList &command, std::chrono::milliseconds timeout);
@@ -26,6 +29,7 @@ public:
     [[nodiscard]] QString problem() const { return reason; }
 
 private:
+    QByteArray standardInput;
     QByteArray standardOutput;
     QByteArray standardError;
     QString reason;

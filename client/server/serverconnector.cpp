@@ -141,8 +141,8 @@ ServerConnector::Attempt ServerConnector::attemptOnce(RpcClient *client, Failure
 bool ServerConnector::readCredentials(Credentials *credentials, Failure *failure) const
 {
     QString error;
-    if (!readPrivateKey(files.keyPath(), &credentials->key, &error) ||
-        !readCertificate(files.certificatePath(), &credentials->certificate, &error)) {
+    if (!::readCredentials(files.keyPath(), files.certificatePath(), &credentials->key, &credentials->certificate,
+                           &error)) {
         return fail(failure, ExitCode::CertificateRefused, error + u'.');
     }
     return belongTogether(credentials->certificate.toPem(), credentials->key.toPem()) ||

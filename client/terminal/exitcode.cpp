@@ -15,7 +15,7 @@ struct Row
 
 constexpr std::array kRows = {
     Row{ExitCode::Done, "done"},
-    Row{ExitCode::Negative, "the answer is no (wait, doctor), or the output could not be written"},
+    Row{ExitCode::Negative, "the answer is no (wait, doctor, certificate), or the output could not be written"},
     Row{ExitCode::Usage, "wrong usage"},
     Row{ExitCode::NoSuchSession, "no such session"},
     Row{ExitCode::Ambiguous, "more than one session fits"},

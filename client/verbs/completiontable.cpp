@@ -24,6 +24,13 @@ QString choices(const QCommandLineOption &option)
     return value == "WxH"_L1 ? u"rootless|1280x800|1920x1080"_s : value;
 }
 
+/** What the shells offer as the first argument. Choices such as "show|renew" are told without what follows them. */
+QString firstChoices(const Verb &verb)
+{
+    const QString first = verb.arguments.section(u' ', 0, 0);
+    return first.contains(u'|') ? first : verb.arguments;
+}
+
 QString optionRows(const QStringList &verb, const QList<QCommandLineOption> &options)
 {
     QString rows;
@@ -41,7 +48,7 @@ QString completionTable()
     QStringList names;
     for (const Verb &verb : allVerbs()) {
         for (const QString &name : QStringList(verb.name) + verb.aliases) {
-            table += row({name}, verb.summary, verb.arguments) + optionRows({name}, verb.options + verbOptions());
+            table += row({name}, verb.summary, firstChoices(verb)) + optionRows({name}, verb.options + verbOptions());
             names.append(name);
         }
     }

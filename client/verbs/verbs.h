@@ -5,6 +5,7 @@
 
 // Each verb stands in the source file of its name; offerverb.cpp has two, which differ in the method that they call.
 // verbtable.cpp lists them all.
+[[nodiscard]] Verb certificateVerb();
 [[nodiscard]] Verb connectVerb();
 [[nodiscard]] Verb describeVerb();
 [[nodiscard]] Verb doctorVerb();

@@ -10,6 +10,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <sys/stat.h>
+
 using namespace Qt::StringLiterals;
 
 class TestCredentials : public QObject
@@ -29,6 +31,10 @@ private slots:
     void fileWithoutAUsableKeyIsRefused();
     void unreadableFileIsReported_data();
     void unreadableFileIsReported();
+    void keyIsReadBeforeTheCertificate();
+    void fileThatOthersCanWriteToIsRefused();
+    void readableKeyIsReported_data();
+    void readableKeyIsReported();
 
 private:
     [[nodiscard]] bool openssl(const QString &arguments);
@@ -229,6 +235,61 @@ void TestCredentials::unreadableFileIsReported()
     QCOMPARE(error, pattern.arg(file));
     QVERIFY(certificate.isNull());
     QVERIFY(key.isNull());
+}
+
+void TestCredentials::keyIsReadBeforeTheCertificate()
+{
+    QSslKey key;
+    QSslCertificate certificate;
+    QString error = u"untouched"_s;
+    QVERIFY(readCredentials(dir.filePath(u"key"_s), dir.filePath(u"cert"_s), &key, &certificate, &error));
+    QCOMPARE(error, u"untouched"_s);
+    QVERIFY(!key.isNull() && !certificate.isNull());
+
+    const QString noKey = dir.filePath(u"no key"_s);
+    const QString noCertificate = dir.filePath(u"no certificate"_s);
+    QVERIFY(!readCredentials(noKey, noCertificate, &key, &certificate, &error));
+    QCOMPARE(error, u"Failed to open the file \"%1\": No such file or directory"_s.arg(noKey));
+    QVERIFY(!readCredentials(dir.filePath(u"key"_s), noCertificate, &key, &certificate, &error));
+    QCOMPARE(error, u"Failed to open the file \"%1\": No such file or directory"_s.arg(noCertificate));
+}
+
+void TestCredentials::fileThatOthersCanWriteToIsRefused()
+{
+    putContent(made(u"cert"_s) + made(u"key"_s));
+    QCOMPARE(::chmod(QFile::encodeName(path()).constData(), 0606), 0);
+    QSslKey key;
+    QSslCertificate certificate;
+    QString error;
+    QVERIFY(!readCertificate(path(), &certificate, &error));
+    QVERIFY2(error.startsWith(u"The file \"%1\" is not used: others can write to"_s.arg(path())), qPrintable(error));
+    QVERIFY(!readPrivateKey(path(), &key, &error));
+    QCOMPARE(::chmod(QFile::encodeName(path()).constData(), 0600), 0);
+    QVERIFY(readCertificate(path(), &certificate, &error));
+    QVERIFY(readPrivateKey(path(), &key, &error));
+}
+
+void TestCredentials::readableKeyIsReported_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<bool>("isReported");
+    QTest::newRow("private") << 0600 << false;
+    QTest::newRow("execution") << 0711 << false;
+    QTest::newRow("group") << 0640 << true;
+    QTest::newRow("others") << 0604 << true;
+}
+
+void TestCredentials::readableKeyIsReported()
+{
+    QFETCH(const int, mode);
+    QFETCH(const bool, isReported);
+    putContent(made(u"key"_s));
+    QCOMPARE(::chmod(QFile::encodeName(path()).constData(), static_cast<mode_t>(mode)), 0);
+    const QString text = keyExposure(path());
+    QCOMPARE(::chmod(QFile::encodeName(path()).constData(), 0600), 0);
+    QCOMPARE(text, isReported ? u"Others can read the private key in file \"%1\" (mode %2)"_s.arg(
+                                    path(), QString::number(mode, 8).rightJustified(4, u'0'))
+                              : QString());
 }
 
 ZARVO_TEST(TestCredentials)

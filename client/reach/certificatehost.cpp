@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: MIT
+#include "client/reach/certificatehost.h"
+
+#include "client/reach/childrun.h"
+#include "client/terminal/textwidth.h"
+#include "support/json.h"
+
+#include <QProcess>
+#include <QRegularExpression>
+
+#include <chrono>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+/** Time for a user to type a pass phrase, and for a server to end and start again. */
+constexpr auto kTimeout = 240s;
+constexpr int kSshFailed = 255;
+constexpr int kCommandNotFound = 127;
+
+QStringList sshCommand(const QString &host)
+{
+    const QStringList configured = QProcess::splitCommand(qEnvironmentVariable("ZARVO_SSH"));
+    // Whatever the user's settings say: the other host needs neither the user's keys nor his display.
+    return (configured.isEmpty() ? QStringList{u"ssh"_s} : configured) +
+           QStringList{u"-T"_s, u"-a"_s, u"-x"_s, u"-o"_s, u"ClearAllForwardings=yes"_s, u"--"_s, host};
+}
+
+QString lastLine(const QString &text)
+{
+    return printable(text.trimmed().section(u'\n', -1));
+}
+
+} // namespace
+
+CertificateHost::CertificateHost(const QString &name)
+    : host(name)
+{
+}
+
+bool CertificateHost::isValidName(const QString &name)
+{
+    static const QRegularExpression form(u"\\A[A-Za-z0-9_][A-Za-z0-9_.@:%-]*\\z"_s);
+    return form.match(name).hasMatch();
+}
+
+bool CertificateHost::store(const QByteArray &pair, const QString &id, QString *error) const
+{
+    QByteArray output;
+    if (!run({u"receive"_s}, pair, &output, error)) {
+        return false;
+    }
+    Json::Value answer;
+    // A login script of the host may print text before the answer.
+    if (!parseJson(output.mid(output.indexOf('{')), &answer) || !member(answer, "id").isString() ||
+        stringFromJson(member(answer, "id")) != id) {
+        *error = u"its answer is invalid"_s;
+        return false;
+    }
+    return true;
+}
+
+bool CertificateHost::use(const QString &id, QString *error) const
+{
+    QByteArray ignored;
+    return run({u"switch"_s, id}, QByteArray(), &ignored, error);
+}
+
+void CertificateHost::discard(const QString &id) const
+{
+    QByteArray ignored;
+    QString error;
+    [[maybe_unused]] const bool isDiscarded = run({u"discard"_s, id}, QByteArray(), &ignored, &error);
+}
+
+bool CertificateHost::run(const QStringList &arguments, const QByteArray &input, QByteArray *output,
+                          QString *error) const
+{
+    ChildRun ssh;
+    ssh.setInput(input);
+    if (!ssh.run(sshCommand(host) + QStringList{u"zarvoctl"_s, u"certificate"_s} + arguments, kTimeout)) {
+        *error = ssh.problem();
+        return false;
+    }
+    if (ssh.exitCode() == kCommandNotFound) {
+        *error = u"there is no zarvoctl on its search path"_s;
+        return false;
+    }
+    if (ssh.exitCode() != 0) {
+        const QString reason = lastLine(ssh.errorOutput());
+        *error = ssh.exitCode() == kSshFailed ? u"ssh failed: %1"_s.arg(reason) : reason;
+        return false;
+    }
+    *output = ssh.output();
+    return true;
+}
