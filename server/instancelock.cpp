@@ -121,6 +121,8 @@ public:
     }
     Q_DISABLE_COPY_MOVE(File)
 
+    void refresh() const { ::futimens(descriptor, nullptr); }
+
     [[nodiscard]] bool is(const QByteArray &folder_, const char *name_) const
     {
         return folder == folder_ && name == name_;
@@ -178,6 +180,13 @@ bool InstanceLock::take()
         ::usleep(1000 * QRandomGenerator::global()->bounded(1U, kMaxPauseMs));
     }
     return false;
+}
+
+void InstanceLock::refresh() const
+{
+    for (const std::unique_ptr<File> &file : held) {
+        file->refresh();
+    }
 }
 
 InstanceLock::Result InstanceLock::tryTake()

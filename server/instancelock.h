@@ -29,6 +29,12 @@ public:
      */
     [[nodiscard]] bool take();
 
+    /**
+     * Makes the files look new, so that programs that remove old files from /tmp spare them. To be called once in a
+     * while as long as the lock is held: there may be no /run/user/UID.
+     */
+    void refresh() const;
+
     /** Where the locks of this user are: /run/user/UID, if it is safe, the temporary directory and /tmp. */
     [[nodiscard]] static QList<QByteArray> folders();
 

@@ -5,6 +5,7 @@
 
 #include <QCoreApplication>
 #include <QString>
+#include <QTimer>
 
 /**
  * The application object of a program that each user runs once. The first process holds a lock until it ends, however
@@ -23,4 +24,5 @@ public:
 
 private:
     InstanceLock lock;
+    QTimer refreshTimer;
 };

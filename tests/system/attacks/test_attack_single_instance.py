@@ -42,8 +42,9 @@ def squat(make, paths):
 
 class SingleInstance(accounts.AccountTestCase):
     def setUp(self):
-        self.first = self.prepare(account=self.owner)
-        self.first.hand_over()  # so that the stranger reaches the temporary directory before the start
+        # Not that of the server, because the stranger's files must stay his.
+        self.temp = self.folder(self.owner, 0o1777)
+        self.first = self.prepare(account=self.owner, environment={"TMPDIR": self.temp})
         digest = hashlib.sha256(f"zarvo_server-{self.first.user}".encode()).hexdigest()[:16]
         self.prefix = f"zarvo-{digest}-{self.owner.uid}-"
         self.addCleanup(self.clean, "/tmp", self.prefix)
@@ -71,7 +72,7 @@ class SingleInstance(accounts.AccountTestCase):
         self.assert_serves(self.first)
 
     def squat(self, make):
-        for folder in ("/tmp", self.first.temp):
+        for folder in ("/tmp", self.temp):
             paths = [os.path.join(folder, f"{self.prefix}{number}.lock") for number in range(NAMES)]
             self.held(self.stranger, squat, make, paths)
 
@@ -101,32 +102,32 @@ class SingleInstance(accounts.AccountTestCase):
         self.first.start()
         self.assertEqual(len(self.locks("/tmp")), 1)
         self.assertEqual(self.first.stop(), 0)
-        self.assertEqual(self.locks("/tmp") + self.locks(self.first.temp), [])
+        self.assertEqual(self.locks("/tmp") + self.locks(self.temp), [])
 
     def test_squatted_names(self):
         for make in (lock_file, dangling_link, pipe, os.mkdir, unix_socket):
             with self.subTest(make=make.__name__):
                 self.squat(make)
                 self.first.start()
-                self.assert_second_ends(TMPDIR=self.first.temp)
+                self.assert_second_ends(TMPDIR=self.temp)
                 self.first.stop()
-                for folder in ("/tmp", self.first.temp):
+                for folder in ("/tmp", self.temp):
                     self.clean(folder, self.prefix)
 
     def test_names_that_are_squatted_after_the_start(self):
         self.first.start()
-        for folder in ("/tmp", self.first.temp):
+        for folder in ("/tmp", self.temp):
             paths = [os.path.join(folder, f"{self.prefix}{number}.lock") for number in range(1, NAMES)]
             self.held(self.stranger, squat, lock_file, paths)
-        self.assert_second_ends(TMPDIR=self.first.temp)
+        self.assert_second_ends(TMPDIR=self.temp)
 
     def test_cleaner_does_not_lift_the_lock(self):
         self.runtime_folder()
         self.first.start()
-        for folder in ("/tmp", self.first.temp):
+        for folder in ("/tmp", self.temp):
             for name in self.locks(folder):
                 os.unlink(os.path.join(folder, name))
-        self.assert_second_ends(TMPDIR=self.first.temp)
+        self.assert_second_ends(TMPDIR=self.temp)
 
     def test_runtime_folder_that_others_can_write_to_is_not_used(self):
         path = self.runtime_folder()
@@ -165,7 +166,7 @@ class SingleInstance(accounts.AccountTestCase):
 
     def test_users_do_not_disturb_each_other(self):
         self.first.start()
-        other = self.prepare(account=self.stranger, environment={"USER": self.first.user, "TMPDIR": self.first.temp})
+        other = self.prepare(account=self.stranger, environment={"USER": self.first.user, "TMPDIR": self.temp})
         other.start()
         self.assert_serves(other)
         self.assert_serves(self.first)
