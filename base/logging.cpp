@@ -32,6 +32,26 @@ void Logging::log(int level, const QString &text)
     }
 }
 
+void Logging::logOfStrangers(int level, const QString &kind, const QString &text)
+{
+    const QMutexLocker locker(&mutex);
+    if (level <= threshold && strangerLines.add(kind)) {
+        write(level, text);
+    }
+}
+
+void Logging::tellStrangerLines()
+{
+    const QMutexLocker locker(&mutex);
+    const QStringList lines = strangerLines.endMinute();
+    if (LogWarning > threshold) {
+        return;
+    }
+    for (const QString &line : lines) {
+        write(LogWarning, line);
+    }
+}
+
 void Logging::setLevel(int level)
 {
     const QMutexLocker locker(&mutex);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "base/strangerlines.h"
 #include "contract/loglevel.h"
 
 #include <QMutex>
@@ -25,6 +26,14 @@ public:
     /** Writes @p text if @p level is at most the threshold. Lines from several threads never interleave. */
     void log(int level, const QString &text);
 
+    /**
+     * The same for a line that strangers can cause: written only if there are few of its kind in this minute, and
+     * counted otherwise.
+     */
+    void logOfStrangers(int level, const QString &kind, const QString &text);
+    /** Writes how many lines were only counted, and starts the next minute. Called once a minute and at the end. */
+    void tellStrangerLines();
+
     void setLevel(int level);
     [[nodiscard]] int level() const;
 
@@ -40,11 +49,27 @@ public:
     [[nodiscard]] static Logging *instance();
 
 protected:
-    mutable QMutex mutex; ///< guards the threshold and the output of the subclass
+    mutable QMutex mutex; ///< guards the private members and the output of the subclass
 
 private:
     int threshold = LogInfo;
+    StrangerLines strangerLines;
 };
 
 /** Logs through the installed logger, which must exist. Callable from any thread. */
 void logMessage(int level, const QString &text);
+
+/**
+ * The same for lines that anybody can cause who reaches one of our sockets. Beyond 20 a minute with the same @p format
+ * they are only counted.
+ * @param arguments  strings, which replace "%1", "%2" ... in the format
+ */
+template <typename... Arguments>
+void logStrangerMessage(int level, const QString &format, const Arguments &...arguments)
+{
+    if constexpr (sizeof...(arguments) == 0) {
+        Logging::instance()->logOfStrangers(level, format, format);
+    } else {
+        Logging::instance()->logOfStrangers(level, format, format.arg(arguments...));
+    }
+}

@@ -66,8 +66,8 @@ void SslServer::incomingConnection(qintptr socketDescriptor)
     const bool wasFull = std::exchange(isFull, socketDescriptor >= firstReservedDescriptor());
     if (isFull) {
         if (!wasFull) {
-            logMessage(LogWarning, u"Closed a connection at once: the file descriptors that are left are for the "
-                                   "clients that are inside"_s);
+            logStrangerMessage(LogWarning, u"Closed a connection at once: the file descriptors that are left are for "
+                                           "the clients that are inside"_s);
         }
         ::close(static_cast<int>(socketDescriptor));
         return;
@@ -108,7 +108,8 @@ void SslServer::incomingConnection(qintptr socketDescriptor)
     socket->startServerEncryption();
     if (socket->error() != QAbstractSocket::UnknownSocketError) {
         // Close at once, or the client would wait for ever. Qt does not report the reason.
-        logMessage(LogWarning, u"Failed to start TLS: the certificate and the private key may not belong together"_s);
+        logStrangerMessage(LogWarning,
+                           u"Failed to start TLS: the certificate and the private key may not belong together"_s);
         delete socket;
         return;
     }
@@ -125,8 +126,8 @@ void SslServer::socketEncrypted()
         socket->admit();
         return;
     }
-    logMessage(LogWarning, u"A unverified client attempted to connect from \"%1\" port \"%2\""_s.arg(
-                               socket->peerName(), QString::number(socket->peerPort())));
+    logStrangerMessage(LogWarning, u"A unverified client attempted to connect from \"%1\" port \"%2\""_s,
+                       socket->peerName(), QString::number(socket->peerPort()));
     // Queued, so that the end of the handshake is sent first. Otherwise the client would see a failed handshake.
     QMetaObject::invokeMethod(
         socket, [socket] { socket->close(); }, Qt::QueuedConnection);

@@ -23,9 +23,11 @@
 #include <QUdpSocket>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 Server::Server() = default;
 Server::~Server() = default;
@@ -44,6 +46,7 @@ int Server::run()
     armIdleTimer();
     logMessage(LogInfo, u"Starting the server version %1"_s.arg(QCoreApplication::applicationVersion()));
     const int code = QCoreApplication::exec();
+    logger.tellStrangerLines();
     logMessage(LogInfo, u"Exiting the server"_s);
     return code;
 }
@@ -56,6 +59,8 @@ bool Server::openLog(QString *error)
     }
     Logging::setInstance(&logger);
     logger.setLevel(Logging::levelFromName(settings.logLevel));
+    QObject::connect(&minute, &QTimer::timeout, &logger, [this] { logger.tellStrangerLines(); });
+    minute.start(1min);
     return true;
 }
 

@@ -10,6 +10,7 @@
 #include <QSslCertificate>
 #include <QSslKey>
 #include <QString>
+#include <QTimer>
 
 #include <memory>
 #include <optional>
@@ -63,6 +64,7 @@ private:
 
     Settings settings{};
     FileLogging logger;
+    QTimer minute; ///< tells how many lines of strangers were not written
     InfoFile pidFile;
     std::unique_ptr<SessionStore> store;
     std::unique_ptr<SessionUpdater> updater;
