@@ -5,6 +5,8 @@
 
 #include <QObject>
 
+#include <limits>
+
 class LockedFile;
 
 /**
@@ -24,6 +26,12 @@ public:
      */
     [[nodiscard]] bool open(const QString &path, QString *error);
 
+    /**
+     * Rotates the file when it has reached this size: it becomes "NAME.old", which replaces the one before, and a new
+     * one is begun. By default it grows without end. Set before the first line.
+     */
+    void setMaxBytes(qint64 bytes) { maxBytes = bytes; }
+
     void write(int level, const QString &text) override;
 
 public slots:
@@ -35,6 +43,10 @@ public slots:
 
 private:
     [[nodiscard]] bool openForAppending();
+    void lockCurrentFile();
+    [[nodiscard]] bool isFull() const;
+    [[nodiscard]] bool rotate();
 
     LockedFile *file; ///< a child of this object
+    qint64 maxBytes = std::numeric_limits<qint64>::max();
 };

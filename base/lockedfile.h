@@ -21,4 +21,10 @@ public:
     void lockForWriting();
     /** Releases the lock. Closing the file does so as well. */
     void unlock();
+
+    /**
+     * Goes on with the file that has the name now, which is made if there is none, and without a lock. Keeps the file
+     * that is open, and returns false, if that fails. Unlike close() and open() it may be called from any thread.
+     */
+    [[nodiscard]] bool switchToNewFile();
 };

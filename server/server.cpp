@@ -29,6 +29,13 @@
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 
+namespace {
+
+/** Two files of this size hold weeks of Info, or days of what strangers cause at most. */
+constexpr qint64 kMaxLogBytes = 16 * 1024 * 1024;
+
+} // namespace
+
 Server::Server() = default;
 Server::~Server() = default;
 
@@ -54,6 +61,7 @@ int Server::run()
 bool Server::openLog(QString *error)
 {
     settings = Settings::read();
+    logger.setMaxBytes(kMaxLogBytes);
     if (!logger.open(userFile(UserFile::kServerLog), error)) {
         return false;
     }

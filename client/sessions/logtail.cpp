@@ -43,6 +43,23 @@ bool readTail(const QString &path, int lines, QString *text, QString *error)
     return true;
 }
 
+bool readRotatedTail(const QString &path, int lines, QString *text, QString *error)
+{
+    const QString old = path + u".old"_s;
+    const bool hasOld = QFile::exists(old);
+    QString latest;
+    if ((!hasOld || QFile::exists(path)) && !readTail(path, lines, &latest, error)) {
+        return false;
+    }
+    const int missing = lines - static_cast<int>(latest.count(u'\n'));
+    QString earlier;
+    if (hasOld && (lines <= 0 || missing > 0) && !readTail(old, lines > 0 ? missing : 0, &earlier, error)) {
+        return false;
+    }
+    *text = earlier + latest;
+    return true;
+}
+
 QString withoutPasswords(const QString &log)
 {
     static const QRegularExpression passwords(

@@ -11,5 +11,11 @@
  */
 [[nodiscard]] bool readTail(const QString &path, int lines, QString *text, QString *error);
 
+/**
+ * The same for a log that is rotated: goes on in "NAME.old" if the log has too few lines. If there is only the old one,
+ * the log is being rotated just now.
+ */
+[[nodiscard]] bool readRotatedTail(const QString &path, int lines, QString *text, QString *error);
+
 /** The text of an agent's log with each password replaced by asterisks, because users share logs with others. */
 [[nodiscard]] QString withoutPasswords(const QString &log);

@@ -113,7 +113,7 @@ ExitCode log(const QCommandLineParser &line, ClientContext &context)
     }
     QString text;
     QString error;
-    if (!readTail(context.files.logPath(), lines, &text, &error)) {
+    if (!readRotatedTail(context.files.logPath(), lines, &text, &error)) {
         return context.console.report({ExitCode::NoServer, error + u'.'});
     }
     context.console.printForeign(text);

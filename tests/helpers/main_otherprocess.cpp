@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "base/filelogging.h"
 #include "base/lockedfile.h"
 #include "base/logging.h"
 #include "server/qtmessages.h"
@@ -20,6 +21,9 @@ using namespace Qt::StringLiterals;
  * ends.
  *
  *   other_process lock FILE           locks the file and appends its standard input to it
+ *   other_process log FILE NAME LINES BYTES
+ *                                     opens the log, and writes so many lines after the first line of its input; the
+ *                                     log is rotated at this size
  *   other_process single ID           asks twice whether another process holds the id
  *   other_process single-user ID UID  the same as the user UID; needs root
  *   other_process single-parent ID    the same, with a child process that goes on when this one has ended
@@ -54,6 +58,23 @@ int holdFileLock(const char *path)
         file.putChar(static_cast<char>(c));
     }
     return file.flush() ? 0 : 1;
+}
+
+int writeLog(char **argv)
+{
+    FileLogging logger;
+    logger.setMaxBytes(std::stoll(argv[5]));
+    QString error;
+    if (!logger.open(QFile::decodeName(argv[2]), &error)) {
+        return 1;
+    }
+    say("open");
+    while (std::getchar() != '\n') {
+    }
+    for (int number = 0; number < std::stoi(argv[4]); ++number) {
+        logger.log(LogInfo, u"%1 line %2"_s.arg(QString::fromLocal8Bit(argv[3])).arg(number));
+    }
+    return 0;
 }
 
 /** Starts a child that goes on when this process is killed. */
@@ -115,6 +136,9 @@ int main(int argc, char **argv)
     const QString argument = QString::fromLocal8Bit(argv[2]);
     if (mode == "lock") {
         return holdFileLock(argv[2]);
+    }
+    if (mode == "log") {
+        return writeLog(argv);
     }
     if (mode == "fatal" || mode == "fatal-logged") {
         endFatally(argv[2], mode == "fatal-logged");

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "client/sessions/logtail.h"
+#include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
 #include <QFile>
@@ -52,6 +53,41 @@ private slots:
         QString error;
         QVERIFY(!readTail(folder.filePath(u"nothing"_s), 1, &text, &error));
         QVERIFY(error.contains(u"nothing"_s));
+    }
+
+    void tailGoesOnInTheOldLog_data()
+    {
+        QTest::addColumn<int>("lines");
+        QTest::addColumn<QString>("tail");
+        QTest::newRow("in the log") << 1 << u"d\n"_s;
+        QTest::newRow("all of the log") << 2 << u"c\nd\n"_s;
+        QTest::newRow("one more") << 3 << u"b\nc\nd\n"_s;
+        QTest::newRow("more than there are") << 9 << u"a\nb\nc\nd\n"_s;
+        QTest::newRow("all") << 0 << u"a\nb\nc\nd\n"_s;
+    }
+    void tailGoesOnInTheOldLog()
+    {
+        QFETCH(int, lines);
+        putFile(folder.filePath(u"log.old"_s), "a\nb\n");
+        putFile(folder.filePath(u"log"_s), "c\nd\n");
+        QString text;
+        QString error;
+        QVERIFY(readRotatedTail(folder.filePath(u"log"_s), lines, &text, &error));
+        QTEST(text, "tail");
+        QVERIFY(QFile::remove(folder.filePath(u"log.old"_s)));
+    }
+
+    void oldLogAloneIsRead()
+    {
+        putFile(folder.filePath(u"log.old"_s), "a\nb\n");
+        QVERIFY(!QFile::exists(folder.filePath(u"log"_s)) || QFile::remove(folder.filePath(u"log"_s)));
+        QString text;
+        QString error;
+        QVERIFY(readRotatedTail(folder.filePath(u"log"_s), 5, &text, &error));
+        QCOMPARE(text, u"a\nb\n"_s);
+        QVERIFY(QFile::remove(folder.filePath(u"log.old"_s)));
+        QVERIFY(!readRotatedTail(folder.filePath(u"log"_s), 5, &text, &error));
+        QVERIFY(error.contains(u"log"_s));
     }
 
     void passwordsAreReplaced()
