@@ -26,17 +26,6 @@ std::chrono::seconds lockTime(int wrong)
 
 } // namespace
 
-QHostAddress countedAddress(const QHostAddress &address)
-{
-    const QHostAddress plain = withoutIPv4Mapping(address);
-    if (plain.protocol() == QAbstractSocket::IPv4Protocol) {
-        return plain;
-    }
-    Q_IPV6ADDR network = plain.toIPv6Address();
-    std::fill(std::begin(network.c) + 8, std::end(network.c), quint8{0});
-    return QHostAddress(network);
-}
-
 bool AttemptLimiter::isLocked(const QHostAddress &address, Clock::time_point now) const
 {
     const auto found = attempts.constFind(countedAddress(address));

@@ -7,12 +7,6 @@
 #include <chrono>
 
 /**
- * The form of an address under which limits count it. An IPv6 host usually owns at least 64 bits of addresses, so only
- * the network part counts. An IPv4-mapped address counts as the IPv4 address, so that no host gets two shares.
- */
-[[nodiscard]] QHostAddress countedAddress(const QHostAddress &address);
-
-/**
  * Slows down guessing. After five wrong passwords from one address, each further one locks that address out, first for
  * 10 s and then for twice as long each time, up to 600 s. Only wrong passwords count, and not connections that send
  * nothing. A right password clears the address.

@@ -13,6 +13,8 @@ class TestHostAddress : public QObject
 private slots:
     void mappedAddressBecomesIPv4_data();
     void mappedAddressBecomesIPv4();
+    void networkOfAnIPv6AddressCounts_data();
+    void networkOfAnIPv6AddressCounts();
 };
 
 void TestHostAddress::mappedAddressBecomesIPv4_data()
@@ -37,6 +39,23 @@ void TestHostAddress::mappedAddressBecomesIPv4()
     const QHostAddress plain = withoutIPv4Mapping(address);
     QCOMPARE(plain.toString(), text);
     QCOMPARE(plain, QHostAddress(text));
+}
+
+void TestHostAddress::networkOfAnIPv6AddressCounts_data()
+{
+    QTest::addColumn<QString>("counted");
+    QTest::newRow("192.0.2.1") << u"192.0.2.1"_s;
+    QTest::newRow("::ffff:192.0.2.1") << u"192.0.2.1"_s;
+    QTest::newRow("2001:db8:1:2:3:4:5:6") << u"2001:db8:1:2::"_s;
+    QTest::newRow("2001:db8:1:2::") << u"2001:db8:1:2::"_s;
+    QTest::newRow("2001:db8:1:3:3:4:5:6") << u"2001:db8:1:3::"_s;
+}
+
+void TestHostAddress::networkOfAnIPv6AddressCounts()
+{
+    QFETCH(const QString, counted);
+    const QHostAddress address(QString::fromLatin1(QTest::currentDataTag()));
+    QCOMPARE(countedAddress(address).toString(), counted);
 }
 
 ZARVO_TEST(TestHostAddress)

@@ -75,23 +75,26 @@ class Admission(zarvo.TestCase):
         cls.addClassCleanup(folder.cleanup)
         cls.folder = folder.name
         cls.foreign = zarvo.make_certificate(cls.folder, name="foreign")
-        cls.shared = zarvo.Server()
-        cls.addClassCleanup(cls.shared.close)
-        cls.shared.start()
+        issuer = zarvo.Server()  # never started; all servers have the same pair
+        cls.addClassCleanup(issuer.close)
         # Signed with the server's own key: its certificate trusts it, but it is another certificate.
         cls.signed = (os.path.join(cls.folder, "signed_cert"), cls.foreign[1])
         request = os.path.join(cls.folder, "request")
         for command in (
                 ["openssl", "req", "-new", "-key", cls.foreign[1], "-out", request, "-subj", "/CN=signed"],
-                ["openssl", "x509", "-req", "-in", request, "-CA", cls.shared.certificate, "-CAkey", cls.shared.key,
+                ["openssl", "x509", "-req", "-in", request, "-CA", issuer.certificate, "-CAkey", issuer.key,
                  "-set_serial", "5", "-days", "30", "-out", cls.signed[0]]):
             subprocess.run(command, check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                            stderr=subprocess.DEVNULL, timeout=60)
         # Another certificate for the server's own key and with its own names.
-        cls.twin = (os.path.join(cls.folder, "twin_cert"), cls.shared.key)
-        subprocess.run(["openssl", "req", "-x509", "-new", "-key", cls.shared.key, "-out", cls.twin[0], "-days", "365",
+        cls.twin = (os.path.join(cls.folder, "twin_cert"), issuer.key)
+        subprocess.run(["openssl", "req", "-x509", "-new", "-key", issuer.key, "-out", cls.twin[0], "-days", "365",
                         "-batch"], check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                        stderr=subprocess.DEVNULL, timeout=60)
+
+    def setUp(self):
+        # A server for each test, because each writes a limited number of refusals to its log in a minute.
+        self.shared = self.server()
 
     def refused_pairs(self):
         return {"none": (None, None), "foreign": self.foreign, "signed by ours": self.signed,
