@@ -4,6 +4,7 @@
 #include "discovery/peerreply.h"
 #include "rpc/netstring.h"
 #include "rpc/rpcmessage.h"
+#include "rpc/tlsrules.h"
 #include "support/json.h"
 
 #include <QDeadlineTimer>
@@ -55,6 +56,7 @@ public:
     bool encrypt(const QSslCertificate &certificate, const QSslKey &key)
     {
         QSslConfiguration configuration = socket.sslConfiguration();
+        requireStrongTls(&configuration);
         configuration.setPrivateKey(key);
         configuration.setLocalCertificate(certificate);
         // Identity is the comparison below, so the system's authorities are not even loaded.

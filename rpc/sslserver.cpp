@@ -4,6 +4,7 @@
 #include "base/logging.h"
 #include "rpc/clientsocket.h"
 #include "rpc/silentconnection.h"
+#include "rpc/tlsrules.h"
 #include "support/peerowner.h"
 
 #include <QSslConfiguration>
@@ -232,6 +233,7 @@ ClientSocket *SslServer::addClient(qintptr socketDescriptor)
 bool SslServer::startTls(ClientSocket *socket)
 {
     QSslConfiguration configuration = socket->sslConfiguration();
+    requireStrongTls(&configuration);
     configuration.setPrivateKey(privateKey);
     configuration.setLocalCertificateChain(QList{localCertificate} + extraCertificates);
     configuration.setPeerVerifyMode(QSslSocket::VerifyPeer);

@@ -5,6 +5,7 @@
 #include "contract/sessionerror.h"
 #include "rpc/netstring.h"
 #include "rpc/rpcmessage.h"
+#include "rpc/tlsrules.h"
 #include "support/json.h"
 
 #include <QNetworkProxy>
@@ -102,7 +103,7 @@ void RpcClient::configure(const Credentials &credentials)
     configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
     configuration.setLocalCertificate(credentials.certificate);
     configuration.setPrivateKey(credentials.key);
-    configuration.setProtocol(QSsl::TlsV1_2OrLater);
+    requireStrongTls(&configuration);
     socket.setSslConfiguration(configuration);
     socket.setProxy(QNetworkProxy::NoProxy);
 }
