@@ -23,17 +23,18 @@ _zarvoctl_read()
     done < <("$program" help --plain 2>/dev/null)
 }
 
-# Offers ids and names of sessions. Names are left out until something is typed, because each session would appear
-# twice.
+# Offers ids and names of sessions, quoted, because bash puts an offer into the line as it is, and other hosts choose
+# their sessions' ids and names. Names are left out until something is typed, because each session would appear twice.
 _zarvoctl_sessions()
 {
     local current=$1 line id name
     while IFS= read -r line; do
-        id=${line%%$'\t'*}
+        printf -v id %q "${line%%$'\t'*}"
         line=${line#*$'\t'}
         printf -v name %q "${line%%$'\t'*}"
+        [[ $id != -* ]] || continue # it would be an option
         if [[ $id == "$current"* ]]; then COMPREPLY+=("$id"); fi
-        if [[ -n $current && $name == "$current"* ]]; then COMPREPLY+=("$name"); fi
+        if [[ -n $current && $name != -* && $name == "$current"* ]]; then COMPREPLY+=("$name"); fi
     done < <(timeout 3 "$program" list --plain --no-start 2>/dev/null)
 }
 

@@ -3,11 +3,12 @@
 # one is added; fish runs it once. Sessions come from a running server, which has 3 seconds to answer; none is started.
 
 function __zarvoctl_sessions
-    set -l lines (timeout 3 zarvoctl list --plain --no-start 2>/dev/null)
+    # One that begins with a dash would be an option.
+    set -l lines (timeout 3 zarvoctl list --plain --no-start 2>/dev/null | string match -rv '^-')
     string replace -r '^([^\t]*)\t([^\t]*)\t.*' '$1\t$2' -- $lines
     # Names are left out until something is typed, because each session would appear twice.
     if test -n "$(commandline -ct)"
-        string replace -r '^([^\t]*)\t([^\t]*)\t.*' '$2\t$1' -- $lines
+        string replace -r '^([^\t]*)\t([^\t]*)\t.*' '$2\t$1' -- $lines | string match -rv '^-'
     end
 end
 
