@@ -2,7 +2,9 @@
 #include "client/sessions/sessiondirectories.h"
 
 #include "client/sessions/sessiontarget.h"
+#include "contract/sessiondirectory.h"
 #include "contract/sessionid.h"
+#include "support/filereader.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -10,6 +12,8 @@
 using namespace Qt::StringLiterals;
 
 namespace {
+
+constexpr int kMaxNumberBytes = 16;
 
 SessionList sessionsOnDisk(const ServerFiles &files)
 {
@@ -48,6 +52,23 @@ bool findSessionDirectory(ClientContext &context, const QString &target, QString
         }
     }
     *directory = context.files.sessionDirectory(session.id);
+    return true;
+}
+
+bool readSessionDisplay(const QString &directory, quint16 *display, Failure *failure)
+{
+    QByteArray text;
+    QString error;
+    if (!readFile(QDir(directory).filePath(SessionFile::kDisplay), kMaxNumberBytes, &text, &error)) {
+        return fail(failure, ExitCode::SessionFailed, error + u'.');
+    }
+    bool isNumber = false;
+    const ushort number = text.trimmed().toUShort(&isNumber);
+    if (!isNumber) {
+        return fail(failure, ExitCode::SessionFailed,
+                    u"The session in \"%1\" has no valid display number."_s.arg(directory));
+    }
+    *display = number;
     return true;
 }
 

@@ -6,7 +6,6 @@
 #include "client/terminal/progress.h"
 #include "client/verbs/verbs.h"
 #include "contract/sessiondirectory.h"
-#include "support/filereader.h"
 
 #include <QDir>
 #include <QFile>
@@ -14,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -22,30 +22,12 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto kScreenshotTimeout = 20s;
-constexpr int kMaxNumberBytes = 16;
-
-bool readDisplay(const QString &directory, QString *display, Failure *failure)
-{
-    QByteArray text;
-    QString error;
-    if (!readFile(QDir(directory).filePath(SessionFile::kDisplay), kMaxNumberBytes, &text, &error)) {
-        return fail(failure, ExitCode::SessionFailed, error + u'.');
-    }
-    bool isNumber = false;
-    const ushort number = text.trimmed().toUShort(&isNumber);
-    if (!isNumber) {
-        return fail(failure, ExitCode::SessionFailed,
-                    u"The session in \"%1\" has no valid display number."_s.arg(directory));
-    }
-    *display = QString::number(number);
-    return true;
-}
 
 /** Writes to a temporary file beside @p path and renames it, so that @p path never holds half a picture. */
 bool takeScreenshot(const QString &directory, const QString &path, Failure *failure)
 {
-    QString display;
-    if (!readDisplay(directory, &display, failure)) {
+    quint16 display = 0;
+    if (!readSessionDisplay(directory, &display, failure)) {
         return false;
     }
     const QString part = u"%1.%2.part"_s.arg(path, QString::number(::getpid()));
@@ -53,8 +35,10 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
     const Interruption interruption;
     const Progress progress(u"Taking a picture"_s);
     ChildRun child;
+    // A picture shows all that the user does, so it is private. Users who share it change the mode.
+    ::umask(077);
     const bool ended =
-        child.run({program, display, QDir(directory).filePath(SessionFile::kAuthority), part}, kScreenshotTimeout);
+        child.run({program, QString::number(display), QDir(directory).filePath(SessionFile::kAuthority), part}, kScreenshotTimeout);
     if (ended && child.exitCode() == 0 &&
         std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) == 0) {
         return true;

@@ -158,6 +158,7 @@ class WholeStory(ctl.CtlTestCase):
     def picture(self, session):
         path = os.path.join(self.instance.top, "picture.png")
         self.ctl(self.instance, "screenshot", session, path)
+        self.assertEqual(zarvo.mode(path), "0o600")
         return read_png(path)
 
     def wait_colour(self, session, colour):
