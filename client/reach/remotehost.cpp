@@ -6,14 +6,11 @@
 #include "contract/sessionid.h"
 #include "support/json.h"
 
-#include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QUrl>
 
 #include <chrono>
-
-#include <sys/un.h>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -22,7 +19,6 @@ namespace {
 
 /** Time for a user to type a pass phrase, and for the remote server and agent to answer. */
 constexpr auto kOfferTimeout = 180s;
-constexpr auto kCloseTimeout = 5s;
 
 constexpr int kSshFailed = 255;
 constexpr int kCommandNotFound = 127;
@@ -49,11 +45,9 @@ QString writtenHost(const QString &location, const QUrl &url)
     return written.compare(url.host(), Qt::CaseInsensitive) == 0 ? written : url.host();
 }
 
-/** Whether a socket may have this path, with the suffix that ssh adds while it creates the socket. */
-bool isSocketPath(const QString &path)
+bool failId(const QString &id, Failure *failure)
 {
-    constexpr qsizetype kSuffix = 17;
-    return QFile::encodeName(path).size() + kSuffix < qsizetype{sizeof(sockaddr_un::sun_path)};
+    return fail(failure, ExitCode::NoSuchSession, u"\"%1\" is not a session id."_s.arg(printable(id)));
 }
 
 QString lastLine(const QString &text)
@@ -76,35 +70,20 @@ std::unique_ptr<RemoteHost> RemoteHost::fromLocation(const QString &location)
     return made;
 }
 
-RemoteHost::~RemoteHost()
-{
-    ChildRun closing;
-    [[maybe_unused]] const bool closed = closing.run(command({u"-O"_s, u"exit"_s}), kCloseTimeout);
-}
-
-bool RemoteHost::requestOffer(const QString &id, ConnectionOffer *offer, Failure *failure)
+bool RemoteHost::requestOffer(const QString &id, ConnectionOffer *offer, Failure *failure) const
 {
     if (!isValidSessionId(id)) {
-        return fail(failure, ExitCode::NoSuchSession, u"\"%1\" is not a session id."_s.arg(printable(id)));
+        return failId(id, failure);
     }
     ChildRun ssh;
     const QStringList remoteCommand = {u"zarvoctl"_s, u"connect"_s, u"--print"_s, u"--json"_s, u"--no-start"_s, id};
-    if (!ssh.run(command({}) + remoteCommand, kOfferTimeout)) {
+    if (!ssh.run(sshTo(remoteCommand), kOfferTimeout)) {
         return fail(failure, ssh.timedOut() ? ExitCode::TimedOut : ExitCode::NoServer,
                     u"Failed to reach the host \"%1\": %2."_s.arg(host, ssh.problem()));
     }
-    if (ssh.exitCode() == kSshFailed) {
-        return fail(failure, ExitCode::NoServer,
-                    u"Failed to reach the host \"%1\": %2"_s.arg(host, lastLine(ssh.errorOutput())));
-    }
-    if (ssh.exitCode() == kCommandNotFound) {
-        return fail(failure, ExitCode::NoServer,
-                    u"There is no zarvoctl on the search path of the host \"%1\"."_s.arg(host));
-    }
     if (ssh.exitCode() != 0) {
-        const ExitCode code =
-            ssh.exitCode() <= kLastExitCode ? static_cast<ExitCode>(ssh.exitCode()) : ExitCode::SessionFailed;
-        return fail(failure, code, u"%1: %2"_s.arg(host, lastLine(ssh.errorOutput())));
+        *failure = explain(ssh.exitCode(), ssh.errorOutput());
+        return false;
     }
     Json::Value answer;
     ConnectionOffer made;
@@ -118,25 +97,44 @@ bool RemoteHost::requestOffer(const QString &id, ConnectionOffer *offer, Failure
     return true;
 }
 
-QStringList RemoteHost::streamCommand(quint16 streamPort) const
+bool RemoteHost::pipeCommand(const QString &id, QStringList *command, Failure *failure) const
 {
-    return command({u"-W"_s, u"127.0.0.1:%1"_s.arg(streamPort)});
+    if (!isValidSessionId(id)) {
+        return failId(id, failure);
+    }
+    *command = sshTo({u"zarvoctl"_s, u"pipe"_s, u"--no-start"_s, id});
+    return true;
 }
 
-QStringList RemoteHost::command(const QStringList &options) const
+Failure RemoteHost::explain(int exitCode, const QString &errors) const
+{
+    if (exitCode == kSshFailed) {
+        return {ExitCode::NoServer, u"Failed to reach the host \"%1\": %2"_s.arg(host, lastLine(errors))};
+    }
+    if (exitCode == kCommandNotFound) {
+        return {ExitCode::NoServer, u"There is no zarvoctl on the search path of the host \"%1\"."_s.arg(host)};
+    }
+    if (exitCode == static_cast<int>(ExitCode::Usage)) {
+        return {ExitCode::NoServer, u"The zarvoctl of the host \"%1\" is too old for this one."_s.arg(host)};
+    }
+    const ExitCode code =
+        exitCode > 0 && exitCode <= kLastExitCode ? static_cast<ExitCode>(exitCode) : ExitCode::SessionFailed;
+    return {code, u"%1: %2"_s.arg(host, lastLine(errors))};
+}
+
+QStringList RemoteHost::sshTo(const QStringList &remoteCommand) const
 {
     QStringList all = sshCommand();
-    // Without a folder for the socket, each call opens its own connection, and ssh may ask for the pass phrase again.
-    if (folder.isValid() && isSocketPath(folder.filePath(u"ssh"_s))) {
-        all << u"-o"_s << u"ControlMaster=auto"_s << u"-o"_s << u"ControlPersist=60"_s << u"-o"_s
-            << u"ControlPath=\"%1\""_s.arg(folder.filePath(u"ssh"_s).replace(u'%', u"%%"_s));
+    all << u"-T"_s << u"-a"_s << u"-x"_s;
+    for (const auto *option : {"ClearAllForwardings=yes", "PermitLocalCommand=no", "RemoteCommand=none",
+                               "GSSAPIDelegateCredentials=no", "Tunnel=no"}) {
+        all << u"-o"_s << QString::fromLatin1(option);
     }
-    all << u"-T"_s;
     if (port > 0) {
         all << u"-p"_s << QString::number(port);
     }
     if (!user.isEmpty()) {
         all << u"-l"_s << user;
     }
-    return all + options + QStringList{u"--"_s, host};
+    return all + QStringList{u"--"_s, host} + remoteCommand;
 }

@@ -5,6 +5,7 @@
 #include "client/terminal/eventwait.h"
 #include "support/processhardening.h"
 
+#include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
 
@@ -18,15 +19,25 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+/** As a shell does for a program that cannot be executed. */
+constexpr int kCannotStart = 126;
+
 QStringList configuredCommand()
 {
     return QProcess::splitCommand(qEnvironmentVariable("ZARVO_VIEWER"));
 }
 
-/** The known viewers, each with the options that it needs; the first one found is used. */
-QList<QStringList> knownCommands()
+/** The names of known viewers; the first one found is used. */
+QStringList knownViewers()
 {
-    return {{u"xtigervncviewer"_s, u"-SecurityTypes"_s, u"VncAuth"_s}, {u"vncviewer"_s}};
+    return {u"xtigervncviewer"_s, u"vncviewer"_s};
+}
+
+/** Debian's alternatives let "vncviewer" be a link to the viewer that is installed. */
+bool isTigerVncProgram(const QString &path)
+{
+    return QFileInfo(QFileInfo(path).canonicalFilePath()).fileName() == "xtigervncviewer"_L1 ||
+           QFileInfo(path).fileName() == "xtigervncviewer"_L1;
 }
 
 bool hasDisplay()
@@ -37,16 +48,6 @@ bool hasDisplay()
 bool isFound(const QStringList &command)
 {
     return !QStandardPaths::findExecutable(command.first()).isEmpty();
-}
-
-/** Runs in the child, between fork and exec. */
-void prepareChild(int passwordDescriptor)
-{
-    ::fcntl(passwordDescriptor, F_SETFD, 0);
-    // Our standard output is for data, which the viewer's messages would spoil.
-    ::dup2(STDERR_FILENO, STDOUT_FILENO);
-    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
-    restoreCoreFiles();
 }
 
 } // namespace
@@ -62,9 +63,11 @@ bool Viewer::find(Failure *failure)
         command = configured;
         return true;
     }
-    for (const QStringList &known : knownCommands()) {
-        if (isFound(known)) {
-            command = known;
+    for (const QString &known : knownViewers()) {
+        const QString path = QStandardPaths::findExecutable(known);
+        if (!path.isEmpty()) {
+            command = QStringList{known};
+            isTigerVnc = isTigerVncProgram(path);
             break;
         }
     }
@@ -81,17 +84,49 @@ bool Viewer::find(Failure *failure)
     return true;
 }
 
-bool Viewer::run(quint16 port, const QString &password, Failure *failure)
+bool Viewer::showPort(quint16 port, const QString &password, Failure *failure)
 {
+    const QString address = u"127.0.0.1::%1"_s.arg(port);
+    if (password.isEmpty()) {
+        return run({address}, {}, failure);
+    }
     VncPasswordFile passwordFile;
     QString error;
     if (!passwordFile.create(password, &error)) {
         return fail(failure, ExitCode::NoViewer, error + u'.');
     }
+    // Without the option it would prefer TLS, and ask the user whether the server's own certificate is good.
+    const QStringList security = isTigerVnc ? QStringList{u"-SecurityTypes"_s, u"VncAuth"_s} : QStringList();
+    return run(security + QStringList{u"-passwd"_s, passwordFile.path(), address},
+               {.password = passwordFile.descriptor()}, failure);
+}
+
+bool Viewer::showSocket(const PrivateDirectory &directory, const QString &name, Failure *failure)
+{
+    return run({u"-SecurityTypes"_s, u"None"_s, u"./"_s + name}, {.directory = directory.descriptor()}, failure);
+}
+
+/** Runs in the child, between fork and exec. */
+void Viewer::prepareChild(Inherited inherited)
+{
+    if (inherited.password != -1) {
+        ::fcntl(inherited.password, F_SETFD, 0);
+    }
+    if (inherited.directory != -1 && ::fchdir(inherited.directory) != 0) {
+        ::_exit(kCannotStart);
+    }
+    // Our standard output is for data, which the viewer's messages would spoil.
+    ::dup2(STDERR_FILENO, STDOUT_FILENO);
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    restoreCoreFiles();
+}
+
+bool Viewer::run(const QStringList &arguments, Inherited inherited, Failure *failure)
+{
     QProcess process;
     process.setProcessChannelMode(QProcess::ForwardedChannels);
     process.setInputChannelMode(QProcess::ForwardedInputChannel);
-    process.setChildProcessModifier([descriptor = passwordFile.descriptor()] { prepareChild(descriptor); });
+    process.setChildProcessModifier([inherited] { prepareChild(inherited); });
 
     bool ended = false;
     EventWait wait([&ended] { return ended; });
@@ -105,8 +140,7 @@ bool Viewer::run(quint16 port, const QString &password, Failure *failure)
             finish();
         }
     });
-    process.start(command.first(),
-                  command.sliced(1) + QStringList{u"-passwd"_s, passwordFile.path(), u"127.0.0.1::%1"_s.arg(port)});
+    process.start(command.first(), command.sliced(1) + arguments);
     // No deadline, because the user may look at the session for days.
     if (!wait.run(kNoDeadline)) {
         return fail(failure, ExitCode::NoViewer, {}); // interrupted; the destructor of the process ends the viewer

@@ -2,6 +2,7 @@
 #include "client/sessions/offering.h"
 
 #include "client/terminal/progress.h"
+#include "contract/sessionerror.h"
 
 #include <utility>
 
@@ -61,4 +62,9 @@ bool requestOffer(ClientContext &context, const QString &method, const SessionEn
     made.host = localHostName();
     *offer = made;
     return true;
+}
+
+bool failConnected(Failure *failure)
+{
+    return fail(failure, ExitCode::WrongState, errorMessage(InvalidState) + hintFor(EntryState::Connected));
 }

@@ -3,6 +3,7 @@
 
 #include "client/sessions/clientcontext.h"
 #include "client/sessions/connectionoffer.h"
+#include "client/terminal/exitcode.h"
 
 /**
  * Asks the connected server to offer a password for one of its sessions.
@@ -12,3 +13,6 @@
  */
 [[nodiscard]] bool requestOffer(ClientContext &context, const QString &method, const SessionEntry &session,
                                 ConnectionOffer *offer, Failure *failure);
+
+/** Fails as the server does for a session that has a viewer: WrongState, with the verb that helps. */
+bool failConnected(Failure *failure);

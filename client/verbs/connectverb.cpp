@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "client/reach/remotehost.h"
-#include "client/reach/tunnel.h"
+#include "client/reach/showing.h"
 #include "client/reach/viewer.h"
+#include "client/reach/viewersocket.h"
 #include "client/sessions/connectionoffer.h"
 #include "client/sessions/offering.h"
 #include "client/sessions/sessionstarter.h"
@@ -9,6 +10,7 @@
 #include "client/terminal/interruption.h"
 #include "client/verbs/verbs.h"
 
+#include <memory>
 #include <optional>
 
 using namespace Qt::StringLiterals;
@@ -28,8 +30,17 @@ public:
 
     bool run(Failure *failure)
     {
-        return checkUsage(failure) && (prints || viewer.find(failure)) &&
-               context.connectToServer(startMode(line), failure) && makeOffer(failure) && show(failure);
+        if (!checkUsage(failure) || (!prints && !viewer.find(failure)) ||
+            !context.connectToServer(startMode(line), failure)) {
+            return false;
+        }
+        if (line.isSet(u"new"_s)) {
+            return openNew(failure);
+        }
+        SessionEntry session;
+        bool isLocal = false;
+        return findAnywhere(&session, &isLocal, failure) &&
+               (isLocal ? openLocal(session, failure) : openRemote(session, failure));
     }
 
     /** Whether a signal has ended the run. */
@@ -52,15 +63,13 @@ private:
         return count <= 1 || fail(failure, ExitCode::Usage, u"connect takes one session."_s);
     }
 
-    bool makeOffer(Failure *failure)
+    bool openNew(Failure *failure)
     {
-        if (line.isSet(u"new"_s)) {
-            return startNewSession(context, line.positionalArguments(), line.value(u"geometry"_s), &offer, failure);
+        ConnectionOffer offer;
+        if (!startNewSession(context, line.positionalArguments(), line.value(u"geometry"_s), &offer, failure)) {
+            return false;
         }
-        SessionEntry session;
-        bool isLocal = false;
-        return findAnywhere(&session, &isLocal, failure) &&
-               (isLocal ? offerLocal(session, failure) : offerRemote(session, failure));
+        return prints ? print(offer) : showStarted(viewer, directoryOf(offer.id), offer, failure);
     }
 
     /** A session of this host wins over one of the same name elsewhere. */
@@ -79,20 +88,36 @@ private:
         return context.listAll(&all, failure) && findSession(all, target, session, failure);
     }
 
-    bool offerLocal(const SessionEntry &session, Failure *failure)
+    /** Without a password if the agent has a socket for the user's own viewers; other agents have none. */
+    bool openLocal(const SessionEntry &session, Failure *failure)
+    {
+        ViewerSocket socket;
+        Failure ignored;
+        if (!prints && socket.open(directoryOf(session.id), &ignored) && socket.answers()) {
+            return !socket.hasViewers(session.state() == EntryState::Connected) ? showLocally(viewer, socket, failure)
+                                                                                : failConnected(failure);
+        }
+        ConnectionOffer offer;
+        if (!requestFittingOffer(session, &offer, failure)) {
+            return false;
+        }
+        return prints ? print(offer) : viewer.showPort(offer.port, offer.password, failure);
+    }
+
+    bool requestFittingOffer(const SessionEntry &session, ConnectionOffer *offer, Failure *failure)
     {
         const bool isOffered = session.state() == EntryState::Offered;
         const QString method = isOffered ? u"Live.Replay"_s : u"Live.Resume"_s;
         const QString other = isOffered ? u"Live.Resume"_s : u"Live.Replay"_s;
         // The state may have changed since the listing. Then the other method fits.
-        return requestOffer(context, method, session, &offer, failure) ||
+        return requestOffer(context, method, session, offer, failure) ||
                (failure->code == ExitCode::WrongState && session.state() != EntryState::Connected &&
-                requestOffer(context, other, session, &offer, failure));
+                requestOffer(context, other, session, offer, failure));
     }
 
-    bool offerRemote(const SessionEntry &session, Failure *failure)
+    bool openRemote(const SessionEntry &session, Failure *failure)
     {
-        remote = RemoteHost::fromLocation(session.location);
+        const std::unique_ptr<RemoteHost> remote = RemoteHost::fromLocation(session.location);
         if (!remote) {
             return fail(
                 failure, ExitCode::WrongState,
@@ -100,33 +125,26 @@ private:
                     session.id, session.location));
         }
         interruption.emplace();
-        return remote->requestOffer(session.id, &offer, failure);
+        if (!prints) {
+            return showRemotely(viewer, *remote, session.id, failure);
+        }
+        ConnectionOffer offer;
+        return remote->requestOffer(session.id, &offer, failure) && print(offer);
     }
 
-    bool show(Failure *failure)
+    bool print(const ConnectionOffer &offer)
     {
-        if (prints) {
-            offer.print(context.console, line.isSet(u"json"_s));
-            return true;
-        }
-        if (!remote) {
-            return viewer.run(offer.port, offer.password, failure);
-        }
-        Tunnel tunnel(remote->streamCommand(offer.port));
-        QString error;
-        if (!tunnel.open(&error)) {
-            return fail(failure, ExitCode::NoViewer, error + u'.');
-        }
-        return viewer.run(tunnel.port(), offer.password, failure);
+        offer.print(context.console, line.isSet(u"json"_s));
+        return true;
     }
+
+    [[nodiscard]] QString directoryOf(const QString &id) const { return context.files.sessionDirectory(id); }
 
     const QCommandLineParser &line;
     ClientContext &context;
     const bool prints;
     Viewer viewer;
     std::optional<Interruption> interruption; ///< set while there is something to clean up after a signal
-    std::unique_ptr<RemoteHost> remote;       ///< set for a session on another host
-    ConnectionOffer offer;
 };
 
 ExitCode run(const QCommandLineParser &line, ClientContext &context)
@@ -150,7 +168,8 @@ Verb connectVerb()
         .description =
             u"Runs a VNC viewer on a session, or on a new one with --new -- COMMAND…. The viewer is the command in\n"
             "ZARVO_VIEWER, else xtigervncviewer, else vncviewer. A session on another host is reached through ssh,\n"
-            "or the command in ZARVO_SSH. --print prints what another viewer needs instead."_s,
+            "or the command in ZARVO_SSH. The bundled agent needs no password for it. --print makes one, and\n"
+            "prints it with what else another viewer needs."_s,
         .examples = {u"zarvoctl connect --new -- openbox-session"_s, u"zarvoctl connect 3f2a"_s,
                      u"zarvoctl connect --print --json xterm"_s},
         .maxArguments = -1,

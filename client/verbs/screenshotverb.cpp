@@ -38,7 +38,8 @@ bool takeScreenshot(const QString &directory, const QString &path, Failure *fail
     // A picture shows all that the user does, so it is private. Users who share it change the mode.
     ::umask(077);
     const bool ended =
-        child.run({program, QString::number(display), QDir(directory).filePath(SessionFile::kAuthority), part}, kScreenshotTimeout);
+        child.run({program, QString::number(display), QDir(directory).filePath(SessionFile::kAuthority), part},
+                  kScreenshotTimeout);
     if (ended && child.exitCode() == 0 &&
         std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) == 0) {
         return true;

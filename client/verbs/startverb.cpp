@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "client/reach/showing.h"
 #include "client/reach/viewer.h"
 #include "client/sessions/connectionoffer.h"
 #include "client/sessions/sessionstarter.h"
@@ -21,7 +22,8 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
         return context.console.report(failure);
     }
     offer.print(context.console, line.isSet(u"json"_s));
-    if (connects && (!context.console.flush() || !viewer.run(offer.port, offer.password, &failure))) {
+    if (connects &&
+        (!context.console.flush() || !showStarted(viewer, context.files.sessionDirectory(offer.id), offer, &failure))) {
         return context.console.report(failure);
     }
     return ExitCode::Done;

@@ -11,6 +11,7 @@
 [[nodiscard]] Verb doctorVerb();
 [[nodiscard]] Verb listVerb();
 [[nodiscard]] Verb logsVerb();
+[[nodiscard]] Verb pipeVerb();
 [[nodiscard]] Verb replayVerb();
 [[nodiscard]] Verb resumeVerb();
 [[nodiscard]] Verb screenshotVerb();

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 #include "client/reach/remotehost.h"
-#include "tests/helpers/environmentvariable.h"
 #include "tests/testmain.h"
 
 #include <QTest>
@@ -18,11 +17,9 @@ private slots:
     {
         QTest::addColumn<QString>("location");
         QTest::addColumn<QString>("end"); ///< the end of the command; empty: refused
-        QTest::newRow("whole") << u"ssh://me@far.example:2222/zarvo_sci"_s
-                               << u"-T -p 2222 -l me -W 127.0.0.1:41100 -- far.example"_s;
-        QTest::newRow("host only") << u"ssh://far"_s << u"-T -W 127.0.0.1:41100 -- far"_s;
-        QTest::newRow("capital letters") << u"ssh://me@MyHost:22/x"_s
-                                         << u"-T -p 22 -l me -W 127.0.0.1:41100 -- MyHost"_s;
+        QTest::newRow("whole") << u"ssh://me@far.example:2222/zarvo_sci"_s << u"-p 2222 -l me -- far.example"_s;
+        QTest::newRow("host only") << u"ssh://far"_s << u"Tunnel=no -- far"_s;
+        QTest::newRow("capital letters") << u"ssh://me@MyHost:22/x"_s << u"-p 22 -l me -- MyHost"_s;
         QTest::newRow("other scheme") << u"http://far/"_s << QString();
         QTest::newRow("none") << QString() << QString();
         QTest::newRow("no host") << u"ssh:///x"_s << QString();
@@ -39,21 +36,22 @@ private slots:
         const std::unique_ptr<RemoteHost> host = RemoteHost::fromLocation(location);
         QCOMPARE(host == nullptr, end.isEmpty());
         if (host) {
-            const QStringList command = host->streamCommand(41100);
+            const QStringList command = commandFor(*host);
             QCOMPARE(command.first(3), (QStringList{u"true"_s, u"-F"_s, u"a file"_s}));
-            QVERIFY2(command.join(u' ').endsWith(end), qPrintable(command.join(u' ')));
+            const QString all = command.join(u' ');
+            QVERIFY2(all.endsWith(end + u" zarvoctl pipe --no-start "_s + kId), qPrintable(all));
         }
     }
 
-    void connectionIsSharedIfItsSocketPathFits()
+    void nothingIsForwarded()
     {
         qputenv("ZARVO_SSH", "true");
-        const QTemporaryDir top;
-        QVERIFY(isShared());
-        const QString deep = top.filePath(QString(100, u'd'));
-        QVERIFY(QDir().mkdir(deep));
-        const EnvironmentVariable variable("TMPDIR", QFile::encodeName(deep));
-        QVERIFY(!isShared());
+        const QStringList command = commandFor(*RemoteHost::fromLocation(u"ssh://far"_s));
+        for (const QString &option : {u"-T"_s, u"-a"_s, u"-x"_s, u"ClearAllForwardings=yes"_s,
+                                      u"PermitLocalCommand=no"_s, u"GSSAPIDelegateCredentials=no"_s}) {
+            QVERIFY2(command.indexOf(option) > 0 && command.indexOf(option) < command.indexOf(u"--"_s),
+                     qPrintable(option));
+        }
     }
 
     void idWithShellSyntaxIsRefused()
@@ -67,10 +65,13 @@ private slots:
     }
 
 private:
-    static bool isShared()
+    inline static const QString kId = QString(32, u'a');
+
+    static QStringList commandFor(const RemoteHost &host)
     {
-        const std::unique_ptr<RemoteHost> host = RemoteHost::fromLocation(u"ssh://far"_s);
-        return host && host->streamCommand(1).contains(u"ControlMaster=auto"_s);
+        QStringList command;
+        Failure failure;
+        return host.pipeCommand(kId, &command, &failure) ? command : QStringList();
     }
 };
 

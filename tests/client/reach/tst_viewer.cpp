@@ -6,6 +6,7 @@
 #include "tests/helpers/environmentvariable.h"
 #include "tests/testmain.h"
 
+#include <QDir>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
@@ -40,7 +41,7 @@ private slots:
         QTest::addColumn<QByteArray>("configured");
         QTest::addColumn<QStringList>("programs");
         QTest::addColumn<QString>("name");
-        const QString known = u"xtigervncviewer -SecurityTypes VncAuth"_s;
+        const QString known = u"xtigervncviewer"_s;
         QTest::newRow("first known") << ""_ba << QStringList{u"xtigervncviewer"_s} << known;
         QTest::newRow("second known") << ""_ba << QStringList{u"vncviewer"_s} << u"vncviewer"_s;
         QTest::newRow("both known") << ""_ba << QStringList{u"vncviewer"_s, u"xtigervncviewer"_s} << known;
@@ -59,6 +60,64 @@ private slots:
         Failure failure;
         QVERIFY2(viewer.find(&failure), qPrintable(failure.text));
         QTEST(viewer.name(), "name");
+    }
+
+    void onlyTigerVncIsKnownToTakeAPath_data()
+    {
+        QTest::addColumn<QByteArray>("configured");
+        QTest::addColumn<QString>("program");
+        QTest::addColumn<QString>("target"); ///< of the link that the program is; empty: it is a file
+        QTest::addColumn<bool>("knows");
+        QTest::newRow("by its own name") << ""_ba << u"xtigervncviewer"_s << QString() << true;
+        QTest::newRow("alternative") << ""_ba << u"vncviewer"_s << u"elsewhere/xtigervncviewer"_s << true;
+        QTest::newRow("another one") << ""_ba << u"vncviewer"_s << u"elsewhere/xtightvncviewer"_s << false;
+        QTest::newRow("no link") << ""_ba << u"vncviewer"_s << QString() << false;
+        QTest::newRow("configured") << "xtigervncviewer"_ba << u"xtigervncviewer"_s << QString() << false;
+    }
+    void onlyTigerVncIsKnownToTakeAPath()
+    {
+        QFETCH(QByteArray, configured);
+        QFETCH(QString, program);
+        QFETCH(QString, target);
+        const EnvironmentVariable viewerVariable("ZARVO_VIEWER", configured);
+        const EnvironmentVariable display("DISPLAY", ":1"_ba);
+        if (target.isEmpty()) {
+            putProgram(program, "");
+        } else {
+            QVERIFY(QDir(folder->path()).mkdir(u"elsewhere"_s));
+            putProgram(target, "");
+            QVERIFY(QFile::link(folder->filePath(target), folder->filePath(program)));
+        }
+        Viewer viewer;
+        Failure failure;
+        QVERIFY2(viewer.find(&failure), qPrintable(failure.text));
+        QTEST(viewer.knowsLocalSockets(), "knows");
+    }
+
+    void socketIsGivenByItsNameInItsDirectory()
+    {
+        const EnvironmentVariable viewerVariable("ZARVO_VIEWER", "mine"_ba);
+        putProgram(u"mine"_s, "echo \"$PWD $*\" > '" + inFolder("seen") + "'\n");
+        const QTemporaryDir place;
+        PrivateDirectory directory;
+        QString error;
+        QVERIFY2(directory.open(place.path(), &error), qPrintable(error));
+        Viewer viewer;
+        Failure failure;
+        QVERIFY(viewer.find(&failure));
+        QVERIFY2(viewer.showSocket(directory, u"name.sock"_s, &failure), qPrintable(failure.text));
+        QCOMPARE(contentOf(folder->filePath(u"seen"_s)), place.path().toUtf8() + " -SecurityTypes None ./name.sock\n");
+    }
+
+    void portWithoutAPasswordIsAllThatTheViewerGets()
+    {
+        const EnvironmentVariable viewerVariable("ZARVO_VIEWER", "mine"_ba);
+        putProgram(u"mine"_s, "echo \"$*\" > '" + inFolder("seen") + "'\n");
+        Viewer viewer;
+        Failure failure;
+        QVERIFY(viewer.find(&failure));
+        QVERIFY2(viewer.showPort(4711, {}, &failure), qPrintable(failure.text));
+        QCOMPARE(contentOf(folder->filePath(u"seen"_s)), "127.0.0.1::4711\n"_ba);
     }
 
     void missingViewerIsReported_data()
@@ -186,7 +245,7 @@ private:
         const EnvironmentVariable viewerVariable("ZARVO_VIEWER", "mine"_ba);
         Viewer viewer;
         Failure failure;
-        if (!viewer.find(&failure) || !viewer.run(4711, u"secret12"_s, &failure)) {
+        if (!viewer.find(&failure) || !viewer.showPort(4711, u"secret12"_s, &failure)) {
             return failure.code == ExitCode::NoViewer ? failure.text : u"wrong exit code"_s;
         }
         return u"shown"_s;

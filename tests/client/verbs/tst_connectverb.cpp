@@ -118,7 +118,7 @@ private slots:
         QCOMPARE(run({u"--print"_s, u"--json"_s, u"two"_s}), ExitCode::Done);
         QCOMPARE(server->methods(), (QStringList{u"ListLocalSessions"_s, u"ListSessions"_s}));
         const QString call =
-            u"-T -p 2222 -l me -- far zarvoctl connect --print --json --no-start %1\n"_s.arg(server->others.first().id);
+            u" -p 2222 -l me -- far zarvoctl connect --print --json --no-start %1\n"_s.arg(server->others.first().id);
         QVERIFY2(ssh.calls().contains(call), qPrintable(ssh.calls()));
         Json::Value offer;
         QVERIFY(parseJson(server->output.toUtf8(), &offer));

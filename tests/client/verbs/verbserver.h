@@ -37,6 +37,9 @@ public:
     /** The text parameters of the last request. */
     [[nodiscard]] QStringList lastParameters() const;
 
+    /** Where the files of its sessions belong. */
+    [[nodiscard]] const ServerFiles &files() const { return context->files; }
+
 private:
     void answer(QSslSocket *peer, const Json::Value &request);
 

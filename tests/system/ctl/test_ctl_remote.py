@@ -2,32 +2,32 @@
 """zarvoctl: sessions on another host. A real sshd on the loopback interface, with its own keys, plays it."""
 import contextlib
 import getpass
-import json
 import os
 import shlex
 import shutil
 import signal
 import socket
-import ssl
 import subprocess
 import sys
-import threading
 import unittest
 
 import ctl
+import listing
 import zarvo
-from ctl import DONE, NO_SERVER, NO_SESSION, WRONG_STATE
+from ctl import DONE, FAILED, NO_SERVER, NO_SESSION, WRONG_STATE
 
 SSHD = shutil.which("sshd", path=os.environ.get("PATH", "") + ":/usr/sbin:/sbin")
 
-# Connects through the tunnel with the password, and prints the result.
+# Connects as a viewer, and prints what comes back.
 VIEWER = """
 import os, socket, sys
 host, _, port = sys.argv[-1].partition("::")
 with socket.create_connection((host, int(port)), {deadline}) as connection:
-    connection.sendall(b"{password}\\n")
-    answer = connection.recv(16)
-    print("answer", answer.decode().strip(), flush=True)
+    connection.sendall(b"hello")
+    answer = b""
+    while len(answer) < 17:
+        answer += connection.recv(16)
+    print("answer", answer, flush=True)
     connection.recv(1)
 """
 
@@ -104,68 +104,83 @@ class Remote(ctl.CtlTestCase):
         self.environment = {"ZARVO_SSH": f'ssh -F "{self.sshd.path("ssh_config")}"'}
         self.location = f"ssh://{getpass.getuser()}@127.0.0.1:{self.sshd.port}/zarvo_sci"
 
-    def list_far_sessions(self, location=None):
+    def list_far_sessions(self, location=None, peer="127.0.0.1"):
         """Replaces the near server by a fake that lists the far one's sessions with their location."""
         entries = self.far.client().local_sessions()
         for entry in entries:
             entry["location"] = self.location if location is None else location
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(self.near.certificate, self.near.key)
-        listener = socket.create_server(("127.0.0.1", 0))
+        listing.Listing(self, self.near, entries, [listing.peer(peer, *entries)])
 
-        def serve():
-            while True:
-                try:
-                    connection = listener.accept()[0]
-                except OSError:
-                    return
-                connection.settimeout(zarvo.DEADLINE)
-                with contextlib.suppress(OSError, EOFError), \
-                        context.wrap_socket(connection, server_side=True) as encrypted:
-                    reader = zarvo.Client.__new__(zarvo.Client)
-                    reader.buffer, reader.socket = b"", encrypted
-                    while True:
-                        request = json.loads(reader.frame())
-                        result = entries if request["method"] == "Live.ListSessions" else None
-                        encrypted.sendall(zarvo.frame({"id": request["id"], "jsonrpc": "2.0", "result": result}))
-
-        thread = threading.Thread(target=serve, daemon=True)
-        thread.start()
-        self.addCleanup(thread.join, zarvo.DEADLINE)
-        self.addCleanup(listener.close)
-        self.addCleanup(listener.shutdown, socket.SHUT_RDWR)
-        zarvo.write(self.near.port_file, str(listener.getsockname()[1]))
+    def connected(self, *arguments):
+        """A zarvoctl whose viewer has got the greeting and its own bytes back."""
+        viewer = os.path.join(self.near.top, "viewer.py")
+        zarvo.write(viewer, VIEWER.format(deadline=zarvo.DEADLINE))
+        environment = {**self.environment, "ZARVO_VIEWER": f'"{sys.executable}" "{viewer}"'}
+        process = self.background(self.near, "connect", *arguments, environment=environment)
+        self.assertEqual(process.stderr.readline(), "answer b'RFB 003.008\\nhello'\n")
+        return process
 
     def test_connect(self):
+        self.far.agent(viewer="yes")
         started = self.start(self.far)
         self.list_far_sessions()
-        viewer = os.path.join(self.near.top, "viewer.py")
-        zarvo.write(viewer, VIEWER.format(password=started["password"], deadline=zarvo.DEADLINE))
-        environment = {**self.environment, "ZARVO_VIEWER": f'"{sys.executable}" "{viewer}"'}
-        process = self.background(self.near, "connect", started["id"], environment=environment)
-        self.assertEqual(process.stderr.readline(), "answer ok\n")
+        process = self.connected(started["id"])
         self.wait_state(self.far, started["id"], "connected")
         self.ctl(self.far, "suspend")
         self.assertEqual(process.wait(zarvo.DEADLINE), DONE, process.stderr.read())
 
+    def test_text_of_a_login_script_is_skipped(self):
+        self.far.agent(viewer="yes")
+        self.start(self.far)
+        self.list_far_sessions()
+        command = zarvo.read(self.sshd.path("command"))
+        zarvo.write(self.sshd.path("command"), command.replace("#!/bin/sh\n", "#!/bin/sh\necho Welcome to RF\n"))
+        self.connected()
+
+    def test_ssh_forwards_nothing(self):
+        self.far.agent(viewer="yes")
+        self.start(self.far)
+        self.list_far_sessions()
+        seen = os.path.join(self.far.top, "environ")
+        command = zarvo.read(self.sshd.path("command"))
+        zarvo.write(self.sshd.path("command"), command.replace("#!/bin/sh\n", f"#!/bin/sh\nenv > {seen}\n"))
+        socket_path = os.path.join(self.near.top, "agent.sock")
+        agent = subprocess.Popen(["ssh-agent", "-D", "-a", socket_path], stdout=subprocess.DEVNULL)
+        self.addCleanup(agent.wait, zarvo.DEADLINE)
+        self.addCleanup(agent.terminate)
+        zarvo.wait_until(lambda: os.path.exists(socket_path), "the agent of ssh")
+        port = 6000 + self.far.displays.base + 16
+        with open(self.sshd.path("ssh_config"), "a", encoding="utf-8") as file:
+            file.write(f"ForwardAgent yes\nForwardX11 yes\nRemoteForward {port} 127.0.0.1:1\nRemoteCommand false\n"
+                       f"PermitLocalCommand yes\nLocalCommand touch {seen}-local\n")
+        self.environment["SSH_AUTH_SOCK"] = socket_path
+        self.environment["DISPLAY"] = ":1"
+        self.connected()
+        self.assertNotRegex(zarvo.read(seen), "SSH_AUTH_SOCK|DISPLAY")
+        self.assertFalse(os.path.exists(seen + "-local"))
+        with socket.socket() as client:
+            self.assertNotEqual(client.connect_ex(("127.0.0.1", port)), 0)
+
     def test_interrupt_leaves_nothing_behind(self):
+        self.far.agent(viewer="yes")
         started = self.start(self.far)
         self.list_far_sessions()
         seen = os.path.join(self.near.top, "viewer-pid")
-        self.near.install_program("the-viewer", f'echo $$ > "{seen}~" && mv "{seen}~" "{seen}"\nexec sleep 1000\n')
-        environment = {**self.environment, "ZARVO_VIEWER": "the-viewer"}
+        self.near.install_program("xtigervncviewer",
+                                  f'echo $$ > "{seen}~" && mv "{seen}~" "{seen}"\nexec sleep 1000\n')
+        environment = {**self.environment, "DISPLAY": ":1"}
         process = self.background(self.near, "connect", started["id"], environment=environment)
         zarvo.wait_until(lambda: os.path.exists(seen), "the viewer")
         (folder,) = (name for name in os.listdir(self.near.temp) if name.startswith("zarvoctl-"))
-        master = os.path.join(self.near.temp, folder, "ssh")
-        self.assertTrue(os.path.exists(master))
+        self.assertEqual(os.listdir(os.path.join(self.near.temp, folder)), ["viewer.sock"])
+        self.assertIn(self.sshd.path("ssh_config"), self.command_lines())
         process.send_signal(signal.SIGINT)
         self.assertEqual(process.wait(zarvo.DEADLINE), -signal.SIGINT)
         self.assertEqual(process.stderr.read(), "")
-        self.assertFalse(os.path.exists(os.path.dirname(master)))
+        self.assertFalse(os.path.exists(os.path.join(self.near.temp, folder)))
         viewer = int(zarvo.read(seen))
         zarvo.wait_until(lambda: not zarvo.alive(viewer), "the end of the viewer")
-        zarvo.wait_until(lambda: master not in self.command_lines(), "the end of the shared connection")
+        zarvo.wait_until(lambda: self.sshd.path("ssh_config") not in self.command_lines(), "the end of ssh")
 
     @staticmethod
     def command_lines():
@@ -184,29 +199,51 @@ class Remote(ctl.CtlTestCase):
         (line,) = self.ctl(self.near, "list", "--no-legend").splitlines()
         self.assertIn(" 127.0.0.1 ", line)
 
+    def fails(self, code, text):
+        """Both ways to a session elsewhere fail like this, before a viewer starts."""
+        self.near.install_program("no-viewer", f'touch "{self.near.top}/viewer-ran"\n')
+        environment = {**self.environment, "ZARVO_VIEWER": "no-viewer"}
+        for options in (("--print",), ()):
+            error = self.ctl_error(self.near, "connect", *options, environment=environment, code=code)
+            self.assertIn(text, error)
+        self.assertFalse(os.path.exists(os.path.join(self.near.top, "viewer-ran")))
+
     def test_failures_on_the_other_host(self):
+        self.far.agent(viewer="yes")
         started = self.start(self.far)
         self.list_far_sessions()
         viewer = self.far.viewer(started["port"], started["password"])
         self.wait_state(self.far, started["id"], "connected")
-        self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=WRONG_STATE)
+        self.fails(WRONG_STATE, "A viewer is connected")
         viewer.close()
         self.ctl(self.far, "terminate")
-        self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=NO_SESSION)
+        self.fails(NO_SESSION, "127.0.0.1: zarvoctl: There is no session")
+
+    def test_agent_without_a_socket_on_the_other_host(self):
+        self.start(self.far)
+        self.list_far_sessions()
+        error = self.ctl_error(self.near, "connect", environment={**self.environment, "ZARVO_VIEWER": "true"},
+                               code=FAILED)
+        self.assertIn("no socket for the user's own viewers", error)
 
     def test_unreachable_host(self):
         self.start(self.far)
         self.list_far_sessions()
         zarvo.write(self.sshd.path("authorized_keys"), "")
-        error = self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=NO_SERVER)
-        self.assertIn("Permission denied", error)
+        self.fails(NO_SERVER, "Permission denied")
 
     def test_no_zarvoctl_on_the_other_host(self):
         self.start(self.far)
         self.list_far_sessions()
         zarvo.write(self.sshd.path("command"), "#!/bin/sh\nexit 127\n")
-        error = self.ctl_error(self.near, "connect", "--print", environment=self.environment, code=NO_SERVER)
-        self.assertIn("no zarvoctl", error)
+        self.fails(NO_SERVER, "no zarvoctl")
+
+    def test_old_zarvoctl_on_the_other_host(self):
+        self.start(self.far)
+        self.list_far_sessions()
+        zarvo.write(self.sshd.path("command"),
+                    "#!/bin/sh\necho 'zarvoctl: There is no verb \"pipe\".' >&2\nexit 2\n")
+        self.fails(NO_SERVER, "too old")
 
     def test_location_that_is_no_host(self):
         self.start(self.far)

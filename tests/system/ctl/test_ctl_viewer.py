@@ -9,7 +9,7 @@ import zlib
 import ctl
 import rfb
 import zarvo
-from ctl import DONE, FAILED, NO_SESSION, NO_VIEWER
+from ctl import DONE, FAILED, NO_SESSION, NO_VIEWER, WRONG_STATE
 
 PASSWORD_FILE_KEY = bytes.fromhex("e84ad660c4721ae0")
 
@@ -119,6 +119,34 @@ class WithFakeViewer(ctl.CtlTestCase):
         self.start(server)
         self.ctl(server, "connect", environment={"DISPLAY": ":1"})
         self.assertIn(b"xtigervncviewer\n-SecurityTypes\nVncAuth\n-passwd", self.recorded("cmdline"))
+
+
+    def test_socket_needs_no_password(self):
+        server = self.server()
+        server.agent(viewer="yes")
+        started = self.start(server)
+        environment = self.viewer(server, name="xtigervncviewer", then=f'pwd > "{server.top}/seen/folder"')
+        del environment["ZARVO_VIEWER"]
+        self.ctl(server, "connect", environment={**environment, "DISPLAY": ":1"})
+        self.assertIn(b"\n-SecurityTypes\nNone\n./viewer-", self.recorded("cmdline"))
+        self.assertEqual(self.recorded("folder").decode().strip(), server.directory(started["id"]))
+        self.assertFalse(os.path.exists(os.path.join(self.seen, "password")))
+        self.assertEqual(server.seen(started["id"], "signals"), "USR1\n")  # of the start
+        self.ctl(server, "connect", "--new", "xterm", environment={**environment, "DISPLAY": ":1"})
+        self.assertFalse(os.path.exists(os.path.join(self.seen, "password")))
+
+    def test_session_with_a_viewer_is_refused(self):
+        for kind in ("no", "yes"):
+            server = self.server()
+            server.agent(viewer=kind)
+            started = self.start(server)
+            environment = self.viewer(server, name="xtigervncviewer")
+            viewer = server.viewer(started["port"], started["password"])
+            self.wait_state(server, started["id"], "connected")
+            error = self.ctl_error(server, "connect", environment={**environment, "DISPLAY": ":1"}, code=WRONG_STATE)
+            self.assertEqual(error, "zarvoctl: The requested operation can not be started from the current state. "
+                             "A viewer is connected; \"zarvoctl suspend\" disconnects it.\n")
+            viewer.close()
 
 
 class Screenshots(ctl.CtlTestCase):

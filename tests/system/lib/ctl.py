@@ -14,6 +14,7 @@ import zarvo
 CTL = os.path.join(zarvo.BUILD, "bin", "zarvoctl")
 
 DONE, NEGATIVE, USAGE, NO_SESSION, AMBIGUOUS, NO_SERVER, REFUSED, TIMED_OUT, FAILED, WRONG_STATE, NO_VIEWER = range(11)
+UNTRUSTED = 12
 
 
 class CtlTestCase(zarvo.TestCase):

@@ -13,6 +13,7 @@ RECORDS is a folder outside the session directory. RECORDS/agent-SESSION.conf, e
     exit_file=no            end without server_exit
     pid_file=no             write no server_pid
     listen=no               do not listen on PORT
+    viewer=yes              listen on viewer-N.sock for the user's own viewers
     password=no             offer none on SIGUSR1
     disconnect=no           keep the clients on SIGUSR2
     terminate=no            ignore SIGTERM
@@ -23,7 +24,8 @@ If RECORDS/SESSION/reply exists, it is sent instead of the state. If RECORDS/SES
 SIGKILL at the next signal.
 
 It writes what it sees to RECORDS/SESSION/: argv, cwd, environ, fds, status, umask, sid, and a line in "signals" for
-each signal. A client of PORT sends one password and a line feed, and gets "ok". It counts as connected until it leaves.
+each signal. A viewer at viewer-N.sock is greeted with "RFB 003.008" and gets back all that it sends. A client of PORT
+sends one password and a line feed, and gets "ok". Both count as connected until they leave.
 """
 import json
 import os
@@ -31,13 +33,16 @@ import select
 import signal
 import socket
 import sys
+import threading
 import time
 
 RECORDS, GEOMETRY, PORT = sys.argv[1], sys.argv[2], sys.argv[3]
 SESSION = os.path.basename(os.getcwd())
 SEEN = os.path.join(RECORDS, SESSION)
 with open("display", encoding="ascii") as display:
-    SOCKET_PATH = f"/tmp/Xrdp_{int(display.read())}.sock"
+    DISPLAY = int(display.read())
+SOCKET_PATH = f"/tmp/Xrdp_{DISPLAY}.sock"
+VIEWER_NAME = f"viewer-{DISPLAY}.sock"
 
 
 def read_options():
@@ -81,6 +86,7 @@ class Agent:
         self.options = options
         self.passwords = []
         self.clients = {}
+        self.viewers = set()
         self.state = {}
         self.last_stamp = 0
         self.poll = select.poll()
@@ -105,6 +111,10 @@ class Agent:
             server = socket.socket(socket.AF_UNIX)
             server.bind(SOCKET_PATH)
             self.add(server, self.answer)
+        if self.options.get("viewer") == "yes":
+            server = socket.socket(socket.AF_UNIX)
+            server.bind(VIEWER_NAME)
+            self.add(server, self.show)
         if self.allows("listen"):
             server = socket.socket()
             server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
@@ -125,12 +135,32 @@ class Agent:
             with open(os.path.join(SEEN, "reply"), "rb") as file:
                 reply = file.read()
         except FileNotFoundError:
-            state = dict(self.state, Clients=len(self.clients), Passwords=self.passwords)
+            state = dict(self.state, Clients=len(self.clients) + len(self.viewers), Passwords=self.passwords)
             reply = b"\xff{]garbage" if kind == "garbage" else json.dumps(state).encode()
         try:
             connection.sendall(reply)
         except OSError:
             pass
+        connection.close()
+
+    def show(self, connection):
+        threading.Thread(target=self.echo, args=(connection,), daemon=True).start()
+
+    def echo(self, connection):
+        try:
+            connection.sendall(b"RFB 003.008\n")
+            data = connection.recv(65536)
+            if data:
+                self.viewers.add(connection)
+                self.state["LastConnect"] = self.stamp()
+            while data:
+                connection.sendall(data)
+                data = connection.recv(65536)
+        except OSError:
+            pass
+        if connection in self.viewers:
+            self.viewers.discard(connection)
+            self.state["LastDisconnect"] = self.stamp()
         connection.close()
 
     def admit(self, connection):
@@ -188,6 +218,8 @@ class Agent:
         elif name == "USR2" and self.allows("disconnect"):
             for descriptor in list(self.clients):
                 self.drop(descriptor)
+            for connection in list(self.viewers):
+                connection.shutdown(socket.SHUT_RDWR)
         elif name == "TERM" and self.allows("terminate"):
             self.end(int(self.options.get("exit_code", "0")))
 
