@@ -78,6 +78,8 @@ public:
     /** Ends the session and removes its directory if the exit code is 0. Blocks like resume(). */
     [[nodiscard]] int terminate(const QString &id);
 
+    /** Writes what the peers report to a file; see PeerFile. Called once, before other threads use the store. */
+    void keepPeerFile(const QString &path) { peers.keepFile(path); }
     /** Replaces the list of the peer @p key, which is valid until @p expiry. */
     void storeRemoteSessions(const QString &key, const QDateTime &expiry, const QList<SessionInfo> &list);
     void forgetRemoteSessions(const QString &key);

@@ -116,6 +116,8 @@ void Server::startWorkers()
     // Without discovery no other host sees the sessions, so their URL is useless.
     const QString location = settings.broadcastPort != 0 ? settings.sciUrl : QString();
     store = std::make_unique<SessionStore>(sessionsPath(), settings.displayBase, settings.displayEnd(), location);
+    peersFile.setPath(userFile(UserFile::kServerPeers));
+    store->keepPeerFile(peersFile.path());
     QList<SessionInfo> ignored;
     store->refreshAll(ignored);
     updater = std::make_unique<SessionUpdater>(store.get(), nullptr);

@@ -66,6 +66,7 @@ private:
     FileLogging logger;
     QTimer minute; ///< tells how many lines of strangers were not written
     InfoFile pidFile;
+    InfoFile peersFile; ///< above the store, which writes it
     std::unique_ptr<SessionStore> store;
     std::unique_ptr<SessionUpdater> updater;
     std::unique_ptr<SuspendChecker> checker;

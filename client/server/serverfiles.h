@@ -18,6 +18,7 @@ public:
     [[nodiscard]] QString portPath() const { return file(UserFile::kServerPort); }
     [[nodiscard]] QString pidPath() const { return file(UserFile::kServerPid); }
     [[nodiscard]] QString logPath() const { return file(UserFile::kServerLog); }
+    [[nodiscard]] QString peersPath() const { return file(UserFile::kServerPeers); }
     [[nodiscard]] QString sessionsPath() const { return file(UserFile::kSessions); }
     [[nodiscard]] QString certificatePath() const;
     [[nodiscard]] QString keyPath() const;

@@ -77,6 +77,7 @@ Json::Value SessionEntry::toJson() const
     value["started"] = timeToJson(started);
     value["lastConnect"] = timeToJson(lastConnect);
     value["lastDisconnect"] = timeToJson(lastDisconnect);
+    value["trusted"] = trusted;
     value["permissions"] = Json::Value(Json::arrayValue);
     for (const QString &permission : permissions) {
         value["permissions"].append(jsonString(permission));

@@ -31,6 +31,7 @@ struct SessionEntry
     QString lastConnect;    ///< in the same form
     QString lastDisconnect; ///< in the same form
     QStringList permissions;
+    bool trusted = true; ///< false: another host has reported it than the one that its location names; see markTrust()
 
     [[nodiscard]] EntryState state() const;
 

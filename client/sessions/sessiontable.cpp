@@ -38,7 +38,10 @@ QString where(const SessionEntry &entry, const QString &localHost)
     }
     // A location names another host, even if it cannot be parsed; so never show the local one.
     const QString host = entry.host();
-    return host.isEmpty() ? u"?"_s : host;
+    if (host.isEmpty()) {
+        return u"?"_s;
+    }
+    return entry.trusted ? host : u"! "_s + host;
 }
 
 Row titles()
@@ -205,4 +208,12 @@ QString plainSessionTable(const SessionList &sessions, const QString &localHost)
         table += clean.join(u'\t') + u'\n';
     }
     return table;
+}
+
+QString untrustedNote(const SessionList &sessions)
+{
+    const bool hasMark = std::any_of(sessions.begin(), sessions.end(), [](const SessionEntry &entry) {
+        return !entry.trusted && !entry.host().isEmpty();
+    });
+    return hasMark ? u"\"!\": another host has reported the session than the one where it is said to be."_s : QString();
 }

@@ -14,6 +14,9 @@ struct TableStyle
     QString localHost;   ///< shown for sessions without a location
 };
 
+/** What the mark "!" before a host means, for people; empty if no session has it. */
+[[nodiscard]] QString untrustedNote(const SessionList &sessions);
+
 /** The sessions as an aligned table for people, one line each. Control characters in names are replaced. */
 [[nodiscard]] QString sessionTable(const SessionList &sessions, const TableStyle &style);
 

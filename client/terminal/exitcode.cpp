@@ -25,6 +25,7 @@ constexpr std::array kRows = {
     Row{ExitCode::SessionFailed, "the session failed"},
     Row{ExitCode::WrongState, "not possible in the session's state"},
     Row{ExitCode::NoViewer, "no viewer, or it failed"},
+    Row{ExitCode::UntrustedLocation, "the session's location is not trusted (connect)"},
 };
 
 } // namespace

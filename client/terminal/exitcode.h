@@ -16,6 +16,7 @@ enum class ExitCode : int {
     SessionFailed = 8,      ///< the server or the agent failed to do it
     WrongState = 9,         ///< the session's state does not allow it
     NoViewer = 10,          ///< there is no viewer, or it failed
+    UntrustedLocation = 12, ///< the session's location is not the host that has reported it
 };
 
 /** Why something failed, in words for the user, and the exit code for it. */

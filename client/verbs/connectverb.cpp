@@ -5,9 +5,11 @@
 #include "client/reach/viewersocket.h"
 #include "client/sessions/connectionoffer.h"
 #include "client/sessions/offering.h"
+#include "client/sessions/peertrust.h"
 #include "client/sessions/sessionstarter.h"
 #include "client/sessions/sessiontarget.h"
 #include "client/terminal/interruption.h"
+#include "client/terminal/textwidth.h"
 #include "client/verbs/verbs.h"
 
 #include <memory>
@@ -85,7 +87,11 @@ private:
         if (*isLocal || failure->code != ExitCode::NoSuchSession) {
             return *isLocal;
         }
-        return context.listAll(&all, failure) && findSession(all, target, session, failure);
+        if (!context.listAll(&all, failure)) {
+            return false;
+        }
+        markTrust(context.files, &all);
+        return findSession(all, target, session, failure);
     }
 
     /** Without a password if the agent has a socket for the user's own viewers; other agents have none. */
@@ -124,12 +130,30 @@ private:
                 u"Session %1 is on another host, but its location names no host that ssh can reach: \"%2\"."_s.arg(
                     session.id, session.location));
         }
+        if (!isTrusted(session, remote->hostName(), failure)) {
+            return false;
+        }
         interruption.emplace();
         if (!prints) {
             return showRemotely(viewer, *remote, session.id, failure);
         }
         ConnectionOffer offer;
         return remote->requestOffer(session.id, &offer, failure) && print(offer);
+    }
+
+    /** Asks the user unless the host of the location has reported the session itself. */
+    bool isTrusted(const SessionEntry &session, const QString &host, Failure *failure)
+    {
+        if (session.trusted || line.isSet(u"trust-location"_s)) {
+            return true;
+        }
+        const QString problem = u"Session %1 is said to be on the host \"%2\", but another host has reported it"_s.arg(
+            printable(session.id), printable(host));
+        if (!Console::inputIsTerminal() || !Console::errorIsTerminal()) {
+            return fail(failure, ExitCode::UntrustedLocation, problem + u"; --trust-location connects anyway."_s);
+        }
+        return context.console.confirm(problem + u"; connect anyway?"_s) ||
+               fail(failure, ExitCode::UntrustedLocation, {});
     }
 
     bool print(const ConnectionOffer &offer)
@@ -169,12 +193,14 @@ Verb connectVerb()
             u"Runs a VNC viewer on a session, or on a new one with --new -- COMMAND…. The viewer is the command in\n"
             "ZARVO_VIEWER, else xtigervncviewer, else vncviewer. A session on another host is reached through ssh,\n"
             "or the command in ZARVO_SSH. The bundled agent needs no password for it. --print makes one, and\n"
-            "prints it with what else another viewer needs."_s,
+            "prints it with what else another viewer needs. Asks on a terminal, and else fails, before it runs ssh\n"
+            "to a host that has not reported the session itself."_s,
         .examples = {u"zarvoctl connect --new -- openbox-session"_s, u"zarvoctl connect 3f2a"_s,
                      u"zarvoctl connect --print --json xterm"_s},
         .maxArguments = -1,
         .options = {{u"new"_s, u"Start a session of a command first."_s},
                     geometryOption(),
+                    {u"trust-location"_s, u"Do not ask whether the host of the session is the right one."_s},
                     {u"print"_s, u"Print host, port and password instead."_s},
                     jsonOption(),
                     noStartOption()},

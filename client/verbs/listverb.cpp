@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "client/sessions/peertrust.h"
 #include "client/sessions/sessiontable.h"
 #include "client/verbs/verbs.h"
 
@@ -14,6 +15,7 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
         !(line.isSet(u"local"_s) ? context.listLocal(&sessions, &failure) : context.listAll(&sessions, &failure))) {
         return context.console.report(failure);
     }
+    markTrust(context.files, &sessions);
     if (line.isSet(u"json"_s)) {
         context.console.printJson(entriesToJson(sessions));
         return ExitCode::Done;
@@ -30,6 +32,9 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
                                                   .legend = !line.isSet(u"no-legend"_s),
                                                   .colour = Console::useColour(),
                                                   .localHost = localHostName()}));
+    if (const QString note = untrustedNote(sessions); !note.isEmpty() && !line.isSet(u"no-legend"_s)) {
+        context.console.note(note);
+    }
     return ExitCode::Done;
 }
 

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "client/sessions/peertrust.h"
 #include "client/sessions/sessionchanges.h"
 #include "client/sessions/sessionfollower.h"
 #include "client/sessions/sessiontable.h"
@@ -101,6 +102,7 @@ ExitCode follow(ClientContext &context, Failure *failure)
         SessionList sessions;
         switch (follower.next(kNoDeadline, &sessions, failure)) {
         case SessionFollower::Event::List:
+            markTrust(context.files, &sessions);
             if (Console::outputIsTerminal()) {
                 drawTable(context.console, sessions);
             } else {

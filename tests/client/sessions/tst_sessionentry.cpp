@@ -62,6 +62,7 @@ private slots:
         QCOMPARE(value["started"].asString(), std::string("2026-01-31T23:59:58"));
         QVERIFY(value["lastConnect"].isNull());
         QCOMPARE(value["permissions"].size(), 2U);
+        QCOMPARE(value["trusted"].asBool(), true);
         QCOMPARE(stringFromJson(value["name"]), u"näme"_s);
     }
 

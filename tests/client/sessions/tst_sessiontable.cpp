@@ -37,6 +37,19 @@ private slots:
         }
     }
 
+    void hostThatIsNotTrustedIsMarked()
+    {
+        SessionEntry far = makeSession(u"1"_s, u"name"_s);
+        far.location = u"ssh://far/"_s;
+        far.trusted = false;
+        QVERIFY(sessionTable({far}, {.localHost = u"here"_s}).contains(u"name  ! far  desktop"_s));
+        QVERIFY(plainSessionTable({far}, u"here"_s).contains(u"\t! far\t"_s));
+        QVERIFY(!untrustedNote({far}).isEmpty());
+        far.trusted = true;
+        QVERIFY(!sessionTable({far}, {.localHost = u"here"_s}).contains(u'!'));
+        QVERIFY(untrustedNote({far}).isEmpty());
+    }
+
     void nameIsNarrowedFirst()
     {
         const QString line = sessionTable({makeSession(u"1"_s, QString(100, u'n'))},

@@ -115,7 +115,7 @@ private slots:
     {
         const SshScript ssh;
         server->others = {elsewhere(u"2"_s, u"two"_s, u"ssh://me@far:2222/"_s)};
-        QCOMPARE(run({u"--print"_s, u"--json"_s, u"two"_s}), ExitCode::Done);
+        QCOMPARE(run({u"--print"_s, u"--json"_s, u"--trust-location"_s, u"two"_s}), ExitCode::Done);
         QCOMPARE(server->methods(), (QStringList{u"ListLocalSessions"_s, u"ListSessions"_s}));
         const QString call =
             u" -p 2222 -l me -- far zarvoctl connect --print --json --no-start %1\n"_s.arg(server->others.first().id);
@@ -124,6 +124,15 @@ private slots:
         QVERIFY(parseJson(server->output.toUtf8(), &offer));
         QCOMPARE(stringFromJson(offer["host"]), u"far"_s);
         QCOMPARE(offer["port"].asInt(), 41100);
+    }
+
+    void sshDoesNotRunToAHostThatHasNotReportedTheSession()
+    {
+        const SshScript ssh;
+        server->others = {elsewhere(u"2"_s, u"two"_s, u"ssh://192.0.2.9/"_s)};
+        QCOMPARE(run({u"--print"_s, u"two"_s}), ExitCode::UntrustedLocation);
+        QVERIFY2(server->errors.contains(u"--trust-location"_s), qPrintable(server->errors));
+        QCOMPARE(ssh.calls(), QString());
     }
 
     void locationWithoutAHostIsRefused()

@@ -36,7 +36,7 @@ else:
     connection.connect(address)
 connection.sendall(b"from the viewer")
 with open(folder + "/seen", "wb") as file:
-    file.write(connection.recv(64))
+    file.write(connection.recv(12))
 """
 
 

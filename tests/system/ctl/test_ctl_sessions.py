@@ -24,7 +24,8 @@ class Listing(CtlTestCase):
         del entry["started"]
         self.assertEqual(entry, {"id": session, "name": "xterm -e 'top -d 1'", "location": "", "windowMode": "desktop",
                                  "state": "offered", "lastConnect": None, "lastDisconnect": None,
-                                 "permissions": ["retry", "terminate"]})
+                                 "permissions": ["retry", "terminate"],
+                                 "trusted": True})
         title, line = self.ctl(server, "list").splitlines()
         self.assertEqual(re.split(r"  +", title), ["ID", "NAME", "WHERE", "MODE", "STATE", "STARTED", "LAST CONNECTED"])
         cells = re.split(r"  +", line)
