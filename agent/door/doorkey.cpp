@@ -3,6 +3,7 @@
 
 #include "base/logging.h"
 #include "support/filereader.h"
+#include "support/pathtrust.h"
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -35,6 +36,14 @@ int noPassPhrase(char *, int, int, void *)
 BioPtr memory(const QByteArray &text)
 {
     return {BIO_new_mem_buf(text.constData(), static_cast<int>(text.size())), &BIO_free};
+}
+
+/** Reads a file that nobody else can have written or replaced. */
+bool readTrusted(const QString &path, QByteArray *text, QString *error)
+{
+    FoundPath found;
+    return followTrustedPath(path, &found, error) == PathTrust::Trusted &&
+           readFile(QFile::decodeName(found.path), kMaxFileBytes, text, error);
 }
 
 QByteArray signature(EVP_PKEY *key, const QByteArray &bytes, bool isPadded)
@@ -93,9 +102,8 @@ void DoorKey::load()
     QByteArray certificateText;
     QByteArray keyText;
     QString error;
-    if (!readFile(keyPath, kMaxFileBytes, &keyText, &error) ||
-        !readFile(certificatePath, kMaxFileBytes, &certificateText, &error)) {
-        logMessage(LogInfo, u"Viewers get no TLS: %1"_s.arg(error));
+    if (!readTrusted(keyPath, &keyText, &error) || !readTrusted(certificatePath, &certificateText, &error)) {
+        logMessage(LogWarning, u"Viewers get no TLS: %1"_s.arg(error));
         return;
     }
     const CertificatePtr x509(PEM_read_bio_X509(memory(certificateText).get(), nullptr, &noPassPhrase, nullptr),
