@@ -137,14 +137,14 @@ bool fetch(xcb_connection_t *connection, const xcb_screen_t &screen, const Pixel
 bool takePicture(unsigned number, const std::string &cookie, Picture *picture, std::string *error)
 {
     const int socket = connectToDisplay(number);
-    const std::string display = ":" + std::to_string(number);
+    const std::string display = std::to_string(number);
     if (socket == -1) {
-        *error = "The display " + display + " cannot be opened: " + std::strerror(errno);
+        *error = "The display :" + display + " cannot be opened: " + std::strerror(errno);
         return false;
     }
     const ConnectionPtr connection = open(socket, cookie);
     if (xcb_connection_has_error(connection.get()) != 0) {
-        *error = "The display " + display + " cannot be opened";
+        *error = "The display :" + display + " cannot be opened";
         return false;
     }
     const xcb_setup_t *setup = xcb_get_setup(connection.get());
@@ -153,7 +153,7 @@ bool takePicture(unsigned number, const std::string &cookie, Picture *picture, s
     const xcb_format_t *format = formatOf(*setup, screen->root_depth);
     if (!visual || !format || visual->_class != XCB_VISUAL_CLASS_TRUE_COLOR || format->bits_per_pixel < 16 ||
         visual->red_mask == 0 || visual->green_mask == 0 || visual->blue_mask == 0) {
-        *error = "The display " + display + " has colours of a kind that is not supported";
+        *error = "The display :" + display + " has colours of a kind that is not supported";
         return false;
     }
     const PixelReader reader(*setup, *format, *visual);
@@ -162,6 +162,6 @@ bool takePicture(unsigned number, const std::string &cookie, Picture *picture, s
             return true;
         }
     }
-    *error = "The display " + display + " gives no picture";
+    *error = "The display :" + display + " gives no picture";
     return false;
 }
