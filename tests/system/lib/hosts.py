@@ -174,7 +174,10 @@ class Host(Namespace):
         self.command("mount", "--bind", path, "/etc/hosts")
 
     def cover_temp(self, own_temp, shared):
-        """Gives the host a /tmp of its own for sockets and locks. Folders of the test stay visible in it."""
+        """Gives the host its own /tmp and /run/user for sockets and locks. Folders of the test stay visible in /tmp."""
+        if os.path.isdir("/run/user"):
+            os.mkdir(own_temp + "-run")
+            self.command("mount", "--bind", own_temp + "-run", "/run/user")
         os.mkdir(own_temp)
         os.chmod(own_temp, 0o1777)
         for folder in sorted({os.path.realpath(folder) for folder in shared}):

@@ -207,9 +207,9 @@ class Server:
             raise AssertionError(complaints)
 
     def remove_locks(self):
-        """Removes the files of the single instance's lock in /tmp. A killed server leaves them."""
+        """Removes the files of the single instance's lock that others share. A killed server leaves them."""
         digest = hashlib.sha256(f"zarvo_server-{self.user}".encode()).hexdigest()[:16]
-        for path in glob.glob(f"/tmp/zarvo-{digest}-*.lock"):
+        for path in glob.glob(f"/tmp/zarvo-{digest}-*.lock") + glob.glob(f"/run/user/*/zarvo-{digest}-*.lock"):
             with contextlib.suppress(OSError):
                 os.unlink(path)
 
