@@ -53,11 +53,14 @@ void ConfinedClient::start(const QString &backendPath)
 void ConfinedClient::Opening_opened()
 {
     QByteArray unread;
-    const std::unique_ptr<QLocalSocket> socket = opening.takeSocket(&unread);
+    std::unique_ptr<QLocalSocket> socket = opening.takeSocket(&unread);
+    socket->flush(); // the end of the handshake may be in its buffer
     backend = ::fcntl(static_cast<int>(socket->socketDescriptor()), F_DUPFD_CLOEXEC, 0);
     // The X server sends nothing before the viewer's first message.
-    if (backend == -1 || !unread.isEmpty() || socket->bytesAvailable() > 0 ||
-        !sendPacket(visit.control, std::string{DoorPacket::kBackend}, {backend})) {
+    const bool isEarly = !unread.isEmpty() || socket->bytesAvailable() > 0;
+    socket->close();                 // it must read no more
+    socket.release()->deleteLater(); // we are in its signal
+    if (backend == -1 || isEarly || !sendPacket(visit.control, std::string{DoorPacket::kBackend}, {backend})) {
         end(u"The X server could not be handed on"_s);
     }
 }
