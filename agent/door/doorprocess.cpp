@@ -103,6 +103,7 @@ bool DoorProcess::start(QString *error)
 void DoorProcess::stop()
 {
     if (socket != -1) {
+        notifier->setEnabled(false);        // its socket is closed before it is
         notifier.release()->deleteLater();  // we may be in its signal
         ::close(std::exchange(socket, -1)); // it ends, and so do its visitors
     }

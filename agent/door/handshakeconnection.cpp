@@ -149,6 +149,7 @@ void HandshakeConnection::takePacket(const std::string &packet)
         judge(QByteArray(packet.data() + 1, static_cast<qsizetype>(packet.size() - 1)));
     } else if (packet.front() == DoorPacket::kInside && !usedPassword.isEmpty()) {
         isTls = packet.size() == 2 && packet[1] == DoorPacket::kOverTls;
+        isInside = true;
         finish({});
     } else if (packet.front() == DoorPacket::kRefused && packet.size() == 2) {
         refusal = refusal.isEmpty() ? textOf(packet[1]) : refusal;
@@ -217,7 +218,12 @@ void HandshakeConnection::finish(const QString &reason)
         return;
     }
     deadline.stop();
+    notifier->setEnabled(false);       // its socket may be closed before it is
     notifier.release()->deleteLater(); // we may be in its signal
+    if (!isInside) {
+        // It may use TLS, so nobody must go on with it as plain text.
+        ::shutdown(visit.client, SHUT_RDWR);
+    }
     if (!usedPassword.isEmpty()) {
         emit authenticated(usedPassword); // also if the visitor has left meanwhile, because the password is used up
     } else {

@@ -101,6 +101,7 @@ private:
     QTimer deadline;
     bool hasSigned = false;
     bool hasJudged = false;
+    bool isInside = false; ///< the visitor has been told that it is accepted
     bool isTls = false;
     bool isFinished = false;
 };

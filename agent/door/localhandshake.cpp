@@ -74,6 +74,7 @@ void LocalHandshake::Notifier_activated()
 void LocalHandshake::finish(bool isAgreed)
 {
     deadline.stop();
+    notifier->setEnabled(false);       // its socket may be closed before it is
     notifier.release()->deleteLater(); // we may be in its signal
     if (isAgreed) {
         emit agreed();
