@@ -5,6 +5,7 @@
 #include "support/datetimetext.h"
 #include "support/json.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -61,7 +62,8 @@ void SessionState::expireOverdue()
     }
     if (const auto end = openPasswords.nextEnd()) {
         // Rounded up, or the timer would fire a moment too early, again and again.
-        passwordTimer.start(std::chrono::ceil<std::chrono::milliseconds>(*end - PasswordStore::Clock::now()));
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - PasswordStore::Clock::now());
+        passwordTimer.start(std::max(left, std::chrono::milliseconds::zero())); // a timer refuses a time in the past
     }
 }
 
