@@ -24,6 +24,14 @@ constexpr std::array kTable = {
     AgentSettingRow{AgentSettingKey::kPasswordMinutes, "10"_L1},
 };
 
+/** Qt completes an IPv4 address of fewer numbers, and would read "0" as all addresses. */
+bool isAddress(const QString &text)
+{
+    constexpr qsizetype kDots = 3;
+    const QHostAddress address(text);
+    return !address.isNull() && (address.protocol() != QAbstractSocket::IPv4Protocol || text.count(u'.') == kDots);
+}
+
 /** Reads one value after the other and collects what is wrong. */
 class Reader final
 {
@@ -67,7 +75,7 @@ public:
         if (text.compare(kNone, Qt::CaseInsensitive) == 0) {
             return kNone;
         }
-        if (QHostAddress(text).isNull()) {
+        if (!isAddress(text)) {
             report(key, text, u"it is neither an address nor Any or None, so 127.0.0.1 is used"_s);
             return u"127.0.0.1"_s;
         }
