@@ -3,10 +3,17 @@
 #include "tests/agent/fakebackend.h"
 #include "tests/testmain.h"
 
+#include <QLocalSocket>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <array>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/socket.h>
 
 using namespace Qt::StringLiterals;
 
@@ -22,14 +29,14 @@ private:
 
     QString path() const { return directory.filePath(u"rfb"_s); }
 
-    void begin(const QByteArray &unread = {})
+    void begin()
     {
         client = std::make_unique<QTcpSocket>();
         client->connectToHost(QHostAddress::LocalHost, server.serverPort());
         QTRY_VERIFY(server.hasPendingConnections());
-        std::unique_ptr<QTcpSocket> socket(server.nextPendingConnection());
-        socket->setParent(nullptr);
-        connection = std::make_unique<ClientConnection>(std::move(socket), unread);
+        const std::unique_ptr<QTcpSocket> socket(server.nextPendingConnection());
+        connection = std::make_unique<ClientConnection>(
+            ::fcntl(static_cast<int>(socket->socketDescriptor()), F_DUPFD_CLOEXEC, 0), u"192.0.2.1"_s);
     }
 
 private slots:
@@ -45,7 +52,10 @@ private slots:
     {
         FakeBackend backend(FakeBackend::Manner::Echo);
         QVERIFY(backend.listen(path()));
-        begin("first ");
+        begin();
+        QCOMPARE(connection->address(), u"192.0.2.1"_s);
+        client->write("first ");
+        QTRY_COMPARE(client->bytesToWrite(), 0); // before the X server is there
         connection->start(path());
         client->write("second");
         QTRY_COMPARE(client->bytesAvailable(), 12);
@@ -59,6 +69,27 @@ private slots:
         QByteArray received;
         QTRY_VERIFY_WITH_TIMEOUT((received += client->readAll()).size() == large.size(), 60000);
         QCOMPARE(received, large);
+    }
+
+    void localSocketIsServedAsWell()
+    {
+        FakeBackend backend(FakeBackend::Manner::Echo);
+        QVERIFY(backend.listen(path()));
+        std::array<int, 2> ends = {};
+        QCOMPARE(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()), 0);
+        QLocalSocket viewer;
+        viewer.setSocketDescriptor(ends[0]);
+        connection = std::make_unique<ClientConnection>(ends[1], u"local"_s);
+        QSignalSpy ended(connection.get(), &ClientConnection::ended);
+        connection->start(path());
+        const QByteArray large(4 * 1024 * 1024, 'z');
+        viewer.write(large);
+        QByteArray received;
+        QTRY_VERIFY_WITH_TIMEOUT((received += viewer.readAll()).size() == large.size(), 60000);
+        QCOMPARE(received, large);
+        viewer.disconnectFromServer();
+        QTRY_COMPARE(ended.count(), 1);
+        QCOMPARE(ended.first().first().toString(), u"The client closed the connection"_s);
     }
 
     void clientThatClosesEndsIt()
@@ -105,7 +136,8 @@ private slots:
         QFETCH(int, manner);
         FakeBackend backend{FakeBackend::Manner(manner)};
         QVERIFY(!isThere || backend.listen(path()));
-        begin("input");
+        begin();
+        client->write("input");
         QSignalSpy ended(connection.get(), &ClientConnection::ended);
         connection->start(path());
         QCOMPARE(ended.count(), 0); // never during start()

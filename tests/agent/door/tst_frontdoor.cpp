@@ -1,14 +1,11 @@
 // SPDX-License-Identifier: MIT
-#include "agent/door/frontdoor.h"
-#include "agent/door/passwordstore.h"
-#include "agent/door/vncauth.h"
-#include "tests/agent/fakebackend.h"
-#include "tests/agent/testlog.h"
+#include "tests/agent/doortest.h"
 #include "tests/testmain.h"
 
 #include <QElapsedTimer>
+#include <QLocalSocket>
+#include <QNetworkInterface>
 #include <QSignalSpy>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <chrono>
@@ -16,81 +13,13 @@
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 
-namespace {
-
-/** A client that does the handshake by itself, with the password that it gets. */
-class Viewer final
-{
-public:
-    Viewer(quint16 port, QByteArray password_, const QHostAddress &host = QHostAddress(QHostAddress::LocalHost))
-        : password(std::move(password_))
-    {
-        QObject::connect(&socket, &QTcpSocket::readyRead, &socket, [this] { read(); });
-        socket.connectToHost(host, port);
-    }
-
-    bool isIn() const { return received.size() >= 34 && received.mid(30, 4) == QByteArray(4, '\0'); }
-    bool isRefused() const { return socket.state() == QAbstractSocket::UnconnectedState && !isIn(); }
-
-    QTcpSocket socket;
-    QByteArray received; ///< greeting (12 bytes), types (2), challenge (16), result (4), and what follows
-
-private:
-    void read()
-    {
-        const qsizetype before = received.size();
-        received += socket.readAll();
-        if (before < 12 && received.size() >= 12) {
-            socket.write("RFB 003.008\n\x02");
-        }
-        if (before < 30 && received.size() >= 30) {
-            socket.write(vncAuthResponse(password, received.mid(14, 16)));
-        }
-    }
-
-    QByteArray password;
-};
-
-} // namespace
-
-class FrontDoorTest final : public QObject
+class FrontDoorTest final : public DoorTest
 {
     Q_OBJECT
 
-private:
-    QTemporaryDir directory;
-    std::unique_ptr<TestLog> log;
-    std::unique_ptr<FakeBackend> backend;
-    PasswordStore passwords;
-    std::unique_ptr<FrontDoor> door;
-
-    [[nodiscard]] std::unique_ptr<QTcpSocket> connectFrom(const QHostAddress &address) const
-    {
-        auto socket = std::make_unique<QTcpSocket>();
-        socket->bind(address);
-        socket->connectToHost(QHostAddress::LocalHost, door->port());
-        return socket;
-    }
-
 private slots:
-    void init()
-    {
-        log = std::make_unique<TestLog>();
-        backend = std::make_unique<FakeBackend>(FakeBackend::Manner::Echo);
-        const QString path = directory.filePath(u"rfb"_s);
-        QVERIFY(backend->listen(path));
-        passwords.takeAll();
-        door = std::make_unique<FrontDoor>(&passwords, path, HandshakeLimits{20s, 1ms});
-        QString error;
-        QVERIFY(door->listen(0, &error));
-    }
-
-    void cleanup()
-    {
-        door.reset();
-        backend.reset();
-        log.reset();
-    }
+    void init() { setUp(); }
+    void cleanup() { tearDown(); }
 
     void rightPasswordOpensTheBackend()
     {
@@ -152,21 +81,6 @@ private slots:
         QTRY_VERIFY(viewer.isIn());
     }
 
-    // The kernel drops a connection that finds the queue full. The client tries again only after 1, 2 or 4 seconds.
-    void burstOfConnectionsFindsRoomInTheQueue()
-    {
-        std::vector<std::unique_ptr<QTcpSocket>> burst;
-        for (int i = 0; i < 200; ++i) {
-            burst.push_back(connectFrom(QHostAddress(QHostAddress::LocalHost)));
-        }
-        const auto connected = [&burst] {
-            return std::count_if(burst.begin(), burst.end(), [](const std::unique_ptr<QTcpSocket> &socket) {
-                return socket->state() == QAbstractSocket::ConnectedState;
-            });
-        };
-        QTRY_COMPARE(connected(), 200);
-    }
-
     void allClientsAreDisconnectedAtOnce()
     {
         door->open();
@@ -204,82 +118,137 @@ private slots:
         QTRY_COMPARE(late.error(), QAbstractSocket::ConnectionRefusedError);
     }
 
-    // With one address alone, its newest connection replaces its oldest.
-    void silentConnectionsKeepNobodyOut()
+    void viewerWithTlsIsServed()
     {
+        makeDoorWithTls();
         door->open();
+        QSignalSpy authenticated(door.get(), &FrontDoor::clientAuthenticated);
+        QSignalSpy disconnected(door.get(), &FrontDoor::clientsDisconnected);
         const QByteArray password = passwords.add().password;
-        std::vector<std::unique_ptr<QTcpSocket>> silent;
-        for (size_t i = 0; i < FrontDoor::kMaxHandshakes; ++i) {
-            silent.push_back(connectFrom(QHostAddress(QHostAddress::LocalHost)));
-            QTRY_COMPARE(door->handshakeCount(), i + 1);
-        }
-        Viewer viewer(door->port(), password);
-        QTRY_COMPARE(silent.front()->state(), QAbstractSocket::UnconnectedState);
-        QTRY_VERIFY(viewer.isIn());
-        for (size_t i = 1; i < silent.size(); ++i) {
-            QCOMPARE(silent[i]->state(), QAbstractSocket::ConnectedState);
-        }
-        QCOMPARE(door->handshakeCount(), FrontDoor::kMaxHandshakes - 1);
-        QVERIFY(log->lines.first().startsWith(u"Info: Refused a client from 127.0.0.1: "_s));
+        TlsViewer viewer(door->port());
+        QVERIFY(viewer.logIn(password));
+        QCOMPARE(authenticated.count(), 1);
+        QCOMPARE(authenticated.first()[1].toByteArray(), password);
+        QCOMPARE(viewer.socket.peerCertificate().toPem(), pair.certificatePem);
+        const QByteArray large(2 * 1024 * 1024, 'z');
+        viewer.socket.write(large);
+        QVERIFY(viewer.waitFor(large.size()));
+        QCOMPARE(viewer.socket.readAll(), large);
+        viewer.socket.disconnectFromHost();
+        QTRY_COMPARE(disconnected.count(), 1);
+        QCOMPARE(disconnected.first().first().toStringList(), QStringList{u"127.0.0.1"_s});
     }
 
-    // With several addresses, the one with most handshakes loses its oldest, even if another one has older handshakes.
-    void floodFromOneAddressDropsNoOther()
+    void viewersWithTlsAreDisconnectedToo()
     {
+        makeDoorWithTls();
         door->open();
-        const std::unique_ptr<QTcpSocket> quiet = connectFrom(QHostAddress(u"127.0.0.2"_s));
+        TlsViewer viewer(door->port());
+        QVERIFY(viewer.logIn(passwords.add().password));
+        QSignalSpy disconnected(door.get(), &FrontDoor::clientsDisconnected);
+        door->disconnectClients();
+        QCOMPARE(disconnected.count(), 1);
+        QTRY_COMPARE(viewer.socket.state(), QAbstractSocket::UnconnectedState);
+    }
+
+    // The certificate was renewed while the session runs.
+    void replacedCertificateIsShown()
+    {
+        makeDoorWithTls();
+        door->open();
+        TlsViewer first(door->port());
+        QVERIFY(first.logIn(passwords.add().password));
+        const TlsPair renewed = TlsPair::make();
+        putFile(directory.filePath(u"key"_s), renewed.keyPem);
+        putFile(directory.filePath(u"certificate"_s), renewed.certificatePem);
+        TlsViewer second(door->port());
+        QVERIFY(second.logIn(passwords.add().password));
+        QCOMPARE(second.socket.peerCertificate().toPem(), renewed.certificatePem);
+        QCOMPARE(first.socket.state(), QAbstractSocket::ConnectedState);
+        QCOMPARE(reception->certificates, (QList<QByteArray>{pair.certificatePem, renewed.certificatePem}));
+    }
+
+    void localViewerNeedsNoPassword()
+    {
+        QString error;
+        QVERIFY(door->listenLocally(localPath(), &error));
+        QSignalSpy authenticated(door.get(), &FrontDoor::clientAuthenticated);
+        QSignalSpy disconnected(door.get(), &FrontDoor::clientsDisconnected);
+        QLocalSocket viewer;
+        viewer.connectToServer(localPath());
+        viewer.write("RFB 003.008\n\x01"
+                     "echo");
+        QTRY_COMPARE(viewer.bytesAvailable(), 12 + 2 + 4 + 4);
+        QCOMPARE(viewer.readAll(),
+                 QByteArray("RFB 003.008\n") + QByteArray::fromHex("010100000000") + QByteArray("echo"));
+        QCOMPARE(authenticated.count(), 1);
+        QCOMPARE(authenticated.first()[0].toString(), u"local"_s);
+        QVERIFY(authenticated.first()[1].toByteArray().isEmpty());
+        QCOMPARE(door->clientCount(), size_t{1});
+        QCOMPARE(reception->receivedCount, 0);
+        viewer.disconnectFromServer();
+        QTRY_COMPARE(disconnected.count(), 1);
+        QCOMPARE(disconnected.first().first().toStringList(), QStringList{u"local"_s});
+    }
+
+    void localViewerThatMakesNoSenseIsClosed()
+    {
+        QString error;
+        QVERIFY(door->listenLocally(localPath(), &error));
+        QLocalSocket viewer;
+        viewer.connectToServer(localPath());
+        viewer.write("GET / HTTP/1.1\r\n\r\n");
+        QTRY_COMPARE(viewer.state(), QLocalSocket::UnconnectedState);
+        QTRY_COMPARE(door->handshakeCount(), size_t{0});
+        QCOMPARE(door->clientCount(), size_t{0});
+    }
+
+    void closedDoorHasNoLocalSocket()
+    {
+        QString error;
+        QVERIFY(door->listenLocally(localPath(), &error));
+        QLocalSocket handshaking;
+        handshaking.connectToServer(localPath());
         QTRY_COMPARE(door->handshakeCount(), size_t{1});
-        std::vector<std::unique_ptr<QTcpSocket>> flood;
-        for (size_t i = 0; i < 4 * FrontDoor::kMaxHandshakes; ++i) {
-            flood.push_back(connectFrom(QHostAddress(QHostAddress::LocalHost)));
-        }
-        const auto connected = [&flood] {
-            return std::count_if(flood.begin(), flood.end(), [](const std::unique_ptr<QTcpSocket> &socket) {
-                return socket->state() == QAbstractSocket::ConnectedState;
-            });
-        };
-        QTRY_COMPARE(static_cast<size_t>(connected()), FrontDoor::kMaxHandshakes - 1);
-        QCOMPARE(door->handshakeCount(), FrontDoor::kMaxHandshakes);
-        QCOMPARE(quiet->state(), QAbstractSocket::ConnectedState);
+        door->close();
+        QCOMPARE(door->handshakeCount(), size_t{0});
+        QTRY_COMPARE(handshaking.state(), QLocalSocket::UnconnectedState);
+        QVERIFY(!QFile::exists(localPath()));
     }
 
-    void clientsAreLimited()
+    void doorWithoutATcpPortServesLocally()
     {
+        door = std::make_unique<FrontDoor>(helpers(), directory.filePath(u"rfb"_s), rules());
+        QString error;
+        QVERIFY(door->listenLocally(localPath(), &error));
         door->open();
-        std::vector<std::unique_ptr<Viewer>> viewers;
-        for (size_t i = 0; i < FrontDoor::kMaxClients; ++i) {
-            viewers.push_back(std::make_unique<Viewer>(door->port(), passwords.add().password));
-            QTRY_VERIFY(viewers.back()->isIn());
-        }
-        Viewer extra(door->port(), passwords.add().password);
-        QTRY_VERIFY(extra.isRefused());
-        QCOMPARE(door->clientCount(), FrontDoor::kMaxClients);
-        QCOMPARE(passwords.all().size(), 1);
+        QCOMPARE(door->port(), quint16{0});
+        QLocalSocket viewer;
+        viewer.connectToServer(localPath());
+        viewer.write("RFB 003.008\n\x01");
+        QTRY_COMPARE(door->clientCount(), size_t{1});
+    }
+
+    void oneAddressIsBound()
+    {
+        door = std::make_unique<FrontDoor>(helpers(), directory.filePath(u"rfb"_s), rules());
+        QString error;
+        QVERIFY(door->listen(address(5), 0, &error));
+        door->open();
+        QTcpSocket elsewhere;
+        elsewhere.connectToHost(QHostAddress::LocalHost, door->port());
+        QTRY_COMPARE(elsewhere.error(), QAbstractSocket::ConnectionRefusedError);
+        QTcpSocket there;
+        there.connectToHost(address(5), door->port());
+        QTRY_COMPARE(there.bytesAvailable(), 12);
     }
 
     void takenPortIsReported()
     {
-        FrontDoor second(&passwords, u"unused"_s);
+        FrontDoor second(helpers(), u"unused"_s);
         QString error;
-        QVERIFY(!second.listen(door->port(), &error));
+        QVERIFY(!second.listen(QHostAddress::Any, door->port(), &error));
         QVERIFY(error.startsWith(u"Failed to listen on port %1: "_s.arg(door->port())));
-    }
-
-    void refusalsDoNotFillTheLog()
-    {
-        door->open();
-        QElapsedTimer elapsed;
-        elapsed.start();
-        for (int i = 0; i < 50; ++i) {
-            QTcpSocket client;
-            client.connectToHost(QHostAddress::LocalHost, door->port());
-            client.write("GET / HTTP/1.1\r\n\r\n");
-            QTRY_COMPARE(client.state(), QAbstractSocket::UnconnectedState);
-        }
-        QVERIFY(!log->lines.isEmpty());
-        QVERIFY(log->lines.size() <= 1 + elapsed.elapsed() / 9000); // one more for each pause that has ended
-        QVERIFY(log->lines.first().startsWith(u"Info: Refused a client from 127.0.0.1: "_s));
     }
 
     void clientWithoutBackendIsCountedAndDisconnected()

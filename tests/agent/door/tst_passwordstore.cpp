@@ -7,7 +7,10 @@
 #include <QSet>
 #include <QTest>
 
+#include <chrono>
+
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 class PasswordStoreTest final : public QObject
 {
@@ -95,6 +98,56 @@ private slots:
         QCOMPARE(store.takeAll(), (QList<QByteArray>{first, second}));
         QVERIFY(store.all().isEmpty());
         QVERIFY(store.takeAll().isEmpty());
+        QVERIFY(!store.nextEnd());
+    }
+
+    void passwordIsOpenForItsTime()
+    {
+        PasswordStore store;
+        const PasswordStore::Clock::time_point start;
+        store.setLifetime(1min);
+        QVERIFY(!store.nextEnd());
+        const QByteArray first = store.add(start).password;
+        const QByteArray second = store.add(start + 10s).password;
+        QCOMPARE(store.nextEnd(), std::optional(start + 1min));
+        QVERIFY(store.takeOverdue(start + 1min - 1ns).isEmpty());
+        QCOMPARE(store.takeOverdue(start + 1min), QList<QByteArray>{first});
+        QCOMPARE(store.all(), QList<QByteArray>{second});
+        QCOMPARE(store.nextEnd(), std::optional(start + 70s));
+        QCOMPARE(store.takeOverdue(start + 1h), QList<QByteArray>{second});
+        QVERIFY(!store.nextEnd());
+        QVERIFY(store.takeOverdue(start + 1h).isEmpty());
+    }
+
+    // Nobody has taken it back yet, because the timer is late.
+    void overduePasswordFitsNoResponse()
+    {
+        PasswordStore store;
+        const PasswordStore::Clock::time_point start;
+        store.setLifetime(1min);
+        const QByteArray password = store.add(start).password;
+        const QByteArray response = vncAuthResponse(password, challenge);
+        QVERIFY(!store.take(challenge, response, start + 1min));
+        QCOMPARE(store.all(), QList<QByteArray>{password}); // its end is still to be logged
+        QCOMPARE(store.take(challenge, response, start + 1min - 1ns), std::optional(password));
+    }
+
+    void openPasswordsKeepTheirTime()
+    {
+        PasswordStore store;
+        const PasswordStore::Clock::time_point start;
+        store.setLifetime(1min);
+        store.add(start);
+        store.setLifetime(1h);
+        QCOMPARE(store.nextEnd(), std::optional(start + 1min));
+    }
+
+    void passwordIsOpenForTenMinutesByDefault()
+    {
+        PasswordStore store;
+        const PasswordStore::Clock::time_point start;
+        store.add(start);
+        QCOMPARE(store.nextEnd(), std::optional(start + 10min));
     }
 };
 

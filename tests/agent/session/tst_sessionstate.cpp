@@ -8,7 +8,11 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <chrono>
+#include <thread>
+
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 class SessionStateTest final : public QObject
 {
@@ -96,6 +100,70 @@ private slots:
         }
         QCOMPARE(log().count("Added new password "), PasswordStore::kMaxOpen + 1);
         QCOMPARE(log().count("Expiring password "), 1);
+    }
+
+    void unusedPasswordsAreTakenBack()
+    {
+        SessionLog sessionLog;
+        QString error;
+        QVERIFY(sessionLog.open(path(), &error));
+        SessionState state(&sessionLog, clock());
+        state.setPasswordLifetime(50ms);
+        state.offerPassword();
+        state.offerPassword();
+        const QList<QByteArray> passwords = state.passwords()->all();
+        QTRY_VERIFY(state.passwords()->all().isEmpty());
+        QCOMPARE(log(), "Added new password " + passwords[0] + "\nAdded new password " + passwords[1] +
+                            "\nExpiring password " + passwords[0] + "\nExpiring password " + passwords[1] + "\n");
+    }
+
+    // The machine was busy or asleep. The password lets nobody in, and its end is told once the timer fires.
+    void overduePasswordIsTakenBackByALateTimer()
+    {
+        SessionLog sessionLog;
+        QString error;
+        QVERIFY(sessionLog.open(path(), &error));
+        SessionState state(&sessionLog, clock());
+        state.setPasswordLifetime(1ms);
+        state.offerPassword();
+        const QByteArray password = state.passwords()->all().value(0);
+        const auto end = state.passwords()->nextEnd();
+        QVERIFY(end);
+        std::this_thread::sleep_until(*end + 1ms); // without the event loop, so the timer cannot fire
+        const QByteArray challenge = newVncChallenge();
+        QVERIFY(!state.passwords()->take(challenge, vncAuthResponse(password, challenge)));
+        QCOMPARE(log(), "Added new password " + password + "\n");
+        QTRY_VERIFY(state.passwords()->all().isEmpty());
+        QCOMPARE(log(), "Added new password " + password + "\nExpiring password " + password + "\n");
+    }
+
+    void usedPasswordIsNotTakenBack()
+    {
+        SessionLog sessionLog;
+        QString error;
+        QVERIFY(sessionLog.open(path(), &error));
+        SessionState state(&sessionLog, clock());
+        state.setPasswordLifetime(1h);
+        state.offerPassword();
+        const QByteArray used = state.passwords()->all().first();
+        const QByteArray challenge = newVncChallenge();
+        QVERIFY(state.passwords()->take(challenge, vncAuthResponse(used, challenge)));
+        state.setPasswordLifetime(1ms);
+        state.offerPassword();
+        QTRY_VERIFY(state.passwords()->all().isEmpty());
+        QVERIFY(!log().contains("Expiring password " + used));
+        QCOMPARE(log().count("Expiring password "), 1);
+    }
+
+    void localViewerIsLoggedWithoutAPassword()
+    {
+        SessionLog sessionLog;
+        QString error;
+        QVERIFY(sessionLog.open(path(), &error));
+        SessionState state(&sessionLog, clock());
+        state.clientAuthenticated(u"local"_s, {});
+        QCOMPARE(log(), QByteArray("Client authenticated from 'local' at '2024-01-02T03:04:05' with password ''\n"));
+        QVERIFY(state.toJson().contains("\"Clients\":1,"));
     }
 
     void eventsHaveDifferentDates()
