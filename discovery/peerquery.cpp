@@ -37,10 +37,11 @@ QByteArray requestFrame()
 class Exchange
 {
 public:
-    Exchange(const QHostAddress &address_, quint16 port_, QString *error_)
+    Exchange(const QHostAddress &address_, quint16 port_, QString *error_, QString *kind_)
         : address(address_)
         , port(port_)
         , error(error_)
+        , kind(kind_)
         , deadline(kExchangeTimeoutMs, Qt::PreciseTimer)
     {
         alarm.setTimerType(Qt::PreciseTimer);
@@ -112,6 +113,9 @@ private:
     {
         // Not from the socket, because it forgets its peer when the connection ends.
         const QString text = QString::fromLatin1(pattern);
+        if (kind) {
+            *kind = text;
+        }
         const QString host = address.toString();
         const QString number = QString::number(port);
         const bool isLate = socket.error() == QAbstractSocket::UnknownSocketError;
@@ -123,6 +127,7 @@ private:
     const QHostAddress address;
     const quint16 port;
     QString *error;
+    QString *kind; ///< may be null
     QDeadlineTimer deadline;
     QByteArray buffer; ///< received, but no frame taken from it yet
     QTimer alarm;      ///< wakes the event loop when time is up
@@ -140,9 +145,9 @@ bool isNotification(const QByteArray &payload)
 } // namespace
 
 bool fetchPeerSessions(const QHostAddress &address, quint16 port, const QSslCertificate &certificate,
-                       const QSslKey &key, QList<SessionInfo> &sessions, QString &error)
+                       const QSslKey &key, QList<SessionInfo> &sessions, QString &error, QString *kind)
 {
-    Exchange exchange(address, port, &error);
+    Exchange exchange(address, port, &error, kind);
     QByteArray payload;
     if (!exchange.connect() || !exchange.encrypt(certificate, key) || !exchange.send(requestFrame())) {
         return false;

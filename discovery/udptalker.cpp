@@ -60,6 +60,16 @@ QString onOneLine(const QString &text)
     return line;
 }
 
+/** @param kind  empty if the peer has proved that it is ours, so that no stranger can cause the failure */
+void logFailure(const QString &kind, const QString &text)
+{
+    if (kind.isEmpty()) {
+        logMessage(LogWarning, text);
+    } else {
+        Logging::instance()->logOfStrangers(LogWarning, kind, text);
+    }
+}
+
 QString ownUser()
 {
     return qEnvironmentVariable("USER");
@@ -75,8 +85,8 @@ bool hasThreadFor(const PeerQueue::Peer &peer)
     if (canHaveThreads(1, &error)) {
         return true;
     }
-    logMessage(LogWarning, u"Failed to connect to \"%1\" port \"%2\": %3"_s.arg(peer.first.toString(),
-                                                                                QString::number(peer.second), error));
+    logStrangerMessage(LogWarning, u"Failed to connect to \"%1\" port \"%2\": %3"_s, peer.first.toString(),
+                       QString::number(peer.second), error);
     return false;
 }
 
@@ -94,6 +104,7 @@ UdpTalker::UdpTalker(QUdpSocket *socket_, const QHostAddress &broadcastAddress_,
     , keyPath(keyPath_)
     , certPath(certPath_)
     , timer(this)
+    , limit(AnnouncementLimit::Clock::now())
 {
     connect(socket, &QUdpSocket::readyRead, this, &UdpTalker::Socket_readyRead);
     connect(&timer, &QTimer::timeout, this, &UdpTalker::sendUpdate);
@@ -165,16 +176,23 @@ void UdpTalker::handleDatagram(const QByteArray &datagram, const QHostAddress &s
     bool isJson = false;
     const std::optional<Announcement> announcement = Announcement::fromDatagram(datagram, &isJson);
     if (!isJson) {
-        logMessage(LogWarning, u"Received invalid JSON"_s);
+        logStrangerMessage(LogWarning, u"Received invalid JSON"_s);
     }
     if (!announcement || announcement->user != ownUser()) {
         return;
     }
-    if (announcement->method == "HELLO"_L1) {
-        askPeer(sender, announcement->port);
+    const bool isHello = announcement->method == "HELLO"_L1;
+    if (!isHello && announcement->method != "UPDATE"_L1) {
+        return;
+    }
+    if (!limit.admits(sender, AnnouncementLimit::Clock::now())) {
+        logStrangerMessage(LogWarning, u"Ignored an announcement from \"%1\", because there are too many"_s,
+                           sender.toString());
+        return;
+    }
+    askPeer(sender, announcement->port);
+    if (isHello) {
         sendUpdateTo(sender, senderPort);
-    } else if (announcement->method == "UPDATE"_L1) {
-        askPeer(sender, announcement->port);
     }
 }
 
@@ -214,14 +232,17 @@ void UdpTalker::queryPeer(QHostAddress address, quint16 port, QString keyPath_, 
     QSslCertificate certificate;
     QString error;
     if (!readCredentials(keyPath_, certPath_, &key, &certificate, &error)) {
-        logMessage(LogWarning, error);
+        Logging::instance()->logOfStrangers(LogWarning, error, error); // any datagram makes us read them again
     } else {
         const QString location = u"%1:%2"_s.arg(address.toString()).arg(port);
         QList<SessionInfo> sessions;
-        if (fetchPeerSessions(address, port, certificate, key, sessions, error)) {
+        QString kind;
+        if (fetchPeerSessions(address, port, certificate, key, sessions, error, &kind)) {
+            QMetaObject::invokeMethod(
+                this, [this, address] { limit.trust(address, AnnouncementLimit::Clock::now()); }, Qt::QueuedConnection);
             store->storeRemoteSessions(location, QDateTime::currentDateTime().addSecs(kExpirySeconds), sessions);
         } else {
-            logMessage(LogWarning, onOneLine(error));
+            logFailure(kind, onOneLine(error));
             store->forgetRemoteSessions(location);
         }
     }

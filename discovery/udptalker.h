@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "discovery/announcementlimit.h"
 #include "discovery/peerqueue.h"
 
 #include <QByteArray>
@@ -17,8 +18,8 @@ class SessionStore;
  * sessions, and gives their list to the SessionStore. A datagram only says where to ask. The peer proves who it is by
  * its certificate.
  *
- * Lives on the main thread. Peers are asked on pool threads; PeerQueue bounds how many at a time, whatever is sent to
- * us.
+ * Lives on the main thread. Peers are asked on pool threads. Whatever is sent to us, AnnouncementLimit bounds how often
+ * we answer or ask, and PeerQueue how many are asked at a time.
  */
 class UdpTalker : public QObject
 {
@@ -61,5 +62,6 @@ private:
     const QString keyPath;
     const QString certPath;
     QTimer timer;
+    AnnouncementLimit limit;
     PeerQueue queue; ///< each peer that is being asked has a watcher among the children
 };

@@ -42,6 +42,7 @@ private slots:
     void helloIsAnsweredToItsSourcePortAndAsked();
     void updateIsAskedAndNotAnswered();
     void everyPendingDatagramIsHandled();
+    void announcementsBeyondTheLimitAreIgnored();
     void otherDatagramsAreDropped_data();
     void otherDatagramsAreDropped();
     void ownDatagramsAreDropped();
@@ -237,9 +238,39 @@ void TestUdpTalker::everyPendingDatagramIsHandled()
     for (int i = 0; i < kCount; ++i) {
         say("?");
     }
+    say(message(u"HELLO"_s, 9)); // handled last
+    QCOMPARE(hear(ear.get()), message(u"UPDATE"_s, kServicePort));
+    log->tellStrangerLines();
+    const QStringList lines = log->takeLines();
+    QCOMPARE(lines.count(u"Warning: Received invalid JSON"_s), StrangerLines::kMaxPerMinute);
+    QVERIFY(lines.contains(u"Warning: 280 more in the last minute: Received invalid JSON"_s));
+}
+
+void TestUdpTalker::announcementsBeyondTheLimitAreIgnored()
+{
+    // In one pass, so that the share does not grow meanwhile.
+    socket->setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, 400000);
+    PeerService peer(kOtherHost, pair);
+    constexpr int kCount = AnnouncementLimit::kPerSecond + 30;
+    for (int i = 0; i < kCount; ++i) {
+        say(message(u"HELLO"_s, peer.port()));
+    }
+    say("?"); // handled last
     QStringList lines;
-    QTRY_COMPARE((lines += log->takeLines()).size(), kCount);
-    QCOMPARE(lines.count(u"Warning: Received invalid JSON"_s), kCount);
+    QTRY_VERIFY((lines += log->takeLines()).contains(u"Warning: Received invalid JSON"_s));
+    log->tellStrangerLines();
+    lines += log->takeLines();
+    const QString ignored = u"Warning: Ignored an announcement from \"127.0.0.2\", because there are too many"_s;
+    QCOMPARE(lines.count(ignored), StrangerLines::kMaxPerMinute);
+    int answers = 0;
+    QTRY_VERIFY(peer.connections() >= AnnouncementLimit::kPerSecond);
+    while (ear->hasPendingDatagrams()) {
+        QCOMPARE(ear->receiveDatagram().data(), message(u"UPDATE"_s, kServicePort));
+        ++answers;
+    }
+    // A slow machine may need so long that one or two more are allowed.
+    QVERIFY(answers >= AnnouncementLimit::kPerSecond);
+    QVERIFY(answers < kCount - StrangerLines::kMaxPerMinute + 1);
 }
 
 void TestUdpTalker::otherDatagramsAreDropped_data()
@@ -325,10 +356,10 @@ void TestUdpTalker::finishedQueriesLeaveNoWatcher()
 {
     PeerService peer(kOtherHost, pair);
     peer.setPieces({answer("null")});
-    for (int i = 0; i < 50; ++i) {
+    for (int i = 0; i < AnnouncementLimit::kPerSecond; ++i) {
         say(message(u"UPDATE"_s, peer.port()));
     }
-    QTRY_COMPARE_WITH_TIMEOUT(peer.connections(), 50, 60000);
+    QTRY_COMPARE_WITH_TIMEOUT(peer.connections(), AnnouncementLimit::kPerSecond, 60000);
     QTRY_VERIFY(talker->findChildren<QFutureWatcherBase *>().isEmpty());
     QCOMPARE(log->takeLines(), QStringList());
 }

@@ -103,22 +103,22 @@ class Delay(HostileCase):
 
     def test_server_ends_with_queries_in_flight(self):
         """There are more queries than run at a time. The end does not wait for the queued ones."""
-        silent = self.silent_hosts(2, "UPDATE", 160)
+        silent = self.silent_hosts(6, "UPDATE", 10)
         zarvo.wait_until(lambda: sum(host.accepted for host in silent) >= 32, "the queries")
         self.assert_serves(self.instance)
         begin = time.monotonic()
         self.assertEqual(self.instance.stop(deadline=EXCHANGE + MARGIN), 0)
         self.assertLess(time.monotonic() - begin, EXCHANGE + MARGIN)
-        self.assertLess(sum(host.accepted for host in silent), 320)
+        self.assertLess(sum(host.accepted for host in silent), 60)
         self.assertFalse(os.path.exists(self.instance.pid_file))
         self.assertFalse(os.path.exists(self.instance.port_file))
         self.assertIn(": Info: Exiting the server\n", self.instance.log())
 
     def test_flood_of_greetings_does_not_disturb_clients(self):
-        """A silent host uses up all the queries that one address may have, and sends more greetings than that."""
+        """A silent host gets as many queries as its address may have at once, and sends more greetings than that."""
         with Latencies(self.instance) as latencies:
             silent, = self.silent_hosts(1, "HELLO", 10000)
-            zarvo.wait_until(lambda: silent.accepted >= 16, "the queries")
+            zarvo.wait_until(lambda: silent.accepted >= 10, "the queries")
             begin = time.monotonic()
             session = zarvo.new_id()
             self.client.call("Live.Start", [session, "xterm", "800x600"])
@@ -134,6 +134,7 @@ class Delay(HostileCase):
 
 class Growth(HostileCase):
     ROUND = 50
+    advances = True
 
     def measure(self):
         with open(f"/proc/{self.instance.pid}/status", encoding="ascii") as status:
@@ -168,10 +169,9 @@ class Growth(HostileCase):
 
         def load(rounds):
             self.ask(peers, rounds)
-            before = self.warning_counts(f'Failed to connect to "{OTHER_HOST}" port "{closed}": .+')
-            self.pour(message for _ in range(rounds * 5))
-            zarvo.wait_until(lambda: self.warning_counts(
-                f'Failed to connect to "{OTHER_HOST}" port "{closed}": .+') == before + rounds * 5, "the queries")
+            for _ in range(rounds):
+                self.advance()
+                self.pour([message] * 5)
         load(self.ROUND // 2)  # fills the pools and caches
         first = quiet()
         load(self.ROUND)

@@ -8,6 +8,7 @@ import re
 import threading
 import time
 
+import clock
 import hosts
 import zarvo
 from hosts import OTHER_HOST, entry, reply
@@ -18,11 +19,26 @@ SLOW = 10
 
 
 class HostileCase(hosts.NeighbourCase):
+    # Whether the server's clock goes a second forward before each announcement. So a test can cause more queries of one
+    # peer than the server allows in a second. Not for tests of timeouts.
+    advances = False
+
     def setUp(self):
         super().setUp()
         self.instance.settings["LogLevel"] = "Info"
         self.instance.write_settings()
+        self.shift = clock.shifting(self, self.instance) if self.advances else None
+        self.seconds = 0
         self.start()
+
+    def say(self, content, ear=None):
+        self.advance()
+        super().say(content, ear)
+
+    def advance(self):
+        if self.shift:
+            self.seconds += 1
+            self.shift(0, self.seconds)
 
     @property
     def pair(self):
@@ -59,6 +75,11 @@ class HostileCase(hosts.NeighbourCase):
                                  (content for _ in range(each)))
             self.assertEqual(dropped, 0, "the system dropped datagrams before the server saw them")
         return silent
+
+    def told(self, text):
+        """How many lines of this kind there were, written or only counted. Call it after the end of the server."""
+        more = re.findall(rf": Warning: (\d+) more in the last minute: {re.escape(text)}\n", self.instance.log())
+        return self.warnings().count(text) + sum(map(int, more))
 
     def warning_counts(self, pattern):
         return sum(re.fullmatch(pattern, line) is not None for line in self.warnings())
