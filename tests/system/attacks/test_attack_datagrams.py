@@ -93,7 +93,7 @@ class Forged(Network):
         used = self.processor_seconds()
         self.flood(port)
         last, since = -1, time.monotonic()
-        end = time.monotonic() + EXCHANGE + 2
+        end = time.monotonic() + 2 * settle  # other packets of the system go on without end
         while time.monotonic() < end and time.monotonic() - since < settle:
             now = self.victim.run(traffic, 0)
             if now != last:
@@ -109,17 +109,18 @@ class Forged(Network):
             self.assertIsNone(client.listing("Live.ListSessions"))
 
     def test_one_victim_that_accepts_connections(self):
-        self.assert_ratio(self.service(), settle=2)
+        self.assert_ratio(self.service(), settle=3)
 
     def test_hundred_victims_that_accept_connections(self):
         self.victim_owns(100)
-        self.assert_ratio(self.service(), settle=2)
+        self.assert_ratio(self.service(), settle=3)
 
     def test_victim_that_drops_the_attempts_to_connect(self):
         """The server's system repeats them, after 1, 2, 4 and 8 seconds."""
         self.victim_owns(100)
         self.victim.ip("route", "add", "blackhole", f"{self.instance.address}/32")
-        self.assert_ratio(9, settle=EXCHANGE / 2 + 2)
+        self.assert_ratio(9, settle=EXCHANGE * 0.6)
+        self.instance.stop(9)  # its end would wait for the queries, which another test checks
 
     def test_ten_greetings_of_a_source_are_answered_and_lead_to_queries(self):
         answers = self.victim.datagrams(hosts.UDP_PORT)
@@ -128,6 +129,7 @@ class Forged(Network):
         for _ in range(10):
             self.assertEqual(answers.recv(4096), self.instance.announcement("UPDATE"))
         zarvo.wait_until(lambda: asked.accepted == 10, "the queries")
+        self.instance.stop(9)
 
 
 class Junk(Network):
