@@ -15,6 +15,7 @@
 #include <QTest>
 
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <thread>
@@ -109,7 +110,7 @@ void bindSocket(int family, const Address &address, size_t size, bool listens)
     }
     if (::bind(descriptor, reinterpret_cast<const sockaddr *>(&address), static_cast<socklen_t>(size)) != 0 ||
         (listens && ::listen(descriptor, 1) != 0)) {
-        qFatal("Failed to bind a socket");
+        qFatal("Failed to bind a socket: %s", std::strerror(errno));
     }
 }
 

@@ -13,6 +13,7 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -37,6 +38,7 @@ public:
         for (quint16 display = first(); display != end(); ++display) {
             QFile::remove(QStringLiteral("/tmp/Xrdp_%1.sock").arg(display));
             QFile::remove(lockPath(display));
+            QFile::remove(socketPath(display));
         }
         closeAll();
     }
@@ -69,9 +71,20 @@ private:
     static bool isUnused(quint16 display)
     {
         return isPortUnused(static_cast<quint16>(6000 + display)) &&
-               isPortUnused(static_cast<quint16>(41000 + display)) && !QFile::exists(lockPath(display)) &&
-               !QFile::exists(QStringLiteral("/tmp/Xrdp_%1.sock").arg(display)) &&
-               !QFile::exists(QDir::temp().filePath(QStringLiteral(".X11-unix/X%1").arg(display)));
+               isPortUnused(static_cast<quint16>(41000 + display)) && !isThere(lockPath(display)) &&
+               !isThere(QStringLiteral("/tmp/Xrdp_%1.sock").arg(display)) && !isThere(socketPath(display));
+    }
+
+    static QString socketPath(quint16 display)
+    {
+        return QDir::temp().filePath(QStringLiteral(".X11-unix/X%1").arg(display));
+    }
+
+    /** Whether anything is there, also a dangling symlink. */
+    static bool isThere(const QString &path)
+    {
+        struct stat status = {};
+        return ::lstat(QFile::encodeName(path).constData(), &status) == 0;
     }
 
     bool reserve(quint16 display)
