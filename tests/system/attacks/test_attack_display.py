@@ -138,6 +138,7 @@ class SquattedFolder(accounts.AccountTestCase, agentsession.AgentTestCase):
                 # A program of the session, with the library that most programs use.
                 self.assertIn("xterm was here", self.host.run(session.run, "xterm -e true && echo xterm was here"))
                 self.assertEqual(self.heard(session.display), "")
+                self.assertIn("Every user of this machine can connect to display", session.read("server_log"))
                 self.host.run(self.knock, session.display)
                 zarvo.wait_until(lambda: self.heard(session.display) == "knock\n", "the stranger to hear")
                 self.host.run(session.signal, 15)
