@@ -166,13 +166,20 @@ private slots:
         QVERIFY(problems.first().startsWith(u"The setting ListenAddress is \""_s));
     }
 
+    void minutesAreRead_data()
+    {
+        QTest::addColumn<int>("minutes");
+        for (const int minutes : {1, 2, 10, 60, 7 * 24 * 60}) {
+            QTest::addRow("%d", minutes) << minutes;
+        }
+    }
+
     void minutesAreRead()
     {
-        for (const int minutes : {1, 2, 10, 60, 7 * 24 * 60}) {
-            QVERIFY(read("PasswordMinutes=" + QByteArray::number(minutes)).passwordMinutes ==
-                    std::chrono::minutes(minutes));
-            QVERIFY(problems.isEmpty());
-        }
+        QFETCH(int, minutes);
+        QVERIFY(read("PasswordMinutes=" + QByteArray::number(minutes)).passwordMinutes ==
+                std::chrono::minutes(minutes));
+        QVERIFY(problems.isEmpty());
     }
 
     void otherMinutesAreTen_data()
