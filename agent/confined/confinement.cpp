@@ -54,8 +54,10 @@ bool allow(void *filter, std::span<const int> calls)
 /** Memory that may be executed would let an attacker run code of his own. */
 bool allowDataMemory(void *filter)
 {
+    // Both take the protection as their third argument. The library's own macro is no C++ for every compiler.
+    constexpr scmp_arg_cmp kIsNotExecutable = {2, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0};
     for (const int call : {SCMP_SYS(mmap), SCMP_SYS(mprotect)}) {
-        if (seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 1, SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0)) != 0) {
+        if (seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 1, kIsNotExecutable) != 0) {
             return false;
         }
     }

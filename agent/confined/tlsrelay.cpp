@@ -56,12 +56,13 @@ public:
         for (;;) {
             clientEvents = 0;
             backendEvents = 0;
-            const bool moved = upload() | download(); // both, always
+            const bool isUploaded = upload();
+            const bool isDownloaded = download(); // in each round, or one direction would starve the other
             if (isOver) {
                 SSL_shutdown(ssl);
                 return;
             }
-            if (!moved && !wait()) {
+            if (!isUploaded && !isDownloaded && !wait()) {
                 return;
             }
         }
