@@ -4,6 +4,10 @@
 #include "agent/confined/tlsidentity.h"
 #include "agent/door/reception.h"
 
+#include <QByteArray>
+#include <QList>
+#include <QString>
+
 #include <memory>
 #include <mutex>
 #include <thread>
