@@ -1,21 +1,25 @@
 // SPDX-License-Identifier: MIT
+#include "agent/confined/rfbhandshake.h"
 #include "agent/display/backendhandshake.h"
 #include "agent/door/attemptlimiter.h"
 #include "agent/door/clientconnection.h"
+#include "agent/door/doorkey.h"
 #include "agent/door/handshakeconnection.h"
 #include "agent/door/passwordstore.h"
-#include "agent/door/rfbhandshake.h"
 #include "agent/door/vncauth.h"
 #include "fuzz/dice.h"
 #include "fuzz/rawsocket.h"
 #include "fuzz/target.h"
+#include "tests/helpers/threadreception.h"
 
 #include <QCoreApplication>
-#include <QTcpSocket>
+#include <QElapsedTimer>
 #include <QTemporaryDir>
 
 #include <chrono>
 #include <memory>
+
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -28,7 +32,14 @@ const QByteArray kRightResponse = "<right>";
 const QByteArray kSeparator = "\n--\n";
 /** A play is over after this many rounds in which nothing happens. */
 constexpr int kQuietRounds = 6;
-constexpr int kMostRounds = 100;
+/** A visitor is received in a thread, which may take a while on a busy machine. */
+constexpr int kLongestMilliseconds = 15000;
+
+/** What a client of this door is offered. */
+RfbOffer offerOf(const QByteArray &challenge)
+{
+    return {.plain = true, .challenge = challenge.toStdString()};
+}
 
 /** The socket of the X server. All inputs share it. */
 class BackendDoor final
@@ -54,10 +65,9 @@ public:
     explicit Door(int descriptor)
         : password(passwords.add().password)
     {
-        auto socket = std::make_unique<QTcpSocket>();
-        FUZZ_CHECK(socket->setSocketDescriptor(descriptor));
-        handshake =
-            std::make_unique<HandshakeConnection>(std::move(socket), &passwords, &limiter, HandshakeLimits{20s, 0ms});
+        const Visitor visitor = {QHostAddress(QHostAddress::LocalHost), TcpPeer::OtherHost, true};
+        const HandshakeHelpers helpers = {&reception, &key, &passwords, &limiter};
+        handshake = std::make_unique<HandshakeConnection>(descriptor, visitor, helpers, HandshakeLimits{20s, 0ms});
         QObject::connect(handshake.get(), &HandshakeConnection::authenticated, handshake.get(),
                          [this](const QByteArray &used) { letIn(used); });
         QObject::connect(handshake.get(), &HandshakeConnection::failed, handshake.get(), [this] { ++failures; });
@@ -77,9 +87,10 @@ private:
     void letIn(const QByteArray &used)
     {
         FUZZ_CHECK(used == password && !client && failures == 0);
-        QByteArray unread;
-        std::unique_ptr<QTcpSocket> socket = handshake->takeSocket(&unread);
-        client = std::make_unique<ClientConnection>(std::move(socket), unread);
+        FUZZ_CHECK(!handshake->usesTls());
+        const Visit visit = handshake->takeVisit();
+        ::close(visit.control);
+        client = std::make_unique<ClientConnection>(visit.client, u"127.0.0.1"_s);
         QObject::connect(client.get(), &ClientConnection::ended, client.get(), [this] { ++ends; });
         client->start(BackendDoor::instance().path());
     }
@@ -87,6 +98,8 @@ private:
     PasswordStore passwords;
     const QByteArray password;
     AttemptLimiter limiter;
+    ThreadReception reception;
+    DoorKey key{{}, {}}; ///< none, so no TLS is offered
     std::unique_ptr<HandshakeConnection> handshake;
     std::unique_ptr<ClientConnection> client;
     int failures = 0;
@@ -105,15 +118,17 @@ public:
 
     void run()
     {
+        do {
+            waitFor([this] { return hasAnswered(); });
+        } while (!door.isLetIn() && sayAsClient());
+        // All that follows happens in this thread.
         int quiet = 0;
         while (quiet < kQuietRounds) {
             quiet = round() ? 0 : quiet + 1;
         }
         check();
         clientSocket.close();
-        for (int count = 0; count < kMostRounds && !door.isOver(); ++count) {
-            round();
-        }
+        waitFor([this] { return door.isOver(); });
         FUZZ_CHECK(door.endings() == 1);
     }
 
@@ -127,6 +142,35 @@ private:
         toSay = input.left(separator < 0 ? input.size() : separator);
         backendToSay = separator < 0 ? QByteArray(kBackendGreeting) + QByteArray("\1\1\0\0\0\0hello", 11)
                                      : input.mid(separator + kSeparator.size());
+    }
+
+    /** Lets things happen, without saying anything, until @p condition holds. */
+    template <typename Condition>
+    void waitFor(Condition condition)
+    {
+        QElapsedTimer timer;
+        timer.start();
+        while (!condition()) {
+            FUZZ_CHECK(timer.elapsed() < kLongestMilliseconds);
+            QCoreApplication::processEvents();
+            hear(clientSocket, &heard);
+        }
+    }
+
+    /** Whether the client has heard all that its bytes until now must lead to. */
+    [[nodiscard]] bool hasAnswered() const
+    {
+        using State = RfbHandshake::State;
+        RfbHandshake handshake(offerOf(QByteArray(kVncChallengeBytes, 'x')));
+        std::string input = said.toStdString();
+        handshake.receive(&input);
+        if (handshake.state() == State::Judgement && !knowsPassword()) {
+            handshake.refuse("Authentication failed");
+        } else if (handshake.state() == State::Judgement) {
+            handshake.accept();
+        }
+        const auto length = static_cast<qsizetype>(handshake.output().size());
+        return heard.size() >= 12 + length && (handshake.state() != State::Accepted || door.isLetIn());
     }
 
     /** Lets each side do one step. @return whether anything happened */
@@ -205,11 +249,11 @@ private:
         if (challenge().size() != kVncChallengeBytes) {
             return false;
         }
-        RfbHandshake handshake(challenge());
-        QByteArray input = said;
+        RfbHandshake handshake(offerOf(challenge()));
+        std::string input = said.toStdString();
         handshake.receive(&input);
         return handshake.state() == RfbHandshake::State::Judgement &&
-               handshake.response() == door.rightResponse(challenge());
+               handshake.response() == door.rightResponse(challenge()).toStdString();
     }
 
     /** Checks that each side has received exactly the bytes that the other one has sent. */

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: MIT
+#include "agent/confined/rfbhandshake.h"
 #include "agent/display/backendhandshake.h"
-#include "agent/door/rfbhandshake.h"
-#include "agent/door/vncauth.h"
 #include "fuzz/dice.h"
 #include "fuzz/target.h"
 
-#include <algorithm>
+#include <string>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-const QByteArray kChallenge = "0123456789abcdef";
+const std::string kChallenge = "0123456789abcdef";
 
 /** The result of a handshake: its last state, all its output, and the bytes that it has not read. */
 template <typename State>
@@ -24,45 +24,67 @@ struct Outcome
     bool operator==(const Outcome &) const = default;
 };
 
-using ClientOutcome = Outcome<RfbHandshake::State>;
+/** Of a client's handshake also whether TLS was started. */
+struct ClientOutcome
+{
+    RfbHandshake::State state;
+    std::string output;
+    std::string rest;
+    bool usesTls;
+};
 using BackendOutcome = Outcome<BackendHandshake::State>;
 
 enum class Verdict { Right, Wrong, TurnedAway };
 
-/** Passes the input to the handshake, and gives the verdict once it waits for one. */
-void receive(RfbHandshake *handshake, QByteArray *input, QByteArray *output, Verdict verdict)
+RfbOffer offerOf(Verdict verdict, bool tls, bool plain, bool none)
+{
+    return {.tls = tls,
+            .plain = plain,
+            .none = none,
+            .turnsAway = verdict == Verdict::TurnedAway,
+            .challenge = kChallenge,
+            .reason = verdict == Verdict::TurnedAway ? "Go away" : ""};
+}
+
+/** Passes the input to the handshake, starts TLS when it is to start, and gives the verdict. */
+void receive(RfbHandshake *handshake, std::string *input, std::string *output, Verdict verdict)
 {
     handshake->receive(input);
     *output += handshake->output();
+    if (handshake->state() == RfbHandshake::State::StartTls) {
+        FUZZ_CHECK(handshake->usesTls() && handshake->wantedBytes() == 0);
+        handshake->tlsStarted();
+        handshake->receive(input);
+        *output += handshake->output();
+    }
     if (handshake->state() != RfbHandshake::State::Judgement) {
         return;
     }
-    FUZZ_CHECK(handshake->response().size() == kVncChallengeBytes);
+    FUZZ_CHECK(handshake->response().size() == kChallenge.size());
     if (verdict == Verdict::Right) {
         handshake->accept();
     } else {
         handshake->refuse("No");
     }
     *output += handshake->output();
-    const QByteArray before = *input;
+    const std::string before = *input;
     handshake->receive(input);
-    FUZZ_CHECK(*input == before && handshake->output().isEmpty()); // what follows is not for the handshake
+    FUZZ_CHECK(*input == before && handshake->output().empty()); // what follows is not for the handshake
 }
 
 template <typename Piece>
-ClientOutcome playClient(QByteArray stream, Verdict verdict, Piece nextPiece)
+ClientOutcome playClient(QByteArray stream, const RfbOffer &offer, Verdict verdict, Piece nextPiece)
 {
-    RfbHandshake handshake(kChallenge);
-    if (verdict == Verdict::TurnedAway) {
-        handshake.turnAway("Go away");
-    }
-    QByteArray output = handshake.output();
-    QByteArray input;
+    RfbHandshake handshake(offer);
+    std::string output;
+    std::string input;
     while (!stream.isEmpty()) {
-        input += nextPiece(&stream);
+        input += nextPiece(&stream).toStdString();
         receive(&handshake, &input, &output, verdict);
+        // A reader that takes no more than it is asked for makes progress, unless it is not its turn.
+        FUZZ_CHECK(handshake.wantedBytes() == 0 || handshake.wantedBytes() > input.size());
     }
-    return {handshake.state(), output, input};
+    return {handshake.state(), output, input, handshake.usesTls()};
 }
 
 template <typename Piece>
@@ -84,32 +106,39 @@ QByteArray all(QByteArray *stream)
     return std::exchange(*stream, {});
 }
 
-/** Checks that an accepted client has sent all that its version requires: the version, the type if asked, a response.
- */
-void checkWayIn(const QByteArray &said)
+/** Checks that an accepted client has sent all that its version and its type require. */
+void checkWayIn(const QByteArray &said, const RfbOffer &offer, bool usesTls)
 {
     const bool isOld = said.mid(8, 3).toInt() < 7;
-    FUZZ_CHECK(said.startsWith("RFB 003.") && said.size() == (isOld ? 28 : 29));
-    FUZZ_CHECK(isOld || said[12] == '\2');
+    FUZZ_CHECK(said.startsWith("RFB 003."));
+    if (usesTls) {
+        FUZZ_CHECK(offer.tls && !isOld && said.mid(12, 7) == QByteArray::fromHex("13000200000105") &&
+                   said.size() == 35);
+    } else if (offer.none && (isOld ? !offer.plain : said[12] == '\1')) {
+        FUZZ_CHECK(said.size() == (isOld ? 12 : 13));
+    } else {
+        FUZZ_CHECK(offer.plain && said.size() == (isOld ? 28 : 29) && (isOld || said[12] == '\2'));
+    }
 }
 
-void checkClient(const QByteArray &stream, Verdict verdict)
+void checkClient(const QByteArray &stream, const RfbOffer &offer, Verdict verdict)
 {
     using State = RfbHandshake::State;
-    const ClientOutcome whole = playClient(stream, verdict, all);
+    const ClientOutcome whole = playClient(stream, offer, verdict, all);
     Dice dice(stream);
     const ClientOutcome pieces =
-        playClient(stream, verdict, [&dice](QByteArray *rest) { return takePiece(rest, &dice); });
-    FUZZ_CHECK(whole.state == pieces.state && whole.output == pieces.output);
+        playClient(stream, offer, verdict, [&dice](QByteArray *rest) { return takePiece(rest, &dice); });
+    FUZZ_CHECK(whole.state == pieces.state && whole.output == pieces.output && whole.usesTls == pieces.usesTls);
     // After a refusal nothing more is read, so the unread rest depends on how the stream was split.
     FUZZ_CHECK(whole.state == State::Refused || whole.rest == pieces.rest);
-    FUZZ_CHECK(whole.output.startsWith("RFB 003.008\n"));
-    FUZZ_CHECK(stream.endsWith(whole.rest) && whole.state != State::Judgement);
+    FUZZ_CHECK(stream.toStdString().ends_with(whole.rest) && whole.state != State::Judgement);
     if (whole.state == State::Accepted) {
-        FUZZ_CHECK(verdict == Verdict::Right && whole.output.endsWith(kChallenge + QByteArray(4, '\0')));
-        checkWayIn(stream.first(stream.size() - whole.rest.size()));
+        FUZZ_CHECK(offer.none ||
+                   (verdict == Verdict::Right && whole.output.ends_with(kChallenge + std::string(4, '\0'))));
+        checkWayIn(stream.first(stream.size() - static_cast<qsizetype>(whole.rest.size())), offer, whole.usesTls);
     }
-    FUZZ_CHECK(verdict != Verdict::TurnedAway || !whole.output.contains(kChallenge));
+    FUZZ_CHECK(verdict != Verdict::TurnedAway ||
+               (whole.state != State::Accepted && whole.output.find(kChallenge) == std::string::npos));
 }
 
 void checkBackend(const QByteArray &stream)
@@ -125,7 +154,10 @@ void checkBackend(const QByteArray &stream)
 void fuzzRfbHandshake(const QByteArray &input)
 {
     for (const Verdict verdict : {Verdict::Right, Verdict::Wrong, Verdict::TurnedAway}) {
-        checkClient(input, verdict);
+        checkClient(input, offerOf(verdict, false, true, false), verdict);
+        checkClient(input, offerOf(verdict, true, true, false), verdict);
+        checkClient(input, offerOf(verdict, true, false, false), verdict);
+        checkClient(input, offerOf(verdict, false, false, true), verdict);
     }
     checkBackend(input);
 }

@@ -54,6 +54,11 @@ qsizetype RawSocket::write(const QByteArray &bytes) const
     return std::max<qsizetype>(0, static_cast<qsizetype>(count));
 }
 
+void RawSocket::shutDownWriting() const
+{
+    ::shutdown(descriptor, SHUT_WR);
+}
+
 void RawSocket::close()
 {
     if (isOpen()) {

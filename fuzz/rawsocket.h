@@ -40,6 +40,8 @@ public:
     [[nodiscard]] QByteArray readAll() const;
     /** Writes as much as there is room for. @return the number of bytes written */
     qsizetype write(const QByteArray &bytes) const;
+    /** The other end reads all that was written, and then the end. */
+    void shutDownWriting() const;
     void close();
 
 private:
