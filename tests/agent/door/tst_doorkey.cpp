@@ -139,8 +139,21 @@ private slots:
         QVERIFY(!key->refresh());
         QVERIFY(key->certificatePem().isEmpty());
         QCOMPARE(log->lines.size(), 1);
-        QVERIFY(log->lines.first().startsWith(u"Info: Viewers get no TLS: "_s));
+        QVERIFY(log->lines.first().startsWith(u"Warning: Viewers get no TLS: "_s));
         QVERIFY(log->lines.first().contains(keyPath()));
+    }
+
+    void fileThatOthersCanWriteIsRefused()
+    {
+        put(first, first);
+        for (const QString &path : {certificatePath(), keyPath()}) {
+            QVERIFY(QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::WriteOther));
+            QVERIFY(!key->refresh());
+            QVERIFY(key->certificatePem().isEmpty());
+            QVERIFY(log->lines.last().contains(path));
+            QVERIFY(QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner));
+        }
+        QVERIFY(key->refresh());
     }
 
     void keyOfAnotherCertificateIsRefused()
