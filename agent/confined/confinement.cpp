@@ -31,7 +31,7 @@ constexpr std::array kVisitorCalls = {
     SCMP_SYS(futex),        SCMP_SYS(getrandom),      SCMP_SYS(clock_gettime), SCMP_SYS(gettimeofday),
     SCMP_SYS(rt_sigaction), SCMP_SYS(rt_sigprocmask), SCMP_SYS(rt_sigreturn),  SCMP_SYS(sigaltstack),
     SCMP_SYS(getpid),       SCMP_SYS(gettid),         SCMP_SYS(sched_yield),   SCMP_SYS(restart_syscall),
-    SCMP_SYS(exit),         SCMP_SYS(exit_group),     SCMP_SYS(fstat),         SCMP_SYS(newfstatat),
+    SCMP_SYS(exit),         SCMP_SYS(exit_group),
 };
 
 /** What the servant needs beside these: processes, their end, and the visitor's own confinement. */
