@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "base/agentsettings.h"
 #include "base/logging.h"
 #include "base/settings.h"
 #include "contract/settingkeys.h"
@@ -27,6 +28,7 @@ private slots:
     void manualTellsTheDefaults();
     void manualTellsWherePlaceholdersAreFilledIn();
     void dictionaryOfTheFuzzTargetHasAllKeys();
+    void agentsManualDescribesExactlyTheSettingsOfItsTable();
 
 private:
     QString manual;
@@ -57,18 +59,30 @@ QStringList allKeys()
     return keysOf([](const SettingRow &) { return true; });
 }
 
+/** What a manual page says of its settings. A setting that is described twice has both defaults. */
+QMap<QString, QString> defaultsIn(const QString &manual)
+{
+    static const QRegularExpression entry(u"^\\.BR (\\w+) \" \\(default: (.*)\\)\"$"_s,
+                                          QRegularExpression::MultilineOption);
+    QMap<QString, QString> defaults;
+    for (const QRegularExpressionMatch &match : entry.globalMatch(manual)) {
+        defaults[match.captured(1)] += match.captured(2);
+    }
+    return defaults;
+}
+
+QString manualPage(const char *name)
+{
+    const QString path = QStringLiteral(ZARVO_SOURCES "/docs/man/") + QLatin1StringView(name);
+    return QString::fromUtf8(contentOf(path)).replace(u"\\-"_s, u"-"_s);
+}
+
 } // namespace
 
 void TestSettingTable::initTestCase()
 {
-    manual = QString::fromUtf8(contentOf(QStringLiteral(ZARVO_SOURCES "/docs/man/zarvo_server.conf.5")));
-    manual.replace(u"\\-"_s, u"-"_s);
-    static const QRegularExpression entry(u"^\\.BR (\\w+) \" \\(default: (.*)\\)\"$"_s,
-                                          QRegularExpression::MultilineOption);
-    for (const QRegularExpressionMatch &match : entry.globalMatch(manual)) {
-        QVERIFY2(!documentedDefaults.contains(match.captured(1)), qPrintable(match.captured(1)));
-        documentedDefaults.insert(match.captured(1), match.captured(2));
-    }
+    manual = manualPage("zarvo_server.conf.5");
+    documentedDefaults = defaultsIn(manual);
 }
 
 void TestSettingTable::everyRowHasAKeyOfItsOwn()
@@ -120,6 +134,15 @@ void TestSettingTable::dictionaryOfTheFuzzTargetHasAllKeys()
         keys.append(match.captured(1));
     }
     QCOMPARE(sorted(keys), allKeys());
+}
+
+void TestSettingTable::agentsManualDescribesExactlyTheSettingsOfItsTable()
+{
+    QMap<QString, QString> table;
+    for (const AgentSettingRow &row : agentSettingTable()) {
+        table[row.key] += row.defaultText;
+    }
+    QCOMPARE(defaultsIn(manualPage("zarvo_agent.conf.5")), table);
 }
 
 ZARVO_TEST(TestSettingTable)

@@ -363,7 +363,8 @@ class Installed(ctl.CtlTestCase):
         subprocess.run(["cmake", "--install", zarvo.BUILD, "--prefix", prefix], check=True, stdout=subprocess.DEVNULL,
                        timeout=2 * zarvo.DEADLINE)
         for path in ("bin/zarvo_server", "bin/zarvoctl", "libexec/zarvo/start-agent", "libexec/zarvo/start-app",
-                     "libexec/zarvo/take-screenshot", "share/man/man1/zarvoctl.1", "share/man/man1/start-agent.1",
+                     "libexec/zarvo/session-door", "libexec/zarvo/take-screenshot", "share/man/man1/zarvoctl.1",
+                     "share/man/man1/start-agent.1", "share/man/man5/zarvo_agent.conf.5",
                      "share/man/man5/zarvo_server.conf.5", "share/man/man8/zarvo_server.8",
                      "share/bash-completion/completions/zarvoctl", "share/zsh/site-functions/_zarvoctl",
                      "share/fish/vendor_completions.d/zarvoctl.fish"):
