@@ -49,9 +49,10 @@ QString smallFileText(const QString &path)
 QList<DoctorCheck> doctorChecks()
 {
     return {
-        {"user path", checkUserPath},   {"settings", checkSettings},          {"certificate", checkCertificate},
-        {"server", checkServerProcess}, {"programs", checkPrograms},          {"viewer", checkViewer},
-        {"displays", checkDisplays},    {"X sockets", checkSocketDirectory},  {"ports", checkPortRange},
-        {"logout", checkLogout},        {"broadcast", checkBroadcastAddress},
+        {"user path", checkUserPath},         {"settings", checkSettings},       {"agent", checkAgentSettings},
+        {"confinement", checkConfinement},    {"certificate", checkCertificate}, {"server", checkServerProcess},
+        {"programs", checkPrograms},          {"viewer", checkViewer},           {"displays", checkDisplays},
+        {"X sockets", checkSocketDirectory},  {"ports", checkPortRange},         {"logout", checkLogout},
+        {"broadcast", checkBroadcastAddress},
     };
 }

@@ -7,8 +7,6 @@
 #include <QFileInfo>
 #include <QHostAddress>
 
-#include <algorithm>
-#include <span>
 #include <variant>
 
 using namespace Qt::StringLiterals;
@@ -28,43 +26,28 @@ public:
 
     QList<Finding> run()
     {
-        settingsFile();
-        unknownKeys();
+        QStringList keys;
+        for (const SettingRow &row : settingTable()) {
+            keys.append(row.key);
+        }
+        findings = findUnusableSettings(input.settingsFile, keys);
         numbers<quint16>();
         numbers<int>();
         suspendTimeout();
         logLevel();
         displayRange();
         if (findings.isEmpty()) {
-            findings.append(fine(input.rawSettings.isEmpty() ? u"All settings have their defaults"_s
-                                                             : u"\"%1\" is valid"_s.arg(input.settingsPath)));
+            findings.append(fine(input.settingsFile.values.isEmpty()
+                                     ? u"All settings have their defaults"_s
+                                     : u"\"%1\" is valid"_s.arg(input.settingsFile.path)));
         }
         return findings;
     }
 
 private:
-    void add(const QString &text) { findings.append(warning(text, u"Correct it in \"%1\""_s.arg(input.settingsPath))); }
-
-    void settingsFile()
+    void add(const QString &text)
     {
-        const QFileInfo file(input.settingsPath);
-        if (file.exists() && (!file.isFile() || !file.isReadable() || input.settingsStatus == QSettings::AccessError)) {
-            findings.append(failed(u"\"%1\" cannot be read: all settings have their defaults"_s.arg(input.settingsPath),
-                                   u"Make it a readable file"_s));
-        } else if (input.settingsStatus == QSettings::FormatError) {
-            add(u"\"%1\" is broken: invalid lines are ignored"_s.arg(input.settingsPath));
-        }
-    }
-
-    void unknownKeys()
-    {
-        const std::span<const SettingRow> table = settingTable();
-        for (const QString &key : input.rawSettings.keys()) {
-            const auto isSame = [&key](const SettingRow &row) { return row.key == key; };
-            if (std::none_of(table.begin(), table.end(), isSame)) {
-                add(u"There is no setting %1; it is ignored"_s.arg(key));
-            }
-        }
+        findings.append(warning(text, u"Correct it in \"%1\""_s.arg(input.settingsFile.path)));
     }
 
     /** Checks the numbers of this type: QSettings replaces text that is no number, and 16 bits cut large ones. */
@@ -72,7 +55,7 @@ private:
     void numbers()
     {
         for (const SettingRow &row : settingTable()) {
-            if (std::holds_alternative<Number Settings::*>(row.member) && input.rawSettings.contains(row.key)) {
+            if (std::holds_alternative<Number Settings::*>(row.member) && input.settingsFile.values.contains(row.key)) {
                 number(row);
             }
         }
@@ -80,7 +63,7 @@ private:
 
     void number(const SettingRow &row)
     {
-        const QString text = input.rawSettings.value(row.key).toString();
+        const QString text = input.settingsFile.values.value(row.key).toString();
         const QString effective = row.text(input.settings);
         if (text != effective) {
             add(u"%1 is \"%2\", which becomes %3"_s.arg(row.key, text, effective));
@@ -89,7 +72,7 @@ private:
 
     void suspendTimeout()
     {
-        if (input.rawSettings.contains(SettingKey::kSuspendTimeout) && input.settings.suspendTimeout == 0) {
+        if (input.settingsFile.values.contains(SettingKey::kSuspendTimeout) && input.settings.suspendTimeout == 0) {
             add(u"SuspendTimeout is 0: sessions end as soon as no viewer is connected"_s);
         }
     }
@@ -107,7 +90,7 @@ private:
         const int end = input.settings.displayBase + input.settings.displayLimit;
         if (input.settings.displayLimit == 0) {
             findings.append(failed(u"DisplayLimit is 0: no session can have a display"_s,
-                                   u"Correct it in \"%1\""_s.arg(input.settingsPath)));
+                                   u"Correct it in \"%1\""_s.arg(input.settingsFile.path)));
         } else if (end - 1 > kHighestDisplay) {
             add(u"Displays go up to %1, but only displays up to %2 have a port"_s.arg(end - 1).arg(kHighestDisplay));
         }
@@ -119,6 +102,34 @@ private:
 
 } // namespace
 
+SettingsFile SettingsFile::read(const QSettings &settings)
+{
+    SettingsFile file{.path = settings.fileName(), .status = settings.status()};
+    for (const QString &key : settings.allKeys()) {
+        file.values.insert(key, settings.value(key));
+    }
+    return file;
+}
+
+QList<Finding> findUnusableSettings(const SettingsFile &file, const QStringList &keys)
+{
+    QList<Finding> findings;
+    const QString correct = u"Correct it in \"%1\""_s.arg(file.path);
+    const QFileInfo found(file.path);
+    if (found.exists() && (!found.isFile() || !found.isReadable() || file.status == QSettings::AccessError)) {
+        findings.append(failed(u"\"%1\" cannot be read: all settings have their defaults"_s.arg(file.path),
+                               u"Make it a readable file"_s));
+    } else if (file.status == QSettings::FormatError) {
+        findings.append(warning(u"\"%1\" is broken: invalid lines are ignored"_s.arg(file.path), correct));
+    }
+    for (const QString &key : file.values.keys()) {
+        if (!keys.contains(key)) {
+            findings.append(warning(u"There is no setting %1; it is ignored"_s.arg(key), correct));
+        }
+    }
+    return findings;
+}
+
 QList<Finding> checkSettings(const DoctorInput &input)
 {
     return SettingsInspection(input).run();
@@ -129,7 +140,7 @@ QList<Finding> checkBroadcastAddress(const DoctorInput &input)
     const QString text = input.settings.broadcastAddress;
     if (QHostAddress address; !address.setAddress(text)) {
         return {failed(u"BroadcastAddress \"%1\" is not an address: the server does not start"_s.arg(text),
-                       u"Correct it in \"%1\""_s.arg(input.settingsPath))};
+                       u"Correct it in \"%1\""_s.arg(input.settingsFile.path))};
     }
     if (input.settings.broadcastPort == 0) {
         return {fine(u"Off: this server does not look for other servers"_s)};

@@ -106,6 +106,13 @@ QList<Finding> missingForServer(const DoctorInput &input)
     return findings;
 }
 
+/** What remains when others control the folder of X's sockets, so that the agent cannot use a private one there. */
+QString withWhatRemains(const QString &fault)
+{
+    return fault + u". Sessions work all the same, at X's abstract sockets. Every user of the host can connect there. "
+                   "Without the cookie they see nothing, but they can take up the 2,048 connections of a display"_s;
+}
+
 } // namespace
 
 QList<Finding> checkPrograms(const DoctorInput &input)
@@ -170,16 +177,17 @@ QList<Finding> checkSocketDirectory(const DoctorInput &input)
         return {failed(u"\"%1\" is not a directory"_s.arg(path), remedy)};
     }
     if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
-        return {warning(
-            u"\"%1\" belongs to another user (%2), who can replace the sockets of your displays. Sessions work "
-            "all the same, because their programs use X's abstract sockets"_s.arg(path, QString::number(status.st_uid)),
-            remedy)};
+        return {
+            warning(withWhatRemains(u"\"%1\" belongs to another user (%2)"_s.arg(path).arg(status.st_uid)), remedy)};
     }
     if ((status.st_mode & 0777) != 0777) {
         return {failed(u"\"%1\" is not open to all users"_s.arg(path), remedy)};
     }
-    if ((status.st_mode & S_ISVTX) == 0 || status.st_uid != 0) {
-        return {warning(u"In \"%1\" others can replace the sockets of your displays"_s.arg(path), remedy)};
+    if ((status.st_mode & S_ISVTX) == 0) {
+        return {warning(withWhatRemains(u"In \"%1\" others can replace sockets"_s.arg(path)), remedy)};
+    }
+    if (status.st_uid != 0) {
+        return {warning(u"\"%1\" is yours, so other users of the host have no private X sockets"_s.arg(path), remedy)};
     }
     return {fine(u"\"%1\" has the right owner and mode"_s.arg(path))};
 }

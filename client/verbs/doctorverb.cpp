@@ -14,15 +14,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-QVariantMap rawSettings(const QSettings &settings)
-{
-    QVariantMap values;
-    for (const QString &key : settings.allKeys()) {
-        values.insert(key, settings.value(key));
-    }
-    return values;
-}
-
 QString userName()
 {
     const passwd *entry = ::getpwuid(::geteuid()); // NOLINT(concurrency-mt-unsafe): the program has one thread
@@ -58,11 +49,13 @@ Json::Value toJson(const char *title, const Finding &finding)
 
 ExitCode run(const QCommandLineParser &line, ClientContext &context)
 {
-    const QSettings settings;
+    QStringList agentProblems;
+    const AgentSettings agentSettings = AgentSettings::read(&agentProblems);
     const DoctorInput input{.settings = context.settings,
-                            .rawSettings = rawSettings(settings),
-                            .settingsPath = settings.fileName(),
-                            .settingsStatus = settings.status(),
+                            .settingsFile = SettingsFile::read(QSettings()),
+                            .agentSettings = agentSettings,
+                            .agentProblems = agentProblems,
+                            .agentFile = SettingsFile::read(QSettings(agentSettingsPath(), QSettings::NativeFormat)),
                             .files = context.files,
                             .searchPath = serverSearchPath(),
                             .userName = userName()};

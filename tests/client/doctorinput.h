@@ -34,9 +34,8 @@ public:
         settings.suspendTimeout = -1;
         settings.broadcastAddress = QStringLiteral("255.255.255.255");
         return {.settings = settings,
-                .rawSettings = {},
-                .settingsPath = path("settings.conf"),
-                .settingsStatus = QSettings::NoError,
+                .settingsFile = {.path = path("settings.conf")},
+                .agentFile = {.path = path("agent.conf")},
                 .files = ServerFiles(settings.userPath),
                 .searchPath = path("bin"),
                 .userName = QStringLiteral("anna"),
@@ -44,6 +43,8 @@ public:
                 .networkPath = path("net"),
                 .processesPath = path("proc"),
                 .systemPath = folder.path(),
+                .canFilterSystemCalls = true,
+                .canHideFiles = true,
                 .settlingTime = std::chrono::milliseconds(100)};
     }
 

@@ -22,9 +22,9 @@ private slots:
         input.settings.displayBase = 200;
         input.settings.suspendTimeout = 90;
         input.settings.logLevel = u"Debug1"_s;
-        input.rawSettings = {
+        input.settingsFile.values = {
             {u"DisplayBase"_s, u"200"_s}, {u"SuspendTimeout"_s, u"90"_s}, {u"LogLevel"_s, u"Debug1"_s}};
-        QCOMPARE(texts(checkSettings(input)), QStringList{u"OK \"%1\" is valid"_s.arg(input.settingsPath)});
+        QCOMPARE(texts(checkSettings(input)), QStringList{u"OK \"%1\" is valid"_s.arg(input.settingsFile.path)});
     }
 
     void valueThatBecomesAnotherIsAWarning_data()
@@ -50,7 +50,7 @@ private slots:
         input.settings.broadcastPort = number;
         input.settings.displayLimit = 100;
         input.settings.suspendTimeout = value;
-        input.rawSettings = {{key, text}};
+        input.settingsFile.values = {{key, text}};
         const QList<Finding> findings = checkSettings(input);
         QCOMPARE(texts(findings),
                  QStringList{u"WARN %1 is \"%2\", which becomes %3"_s.arg(key, text, QString::number(value))});
@@ -60,19 +60,19 @@ private slots:
     void brokenFileIsAWarning()
     {
         DoctorInput input = surroundings.input();
-        input.settingsStatus = QSettings::FormatError;
+        input.settingsFile.status = QSettings::FormatError;
         QCOMPARE(texts(checkSettings(input)),
-                 QStringList{u"WARN \"%1\" is broken: invalid lines are ignored"_s.arg(input.settingsPath)});
+                 QStringList{u"WARN \"%1\" is broken: invalid lines are ignored"_s.arg(input.settingsFile.path)});
         QVERIFY(haveRemedies(checkSettings(input)));
     }
 
     void unreadableFileIsAFailure()
     {
         DoctorInput input = surroundings.input();
-        input.settingsPath = surroundings.path("bin"); // a directory
-        QCOMPARE(
-            texts(checkSettings(input)),
-            QStringList{u"FAIL \"%1\" cannot be read: all settings have their defaults"_s.arg(input.settingsPath)});
+        input.settingsFile.path = surroundings.path("bin"); // a directory
+        QCOMPARE(texts(checkSettings(input)),
+                 QStringList{
+                     u"FAIL \"%1\" cannot be read: all settings have their defaults"_s.arg(input.settingsFile.path)});
         QVERIFY(haveRemedies(checkSettings(input)));
     }
 
@@ -81,7 +81,8 @@ private slots:
         DoctorInput input = surroundings.input();
         input.settings.logLevel = u"Loud"_s;
         input.settings.suspendTimeout = 0;
-        input.rawSettings = {{u"Colour"_s, u"red"_s}, {u"SuspendTimeout"_s, u"0"_s}, {u"LogLevel"_s, u"Loud"_s}};
+        input.settingsFile.values = {
+            {u"Colour"_s, u"red"_s}, {u"SuspendTimeout"_s, u"0"_s}, {u"LogLevel"_s, u"Loud"_s}};
         const QList<Finding> findings = checkSettings(input);
         QCOMPARE(texts(findings),
                  (QStringList{u"WARN There is no setting Colour; it is ignored"_s,

@@ -126,8 +126,7 @@ private slots:
         QTest::addColumn<int>("mode");
         QTest::addColumn<QString>("found");
         QTest::newRow("closed") << 0755 << u"FAIL \"%1\" is not open to all users"_s;
-        QTest::newRow("without the sticky bit")
-            << 0777 << u"WARN In \"%1\" others can replace the sockets of your displays"_s;
+        QTest::newRow("without the sticky bit") << 0777 << u"WARN In \"%1\" others can replace sockets"_s;
     }
     void wrongModeOfTheSocketDirectoryIsReported()
     {
@@ -136,7 +135,7 @@ private slots:
         const QString path = surroundings->path("tmp/.X11-unix");
         QCOMPARE(::chmod(QFile::encodeName(path).constData(), static_cast<mode_t>(mode)), 0);
         const QList<Finding> findings = checkSocketDirectory(surroundings->input());
-        QCOMPARE(texts(findings), QStringList{found.arg(path)});
+        QVERIFY2(texts(findings).first().startsWith(found.arg(path)), qPrintable(texts(findings).first()));
         QVERIFY(haveRemedies(findings));
     }
 
@@ -160,7 +159,8 @@ private slots:
         QCOMPARE(::chmod(QFile::encodeName(path).constData(), 0755), 0);
         QCOMPARE(::chown(QFile::encodeName(path).constData(), 1234, 1234), 0);
         const QList<Finding> findings = checkSocketDirectory(surroundings->input());
-        QVERIFY(texts(findings).first().startsWith(u"WARN \"%1\" belongs to another user (1234)"_s.arg(path)));
+        QVERIFY(texts(findings).first().startsWith(
+            u"WARN \"%1\" belongs to another user (1234). Sessions work"_s.arg(path)));
         QVERIFY(haveRemedies(findings));
     }
 

@@ -65,6 +65,20 @@ class Doctor(ctl.CtlTestCase):
         self.assert_found(findings, "settings", "FAIL", "DisplayLimit is 0")
         self.assert_found(findings, "broadcast", "FAIL", '"here" is not an address')
 
+    def test_agent_settings(self):
+        server = self.unattended()
+        self.assert_found(self.findings(server), "agent", "OK", "defaults")
+        path = os.path.join(server.home, ".config", "Halvorn Media", "Zarvo Agent.conf")
+        zarvo.write(path, "[General]\nAllowPlainFromNetwork=true\nAllowLocalUsers=yes\nListenAddress=10\n"
+                    "PasswordMinutes=0\nListenPort=5900\n")
+        findings = self.findings(server)
+        for text in ("AllowPlainFromNetwork is true", 'AllowLocalUsers is "yes": it is neither true nor false',
+                     'ListenAddress is "10": it is neither an address', 'PasswordMinutes is "0": it is no number',
+                     "no setting ListenPort"):
+            self.assert_found(findings, "agent", "WARN", text)
+        zarvo.write(path, "[General]\nAllowLocalUsers=true\nPasswordMinutes=1\n")
+        self.assert_found(self.findings(server), "agent", "OK", "is valid")
+
     def test_certificate(self):
         server = self.unattended()
         subprocess.run(["openssl", "x509", "-in", server.certificate, "-signkey", server.key, "-days", "1", "-out",
