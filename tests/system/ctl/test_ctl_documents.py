@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: MIT
 """zarvoctl: help text, manual pages and completions say the same; the installed tree works."""
 import functools
+import glob
 import json
 import os
 import re
@@ -135,6 +136,35 @@ class Version(unittest.TestCase):
             folders[:] = [name for name in folders if not name.startswith(".") and name not in ("build", "corpus")
                           and not os.path.exists(os.path.join(folder, name, "CMakeCache.txt"))]
             yield from (os.path.join(folder, name) for name in names if os.path.isfile(os.path.join(folder, name)))
+
+
+class SecurityDocument(unittest.TestCase):
+    """docs/SECURITY.md names the test of each attack, as MODULE.CLASS or MODULE.TEST."""
+
+    SYSTEM = os.path.join(ROOT, "tests", "system")
+
+    def setUp(self):
+        self.named = re.findall(r"`(\w+)\.((?:test_)?\w+)`", zarvo.read(os.path.join(ROOT, "docs", "SECURITY.md")))
+
+    def test_named_tests_exist(self):
+        missing = []
+        for module, name in self.named:
+            found = glob.glob(os.path.join(self.SYSTEM, "*", f"test_{module}.py"))
+            kind = "def" if name.startswith("test_") else "class"
+            if len(found) != 1 or not re.search(rf"(?m)^ *{kind} {name}\(", zarvo.read(found[0])):
+                missing.append(f"{module}.{name}")
+        self.assertEqual(missing, [])
+
+    def test_all_attacks_are_named(self):
+        classes = set()
+        for path in glob.glob(os.path.join(self.SYSTEM, "attacks", "test_*.py")):
+            module = os.path.basename(path).removeprefix("test_").removesuffix(".py")
+            text = zarvo.read(path)
+            for name, body in re.findall(r"(?ms)^class (\w+)\(.*?:\n(.*?)(?=^\S|\Z)", text):
+                tests = set(re.findall(r"def (test_\w+)", body))
+                if tests and not {name, *tests} & {test for owner, test in self.named if owner == module}:
+                    classes.add(f"{module}.{name}")
+        self.assertEqual(classes, set())
 
 
 class CompletionTable(unittest.TestCase):
