@@ -144,9 +144,9 @@ void endOrphans(const AgentHoldings &holdings)
 void removeDeadSockets(quint16 display)
 {
     QString error; // ignored: the socket belongs to another process, so it must stay
-    for (const QString &path : {agentSocketPath(display), AgentFile::applicationSocket(display),
-                                AgentFile::rfbSocket(display), viewerSocketName(display),
-                                u"%1/X%2"_s.arg(QLatin1StringView(kDisplaySocketFolder)).arg(display)}) {
+    for (const QString &path :
+         {agentSocketPath(display), AgentFile::applicationSocket(display), AgentFile::rfbSocket(display),
+          viewerSocketName(display), u"%1/X%2"_s.arg(QLatin1StringView(kDisplaySocketFolder)).arg(display)}) {
         [[maybe_unused]] const bool removed = removeDeadSocket(path, &error);
     }
 }

@@ -72,8 +72,8 @@ void addPrivacy(const QString &path, QList<Finding> *findings)
 {
     struct stat status = {};
     if (::stat(QFile::encodeName(path).constData(), &status) == 0 && (status.st_mode & 077) != 0) {
-        findings->append(failed(u"\"%1\" is open to others (mode %2)"_s.arg(path, octal(status.st_mode)),
-                                u"chmod 600 \"%1\", and renew the certificate if others use this host"_s.arg(path)));
+        findings->append(warning(u"\"%1\" is open to others (mode %2)"_s.arg(path, octal(status.st_mode)),
+                                 u"chmod 600 \"%1\", and renew the certificate if others use this host"_s.arg(path)));
     }
 }
 

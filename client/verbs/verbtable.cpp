@@ -7,9 +7,9 @@
 
 QList<Verb> allVerbs()
 {
-    return {connectVerb(),   listVerb(),    startVerb(),  resumeVerb(),      replayVerb(),     suspendVerb(),
-            terminateVerb(), watchVerb(),   waitVerb(),   logsVerb(),        screenshotVerb(), pipeVerb(),
-            doctorVerb(),    serverVerb(),  certificateVerb(), versionVerb(), describeVerb()};
+    return {connectVerb(),   listVerb(),   startVerb(),       resumeVerb(),  replayVerb(),     suspendVerb(),
+            terminateVerb(), watchVerb(),  waitVerb(),        logsVerb(),    screenshotVerb(), pipeVerb(),
+            doctorVerb(),    serverVerb(), certificateVerb(), versionVerb(), describeVerb()};
 }
 
 std::optional<Verb> findVerb(const QString &name)
