@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "base/instancefiles.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QString>
@@ -10,10 +12,8 @@
 
 /**
  * A lock that one process of this user holds for an id, until it ends. It is a kernel lock on a file of this user in
- * each of several folders, some of which others can write to.
- *
- * Strangers may put anything under any name there. So a name means nothing: every file of ours whose name begins with
- * the prefix counts, and a new one gets a random name if the usual one is taken. Used by one thread.
+ * each of several folders, some of which others can write to. A new file gets a random name if a stranger has taken the
+ * usual one. While the lock is held, the files name this process (InstanceRecord). Used by one thread.
  */
 class InstanceLock final
 {
@@ -35,9 +35,6 @@ public:
      */
     void refresh() const;
 
-    /** Where the locks of this user are: /run/user/UID, if it is safe, the temporary directory and /tmp. */
-    [[nodiscard]] static QList<QByteArray> folders();
-
 private:
     class File;
     enum class Result { Taken, Elsewhere, Lost }; ///< Lost: a race with another start, so it is worth another round
@@ -51,7 +48,6 @@ private:
     void release();
     [[nodiscard]] bool holds(const QByteArray &folder, const char *name) const;
 
-    const QByteArray prefix;
-    const QList<QByteArray> places;
+    const InstanceFiles files;
     std::vector<std::unique_ptr<File>> held;
 };

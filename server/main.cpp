@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "base/instancefiles.h"
 #include "contract/application.h"
 #include "server/daemon.h"
 #include "server/qtmessages.h"
@@ -13,8 +14,6 @@
 #include <optional>
 
 #include <sys/stat.h>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -60,7 +59,7 @@ int main(int argc, char **argv)
     ::umask(077);
     logQtMessages();
     std::optional<WithoutGlib> ownLoop(std::in_place);
-    QtSingleCoreApplication application(u"zarvo_server-%1"_s.arg(qEnvironmentVariable("USER")), argc, argv);
+    QtSingleCoreApplication application(serverInstanceId(), argc, argv);
     ownLoop.reset();
     nameApplication();
     if (application.isRunning()) {

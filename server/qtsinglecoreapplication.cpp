@@ -14,7 +14,7 @@ constexpr auto kRefreshInterval = 6h;
 
 QtSingleCoreApplication::QtSingleCoreApplication(const QString &id_, int &argc, char **argv)
     : QCoreApplication(argc, argv)
-    , lock(id_, InstanceLock::folders())
+    , lock(id_, InstanceFiles::standardFolders())
 {
     connect(&refreshTimer, &QTimer::timeout, this, [this] { lock.refresh(); });
 }

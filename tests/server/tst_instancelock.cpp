@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "base/instancerecord.h"
 #include "server/instancelock.h"
 #include "tests/helpers/files.h"
 #include "tests/helpers/stranger.h"
@@ -10,7 +11,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -50,7 +50,7 @@ private slots:
     void tenThousandFilesOfAStrangerAreSkipped();
     void oneOfManyThreadsGetsTheLock_data();
     void oneOfManyThreadsGetsTheLock();
-    void foldersAreListedOnce();
+    void filesNameTheProcessWhileItHoldsThem();
 
 private:
     [[nodiscard]] QList<QByteArray> both() const { return {folder(u"first"_s), folder(u"second"_s)}; }
@@ -327,14 +327,20 @@ void TestInstanceLock::oneOfManyThreadsGetsTheLock()
     }
 }
 
-void TestInstanceLock::foldersAreListedOnce()
+void TestInstanceLock::filesNameTheProcessWhileItHoldsThem()
 {
-    QList<QByteArray> folders = InstanceLock::folders();
-    QVERIFY(folders.contains("/tmp"));
-    const qsizetype size = folders.size();
-    std::sort(folders.begin(), folders.end());
-    folders.erase(std::unique(folders.begin(), folders.end()), folders.end());
-    QCOMPARE(folders.size(), size);
+    const InstanceFiles files(kId, both());
+    const QByteArray path = usualPath(u"first"_s);
+    putFile(QFile::decodeName(path), textOf({4711, {"HOME=" + QByteArray(10000, 'x')}})); // of a killed process
+    {
+        InstanceLock lock(kId, both());
+        QVERIFY(lock.take());
+        QVERIFY(contentOf(QFile::decodeName(path)).startsWith(QByteArray::number(::getpid()) + '\n'));
+        QCOMPARE(lockHolders(files), QList<InstanceRecord>{InstanceRecord::ofThisProcess()});
+        QVERIFY(!InstanceLock(kId, both()).take());
+        QCOMPARE(lockHolders(files), QList<InstanceRecord>{InstanceRecord::ofThisProcess()});
+    }
+    QCOMPARE(lockHolders(files), QList<InstanceRecord>());
 }
 
 ZARVO_TEST(TestInstanceLock)
