@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "client/server/serverprocess.h"
 
+#include "base/instancerecord.h"
 #include "support/filereader.h"
 #include "support/processstat.h"
 
-#include <QDir>
 #include <QFile>
-#include <QSet>
 
 #include <algorithm>
+#include <csignal>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,79 +17,80 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int kMaxNameBytes = 64;
-constexpr int kMaxEnvironmentBytes = 1024 * 1024;
 constexpr int kMaxTableBytes = 16 * 1024 * 1024;
+constexpr qint64 kMaxPid = 0x7FFFFFFF;
 
-QString processPath(qint64 pid)
+/** What the servers of this USER say about themselves. They cannot be inspected, so /proc shows little of them. */
+QList<InstanceRecord> heldRecords()
 {
-    return u"/proc/%1"_s.arg(pid);
+    return lockHolders(InstanceFiles(serverInstanceId(), InstanceFiles::standardFolders()));
 }
 
-QByteArray contents(const QString &path, int limit)
+bool isHolder(qint64 pid)
+{
+    const QList<InstanceRecord> records = heldRecords();
+    return std::any_of(records.begin(), records.end(),
+                       [pid](const InstanceRecord &record) { return record.pid == pid; });
+}
+
+/** Whether the process exists and is of our user, where /proc does not show it. */
+bool canSignal(qint64 pid)
+{
+    return pid <= kMaxPid && ::kill(static_cast<pid_t>(pid), 0) == 0;
+}
+
+QByteArray contents(const QString &path)
 {
     QByteArray text;
     QString ignored;
-    return readFile(path, limit, &text, &ignored) ? text : QByteArray();
+    return readFile(path, kMaxTableBytes, &text, &ignored) ? text : QByteArray();
 }
 
-QList<qint64> ownServers()
-{
-    QList<qint64> pids;
-    for (const QString &name : QDir(u"/proc"_s).entryList({u"[1-9]*"_s}, QDir::Dirs)) {
-        if (const qint64 pid = name.toLongLong(); isServerProcess(pid)) {
-            pids.append(pid);
-        }
-    }
-    return pids;
-}
-
-/** The sockets that listen on a port, in the form of the links in /proc/PID/fd. */
-QSet<QString> listeners(quint16 port)
+/** Whether a process of this user listens on the port. */
+bool isListening(quint16 port)
 {
     constexpr qsizetype kLocal = 1;
     constexpr qsizetype kState = 3;
-    constexpr qsizetype kInode = 9;
+    constexpr qsizetype kOwner = 7;
     const QByteArray end = ':' + QByteArray::number(port, 16).rightJustified(4, '0').toUpper();
-    QSet<QString> found;
+    const QByteArray owner = QByteArray::number(::geteuid());
     for (const QString &table : {u"/proc/net/tcp"_s, u"/proc/net/tcp6"_s}) {
-        for (const QByteArray &line : contents(table, kMaxTableBytes).split('\n')) {
+        for (const QByteArray &line : contents(table).split('\n')) {
             const QList<QByteArray> fields = line.simplified().split(' ');
-            if (fields.size() > kInode && fields[kLocal].endsWith(end) && fields[kState] == "0A") {
-                found.insert(u"socket:[%1]"_s.arg(QString::fromLatin1(fields[kInode])));
+            if (fields.size() > kOwner && fields[kLocal].endsWith(end) && fields[kState] == "0A" &&
+                fields[kOwner] == owner) {
+                return true;
             }
         }
     }
-    return found;
-}
-
-QString linkTarget(const QString &path)
-{
-    QByteArray target(kMaxNameBytes, '\0');
-    const ssize_t length = ::readlink(QFile::encodeName(path).constData(), target.data(), kMaxNameBytes);
-    return length > 0 ? QString::fromLatin1(target.first(length)) : QString();
+    return false;
 }
 
 } // namespace
 
 bool isServerProcess(qint64 pid)
 {
-    struct stat status = {};
-    if (pid <= 0 || ::stat(QFile::encodeName(processPath(pid)).constData(), &status) == -1 ||
-        status.st_uid != ::geteuid()) {
+    if (pid <= 0) {
         return false;
     }
-    // The kernel reuses pids, so the name must match as well.
     const std::optional<ProcessStat> process = readProcessStat(pid);
-    return process && !process->hasEnded && process->name == "zarvo_server";
+    if (!process) {
+        // A /proc that is mounted with "hidepid" hides even our own processes if they cannot be inspected.
+        return canSignal(pid) && isHolder(pid);
+    }
+    struct stat status = {};
+    const bool isOurs =
+        ::stat(QFile::encodeName(u"/proc/%1"_s.arg(pid)).constData(), &status) == 0 && status.st_uid == ::geteuid();
+    // The kernel reuses pids, so the name must match as well.
+    return isOurs && !process->hasEnded && process->name == "zarvo_server";
 }
 
 std::optional<QString> environmentOf(qint64 pid, const QString &variable)
 {
-    const QByteArray begin = variable.toLocal8Bit() + '=';
-    for (const QByteArray &entry : contents(processPath(pid) + u"/environ"_s, kMaxEnvironmentBytes).split('\0')) {
-        if (entry.startsWith(begin)) {
-            return QString::fromLocal8Bit(entry.sliced(begin.size()));
+    for (const InstanceRecord &record : heldRecords()) {
+        if (const std::optional<QByteArray> value = record.variable(variable.toLocal8Bit());
+            record.pid == pid && value) {
+            return QString::fromLocal8Bit(*value);
         }
     }
     return std::nullopt;
@@ -97,11 +98,10 @@ std::optional<QString> environmentOf(qint64 pid, const QString &variable)
 
 QList<qint64> serversOfSameUser()
 {
-    const QString user = qEnvironmentVariable("USER");
     QList<qint64> same;
-    for (const qint64 pid : ownServers()) {
-        if (environmentOf(pid, u"USER"_s).value_or(QString()) == user) {
-            same.append(pid);
+    for (const InstanceRecord &record : heldRecords()) {
+        if (isServerProcess(record.pid)) {
+            same.append(record.pid);
         }
     }
     return same;
@@ -109,15 +109,8 @@ QList<qint64> serversOfSameUser()
 
 qint64 serverListeningOn(quint16 port)
 {
-    const QSet<QString> sockets = listeners(port);
-    for (const qint64 pid : sockets.isEmpty() ? QList<qint64>() : ownServers()) {
-        const QDir descriptors(processPath(pid) + u"/fd"_s);
-        const QStringList names = descriptors.entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
-        if (std::any_of(names.begin(), names.end(), [&](const QString &name) {
-                return sockets.contains(linkTarget(descriptors.filePath(name)));
-            })) {
-            return pid;
-        }
+    if (!isListening(port)) {
+        return 0;
     }
-    return 0;
+    return serversOfSameUser().value(0);
 }

@@ -46,6 +46,7 @@ private slots:
         for (const char *name : {"bin/start-agent", "bin/start-app", "bin/xauth", "bin/openssl"}) {
             putProgram(name);
         }
+        const EnvironmentVariable user("USER", "anna");
         const Impostor impostor(serverEnvironment(u"anna"_s, surroundings->path("tmp")));
         putFile(surroundings->path("zarvo/host/server_pid"), QByteArray::number(impostor.pid()));
         putFile(surroundings->path("zarvo/host/server_port"), "1");

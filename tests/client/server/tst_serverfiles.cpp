@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "client/server/serverfiles.h"
+#include "client/server/serverprocess.h"
+#include "tests/client/impostor.h"
+#include "tests/helpers/environmentvariable.h"
 #include "tests/testmain.h"
 
 #include <QDir>
@@ -87,12 +90,16 @@ private slots:
 
     void serverWithoutAPidFileIsFoundByItsPort()
     {
+        const QByteArray user = "tst_serverfiles-" + QByteArray::number(::getpid());
+        const EnvironmentVariable variable("USER", user);
+        const Impostor impostor(serverEnvironment(QString::fromLatin1(user), u"/"_s));
+        QTRY_VERIFY(isServerProcess(impostor.pid()));
         QTcpServer listener;
         QVERIFY(listener.listen(QHostAddress::LocalHost));
         write(u"server_port"_s, QByteArray::number(listener.serverPort()));
         const ServerStatus server = ServerFiles(folder->path()).readStatus();
         QVERIFY(server.state == ServerState::Running);
-        QCOMPARE(server.pid, qint64(::getpid()));
+        QCOMPARE(server.pid, impostor.pid());
         write(u"server_pid"_s, "999999999"); // of an ended server: another program has its port by now
         QVERIFY(ServerFiles(folder->path()).readStatus().state == ServerState::Stale);
     }

@@ -2,13 +2,17 @@
 #include "client/server/serverprocess.h"
 #include "tests/client/impostor.h"
 #include "tests/helpers/environmentvariable.h"
+#include "tests/helpers/stranger.h"
 #include "tests/testmain.h"
 
 #include <QHostAddress>
 #include <QTcpServer>
+#include <QTemporaryDir>
 #include <QTest>
 
+#include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -76,6 +80,7 @@ private slots:
 
     void environmentIsThatOfTheStart()
     {
+        const EnvironmentVariable variable("USER", "anna");
         const Impostor impostor(serverEnvironment(u"anna"_s, u"/a:/b"_s));
         QCOMPARE(environmentOf(impostor.pid(), u"PATH"_s).value_or(QString()), u"/a:/b"_s);
         QVERIFY(!environmentOf(impostor.pid(), u"PAT"_s));
@@ -84,28 +89,62 @@ private slots:
 
     void serversWithTheSameUserAreFound()
     {
-        const QByteArray user = "tst_serverprocess-" + QByteArray::number(::getpid());
-        const EnvironmentVariable variable("USER", user);
+        const EnvironmentVariable variable("USER", kUser);
         QCOMPARE(serversOfSameUser(), QList<qint64>());
         const Impostor other(serverEnvironment(u"tst_serverprocess"_s, u"/"_s));
         QCOMPARE(serversOfSameUser(), QList<qint64>());
-        const Impostor same(serverEnvironment(QString::fromLatin1(user), u"/"_s));
+        const Impostor same(serverEnvironment(QString::fromLatin1(kUser), u"/"_s));
         QTRY_COMPARE(serversOfSameUser(), QList<qint64>{same.pid()});
+        // The temporary directory of the server may be another one than ours.
+        const QTemporaryDir folder;
+        const EnvironmentVariable temporary("TMPDIR", QFile::encodeName(folder.path()));
+        QCOMPARE(serversOfSameUser(), QList<qint64>{same.pid()});
     }
 
-    void listeningServerIsFound()
+    void serverIsFoundByThePortThatItListensOn()
     {
-        ::prctl(PR_SET_NAME, "zarvo_server");
+        const EnvironmentVariable variable("USER", kUser);
         QTcpServer listener;
         QVERIFY(listener.listen(QHostAddress::LocalHost));
         const quint16 port = listener.serverPort();
-        QCOMPARE(serverListeningOn(port), qint64(::getpid()));
-        ::prctl(PR_SET_NAME, "another");
-        QCOMPARE(serverListeningOn(port), qint64(0));
-        ::prctl(PR_SET_NAME, "zarvo_server");
+        QCOMPARE(serverListeningOn(port), qint64(0)); // some program of ours
+        const Impostor server(serverEnvironment(QString::fromLatin1(kUser), u"/"_s));
+        QTRY_COMPARE(serverListeningOn(port), server.pid());
         listener.close();
         QCOMPARE(serverListeningOn(port), qint64(0));
     }
+
+    void portOfAnotherUserIsNotOurServers()
+    {
+        if (!canPlayStranger()) {
+            QSKIP("Only root can play another user");
+        }
+        const EnvironmentVariable variable("USER", kUser);
+        const Impostor server(serverEnvironment(QString::fromLatin1(kUser), u"/"_s));
+        QTRY_VERIFY(isServerProcess(server.pid()));
+        quint16 port = 0;
+        {
+            QTcpServer free;
+            QVERIFY(free.listen(QHostAddress::LocalHost));
+            port = free.serverPort();
+        }
+        const Stranger stranger([port] {
+            sockaddr_in address = {};
+            address.sin_family = AF_INET;
+            address.sin_port = htons(port);
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+            if (::bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+                ::listen(listener, 1) != 0) {
+                ::_exit(1);
+            }
+        });
+        QVERIFY(stranger.hasActed());
+        QCOMPARE(serverListeningOn(port), qint64(0));
+    }
+
+private:
+    inline static const QByteArray kUser = "tst_serverprocess-" + QByteArray::number(::getpid());
 };
 
 ZARVO_TEST(TestServerProcess)
