@@ -50,8 +50,8 @@ private:
 
 int main(int argc, char **argv)
 {
-    // It can be inspected, because zarvoctl reads its environment and its open files in /proc.
     disableCoreFiles();
+    disableInspection();
     QString error;
     if (!becomeDaemon(&error)) {
         return reportStartupFailure(error);

@@ -34,6 +34,13 @@ def can_inspect(pid):
     return False
 
 
+def look(path):
+    """Reads a file, a link or a folder in /proc."""
+    if os.path.islink(path):
+        return os.readlink(path)
+    return os.listdir(path) if os.path.isdir(path) else zarvo.read(path)
+
+
 class Memory(accounts.AccountTestCase, agentsession.AgentTestCase):
     def setUp(self):
         before = resource.getrlimit(resource.RLIMIT_CORE)
@@ -64,6 +71,13 @@ class Memory(accounts.AccountTestCase, agentsession.AgentTestCase):
                                 env=instance.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, text=True, cwd="/")
 
+    def status(self, instance):
+        """The pid of the server that zarvoctl finds."""
+        asking = self.ctl(instance, "server", "status", "--json")
+        output = asking.communicate(timeout=zarvo.DEADLINE)[0]
+        self.assertEqual(asking.returncode, 0, output)
+        return json.loads(output)["pid"]
+
     def test_programs_leave_no_core_file_and_the_session_has_the_users_limit(self):
         instance = self.serve()
         session = zarvo.new_id()
@@ -77,6 +91,44 @@ class Memory(accounts.AccountTestCase, agentsession.AgentTestCase):
                                 "the limits in the session")
         self.assertIn(int(soft[0]), (BLOCKS, BLOCKS // 2))
         self.assertEqual([self.owner.call(can_inspect, pid) for pid in (guard, agent)], [True, False])
+
+    def test_server_is_hidden_from_other_processes_of_the_user(self):
+        instance = self.serve()
+        for name in ("environ", "fd", "cwd", "exe", "mem", "maps"):
+            with self.subTest(name), self.assertRaises(PermissionError):
+                self.owner.call(look, f"/proc/{instance.pid}/{name}")
+
+    def test_zarvoctl_finds_the_hidden_server(self):
+        instance = self.serve()
+        self.assertEqual(self.status(instance), instance.pid)
+        os.unlink(instance.pid_file)
+        self.assertEqual(self.status(instance), instance.pid)
+        other = self.folder(self.owner)
+        process = self.owner.popen([accounts.program(os.path.join(zarvo.BUILD, "bin", "zarvoctl")), "doctor"],
+                                   env={**instance.environment, "HOME": other, "TMPDIR": other}, text=True, cwd="/",
+                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.assertIn(f'already runs with other files: process {instance.pid}, whose HOME is "{instance.home}"',
+                      " ".join(process.communicate(timeout=zarvo.DEADLINE)[0].split()))
+
+    def test_zarvoctl_finds_the_server_where_proc_hides_it(self):
+        for level in (1, 2):
+            with self.subTest(level=level):
+                instance = self.serve()
+                for arguments in (["server", "status", "--json"], ["server", "stop"]):
+                    hiding = self.where_proc_hides(level, instance, *arguments)
+                    output = hiding.communicate(timeout=zarvo.DEADLINE)[0]
+                    self.assertEqual(hiding.returncode, 0, output)
+                self.assertFalse(zarvo.alive(instance.pid))
+
+    def where_proc_hides(self, level, instance, *arguments):
+        """zarvoctl of the owner, in a mount namespace where /proc tells nothing of a process that cannot be inspected."""
+        uid = str(self.owner.uid)
+        script = (f"mount -t proc -o hidepid={level} proc /proc && "
+                  'exec setpriv --reuid "$0" --regid "$0" --clear-groups "$@"')
+        program = accounts.program(os.path.join(zarvo.BUILD, "bin", "zarvoctl"))
+        return subprocess.Popen(["unshare", "-m", "sh", "-c", script, uid, program, *arguments],
+                                env=instance.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, text=True, cwd="/")
 
     def test_owner_of_the_server_can_do_all(self):
         instance = self.serve()

@@ -317,6 +317,7 @@ class Discovery(hosts.NeighbourCase):
             peer.replies.put([reply(sessions)])
             self.say(self.message(peer))
             zarvo.wait_until(lambda: self.listed() == sessions, "the peer's sessions")
+        zarvo.need_inspection()
         self.assertIn(library, zarvo.read(f"/proc/{self.instance.pid}/maps"))
         self.assertEqual(self.instance.stop(), 0)
         self.assertFalse(os.path.exists(seen), "threads ended with a state")

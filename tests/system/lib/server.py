@@ -13,7 +13,7 @@ import subprocess
 import sys
 import tempfile
 
-from basics import BINARY, DAY, DEADLINE, HERE, HOST, alive, read, wait_until, write
+from basics import BINARY, DAY, DEADLINE, HERE, HOST, alive, need_inspection, read, wait_until, write
 from client import Client
 from displays import Displays
 from launch import Launch
@@ -272,6 +272,7 @@ class Server:
 
     def descriptors(self):
         """What the server has open, by descriptor."""
+        need_inspection()
         found = {}
         for entry in os.listdir(f"/proc/{self.pid}/fd"):
             with contextlib.suppress(OSError):

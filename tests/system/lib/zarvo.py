@@ -11,8 +11,8 @@ ZARVO_BUILD_DIR names the build folder. The names of the modules beside it are o
 """
 import unittest
 
-from basics import (BINARY, BUILD, DAY, DEADLINE, HERE, HOST, LIBEXEC, ROOT, VERSION, alive, mode, new_id, parent, read,
-                    wait_until, write)
+from basics import (BINARY, BUILD, DAY, DEADLINE, HERE, HOST, LIBEXEC, ROOT, VERSION, alive, mode, need_inspection, new_id,
+                    parent, read, wait_until, write)
 from client import Client, RpcError, client_context, compact, frame
 from displays import Displays
 from launch import Launch
