@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
@@ -67,6 +68,26 @@ bool isLoopback(const End &end)
     in6_addr address = {};
     std::memcpy(&address, end.address.data(), sizeof address);
     return IN6_IS_ADDR_LOOPBACK(&address);
+}
+
+/** Whether an interface of this host has the address. */
+bool isOurAddress(const End &end)
+{
+    ifaddrs *all = nullptr;
+    if (::getifaddrs(&all) != 0) {
+        return false;
+    }
+    bool isOurs = false;
+    for (const ifaddrs *entry = all; entry != nullptr && !isOurs; entry = entry->ifa_next) {
+        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != end.family) {
+            continue;
+        }
+        sockaddr_storage storage = {};
+        std::memcpy(&storage, entry->ifa_addr, end.family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+        isOurs = endFromAddress(storage).address == end.address;
+    }
+    ::freeifaddrs(all);
+    return isOurs;
 }
 
 struct Question
@@ -176,5 +197,6 @@ TcpPeer findTcpPeer(int descriptor)
     case Found::No:
         break;
     }
-    return isLoopback(*there) ? TcpPeer::OtherUser : TcpPeer::OtherHost;
+    // A socket that is bound to a device is not found. So an address of this host counts, too.
+    return isLoopback(*there) || isOurAddress(*there) ? TcpPeer::OtherUser : TcpPeer::OtherHost;
 }

@@ -24,8 +24,12 @@ public:
      */
     [[nodiscard]] unsigned char confineServant() const;
 
-    /** Confines a visitor's process further: it starts nothing, and signals nobody. In the servant's child only. */
-    void confineVisitor() const;
+    /**
+     * Confines a visitor's process further: it starts nothing, and signals nobody. In the servant's child only.
+     *
+     * @return false if the kernel filters calls, but could not do it here
+     */
+    [[nodiscard]] bool confineVisitor() const;
 
 private:
     std::vector<sock_filter> servantFilter;

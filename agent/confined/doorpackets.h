@@ -20,7 +20,7 @@ inline constexpr char kEnd = 'E';         ///< the id of a visitor whose process
 // From the servant to the agent, once.
 inline constexpr char kConfined = 'K'; ///< a byte of ConfinementFlag
 // From a visitor's process to the agent, over its control socket.
-inline constexpr char kSign = 'S';     ///< how the bytes are padded (a SignaturePadding), and the bytes
+inline constexpr char kSign = 'S';     ///< a HandshakeSignature
 inline constexpr char kResponse = 'R'; ///< the 16 bytes with which the visitor answered the challenge
 inline constexpr char kInside = 'I';   ///< the visitor has been told that it is accepted; and kOverTls or kOverTcp
 inline constexpr char kRefused = 'F';  ///< the visitor has been refused: a RefusalCause
@@ -39,8 +39,6 @@ enum ConfinementFlag : unsigned char {
     kCallsAreFiltered = 1,
     kFilesAreHidden = 2,
 };
-
-enum class SignaturePadding : char { Pkcs1 = '1', None = '0' };
 
 /** Why a visitor's process has refused the visitor. */
 enum class RefusalCause : char {

@@ -107,8 +107,9 @@ private:
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::close(agent);
         ::close(ended);
-        confinement.confineVisitor();
-        serveVisitor(client, control, order, identity.get());
+        if (confinement.confineVisitor()) {
+            serveVisitor(client, control, order, identity.get());
+        }
         ::_exit(0);
     }
 

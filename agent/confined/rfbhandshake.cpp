@@ -151,6 +151,7 @@ void RfbHandshake::receiveVersion(const std::string &version)
     if (numberAt(version, 4) != 3) {
         refuseVersion("This version of the protocol is not supported");
     } else if (offer.turnsAway || (!offer.tls && !offer.plain && !offer.none)) {
+        isOtherType = !offer.turnsAway;
         refuseVersion(offer.reason);
     } else {
         sendSecurityTypes();

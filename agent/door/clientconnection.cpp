@@ -5,10 +5,6 @@
 #include <chrono>
 #include <utility>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 
@@ -18,15 +14,6 @@ constexpr qint64 kChunkBytes = 64 * 1024;
 /** Bytes written that the other side has not taken yet. One direction costs about this and the read buffer. */
 constexpr qint64 kMaxUnsentBytes = 256 * 1024;
 constexpr qint64 kReadBufferBytes = 256 * 1024;
-
-/**
- * A client whose machine has vanished is noticed after 90 seconds of silence, or after 60 seconds in which it confirms
- * no bytes that we send.
- */
-constexpr int kKeepaliveIdleSeconds = 60;
-constexpr int kKeepaliveIntervalSeconds = 10;
-constexpr int kKeepaliveProbes = 3;
-constexpr int kUnconfirmedMilliseconds = 60000;
 
 /** Copies as many bytes as fit. @return false when @p to takes none */
 bool copy(QIODevice *from, QIODevice *to)
@@ -44,11 +31,6 @@ bool copy(QIODevice *from, QIODevice *to)
     return true;
 }
 
-void setTcpOption(int socket, int option, int value)
-{
-    ::setsockopt(socket, IPPROTO_TCP, option, &value, sizeof value);
-}
-
 } // namespace
 
 ClientConnection::ClientConnection(int descriptor, const QString &address, QObject *parent)
@@ -56,7 +38,7 @@ ClientConnection::ClientConnection(int descriptor, const QString &address, QObje
 {
     // Qt takes a local socket as well.
     client.setSocketDescriptor(descriptor);
-    configureClientSocket();
+    client.setReadBufferSize(kReadBufferBytes);
     connect(&client, &QTcpSocket::readyRead, this, &ClientConnection::copyToBackend);
     connect(&client, &QTcpSocket::bytesWritten, this, &ClientConnection::copyToClient);
     connect(&client, &QTcpSocket::disconnected, this, [this] { end(u"The client closed the connection"_s); });
@@ -71,19 +53,6 @@ ClientConnection::~ClientConnection()
     if (backend) {
         backend->disconnect(this);
     }
-}
-
-void ClientConnection::configureClientSocket()
-{
-    client.setReadBufferSize(kReadBufferBytes);
-    client.setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    client.setSocketOption(QAbstractSocket::KeepAliveOption, 1);
-    const int descriptor = static_cast<int>(client.socketDescriptor());
-    // A local socket refuses these, and needs none.
-    setTcpOption(descriptor, TCP_KEEPIDLE, kKeepaliveIdleSeconds);
-    setTcpOption(descriptor, TCP_KEEPINTVL, kKeepaliveIntervalSeconds);
-    setTcpOption(descriptor, TCP_KEEPCNT, kKeepaliveProbes);
-    setTcpOption(descriptor, TCP_USER_TIMEOUT, kUnconfirmedMilliseconds);
 }
 
 void ClientConnection::start(const QString &backendPath)

@@ -29,7 +29,6 @@ public:
     void start(const QString &backendPath) override;
 
 private:
-    void configureClientSocket();
     void Opening_opened();
     void copyToBackend();
     void copyToClient();

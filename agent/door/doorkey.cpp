@@ -7,12 +7,11 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
-#include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 #include <QFile>
-#include <QPointer>
 
+#include <chrono>
 #include <utility>
 
 #include <sys/stat.h>
@@ -23,9 +22,10 @@ namespace {
 
 using BioPtr = std::unique_ptr<BIO, decltype(&BIO_free)>;
 using CertificatePtr = std::unique_ptr<X509, decltype(&X509_free)>;
-using ContextPtr = std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)>;
 
 constexpr int kMaxFileBytes = 1024 * 1024;
+/** How long a pair that cannot be used is not read again. */
+constexpr std::chrono::milliseconds kRetryPause(5000);
 
 /** Supplies no pass phrase: without this, OpenSSL would ask on the terminal for that of an encrypted key. */
 int noPassPhrase(char *, int, int, void *)
@@ -42,23 +42,14 @@ BioPtr memory(const QByteArray &text)
 bool readTrusted(const QString &path, QByteArray *text, QString *error)
 {
     FoundPath found;
-    return followTrustedPath(path, &found, error) == PathTrust::Trusted &&
-           readFile(QFile::decodeName(found.path), kMaxFileBytes, text, error);
-}
-
-QByteArray signature(EVP_PKEY *key, const QByteArray &bytes, bool isPadded)
-{
-    const ContextPtr context(EVP_PKEY_CTX_new(key, nullptr), &EVP_PKEY_CTX_free);
-    size_t length = static_cast<size_t>(EVP_PKEY_get_size(key));
-    QByteArray result(static_cast<qsizetype>(length), Qt::Uninitialized);
-    const bool isSigned =
-        context && EVP_PKEY_sign_init(context.get()) == 1 &&
-        EVP_PKEY_CTX_set_rsa_padding(context.get(), isPadded ? RSA_NO_PADDING : RSA_PKCS1_PADDING) == 1 &&
-        EVP_PKEY_sign(context.get(), reinterpret_cast<unsigned char *>(result.data()), &length,
-                      reinterpret_cast<const unsigned char *>(bytes.constData()),
-                      static_cast<size_t>(bytes.size())) == 1;
-    ERR_clear_error();
-    return isSigned ? result.first(static_cast<qsizetype>(length)) : QByteArray();
+    if (followTrustedPath(path, &found, error) != PathTrust::Trusted) {
+        return false;
+    }
+    if (!S_ISREG(found.status.st_mode)) {
+        *error = notRegularFileError(path); // opening a pipe would stop us for ever
+        return false;
+    }
+    return readFile(QFile::decodeName(found.path), kMaxFileBytes, text, error);
 }
 
 } // namespace
@@ -84,36 +75,49 @@ bool DoorKey::refresh()
     }
     const Stamp newCertificate = stampOf(certificatePath);
     const Stamp newKey = stampOf(keyPath);
-    if (newCertificate == certificateStamp && newKey == keyStamp) {
+    // What was wrong may have nothing to do with the files themselves, for example a folder above them.
+    const bool mayRetry = sinceFailure.isValid() && sinceFailure.hasExpired(kRetryPause.count());
+    if (newCertificate == certificateStamp && newKey == keyStamp && !mayRetry) {
         return false;
     }
     certificateStamp = newCertificate;
     keyStamp = newKey;
-    const QByteArray before = certificate;
-    load();
+    const QByteArray before = std::exchange(certificate, {});
+    key.reset();
+    QString problem;
+    if (load(&problem)) {
+        sinceFailure.invalidate();
+    } else {
+        sinceFailure.start();
+    }
+    if (!problem.isEmpty() && problem != lastProblem) {
+        logMessage(LogWarning, u"Viewers get no TLS: %1"_s.arg(problem));
+    }
+    lastProblem = problem;
     return certificate != before;
 }
 
 /** Leaves no pair when anything is wrong: half of the old one and half of the new one would fail each handshake. */
-void DoorKey::load()
+bool DoorKey::load(QString *error)
 {
-    certificate.clear();
-    key.reset();
     QByteArray certificateText;
     QByteArray keyText;
-    QString error;
-    if (!readTrusted(keyPath, &keyText, &error) || !readTrusted(certificatePath, &certificateText, &error)) {
-        logMessage(LogWarning, u"Viewers get no TLS: %1"_s.arg(error));
-        return;
+    if (!readTrusted(keyPath, &keyText, error) || !readTrusted(certificatePath, &certificateText, error)) {
+        return false;
     }
     const CertificatePtr x509(PEM_read_bio_X509(memory(certificateText).get(), nullptr, &noPassPhrase, nullptr),
                               &X509_free);
     const std::shared_ptr<EVP_PKEY> pkey(
         PEM_read_bio_PrivateKey(memory(keyText).get(), nullptr, &noPassPhrase, nullptr), &EVP_PKEY_free);
-    if (!x509 || !pkey || X509_check_private_key(x509.get(), pkey.get()) != 1) {
-        ERR_clear_error();
-        logMessage(LogWarning, u"Viewers get no TLS: the certificate and the key do not belong together"_s);
-        return;
+    const bool areTogether = x509 && pkey && X509_check_private_key(x509.get(), pkey.get()) == 1;
+    ERR_clear_error();
+    if (!areTogether) {
+        *error = u"the certificate and the key do not belong together"_s;
+        return false;
+    }
+    if (EVP_PKEY_get_base_id(pkey.get()) != EVP_PKEY_RSA) {
+        *error = u"the key is no RSA key"_s;
+        return false;
     }
     // Written again, because the file may hold more than the certificate.
     const BioPtr text(BIO_new(BIO_s_mem()), &BIO_free);
@@ -122,21 +126,26 @@ void DoorKey::load()
     const long length = BIO_get_mem_data(text.get(), &bytes);
     certificate = QByteArray(bytes, length);
     key = pkey;
+    return true;
 }
 
-void DoorKey::sign(const QByteArray &bytes, bool isPadded, QObject *context, std::function<void(QByteArray)> done)
+void DoorKey::sign(const HandshakeSignature &request, std::weak_ptr<void> wanted,
+                   std::function<void(const std::string &)> done)
 {
     if (!key) {
         done({});
         return;
     }
-    signers.start([this, bytes, isPadded, signer = key, guard = QPointer(context), done = std::move(done)] {
-        const QByteArray result = signature(signer.get(), bytes, isPadded);
+    signers.start([this, request, wanted = std::move(wanted), signer = key, done = std::move(done)] {
+        if (wanted.expired()) {
+            return; // a flood leaves many that nobody waits for any more
+        }
+        const std::string signature = request.sign(signer.get());
         QMetaObject::invokeMethod(
             this,
-            [result, guard, done] {
-                if (guard) {
-                    done(result);
+            [signature, wanted, done] {
+                if (!wanted.expired()) {
+                    done(signature);
                 }
             },
             Qt::QueuedConnection);

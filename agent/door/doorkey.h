@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "agent/confined/handshakesignature.h"
+
 #include <openssl/types.h>
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QObject>
 #include <QString>
 #include <QThreadPool>
 
 #include <functional>
 #include <memory>
+#include <string>
 
 /**
  * The server's certificate and private key, as far as the front door needs them: the certificate to show, and
@@ -32,13 +36,13 @@ public:
     [[nodiscard]] const QByteArray &certificatePem() const { return certificate; }
 
     /**
-     * Does one operation with the private key.
+     * Makes a signature. One that is not a server's is refused.
      *
-     * @param isPadded  whether @p bytes are padded to the length of the key already; if not, PKCS#1 is used
-     * @param context   @p done is not called any more once this object is destroyed
-     * @param done      gets the signature; an empty one on failure. Called on the main thread
+     * @param wanted  if it has expired when its turn comes, no signature is made, and @p done is not called
+     * @param done    gets the signature; an empty one on failure. Called on the main thread
      */
-    void sign(const QByteArray &bytes, bool isPadded, QObject *context, std::function<void(QByteArray)> done);
+    void sign(const HandshakeSignature &request, std::weak_ptr<void> wanted,
+              std::function<void(const std::string &)> done);
 
 private:
     /** What tells a replaced file. */
@@ -51,13 +55,15 @@ private:
         bool operator==(const Stamp &) const = default;
     };
     [[nodiscard]] static Stamp stampOf(const QString &path);
-    void load();
+    [[nodiscard]] bool load(QString *error);
 
     const QString certificatePath;
     const QString keyPath;
     Stamp certificateStamp;
     Stamp keyStamp;
     QByteArray certificate;
+    QString lastProblem;        ///< logged once, until it changes
+    QElapsedTimer sinceFailure; ///< running after a failure, which may be over any moment
     std::shared_ptr<EVP_PKEY> key;
     QThreadPool signers; ///< one thread
 };

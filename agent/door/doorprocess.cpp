@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -90,9 +91,10 @@ bool DoorProcess::start(QString *error)
         ::close(ends[0]);
         return false;
     }
-    // Sending waits: the queue holds few packets, and the program takes each at once. A frozen one counts as dead.
-    constexpr timeval kLongestWait = {5, 0};
+    // The queue holds few packets, and the program takes each at once. Never wait long: the session stands meanwhile.
+    constexpr timeval kLongestWait = {0, 200000};
     ::setsockopt(ends[0], SOL_SOCKET, SO_SNDTIMEO, &kLongestWait, sizeof kLongestWait);
+    process = started;
     socket = ends[0];
     notifier = std::make_unique<QSocketNotifier>(socket, QSocketNotifier::Read);
     connect(notifier.get(), &QSocketNotifier::activated, this, &DoorProcess::Notifier_activated);
@@ -103,9 +105,10 @@ bool DoorProcess::start(QString *error)
 void DoorProcess::stop()
 {
     if (socket != -1) {
-        notifier->setEnabled(false);        // its socket is closed before it is
-        notifier.release()->deleteLater();  // we may be in its signal
-        ::close(std::exchange(socket, -1)); // it ends, and so do its visitors
+        notifier->setEnabled(false);       // its socket is closed before it is
+        notifier.release()->deleteLater(); // we may be in its signal
+        ::close(std::exchange(socket, -1));
+        ::kill(process, SIGKILL); // its visitors end with it; not reaped before, because only the event loop does that
     }
 }
 

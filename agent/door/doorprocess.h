@@ -8,6 +8,8 @@
 
 #include <memory>
 
+#include <sys/types.h>
+
 class QSocketNotifier;
 
 /**
@@ -35,6 +37,7 @@ private:
     const QByteArray program;
     QByteArray certificate;
     int socket = -1; ///< to the program; -1: it does not run
+    pid_t process = -1;
     bool hasWarned = false;
     std::unique_ptr<QSocketNotifier> notifier;
 };

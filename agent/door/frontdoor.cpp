@@ -110,8 +110,19 @@ void FrontDoor::close()
 
 void FrontDoor::disconnectClients()
 {
-    const std::vector<std::unique_ptr<ViewerClient>> leaving = std::exchange(clients, {});
+    // A visitor that has used its password but has not been told yet counts as a client. No handshake goes on, because
+    // its visitor knew a password from before.
+    const Handshakes waiting = std::exchange(handshakes, {});
     QStringList addresses;
+    for (const std::unique_ptr<HandshakeConnection> &handshake : waiting) {
+        handshake->abandon();
+        if (handshake->isAccepted()) {
+            const QString address = withoutIPv4Mapping(handshake->visitor().address).toString();
+            emit clientAuthenticated(address, handshake->password());
+            addresses.append(address);
+        }
+    }
+    const std::vector<std::unique_ptr<ViewerClient>> leaving = std::exchange(clients, {});
     for (const std::unique_ptr<ViewerClient> &client : leaving) {
         addresses.append(client->address());
     }
@@ -223,7 +234,8 @@ void FrontDoor::addAuthenticated(HandshakeConnection *handshake, const QByteArra
         addClient(std::make_unique<ConfinedClient>(visit, address, helpers.reception), password);
         return;
     }
-    ::close(visit.control); // its process has done its part
+    helpers.reception->end(visit.id); // its process has done its part
+    ::close(visit.control);
     addClient(std::make_unique<ClientConnection>(visit.client, address), password);
 }
 
@@ -247,7 +259,7 @@ void FrontDoor::removeHandshake(const HandshakeConnection *handshake)
 void FrontDoor::keepStrangersWithin(qsizetype limit, bool onlyReceived)
 {
     QList<QHostAddress> addresses;
-    QList<const HandshakeConnection *> strangers;
+    QList<HandshakeConnection *> strangers;
     for (const std::unique_ptr<HandshakeConnection> &handshake : handshakes) {
         const bool mayGo = !handshake->visitor().isOurs() && !handshake->isAccepted();
         if (mayGo && (handshake->isReceived() || !onlyReceived)) {

@@ -29,8 +29,16 @@ constexpr char kLockedReason[] = "Too many wrong passwords, try again later";
 constexpr char kNeedsTlsReason[] = "This session takes no unencrypted connections from other hosts. Use \"zarvoctl "
                                    "connect\", or a viewer with TLS (security type X509Vnc).";
 
-/** The longest input of a signature: a hash with its name, or the length of a key. */
-constexpr size_t kMaxSignedBytes = 1024;
+constexpr auto kBrokenRules = "Its process broke the rules"_L1;
+
+/** What a visitor is told that gets no offer, or takes none. */
+std::string reasonFor(const VisitorOrder &order)
+{
+    if (order.turnsAway) {
+        return kLockedReason;
+    }
+    return order.offersPlain ? "" : kNeedsTlsReason;
+}
 
 QString textOf(char cause)
 {
@@ -74,14 +82,28 @@ HandshakeConnection::HandshakeConnection(int client, const Visitor &who_, const 
 HandshakeConnection::~HandshakeConnection()
 {
     notifier.reset();
+    closeAll();
+}
+
+void HandshakeConnection::closeAll()
+{
+    interest.reset();
     if (visit.control != -1) {
         helpers.reception->end(visit.id);
-        ::close(visit.control);
+        ::close(std::exchange(visit.control, -1));
     }
     if (visit.client != -1) {
         ::shutdown(visit.client, SHUT_RDWR); // the process may have it too
-        ::close(visit.client);
+        ::close(std::exchange(visit.client, -1));
     }
+}
+
+void HandshakeConnection::abandon()
+{
+    isFinished = true;
+    deadline.stop();
+    notifier.reset();
+    closeAll();
 }
 
 Visit HandshakeConnection::takeVisit()
@@ -116,7 +138,7 @@ void HandshakeConnection::beReceived()
     order.offersTls = !helpers.key->certificatePem().isEmpty();
     order.offersPlain = who.mayBePlain;
     order.challenge.assign(challenge.constData(), static_cast<size_t>(challenge.size()));
-    order.reason = order.turnsAway ? kLockedReason : who.mayBePlain ? "" : kNeedsTlsReason;
+    order.reason = reasonFor(order);
     QString error;
     const bool isReceivedNow = helpers.reception->receive(order, visit.client, ends[1], &error);
     ::close(ends[1]);
@@ -151,26 +173,23 @@ void HandshakeConnection::takePacket(const std::string &packet)
         isTls = packet.size() == 2 && packet[1] == DoorPacket::kOverTls;
         isInside = true;
         finish({});
-    } else if (packet.front() == DoorPacket::kRefused && packet.size() == 2) {
+    } else if (packet.front() == DoorPacket::kRefused && packet.size() == 2 && !std::exchange(hasRefused, true)) {
         refusal = refusal.isEmpty() ? textOf(packet[1]) : refusal;
         deadline.start(limits.longest); // to take the answer
     } else {
-        finish(u"Its process broke the rules"_s);
+        finish(kBrokenRules);
     }
 }
 
 void HandshakeConnection::sign(const std::string &packet)
 {
-    constexpr size_t kHeaderBytes = 2;
-    if (packet.size() <= kHeaderBytes || packet.size() > kHeaderBytes + kMaxSignedBytes) {
-        finish(u"Its process broke the rules"_s);
+    const std::optional<HandshakeSignature> request = HandshakeSignature::fromPacket(packet);
+    if (!request || !request->isServers()) {
+        finish(kBrokenRules);
         return;
     }
-    const QByteArray bytes(packet.data() + kHeaderBytes, static_cast<qsizetype>(packet.size() - kHeaderBytes));
-    const bool isPadded = packet[1] == static_cast<char>(SignaturePadding::None);
-    helpers.key->sign(bytes, isPadded, this, [this](const QByteArray &signature) {
-        const std::string answer = DoorPacket::kSignature + signature.toStdString();
-        if (!isFinished && !sendPacket(visit.control, answer)) {
+    helpers.key->sign(*request, interest, [this](const std::string &signature) {
+        if (!isFinished && !sendPacket(visit.control, DoorPacket::kSignature + signature)) {
             finish(refusal);
         }
     });

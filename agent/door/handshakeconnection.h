@@ -64,8 +64,16 @@ public:
     /** Whether a process serves it, which costs more than a socket. */
     [[nodiscard]] bool isReceived() const { return visit.control != -1; }
 
+    /**
+     * Closes the connection without a signal. Not in its own signals. A notifier that fires later would use up a
+     * password for nobody.
+     */
+    void abandon();
+
     /** Whether a password is used up for it. */
     [[nodiscard]] bool isAccepted() const { return !usedPassword.isEmpty(); }
+    /** That password. */
+    [[nodiscard]] const QByteArray &password() const { return usedPassword; }
 
     /** Whether the visitor uses TLS, so its process stays. After authenticated(). */
     [[nodiscard]] bool usesTls() const { return isTls; }
@@ -89,6 +97,7 @@ private:
     void judge(const QByteArray &response);
     void refuse(const std::string &reason);
     void finish(const QString &reason);
+    void closeAll();
 
     Visitor who;
     HandshakeHelpers helpers;
@@ -99,6 +108,8 @@ private:
     QString refusal;         ///< why the visitor was refused
     std::unique_ptr<QSocketNotifier> notifier;
     QTimer deadline;
+    std::shared_ptr<int> interest = std::make_shared<int>(0); ///< expires when no signature is wanted any more
+    bool hasRefused = false;
     bool hasSigned = false;
     bool hasJudged = false;
     bool isInside = false; ///< the visitor has been told that it is accepted

@@ -43,18 +43,3 @@ TlsPair TlsPair::make()
     });
     return pair;
 }
-
-QByteArray signedWith(EVP_PKEY *key, const QByteArray &bytes, bool isPadded)
-{
-    const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(EVP_PKEY_CTX_new(key, nullptr),
-                                                                              &EVP_PKEY_CTX_free);
-    QByteArray result(EVP_PKEY_get_size(key), Qt::Uninitialized);
-    size_t length = static_cast<size_t>(result.size());
-    const bool isSigned =
-        EVP_PKEY_sign_init(context.get()) == 1 &&
-        EVP_PKEY_CTX_set_rsa_padding(context.get(), isPadded ? RSA_NO_PADDING : RSA_PKCS1_PADDING) == 1 &&
-        EVP_PKEY_sign(context.get(), reinterpret_cast<unsigned char *>(result.data()), &length,
-                      reinterpret_cast<const unsigned char *>(bytes.constData()),
-                      static_cast<size_t>(bytes.size())) == 1;
-    return isSigned ? result.first(static_cast<qsizetype>(length)) : QByteArray();
-}

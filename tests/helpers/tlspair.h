@@ -17,6 +17,3 @@ struct TlsPair
     /** Takes a few hundred milliseconds. Ends the process on failure. */
     [[nodiscard]] static TlsPair make();
 };
-
-/** One operation with the key @p key: PKCS#1 of @p bytes, or of bytes that are padded already. Empty on failure. */
-[[nodiscard]] QByteArray signedWith(EVP_PKEY *key, const QByteArray &bytes, bool isPadded);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "agent/confined/doorpackets.h"
+#include "agent/confined/handshakesignature.h"
 #include "agent/confined/packet.h"
 #include "tests/helpers/tlspair.h"
 
@@ -88,10 +89,8 @@ private:
     void answer(const std::string &packet) const
     {
         if (packet.front() == DoorPacket::kSign) {
-            const bool isPadded = packet[1] == static_cast<char>(SignaturePadding::None);
-            const QByteArray bytes = QByteArray::fromStdString(packet.substr(2));
-            const QByteArray signature = key != nullptr ? signedWith(key, bytes, isPadded) : QByteArray();
-            send(DoorPacket::kSignature + signature.toStdString());
+            const std::optional<HandshakeSignature> request = HandshakeSignature::fromPacket(packet);
+            send(DoorPacket::kSignature + (key != nullptr && request ? request->sign(key) : std::string()));
         } else if (packet.front() == DoorPacket::kResponse) {
             send(verdict);
         } else if (packet == std::string{DoorPacket::kInside, DoorPacket::kOverTls}) {

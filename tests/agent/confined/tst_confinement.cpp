@@ -148,7 +148,9 @@ std::optional<int> resultConfined(Place place, const std::function<int()> &attem
     if (child == 0) {
         [[maybe_unused]] const unsigned char done = confinement.confineServant();
         if (place == Place::Visitor) {
-            confinement.confineVisitor();
+            if (!confinement.confineVisitor()) {
+                ::_exit(99);
+            }
         }
         ::_exit(attempt());
     }

@@ -14,6 +14,9 @@
 
 #include <memory>
 #include <optional>
+#include <string>
+
+#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 
@@ -37,11 +40,19 @@ private:
         putFile(keyPath(), keyOf.keyPem);
     }
 
-    /** Signs and waits for the result. */
-    QByteArray sign(const QByteArray &bytes, bool isPadded)
+    /** What a server of TLS 1.3 signs. */
+    static HandshakeSignature request()
     {
-        std::optional<QByteArray> result;
-        key->sign(bytes, isPadded, this, [&result](const QByteArray &signature) {
+        return {true, 256,
+                std::string(64, ' ') + std::string("TLS 1.3, server CertificateVerify\0", 34) + std::string(32, 'h')};
+    }
+
+    /** Signs and waits for the result. */
+    std::string sign(const HandshakeSignature &wanted = request())
+    {
+        const auto interest = std::make_shared<int>(0);
+        std::optional<std::string> result;
+        key->sign(wanted, interest, [&result](const std::string &signature) {
             QVERIFY(QThread::currentThread() == QCoreApplication::instance()->thread());
             result = signature;
         });
@@ -49,20 +60,16 @@ private:
         return result.value_or("no result");
     }
 
-    /** What @p signature was made of, by the public half of the key. */
-    static QByteArray recovered(const TlsPair &pair, const QByteArray &signature, int padding)
+    static bool isSignedBy(const TlsPair &pair, const std::string &signature)
     {
-        const std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(
-            EVP_PKEY_CTX_new(pair.key.get(), nullptr), &EVP_PKEY_CTX_free);
-        QByteArray bytes(EVP_PKEY_get_size(pair.key.get()), Qt::Uninitialized);
-        size_t length = static_cast<size_t>(bytes.size());
-        const bool isDone =
-            EVP_PKEY_verify_recover_init(context.get()) == 1 &&
-            EVP_PKEY_CTX_set_rsa_padding(context.get(), padding) == 1 &&
-            EVP_PKEY_verify_recover(context.get(), reinterpret_cast<unsigned char *>(bytes.data()), &length,
-                                    reinterpret_cast<const unsigned char *>(signature.constData()),
-                                    static_cast<size_t>(signature.size())) == 1;
-        return isDone ? bytes.first(static_cast<qsizetype>(length)) : QByteArray();
+        const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+        EVP_PKEY_CTX *keyContext = nullptr;
+        const std::string content = request().content;
+        return EVP_DigestVerifyInit(context.get(), &keyContext, EVP_sha256(), nullptr, pair.key.get()) == 1 &&
+               EVP_PKEY_CTX_set_rsa_padding(keyContext, RSA_PKCS1_PSS_PADDING) == 1 &&
+               EVP_DigestVerify(context.get(), reinterpret_cast<const unsigned char *>(signature.data()),
+                                signature.size(), reinterpret_cast<const unsigned char *>(content.data()),
+                                content.size()) == 1;
     }
 
 private slots:
@@ -105,7 +112,7 @@ private slots:
         put(second, second);
         QVERIFY(key->refresh());
         QCOMPARE(key->certificatePem(), second.certificatePem);
-        QCOMPARE(recovered(second, sign("text", false), RSA_PKCS1_PADDING), QByteArray("text"));
+        QVERIFY(isSignedBy(second, sign()));
     }
 
     // Whoever replaces the pair replaces one file first.
@@ -116,7 +123,7 @@ private slots:
         putFile(certificatePath(), second.certificatePem);
         QVERIFY(key->refresh());
         QVERIFY(key->certificatePem().isEmpty());
-        QCOMPARE(sign("text", false), QByteArray());
+        QCOMPARE(sign(), std::string());
         putFile(keyPath(), second.keyPem);
         QVERIFY(key->refresh());
         QCOMPARE(key->certificatePem(), second.certificatePem);
@@ -129,7 +136,7 @@ private slots:
         QFile::remove(keyPath());
         QVERIFY(key->refresh());
         QVERIFY(key->certificatePem().isEmpty());
-        QCOMPARE(sign("text", false), QByteArray());
+        QCOMPARE(sign(), std::string());
     }
 
     void missingPairIsToldOnce()
@@ -209,35 +216,33 @@ private slots:
         QVERIFY(log->lines.isEmpty());
     }
 
-    void bytesAreSignedBothWays()
+    void serversHandshakeIsSigned()
     {
         put(first, first);
         QVERIFY(key->refresh());
-        QCOMPARE(recovered(first, sign("a hash", false), RSA_PKCS1_PADDING), QByteArray("a hash"));
-        QByteArray padded(256, 'p');
-        padded[0] = '\0'; // below the modulus
-        QCOMPARE(recovered(first, sign(padded, true), RSA_NO_PADDING), padded);
+        QVERIFY(isSignedBy(first, sign()));
+        QVERIFY(!isSignedBy(second, sign()));
     }
 
-    void bytesOfTheWrongLengthAreNotSigned()
+    // With a client's signature an attacker could log in at the server.
+    void clientsHandshakeIsNotSigned()
     {
         put(first, first);
         QVERIFY(key->refresh());
-        QCOMPARE(sign(QByteArray(255, '\0'), true), QByteArray());
-        QCOMPARE(sign(QByteArray(257, '\0'), true), QByteArray());
-        QCOMPARE(sign(QByteArray(246, 'x'), false), QByteArray()); // no room for the padding
-        QCOMPARE(sign(QByteArray(245, 'x'), false).size(), 256);
+        HandshakeSignature wanted = request();
+        wanted.content.replace(wanted.content.find("server"), 6, "client");
+        QCOMPARE(sign(wanted), std::string());
     }
 
-    void destroyedContextHearsNothing()
+    void signatureThatNobodyWantsIsNotTold()
     {
         put(first, first);
         QVERIFY(key->refresh());
-        auto context = std::make_unique<QObject>();
+        auto interest = std::make_shared<int>(0);
         bool isCalled = false;
-        key->sign("text", false, context.get(), [&isCalled](const QByteArray &) { isCalled = true; });
-        context.reset();
-        QCOMPARE(sign("text", false).size(), 256); // signed after it
+        key->sign(request(), interest, [&isCalled](const std::string &) { isCalled = true; });
+        interest.reset();
+        QVERIFY(isSignedBy(first, sign())); // signed after it
         QVERIFY(!isCalled);
     }
 
@@ -245,13 +250,23 @@ private slots:
     {
         put(first, first);
         QVERIFY(key->refresh());
+        const auto interest = std::make_shared<int>(0);
         bool isCalled = false;
         for (int i = 0; i < 20; ++i) {
-            key->sign("text", false, this, [&isCalled](const QByteArray &) { isCalled = true; });
+            key->sign(request(), interest, [&isCalled](const std::string &) { isCalled = true; });
         }
         key.reset();
         QCoreApplication::processEvents();
         QVERIFY(!isCalled);
+    }
+
+    void pipeInPlaceOfTheKeyIsRefused()
+    {
+        putFile(certificatePath(), first.certificatePem);
+        QCOMPARE(::mkfifo(QFile::encodeName(keyPath()).constData(), 0600), 0);
+        QVERIFY(!key->refresh());
+        QVERIFY(log->lines.last().contains(u"Not a regular file"_s));
+        QFile::remove(keyPath());
     }
 };
 
