@@ -52,6 +52,7 @@ class Memory(accounts.AccountTestCase, agentsession.AgentTestCase):
         instance = self.prepare(agent=False, account=self.owner)
         libexec = os.path.join(accounts.published(), "libexec", "zarvo")
         instance.environment["PATH"] = instance.environment["PATH"].replace(":", f":{libexec}:", 1)
+        instance.environment["ASAN_OPTIONS"] += ":disable_coredump=0"  # which would lower the limits itself
         return instance
 
     def serve(self):
