@@ -68,6 +68,8 @@ public:
         const Visitor visitor = {QHostAddress(QHostAddress::LocalHost), TcpPeer::OtherHost, true};
         const HandshakeHelpers helpers = {&reception, &key, &passwords, &limiter};
         handshake = std::make_unique<HandshakeConnection>(descriptor, visitor, helpers, HandshakeLimits{20s, 0ms});
+        QObject::connect(handshake.get(), &HandshakeConnection::knocked, handshake.get(),
+                         &HandshakeConnection::receive);
         QObject::connect(handshake.get(), &HandshakeConnection::authenticated, handshake.get(),
                          [this](const QByteArray &used) { letIn(used); });
         QObject::connect(handshake.get(), &HandshakeConnection::failed, handshake.get(), [this] { ++failures; });

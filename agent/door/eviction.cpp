@@ -7,6 +7,9 @@
 #include <QHash>
 
 #include <algorithm>
+#include <iterator>
+#include <numeric>
+#include <utility>
 
 namespace {
 
@@ -26,31 +29,55 @@ QHostAddress prefixOf(const QHostAddress &address)
     return QHostAddress(network);
 }
 
+using Groups = QHash<QHostAddress, Places>;
+
+template <typename GroupOf>
+Groups groupsOf(const QList<QHostAddress> &strangers, const Places &all, GroupOf groupOf)
+{
+    Groups groups;
+    for (const qsizetype place : all) {
+        groups[groupOf(strangers[place])].append(place);
+    }
+    return groups;
+}
+
+Places anyGroup(const Groups &groups, QRandomGenerator *random)
+{
+    return std::next(groups.cbegin(), random->bounded(groups.size())).value();
+}
+
+Places placesOf(const QList<QHostAddress> &strangers)
+{
+    Places all(strangers.size());
+    std::iota(all.begin(), all.end(), qsizetype{0});
+    return all;
+}
+
 /** The places, of @p all, whose address belongs to the group that has most; one at random among equals. */
 template <typename GroupOf>
 Places biggestGroup(const QList<QHostAddress> &strangers, const Places &all, GroupOf groupOf, QRandomGenerator *random)
 {
-    QHash<QHostAddress, Places> groups;
-    for (const qsizetype place : all) {
-        groups[groupOf(strangers[place])].append(place);
-    }
+    Groups groups = groupsOf(strangers, all, groupOf);
     qsizetype most = 0;
     for (const Places &group : std::as_const(groups)) {
         most = std::max(most, group.size());
     }
     groups.removeIf([most](const auto &group) { return group.value().size() < most; });
-    return std::next(groups.cbegin(), random->bounded(groups.size())).value();
+    return anyGroup(groups, random);
 }
 
 } // namespace
 
 qsizetype chooseEvicted(const QList<QHostAddress> &strangers, QRandomGenerator *random)
 {
-    Places all;
-    for (qsizetype place = 0; place < strangers.size(); ++place) {
-        all.append(place);
-    }
-    const Places prefix = biggestGroup(strangers, all, prefixOf, random);
+    const Places prefix = biggestGroup(strangers, placesOf(strangers), prefixOf, random);
     const Places address = biggestGroup(strangers, prefix, countedAddress, random);
+    return address[random->bounded(address.size())];
+}
+
+qsizetype chooseServed(const QList<QHostAddress> &strangers, QRandomGenerator *random)
+{
+    const Places prefix = anyGroup(groupsOf(strangers, placesOf(strangers), prefixOf), random);
+    const Places address = anyGroup(groupsOf(strangers, prefix, countedAddress), random);
     return address[random->bounded(address.size())];
 }

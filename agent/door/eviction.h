@@ -14,3 +14,12 @@
  * @return an index
  */
 [[nodiscard]] qsizetype chooseEvicted(const QList<QHostAddress> &strangers, QRandomGenerator *random);
+
+/**
+ * Chooses which of several waiting strangers is served next: one at random, of an address at random, of a network
+ * prefix at random. So a flood from one network takes no more turns than a single stranger of another one.
+ *
+ * @param strangers  their addresses, at least one
+ * @return an index
+ */
+[[nodiscard]] qsizetype chooseServed(const QList<QHostAddress> &strangers, QRandomGenerator *random);

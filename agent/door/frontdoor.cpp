@@ -62,6 +62,8 @@ FrontDoor::FrontDoor(const HandshakeHelpers &helpers_, QString backendPath_, Doo
     connect(&listener, &TcpListener::accepted, this, &FrontDoor::Listener_accepted);
     connect(&listener, &TcpListener::acceptError, this, &FrontDoor::Listener_acceptError);
     connect(&refusalPause, &QTimer::timeout, this, &FrontDoor::RefusalPause_timeout);
+    connect(&receptionTurn, &QTimer::timeout, this, &FrontDoor::ReceptionTurn_timeout);
+    receptionTurn.setInterval(kReceptionTurn);
     refusalPause.setSingleShot(true);
     refusalPause.setInterval(kRefusalPause);
 }
@@ -201,8 +203,47 @@ void FrontDoor::addHandshake(int descriptor, const Visitor &visitor)
         }
         removeHandshake(raw);
     });
+    connect(raw, &HandshakeConnection::knocked, this, [this, raw] {
+        if (raw->visitor().isOurs()) {
+            raw->receive();
+        } else {
+            receiveStrangers();
+        }
+    });
     connect(raw, &HandshakeConnection::received, this, [this] { keepStrangersWithin(kMaxReceived, true); });
     handshakes.push_back(std::move(handshake));
+}
+
+/** Serves those that wait, as many as may be now. */
+void FrontDoor::receiveStrangers()
+{
+    while (receptionsLeft > 0) {
+        QList<QHostAddress> addresses;
+        QList<HandshakeConnection *> waiting;
+        for (const std::unique_ptr<HandshakeConnection> &handshake : handshakes) {
+            if (handshake->isWaiting()) {
+                addresses.append(handshake->visitor().address);
+                waiting.append(handshake.get());
+            }
+        }
+        if (waiting.isEmpty()) {
+            break;
+        }
+        --receptionsLeft;
+        waiting[chooseServed(addresses, QRandomGenerator::global())]->receive();
+    }
+    if (receptionsLeft < kReceivedAtOnce && !receptionTurn.isActive()) {
+        receptionTurn.start();
+    }
+}
+
+void FrontDoor::ReceptionTurn_timeout()
+{
+    receptionsLeft = std::min(receptionsLeft + kReceivedPerTurn, kReceivedAtOnce);
+    receiveStrangers();
+    if (receptionsLeft == kReceivedAtOnce) {
+        receptionTurn.stop();
+    }
 }
 
 void FrontDoor::logRefusal(const QHostAddress &address, const QString &reason)

@@ -14,6 +14,7 @@
 #include <QStringList>
 #include <QTimer>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -42,6 +43,13 @@ public:
     static constexpr qsizetype kMaxStrangers = 256;
     /** How many of them may be served by a process at one time. */
     static constexpr qsizetype kMaxReceived = 32;
+    /**
+     * Strangers for whom a process is started at once. Then more are started at kReceivedPerTurn each kReceptionTurn,
+     * because a flood that speaks would keep both processors busy with it.
+     */
+    static constexpr int kReceivedAtOnce = 32;
+    static constexpr int kReceivedPerTurn = 2;
+    static constexpr std::chrono::milliseconds kReceptionTurn{20};
     /** The user's own handshakes at one time. None is evicted; one more connection is closed at once. */
     static constexpr qsizetype kMaxOwn = 256;
     /** Clients at one time; one more connection is closed at once. */
@@ -95,6 +103,8 @@ private:
     void addHandshake(int descriptor, const Visitor &visitor);
     void addAuthenticated(HandshakeConnection *handshake, const QByteArray &password);
     void addClient(std::unique_ptr<ViewerClient> client, const QByteArray &password);
+    void receiveStrangers();
+    void ReceptionTurn_timeout();
     void removeHandshake(const HandshakeConnection *handshake);
     void keepStrangersWithin(qsizetype limit, bool onlyReceived);
     void removeClient(const ViewerClient *client, const QString &reason);
@@ -106,6 +116,8 @@ private:
     TcpListener listener;
     std::unique_ptr<LocalEndpoint> localEndpoint;
     bool isOpen = false;
+    QTimer receptionTurn; ///< active until all kReceivedAtOnce are possible again
+    int receptionsLeft = kReceivedAtOnce;
     QTimer refusalPause; ///< active while refusals are only counted
     int unloggedRefusals = 0;
     Handshakes handshakes;

@@ -118,13 +118,15 @@ void HandshakeConnection::Client_activated()
     char byte = 0;
     const ssize_t length = ::recv(visit.client, &byte, 1, MSG_PEEK);
     if (length > 0) {
-        beReceived();
+        notifier->setEnabled(false); // a process reads what has come
+        hasKnocked = true;
+        emit knocked();
     } else if (length == 0 || (errno != EAGAIN && errno != EINTR)) {
         finish({});
     }
 }
 
-void HandshakeConnection::beReceived()
+void HandshakeConnection::receive()
 {
     std::array<int, 2> ends = {};
     if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0) {

@@ -61,6 +61,10 @@ public:
     ~HandshakeConnection() override;
 
     [[nodiscard]] const Visitor &visitor() const { return who; }
+    /** Whether the visitor has sent something and waits for receive(). */
+    [[nodiscard]] bool isWaiting() const { return hasKnocked && !isReceived(); }
+    /** Starts a process for the visitor. To be called once, after knocked(). */
+    void receive();
     /** Whether a process serves it, which costs more than a socket. */
     [[nodiscard]] bool isReceived() const { return visit.control != -1; }
 
@@ -81,6 +85,8 @@ public:
     [[nodiscard]] Visit takeVisit();
 
 signals:
+    /** The visitor has sent something. */
+    void knocked();
     /** A process serves the visitor from now on. The receiver may destroy the connection. */
     void received();
     /** The visitor has used up @p password. */
@@ -91,7 +97,6 @@ signals:
 private:
     void Client_activated();
     void Control_activated();
-    void beReceived();
     void takePacket(const std::string &packet);
     void sign(const std::string &packet);
     void judge(const QByteArray &response);
@@ -109,6 +114,7 @@ private:
     std::unique_ptr<QSocketNotifier> notifier;
     QTimer deadline;
     std::shared_ptr<int> interest = std::make_shared<int>(0); ///< expires when no signature is wanted any more
+    bool hasKnocked = false;
     bool hasRefused = false;
     bool hasSigned = false;
     bool hasJudged = false;

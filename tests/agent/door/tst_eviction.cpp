@@ -92,6 +92,17 @@ private slots:
             QVERIFY(count > 1700 && count < 2300); // 2000 expected, with a deviation of 39
         }
     }
+
+    void floodFromOneNetworkTakesNoMoreTurnsThanOneStranger()
+    {
+        QList<QHostAddress> strangers(99, QHostAddress(u"192.0.2.1"_s));
+        strangers.append(QHostAddress(u"198.51.100.1"_s));
+        int turns = 0;
+        for (int i = 0; i < 1000; ++i) {
+            turns += chooseServed(strangers, &random) == 99 ? 1 : 0;
+        }
+        QVERIFY(turns > 400 && turns < 600);
+    }
 };
 
 ZARVO_TEST(EvictionTest)

@@ -87,6 +87,7 @@ private:
         const int descriptor = ::fcntl(static_cast<int>(socket->socketDescriptor()), F_DUPFD_CLOEXEC, 0);
         handshake = std::make_unique<HandshakeConnection>(
             descriptor, visitor, HandshakeHelpers{usedReception, key.get(), &passwords, limiter.get()}, limits);
+        connect(handshake.get(), &HandshakeConnection::knocked, handshake.get(), &HandshakeConnection::receive);
     }
 
     void showCertificate()
