@@ -27,7 +27,7 @@ QByteArray prefixFor(const QString &id)
 
 bool isOurFile(const struct stat &status)
 {
-    return S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink == 1;
+    return S_ISREG(status.st_mode) && status.st_uid == ::geteuid();
 }
 
 bool isPrivateFolder(const QByteArray &path)
@@ -103,11 +103,24 @@ int InstanceFiles::open(const QByteArray &path, int create)
     return descriptor;
 }
 
-InstanceFiles::Locking InstanceFiles::lock(int descriptor, int kind)
+InstanceFiles::Locking InstanceFiles::lock(int descriptor, const QByteArray &path, int kind)
 {
-    struct stat status = {};
     if (::flock(descriptor, kind | LOCK_NB) != 0) {
         return errno == EWOULDBLOCK ? Locking::Held : Locking::Failed;
     }
-    return ::fstat(descriptor, &status) == 0 && status.st_nlink == 1 ? Locking::Locked : Locking::Failed;
+    return isAt(descriptor, path) ? Locking::Locked : Locking::Failed;
+}
+
+bool InstanceFiles::isAt(int descriptor, const QByteArray &path)
+{
+    struct stat ours = {};
+    struct stat there = {};
+    return ::fstat(descriptor, &ours) == 0 && ::lstat(path.constData(), &there) == 0 && ours.st_dev == there.st_dev &&
+           ours.st_ino == there.st_ino;
+}
+
+bool InstanceFiles::hasOneName(int descriptor)
+{
+    struct stat status = {};
+    return ::fstat(descriptor, &status) == 0 && status.st_nlink == 1;
 }

@@ -43,9 +43,18 @@ public:
     /**
      * @param kind  LOCK_EX, or LOCK_SH to find out whether another process holds the file. Processes that only look do
      *              not disturb each other then
-     * @return Failed also if the file was removed after it had been opened: its lock says nothing about other processes
+     * @return Failed also if @p path names another file now: our lock says nothing about other processes then
      */
-    [[nodiscard]] static Locking lock(int descriptor, int kind);
+    [[nodiscard]] static Locking lock(int descriptor, const QByteArray &path, int kind);
+
+    /** Whether the path still names the open file. Somebody may have removed or moved it. */
+    [[nodiscard]] static bool isAt(int descriptor, const QByteArray &path);
+
+    /**
+     * False if the file has several hard links. A stranger may have made one, where fs.protected_hardlinks is 0: of a
+     * lock file, or under our prefix of any other file of the user. So only a file with one name may be written to.
+     */
+    [[nodiscard]] static bool hasOneName(int descriptor);
 
 private:
     QByteArray namePrefix;

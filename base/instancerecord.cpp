@@ -27,22 +27,6 @@ QByteArray contents(int descriptor)
     return text;
 }
 
-/** The record of the process that has locked the file. */
-std::optional<InstanceRecord> holderOf(const QByteArray &path)
-{
-    const int descriptor = InstanceFiles::open(path, 0);
-    if (descriptor == -1) {
-        return std::nullopt;
-    }
-    std::optional<InstanceRecord> record;
-    // Read after the lock was seen: before, the text may be that of a process which has ended.
-    if (InstanceFiles::lock(descriptor, LOCK_SH) == InstanceFiles::Locking::Held) {
-        record = parseInstanceRecord(contents(descriptor));
-    }
-    ::close(descriptor);
-    return record;
-}
-
 } // namespace
 
 InstanceRecord InstanceRecord::ofThisProcess()
@@ -97,13 +81,31 @@ std::optional<InstanceRecord> parseInstanceRecord(const QByteArray &text)
     }
 }
 
+bool isLockHeld(const QByteArray &path, std::optional<InstanceRecord> *holder)
+{
+    holder->reset();
+    const int descriptor = InstanceFiles::open(path, 0);
+    if (descriptor == -1) {
+        return false;
+    }
+    const bool isHeld = InstanceFiles::lock(descriptor, path, LOCK_SH) == InstanceFiles::Locking::Held;
+    // Read after the lock was seen: before, the text may be that of a process which has ended.
+    if (isHeld) {
+        *holder = parseInstanceRecord(contents(descriptor));
+    }
+    // A stranger's hard link could be to a file that an unrelated program of the user has locked.
+    const bool isLockFile = holder->has_value() || InstanceFiles::hasOneName(descriptor);
+    ::close(descriptor);
+    return isHeld && isLockFile;
+}
+
 QList<InstanceRecord> lockHolders(const InstanceFiles &files)
 {
     QList<InstanceRecord> holders;
     for (const QByteArray &folder : files.folders()) {
         files.forEach(folder, [&holders, &folder](const char *name) {
-            const std::optional<InstanceRecord> record = holderOf(folder + '/' + name);
-            if (record && !holders.contains(*record)) {
+            std::optional<InstanceRecord> record;
+            if (isLockHeld(folder + '/' + name, &record) && record && !holders.contains(*record)) {
                 holders.append(*record);
             }
             return true;

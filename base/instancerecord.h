@@ -34,6 +34,13 @@ struct InstanceRecord
 [[nodiscard]] std::optional<InstanceRecord> parseInstanceRecord(const QByteArray &text);
 
 /**
+ * Whether another process holds the lock file. Locked files with several hard links count only if they contain a
+ * record.
+ * @param holder  null if the process has not written its record yet, or could not
+ */
+[[nodiscard]] bool isLockHeld(const QByteArray &path, std::optional<InstanceRecord> *holder);
+
+/**
  * The records in the files that processes hold locked now. One process is listed once, although it has a file in each
  * folder. Empty also for a process that has not written its record yet. Callable from any thread; never waits.
  */

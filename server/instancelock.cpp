@@ -5,6 +5,9 @@
 
 #include <QRandomGenerator>
 
+#include <optional>
+#include <utility>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -33,17 +36,16 @@ public:
     }
     ~File()
     {
-        struct stat ours = {};
-        struct stat there = {};
-        const QByteArray path = folder + '/' + name;
         // A cleaner may have removed it meanwhile, and another process may have made one of this name.
-        if (::fstat(descriptor, &ours) == 0 && ::lstat(path.constData(), &there) == 0 && ours.st_dev == there.st_dev &&
-            ours.st_ino == there.st_ino) {
-            ::unlink(path.constData());
+        if (isThere()) {
+            ::unlink(path().constData());
         }
         ::close(descriptor);
     }
     Q_DISABLE_COPY_MOVE(File)
+
+    [[nodiscard]] bool isThere() const { return InstanceFiles::isAt(descriptor, path()); }
+    [[nodiscard]] const QByteArray &place() const { return folder; }
 
     void refresh() const { ::futimens(descriptor, nullptr); }
 
@@ -61,6 +63,8 @@ public:
     }
 
 private:
+    [[nodiscard]] QByteArray path() const { return folder + '/' + name; }
+
     const int descriptor;
     const QByteArray folder;
     const QByteArray name;
@@ -102,6 +106,17 @@ void InstanceLock::refresh() const
     }
 }
 
+void InstanceLock::restore()
+{
+    for (std::unique_ptr<File> &file : held) {
+        std::unique_ptr<File> next;
+        if (!file->isThere() && lockIn(file->place(), &next) && next) {
+            next->write(record);
+            file = std::move(next);
+        }
+    }
+}
+
 InstanceLock::Result InstanceLock::tryTake()
 {
     if (isHeldElsewhere()) {
@@ -110,8 +125,12 @@ InstanceLock::Result InstanceLock::tryTake()
     // From here on, another process counts as running only in the next round, without locks of our own. Two processes
     // could otherwise see each other's locks and both end.
     for (const QByteArray &folder : files.folders()) {
-        if (!takeIn(folder)) {
+        std::unique_ptr<File> file;
+        if (!lockIn(folder, &file)) {
             return Result::Lost;
+        }
+        if (file) {
+            held.push_back(std::move(file));
         }
     }
     // Two processes may have locked files of different names, because a stranger put something under the usual name
@@ -120,9 +139,9 @@ InstanceLock::Result InstanceLock::tryTake()
         return Result::Lost;
     }
     removeStaleFiles();
-    const QByteArray text = textOf(InstanceRecord::ofThisProcess());
+    record = textOf(InstanceRecord::ofThisProcess());
     for (const std::unique_ptr<File> &file : held) {
-        file->write(text);
+        file->write(record);
     }
     return Result::Taken;
 }
@@ -131,15 +150,12 @@ bool InstanceLock::isHeldElsewhere() const
 {
     bool found = false;
     for (const QByteArray &folder : files.folders()) {
+        if (found) {
+            break;
+        }
         files.forEach(folder, [this, &found, &folder](const char *name) {
-            if (holds(folder, name)) {
-                return true;
-            }
-            const int descriptor = InstanceFiles::open(folder + '/' + name, 0);
-            found = found || (descriptor != -1 && InstanceFiles::lock(descriptor, LOCK_SH) == Locking::Held);
-            if (descriptor != -1) {
-                ::close(descriptor);
-            }
+            std::optional<InstanceRecord> holder;
+            found = !holds(folder, name) && isLockHeld(folder + '/' + name, &holder);
             return !found;
         });
     }
@@ -153,7 +169,7 @@ void InstanceLock::removeStaleFiles() const
             const QByteArray path = folder + '/' + name;
             const int descriptor = holds(folder, name) ? -1 : InstanceFiles::open(path, 0);
             if (descriptor != -1) {
-                if (InstanceFiles::lock(descriptor, LOCK_EX) == Locking::Locked) {
+                if (InstanceFiles::lock(descriptor, path, LOCK_EX) == Locking::Locked) {
                     ::unlink(path.constData());
                 }
                 ::close(descriptor);
@@ -163,11 +179,16 @@ void InstanceLock::removeStaleFiles() const
     }
 }
 
-bool InstanceLock::takeIn(const QByteArray &folder)
+bool InstanceLock::lockIn(const QByteArray &folder, std::unique_ptr<File> *file) const
 {
     // The usual name first: processes that start at the same time then meet at one file, and the kernel decides.
     QByteArray name = files.prefix() + "0.lock";
     int descriptor = InstanceFiles::open(folder + '/' + name, O_CREAT);
+    if (descriptor != -1 && InstanceFiles::isAt(descriptor, folder + '/' + name) &&
+        !InstanceFiles::hasOneName(descriptor)) {
+        ::close(descriptor); // a stranger's hard link, perhaps to a document of the user
+        descriptor = -1;
+    }
     if (descriptor == -1) {
         // Nobody can guess this name, so nobody can have taken it.
         name = files.prefix() + QByteArray::number(QRandomGenerator::system()->generate64(), 16) + ".lock";
@@ -176,13 +197,14 @@ bool InstanceLock::takeIn(const QByteArray &folder)
     if (descriptor == -1) {
         return true; // the folder is full or cannot be written to; the others have to do
     }
-    if (InstanceFiles::lock(descriptor, LOCK_EX) != Locking::Locked) {
+    if (InstanceFiles::lock(descriptor, folder + '/' + name, LOCK_EX) != Locking::Locked ||
+        !InstanceFiles::hasOneName(descriptor)) {
         ::close(descriptor);
         return false;
     }
     // What a killed process has left there would name the wrong process now.
     [[maybe_unused]] const int emptied = ::ftruncate(descriptor, 0);
-    held.push_back(std::make_unique<File>(descriptor, folder, name));
+    *file = std::make_unique<File>(descriptor, folder, name);
     return true;
 }
 

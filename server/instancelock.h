@@ -35,14 +35,24 @@ public:
      */
     void refresh() const;
 
+    /**
+     * Makes each lock file again that was removed or moved, because new processes find only files that have their name.
+     * To be called every few seconds as long as the lock is held. A file that another process has made and locked
+     * meanwhile is left to it.
+     */
+    void restore();
+
 private:
     class File;
     enum class Result { Taken, Elsewhere, Lost }; ///< Lost: a race with another start, so it is worth another round
 
     Result tryTake();
     [[nodiscard]] bool isHeldElsewhere() const;
-    /** Takes the lock in one folder, unless another process has it there or the file has gone meanwhile. */
-    [[nodiscard]] bool takeIn(const QByteArray &folder);
+    /**
+     * Locks a file in one folder. Returns false if another process has it there or the file has gone meanwhile.
+     * @param file  stays null if the folder can have no file
+     */
+    [[nodiscard]] bool lockIn(const QByteArray &folder, std::unique_ptr<File> *file) const;
     /** Removes the files that killed processes have left. */
     void removeStaleFiles() const;
     void release();
@@ -50,4 +60,5 @@ private:
 
     const InstanceFiles files;
     std::vector<std::unique_ptr<File>> held;
+    QByteArray record; ///< what the files say about this process
 };

@@ -10,6 +10,9 @@ namespace {
 /** Programs that remove old files from /tmp wait for days. */
 constexpr auto kRefreshInterval = 6h;
 
+/** While all lock files are missing, a second server can start. A check costs two system calls for each folder. */
+constexpr auto kRestoreInterval = 5s;
+
 } // namespace
 
 QtSingleCoreApplication::QtSingleCoreApplication(const QString &id_, int &argc, char **argv)
@@ -17,6 +20,7 @@ QtSingleCoreApplication::QtSingleCoreApplication(const QString &id_, int &argc, 
     , lock(id_, InstanceFiles::standardFolders())
 {
     connect(&refreshTimer, &QTimer::timeout, this, [this] { lock.refresh(); });
+    connect(&restoreTimer, &QTimer::timeout, this, [this] { lock.restore(); });
 }
 
 bool QtSingleCoreApplication::isRunning()
@@ -24,6 +28,7 @@ bool QtSingleCoreApplication::isRunning()
     const bool isOurs = lock.take();
     if (isOurs && !refreshTimer.isActive()) {
         refreshTimer.start(kRefreshInterval);
+        restoreTimer.start(kRestoreInterval);
     }
     return !isOurs;
 }

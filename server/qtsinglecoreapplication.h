@@ -25,4 +25,5 @@ public:
 private:
     InstanceLock lock;
     QTimer refreshTimer;
+    QTimer restoreTimer;
 };

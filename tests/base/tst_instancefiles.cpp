@@ -48,11 +48,11 @@ private slots:
         const int first = InstanceFiles::open(path, O_CREAT);
         const int second = InstanceFiles::open(path, 0);
         QVERIFY(first != -1 && second != -1);
-        QCOMPARE(InstanceFiles::lock(first, LOCK_EX), InstanceFiles::Locking::Locked);
-        QCOMPARE(InstanceFiles::lock(second, LOCK_SH), InstanceFiles::Locking::Held);
+        QCOMPARE(InstanceFiles::lock(first, path, LOCK_EX), InstanceFiles::Locking::Locked);
+        QCOMPARE(InstanceFiles::lock(second, path, LOCK_SH), InstanceFiles::Locking::Held);
         ::close(first);
         QVERIFY(QFile::remove(QFile::decodeName(path)));
-        QCOMPARE(InstanceFiles::lock(second, LOCK_SH), InstanceFiles::Locking::Failed);
+        QCOMPARE(InstanceFiles::lock(second, path, LOCK_SH), InstanceFiles::Locking::Failed);
         ::close(second);
     }
 

@@ -68,7 +68,7 @@ private slots:
         putFile(QFile::decodeName(stem + "0.lock"), textOf(record));
         QCOMPARE(lockHolders(files), QList<InstanceRecord>());
         const int descriptor = InstanceFiles::open(stem + "0.lock", 0);
-        QCOMPARE(InstanceFiles::lock(descriptor, LOCK_EX), InstanceFiles::Locking::Locked);
+        QCOMPARE(InstanceFiles::lock(descriptor, stem + "0.lock", LOCK_EX), InstanceFiles::Locking::Locked);
         QCOMPARE(lockHolders(files), QList<InstanceRecord>{record});
         QCOMPARE(lockHolders(InstanceFiles(u"zarvo_other"_s, files.folders())), QList<InstanceRecord>());
         QCOMPARE(::ftruncate(descriptor, 6), 0); // as it is while the holder writes it

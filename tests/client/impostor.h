@@ -52,7 +52,7 @@ private:
             record.environment.append(variable.toLocal8Bit());
         }
         const QByteArray text = textOf(record);
-        if (lock == -1 || InstanceFiles::lock(lock, LOCK_EX) != InstanceFiles::Locking::Locked ||
+        if (lock == -1 || InstanceFiles::lock(lock, lockPath, LOCK_EX) != InstanceFiles::Locking::Locked ||
             ::write(lock, text.constData(), static_cast<size_t>(text.size())) != text.size()) {
             qFatal("The process gets no lock");
         }

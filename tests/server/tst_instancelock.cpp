@@ -51,6 +51,11 @@ private slots:
     void oneOfManyThreadsGetsTheLock_data();
     void oneOfManyThreadsGetsTheLock();
     void filesNameTheProcessWhileItHoldsThem();
+    void removedFilesAreMadeAgain();
+    void movedFileIsMadeAgain();
+    void restoreLeavesTheFileOfAnotherProcess();
+    void hardLinkDoesNotLiftTheLock();
+    void hardLinkToAnotherFileIsNoLock();
 
 private:
     [[nodiscard]] QList<QByteArray> both() const { return {folder(u"first"_s), folder(u"second"_s)}; }
@@ -341,6 +346,83 @@ void TestInstanceLock::filesNameTheProcessWhileItHoldsThem()
         QCOMPARE(lockHolders(files), QList<InstanceRecord>{InstanceRecord::ofThisProcess()});
     }
     QCOMPARE(lockHolders(files), QList<InstanceRecord>());
+}
+
+void TestInstanceLock::removedFilesAreMadeAgain()
+{
+    InstanceLock lock(kId, both());
+    QVERIFY(lock.take());
+    for (const QString &name : {u"first"_s, u"second"_s}) {
+        QVERIFY(QFile::remove(dir->filePath(name + u'/' + filesIn(name).first())));
+    }
+    lock.restore();
+    for (const QString &name : {u"first"_s, u"second"_s}) {
+        QCOMPARE(filesIn(name).size(), 1);
+        QVERIFY(!InstanceLock(kId, {folder(name)}).take());
+        QCOMPARE(lockHolders(InstanceFiles(kId, {folder(name)})),
+                 QList<InstanceRecord>{InstanceRecord::ofThisProcess()});
+    }
+}
+
+void TestInstanceLock::movedFileIsMadeAgain()
+{
+    const QList<QByteArray> one = {folder(u"first"_s)};
+    {
+        InstanceLock lock(kId, one);
+        QVERIFY(lock.take());
+        QVERIFY(QFile::rename(dir->filePath(u"first/"_s + filesIn(u"first"_s).first()), dir->filePath(u"moved"_s)));
+        lock.restore();
+        QVERIFY(!InstanceLock(kId, one).take());
+        lock.restore(); // has nothing to do
+        QCOMPARE(filesIn(u"first"_s).size(), 1);
+    }
+    QCOMPARE(filesIn(u"first"_s), QStringList());
+}
+
+void TestInstanceLock::restoreLeavesTheFileOfAnotherProcess()
+{
+    const QList<QByteArray> one = {folder(u"first"_s)};
+    InstanceLock lock(kId, one);
+    QVERIFY(lock.take());
+    QVERIFY(QFile::remove(dir->filePath(u"first/"_s + filesIn(u"first"_s).first())));
+    {
+        InstanceLock other(kId, one);
+        QVERIFY(other.take());
+        lock.restore();
+        QCOMPARE(filesIn(u"first"_s).size(), 1);
+    }
+    lock.restore();
+    QVERIFY(!InstanceLock(kId, one).take());
+}
+
+void TestInstanceLock::hardLinkDoesNotLiftTheLock()
+{
+    const QList<QByteArray> one = {folder(u"first"_s)};
+    const QByteArray path = usualPath(u"first"_s);
+    {
+        InstanceLock lock(kId, one);
+        QVERIFY(lock.take());
+        QCOMPARE(::link(path.constData(), (path + ".link").constData()), 0);
+        QVERIFY(!InstanceLock(kId, one).take());
+        QCOMPARE(lockHolders(InstanceFiles(kId, one)), QList<InstanceRecord>{InstanceRecord::ofThisProcess()});
+    }
+    InstanceLock next(kId, one);
+    QVERIFY(next.take());
+    QCOMPARE(filesIn(u"first"_s).size(), 1);
+}
+
+void TestInstanceLock::hardLinkToAnotherFileIsNoLock()
+{
+    const QList<QByteArray> one = {folder(u"first"_s)};
+    const QByteArray path = usualPath(u"first"_s);
+    const QString document = dir->filePath(u"document"_s);
+    putFile(document, "text");
+    lockFile(QFile::encodeName(document)); // by another program of the user
+    QCOMPARE(::link(QFile::encodeName(document).constData(), path.constData()), 0);
+    InstanceLock lock(kId, one);
+    QVERIFY(lock.take());
+    QCOMPARE(contentOf(document), "text");
+    QVERIFY(!InstanceLock(kId, one).take());
 }
 
 ZARVO_TEST(TestInstanceLock)

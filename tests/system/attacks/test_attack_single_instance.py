@@ -129,6 +129,26 @@ class SingleInstance(accounts.AccountTestCase):
                 os.unlink(os.path.join(folder, name))
         self.assert_second_ends(TMPDIR=self.temp)
 
+    def test_removed_files_are_made_again(self):
+        self.first.start()
+        for folder in ("/tmp", self.temp):
+            for name in self.locks(folder):
+                os.unlink(os.path.join(folder, name))
+        zarvo.wait_until(lambda: self.locks("/tmp") and self.locks(self.temp), "new lock files")
+        self.assert_second_ends()
+        self.assert_second_ends(TMPDIR=self.temp)
+        self.assertEqual(self.first.stop(), 0)
+        self.assertEqual(self.locks("/tmp") + self.locks(self.temp), [])
+
+    def test_hard_links_do_not_lift_the_lock(self):
+        self.first.start()
+        # What strangers can do where fs.protected_hardlinks is 0.
+        for folder in ("/tmp", self.temp):
+            for name in self.locks(folder):
+                os.link(os.path.join(folder, name), os.path.join(folder, name + ".link"))
+        self.assert_second_ends()
+        self.assert_second_ends(TMPDIR=self.temp)
+
     def test_runtime_folder_that_others_can_write_to_is_not_used(self):
         path = self.runtime_folder()
         os.chmod(path, 0o777)
