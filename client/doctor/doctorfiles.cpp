@@ -208,6 +208,11 @@ QList<Finding> checkUserPath(const DoctorInput &input)
 
 QList<Finding> checkCertificate(const DoctorInput &input)
 {
+    QString error;
+    // Also without a pair: no server starts while others can write to the folder of its key.
+    if (!isTrusted(input.files.keyPath(), &error) || !isTrusted(input.files.certificatePath(), &error)) {
+        return {failed(error, u"Remove the rights of the others, and renew the certificate: they may know its key"_s)};
+    }
     const auto exists = [&input] { return QFile::exists(input.files.certificatePath()); };
     if (!exists()) {
         // Checked again after the status was read: a server creates it before it writes its port.
@@ -221,10 +226,6 @@ QList<Finding> checkCertificate(const DoctorInput &input)
     }
     QByteArray certificate;
     QByteArray key;
-    QString error;
-    if (!isTrusted(input.files.keyPath(), &error) || !isTrusted(input.files.certificatePath(), &error)) {
-        return {failed(error, u"Remove the rights of the others, and renew the certificate: they may know its key"_s)};
-    }
     if (!readFile(input.files.certificatePath(), kMaxPemBytes, &certificate, &error) ||
         !readFile(input.files.keyPath(), kMaxPemBytes, &key, &error)) {
         return {failed(error, renewal())};

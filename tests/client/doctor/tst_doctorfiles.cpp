@@ -226,6 +226,21 @@ private slots:
         QCOMPARE(found(), u"FAIL \"%1\" holds no certificate"_s.arg(certificatePath));
     }
 
+    void untrustedFolderIsAFailureBeforeThereIsAPair()
+    {
+        const DoctorSurroundings surroundings;
+        putFile(surroundings.path("zarvo/another"), "");
+        const QString folder = surroundings.path("zarvo");
+        QCOMPARE(::chmod(QFile::encodeName(folder).constData(), 0777), 0);
+        const QList<Finding> findings = checkCertificate(surroundings.input());
+        QCOMPARE(texts(findings).size(), 1);
+        QVERIFY(texts(findings).first().startsWith(u"FAIL "_s));
+        QVERIFY(texts(findings).first().contains(u"others can write to \"%1\""_s.arg(folder)));
+        QVERIFY(haveRemedies(findings));
+        QCOMPARE(::chmod(QFile::encodeName(folder).constData(), 0700), 0);
+        QCOMPARE(texts(checkCertificate(surroundings.input())), QStringList{u"OK It is created at the first start"_s});
+    }
+
     void pairThatOthersCanReplaceIsAFailure()
     {
         const DoctorSurroundings surroundings;
