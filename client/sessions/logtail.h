@@ -13,7 +13,8 @@
 
 /**
  * The same for a log that is rotated: goes on in "NAME.old" if the log has too few lines. If there is only the old one,
- * the log is being rotated just now.
+ * the log is being rotated just now. Reads up to 32 MiB of each, and never leaves out lines in the middle.
+ * @param error  set on failure; also on success, if the old log is needed and cannot be read
  */
 [[nodiscard]] bool readRotatedTail(const QString &path, int lines, QString *text, QString *error);
 

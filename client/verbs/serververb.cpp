@@ -116,6 +116,9 @@ ExitCode log(const QCommandLineParser &line, ClientContext &context)
     if (!readRotatedTail(context.files.logPath(), lines, &text, &error)) {
         return context.console.report({ExitCode::NoServer, error + u'.'});
     }
+    if (!error.isEmpty()) {
+        context.console.note(u"zarvoctl server: %1."_s.arg(error));
+    }
     context.console.printForeign(text);
     return ExitCode::Done;
 }

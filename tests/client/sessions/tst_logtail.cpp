@@ -3,6 +3,7 @@
 #include "tests/helpers/files.h"
 #include "tests/testmain.h"
 
+#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
@@ -75,6 +76,58 @@ private slots:
         QVERIFY(readRotatedTail(folder.filePath(u"log"_s), lines, &text, &error));
         QTEST(text, "tail");
         QVERIFY(QFile::remove(folder.filePath(u"log.old"_s)));
+    }
+
+    void noLineIsLeftOutInTheMiddle_data()
+    {
+        QTest::addColumn<int>("lines");
+        QTest::addColumn<int>("expected");
+        QTest::newRow("all") << 0 << 400000;
+        QTest::newRow("more than a MiB") << 150000 << 150000;
+        QTest::newRow("more than the latest") << 250000 << 250000;
+        QTest::newRow("more than there are") << 500000 << 400000;
+    }
+    void noLineIsLeftOutInTheMiddle()
+    {
+        QFETCH(const int, lines);
+        QFETCH(const int, expected);
+        QByteArray all;
+        for (int number = 0; number < 400000; ++number) {
+            all += QByteArray::number(number).rightJustified(15, '0') + '\n';
+        }
+        putFile(folder.filePath(u"log.old"_s), all.first(all.size() / 2));
+        putFile(folder.filePath(u"log"_s), all.sliced(all.size() / 2));
+        QString text;
+        QString error;
+        QVERIFY(readRotatedTail(folder.filePath(u"log"_s), lines, &text, &error));
+        QVERIFY(text == QString::fromUtf8(all.last(qsizetype(expected) * 16)));
+        QVERIFY(QFile::remove(folder.filePath(u"log.old"_s)));
+    }
+
+    void oldLogBeforeAHoleIsLeftOut()
+    {
+        putFile(folder.filePath(u"log.old"_s), "old\n");
+        putFile(folder.filePath(u"log"_s), QByteArray("0123456789abcde\n").repeated(3 * 1024 * 1024));
+        QString text;
+        QString error;
+        QVERIFY(readRotatedTail(folder.filePath(u"log"_s), 0, &text, &error));
+        QVERIFY(text.startsWith(u"0123456789abcde\n"_s));
+        QVERIFY(QFile::remove(folder.filePath(u"log.old"_s)));
+    }
+
+    void unreadableOldLogIsLeftOut()
+    {
+        QVERIFY(QDir(folder.path()).mkdir(u"log.old"_s)); // unreadable for root as well
+        putFile(folder.filePath(u"log"_s), "c\nd\n");
+        QString text;
+        QString error;
+        QVERIFY(readRotatedTail(folder.filePath(u"log"_s), 9, &text, &error));
+        QCOMPARE(text, u"c\nd\n"_s);
+        QVERIFY(error.contains(u"log.old"_s));
+        error.clear();
+        QVERIFY(readRotatedTail(folder.filePath(u"log"_s), 1, &text, &error));
+        QCOMPARE(error, QString());
+        QVERIFY(QDir(folder.path()).rmdir(u"log.old"_s));
     }
 
     void oldLogAloneIsRead()
