@@ -8,6 +8,7 @@
 #include "base/signalcatcher.h"
 #include "contract/application.h"
 #include "support/processhardening.h"
+#include "support/standardstreams.h"
 
 #include <QCoreApplication>
 
@@ -15,26 +16,12 @@
 #include <csignal>
 #include <cstdio>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
-
-/**
- * Opens /dev/null for each standard stream that is closed. Otherwise our first files and sockets would get these
- * numbers, and libraries would print into them.
- */
-void ensureStandardDescriptors()
-{
-    int descriptor = ::open("/dev/null", O_RDWR);
-    while (descriptor != -1 && descriptor <= STDERR_FILENO) {
-        descriptor = ::open("/dev/null", O_RDWR);
-    }
-    ::close(descriptor);
-}
 
 AgentExitCode report(const QString &error)
 {
@@ -106,7 +93,7 @@ int leave(ExitFile *exitFile, AgentExitCode code)
 int main(int argc, char **argv)
 {
     disableCoreFiles();
-    ensureStandardDescriptors();
+    ensureStandardStreams();
     ::umask(077);
     ::signal(SIGXFSZ, SIG_IGN); // so that a write beyond the file size limit fails and does not kill us
 

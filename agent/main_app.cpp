@@ -3,6 +3,7 @@
 #include "agent/session/agentfiles.h"
 #include "agent/session/agentoptions.h"
 #include "support/processhardening.h"
+#include "support/standardstreams.h"
 
 #include <QCoreApplication>
 
@@ -13,6 +14,7 @@ int main(int argc, char **argv)
 {
     disableCoreFiles();
     disableInspection();
+    ensureStandardStreams();
     const QCoreApplication application(argc, argv);
     if (argc != 2) {
         std::fprintf(stderr, "Usage: start-app COMMAND\n");

@@ -2,6 +2,7 @@
 #include "agent/display/xauthority.h"
 #include "agent/display/xpicture.h"
 #include "support/processhardening.h"
+#include "support/standardstreams.h"
 
 #include <charconv>
 #include <cstdio>
@@ -57,6 +58,7 @@ int main(int argc, char **argv)
 {
     disableCoreFiles();
     disableInspection();
+    ensureStandardStreams();
     const std::string_view display = argc == 4 ? argv[1] : "";
     unsigned number = 0;
     if (std::from_chars(display.data(), display.data() + display.size(), number).ptr !=

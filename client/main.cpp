@@ -5,6 +5,7 @@
 #include "client/verbs/verbtable.h"
 #include "contract/application.h"
 #include "support/processhardening.h"
+#include "support/standardstreams.h"
 
 #include <QCoreApplication>
 
@@ -91,6 +92,7 @@ int main(int argc, char **argv)
 {
     disableCoreFiles();
     disableInspection();
+    ensureStandardStreams();
     qInstallMessageHandler(dropQtMessage);
     const QCoreApplication application(argc, argv);
     nameApplication();

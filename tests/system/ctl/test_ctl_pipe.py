@@ -41,6 +41,14 @@ class Pipe(ctl.CtlTestCase):
         self.assertEqual((process.stdout.read(), process.stderr.read()), (b"", b""))
         self.assertEqual(process.wait(zarvo.DEADLINE), DONE)
 
+    def test_closed_input_is_an_end(self):
+        self.start(self.instance)
+        process = subprocess.Popen(["sh", "-c", 'exec "$0" pipe <&-', ctl.CTL], env=self.instance.environment,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(self.end, process)
+        output, errors = process.communicate(timeout=zarvo.DEADLINE)
+        self.assertEqual((output, errors, process.returncode), (GREETING, b"", DONE))
+
     def test_input_ends_before_all_answers_have_come(self):
         self.start(self.instance)
         process = self.pipe()
