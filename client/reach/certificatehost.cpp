@@ -2,10 +2,9 @@
 #include "client/reach/certificatehost.h"
 
 #include "client/reach/childrun.h"
-#include "client/terminal/textwidth.h"
+#include "client/reach/sshcommand.h"
 #include "support/json.h"
 
-#include <QProcess>
 #include <QRegularExpression>
 
 #include <chrono>
@@ -17,21 +16,6 @@ namespace {
 
 /** Time for a user to type a pass phrase, and for a server to end and start again. */
 constexpr auto kTimeout = 240s;
-constexpr int kSshFailed = 255;
-constexpr int kCommandNotFound = 127;
-
-QStringList sshCommand(const QString &host)
-{
-    const QStringList configured = QProcess::splitCommand(qEnvironmentVariable("ZARVO_SSH"));
-    // Whatever the user's settings say: the other host needs neither the user's keys nor his display.
-    return (configured.isEmpty() ? QStringList{u"ssh"_s} : configured) +
-           QStringList{u"-T"_s, u"-a"_s, u"-x"_s, u"-o"_s, u"ClearAllForwardings=yes"_s, u"--"_s, host};
-}
-
-QString lastLine(const QString &text)
-{
-    return printable(text.trimmed().section(u'\n', -1));
-}
 
 } // namespace
 
@@ -80,7 +64,7 @@ bool CertificateHost::run(const QStringList &arguments, const QByteArray &input,
 {
     ChildRun ssh;
     ssh.setInput(input);
-    if (!ssh.run(sshCommand(host) + QStringList{u"zarvoctl"_s, u"certificate"_s} + arguments, kTimeout)) {
+    if (!ssh.run(guardedSsh({}, host, QStringList{u"zarvoctl"_s, u"certificate"_s} + arguments), kTimeout)) {
         *error = ssh.problem();
         return false;
     }

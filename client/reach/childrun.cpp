@@ -6,6 +6,10 @@
 
 #include <QProcess>
 
+#include <csignal>
+
+#include <sys/prctl.h>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -18,6 +22,13 @@ constexpr int kKillMs = 2000;
 void keep(QByteArray *kept, const QByteArray &more)
 {
     kept->append(more.first(std::min(more.size(), kMaxOutputBytes - kept->size())));
+}
+
+/** Runs in the child, between fork and exec. */
+void prepareChild()
+{
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM); // an ssh must not go on if we are killed
+    restoreCoreFiles();
 }
 
 } // namespace
@@ -34,7 +45,7 @@ bool ChildRun::run(const QStringList &command, std::chrono::milliseconds timeout
     if (standardInput.isNull()) {
         process.setStandardInputFile(QProcess::nullDevice());
     }
-    process.setChildProcessModifier(restoreCoreFiles);
+    process.setChildProcessModifier(prepareChild);
     process.start(command.first(), command.sliced(1));
     if (!standardInput.isNull()) {
         process.write(standardInput);

@@ -2,11 +2,11 @@
 #include "client/reach/remotehost.h"
 
 #include "client/reach/childrun.h"
+#include "client/reach/sshcommand.h"
 #include "client/terminal/textwidth.h"
 #include "contract/sessionid.h"
 #include "support/json.h"
 
-#include <QProcess>
 #include <QRegularExpression>
 #include <QUrl>
 
@@ -20,15 +20,7 @@ namespace {
 /** Time for a user to type a pass phrase, and for the remote server and agent to answer. */
 constexpr auto kOfferTimeout = 180s;
 
-constexpr int kSshFailed = 255;
-constexpr int kCommandNotFound = 127;
 constexpr int kLastExitCode = static_cast<int>(ExitCode::NoViewer);
-
-QStringList sshCommand()
-{
-    const QStringList configured = QProcess::splitCommand(qEnvironmentVariable("ZARVO_SSH"));
-    return configured.isEmpty() ? QStringList{u"ssh"_s} : configured;
-}
 
 /** Locations come from other hosts, so they must contain no ssh option and no shell syntax. */
 bool isSafe(const QString &name)
@@ -48,11 +40,6 @@ QString writtenHost(const QString &location, const QUrl &url)
 bool failId(const QString &id, Failure *failure)
 {
     return fail(failure, ExitCode::NoSuchSession, u"\"%1\" is not a session id."_s.arg(printable(id)));
-}
-
-QString lastLine(const QString &text)
-{
-    return printable(text.trimmed().section(u'\n', -1));
 }
 
 } // namespace
@@ -124,17 +111,12 @@ Failure RemoteHost::explain(int exitCode, const QString &errors) const
 
 QStringList RemoteHost::sshTo(const QStringList &remoteCommand) const
 {
-    QStringList all = sshCommand();
-    all << u"-T"_s << u"-a"_s << u"-x"_s;
-    for (const auto *option : {"ClearAllForwardings=yes", "PermitLocalCommand=no", "RemoteCommand=none",
-                               "GSSAPIDelegateCredentials=no", "Tunnel=no"}) {
-        all << u"-o"_s << QString::fromLatin1(option);
-    }
+    QStringList options;
     if (port > 0) {
-        all << u"-p"_s << QString::number(port);
+        options << u"-p"_s << QString::number(port);
     }
     if (!user.isEmpty()) {
-        all << u"-l"_s << user;
+        options << u"-l"_s << user;
     }
-    return all + QStringList{u"--"_s, host} + remoteCommand;
+    return guardedSsh(options, host, remoteCommand);
 }

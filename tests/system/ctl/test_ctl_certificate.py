@@ -220,6 +220,7 @@ class RenewOnHosts(CertificateCase):
         self.near = self.prepare()
         self.far = {name: self.prepare() for name in ("far1", "far2")}
         self.log = os.path.join(self.near.top, "ssh-log")
+        self.waiting = os.path.join(self.near.top, "ssh-waits")
         folder = os.path.join(self.near.top, "hosts")
         os.mkdir(folder)
         for name, server in self.far.items():
@@ -227,22 +228,27 @@ class RenewOnHosts(CertificateCase):
         self.describe(folder, "same", self.near)
         script = os.path.join(self.near.top, "ssh")
         zarvo.write(script, f"""#!/bin/sh
-while [ "$1" != -- ]; do shift; done
+options=
+while [ "$1" != -- ]; do options="$options $1"; shift; done
 host=$2; shift 2
-echo "$host $*" >> {shlex.quote(self.log)}
+echo "$options: $host $*" >> {shlex.quote(self.log)}
 [ -e {shlex.quote(folder)}/"$host" ] || {{ echo "no such host" >&2; exit 255; }}
 . {shlex.quote(folder)}/"$host"
 [ "$fails" != "$3" ] || {{ echo "it broke" >&2; exit 8; }}
+case $waits in *" $3 "*)
+    echo $$ > {shlex.quote(self.waiting)}.new; mv {shlex.quote(self.waiting)}.new {shlex.quote(self.waiting)}
+    exec sleep 600;;
+esac
 exec "$@"
 """)
         os.chmod(script, 0o755)
         self.folder = folder
         self.environment = {"ZARVO_SSH": script}
 
-    def describe(self, folder, name, server, fails=""):
+    def describe(self, folder, name, server, fails="", waits=""):
         lines = [f"export {key}={shlex.quote(value)}\n" for key, value in server.environment.items()]
         path = os.path.dirname(ctl.CTL) + ":" + server.environment["PATH"]
-        lines.append(f"export PATH={shlex.quote(path)}\nfails={fails}\n")
+        lines.append(f"export PATH={shlex.quote(path)}\nfails={fails}\nwaits=' {waits} '\n")
         zarvo.write(os.path.join(folder, name), "".join(lines))
 
     def fingerprints(self):
@@ -295,6 +301,21 @@ exec "$@"
         self.assertNotEqual(fingerprint(self.near), fingerprint(self.far["far1"]))
         self.ctl(self.far["far1"], *command.split())
         self.assertEqual(len(set(self.fingerprints())), 1)
+
+    def test_ssh_ends_with_a_killed_renewal(self):
+        self.describe(self.folder, "far1", self.far["far1"], waits="receive")
+        process = self.background(self.near, "certificate", "renew", "far1", environment=self.environment)
+        zarvo.wait_until(lambda: os.path.exists(self.waiting), "a host that waits")
+        process.kill()
+        ssh = int(zarvo.read(self.waiting))
+        zarvo.wait_until(lambda: not zarvo.alive(ssh), "the end of ssh")
+
+    def test_ssh_forwards_nothing(self):
+        self.ctl(self.near, "certificate", "renew", "far1", environment=self.environment)
+        for line in zarvo.read(self.log).splitlines():
+            for option in ("-T", "-a", "-x", "ClearAllForwardings=yes", "PermitLocalCommand=no", "RemoteCommand=none",
+                           "GSSAPIDelegateCredentials=no", "Tunnel=no"):
+                self.assertIn(f" {option}", line.partition(":")[0])
 
     def test_received_pair_must_belong_together(self):
         _, other = zarvo.make_certificate(self.near.top, name="other")
