@@ -26,14 +26,22 @@ public:
 
     [[nodiscard]] bool hasCaughtSignal() const { return number != 0; }
 
+    /** The same, right after the signal and without an event loop. The signal that it finds ends no wait any more. */
+    [[nodiscard]] bool poll();
+
+    /** While it is on, signals are kept for the destructor and end no wait: for steps that must be finished. */
+    void setHeldBack(bool isOn) { isHeldBack = isOn; }
+
 signals:
     void signalCaught();
 
 private:
     void Notifier_activated();
+    [[nodiscard]] bool readSignal();
 
     int ends[2] = {-1, -1}; ///< the signal handler writes to the first; we read from the second
     std::unique_ptr<QSocketNotifier> notifier;
     QList<int> caught;
     int number = 0; ///< of the caught signal; 0 if none was caught
+    bool isHeldBack = false;
 };

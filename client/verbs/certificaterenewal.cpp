@@ -13,6 +13,8 @@ namespace {
 /** A server that stops waits for running requests, and a request may wait for its agent twice. */
 constexpr auto kStopTimeout = 60s;
 
+const QString kInterrupted = u"the renewal was interrupted"_s;
+
 } // namespace
 
 CertificateStore certificateStore(const ClientContext &context)
@@ -47,15 +49,23 @@ ExitCode CertificateRenewal::run()
     if (!prepare(&failure)) {
         return context->console.report(failure);
     }
+    return use();
+}
+
+ExitCode CertificateRenewal::use()
+{
+    interruption.setHeldBack(true);
     QString error;
     if (!store.use(id, &error)) {
         discard();
         return context->console.report({ExitCode::Negative, u"The certificate was not renewed: %1."_s.arg(error)});
     }
     QStringList problems;
+    Failure failure;
     if (!restartServer(context, &failure)) {
         problems.append(u"The server of this host did not start again: %1"_s.arg(failure.text));
     }
+    interruption.setHeldBack(false);
     problems += useOnHosts();
     if (!problems.isEmpty()) {
         return context->console.report({ExitCode::Negative, problems.join(u'\n')});
@@ -91,11 +101,20 @@ bool CertificateRenewal::storeOnHosts(Failure *failure)
     }
     QStringList problems;
     for (const CertificateHost &host : hosts) {
-        if (host.store(key + certificate, id, &error)) {
-            prepared.push_back(&host);
-        } else {
+        prepared.push_back(&host); // even if it fails: an interrupted one may have stored the pair
+        const bool isStored = host.store(key + certificate, id, &error);
+        if (interruption.poll()) {
+            break;
+        }
+        if (!isStored) {
+            prepared.pop_back();
             problems.append(u"%1: %2"_s.arg(host.name(), error));
         }
+    }
+    if (interruption.poll()) { // also while openssl ran
+        discard();
+        return fail(failure, ExitCode::Negative,
+                    u"The certificate was not renewed on any host: %1."_s.arg(kInterrupted));
     }
     if (problems.isEmpty()) {
         return true;
@@ -114,15 +133,17 @@ void CertificateRenewal::discard()
     store.discard(id);
 }
 
-QStringList CertificateRenewal::useOnHosts() const
+QStringList CertificateRenewal::useOnHosts()
 {
     QStringList problems;
     for (const CertificateHost &host : hosts) {
         QString error;
-        if (!host.use(id, &error)) {
+        // After a signal no further host is tried, and the one that it broke off may have done it or not.
+        const bool isTried = !interruption.poll();
+        if (!isTried || !host.use(id, &error)) {
             problems.append(
                 u"%1 may still use the old certificate: %2. Run there: zarvoctl certificate switch %3"_s.arg(
-                    host.name(), error, id));
+                    host.name(), interruption.poll() ? kInterrupted : error, id));
         }
     }
     return problems;

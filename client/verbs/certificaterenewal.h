@@ -5,6 +5,7 @@
 #include "client/server/certificatestore.h"
 #include "client/sessions/clientcontext.h"
 #include "client/terminal/exitcode.h"
+#include "client/terminal/interruption.h"
 
 #include <QStringList>
 
@@ -12,7 +13,8 @@
 
 /**
  * Gives this host and others a new certificate. All hosts store the new pair first, and only then does each put it into
- * use: if one cannot, nothing has changed anywhere. Used on the main thread.
+ * use: if one cannot, nothing has changed anywhere. A signal in the first step undoes it. After that, this host
+ * finishes its own part, and the user learns which hosts are missing. Used on the main thread.
  */
 class CertificateRenewal final
 {
@@ -27,9 +29,11 @@ private:
     [[nodiscard]] bool storeOnHosts(Failure *failure);
     /** Removes the new pair where it is stored. */
     void discard();
-    [[nodiscard]] QStringList useOnHosts() const;
+    [[nodiscard]] ExitCode use();
+    [[nodiscard]] QStringList useOnHosts();
 
-    ClientContext *context; ///< not owned
+    ClientContext *context;    ///< not owned
+    Interruption interruption; ///< a signal ends the program only after everything is told
     CertificateStore store;
     const std::vector<CertificateHost> hosts;
     std::vector<const CertificateHost *> prepared; ///< the hosts that have stored the new pair
@@ -39,5 +43,8 @@ private:
 /** The certificates of this host's user. */
 [[nodiscard]] CertificateStore certificateStore(const ClientContext &context);
 
-/** Lets the server take the pair that is in use now. Does nothing if none runs. Sessions go on. */
+/**
+ * Lets the server take the pair that is in use now. Does nothing if none runs. Sessions go on. No signal may end it
+ * half way, so an Interruption must be held back.
+ */
 [[nodiscard]] bool restartServer(ClientContext *context, Failure *failure);

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "client/terminal/interruption.h"
 #include "client/terminal/textwidth.h"
 #include "client/verbs/certificaterenewal.h"
 #include "client/verbs/verbs.h"
@@ -149,6 +150,8 @@ ExitCode switchTo(const QCommandLineParser &line, ClientContext &context)
     if (!readId(line, &id, &failure)) {
         return context.console.report(failure);
     }
+    Interruption interruption; // a pair that is in use needs a server that has read it
+    interruption.setHeldBack(true);
     if (!certificateStore(context).use(id, &error)) {
         return context.console.report({ExitCode::Negative, error + u'.'});
     }

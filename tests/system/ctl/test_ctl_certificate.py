@@ -5,6 +5,7 @@ import json
 import os
 import re
 import shlex
+import signal
 import ssl
 import subprocess
 import threading
@@ -301,6 +302,37 @@ exec "$@"
         self.assertNotEqual(fingerprint(self.near), fingerprint(self.far["far1"]))
         self.ctl(self.far["far1"], *command.split())
         self.assertEqual(len(set(self.fingerprints())), 1)
+
+    def interrupt(self, number):
+        """Renews on both hosts, sends the signal once the script of a host waits, and returns standard error."""
+        process = self.background(self.near, "certificate", "renew", "far1", "far2", environment=self.environment)
+        zarvo.wait_until(lambda: os.path.exists(self.waiting), "a host that waits")
+        process.send_signal(number)
+        error = process.communicate(timeout=2 * zarvo.DEADLINE)[1]
+        self.assertEqual(process.returncode, -number)
+        return error
+
+    def test_signal_before_the_switch_undoes_all(self):
+        before = self.fingerprints()
+        self.describe(self.folder, "far2", self.far["far2"], waits="receive")
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            with self.subTest(number=number):
+                self.assertIn("was not renewed on any host", self.interrupt(number))
+                self.assertEqual(self.fingerprints(), before)
+                for server in (self.near, *self.far.values()):
+                    self.assertEqual(self.stored_pairs(server), [])
+                os.unlink(self.waiting)
+
+    def test_signal_after_the_switch_names_each_host_that_is_missing(self):
+        self.near.start()
+        self.describe(self.folder, "far1", self.far["far1"], waits="switch")
+        error = self.interrupt(signal.SIGTERM)
+        self.near.wait_exit()
+        self.near.pid = None
+        self.addCleanup(self.ctl, self.near, "server", "stop")
+        self.assertIs(self.ctl_json(self.near, "certificate", "show")["serverAgrees"], True)
+        for host in ("far1", "far2"):
+            self.assertRegex(error, f"{host} may still use the old certificate: .* zarvoctl certificate switch [0-9a-f]")
 
     def test_ssh_ends_with_a_killed_renewal(self):
         self.describe(self.folder, "far1", self.far["far1"], waits="receive")
