@@ -73,7 +73,7 @@ _zarvoctl_values()
                 COMPREPLY=($(compgen -f -- "$current"))
             fi ;;
         *SESSION*) _zarvoctl_sessions "$current" ;;
-        *\|*) COMPREPLY=($(compgen -W "${follows//|/ }" -- "$current")) ;;
+        *\|*) [[ $given -gt 0 ]] || COMPREPLY=($(compgen -W "${follows//|/ }" -- "$current")) ;;
     esac
 }
 

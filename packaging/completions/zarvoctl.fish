@@ -46,7 +46,7 @@ function __zarvoctl_declare_arguments
             complete -c zarvoctl -n "$at; and __fish_contains_opt new" -a '(__fish_complete_subcommand)'
             string match -q '*FILE*' $argv[2]; and complete -c zarvoctl -n $at -F
         case '*|*'
-            complete -c zarvoctl -n $at -a (string replace -a '|' ' ' -- $argv[2])
+            complete -c zarvoctl -n "$at; and test (count (commandline -opc)) -eq 2" -a (string replace -a '|' ' ' -- $argv[2])
     end
 end
 

@@ -265,6 +265,10 @@ class Completions(ctl.CtlTestCase):
         self.assertIn("bash", self.bash(None, "start", "--", "ba"))
         self.assertEqual(self.bash(None, "start", "xterm", "zarvoctl.f", folder=COMPLETIONS), {"zarvoctl.fish"})
 
+    def test_bash_offers_choices_only_in_the_first_place(self):
+        self.assertEqual(self.bash(None, "certificate", ""), {"show", "renew"})
+        self.assertEqual(self.bash(None, "certificate", "renew", ""), set())
+
     def test_bash_completes_the_command_of_a_new_session(self):
         server = self.server()
         session = self.start(server, "zz")["id"]
