@@ -17,6 +17,19 @@ namespace {
 /** Time for a user to type a pass phrase, and for a server to end and start again. */
 constexpr auto kTimeout = 240s;
 
+/** The reason as a clause: zarvoctl writes its name before it and a full stop after it. */
+QString clauseOf(const QString &errors)
+{
+    QString reason = lastLine(errors);
+    if (reason.startsWith("zarvoctl: "_L1)) {
+        reason.remove(0, QLatin1StringView("zarvoctl: ").size());
+    }
+    while (reason.endsWith(u'.')) {
+        reason.chop(1);
+    }
+    return reason;
+}
+
 } // namespace
 
 CertificateHost::CertificateHost(const QString &name)
@@ -30,7 +43,7 @@ bool CertificateHost::isValidName(const QString &name)
     return form.match(name).hasMatch();
 }
 
-bool CertificateHost::store(const QByteArray &pair, const QString &id, QString *error) const
+bool CertificateHost::store(const QByteArray &pair, const QString &id, QString *error)
 {
     QByteArray output;
     if (!run({u"receive"_s}, pair, &output, error)) {
@@ -43,6 +56,7 @@ bool CertificateHost::store(const QByteArray &pair, const QString &id, QString *
         *error = u"its answer is invalid"_s;
         return false;
     }
+    folder = stringFromJson(member(answer, "folder"));
     return true;
 }
 
@@ -73,7 +87,7 @@ bool CertificateHost::run(const QStringList &arguments, const QByteArray &input,
         return false;
     }
     if (ssh.exitCode() != 0) {
-        const QString reason = lastLine(ssh.errorOutput());
+        const QString reason = clauseOf(ssh.errorOutput());
         *error = ssh.exitCode() == kSshFailed ? u"ssh failed: %1"_s.arg(reason) : reason;
         return false;
     }

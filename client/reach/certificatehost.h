@@ -25,7 +25,10 @@ public:
      * @param id     the pair's name, which the host must tell as well
      * @param error  set only on failure: one clause
      */
-    [[nodiscard]] bool store(const QByteArray &pair, const QString &id, QString *error) const;
+    [[nodiscard]] bool store(const QByteArray &pair, const QString &id, QString *error);
+
+    /** The name of its user path's folder, which hosts with the same home have side by side. Set by store(). */
+    [[nodiscard]] QString folderName() const { return folder; }
 
     /** Puts a stored pair into use there, and restarts its server if one runs. */
     [[nodiscard]] bool use(const QString &id, QString *error) const;
@@ -37,5 +40,6 @@ private:
     [[nodiscard]] bool run(const QStringList &arguments, const QByteArray &input, QByteArray *output,
                            QString *error) const;
 
-    const QString host;
+    QString host;
+    QString folder;
 };

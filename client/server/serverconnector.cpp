@@ -134,7 +134,10 @@ ServerConnector::Attempt ServerConnector::attemptOnce(RpcClient *client, Failure
     case RpcClient::Outcome::Distrust:
         break;
     }
-    fail(failure, ExitCode::CertificateRefused, error + u'.');
+    fail(failure, ExitCode::CertificateRefused,
+         u"%1. If the certificate was exchanged since the server (process %2) started, restart it: "
+         "zarvoctl server stop"_s.arg(error)
+             .arg(last.pid));
     return Attempt::Failed;
 }
 

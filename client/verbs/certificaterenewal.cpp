@@ -3,6 +3,9 @@
 
 #include "client/server/serverstop.h"
 
+#include <QDir>
+#include <QFileInfo>
+
 #include <chrono>
 
 using namespace Qt::StringLiterals;
@@ -67,13 +70,14 @@ ExitCode CertificateRenewal::use()
     }
     interruption.setHeldBack(false);
     problems += useOnHosts();
+    problems += forgottenNeighbours();
     if (!problems.isEmpty()) {
         return context->console.report({ExitCode::Negative, problems.join(u'\n')});
     }
-    context->console.note(
-        hosts.empty()
-            ? u"The certificate is renewed; the sessions go on."_s
-            : u"The certificate is renewed here and on %1 other hosts; the sessions go on."_s.arg(hosts.size()));
+    context->console.note(hosts.empty()
+                              ? u"The certificate is renewed; the sessions go on."_s
+                              : u"The certificate is renewed here and on %1; the sessions go on."_s.arg(
+                                    hosts.size() == 1 ? u"1 other host"_s : u"%1 other hosts"_s.arg(hosts.size())));
     return ExitCode::Done;
 }
 
@@ -100,7 +104,7 @@ bool CertificateRenewal::storeOnHosts(Failure *failure)
         return fail(failure, ExitCode::Negative, u"The certificate was not renewed: %1."_s.arg(error));
     }
     QStringList problems;
-    for (const CertificateHost &host : hosts) {
+    for (CertificateHost &host : hosts) {
         prepared.push_back(&host); // even if it fails: an interrupted one may have stored the pair
         const bool isStored = host.store(key + certificate, id, &error);
         if (interruption.poll()) {
@@ -144,6 +148,25 @@ QStringList CertificateRenewal::useOnHosts()
             problems.append(
                 u"%1 may still use the old certificate: %2. Run there: zarvoctl certificate switch %3"_s.arg(
                     host.name(), interruption.poll() ? kInterrupted : error, id));
+        }
+    }
+    return problems;
+}
+
+QStringList CertificateRenewal::forgottenNeighbours() const
+{
+    QStringList known = {QDir(QDir::cleanPath(context->files.userPath())).dirName()};
+    for (const CertificateHost &host : hosts) {
+        // A zarvoctl that is older does not tell its folder, which has the name of the host.
+        known << host.folderName() << host.name().section(u'@', -1);
+    }
+    const QDir parent(QFileInfo(context->files.certificatePath()).path());
+    QStringList problems;
+    for (const QString &name : parent.entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden)) {
+        if (!known.contains(name) && QFile::exists(parent.filePath(name + u'/' + UserFile::kServerPort))) {
+            problems.append(
+                u"%1 shares this home directory, and its server may still use the old certificate. Run there: "
+                "zarvoctl server stop"_s.arg(name));
         }
     }
     return problems;

@@ -31,11 +31,13 @@ private:
     void discard();
     [[nodiscard]] ExitCode use();
     [[nodiscard]] QStringList useOnHosts();
+    /** The hosts that share this home, seem to run a server and were not named: that server has read the old pair. */
+    [[nodiscard]] QStringList forgottenNeighbours() const;
 
     ClientContext *context;    ///< not owned
     Interruption interruption; ///< a signal ends the program only after everything is told
     CertificateStore store;
-    const std::vector<CertificateHost> hosts;
+    std::vector<CertificateHost> hosts;
     std::vector<const CertificateHost *> prepared; ///< the hosts that have stored the new pair
     QString id;                                    ///< of the new pair
 };

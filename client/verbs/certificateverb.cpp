@@ -8,6 +8,7 @@
 
 #include <QCryptographicHash>
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QSslCertificate>
 #include <QSslKey>
@@ -95,12 +96,14 @@ ExitCode show(const QCommandLineParser &line, ClientContext &context)
         return code;
     }
     const qint64 days = QDateTime::currentDateTimeUtc().daysTo(certificate.expiryDate());
+    // By the time: on the last day the number of days is 0, before the end and after it.
+    const bool isExpired = certificate.expiryDate() < QDateTime::currentDateTimeUtc();
     Console &console = context.console;
     console.printLine(u"subject      "_s + printable(subjectOf(certificate)));
     console.printLine(u"fingerprint  SHA-256 "_s + fingerprintOf(certificate));
     console.printLine(u"valid from   "_s + dateText(certificate.effectiveDate()));
     console.printLine(u"valid until  %1 (%2)"_s.arg(
-        dateText(certificate.expiryDate()), days >= 0 ? u"%1 days left"_s.arg(days) : u"expired; it still works"_s));
+        dateText(certificate.expiryDate()), isExpired ? u"expired; it still works"_s : u"%1 days left"_s.arg(days)));
     console.printLine(u"certificate  "_s + context.files.certificatePath());
     console.printLine(u"key          "_s + context.files.keyPath());
     console.printLine(u"server       "_s + agreementText(agreement));
@@ -131,6 +134,7 @@ ExitCode receive(const QCommandLineParser &, ClientContext &context)
     }
     Json::Value answer(Json::objectValue);
     answer["id"] = jsonString(id);
+    answer["folder"] = jsonString(QDir(QDir::cleanPath(context.files.userPath())).dirName());
     context.console.printJson(answer);
     return ExitCode::Done;
 }
@@ -182,6 +186,12 @@ ExitCode run(const QCommandLineParser &line, ClientContext &context)
     const Action action = actions.value(firstArgument(line), nullptr);
     if (!action) {
         return context.console.report({ExitCode::Usage, u"certificate needs one of show and renew."_s});
+    }
+    if (action == show && line.positionalArguments().size() > 1) {
+        return context.console.report({ExitCode::Usage, u"certificate show takes no arguments."_s});
+    }
+    if (action != show && line.isSet(u"json"_s)) {
+        return context.console.report({ExitCode::Usage, u"--json is for certificate show."_s});
     }
     return action(line, context);
 }

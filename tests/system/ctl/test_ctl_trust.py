@@ -46,7 +46,9 @@ class Trust(CtlTestCase):
                 return b""
 
         received = self.listen(server, serve)
-        self.assertIn("not our own", self.ctl_error(server, "list", code=REFUSED))
+        error = self.ctl_error(server, "list", code=REFUSED)
+        self.assertIn("not our own", error)
+        self.assertIn("restart it: zarvoctl server stop", error)
         zarvo.wait_until(lambda: received, "the end of the connection")
         self.assertEqual(received, [b""])  # no request was sent
 
