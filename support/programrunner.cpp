@@ -17,9 +17,12 @@ void killAndReap(QProcess *process)
     process->waitForFinished(-1);
 }
 
-QString firstErrorLine(QProcess *process)
+QString errorLine(QProcess *process, ReasonLine which)
 {
     process->setReadChannel(QProcess::StandardError);
+    if (which == ReasonLine::Last) {
+        return QString::fromLocal8Bit(process->readAllStandardError().trimmed()).section(u'\n', -1);
+    }
     QByteArray line = process->readLine();
     while (line.endsWith('\n') || line.endsWith('\r')) {
         line.chop(1);
@@ -30,7 +33,7 @@ QString firstErrorLine(QProcess *process)
 } // namespace
 
 bool runProgram(const QString &program, const QStringList &arguments, const QString &workingDirectory, int timeoutMs,
-                QString *error)
+                QString *error, ReasonLine reasonLine)
 {
     const auto fail = [&](const QString &reason) {
         *error = u"Failed to run the program \"%1\": %2"_s.arg(program, reason);
@@ -51,7 +54,7 @@ bool runProgram(const QString &program, const QStringList &arguments, const QStr
         return fail(u"The process crashed"_s);
     }
     if (process.exitCode() != 0) {
-        return fail(firstErrorLine(&process));
+        return fail(errorLine(&process, reasonLine));
     }
     return true;
 }

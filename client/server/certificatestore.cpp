@@ -17,9 +17,12 @@
 #include <QSslCertificate>
 
 #include <cerrno>
+#include <chrono>
+#include <ctime>
 
 #include <fcntl.h>
 #include <stdio.h> // rename()
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +32,9 @@ namespace {
 
 constexpr int kMaxPemBytes = 1024 * 1024;
 constexpr int kOpensslTimeoutMs = 120000;
+
+/** Longer than any renewal: the timeouts for openssl and for ssh to some hosts are minutes. */
+constexpr auto kSparedAge = std::chrono::hours(1);
 
 const QString kUsed = u"server_pair"_s;
 const QString kPrefix = u"server_pair-"_s;
@@ -70,6 +76,13 @@ void flushFile(const QString &path)
     }
 }
 
+bool isYoung(const QString &path)
+{
+    struct stat status = {};
+    return ::lstat(QFile::encodeName(path).constData(), &status) == 0 &&
+           ::time(nullptr) - status.st_mtime < std::chrono::seconds(kSparedAge).count();
+}
+
 bool isReadableFile(const QString &path)
 {
     return QFileInfo(path).isFile() && QFileInfo(path).isReadable();
@@ -82,6 +95,29 @@ CertificateStore::CertificateStore(const QString &certificatePath_, const QStrin
     , keyPath(keyPath_)
     , folder(QDir::cleanPath(QFileInfo(certificatePath_).path()))
 {
+}
+
+CertificateStore::~CertificateStore()
+{
+    if (lockDescriptor != -1) {
+        ::close(lockDescriptor);
+    }
+}
+
+bool CertificateStore::lock(QString *error)
+{
+    if (lockDescriptor == -1) {
+        lockDescriptor = ::open(QFile::encodeName(folder.path()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    }
+    if (lockDescriptor == -1) {
+        return failedTo(u"open"_s, folder.path(), error);
+    }
+    // Some network file systems have no locks. There, the age of the pairs has to protect them.
+    if (::flock(lockDescriptor, LOCK_EX | LOCK_NB) == -1 && errno == EWOULDBLOCK) {
+        *error = u"Another renewal of the certificate is running"_s;
+        return false;
+    }
+    return true;
 }
 
 bool CertificateStore::isValidId(const QString &id)
@@ -110,13 +146,13 @@ bool CertificateStore::makePairFolder(QString *name, QString *error) const
 bool CertificateStore::create(QString *id, QString *error)
 {
     QString name;
-    if (!makeFolder(error) || !makePairFolder(&name, error)) {
+    if (!makeFolder(error) || !lock(error) || !makePairFolder(&name, error)) {
         return false;
     }
     const QDir made(folder.filePath(name));
     const mode_t mask = ::umask(077);
     const bool isMade = runProgram(u"openssl"_s, opensslArguments(made.filePath(kKey), made.filePath(kCertificate)),
-                                   QString(), kOpensslTimeoutMs, error);
+                                   QString(), kOpensslTimeoutMs, error, ReasonLine::Last);
     ::umask(mask);
     if (!isMade) {
         removePair(name);
@@ -294,6 +330,9 @@ void CertificateStore::discard(const QString &id) const
 void CertificateStore::removeOldPairs(const QString &used, const QString &previous) const
 {
     for (const QString &name : folder.entryList({kPrefix + u'*'}, QDir::Dirs | QDir::Files | QDir::System)) {
+        if (isYoung(folder.filePath(name))) {
+            continue;
+        }
         if (QFileInfo(folder.filePath(name)).isSymLink()) {
             ::unlink(encoded(folder, name).constData()); // of a killed renewal
         } else if (name != used && name != previous) {

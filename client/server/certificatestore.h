@@ -18,9 +18,12 @@ class CertificateStore final
 {
 public:
     CertificateStore(const QString &certificatePath, const QString &keyPath);
+    ~CertificateStore();
+    Q_DISABLE_COPY_MOVE(CertificateStore)
 
     /**
-     * Makes a new pair and stores it beside the one in use.
+     * Makes a new pair and stores it beside the one in use. Fails if another store has made one and still lives,
+     * because each would remove the pair of the other.
      * @param id     set only on success: names the pair
      * @param error  set only on failure: one sentence
      */
@@ -54,10 +57,13 @@ private:
     [[nodiscard]] bool adopt(QString *error) const;
     [[nodiscard]] bool putLink(const QString &target, const QString &name, QString *error) const;
     [[nodiscard]] QString linkTarget(const QString &name) const;
+    [[nodiscard]] bool lock(QString *error);
     void removePair(const QString &name) const;
+    /** Spares young ones: another host that shares the folder may be about to use them. */
     void removeOldPairs(const QString &used, const QString &previous) const;
 
     const QString certificatePath;
     const QString keyPath;
     const QDir folder;
+    int lockDescriptor = -1; ///< the folder, locked from create() on
 };

@@ -35,6 +35,11 @@ class CertificateCase(ctl.CtlTestCase):
         folder = os.path.dirname(server.certificate)
         return sorted(name for name in os.listdir(folder) if name.startswith("server_pair-"))
 
+    def age_pairs(self, server):
+        """Makes the stored pairs older than a renewal can last, so that the next one may remove them."""
+        for name in self.stored_pairs(server):
+            os.utime(os.path.join(os.path.dirname(server.certificate), name), (0, 0), follow_symlinks=False)
+
     def assert_sound(self, server):
         """Certificate and key belong together, and the key is private."""
         self.assertTrue(fits(server.certificate, server.key))
@@ -75,7 +80,8 @@ class Show(CertificateCase):
     def test_wrong_usage(self):
         server = self.prepare()
         for arguments in (["frobnicate"], ["switch"], ["switch", "../../x"], ["discard", "zz"],
-                          ["renew", "-oProxyCommand=x"], ["renew", "a b"], ["renew", "$(id)"]):
+                          ["renew", "-oProxyCommand=x"], ["renew", "a b"], ["renew", "$(id)"],
+                          ["show", "extra"], ["renew", "--json"]):
             with self.subTest(arguments=arguments):
                 self.assertEqual(self.ctl_result(server, "certificate", *arguments).returncode, USAGE)
 
@@ -121,6 +127,7 @@ class Renew(CertificateCase):
         server = self.prepare()
         seen = {fingerprint(server)}
         for _ in range(4):
+            self.age_pairs(server)
             self.ctl(server, "certificate", "renew")
             self.assert_sound(server)
             seen.add(fingerprint(server))
@@ -142,6 +149,44 @@ class Renew(CertificateCase):
             self.assertIn("not renewed", self.ctl_error(server, "certificate", "renew", code=NEGATIVE))
             self.assertEqual(fingerprint(server), before)
             self.assertEqual(self.stored_pairs(server), [])
+
+    def test_reason_of_openssl_is_its_last_line(self):
+        server = self.prepare()
+        server.install_program("openssl", 'echo "....+++++" >&2; echo "no entropy" >&2; exit 1\n')
+        error = self.ctl_error(server, "certificate", "renew", code=NEGATIVE)
+        self.assertIn("no entropy", error)
+        self.assertNotIn("+++", error)
+
+    def test_second_renewal_at_the_same_time_is_refused(self):
+        server = self.prepare()
+        ready = os.path.join(server.top, "openssl-runs")
+        server.install_program("openssl", f"touch {shlex.quote(ready)}; exec sleep 600\n")
+        first = self.background(server, "certificate", "renew")
+        zarvo.wait_until(lambda: os.path.exists(ready), "the first renewal")
+        pairs = self.stored_pairs(server)
+        server.install_program("openssl", "exit 1\n")
+        self.assertIn("Another renewal", self.ctl_error(server, "certificate", "renew", code=NEGATIVE))
+        self.assertEqual(self.stored_pairs(server), pairs)
+        first.kill()
+
+    def test_young_pair_of_another_host_stays(self):
+        server = self.prepare()
+        folder = os.path.dirname(server.certificate)
+        os.mkdir(os.path.join(folder, "server_pair-" + "0" * 32))
+        self.ctl(server, "certificate", "renew")
+        self.assertIn("server_pair-" + "0" * 32, self.stored_pairs(server))
+        self.age_pairs(server)
+        self.ctl(server, "certificate", "renew")
+        self.assertNotIn("server_pair-" + "0" * 32, self.stored_pairs(server))
+
+    def test_host_with_the_same_home_that_was_not_named_is_told(self):
+        server = self.prepare()
+        other = os.path.join(os.path.dirname(server.certificate), "neighbour")
+        os.mkdir(other)
+        zarvo.write(os.path.join(other, "server_port"), "41000")
+        error = self.ctl_error(server, "certificate", "renew", code=NEGATIVE)
+        self.assertIn("neighbour shares this home directory", error)
+        self.assertIn("zarvoctl server stop", error)
 
     def test_deleted_certificate_is_made_again_by_the_server(self):
         server = self.prepare()
@@ -208,6 +253,9 @@ class Renew(CertificateCase):
         self.assertGreater(step, 10)
         self.assertGreater(len(seen), 1)
         server.environment.pop("ZARVO_FAULTS")
+        certificate, key = pairs[(step + 1) % 2]  # another one than the pair in use
+        server.install_program("openssl", f'cp {shlex.quote(key)} "$7"; cp {shlex.quote(certificate)} "$9"\n')
+        self.age_pairs(server)
         self.ctl(server, "certificate", "renew")
         self.assertLessEqual(len(self.stored_pairs(server)), 2)
         server.start()
@@ -235,7 +283,7 @@ host=$2; shift 2
 echo "$options: $host $*" >> {shlex.quote(self.log)}
 [ -e {shlex.quote(folder)}/"$host" ] || {{ echo "no such host" >&2; exit 255; }}
 . {shlex.quote(folder)}/"$host"
-[ "$fails" != "$3" ] || {{ echo "it broke" >&2; exit 8; }}
+[ "$fails" != "$3" ] || {{ echo "zarvoctl: it broke." >&2; exit 8; }}
 case $waits in *" $3 "*)
     echo $$ > {shlex.quote(self.waiting)}.new; mv {shlex.quote(self.waiting)}.new {shlex.quote(self.waiting)}
     exec sleep 600;;
@@ -296,7 +344,7 @@ exec "$@"
         self.describe(self.folder, "far1", self.far["far1"], fails="switch")
         error = self.ctl_error(self.near, "certificate", "renew", "far1", "far2", code=NEGATIVE,
                                environment=self.environment)
-        self.assertIn("far1 may still use the old certificate: it broke", error)
+        self.assertIn("far1 may still use the old certificate: it broke. Run", error)
         command = re.search(r"zarvoctl (certificate switch [0-9a-f]{32})", error).group(1)
         self.assertEqual(fingerprint(self.near), fingerprint(self.far["far2"]))
         self.assertNotEqual(fingerprint(self.near), fingerprint(self.far["far1"]))
